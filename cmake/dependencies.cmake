@@ -1,0 +1,13 @@
+# Everything that we build on, all of it from the distribution's packages. scripts/setup installs the same list.
+find_package(PkgConfig REQUIRED)
+find_package(Threads REQUIRED)
+find_package(SQLite3 REQUIRED)
+find_package(OpenSSL 3 REQUIRED COMPONENTS Crypto)
+find_package(Qt5 5.15 REQUIRED COMPONENTS Core)
+find_package(CLI11 REQUIRED)
+find_package(nlohmann_json REQUIRED)
+pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd>=252)
+if(BUILD_TESTING)
+    find_package(GTest REQUIRED)
+    include(GoogleTest)
+endif()

@@ -1,0 +1,33 @@
+# cmake --install: programs, libraries, headers as they stand in the tree, a CMake package and a pkg-config file.
+include(CMakePackageConfigHelpers)
+
+# Found relative to where things lie, so that any prefix works without LD_LIBRARY_PATH.
+set_target_properties(sdconfig sdbus sdsecurity velmarlog PROPERTIES INSTALL_RPATH "$ORIGIN")
+set_target_properties(sdconfigd sdconfig_cli PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+
+install(TARGETS sdconfigd sdconfig_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS sdconfig sdbus sdsecurity velmarlog EXPORT sdconfig-targets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+
+set(headers
+    libsdconfig/sdconfig.h libsdconfig/dmconfig.h libsdconfig/sdconfig_client.h
+    libsdconfig/sdconfig_export.h libsdconfig/sdconfig_types.h
+    src/sdconfig_impl.h src/sdconfig_impl_property.h src/sdconfig_impl_policy.h
+    src/sdconfig_service_sdbus.h src/sdconfig_protocol.h
+    sql/SQLiteDatabase.h sql/SQLiteTable.h
+    platform/sdbus/sdbus.h platform/sdsecurity/sdsecurity.h platform/velmarlog/velmarlog.h)
+foreach(header ${headers})
+    cmake_path(GET header PARENT_PATH folder)
+    install(FILES ${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/sdconfig/${folder})
+endforeach()
+
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/sdconfig)
+install(EXPORT sdconfig-targets NAMESPACE sdconfig:: DESTINATION ${package_dir})
+configure_package_config_file(packaging/sdconfig-config.cmake.in ${PROJECT_BINARY_DIR}/sdconfig-config.cmake
+    INSTALL_DESTINATION ${package_dir})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/sdconfig-config-version.cmake COMPATIBILITY SameMinorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/sdconfig-config.cmake ${PROJECT_BINARY_DIR}/sdconfig-config-version.cmake
+    DESTINATION ${package_dir})
+
+configure_file(packaging/sdconfig.pc.in ${PROJECT_BINARY_DIR}/sdconfig.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/sdconfig.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,0 +1,42 @@
+# How a target of this project is made: warnings, sanitizers, and the two kinds of rooms.
+
+add_library(sd_warnings INTERFACE)
+target_compile_options(sd_warnings INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion
+    $<$<BOOL:${SDCONFIG_WERROR}>:-Werror>)
+
+if(SDCONFIG_SANITIZE)
+    add_compile_options(-fsanitize=${SDCONFIG_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+    add_link_options(-fsanitize=${SDCONFIG_SANITIZE})
+endif()
+
+# A room of libsdconfig: one object library, so that tests link the same objects, hidden symbols included.
+# SOURCES its files; ROOMS the rooms that it may know; USES the libraries that its users never meet.
+function(sd_room name)
+    cmake_parse_arguments(ROOM "" "" "SOURCES;ROOMS;USES" ${ARGN})
+    add_library(sd_${name} OBJECT ${ROOM_SOURCES})
+    target_include_directories(sd_${name} PUBLIC ${PROJECT_SOURCE_DIR})
+    target_link_libraries(sd_${name} PUBLIC ${ROOM_ROOMS} PRIVATE ${ROOM_USES} sd_warnings)
+endfunction()
+
+# A platform layer: a shared library of its own behind one header, NAME/NAME.h.
+# SOURCES its files; LAYERS the layers that it builds on; USES the libraries that its users never meet.
+function(sd_platform_layer name)
+    cmake_parse_arguments(LAYER "" "" "SOURCES;LAYERS;USES" ${ARGN})
+    add_library(${name} SHARED ${LAYER_SOURCES})
+    add_library(sdconfig::${name} ALIAS ${name})
+    set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+    target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
+        $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/sdconfig>)
+    target_link_libraries(${name} PRIVATE ${LAYER_LAYERS} ${LAYER_USES} $<BUILD_INTERFACE:sd_warnings>)
+endfunction()
+
+# A test program: one a file or two; USES what it links besides GoogleTest and the shared pieces of tests/support.
+function(sd_test name)
+    cmake_parse_arguments(TEST "" "TIMEOUT" "SOURCES;USES" ${ARGN})
+    add_executable(${name} ${TEST_SOURCES})
+    target_link_libraries(${name} PRIVATE ${TEST_USES} sd_test_support GTest::gmock GTest::gtest_main sd_warnings)
+    if(NOT TEST_TIMEOUT)
+        set(TEST_TIMEOUT 60)
+    endif()
+    gtest_discover_tests(${name} PROPERTIES TIMEOUT ${TEST_TIMEOUT} DISCOVERY_TIMEOUT 60)
+endfunction()
