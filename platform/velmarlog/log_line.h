@@ -1,0 +1,11 @@
+// How a source file writes its log lines, so that tag, source name and prefix stand once in it. The file defines kTag
+// and kSource, and then:
+//     LOG(7, AT "open failed: %s", HERE, path);
+// For .cpp files only.
+#pragma once
+
+#include "platform/velmarlog/velmarlog.h"
+
+#define AT "%s %s(%d): "
+#define HERE kSource, __func__, __LINE__
+#define LOG(level, ...) velmarLogPrint(0, level, kTag, __VA_ARGS__)
