@@ -1,0 +1,56 @@
+// Where this process has its key ring from, and when it looks at it again.
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "platform/sdsecurity/key_ring.h"
+#include "platform/sdsecurity/ring_file.h"
+#include "platform/sdsecurity/sdsecurity.h"
+#include "platform/sdsecurity/seal_counter.h"
+
+namespace sd::security {
+
+// A usable ring is kept in memory and read again only when a block of seals is used up or an envelope names a key that
+// it does not hold: another process may have rotated. A ring that is broken or absent is looked at by every operation,
+// so that a repair needs no restart. Any thread.
+class KeyStore {
+public:
+    // "" is the default folder.
+    void useFolder(const std::string& folder);
+    bool useDescriptor(int descriptor);
+
+    // The ring whose current key may seal one value more; makes the file if there is none. Null with a line logged.
+    std::shared_ptr<const KeyRing> ringToSeal();
+    // A ring that holds the key. Null with a line logged.
+    std::shared_ptr<const KeyRing> ringToOpen(const KeyId& id);
+
+    SDSecurity::KeyRingStatus check();
+    bool rotate();
+
+private:
+    struct Place {
+        enum class Kind { Folder, DefaultFolder, Credentials, HandedOver } kind;
+        std::string folder;  // where this layer may write; empty for what was handed over
+        std::string path;    // of the ring
+        std::string reason;  // why there is no such place, or ""
+    };
+    static std::optional<Place> credentialsPlace();
+    static Place defaultPlace();
+
+    const Place& place();
+    RingRead read();
+    bool update(bool makeIfAbsent);
+    std::string makeRing();
+    std::string addKey();
+
+    std::mutex mMutex;  // guards all below
+    std::string mToldFolder;
+    std::optional<Place> mPlace;
+    std::shared_ptr<const KeyRing> mRing;
+    SealCounter mCounter;
+};
+
+}  // namespace sd::security

@@ -1,0 +1,78 @@
+// The files of the security layer: read with suspicion, written whole or not at all.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "platform/sdsecurity/key_ring.h"
+#include "platform/sdsecurity/sdsecurity.h"
+
+namespace sd::security {
+
+class UniqueFd {
+public:
+    explicit UniqueFd(int descriptor = -1) : mDescriptor(descriptor) {}
+    UniqueFd(UniqueFd&& other) noexcept : mDescriptor(std::exchange(other.mDescriptor, -1)) {}
+    UniqueFd& operator=(UniqueFd&& other) noexcept {
+        std::swap(mDescriptor, other.mDescriptor);
+        return *this;
+    }
+    ~UniqueFd();
+    int get() const { return mDescriptor; }
+    explicit operator bool() const { return mDescriptor >= 0; }
+
+private:
+    int mDescriptor;
+};
+
+// "what: the text of errno".
+std::string systemError(const std::string& what);
+
+// Who else than its owner may read a file. systemd shows the access list of a unit's credentials as a group's right.
+enum class Readers { OwnerOnly, GroupToo };
+
+struct FileRead {
+    SDSecurity::KeyRingState state;  // of the file
+    SecretBytes bytes;
+    std::string reason;  // where it is broken
+};
+// Reads a file of at most kMaxRingText bytes: a plain one, no link, of the effective user or root.
+FileRead readFile(const std::string& path, Readers readers);
+// Reads what the host handed over, from its start to its end.
+FileRead readDescriptor(int descriptor);
+
+struct RingRead {
+    SDSecurity::KeyRingState state;
+    KeyRing ring;
+    std::string reason;
+};
+RingRead parseRing(const FileRead& file);
+
+// A folder of the effective user, held against all other processes that would write there. One that belongs to
+// somebody else is refused: a run as root would leave files there that its owner can't read.
+class LockedFolder {
+public:
+    // Returns nothing, with the reason, where the lock can't be had within a few seconds.
+    static std::optional<LockedFolder> lock(const std::string& path, std::string& reason);
+    LockedFolder(LockedFolder&&) noexcept = default;
+    LockedFolder& operator=(LockedFolder&&) = delete;
+    ~LockedFolder();
+
+    // Writes a file of mode 0600 that is there whole or not at all, after a power cut too. False, with the reason and
+    // the files as they were, where that fails; `create` fails where the file exists.
+    bool create(const std::string& name, const SecretBytes& bytes, std::string& reason) const;
+    bool replace(const std::string& name, const SecretBytes& bytes, std::string& reason) const;
+
+private:
+    LockedFolder(UniqueFd folder, UniqueFd lock) : mFolder(std::move(folder)), mLock(std::move(lock)) {}
+    bool writeAside(const std::string& name, const SecretBytes& bytes, std::string& reason) const;
+
+    UniqueFd mFolder;
+    UniqueFd mLock;
+};
+
+// Makes a folder of mode 0700, and those above it too if `parents`. One that exists is left as it is.
+bool makeFolder(const std::string& path, bool parents, std::string& reason);
+
+}  // namespace sd::security
