@@ -1,0 +1,82 @@
+#include "sql/SQLiteStatement.h"
+
+#include <sqlite3.h>
+
+#include "platform/velmarlog/log_line.h"
+#include "sql/SQLiteDatabase.h"
+
+namespace sd::data {
+
+namespace {
+constexpr char kTag[] = "DMS-SQLiteStatement";
+constexpr char kSource[] = "sql/SQLiteStatement";
+}  // namespace
+
+SQLiteStatement::SQLiteStatement(SQLiteDatabase& db, const std::string& sql) : mDb(db), mSql(sql), mHandle(nullptr) {}
+
+int SQLiteStatement::prepare() {
+    if (!mDb.handle()) {
+        LOG(7, AT "sqlite3_prepare_v2 failed: no handle", HERE);
+        return 1;
+    }
+    const char* tail = nullptr;
+    // SQLite saves a copy of the text when the length counts its final zero byte.
+    const int length = static_cast<int>(mSql.size() + 1);
+    const int result = sqlite3_prepare_v2(mDb.handle(), mSql.c_str(), length, &mHandle, &tail);
+    if (result != SQLITE_OK)
+        LOG(7, AT "sqlite3_prepare_v2 failed (%i)\n%s\n%s", HERE, result, mSql.c_str(), sqlite3_errmsg(mDb.handle()));
+    if (tail && *tail != '\0') {
+        LOG(7, AT "sqlite3_prepare_v2 failed: tail:%s", HERE, tail);
+        return 1;
+    }
+    return result;
+}
+
+int SQLiteStatement::step() {
+    if (!mHandle) {
+        LOG(7, AT "step failed: no statement", HERE);
+        return 0;
+    }
+    const int result = sqlite3_step(mHandle);
+    if (result != SQLITE_ROW && result != SQLITE_DONE)
+        LOG(7, AT "sqlite3_step failed (%i)\nQuery - %s\nError - %s", HERE, result, mSql.c_str(),
+            sqlite3_errmsg(mDb.handle()));
+    return result;
+}
+
+void SQLiteStatement::finalize() {
+    if (!mHandle) return;
+    sqlite3_finalize(mHandle);
+    mHandle = nullptr;
+}
+
+bool SQLiteStatement::executeCommand() {
+    if (!mHandle && prepare() != 0) {
+        LOG(7, AT "executeCommand failed: prepare failed", HERE);
+        return false;
+    }
+    const bool done = step() == SQLITE_DONE;
+    finalize();
+    if (!done) LOG(7, AT "executeCommand failed: step failed", HERE);
+    return done;
+}
+
+int SQLiteStatement::bindText(int index, const std::string& value) {
+    return sqlite3_bind_text(mHandle, index, value.data(), static_cast<int>(value.size()), SQLITE_TRANSIENT);
+}
+
+int SQLiteStatement::bindInt(int index, int value) {
+    return sqlite3_bind_int(mHandle, index, value);
+}
+
+int SQLiteStatement::getColumnInt(int column) {
+    return mHandle ? sqlite3_column_int(mHandle, column) : 0;
+}
+
+std::string SQLiteStatement::getColumnText(int column) {
+    if (!mHandle) return "";
+    const unsigned char* text = sqlite3_column_text(mHandle, column);
+    return text ? reinterpret_cast<const char*>(text) : "";
+}
+
+}  // namespace sd::data

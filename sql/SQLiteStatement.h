@@ -1,0 +1,49 @@
+// One prepared statement.
+#pragma once
+
+#include <string>
+
+struct sqlite3_stmt;
+
+namespace sd::data {
+
+class SQLiteDatabase;
+
+// constructed --prepare--> prepared --step...--> --finalize--> as constructed
+// Bind parameters count from 1, result columns from 0. One thread at a time; nothing throws.
+class SQLiteStatement {
+public:
+    // Keeps a reference to `db`, which has to outlive the statement. Prepares nothing.
+    SQLiteStatement(SQLiteDatabase& db, const std::string& sql);
+
+    // Does not finalize: who prepared a statement finalizes it, by finalize or executeCommand.
+    ~SQLiteStatement() = default;
+    SQLiteStatement(const SQLiteStatement&) = delete;
+    SQLiteStatement& operator=(const SQLiteStatement&) = delete;
+
+    // 0 on success. A text of more than one statement fails.
+    int prepare();
+
+    // SQLite's result (100 a row is ready, 101 done, else an error), or 0 when nothing is prepared.
+    int step();
+
+    void finalize();
+
+    // Runs a statement that yields no rows: prepares it if need be, steps once, finalizes. A row is a failure.
+    bool executeCommand();
+
+    // SQLite's result. The whole string is bound, zero bytes included, and copied.
+    int bindText(int index, const std::string& value);
+    int bindInt(int index, int value);
+
+    // 0 and "" when nothing is prepared or the column is NULL. Text ends at its first zero byte.
+    int getColumnInt(int column);
+    std::string getColumnText(int column);
+
+private:
+    SQLiteDatabase& mDb;
+    std::string mSql;
+    sqlite3_stmt* mHandle;
+};
+
+}  // namespace sd::data
