@@ -1,0 +1,202 @@
+#include "src/sdconfig_impl.h"
+
+#include <algorithm>
+#include <array>
+#include <vector>
+
+#include "libsdconfig/sdconfig.h"
+#include "libsdconfig/sdconfig_types.h"
+#include "platform/sdsecurity/sdsecurity.h"
+#include "platform/velmarlog/log_line.h"
+#include "src/sdconfig_helpers.h"
+#include "src/sdconfig_impl_policy.h"
+#include "src/sdconfig_key_value_table.h"
+
+namespace sd {
+
+namespace {
+
+constexpr char kTag[] = "sdconfig";
+constexpr char kSource[] = "src/sdconfig_impl";
+
+constexpr char kCurrentVersion[] = "3";
+constexpr char kVersionKey[] = "dbVersion";
+constexpr int kSlowSecureMs = 100;
+
+// One ordered table for both classifying functions: each looks at its own range.
+constexpr std::array<const char*, 7> kClassifiedKeys = {
+    "ro.sd.keepAliveToken",       "ro.sd.uuid",          "encryptedPassword",
+    "velmar.proxy.http.password", "ro.sd.build.version", "ro.sd.product.channel",
+    "ro.velmar.switch.env",
+};
+constexpr auto kFirstBuildPropKey = kClassifiedKeys.begin() + 4;
+
+}  // namespace
+
+bool isKeyInTPM(std::string key) {
+    return std::find(kClassifiedKeys.begin(), kFirstBuildPropKey, key) != kFirstBuildPropKey;
+}
+
+bool isSpecialKeyInBuildProp(std::string key) {
+    return std::find(kFirstBuildPropKey, kClassifiedKeys.end(), key) != kClassifiedKeys.end();
+}
+
+SDConfigImpl* SDConfigImpl::GetInstance() {
+    static const std::string dataPath = SDConfig::getDataPathUtf8();
+    static const std::string dbPath = dataPath + "/sdconfig.db";
+    static SDConfigImpl instance(dbPath);
+    return &instance;
+}
+
+SDConfigImpl::SDConfigImpl(const std::string& dbPath)
+    : SQLiteDatabase(dbPath),
+      mDbInforTable(*this, "dbinfor"),
+      mConfigTable(*this, "config"),
+      mSecureTable(*this, "secure"),
+      mSecureV3Table(*this, "secure_v3"),
+      mLatestVersion(kCurrentVersion) {
+    LOG(5, AT "sdconfig db path=%s", HERE, dbPath.c_str());
+    LOG(5, AT "start init DB", HERE);
+    initDB();
+    LOG(5, AT "start upgrade DB", HERE);
+    upgradeDB();
+}
+
+SDConfigImpl::~SDConfigImpl() = default;
+
+bool SDConfigImpl::initDB() {
+    const bool config = initConfigTable();
+    if (!config) LOG(7, AT "failed to init config", HERE);
+    const bool secure = initSecureTable();
+    if (!secure) LOG(7, AT "failed to init secure", HERE);
+    const bool dbInfor = initDBInforTable();
+    if (!dbInfor) LOG(7, AT "failed to init upgrade table", HERE);
+
+    const bool succeeded = config && secure && dbInfor;
+    LOG(5, AT "init DB result: %s", HERE, succeeded ? "succeed" : "failed");
+    return succeeded;
+}
+
+bool SDConfigImpl::initDBInforTable() {
+    return key_value::create(mDbInforTable);
+}
+
+bool SDConfigImpl::initConfigTable() {
+    return key_value::create(mConfigTable);
+}
+
+bool SDConfigImpl::initSecureTable() {
+    const bool legacy = key_value::create(mSecureTable);
+    const bool current = key_value::create(mSecureV3Table);
+    return legacy && current;
+}
+
+bool SDConfigImpl::upgradeDB() {
+    if (!isNewInstall()) return true;
+    LOG(5, AT "new install, don't need upgrade.", HERE);
+    return setDBVersion(mDbInforTable, kCurrentVersion);
+}
+
+bool SDConfigImpl::isNewInstall() {
+    return getTableRecordCount(mSecureV3Table) == 0;
+}
+
+std::string SDConfigImpl::getDBVersion(data::SQLiteTable& table) {
+    return getValueFromDatabaseTable(table, kVersionKey);
+}
+
+bool SDConfigImpl::setDBVersion(data::SQLiteTable& table, std::string version) {
+    deleteValueFromDatabase(table, kVersionKey);
+    return setValueToDatabaseTable(table, kVersionKey, version);
+}
+
+unsigned int SDConfigImpl::getTableRecordCount(data::SQLiteTable& table) {
+    std::vector<std::string> keys;
+    return key_value::keys(table, keys) ? static_cast<unsigned int>(keys.size()) : 0;
+}
+
+std::string SDConfigImpl::getValueFromDatabaseTable(data::SQLiteTable& table, const std::string& key) {
+    return key_value::get(table, key);
+}
+
+bool SDConfigImpl::setValueToDatabaseTable(data::SQLiteTable& table, const std::string& key, const std::string& value) {
+    return key_value::set(table, key, value);
+}
+
+bool SDConfigImpl::deleteValueFromDatabase(data::SQLiteTable& table, const std::string& key) {
+    return key_value::remove(table, key);
+}
+
+bool SDConfigImpl::SetSecure(const std::string& key, const std::string& value) {
+    const Stopwatch watch;
+    const bool stored = SetSecure_v3(key, value);
+    if (const int ms = watch.elapsedMs(); ms >= kSlowSecureMs)
+        LOG(6, AT "SetSecure %s takes %d ms", HERE, key.c_str(), ms);
+    return stored;
+}
+
+bool SDConfigImpl::SetSecure_v3(const std::string& key, const std::string& value) {
+    const std::string utf8Value = latin1ToUtf8(value);
+    const std::string encrypted = utf8Value.empty() ? "" : SDSecurity::GetInstance()->FastEncrypt(utf8Value);
+    // Sealed before the old row goes: a key ring that can't be used must not cost the value that is there.
+    if (encrypted.empty() && !utf8Value.empty()) {
+        LOG(7, AT "encryption failed, the key is %s", HERE, key.c_str());
+        return false;
+    }
+    DeleteSecure_v3(key);
+    if (isIdentityKey(key))
+        LOG(5, AT "key is %s, utf8Value is %s, encrypted is %s", HERE, key.c_str(), utf8Value.c_str(),
+            encrypted.c_str());
+    return setValueToDatabaseTable(mSecureV3Table, key, encrypted);
+}
+
+std::string SDConfigImpl::GetSecure(const std::string& key) {
+    const Stopwatch watch;
+    const PolicyMap policy = SDConfigDmHelper::GetInstance().GetPolicyWithUri(key);
+    std::string value;
+    if (policy.size() == 1 && policy.begin()->first != kNullValue) value = policy.begin()->first;
+    if (const int ms = watch.elapsedMs(); ms >= kSlowSecureMs)
+        LOG(6, AT "GetSecure %s takes %d ms", HERE, key.c_str(), ms);
+    return value;
+}
+
+std::string SDConfigImpl::GetSecure_v3(const std::string& key) {
+    const std::string encrypted = getValueFromDatabaseTable(mSecureV3Table, key);
+    if (encrypted.empty()) return "";
+    std::string value = SDSecurity::GetInstance()->FastDecrypt(encrypted);
+    if (isIdentityKey(key))
+        LOG(5, AT "key is %s, encrypted is %s, value is %s", HERE, key.c_str(), encrypted.c_str(), value.c_str());
+    return value;
+}
+
+bool SDConfigImpl::DeleteSecure(const std::string& key) {
+    return DeleteSecure_v3(key);
+}
+
+bool SDConfigImpl::DeleteSecure_v3(const std::string& key) {
+    if (getValueFromDatabaseTable(mSecureV3Table, key).empty()) {
+        if (isIdentityKey(key)) LOG(5, AT "key is %s", HERE, key.c_str());
+        return true;
+    }
+    return deleteValueFromDatabase(mSecureV3Table, key);
+}
+
+bool SDConfigImpl::isKeyInDB(std::string key) {
+    std::vector<std::string> keys;
+    key_value::keys(mSecureV3Table, keys);
+    return std::find(keys.begin(), keys.end(), key) != keys.end();
+}
+
+std::string SDConfigImpl::GetConst(const std::string& name) {
+    return SDSecurity::GetInstance()->GetString(name);
+}
+
+std::string SDConfigImpl::SignRequest(const std::string& request) {
+    return request;
+}
+
+bool SDConfigImpl::VerifyRequest(const std::string& /*request*/, const std::string& /*signature*/) {
+    return true;
+}
+
+}  // namespace sd

@@ -1,0 +1,91 @@
+// The configuration store: plain and secure values in sdconfig.db, constants and request signing.
+#pragma once
+
+#include <string>
+
+#include "libsdconfig/sdconfig_export.h"
+#include "sql/SQLiteDatabase.h"
+#include "sql/SQLiteTable.h"
+
+namespace sd {
+
+// A key that is kept in the device's protected storage, where there is one. Exact comparison.
+SDCONFIG_API bool isKeyInTPM(std::string key);
+
+// A key that is always read from the product's build.prop. Exact comparison.
+SDCONFIG_API bool isSpecialKeyInBuildProp(std::string key);
+
+// The object is itself the connection to sdconfig.db, with four tables of one form (id, key, value):
+//   dbinfor    the file's own version, under "dbVersion"
+//   config     plain settings
+//   secure     secure values in the form of earlier versions; only the upgrade reads it
+//   secure_v3  secure values, sealed by the security layer
+// Keys compare without regard to letter case, but for isKeyInDB.
+//
+// The service uses it on its own thread, one call at a time; it takes no lock. Other processes may hold the file too.
+// Nothing throws: failures are false, 0 or "", with log lines. An absent key and an empty value both read as "".
+class SDCONFIG_API SDConfigImpl : public data::SQLiteDatabase {
+public:
+    // The process's store in the data folder (SDConfig::getDataPathUtf8), opened on first use and kept to the end.
+    static SDConfigImpl* GetInstance();
+
+    // Opens the file, creates what is missing and stamps a new one with the current version. A file that can't be
+    // opened is not fatal: every operation on it then fails.
+    explicit SDConfigImpl(const std::string& dbPath);
+    ~SDConfigImpl();
+
+    // Writes the value sealed, in place of what stood there. The bytes up to the first zero byte are read as Latin-1
+    // and kept as UTF-8, so that a non-ASCII value reads back in that doubled form. An empty value is kept as an empty
+    // row.
+    bool SetSecure(const std::string& key, const std::string& value);
+
+    // The effective value: what the policy store makes of the key's policy and the stored value.
+    std::string GetSecure(const std::string& key);
+
+    // True for an absent key too.
+    bool DeleteSecure(const std::string& key);
+
+    // The stored value itself, and the writers behind the three operations above.
+    bool SetSecure_v3(const std::string& key, const std::string& value);
+    std::string GetSecure_v3(const std::string& key);
+    bool DeleteSecure_v3(const std::string& key);
+
+    // Whether secure_v3 has a row of exactly this key, letter case included, empty or not.
+    bool isKeyInDB(std::string key);
+
+    // A constant of the security layer.
+    std::string GetConst(const std::string& name);
+
+    // The request itself: this client adds no signature; and true, whatever is asked.
+    std::string SignRequest(const std::string& request);
+    bool VerifyRequest(const std::string& request, const std::string& signature);
+
+    // Creates the tables that are missing; each is attempted. False when one could not be.
+    bool initDB();
+    bool initDBInforTable();
+    bool initConfigTable();
+    bool initSecureTable();
+
+    // Stamps the file with the current version while secure_v3 is empty.
+    bool upgradeDB();
+    bool isNewInstall();  // whether secure_v3 is empty
+    std::string getDBVersion(data::SQLiteTable& table);
+    bool setDBVersion(data::SQLiteTable& table, std::string version);
+
+    // One key of any table of the file. A write replaces the row of the same key and takes its letter case over;
+    // deleting an absent key succeeds.
+    unsigned int getTableRecordCount(data::SQLiteTable& table);
+    std::string getValueFromDatabaseTable(data::SQLiteTable& table, const std::string& key);
+    bool setValueToDatabaseTable(data::SQLiteTable& table, const std::string& key, const std::string& value);
+    bool deleteValueFromDatabase(data::SQLiteTable& table, const std::string& key);
+
+protected:
+    data::SQLiteTable mDbInforTable;
+    data::SQLiteTable mConfigTable;
+    data::SQLiteTable mSecureTable;
+    data::SQLiteTable mSecureV3Table;
+    std::string mReserved;
+    std::string mLatestVersion;
+};
+
+}  // namespace sd

@@ -1,0 +1,201 @@
+#include "src/sdconfig_impl_policy.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "libsdconfig/sdconfig.h"
+#include "platform/sdsecurity/sdsecurity.h"
+#include "platform/velmarlog/log_line.h"
+#include "src/sdconfig_helpers.h"
+#include "src/sdconfig_impl.h"
+#include "src/sdconfig_key_value_table.h"
+#include "src/sdconfig_policy_text.h"
+
+namespace sd {
+
+namespace {
+
+constexpr char kTag[] = "sdconfig";
+constexpr char kSource[] = "src/sdconfig_impl";
+
+constexpr char kSeparator[] = "&&&";
+constexpr size_t kSeparatorLength = 3;
+constexpr int kNoPriority = -1;
+
+constexpr int kSlowPolicyMs = 100;
+constexpr int kSlowWeighingMs = 150;
+
+bool isDecimal(const std::string& text) {
+    return std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+PolicyMap policyOf(const std::string& value, int priority) {
+    return {{value.empty() ? kNullValue : value, priority}};
+}
+
+}  // namespace
+
+std::string composePolicyText(const std::string& value, int priority) {
+    return value + kSeparator + std::to_string(priority);
+}
+
+std::pair<std::string, std::string> splitPolicyText(const std::string& text) {
+    if (const size_t at = text.find(kSeparator); at != std::string::npos)
+        return {text.substr(0, at), text.substr(at + kSeparatorLength)};
+    return {text.substr(0, text.size() - 1), text.substr(text.size() - 1)};
+}
+
+SDConfigDmHelper& SDConfigDmHelper::GetInstance() {
+    static const std::string dataPath = SDConfig::getDataPathUtf8();
+    static const std::string dbPath = dataPath + "/dmhelper.db";
+    static SDConfigDmHelper instance(dbPath);
+    return instance;
+}
+
+SDConfigDmHelper::SDConfigDmHelper(const std::string& path)
+    : mDatabase(path), mDmHelperTable(mDatabase, "dmhelperconfig") {
+    LOG(5, AT "dmhelperconfig db path=%s", HERE, path.c_str());
+    LOG(5, AT "start init DB", HERE);
+    initDB();
+}
+
+bool SDConfigDmHelper::initDB() {
+    const bool succeeded = initDMTable();
+    if (!succeeded) LOG(7, AT "failed to init config", HERE);
+    LOG(5, AT "init DM database result: %s", HERE, succeeded ? "succeed" : "failed");
+    return succeeded;
+}
+
+bool SDConfigDmHelper::initDMTable() {
+    return key_value::create(mDmHelperTable);
+}
+
+bool SDConfigDmHelper::SetPolicyWithUri(const std::string& uri, const PolicyMap& policy) {
+    const Stopwatch watch;
+    if (policy.empty()) {
+        LOG(7, AT "the policy of %s is empty", HERE, uri.c_str());
+        return false;
+    }
+    const auto& [value, priority] = *policy.begin();
+    const std::string utf8Text = latin1ToUtf8(composePolicyText(value, priority));
+    const std::string encrypted = utf8Text.empty() ? "" : SDSecurity::GetInstance()->FastEncrypt(utf8Text);
+    // Sealed before the old row goes: a key ring that can't be used must not cost the policy that is there.
+    if (encrypted.empty() && !utf8Text.empty()) {
+        LOG(7, AT "encryption failed, the key is %s", HERE, uri.c_str());
+        return false;
+    }
+    DeletePolicyWithUri(uri);
+    const bool stored = setValueToDatabaseTable(mDmHelperTable, uri, encrypted);
+    if (const int ms = watch.elapsedMs(); ms >= kSlowPolicyMs)
+        LOG(6, AT "SetPolicyWithUri %s takes %d ms", HERE, uri.c_str(), ms);
+    return stored;
+}
+
+PolicyMap SDConfigDmHelper::GetPolicyFromDMtable(const std::string& uri) {
+    const Stopwatch watch;
+    const std::string encrypted = getValueFromDatabaseTable(mDmHelperTable, uri);
+    if (encrypted.empty()) return {};
+    const std::string text = SDSecurity::GetInstance()->FastDecrypt(encrypted);
+    if (text.empty()) return {};
+
+    const auto [value, priorityText] = splitPolicyText(text);
+    if (!isDecimal(priorityText)) {
+        LOG(7, AT "valueWithPriority data format", HERE);
+        return {};
+    }
+    // An empty text, or one beyond an int, raises std::stoi's exception: it is let through on purpose.
+    const int priority = std::stoi(priorityText);
+    if (priority == kNoPriority) return {};
+
+    if (const int ms = watch.elapsedMs(); ms >= kSlowPolicyMs)
+        LOG(6, AT "GetPolicyFromDMtable %s takes %d ms", HERE, uri.c_str(), ms);
+    return policyOf(value, priority);
+}
+
+PolicyMap SDConfigDmHelper::GetPolicyWithUri(const std::string& uri) {
+    const Stopwatch watch;
+    const PolicyMap policy = GetPolicyFromDMtable(uri);
+    if (policy.size() >= 2) {
+        LOG(7, AT "format is error, size is %zu", HERE, policy.size());
+        return {};
+    }
+    std::string value;
+    int priority = kNoPriority;
+    if (!policy.empty()) {
+        priority = policy.begin()->second;
+        if (policy.begin()->first != kNullValue) value = policy.begin()->first;
+    }
+
+    SDConfigImpl& config = *SDConfigImpl::GetInstance();
+    const std::string local = config.GetSecure_v3(uri);
+    PolicyMap effective;
+    if (value.empty() && priority == kNoPriority)
+        effective = policyOf(local, kLocalPriority);
+    else if (priority > kLocalPriority)
+        effective = policyOf(value, priority);
+    else if (!local.empty() || config.isKeyInDB(uri))
+        effective = policyOf(local, kLocalPriority);
+    else
+        effective = policyOf(value, priority);
+
+    if (const int ms = watch.elapsedMs(); ms >= kSlowWeighingMs)
+        LOG(6, AT "GetPolicyWithUri %s takes %d ms", HERE, uri.c_str(), ms);
+    return effective;
+}
+
+bool SDConfigDmHelper::DeletePolicyWithUri(const std::string& uri) {
+    if (getValueFromDatabaseTable(mDmHelperTable, uri).empty()) return true;
+    return deleteValueFromDatabase(mDmHelperTable, uri);
+}
+
+bool SDConfigDmHelper::isStrongControl(const std::string& uri) {
+    const PolicyMap effective = GetPolicyWithUri(uri);
+    return effective.size() == 1 && effective.begin()->second > kLocalPriority;
+}
+
+PolicyList SDConfigDmHelper::GetAllKeys() {
+    PolicyList list;
+    std::vector<std::string> uris;
+    if (!key_value::keys(mDmHelperTable, uris)) {
+        LOG(5, AT "mDmHelperTable is empty()", HERE);
+        return list;
+    }
+    for (const std::string& uri : uris) {
+        PolicyMap policy = GetPolicyFromDMtable(uri);
+        if (policy.size() >= 2) {
+            LOG(5, AT "format is error, size is %zu", HERE, policy.size());
+            return list;
+        }
+        list[uri] = std::move(policy);
+    }
+    return list;
+}
+
+bool SDConfigDmHelper::ClearAllKeys() {
+    std::vector<std::string> uris;
+    if (!key_value::keys(mDmHelperTable, uris)) {
+        LOG(5, AT "mDmHelperTable is empty()", HERE);
+        return true;
+    }
+    for (const std::string& uri : uris) {
+        if (DeletePolicyWithUri(uri)) continue;
+        LOG(7, AT "DeletePolicyWithUri failed", HERE);
+        return false;
+    }
+    return true;
+}
+
+std::string SDConfigDmHelper::getValueFromDatabaseTable(data::SQLiteTable& table, const std::string& key) {
+    return key_value::get(table, key);
+}
+
+bool SDConfigDmHelper::setValueToDatabaseTable(data::SQLiteTable& table, const std::string& key,
+                                               const std::string& value) {
+    return key_value::set(table, key, value);
+}
+
+bool SDConfigDmHelper::deleteValueFromDatabase(data::SQLiteTable& table, const std::string& key) {
+    return key_value::remove(table, key);
+}
+
+}  // namespace sd

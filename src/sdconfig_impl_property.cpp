@@ -1,0 +1,151 @@
+#include "src/sdconfig_impl_property.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <utility>
+
+#include "libsdconfig/sdconfig.h"
+#include "platform/velmarlog/log_line.h"
+#include "src/sdconfig_helpers.h"
+#include "src/sdconfig_impl.h"
+
+namespace sd {
+
+namespace {
+
+constexpr char kTag[] = "sdconfig";
+constexpr char kSource[] = "src/sdconfig_impl";
+
+constexpr int kSlowPropertyMs = 301;
+constexpr size_t kLineBuffer = 1024;
+
+struct CloseFile {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+using File = std::unique_ptr<std::FILE, CloseFile>;
+
+// Only a regular file: a directory has no lines, and a pipe in its place would hold the service up.
+File openRegularFile(const std::string& path) {
+    const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    if (descriptor < 0) return nullptr;
+    struct stat status {};
+    if (::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode))
+        if (std::FILE* file = ::fdopen(descriptor, "r")) return File(file);
+    ::close(descriptor);
+    return nullptr;
+}
+
+bool isBlank(char c) {
+    return std::isspace(static_cast<unsigned char>(c)) != 0;
+}
+
+std::optional<std::pair<std::string, std::string>> parseLine(std::string line) {
+    if (!line.empty() && line.back() == '\n') line.pop_back();
+    const size_t equals = line.find('=');
+    if (equals == std::string::npos) return std::nullopt;
+
+    size_t keyEnd = equals;
+    while (keyEnd > 1 && isBlank(line[keyEnd - 1])) --keyEnd;
+    size_t valueBegin = equals + 1;
+    while (valueBegin < line.size() && isBlank(line[valueBegin])) ++valueBegin;
+    return std::make_pair(line.substr(0, keyEnd), line.substr(valueBegin));
+}
+
+bool isReadOnly(const std::string& key) {
+    return key.compare(0, 3, "ro.") == 0;
+}
+
+}  // namespace
+
+SDPropertyInf* SDPropertyInf::GetInstance() {
+    static SDPropertyInf instance;
+    return &instance;
+}
+
+SDPropertyInf::SDPropertyInf() {
+    LOG(5, AT "init property data", HERE);
+    mBuildFile = SDConfig::getVelmarDataPath();
+    if (!initProperties()) LOG(7, AT "failed to init properties", HERE);
+}
+
+bool SDPropertyInf::initProperties() {
+    if (!mBuildFile.empty()) {
+        mBuildFile += "/../etc/build.prop";
+        if (!readPropertyFile(mBuildFile)) LOG(6, AT "failed to init properties from %s", HERE, mBuildFile.c_str());
+    }
+    readPropertyFile("/etc/build.prop");
+    return readPropertyFile("/velmar/etc/build.prop");
+}
+
+bool SDPropertyInf::readPropertyFile(std::string path) {
+    std::string unused;
+    const bool read = fileOperate(std::move(path), true, unused, "");
+    if (!read) LOG(7, AT "readPropertyFile failed", HERE);
+    return read;
+}
+
+bool SDPropertyInf::fileOperate(std::string path, bool load, std::string& value, std::string key) {
+    const File file = openRegularFile(path);
+    if (!file) {
+        LOG(7, AT "can not find filename %s", HERE, path.c_str());
+        return false;
+    }
+    char line[kLineBuffer];
+    while (std::fgets(line, sizeof line, file.get())) {
+        const auto definition = parseLine(line);
+        if (!definition) continue;
+        if (load) {
+            SetProperty(definition->first, definition->second);
+        } else if (definition->first == key) {
+            value = definition->second;
+            return true;
+        }
+    }
+    if (std::ferror(file.get())) LOG(7, AT "can not read %s to its end", HERE, path.c_str());
+    return true;
+}
+
+std::string SDPropertyInf::GetProperty(const std::string& key) {
+    const Stopwatch watch;
+    if (isSpecialKeyInBuildProp(key)) {
+        std::string value;
+        if (!fileOperate(mBuildFile, false, value, key)) LOG(7, AT "fileOperate failed", HERE);
+        if (const int ms = watch.elapsedMs(); ms >= kSlowPropertyMs)
+            LOG(6, AT "GetProperty in prop %s takes %d ms", HERE, key.c_str(), ms);
+        return value;
+    }
+    if (const auto cached = mCache.find(key); cached != mCache.end()) return cached->second;
+    if (const int ms = watch.elapsedMs(); ms >= kSlowPropertyMs)
+        LOG(6, AT "GetProperty in cache %s takes %d ms", HERE, key.c_str(), ms);
+    return "";
+}
+
+bool SDPropertyInf::SetProperty(const std::string& key, const std::string& value) {
+    if (isReadOnly(key) && !GetProperty(key).empty()) {
+        LOG(6, AT "invalid set readyonly %s=%s", HERE, key.c_str(), value.c_str());
+        return false;
+    }
+    mCache[key] = value;
+    return true;
+}
+
+bool SDPropertyInf::DeleteProperty(const std::string& key) {
+    if (isReadOnly(key)) {
+        LOG(6, AT "invalid delete readonly %s", HERE, key.c_str());
+        return false;
+    }
+    return mCache.erase(key) != 0;
+}
+
+std::map<std::string, std::string> SDPropertyInf::ListProperty() {
+    return {};
+}
+
+}  // namespace sd

@@ -1,0 +1,55 @@
+// Build properties: read from build.prop files once, kept in memory, never written back.
+#pragma once
+
+#include <map>
+#include <string>
+
+#include "libsdconfig/sdconfig_export.h"
+
+namespace sd {
+
+// The files, in the order in which they are read: "<product data folder>/../etc/build.prop" where that folder is set
+// (SDConfig::setVelmarDataPath), "/etc/build.prop", "/velmar/etc/build.prop". The last file to define a key wins, but
+// for keys that begin with "ro.", which keep their first non-empty value.
+//
+// A line is "key=value"; one without "=" is skipped. Blanks around the "=" don't count, others do. A line is read in
+// pieces of 1023 bytes, each a line of its own, and each ends at its first zero byte.
+//
+// Keys compare exactly. No lock: the service uses it on its own thread, a client process on its callers'. Nothing
+// throws.
+class SDCONFIG_API SDPropertyInf {
+public:
+    // The process's reader, loaded on first use and kept to the end.
+    static SDPropertyInf* GetInstance();
+
+    SDPropertyInf();
+
+    // The value of the key, or "". The three keys of isSpecialKeyInBuildProp are read from the first file every time,
+    // so that an update of the product shows at once.
+    std::string GetProperty(const std::string& key);
+
+    // False for a key that begins with "ro." and has a value. What is set lasts until the process ends.
+    bool SetProperty(const std::string& key, const std::string& value);
+
+    // False for a key that begins with "ro." or that isn't there.
+    bool DeleteProperty(const std::string& key);
+
+    // Properties are not listed: empty.
+    std::map<std::string, std::string> ListProperty();
+
+    // Reads the files; true when the last of them could be read.
+    bool initProperties();
+
+    bool readPropertyFile(std::string path);
+
+    // load: passes every definition of the file to SetProperty. Otherwise looks `key` up and puts what its first
+    // definition says into `value`, which stays as it was when there is none.
+    // False when `path` is no file that can be read.
+    bool fileOperate(std::string path, bool load, std::string& value, std::string key);
+
+private:
+    std::map<std::string, std::string> mCache;
+    std::string mBuildFile;
+};
+
+}  // namespace sd

@@ -1,0 +1,84 @@
+// The service's end of the bus: dispatches method calls to the stores, keeps the listeners' registrations, publishes
+// changes. Not for users of the library.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/sdbus/sdbus.h"
+
+namespace sd {
+
+// The bus layer calls handleMethodCall on one thread, one call at a time; nothing else touches the stores.
+class SDConfigInterface : public SDBusServiceInterface {
+public:
+    // Opens both stores, so that their tables are there before the service is registered.
+    SDConfigInterface();
+    ~SDConfigInterface() override;
+
+    void initManager();
+
+    // Registrations per key: how many are live, and whether the latest one asked for the strong-control flag.
+    bool RegisterListener(const std::string& key, bool flag);
+    bool UnRegisterListener(const std::string& key, bool flag);
+    bool RegisterListenersWithList(const std::vector<std::string>& keys, bool flag);
+    bool IsAllConfigsAlreadyListened(const std::vector<std::string>& keys);
+
+    // Publishes "DM_CHANGED" if a registration of the key is live.
+    bool DMChanged(const std::string& key, const std::string& value, bool strong);
+
+    // True when the method is known and its answer could be given. Where it is false, no answer was sent.
+    bool handleMethodCall(std::shared_ptr<SDBusMessage> message) override;
+
+    // Appends the count of the properties, at most 122, and so many pairs.
+    static void appendProperties(SDBusMessage& reply, const std::map<std::string, std::string>& properties);
+
+private:
+    struct Call;
+    struct Effective;
+    struct PolicyChange;
+    struct Method;
+    static const Method kMethods[];
+
+    bool getProperty(Call& call);
+    bool setProperty(Call& call);
+    bool listProperty(Call& call);
+    bool deleteProperty(Call& call);
+    bool getSecure(Call& call);
+    bool setSecure(Call& call);
+    bool deleteSecure(Call& call);
+    bool getConst(Call& call);
+    bool signRequest(Call& call);
+    bool verifySign(Call& call);
+    bool registerListener(Call& call);
+    bool unregisterListener(Call& call);
+    bool isAlreadyListened(Call& call);
+    bool setPolicyList(Call& call);
+    bool setPolicy(Call& call);
+    bool getPolicy(Call& call);
+    bool deletePolicy(Call& call);
+    bool isStrongControl(Call& call);
+    bool registerListeners(Call& call);
+    bool listPolicies(Call& call);
+    bool clearPolicies(Call& call);
+    bool getPolicies(Call& call);
+
+    std::shared_ptr<SDBusMessage> makeReply(const Call& call);
+    void replyBool(const Call& call, bool value);
+    void replyText(const Call& call, const std::string& value);
+    std::optional<Effective> readBack(const Call& call, const std::string& key);
+    void announceSecure(const Call& call, const std::string& key, const std::string& value);
+    PolicyChange writePolicy(const Call& call, const std::string& key, const std::string& value, int priority);
+    bool announcePolicy(const Call& call, const PolicyChange& change, std::shared_ptr<SDBusMessage> event);
+
+    SDBusSerivceManager* mManager;
+    std::mutex mMutex;
+    std::map<std::string, int> mListenerCounts;
+    std::map<std::string, bool> mListenerFlags;
+};
+
+}  // namespace sd

@@ -1,0 +1,50 @@
+#include "src/sdconfig_key_value_table.h"
+
+namespace sd::key_value {
+
+namespace {
+
+enum Column { kId, kKey, kValue };
+
+const data::TableField kColumns[] = {
+    {kId, "id", 0, "PRIMARY KEY AUTOINCREMENT", "", 0},
+    {kKey, "key", 1, "COLLATE NOCASE UNIQUE ON CONFLICT FAIL", "", 0},
+    {kValue, "value", 1, "", "", 0},
+};
+
+data::TableRow field(data::SQLiteTable& table, Column column, const std::string& value = "") {
+    data::TableRow row;
+    table.addFieldToRow(row, column, value);
+    return row;
+}
+
+}  // namespace
+
+bool create(data::SQLiteTable& table) {
+    return table.create(kColumns, static_cast<int>(std::size(kColumns)));
+}
+
+std::string get(data::SQLiteTable& table, const std::string& key) {
+    std::vector<data::TableRow> rows;
+    if (!table.select(field(table, kKey, key), field(table, kValue), rows) || rows.empty()) return "";
+    return rows.front().front().text;
+}
+
+bool set(data::SQLiteTable& table, const std::string& key, const std::string& value) {
+    data::TableRow row = field(table, kKey, key);
+    table.addFieldToRow(row, kValue, value);
+    return table.insert(row);
+}
+
+bool remove(data::SQLiteTable& table, const std::string& key) {
+    return table.remove(field(table, kKey, key));
+}
+
+bool keys(data::SQLiteTable& table, std::vector<std::string>& result) {
+    std::vector<data::TableRow> rows;
+    if (!table.select({}, field(table, kKey), rows)) return false;
+    for (data::TableRow& row : rows) result.push_back(std::move(row.front().text));
+    return true;
+}
+
+}  // namespace sd::key_value

@@ -1,0 +1,24 @@
+// The one form that every table of both databases has: id, key, value.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "sql/SQLiteTable.h"
+
+namespace sd::key_value {
+
+bool create(data::SQLiteTable& table);
+
+// The value of the key; "" when there is none or the table can't be read.
+std::string get(data::SQLiteTable& table, const std::string& key);
+
+// Replaces the row of the same key, in whatever letter case.
+bool set(data::SQLiteTable& table, const std::string& key, const std::string& value);
+
+bool remove(data::SQLiteTable& table, const std::string& key);
+
+// Appends the keys of all rows, in the order of the rows. False when the table can't be read.
+bool keys(data::SQLiteTable& table, std::vector<std::string>& result);
+
+}  // namespace sd::key_value

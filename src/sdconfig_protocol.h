@@ -1,0 +1,44 @@
+// The wire contract between client and service: every name that travels, once. docs/protocol.md has the arguments.
+#pragma once
+
+namespace sd::protocol {
+
+inline constexpr char kServiceName[] = "sdconfig";
+inline constexpr int kCallTimeoutMs = 5000;
+
+// The most list elements that a message announces; what is beyond is trimmed.
+inline constexpr int kMaxElements = 122;
+
+inline constexpr char kGetProperty[] = "GET_PROPERTY";
+inline constexpr char kSetProperty[] = "SET_PROPERTY";
+inline constexpr char kListProperty[] = "LST_PROPERTY";
+inline constexpr char kDeleteProperty[] = "DEL_PROPERTY";
+inline constexpr char kGetSecure[] = "GET_SECURE";
+inline constexpr char kSetSecure[] = "SET_SECURE";
+inline constexpr char kDeleteSecure[] = "DEL_SECURE";
+inline constexpr char kGetConst[] = "GET_CONST";
+inline constexpr char kSignRequest[] = "SIGN_REQUEST";
+inline constexpr char kVerifySign[] = "VERIFY_SIGN";
+inline constexpr char kRegisterListener[] = "REG_LISTENER";
+inline constexpr char kUnregisterListener[] = "UNREG_LISTENER";
+inline constexpr char kIsAlreadyListened[] = "ISALREADY_LISTHENED";
+inline constexpr char kSetPolicyList[] = "SET_POLICYLIST";
+inline constexpr char kSetPolicy[] = "SET_POLICY";
+inline constexpr char kGetPolicy[] = "GET_POLICY";
+inline constexpr char kDeletePolicy[] = "DELETE_POLICY";
+inline constexpr char kIsStrongControl[] = "ISSTRONG_CONTROL";
+inline constexpr char kRegisterListeners[] = "DM_REGISTER_LISTERNER";
+inline constexpr char kListPolicies[] = "DM_LIST";
+inline constexpr char kClearPolicies[] = "DM_CLEAR_ALL_KEYS";
+inline constexpr char kGetPolicies[] = "DM_GET_POLICIES";
+
+// Key and new effective value, for whoever asks.
+inline constexpr char kSdconfigChanged[] = ".sdconfigChanged";
+// Key, new effective value and strong control, for whoever asks.
+inline constexpr char kPolicyChanged[] = ".DMChanged";
+// Key, new value and, where asked for, strong control: for keys that some client listens to.
+inline constexpr char kDmChanged[] = "DM_CHANGED";
+
+inline constexpr int kMethodReply = 2;  // SDBusMessage::type() of an answer
+
+}  // namespace sd::protocol

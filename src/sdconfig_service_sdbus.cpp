@@ -1,0 +1,51 @@
+// Start-up of the service.
+#include "src/sdconfig_service_sdbus.h"
+
+#include "platform/velmarlog/log_line.h"
+#include "src/sdconfig_impl.h"
+#include "src/sdconfig_impl_policy.h"
+#include "src/sdconfig_interface.h"
+#include "src/sdconfig_protocol.h"
+
+namespace sd {
+
+namespace {
+
+constexpr char kTag[] = "sdconfig";
+constexpr char kSource[] = "src/sdconfig_service_sdbus";
+
+class SDConfigServiceImpl : public SDConfigService {
+public:
+    void Start() override {
+        SDBusSerivceManager* manager = SDBusSerivceManager::initSync(-1);
+        LOG(5, AT "sdconfig service name=%s", HERE, protocol::kServiceName);
+        manager->registerServiceInterface(protocol::kServiceName, &mInterface, SDBusSameUser, 1);
+    }
+
+    void Stop() override {}
+
+private:
+    SDConfigInterface mInterface;
+};
+
+}  // namespace
+
+SDConfigService::~SDConfigService() = default;
+
+SDConfigService* SDConfigService::GetInstance() {
+    static SDConfigServiceImpl instance;
+    return &instance;
+}
+
+SDConfigInterface::SDConfigInterface() : mManager(nullptr) {
+    SDConfigImpl::GetInstance();
+    SDConfigDmHelper::GetInstance();
+}
+
+SDConfigInterface::~SDConfigInterface() = default;
+
+void SDConfigInterface::initManager() {
+    if (!mManager) mManager = SDBusSerivceManager::initSync(-1);
+}
+
+}  // namespace sd

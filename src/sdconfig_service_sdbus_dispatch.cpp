@@ -1,0 +1,466 @@
+// The dispatcher: a member function for each of the 22 methods, and the table that names them.
+#include <algorithm>
+#include <cstdint>
+
+#include "libsdconfig/sdconfig_types.h"
+#include "platform/velmarlog/log_line.h"
+#include "src/sdconfig_helpers.h"
+#include "src/sdconfig_impl.h"
+#include "src/sdconfig_impl_policy.h"
+#include "src/sdconfig_impl_property.h"
+#include "src/sdconfig_interface.h"
+#include "src/sdconfig_protocol.h"
+
+// What the dispatcher logs, it logs as handleMethodCall, whichever of its functions speaks.
+#undef HERE
+#define HERE kSource, "handleMethodCall", __LINE__
+
+namespace sd {
+
+namespace {
+
+constexpr char kTag[] = "sdconfig";
+constexpr char kSource[] = "src/sdconfig_service_sdbus";
+
+constexpr int kSlowCallMs = 500;
+constexpr int kPriorityUnknown = -1;
+
+std::vector<std::string> readKeys(SDBusMessage& message, int count) {
+    std::vector<std::string> keys;
+    for (int i = 1; i <= count; ++i) keys.push_back(message.getString(i));
+    return keys;
+}
+
+}  // namespace
+
+// What one call works with.
+struct SDConfigInterface::Call {
+    std::string method;
+    std::shared_ptr<SDBusMessage> request;
+    std::shared_ptr<SDBusMessage> sdconfigChanged;
+    std::shared_ptr<SDBusMessage> policyChanged;
+    Stopwatch watch;
+    SDConfigImpl& config;
+    SDPropertyInf& properties;
+    SDConfigDmHelper& policies;
+
+    void logIfSlow() const {
+        if (const int ms = watch.elapsedMs(); ms >= kSlowCallMs) LOG(6, AT "%s takes %d ms", HERE, method.c_str(), ms);
+    }
+};
+
+// A key's value as callers see it, "null_value" given as "", and its priority.
+struct SDConfigInterface::Effective {
+    std::string value;
+    int priority;
+};
+
+struct SDConfigInterface::PolicyChange {
+    std::string key;
+    std::string value;
+    std::string old;
+    bool strongBefore;
+    bool ok;
+};
+
+struct SDConfigInterface::Method {
+    const char* name;
+    bool (SDConfigInterface::*handle)(Call&);
+};
+
+const SDConfigInterface::Method SDConfigInterface::kMethods[] = {
+    {protocol::kGetProperty, &SDConfigInterface::getProperty},
+    {protocol::kSetProperty, &SDConfigInterface::setProperty},
+    {protocol::kListProperty, &SDConfigInterface::listProperty},
+    {protocol::kDeleteProperty, &SDConfigInterface::deleteProperty},
+    {protocol::kGetSecure, &SDConfigInterface::getSecure},
+    {protocol::kSetSecure, &SDConfigInterface::setSecure},
+    {protocol::kDeleteSecure, &SDConfigInterface::deleteSecure},
+    {protocol::kGetConst, &SDConfigInterface::getConst},
+    {protocol::kSignRequest, &SDConfigInterface::signRequest},
+    {protocol::kVerifySign, &SDConfigInterface::verifySign},
+    {protocol::kRegisterListener, &SDConfigInterface::registerListener},
+    {protocol::kUnregisterListener, &SDConfigInterface::unregisterListener},
+    {protocol::kIsAlreadyListened, &SDConfigInterface::isAlreadyListened},
+    {protocol::kSetPolicyList, &SDConfigInterface::setPolicyList},
+    {protocol::kSetPolicy, &SDConfigInterface::setPolicy},
+    {protocol::kGetPolicy, &SDConfigInterface::getPolicy},
+    {protocol::kDeletePolicy, &SDConfigInterface::deletePolicy},
+    {protocol::kIsStrongControl, &SDConfigInterface::isStrongControl},
+    {protocol::kRegisterListeners, &SDConfigInterface::registerListeners},
+    {protocol::kListPolicies, &SDConfigInterface::listPolicies},
+    {protocol::kClearPolicies, &SDConfigInterface::clearPolicies},
+    {protocol::kGetPolicies, &SDConfigInterface::getPolicies},
+};
+
+bool SDConfigInterface::handleMethodCall(std::shared_ptr<SDBusMessage> message) {
+    const std::string name = message->methodName();
+    initManager();
+    auto sdconfigChanged = mManager->makeEventMessage(protocol::kSdconfigChanged, SDBusSameUser);
+    auto policyChanged = mManager->makeEventMessage(protocol::kPolicyChanged, SDBusSameUser);
+    Call call{name,
+              message,
+              std::move(sdconfigChanged),
+              std::move(policyChanged),
+              Stopwatch(),
+              *SDConfigImpl::GetInstance(),
+              *SDPropertyInf::GetInstance(),
+              SDConfigDmHelper::GetInstance()};
+
+    const auto method =
+        std::find_if(std::begin(kMethods), std::end(kMethods), [&](const Method& m) { return name == m.name; });
+    if (method == std::end(kMethods)) {
+        LOG(6, AT "can't understand method call: %s", HERE, name.c_str());
+        return false;
+    }
+    return (this->*method->handle)(call);
+}
+
+std::shared_ptr<SDBusMessage> SDConfigInterface::makeReply(const Call& call) {
+    return makeMethodReplyMessage(call.request, SDBusSameUser);
+}
+
+void SDConfigInterface::replyBool(const Call& call, bool value) {
+    const auto reply = makeReply(call);
+    reply->appendBool(value);
+    sendMessage(reply);
+}
+
+void SDConfigInterface::replyText(const Call& call, const std::string& value) {
+    const auto reply = makeReply(call);
+    reply->appendCString(value.c_str());
+    sendMessage(reply);
+}
+
+// Nothing when the policy store's answer doesn't hold exactly one entry.
+std::optional<SDConfigInterface::Effective> SDConfigInterface::readBack(const Call& call, const std::string& key) {
+    const PolicyMap effective = call.policies.GetPolicyWithUri(key);
+    if (effective.size() != 1) return std::nullopt;
+    const auto& [value, priority] = *effective.begin();
+    return Effective{value == kNullValue ? "" : value, priority};
+}
+
+// ---- Properties ----
+
+bool SDConfigInterface::getProperty(Call& call) {
+    const auto reply = makeReply(call);
+    reply->appendString(call.properties.GetProperty(call.request->getString(0)));
+    sendMessage(reply);
+    return true;
+}
+
+bool SDConfigInterface::setProperty(Call& call) {
+    const std::string key = call.request->getString(0);
+    const std::string value = call.request->getString(1);
+    const std::string old = call.properties.GetProperty(key);
+    const bool ok = call.properties.SetProperty(key, value);
+    if (!ok) LOG(7, AT "SetProperty error", HERE);
+    replyBool(call, ok);
+    if (ok && value != old) DMChanged(key, value, true);
+    return true;
+}
+
+bool SDConfigInterface::listProperty(Call& call) {
+    const auto reply = makeReply(call);
+    appendProperties(*reply, call.properties.ListProperty());
+    sendMessage(reply);
+    return true;
+}
+
+void SDConfigInterface::appendProperties(SDBusMessage& reply, const std::map<std::string, std::string>& properties) {
+    int count = static_cast<int>(properties.size());
+    if (count > protocol::kMaxElements) {
+        LOG(6, AT "trim property element from %d to %d", HERE, count, protocol::kMaxElements);
+        count = protocol::kMaxElements;
+    }
+    reply.appendInt32(count);
+    auto property = properties.begin();
+    for (int i = 0; i < count; ++i, ++property) {
+        reply.appendCString(property->first.c_str());
+        reply.appendCString(property->second.c_str());
+    }
+}
+
+bool SDConfigInterface::deleteProperty(Call& call) {
+    const std::string key = call.request->getString(0);
+    const bool ok = call.properties.DeleteProperty(key);
+    if (!ok) LOG(7, AT "DeleteProperty error", HERE);
+    replyBool(call, ok);
+    if (ok) DMChanged(key, "", true);
+    return true;
+}
+
+// ---- Secure values, constants, signing ----
+
+bool SDConfigInterface::getSecure(Call& call) {
+    const std::string key = call.request->getString(0);
+    const std::string value = call.config.GetSecure(key);
+    call.logIfSlow();
+    replyText(call, value);
+    if (isIdentityKey(key)) LOG(5, AT "key is %s, value is %s", HERE, key.c_str(), value.c_str());
+    return true;
+}
+
+bool SDConfigInterface::setSecure(Call& call) {
+    const std::string key = call.request->getString(0);
+    const std::string old = call.config.GetSecure(key);
+    const bool ok = call.config.SetSecure(key, call.request->getString(1));
+    call.logIfSlow();
+    if (!ok) LOG(7, AT "SetSecure error", HERE);
+    replyBool(call, ok);
+
+    const bool strong = call.policies.isStrongControl(key);
+    const auto latest = readBack(call, key);
+    if (!latest) {
+        LOG(7, AT "GET_POLICY format error", HERE);
+        return false;
+    }
+    if (latest->value != old) {
+        if (ok) DMChanged(key, latest->value, strong);
+        announceSecure(call, key, latest->value);
+    }
+    if (isIdentityKey(key))
+        LOG(5, AT "key is %s, oldVal is %s, latestVal is %s", HERE, key.c_str(), old.c_str(),
+            call.config.GetSecure(key).c_str());
+    return true;
+}
+
+bool SDConfigInterface::deleteSecure(Call& call) {
+    const std::string key = call.request->getString(0);
+    const std::string old = call.config.GetSecure(key);
+    const bool ok = call.config.DeleteSecure(key);
+    call.logIfSlow();
+    if (!ok) {
+        // No answer on purpose: the caller's time-out is how a failed deletion is told.
+        LOG(7, AT "DeleteSecure error, key is %s", HERE, key.c_str());
+        return false;
+    }
+    replyBool(call, true);
+
+    const bool strong = call.policies.isStrongControl(key);
+    const PolicyMap effective = call.policies.GetPolicyWithUri(key);
+    if (effective.size() > 1) {
+        LOG(7, AT "error size", HERE);
+        return true;
+    }
+    if (effective.empty()) {
+        LOG(6, AT "dm and config are empty, the key is %s", HERE, key.c_str());
+        DMChanged(key, "", strong);
+        announceSecure(call, key, "");
+    } else {
+        const std::string& value = effective.begin()->first;
+        const std::string latest = value == kNullValue ? "" : value;
+        if (latest != old) {
+            DMChanged(key, latest, strong);
+            announceSecure(call, key, latest);
+        }
+    }
+    if (isIdentityKey(key))
+        LOG(5, AT "key is %s, latestVal is %s", HERE, key.c_str(), call.config.GetSecure(key).c_str());
+    return true;
+}
+
+void SDConfigInterface::announceSecure(const Call& call, const std::string& key, const std::string& value) {
+    call.sdconfigChanged->appendString(key);
+    call.sdconfigChanged->appendString(value);
+    mManager->publishEvent(call.sdconfigChanged);
+}
+
+bool SDConfigInterface::getConst(Call& call) {
+    replyText(call, call.config.GetConst(call.request->getString(0)));
+    return true;
+}
+
+bool SDConfigInterface::signRequest(Call& call) {
+    replyText(call, call.config.SignRequest(call.request->getString(0)));
+    return true;
+}
+
+bool SDConfigInterface::verifySign(Call& call) {
+    const bool ok = call.config.VerifyRequest(call.request->getString(0), call.request->getString(1));
+    if (!ok) LOG(7, AT "VerifyRequest error", HERE);
+    replyBool(call, ok);
+    return true;
+}
+
+// ---- Listeners ----
+
+bool SDConfigInterface::registerListener(Call& call) {
+    RegisterListener(call.request->getString(0), call.request->getBool(1));
+    replyBool(call, true);
+    return true;
+}
+
+bool SDConfigInterface::unregisterListener(Call& call) {
+    const bool ok = UnRegisterListener(call.request->getString(0), false);
+    if (!ok) LOG(7, AT "registerListener error", HERE);
+    replyBool(call, ok);
+    return true;
+}
+
+bool SDConfigInterface::isAlreadyListened(Call& call) {
+    const bool ok = IsAllConfigsAlreadyListened(readKeys(*call.request, call.request->getInt(0)));
+    if (!ok) LOG(7, AT "IsAllConfigsAlreadyListened error", HERE);
+    replyBool(call, ok);
+    return true;
+}
+
+bool SDConfigInterface::registerListeners(Call& call) {
+    const int count = call.request->getInt(0);
+    const bool flag = call.request->getBool(count + 1);
+    const bool ok = RegisterListenersWithList(readKeys(*call.request, count), flag);
+    if (!ok) LOG(7, AT "RegisterListenersWithList error", HERE);
+    replyBool(call, ok);
+    return true;
+}
+
+// ---- Policies ----
+
+SDConfigInterface::PolicyChange SDConfigInterface::writePolicy(const Call& call, const std::string& key,
+                                                               const std::string& value, int priority) {
+    PolicyChange change{key, value, call.config.GetSecure(key), call.policies.isStrongControl(key), false};
+    change.ok = call.policies.SetPolicyWithUri(key, {{value, priority}});
+    return change;
+}
+
+// Tells of what the written policy changed. event: the empty ".DMChanged" to publish; null makes one where it is
+// needed. False when the effective value can't be read back.
+bool SDConfigInterface::announcePolicy(const Call& call, const PolicyChange& change,
+                                       std::shared_ptr<SDBusMessage> event) {
+    const bool strongAfter = call.policies.isStrongControl(change.key);
+    const auto latest = readBack(call, change.key);
+    if (!latest) {
+        LOG(7, AT "GET_POLICY format error", HERE);
+        return false;
+    }
+    const bool changed = latest->value != change.old;
+    const bool flipped = change.strongBefore != strongAfter;
+    if (change.ok && (changed || flipped)) {
+        if (!event) event = mManager->makeEventMessage(protocol::kPolicyChanged, SDBusSameUser);
+        event->appendString(change.key);
+        event->appendString(latest->value);
+        event->appendBool(strongAfter);
+        mManager->publishEvent(event);
+    }
+    // A mere flip interests only listeners that asked for the flag.
+    const bool notify = changed ? change.ok : change.ok && flipped && mListenerFlags[change.key];
+    if (notify) DMChanged(change.key, latest->value, strongAfter);
+    if (isIdentityKey(change.key))
+        LOG(5, AT "key is %s, value is %s, latestVal is %s", HERE, change.key.c_str(), change.value.c_str(),
+            latest->value.c_str());
+    return true;
+}
+
+bool SDConfigInterface::setPolicy(Call& call) {
+    const PolicyChange change =
+        writePolicy(call, call.request->getString(0), call.request->getString(1), call.request->getInt(2));
+    call.logIfSlow();
+    if (!change.ok) LOG(7, AT "SetPolicyWithUri error", HERE);
+    replyBool(call, change.ok);
+    return announcePolicy(call, change, call.policyChanged);
+}
+
+bool SDConfigInterface::setPolicyList(Call& call) {
+    int count = call.request->getInt(0);
+    if (count > protocol::kMaxElements) {
+        LOG(6, AT "trim DM element from %d to %d", HERE, count, protocol::kMaxElements);
+        count = protocol::kMaxElements;
+    }
+    bool ok = false;  // also the answer where there is nothing to write
+    for (int i = 0; i < count; ++i) {
+        const int at = 3 * i + 1;
+        const PolicyChange change = writePolicy(call, call.request->getString(at), call.request->getString(at + 1),
+                                                call.request->getInt(at + 2));
+        if (!change.ok) LOG(7, AT "set policylist failed", HERE);
+        if (!announcePolicy(call, change, nullptr)) return false;
+        ok = change.ok;
+    }
+    call.logIfSlow();
+    replyBool(call, ok);
+    return true;
+}
+
+bool SDConfigInterface::getPolicy(Call& call) {
+    const std::string key = call.request->getString(0);
+    const auto latest = readBack(call, key);
+    call.logIfSlow();
+    if (!latest) {
+        LOG(7, AT "GET_POLICY format error", HERE);
+        return false;
+    }
+    const auto reply = makeReply(call);
+    reply->appendString(latest->value);
+    reply->appendInt8(static_cast<int8_t>(latest->priority));
+    sendMessage(reply);
+    if (isIdentityKey(key)) LOG(5, AT "key is %s, value is %s", HERE, key.c_str(), latest->value.c_str());
+    return true;
+}
+
+bool SDConfigInterface::deletePolicy(Call& call) {
+    const std::string key = call.request->getString(0);
+    const bool ok = call.policies.DeletePolicyWithUri(key);
+    call.logIfSlow();
+    replyBool(call, ok);
+    if (ok) DMChanged(key, "", false);
+    if (isIdentityKey(key))
+        LOG(5, AT "key is %s, latestVal is %s", HERE, key.c_str(), call.config.GetSecure(key).c_str());
+    return true;
+}
+
+bool SDConfigInterface::isStrongControl(Call& call) {
+    const bool strong = call.policies.isStrongControl(call.request->getString(0));
+    call.logIfSlow();
+    replyBool(call, strong);
+    return true;
+}
+
+// Announces at most 122 policies but writes them all: readers go by the count.
+bool SDConfigInterface::listPolicies(Call& call) {
+    const PolicyList all = call.policies.GetAllKeys();
+    int count = static_cast<int>(all.size());
+    if (count > protocol::kMaxElements) {
+        LOG(6, AT "trim DM element from %d to %d", HERE, count, protocol::kMaxElements);
+        count = protocol::kMaxElements;
+    }
+    const auto reply = makeReply(call);
+    reply->appendInt8(static_cast<int8_t>(count));
+    for (const auto& [uri, policy] : all) {
+        reply->appendString(uri);
+        for (const auto& [value, priority] : policy) {
+            reply->appendString(value);
+            reply->appendInt8(static_cast<int8_t>(priority));
+        }
+    }
+    sendMessage(reply);
+    return true;
+}
+
+bool SDConfigInterface::clearPolicies(Call& call) {
+    const bool ok = call.policies.ClearAllKeys();
+    if (!ok) LOG(7, AT "clear all keys in DM table failed", HERE);
+    replyBool(call, ok);
+    return true;
+}
+
+bool SDConfigInterface::getPolicies(Call& call) {
+    const int count = call.request->getInt(0);
+    const auto reply = makeReply(call);
+    if (count < 1) {
+        LOG(7, AT "DM_GET_POLICIES: keys is empty", HERE);
+        reply->appendInt8(0);
+        sendMessage(reply);
+        return false;
+    }
+    reply->appendInt8(static_cast<int8_t>(count));
+    for (const std::string& key : readKeys(*call.request, count)) {
+        const Effective latest = readBack(call, key).value_or(Effective{"", kPriorityUnknown});
+        reply->appendString(key);
+        reply->appendString(latest.value);
+        reply->appendInt8(static_cast<int8_t>(latest.priority));
+    }
+    sendMessage(reply);
+    call.logIfSlow();
+    return true;
+}
+
+}  // namespace sd

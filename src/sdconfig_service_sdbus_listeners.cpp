@@ -1,0 +1,79 @@
+// The service's registry of listeners.
+#include "platform/velmarlog/log_line.h"
+#include "src/sdconfig_interface.h"
+#include "src/sdconfig_protocol.h"
+
+namespace sd {
+
+namespace {
+constexpr char kTag[] = "sdconfig";
+constexpr char kSource[] = "src/sdconfig_service_sdbus";
+}  // namespace
+
+bool SDConfigInterface::RegisterListener(const std::string& key, bool flag) {
+    const std::lock_guard lock(mMutex);
+    ++mListenerCounts[key];
+    mListenerFlags[key] = flag;
+    return true;
+}
+
+bool SDConfigInterface::RegisterListenersWithList(const std::vector<std::string>& keys, bool flag) {
+    if (keys.empty()) {
+        LOG(7, AT "keys is empty", HERE);
+        return false;
+    }
+    const std::lock_guard lock(mMutex);
+    for (const std::string& key : keys) {
+        ++mListenerCounts[key];
+        mListenerFlags[key] = flag;
+    }
+    return true;
+}
+
+bool SDConfigInterface::UnRegisterListener(const std::string& key, bool /*flag*/) {
+    const std::lock_guard lock(mMutex);
+    const auto found = mListenerCounts.find(key);
+    if (found == mListenerCounts.end()) {
+        LOG(7, AT "the key is not found", HERE);
+        return false;
+    }
+    const int old = found->second--;
+    if (old <= 0) {
+        LOG(7, AT "the key is already UnRegistered", HERE);
+        return false;
+    }
+    if (old > 1) {
+        LOG(5, AT "the key do not need to UnRegistered", HERE);
+        return true;
+    }
+    mListenerCounts.erase(found);
+    mListenerFlags.erase(key);
+    return true;
+}
+
+// This and DMChanged take no lock: they run on the thread that alone changes the maps.
+bool SDConfigInterface::IsAllConfigsAlreadyListened(const std::vector<std::string>& keys) {
+    if (keys.empty()) {
+        LOG(7, AT "keys is empty", HERE);
+        return false;
+    }
+    for (const std::string& key : keys) {
+        const auto found = mListenerCounts.find(key);
+        if (found == mListenerCounts.end() || found->second < 1) return false;
+    }
+    return true;
+}
+
+bool SDConfigInterface::DMChanged(const std::string& key, const std::string& value, bool strong) {
+    const auto found = mListenerCounts.find(key);
+    if (found == mListenerCounts.end() || found->second < 1) return false;
+
+    const auto event = makeEventMessage(protocol::kDmChanged, SDBusSameUser);
+    event->appendString(key);
+    event->appendString(value);
+    if (mListenerFlags[key]) event->appendBool(strong);
+    publishEvent(event);
+    return true;
+}
+
+}  // namespace sd
