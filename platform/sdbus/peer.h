@@ -1,0 +1,96 @@
+// One connected client of a service.
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "platform/sdbus/fork.h"
+#include "platform/sdbus/handles.h"
+#include "platform/sdbus/message.h"
+#include "platform/sdbus/write_queue.h"
+
+namespace sdbus {
+
+class Service;
+class ServiceLoop;
+
+// Of the loop's thread. Whoever sends to a peer holds a shared pointer: a peer that is cut off leaves its service at
+// once.
+class Peer : public std::enable_shared_from_this<Peer> {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    // Null, and the errno-style error, when sd-bus refuses.
+    static std::shared_ptr<Peer> create(Service& service, UniqueFd fd, pid_t processId, uint64_t number, int& error);
+    ~Peer();
+    Peer(const Peer&) = delete;
+    Peer& operator=(const Peer&) = delete;
+
+    // Does what the connection has to do, a bounded share of it.
+    void process();
+
+    // False when the client is gone, or cut off for what it has not read.
+    bool send(sd_bus_message* message, std::size_t bytes);
+    bool sendReply(sd_bus_message* call, const Arguments& arguments, const WirePlan& plan);
+    bool sendEvent(const std::string& member, const Arguments& arguments, const WirePlan& plan);
+
+    void cutOff(const char* reason);
+    // Disconnects; the last thing that happens to a peer. Inside process() it takes effect at its end.
+    void close();
+
+    bool hasNothingQueued() const { return mQueue.isEmpty(); }
+    pid_t processId() const { return mProcess; }
+    Clock::time_point admittedAt() const { return mAdmittedAt; }
+    std::string uniqueName() const { return ":1." + std::to_string(mNumber); }
+    std::set<std::string>& subscriptions() { return mSubscriptions; }
+
+private:
+    Peer(Service& service, pid_t processId, uint64_t number, int fd);
+    int start(UniqueFd fd);
+    static int onMessage(sd_bus_message* message, void* peer, sd_bus_error* error);
+    bool isOpen() const { return mBus && !mDoomed && sd_bus_is_open(mBus.get()) > 0; }
+    int processMessages();
+    void settleQueue();
+    void rearm();
+
+    const std::shared_ptr<Service> mService;
+    const pid_t mProcess;
+    const uint64_t mNumber;
+    const Clock::time_point mAdmittedAt = Clock::now();
+    std::unique_ptr<ClosedInChild> mInherited;
+    BusPtr mBus;
+    SourcePtr mReadiness;
+    SourcePtr mRest;  // runs again what was left over of a turn
+    WriteQueue mQueue;
+    std::set<std::string> mSubscriptions;
+    bool mReady = false;
+    bool mProcessing = false;
+    bool mDoomed = false;
+};
+
+// A call that waits for its reply. The handler may keep it, and may answer from any thread.
+class PendingCall : public std::enable_shared_from_this<PendingCall> {
+public:
+    PendingCall(ServiceLoop& loop, const std::shared_ptr<Peer>& caller, sd_bus_message* call);
+    ~PendingCall();
+    PendingCall(const PendingCall&) = delete;
+    PendingCall& operator=(const PendingCall&) = delete;
+
+    // False when the caller is gone, was answered already, or can't be sent this.
+    bool answer(const Message& reply);
+
+private:
+    ServiceLoop& mLoop;
+    const std::weak_ptr<Peer> mCaller;
+    BusMessagePtr mCall;  // touched on the loop's thread alone: sd-bus counts its users without locks
+    const bool mWantsReply;
+    std::atomic<bool> mAnswered{false};
+};
+
+}  // namespace sdbus
