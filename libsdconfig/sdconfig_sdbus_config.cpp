@@ -1,0 +1,181 @@
+// The configuration facade and the requests behind it.
+#include "libsdconfig/sdconfig.h"
+
+#include "libsdconfig/sdconfig_client.h"
+#include "libsdconfig/with_client.h"
+#include "platform/velmarlog/log_line.h"
+#include "src/sdconfig_helpers.h"
+#include "src/sdconfig_impl_property.h"
+#include "src/sdconfig_protocol.h"
+
+namespace sd {
+
+namespace {
+constexpr char kTag[] = "sdconfig";
+constexpr char kSource[] = "sdconfig_sdbus";
+}  // namespace
+
+// ---- Requests ----
+
+bool SDConfigClient::Answer::ok() const {
+    return type() == protocol::kMethodReply;
+}
+
+SDConfigClient::Answer SDConfigClient::request(const char* method, std::initializer_list<std::string> arguments) {
+    const auto message = mProxy->makeMethodCallMessage(method);
+    for (const std::string& argument : arguments) message->appendString(argument);
+    return Answer(mProxy->callWithReplyBlocking(message, protocol::kCallTimeoutMs));
+}
+
+std::string SDConfigClient::GetProperty(const std::string& key) {
+    const Answer answer = request(protocol::kGetProperty, {key});
+    if (answer.errorType() != 0)
+        LOG(7, AT "callWithReplyBlocking timeout, reply error type = %d", HERE, answer.errorType());
+    if (answer.ok()) return answer->getString(0);
+    LOG(7, AT "error reply: type=%d, GetProperty the key : %s failed", HERE, answer.type(), key.c_str());
+    return "";
+}
+
+bool SDConfigClient::SetProperty(const std::string& key, const std::string& value) {
+    const Answer answer = request(protocol::kSetProperty, {key, value});
+    if (answer.ok()) return answer->getBool(0);
+    LOG(7, AT "error reply: type=%d, SetProperty the key : %s failed, value is %s", HERE, answer.type(), key.c_str(),
+        value.c_str());
+    return false;
+}
+
+bool SDConfigClient::DeleteProperty(const std::string& key) {
+    const Answer answer = request(protocol::kDeleteProperty, {key});
+    if (answer.ok()) return answer->getBool(0);
+    LOG(7, AT "error reply: type=%d, DeleteProperty the key : %s failed", HERE, answer.type(), key.c_str());
+    return false;
+}
+
+bool SDConfigClient::GetAllProperties(std::map<std::string, std::string>& properties) {
+    const Answer answer = request(protocol::kListProperty, {});
+    if (!answer.ok()) {
+        LOG(7, AT "error reply: type=%d", HERE, answer.type());
+        return false;
+    }
+    const int count = answer->getInt32(0);
+    for (int pair = 0; pair < count; ++pair)
+        properties[answer->getString(1 + 2 * pair)] = answer->getString(2 + 2 * pair);
+    return true;
+}
+
+bool SDConfigClient::SetSecure(const std::string& key, const std::string& value) {
+    const Answer answer = request(protocol::kSetSecure, {key, value});
+    if (answer.ok()) return answer->getBool(0);
+    LOG(7, AT "error reply: type=%d, setsecure the key : %s failed, the value is %s", HERE, answer.type(), key.c_str(),
+        value.c_str());
+    return false;
+}
+
+std::string SDConfigClient::GetSecure(const std::string& key) {
+    const Answer answer = request(protocol::kGetSecure, {key});
+    if (answer.ok()) return answer->getString(0);
+    LOG(7, AT "error reply: type=%d, GetSecure the key : %s failed", HERE, answer.type(), key.c_str());
+    return "";
+}
+
+bool SDConfigClient::DeleteSecure(const std::string& key) {
+    const Answer answer = request(protocol::kDeleteSecure, {key});
+    if (answer.ok()) return answer->getBool(0);
+    LOG(7, AT "error reply: type=%d, DeleteSecure the key : %s failed", HERE, answer.type(), key.c_str());
+    return false;
+}
+
+std::string SDConfigClient::GetConst(const std::string& key) {
+    const Answer answer = request(protocol::kGetConst, {key});
+    if (answer.ok()) return answer->getString(0);
+    LOG(7, AT "error reply: type=%d, GetConst the key : %s failed", HERE, answer.type(), key.c_str());
+    return "";
+}
+
+std::string SDConfigClient::SignRequest(const std::string& content) {
+    const Answer answer = request(protocol::kSignRequest, {content});
+    if (answer.ok()) return answer->getString(0);
+    LOG(7, AT "error reply: type=%d, SignRequest the content : %s failed", HERE, answer.type(), content.c_str());
+    return "";
+}
+
+bool SDConfigClient::VerifyRequest(const std::string& content, const std::string& sign) {
+    const Answer answer = request(protocol::kVerifySign, {content, sign});
+    if (answer.ok()) return answer->getBool(0);
+    LOG(7, AT "error reply: type=%d, VerifyRequest the content : %s failed, the sign is %s", HERE, answer.type(),
+        content.c_str(), sign.c_str());
+    return false;
+}
+
+// ---- The facade ----
+
+SDConfig* SDConfig::GetInstance() {
+    static SDConfig instance;
+    return &instance;
+}
+
+std::string SDConfig::GetProperty(const std::string& key, bool local) {
+    if (local) return SDPropertyInf::GetInstance()->GetProperty(key);
+    return withClient(__func__, std::string(), [&](SDConfigClient& client) { return client.GetProperty(key); });
+}
+
+bool SDConfig::SetProperty(const std::string& key, const std::string& value) {
+    return withClient(__func__, false, [&](SDConfigClient& client) { return client.SetProperty(key, value); });
+}
+
+bool SDConfig::DeleteProperty(const std::string& key) {
+    return withClient(__func__, false, [&](SDConfigClient& client) { return client.DeleteProperty(key); });
+}
+
+bool SDConfig::GetAllProperties(std::map<std::string, std::string>* properties) {
+    return withClient(__func__, false, [&](SDConfigClient& client) {
+        return properties != nullptr && client.GetAllProperties(*properties);
+    });
+}
+
+// The two identity keys are read back after a change: their history is followed by the log.
+bool SDConfig::SetSecure(const std::string& key, const std::string& value) {
+    const char* const function = __func__;
+    return withClient(function, false, [&](SDConfigClient& client) {
+        const bool stored = client.SetSecure(key, value);
+        if (isIdentityKey(key))
+            LOG(5, AT "key is %s, value is %s, latestVal is %s", kSource, function, __LINE__, key.c_str(),
+                value.c_str(), client.GetSecure(key).c_str());
+        return stored;
+    });
+}
+
+std::string SDConfig::GetSecure(const std::string& key) {
+    const char* const function = __func__;
+    return withClient(function, std::string(), [&](SDConfigClient& client) {
+        std::string value = client.GetSecure(key);
+        if (isIdentityKey(key))
+            LOG(5, AT "key is %s, value is %s", kSource, function, __LINE__, key.c_str(), value.c_str());
+        return value;
+    });
+}
+
+bool SDConfig::DeleteSecure(const std::string& key) {
+    const char* const function = __func__;
+    return withClient(function, false, [&](SDConfigClient& client) {
+        const bool deleted = client.DeleteSecure(key);
+        if (isIdentityKey(key))
+            LOG(5, AT "key is %s, latestVal is %s", kSource, function, __LINE__, key.c_str(),
+                client.GetSecure(key).c_str());
+        return deleted;
+    });
+}
+
+std::string SDConfig::GetConst(const std::string& key) {
+    return withClient(__func__, std::string(), [&](SDConfigClient& client) { return client.GetConst(key); });
+}
+
+std::string SDConfig::SignRequest(const std::string& content) {
+    return withClient(__func__, std::string(), [&](SDConfigClient& client) { return client.SignRequest(content); });
+}
+
+bool SDConfig::VerifyRequest(const std::string& content, const std::string& sign) {
+    return withClient(__func__, false, [&](SDConfigClient& client) { return client.VerifyRequest(content, sign); });
+}
+
+}  // namespace sd

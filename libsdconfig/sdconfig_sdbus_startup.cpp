@@ -1,0 +1,109 @@
+// What every process does to the secure store when it first connects: both tasks may run any number of times.
+#include <algorithm>
+
+#include "libsdconfig/lockscreen_entries.h"
+#include "libsdconfig/sdconfig_client.h"
+#include "platform/velmarlog/log_line.h"
+
+namespace sd {
+
+namespace {
+
+constexpr char kTag[] = "sdconfig";
+constexpr char kSource[] = "sdconfig_sdbus";
+
+constexpr char kLockscreenKey[] = "sd.device.lockscreen.data";
+
+struct PowerDefault {
+    const char* key;
+    const char* value;
+    const char* name;
+};
+constexpr PowerDefault kPowerDefaults[] = {
+    {"config.device.batteryBrightness", "50", "batteryBrightness"},
+    {"config.device.chargeBrightness", "80", "chargeBrightness"},
+    {"config.device.chargeDimDisplayTime", "15", "chargeDimDisplayTime"},
+    {"config.device.batteryDimDisplayTime", "5", "batteryDimDisplayTime"},
+    {"config.device.chargeLidCloseAction", "1", "chargeLidCloseAction"},
+    {"config.device.batteryLidCloseAction", "1", "batteryLidCloseAction"},
+};
+
+bool isNumber(const std::string& text) {
+    return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+// What stands between the first opening and the last closing brace; to the end, where none closes.
+std::string bodyOf(const std::string& text) {
+    const size_t open = text.find('{');
+    if (open == std::string::npos) return "";
+    const size_t close = text.rfind('}');
+    if (close == std::string::npos || close < open) return text.substr(open + 1);
+    return text.substr(open + 1, close - open - 1);
+}
+
+}  // namespace
+
+std::vector<std::pair<std::string, std::string>> lockscreenEntries(const std::string& text) {
+    enum class State { SeekName, InName, SeekColon, SeekObject, InObject };
+    State state = State::SeekName;
+    std::string name;
+    std::string object;
+    std::vector<std::pair<std::string, std::string>> entries;
+    for (const char c : bodyOf(text)) {
+        switch (state) {
+            case State::SeekName:
+                if (c == '"') state = State::InName;
+                break;
+            case State::InName:
+                if (c == '"')
+                    state = State::SeekColon;
+                else
+                    name += c;
+                break;
+            case State::SeekColon:
+                if (c == ':') state = State::SeekObject;
+                break;
+            case State::SeekObject:
+                if (c != '{') break;
+                object = c;
+                state = State::InObject;
+                break;
+            case State::InObject:
+                object += c;
+                if (c != '}') break;
+                entries.emplace_back(std::move(name), std::move(object));
+                name.clear();
+                object.clear();
+                state = State::SeekName;
+                break;
+        }
+    }
+    return entries;
+}
+
+void SDConfigClient::dataMigrate(const std::string& key) {
+    if (key != kOldLockscreenKey) return;
+    const std::string text = GetSecure(kOldLockscreenKey);
+    LOG(5, AT "jsonString is %s", HERE, text.c_str());
+
+    const auto entries = lockscreenEntries(text);
+    int i = 0;
+    for (const auto& [name, object] : entries)
+        LOG(5, AT "i = %d, first element is %s, secend element is %s", HERE, i++, name.c_str(), object.c_str());
+    if (entries.size() == 1) {
+        const std::string& object = entries.front().second;
+        SetSecure(kLockscreenKey, object);
+        LOG(5, AT "firstElement->second is %s", HERE, object.c_str());
+    }
+    DeleteSecure(kOldLockscreenKey);
+}
+
+void SDConfigClient::wpowerConfigInit() {
+    for (const PowerDefault& power : kPowerDefaults) {
+        if (isNumber(GetSecure(power.key))) continue;
+        LOG(6, AT "%s is nullptr", HERE, power.name);
+        SetSecure(power.key, power.value);
+    }
+}
+
+}  // namespace sd
