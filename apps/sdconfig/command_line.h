@@ -1,0 +1,42 @@
+// What can be typed: the commands with their arguments and options, and what is said when something else was.
+#pragma once
+
+#include <memory>
+#include <optional>
+
+#include "apps/sdconfig/request.h"
+
+namespace CLI {
+class App;
+class ParseError;
+}  // namespace CLI
+
+namespace cli {
+
+class Service;
+struct Command;
+
+class CommandLine {
+public:
+    CommandLine();
+    ~CommandLine();
+    CommandLine(const CommandLine&) = delete;
+    CommandLine& operator=(const CommandLine&) = delete;
+
+    // Returns the exit code where nothing is left to run: after --help and --version, and after wrong use.
+    std::optional<int> parse(int argc, char** argv);
+
+    // After a parse() that returned nothing.
+    const Request& request() const { return mRequest; }
+    int run(Service& service) const;  // returns the exit code
+
+private:
+    void add(const Command& command);
+    int wrongUse(const CLI::ParseError& error) const;
+
+    std::unique_ptr<CLI::App> mApp;
+    Request mRequest;
+    const Command* mCommand = nullptr;
+};
+
+}  // namespace cli

@@ -1,0 +1,60 @@
+// Everything that is said on standard error, and the exit codes. Each message is one line:
+// "sdconfig: what was tried: what happened; what to do next".
+#pragma once
+
+#include <string>
+
+#include "apps/sdconfig/request.h"
+
+namespace cli {
+
+enum ExitCode : int {
+    kDone = 0,
+    kRefused = 1,    // unset, not valid, or refused by the service
+    kUsage = 2,      // the command line or the input is wrong
+    kNoService = 3,  // no service, or no answer from it
+};
+
+// Prints the line and returns `code`.
+int fail(ExitCode code, const std::string& tried, const std::string& happened, const std::string& next);
+void note(const std::string& text);
+
+// `text` with its control characters written out: they would break the line, or act on the terminal.
+std::string escaped(const std::string& text);
+
+// `text` in quotation marks, escaped, and cut where it is long.
+std::string quoted(const std::string& text);
+
+// What the request tries, with its key where it has one: secure get "k".
+std::string attempt(const Request& request);
+
+// The service.
+int notRunning(const std::string& tried, const std::string& socketPath);
+int noAnswer(const std::string& tried, const std::string& how, const std::string& socketPath);
+int callUnanswered(const std::string& tried);  // this call only
+
+// What a command found.
+int unset(const Request& request);
+int unsetHere(const Request& request);
+int noSuchConst(const Request& request);
+int notSigned(const Request& request);
+
+// Refused writes.
+int setRefused(const Request& request);
+int deleteRefused(const Request& request);
+int secureWriteRefused(const Request& request);
+
+// Wrong use. command: the command as far as it was understood, "" for none.
+int misused(const std::string& command, const std::string& happened);
+int unknownCommand(const std::string& command, const std::string& word);
+int unknownOption(const std::string& command, const std::string& option);
+int tooManyArguments(const std::string& command);
+
+// Input.
+int emptyName(const Request& request, const std::string& argument);
+int unfitSecret(const Request& request, const std::string& problem);
+void noteReencoding();
+
+int notPrinted(const std::string& reason);
+
+}  // namespace cli

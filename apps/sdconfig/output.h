@@ -1,0 +1,28 @@
+// What goes to standard output: plain text, or one JSON object on one line.
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "apps/sdconfig/request.h"
+
+namespace cli {
+
+// Keeps the order in which the names were added, so that the output is steady.
+using Object = nlohmann::ordered_json;
+
+// Adds `bytes` under `name`, or, where they are not valid UTF-8 and so can't stand in JSON, in base64 under
+// "<name>_base64".
+void addBytes(Object& object, const std::string& name, const std::string& bytes);
+
+// Prints `object` where JSON was asked for, else `text` as it is. Returns the exit code: a result that could not be
+// written is a failure; a reader that had enough and closed the pipe is none.
+int print(const Request& request, const std::string& text, const Object& object);
+
+// What a look-up found. keyName: what the key is called in JSON. An empty value is told as unset, by `whenUnset`.
+int printValue(const Request& request, const char* keyName, const std::string& value, int (*whenUnset)(const Request&));
+
+// Whether a write was done: in text nothing, as there is nothing to read; a refusal is told by `whenRefused`.
+int printDone(const Request& request, bool done, int (*whenRefused)(const Request&));
+
+}  // namespace cli

@@ -1,0 +1,187 @@
+#include "apps/sdconfig/secret_input.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+
+namespace cli {
+
+namespace {
+
+// The largest value that the service is made for.
+constexpr std::size_t kMaxSecretBytes = 16u << 20;
+// What the kernel's line editing takes of one line; it drops the rest without a word.
+constexpr std::size_t kMaxTerminalLine = 4095;
+
+constexpr std::array kEndingSignals = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP};
+
+SecretInput problem(const std::string& text) {
+    return {"", text};
+}
+
+SecretInput systemProblem(const std::string& what) {
+    return problem(what + ": " + std::strerror(errno));
+}
+
+SecretInput withoutFinalNewline(std::string text) {
+    if (text.empty()) return problem("nothing came on standard input (an empty value is given as \"\")");
+    if (text.back() == '\n') text.pop_back();
+    return {std::move(text), ""};
+}
+
+SecretInput readToEnd(int descriptor) {
+    std::string text;
+    std::array<char, 65536> buffer;
+    for (;;) {
+        const ssize_t count = ::read(descriptor, buffer.data(), buffer.size());
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) return systemProblem("standard input can't be read");
+        if (count == 0) return withoutFinalNewline(std::move(text));
+        text.append(buffer.data(), static_cast<std::size_t>(count));
+        if (text.size() > kMaxSecretBytes + 1) return problem("the value is longer than 16 MiB");
+    }
+}
+
+// Signals are turned into bytes of a pipe for the life of the object, so that the terminal can be restored before they
+// take effect. Handlers, not a blocked mask: the mask would leave the signals to any other thread of the process.
+class SignalPipe {
+public:
+    SignalPipe() {
+        if (::pipe2(mEnds.data(), O_CLOEXEC | O_NONBLOCK) != 0) return;
+        sWriteEnd = mEnds[1];
+        for (std::size_t i = 0; i < kEndingSignals.size(); ++i) install(i);
+    }
+    ~SignalPipe() {
+        if (!valid()) return;
+        for (std::size_t i = 0; i < kEndingSignals.size(); ++i) restore(i);
+        ::close(mEnds[0]);
+        ::close(mEnds[1]);
+    }
+    SignalPipe(const SignalPipe&) = delete;
+    SignalPipe& operator=(const SignalPipe&) = delete;
+
+    bool valid() const { return mEnds[0] >= 0; }
+    int descriptor() const { return mEnds[0]; }
+
+    // Lets the signal do what it would have done. Comes back after a stop that was continued.
+    void deliver() {
+        unsigned char signal = 0;
+        if (::read(mEnds[0], &signal, 1) != 1) return;
+        for (std::size_t i = 0; i < kEndingSignals.size(); ++i) {
+            if (kEndingSignals[i] != signal) continue;
+            restore(i);
+            ::raise(signal);
+            install(i);
+        }
+    }
+
+private:
+    static void onSignal(int signal) {
+        const int savedErrno = errno;
+        const auto byte = static_cast<unsigned char>(signal);
+        (void)!::write(sWriteEnd, &byte, 1);
+        errno = savedErrno;
+    }
+
+    // A signal that whoever started us had ignored (nohup) stays ignored.
+    void install(std::size_t i) {
+        ::sigaction(kEndingSignals[i], nullptr, &mOld[i]);
+        if (mOld[i].sa_handler == SIG_IGN) return;
+        struct sigaction action {};
+        action.sa_handler = onSignal;
+        ::sigaction(kEndingSignals[i], &action, nullptr);
+    }
+    void restore(std::size_t i) { ::sigaction(kEndingSignals[i], &mOld[i], nullptr); }
+
+    static volatile std::sig_atomic_t sWriteEnd;
+
+    std::array<int, 2> mEnds{-1, -1};
+    std::array<struct sigaction, kEndingSignals.size()> mOld{};
+};
+
+volatile std::sig_atomic_t SignalPipe::sWriteEnd = -1;
+
+// The terminal without echo, for the life of the object.
+class HiddenEcho {
+public:
+    explicit HiddenEcho(int terminal) : mTerminal(terminal) {
+        if (::tcgetattr(terminal, &mShown) != 0) return;
+        struct termios hidden = mShown;
+        hidden.c_lflag &= ~static_cast<tcflag_t>(ECHO | ECHOE | ECHOK | ECHONL);
+        hidden.c_lflag |= ICANON | ISIG;
+        mHiding = ::tcsetattr(terminal, TCSAFLUSH, &hidden) == 0;
+    }
+    ~HiddenEcho() {
+        if (mHiding) ::tcsetattr(mTerminal, TCSADRAIN, &mShown);
+    }
+    HiddenEcho(const HiddenEcho&) = delete;
+    HiddenEcho& operator=(const HiddenEcho&) = delete;
+
+    bool hiding() const { return mHiding; }
+
+private:
+    const int mTerminal;
+    struct termios mShown {};
+    bool mHiding = false;
+};
+
+void say(const std::string& text) {
+    (void)!::write(STDERR_FILENO, text.data(), text.size());
+}
+
+enum class LineEnd { Complete, Signal, Failed };
+
+// Appends what is typed to `line` until its newline, the end of input, or a signal.
+LineEnd readLine(int terminal, int signals, std::string& line) {
+    std::array<pollfd, 2> sources{{{signals, POLLIN, 0}, {terminal, POLLIN, 0}}};
+    std::array<char, kMaxTerminalLine + 1> buffer;
+    for (;;) {
+        if (::poll(sources.data(), sources.size(), -1) < 0 && errno != EINTR) return LineEnd::Failed;
+        if (sources[0].revents != 0) return LineEnd::Signal;
+        if (sources[1].revents == 0) continue;
+        const ssize_t count = ::read(terminal, buffer.data(), buffer.size());
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) return LineEnd::Failed;
+        line.append(buffer.data(), static_cast<std::size_t>(count));
+        if (count == 0 || line.back() == '\n' || line.size() > kMaxTerminalLine) return LineEnd::Complete;
+    }
+}
+
+// One prompt. The prompt comes after the echo went off: who sees it may type.
+LineEnd promptForLine(int terminal, int signals, const std::string& prompt, std::string& line) {
+    const HiddenEcho echo(terminal);
+    if (!echo.hiding()) return LineEnd::Failed;
+    say(prompt);
+    const LineEnd end = readLine(terminal, signals, line);
+    say("\n");
+    return end;
+}
+
+SecretInput readFromTerminal(int terminal, const std::string& prompt) {
+    SignalPipe signals;
+    if (!signals.valid()) return systemProblem("no pipe for signals");
+    std::string line;
+    LineEnd end;
+    while ((end = promptForLine(terminal, signals.descriptor(), prompt, line)) == LineEnd::Signal) {
+        line.clear();
+        signals.deliver();
+    }
+    if (end == LineEnd::Failed) return systemProblem("the terminal can't be read without echo");
+    if (line.size() >= kMaxTerminalLine)
+        return problem("a terminal takes less than 4095 bytes a line; send a longer value through a pipe");
+    return withoutFinalNewline(std::move(line));
+}
+
+}  // namespace
+
+SecretInput readSecret(const std::string& prompt) {
+    return ::isatty(STDIN_FILENO) ? readFromTerminal(STDIN_FILENO, prompt) : readToEnd(STDIN_FILENO);
+}
+
+}  // namespace cli

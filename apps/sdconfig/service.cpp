@@ -1,0 +1,161 @@
+#include "apps/sdconfig/service.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <mutex>
+#include <thread>
+
+#include "apps/sdconfig/messages.h"
+#include "platform/sdbus/sdbus.h"
+#include "platform/velmarlog/velmarlog.h"
+#include "src/sdconfig_protocol.h"
+
+namespace cli {
+
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+// As long as the facade itself would wait for a service to appear.
+constexpr auto kStartGrace = 1000ms;
+constexpr auto kStartPoll = 50ms;
+
+constexpr int kAllLines = 5;
+constexpr int kErrorLines = 7;
+
+std::string howItFailed(int errorType) {
+    switch (errorType) {
+        case SDBusTimeout:
+            return "did not answer within 5 s";
+        case SDBusPeerLost:
+            return "went away before it answered";
+        case SDBusUnreachable:
+            return "can't be reached";
+        default:
+            return "did not give an answer that makes sense";
+    }
+}
+
+// A call that does nothing at the service but look up a constant without a name.
+std::shared_ptr<SDBusMessage> smallestCall(SDBusProxyInterface& proxy) {
+    auto call = proxy.makeMethodCallMessage(sd::protocol::kGetConst);
+    call->appendString("");
+    return proxy.callWithReplyBlocking(std::move(call), sd::protocol::kCallTimeoutMs);
+}
+
+// The start-up tasks' calls fail with lines of the same kind, for keys of their own: so the argument counts. Its start
+// will do, up to what a log may show in another way.
+std::string plainStart(const std::string& argument) {
+    constexpr std::size_t kEnough = 100;
+    const auto plain = [](char c) { return c >= ' ' && c <= '~'; };
+    const auto end = std::find_if_not(argument.begin(), argument.end(), plain);
+    return std::string(argument.begin(), end).substr(0, kEnough);
+}
+
+}  // namespace
+
+// Takes the library's log lines: shows them on standard error when asked to, and notes a line that tells that the call
+// in hand got no answer. Such a line can hold a secret value, so it is shown at no other time.
+class LogWatch {
+public:
+    explicit LogWatch(bool show) : mShow(show) {}
+
+    void expect(std::string failureText) {
+        const std::lock_guard lock(mMutex);
+        mFailureText = std::move(failureText);
+        mFailed = false;
+    }
+
+    bool failed() const {
+        const std::lock_guard lock(mMutex);
+        return mFailed;
+    }
+
+    void take(int level, const std::string& tag, const std::string& line) {
+        if (mShow) print(level, tag, line);
+        const std::lock_guard lock(mMutex);
+        if (level == kErrorLines && tag == sd::protocol::kServiceName && tellsFailure(line)) mFailed = true;
+    }
+
+private:
+    static void print(int level, const std::string& tag, const std::string& line) {
+        const std::string text = std::to_string(level) + " " + tag + ": " + escaped(line) + "\n";
+        (void)!::write(STDERR_FILENO, text.data(), text.size());
+    }
+
+    bool tellsFailure(const std::string& line) const {
+        const auto holds = [&line](const std::string& text) { return line.find(text) != std::string::npos; };
+        return holds("no sdconfig client!!!") || (holds("error reply: type=") && holds(mFailureText));
+    }
+
+    const bool mShow;
+    mutable std::mutex mMutex;
+    std::string mFailureText;
+    bool mFailed = false;
+};
+
+Service::Service(const Request& request) : mRequest(request), mLog(std::make_shared<LogWatch>(request.verbose)) {
+    velmarLogSetLevel(request.verbose ? kAllLines : kErrorLines);
+    velmarLogSetSink(
+        [log = mLog](int level, const char* tag, const std::string& line) { log->take(level, tag, line); });
+    mBus = SDBusSerivceManager::initSync(-1);
+}
+
+// The sink stays: what the library logs at exit is no chatter for the terminal either.
+Service::~Service() = default;
+
+Probe Service::probe() {
+    Probe probe;
+    if (!mBus->isServiceRegistered(sd::protocol::kServiceName)) return probe;
+    const auto proxy = mBus->getServiceProxyInterface(sd::protocol::kServiceName, SDBusSameUser, 1);
+    auto reply = smallestCall(*proxy);  // connects as well
+    const auto began = Clock::now();
+    if (reply->type() == sd::protocol::kMethodReply) reply = smallestCall(*proxy);
+    probe.roundTrip = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - began);
+    probe.answered = reply->type() == sd::protocol::kMethodReply;
+    probe.listening = reply->getErrorType() != SDBusUnreachable;
+    probe.how = howItFailed(reply->getErrorType());
+    return probe;
+}
+
+// The facade's first call runs the client's start-up tasks, up to 16 calls of 5 s each where the service listens but
+// does not answer. One call made before it keeps a hung service from holding up the user for more than those 5 s.
+int Service::require() {
+    const Probe found = appears() ? probe() : Probe{};
+    if (!found.listening) return notRunning(attempt(mRequest), socketPath());
+    if (!found.answered) return noAnswer(attempt(mRequest), found.how, socketPath());
+    return kDone;
+}
+
+bool Service::appears() const {
+    const auto limit = Clock::now() + kStartGrace;
+    while (!mBus->isServiceRegistered(sd::protocol::kServiceName)) {
+        if (Clock::now() >= limit) return false;
+        std::this_thread::sleep_for(kStartPoll);
+    }
+    return true;
+}
+
+void Service::beginCall(const std::string& name, const std::string& argument) {
+    mLog->expect(name + " : " + plainStart(argument));
+}
+
+int Service::endCall(bool failureValue) {
+    if (!failureValue || !mLog->failed()) return kDone;
+    const Probe after = probe();
+    if (!after.listening) return notRunning(attempt(mRequest), socketPath());
+    if (!after.answered) return noAnswer(attempt(mRequest), after.how, socketPath());
+    return callUnanswered(attempt(mRequest));
+}
+
+int Service::processId() const {
+    return mBus->serviceProcess(sd::protocol::kServiceName);
+}
+
+std::string Service::socketPath() const {
+    return mBus->socketPath(sd::protocol::kServiceName);
+}
+
+}  // namespace cli

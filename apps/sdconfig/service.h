@@ -1,0 +1,69 @@
+// The service as the commands see it: whether it is there, and whether a call of the facade was answered.
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "apps/sdconfig/request.h"
+
+class SDBusSerivceManager;
+
+namespace cli {
+
+class LogWatch;
+
+// One call straight over the bus, without the facade.
+struct Probe {
+    bool listening = false;  // somebody listens under the service's name
+    bool answered = false;
+    std::string how;  // where it did not answer: what it did instead
+    std::chrono::microseconds roundTrip{};
+};
+
+template <class Result>
+struct Answer {
+    Result result;
+    int exitCode;  // kDone where the service answered; else kNoService, and the failure was told
+};
+
+class Service {
+public:
+    explicit Service(const Request& request);
+    ~Service();
+    Service(const Service&) = delete;
+    Service& operator=(const Service&) = delete;
+
+    // Makes one call and times a second one. Doesn't wait for a service that isn't there.
+    Probe probe();
+
+    // The exit code kDone where the service is there and answers; else kNoService, after telling so.
+    // A service that is just starting is waited for, for a second.
+    int require();
+
+    // Runs `operation`, a call of the facade whose log line says "NAME : ARGUMENT failed" where it got no answer.
+    // The facade gives the same "" or false for that and for a refusal; only the line tells them apart.
+    template <class Operation>
+    auto call(const std::string& name, const std::string& argument, Operation operation)
+        -> Answer<decltype(operation())> {
+        beginCall(name, argument);
+        auto result = operation();
+        const bool failureValue = result == decltype(result){};
+        return {std::move(result), endCall(failureValue)};
+    }
+
+    int processId() const;  // 0: unknown
+    std::string socketPath() const;
+
+private:
+    void beginCall(const std::string& name, const std::string& argument);
+    int endCall(bool failureValue);
+    bool appears() const;
+
+    const Request& mRequest;
+    std::shared_ptr<LogWatch> mLog;
+    SDBusSerivceManager* mBus = nullptr;
+};
+
+}  // namespace cli

@@ -1,0 +1,36 @@
+#include "apps/sdconfigd/constants_file.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+
+namespace {
+
+std::string trimmed(const std::string& text) {
+    const char* const blanks = " \t\r";
+    const size_t begin = text.find_first_not_of(blanks);
+    if (begin == std::string::npos) return "";
+    return text.substr(begin, text.find_last_not_of(blanks) - begin + 1);
+}
+
+}  // namespace
+
+std::string readConstantsFile(const std::string& path, std::map<std::string, std::string>& constants) {
+    std::ifstream file(path);
+    if (!file) return path + ": " + std::strerror(errno);
+
+    std::map<std::string, std::string> read;
+    std::string line;
+    for (int number = 1; std::getline(file, line); ++number) {
+        const std::string content = trimmed(line);
+        if (content.empty() || content.front() == '#') continue;
+        const size_t equals = line.find('=');
+        const std::string name = trimmed(line.substr(0, equals));
+        if (equals == std::string::npos || name.empty())
+            return path + ":" + std::to_string(number) + ": expected a line of the form name=value";
+        read[name] = line.substr(equals + 1);
+    }
+    if (file.bad()) return path + ": can't be read to its end";
+    constants.swap(read);
+    return "";
+}

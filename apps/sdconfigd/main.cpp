@@ -1,0 +1,131 @@
+// sdconfigd: hosts the configuration service until it is told to end.
+#include <sys/stat.h>
+#include <systemd/sd-daemon.h>
+
+#include <CLI/CLI.hpp>
+#include <QCoreApplication>
+#include <QStandardPaths>
+#include <QTextCodec>
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <map>
+#include <string>
+
+#include "apps/sdconfigd/constants_file.h"
+#include "apps/sdconfigd/preflight.h"
+#include "libsdconfig/sdconfig.h"
+#include "platform/sdbus/sdbus.h"
+#include "platform/sdsecurity/sdsecurity.h"
+#include "platform/velmarlog/velmarlog.h"
+#include "src/sdconfig_service_sdbus.h"
+
+namespace {
+
+constexpr char kName[] = "sdconfig";
+
+enum ExitCode { kDone = 0, kFailed = 1, kWrongUse = 2 };
+
+struct Options {
+    std::string dataDir;
+    std::string productDir;
+    std::string constants;
+    int logLevel = 6;
+};
+
+int fail(const std::string& problem) {
+    std::fprintf(stderr, "sdconfigd: %s\n", problem.c_str());
+    return kFailed;
+}
+
+void declareOptions(CLI::App& app, Options& options) {
+    app.option_defaults()->take_last();  // a wrapper's options can be overridden
+    app.add_option("--data-dir", options.dataDir, "Folder of the databases and the key ring; made if it is missing")
+        ->type_name("DIR")
+        ->capture_default_str();
+    app.add_option("--product-dir", options.productDir,
+                   "The product's data folder: DIR/../etc/build.prop is read before /etc/build.prop")
+        ->type_name("DIR");
+    app.add_option("--constants", options.constants, "Constants to answer, a line name=value each")->type_name("FILE");
+    app.add_option("--log-level", options.logLevel,
+                   "Least level of log lines to write: 5 information, 6 warnings, 7 errors, 8 none")
+        ->type_name("N")
+        ->check(CLI::Range(0, 8))
+        ->capture_default_str();
+    app.set_version_flag("--version", "sdconfigd " SDCONFIG_VERSION);
+}
+
+// Tells the library and the layers below it where everything is. Returns a line for a person, or "".
+std::string prepare(const Options& options) {
+    std::map<std::string, std::string> constants;
+    if (!options.constants.empty())
+        if (std::string problem = readConstantsFile(options.constants, constants); !problem.empty()) return problem;
+
+    sd::SDSecurity& security = *sd::SDSecurity::GetInstance();
+    for (const auto& [name, value] : constants) security.RegisterString(name, value);
+    const std::string dataDir = std::filesystem::absolute(options.dataDir).lexically_normal();
+    security.SetKeyRingFolder(dataDir);
+    if (std::string problem = preflight(dataDir); !problem.empty()) return problem;
+
+    sd::SDConfig::setDataPath(dataDir);
+    if (sd::SDConfig::getDataPathUtf8() != dataDir) return "the path of the data folder is not valid UTF-8";
+    if (!options.productDir.empty()) sd::SDConfig::setVelmarDataPath(std::filesystem::absolute(options.productDir));
+    return "";
+}
+
+// Serves until SIGTERM or SIGINT, which every thread has blocked.
+int serve(const Options& options, const sigset_t& endSignals) {
+    SDBusSerivceManager& bus = *SDBusSerivceManager::initSync(-1);
+    sd::SDConfigService::GetInstance()->Start();
+    if (const std::string problem = bus.registrationFailure(kName); !problem.empty()) return fail(problem);
+
+    sd_notify(0, "READY=1");
+    std::fprintf(stderr, "sdconfigd: ready on %s, data in %s\n", bus.socketPath(kName).c_str(),
+                 options.dataDir.c_str());
+    int signal = 0;
+    sigwait(&endSignals, &signal);
+    sd_notify(0, "STOPPING=1");
+    bus.unregisterServiceInterface(kName);
+    return kDone;
+}
+
+int run(const Options& options, const sigset_t& endSignals) {
+    // Before any file is touched, so that a second service leaves the first one's data alone.
+    if (const int holder = SDBusSerivceManager::initSync(-1)->serviceProcess(kName))
+        return fail("the service \"" + std::string(kName) + "\" is already running as process " +
+                    std::to_string(holder) + "; end that one first");
+    if (const std::string problem = prepare(options); !problem.empty()) return fail(problem);
+    return serve(options, endSignals);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    sigset_t endSignals;
+    sigemptyset(&endSignals);
+    sigaddset(&endSignals, SIGTERM);
+    sigaddset(&endSignals, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &endSignals, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
+    ::umask(0077);  // nothing that the service makes is anybody else's business
+    QCoreApplication::setApplicationName(kName);
+    QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));  // paths are bytes, whatever the locale
+
+    Options options;
+    options.dataDir = QStandardPaths::writableLocation(QStandardPaths::AppDataLocation).toStdString();
+    CLI::App app("Keeps the client's settings, secure values and policies, and answers them to its processes.",
+                 "sdconfigd");
+    declareOptions(app, options);
+    try {
+        app.parse(argc, argv);
+        velmarLogSetLevel(options.logLevel);
+        return run(options, endSignals);
+    } catch (const CLI::Success& help) {
+        return app.exit(help);
+    } catch (const CLI::ParseError& error) {
+        std::fprintf(stderr, "sdconfigd: %s; see sdconfigd --help\n", error.what());
+        return kWrongUse;
+    } catch (const std::exception& error) {
+        return fail(error.what());
+    }
+}
