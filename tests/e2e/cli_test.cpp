@@ -1,0 +1,260 @@
+// The command line against the real service: what it prints, where, and with which exit code.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+#include <nlohmann/json.hpp>
+
+#include "tests/e2e/sandbox.h"
+
+namespace test {
+
+using nlohmann::json;
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+namespace {
+
+constexpr int kDone = 0;
+constexpr int kRefused = 1;
+constexpr int kUsage = 2;
+constexpr int kNoService = 3;
+
+// One line "sdconfig: ...", and not a word about it on standard output.
+void expectError(const Result& result, int exitCode, const std::string& told, const std::string& out = "") {
+    EXPECT_EQ(result.exitCode, exitCode);
+    EXPECT_THAT(result.err, AllOf(StartsWith("sdconfig: "), HasSubstr(told)));
+    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+    EXPECT_EQ(result.out, out);
+}
+
+// Success, and nothing on standard error.
+void expectOut(const Result& result, const std::string& out) {
+    EXPECT_EQ(result.exitCode, kDone);
+    EXPECT_EQ(result.out, out);
+    EXPECT_EQ(result.err, "");
+}
+
+json object(const Result& result) {
+    EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'), 1) << result.out;
+    return json::parse(result.out, nullptr, false);
+}
+
+}  // namespace
+
+class CliTest : public Sandbox {
+protected:
+    std::string shell(const std::string& script) const {
+        Environment variables = environment();
+        variables["CLI"] = SDCONFIG_CLI;
+        const Result result = run({"sh", "-c", script}, variables);
+        return std::to_string(result.exitCode) + " " + result.out + result.err;
+    }
+};
+
+TEST_F(CliTest, Properties) {
+    writeFile(path("etc/build.prop"), "ro.sd.model = X1\n");
+    const Process service = startService();
+    expectOut(cli({"get", "ro.sd.model"}), "X1\n");
+    expectOut(cli({"set", "volume", "-5"}), "");
+    expectOut(cli({"get", "volume"}), "-5\n");
+    expectOut(cli({"set", "--", "-v", "--json"}), "");
+    expectOut(cli({"get", "--", "-v"}), "--json\n");
+    expectOut(cli({"set", "get", "set"}), "");  // names of commands are keys and values like others
+    EXPECT_EQ(object(cli({"--json", "get", "get"})), json::parse(R"({"key":"get","set":true,"value":"set"})"));
+    expectOut(cli({"set", "bytes", "\xff\x01"}), "");
+    expectOut(cli({"get", "bytes"}), "\xff\x01\n");
+    EXPECT_EQ(object(cli({"get", "bytes", "--json"})),
+              json::parse(R"({"key":"bytes","set":true,"value_base64":"/wE="})"));
+
+    expectOut(cli({"set", "volume", ""}), "");
+    expectError(cli({"get", "volume"}), kRefused, "get \"volume\": not set");
+    EXPECT_EQ(object(cli({"get", "volume", "--json"})), json::parse(R"({"key":"volume","set":false,"value":null})"));
+    expectOut(cli({"delete", "volume"}), "");
+    expectError(cli({"delete", "volume"}), kRefused, "not set");
+    EXPECT_EQ(object(cli({"delete", "--json", "volume"})), json::parse(R"({"key":"volume","done":false})"));
+    expectError(cli({"set", "ro.sd.model", "X2"}), kRefused, "read-only once it has a value");
+    expectError(cli({"delete", "ro.sd.model"}), kRefused, "can't be deleted");
+    expectError(cli({"get", "a\nb\x1b[2J"}), kRefused, "a\\x0ab\\x1b[2J");
+}
+
+TEST_F(CliTest, SecureValues) {
+    const Process service = startService();
+    expectOut(cli({"secure", "set", "token", "abc"}), "");
+    expectOut(cli({"secure", "get", "TOKEN"}), "abc\n");
+    expectOut(cli({"secure", "set", "token"}, "line 1\nline 2\n\n"), "");
+    expectOut(cli({"secure", "get", "token"}), "line 1\nline 2\n\n");
+    EXPECT_EQ(object(cli({"secure", "get", "token", "--json"})),
+              json::parse(R"({"key":"token","set":true,"value":"line 1\nline 2\n"})"));
+
+    expectError(cli({"secure", "set", "token"}, std::string("half\0value", 10)), kUsage, "zero byte");
+    expectError(cli({"secure", "set", "token"}), kUsage, "nothing came on standard input");
+    expectError(cli({"secure", "set", "token"}, std::string((16 << 20) + 2, 'x')), kUsage, "longer than 16 MiB");
+    expectOut(cli({"secure", "get", "token"}), "line 1\nline 2\n\n");
+
+    expectError(cli({"secure", "set", "token", "\xc3\xa9"}), kDone, "note: ");
+    expectOut(cli({"secure", "get", "token"}), "\xc3\x83\xc2\xa9\n");
+    expectOut(cli({"secure", "delete", "token"}), "");
+    expectOut(cli({"secure", "delete", "token"}), "");
+    expectError(cli({"secure", "get", "token"}), kRefused, "not set");
+}
+
+TEST_F(CliTest, ConstantsAndSignatures) {
+    writeFile(path("constants"), "region=north\n");
+    const Process service = startService();
+    expectOut(cli({"const", "region"}), "north\n");
+    EXPECT_EQ(object(cli({"const", "region", "--json"})),
+              json::parse(R"({"name":"region","set":true,"value":"north"})"));
+    expectError(cli({"const", "planet"}), kRefused, "no such constant");
+    expectOut(cli({"sign", "some text"}), "some text\n");
+    expectOut(cli({"sign", ""}), "\n");
+    EXPECT_EQ(object(cli({"sign", "x", "--json"})), json::parse(R"({"signature":"x"})"));
+    expectOut(cli({"verify", "some text", "some text"}), "valid\n");
+    EXPECT_EQ(object(cli({"verify", "a", "b", "--json"})), json::parse(R"({"valid":true})"));
+}
+
+TEST_F(CliTest, StatusFollowsTheService) {
+    expectError(cli({"status"}), kNoService, "start it with", "not running\n");
+    Process service = startService();
+    const json running = object(cli({"status", "--json"}));
+    EXPECT_EQ(running["running"], true);
+    EXPECT_EQ(running["pid"], service.pid());
+    EXPECT_EQ(running["socket"], socketPath());
+    EXPECT_GT(running["round_trip_us"], 0);
+    EXPECT_LT(running["round_trip_us"], 1000000);
+    EXPECT_THAT(cli({"status"}).out, StartsWith("running\npid: " + std::to_string(service.pid()) + "\n"));
+
+    service.kill(SIGKILL);
+    service.wait();
+    const Result killed = cli({"status", "--json"});
+    EXPECT_EQ(killed.exitCode, kNoService);
+    EXPECT_EQ(object(killed)["running"], false);
+    EXPECT_EQ(object(killed)["pid"], nullptr);
+    const Process next = startService();
+    expectOut(cli({"set", "after", "restart"}), "");
+    EXPECT_EQ(object(cli({"status", "--json"}))["pid"], next.pid());
+}
+
+TEST_F(CliTest, TellsAnAbsentServiceAndAHungOne) {
+    std::vector<std::vector<std::string>> commands{{"get", "k"},
+                                                   {"set", "k", "secret"},
+                                                   {"delete", "k"},
+                                                   {"secure", "get", "k"},
+                                                   {"secure", "set", "k", "secret"},
+                                                   {"secure", "delete", "k"},
+                                                   {"const", "k"},
+                                                   {"sign", "secret"},
+                                                   {"verify", "secret", "secret"}};
+    const auto all = [&](const std::string& told) {
+        std::vector<Process> running;
+        running.reserve(commands.size());
+        for (const auto& command : commands) running.push_back(Process::start(cliCommand(command), environment()));
+        for (Process& process : running) {
+            const int exitCode = process.wait();
+            expectError({exitCode, process.out(), process.err()}, kNoService, told);
+            EXPECT_THAT(process.err(), AllOf(HasSubstr(socketPath()), Not(HasSubstr("secret"))));
+        }
+    };
+    all("is not running");
+    const Process service = startService();
+    service.kill(SIGSTOP);
+    Process status = Process::start(cliCommand({"status"}), environment());
+    all("did not answer within 5 s");
+    EXPECT_EQ(status.wait(), kNoService);
+    EXPECT_THAT(status.out(), StartsWith("running, not answering\n"));
+    EXPECT_THAT(status.err(), HasSubstr("did not answer within 5 s"));
+}
+
+// The service answers a failed write with false and a failed deletion not at all.
+TEST_F(CliTest, TellsARefusalFromACallWithoutAnswer) {
+    const Process service = startService();
+    expectOut(cli({"secure", "set", "stuck", "value"}), "");
+    query(
+        path("data/sdconfig.db"),
+        "CREATE TRIGGER noDelete BEFORE DELETE ON secure_v3 WHEN old.key = 'stuck' BEGIN SELECT RAISE(ABORT, ''); END;"
+        "CREATE TRIGGER noInsert BEFORE INSERT ON secure_v3 WHEN new.key = 'full' BEGIN SELECT RAISE(ABORT, ''); END;");
+    expectError(cli({"secure", "set", "full", "value"}), kRefused,
+                "secure set \"full\": the service could not store it");
+    expectError(cli({"secure", "delete", "stuck"}), kNoService, "gave this call no answer, though it answers others");
+}
+
+TEST_F(CliTest, WrongUseIsOneLineThatSaysWhatToDo) {
+    const struct {
+        std::vector<std::string> arguments;
+        const char* told;
+    } cases[] = {
+        {{}, "sdconfig --help"},
+        {{"gett", "k"}, "no command \"gett\""},
+        {{"secure", "sett", "k"}, "no command \"sett\""},
+        {{"get"}, "KEY is required; see: sdconfig get --help"},
+        {{"get", ""}, "KEY is empty"},
+        {{"set", "k"}, "VALUE is required"},
+        {{"set", "k", "two", "words"}, "quotation marks"},
+        {{"set", "k", "-x"}, "put -- before"},
+        {{"secure", "set", "k", "--value=secret"}, "no option \"--value\""},
+        {{"get", "k", "--product-dir", "/"}, "--local"},
+        {{"get", "k", "--local", "--product-dir", "/nowhere"}, "/nowhere"},
+    };
+    for (const auto& [arguments, told] : cases) {
+        const Result result = cli(arguments);
+        SCOPED_TRACE(result.err);
+        expectError(result, kUsage, told);
+        EXPECT_THAT(result.err, Not(HasSubstr("secret")));
+    }
+    EXPECT_THAT(cli({"secure", "set", "--help"}).out, HasSubstr("visible to every user"));
+    EXPECT_THAT(cli({"--version"}).out, StartsWith("sdconfig "));
+}
+
+TEST_F(CliTest, ReadsLocallyWithoutAService) {
+    writeFile(path("etc/build.prop"), "ro.sd.model=X1\n");
+    expectOut(cli({"get", "ro.sd.model", "--local", "--product-dir", path("product")}), "X1\n");
+    expectError(cli({"get", "ro.sd.model", "--local"}), kRefused, "no build.prop file");
+}
+
+TEST_F(CliTest, LogLinesOnlyWhenAskedFor) {
+    const Process service = startService();
+    EXPECT_EQ(cli({"secure", "get", "k", "--json"}).err.find("SDConfigClient"), std::string::npos);
+    EXPECT_THAT(cli({"-v", "secure", "get", "k"}).err, HasSubstr("5 sdconfig: sdconfig_sdbus GetInstance("));
+}
+
+TEST_F(CliTest, ResultsThatCanNotBeWritten) {
+    const Process service = startService();
+    expectOut(cli({"set", "k", std::string(100000, 'x')}), "");
+    EXPECT_THAT(shell("$CLI get k >/dev/full"), AllOf(StartsWith("1 sdconfig: "), HasSubstr("No space left")));
+    EXPECT_THAT(shell("$CLI get k >&-"), AllOf(StartsWith("1 sdconfig: "), HasSubstr("Bad file descriptor")));
+    EXPECT_EQ(shell("$CLI get k | true"), "0 ");
+    EXPECT_EQ(shell("trap '' PIPE; { $CLI get k; echo $? >&2; } | true"), "0 0\n");
+}
+
+TEST_F(CliTest, AsksForASecretWithoutEcho) {
+    const Process service = startService();
+    const auto command = cliCommand({"secure", "set", "password"});
+    {
+        TerminalProcess terminal(command, environment());
+        ASSERT_TRUE(terminal.waitForScreen("(not shown): "));
+        EXPECT_FALSE(terminal.echoes());
+        terminal.type("hunter2\n");
+        EXPECT_EQ(terminal.wait(), kDone);
+        EXPECT_TRUE(terminal.echoes());
+        EXPECT_THAT(terminal.screen(), Not(HasSubstr("hunter2")));
+    }
+    {
+        TerminalProcess terminal(command, environment());
+        ASSERT_TRUE(terminal.waitForScreen("(not shown): "));
+        terminal.type("half a se\x03");  // Ctrl-C
+        EXPECT_EQ(terminal.wait(), 128 + SIGINT);
+        EXPECT_TRUE(terminal.echoes());
+    }
+    {
+        TerminalProcess terminal(command, environment());
+        ASSERT_TRUE(terminal.waitForScreen("(not shown): "));
+        terminal.type(std::string(5000, 'x') + "\n");  // more than a terminal passes on of one line
+        EXPECT_EQ(terminal.wait(), kUsage);
+    }
+    expectOut(cli({"secure", "get", "password"}), "hunter2\n");
+}
+
+}  // namespace test

@@ -1,0 +1,174 @@
+// The service as a process: its start and its end, restarts beneath a living client, and what it refuses to serve.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <optional>
+
+#include "libsdconfig/sdconfig.h"
+#include "tests/e2e/sandbox.h"
+
+namespace test {
+namespace {
+
+using ::testing::HasSubstr;
+
+class DaemonTest : public Sandbox {
+protected:
+    // This process as a client of the sandbox's service.
+    sd::SDConfig& client() {
+        mRuntime.emplace("XDG_RUNTIME_DIR", path("run").c_str());
+        return *sd::SDConfig::GetInstance();
+    }
+
+    // A start that fails: exit 1 and one line that holds `told`.
+    void expectRefusal(const std::string& told, const std::vector<std::string>& options = {}) {
+        std::vector<std::string> arguments{SDCONFIGD, "--log-level", "8", "--data-dir", path("data")};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        const Result result = run(arguments, environment());
+        EXPECT_EQ(result.exitCode, 1);
+        EXPECT_THAT(result.err, HasSubstr(told));
+        EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+        EXPECT_FALSE(std::filesystem::exists(socketPath()));
+    }
+
+    unsigned int mode(const std::string& name) const {
+        struct stat status {};
+        return ::stat(path(name).c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
+    }
+
+private:
+    std::optional<ScopedEnv> mRuntime;
+};
+
+TEST_F(DaemonTest, StartsPrivatelyAndEndsCleanly) {
+    std::filesystem::remove(path("data"));
+    Process service = startService({"--data-dir", path("data/deeper")});
+    for (const char* folder : {"data", "data/deeper", "run/sdbus"}) EXPECT_EQ(mode(folder), 0700u) << folder;
+    EXPECT_EQ(cli({"secure", "set", "k", "v"}).exitCode, 0);
+    for (const char* file :
+         {"data/deeper/sdconfig.db", "data/deeper/dmhelper.db", "data/deeper/sdsecurity.keys", "run/sdbus/sdconfig"})
+        EXPECT_EQ(mode(file), 0600u) << file;
+    service.kill(SIGTERM);
+    EXPECT_EQ(service.wait(), 0);
+    EXPECT_TRUE(std::filesystem::is_empty(path("run/sdbus")));
+
+    Process again = startService({"--data-dir", path("data/deeper")});
+    again.kill(SIGINT);
+    EXPECT_EQ(again.wait(), 0);
+}
+
+TEST_F(DaemonTest, TellsItsManagerThatItIsReady) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path("notify").c_str(), sizeof address.sun_path - 1);
+    const int notify = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    ASSERT_EQ(::bind(notify, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    const ScopedEnv manager("NOTIFY_SOCKET", path("notify").c_str());
+    Process service = startService();
+    const auto received = [notify] {
+        char text[100] = {};
+        return ::recv(notify, text, sizeof text - 1, 0) > 0 ? std::string(text) : "";
+    };
+    EXPECT_EQ(received(), "READY=1");
+    service.kill(SIGTERM);
+    EXPECT_EQ(service.wait(), 0);
+    EXPECT_EQ(received(), "STOPPING=1");
+    ::close(notify);
+}
+
+TEST_F(DaemonTest, ASecondServiceNamesTheFirst) {
+    const Process service = startService();
+    const Result second = run({SDCONFIGD, "--data-dir", path("other")}, environment());
+    EXPECT_EQ(second.exitCode, 1);
+    EXPECT_THAT(second.err, HasSubstr("already running as process " + std::to_string(service.pid())));
+    EXPECT_FALSE(std::filesystem::exists(path("other")));
+    EXPECT_EQ(cli({"status"}).exitCode, 0);
+}
+
+TEST_F(DaemonTest, RefusesWhatItCannotServe) {
+    const std::string database = path("data/sdconfig.db");
+    writeFile(database, std::string(8192, 'x'));
+    expectRefusal("can't open the database " + database + ": file is not a database");
+    EXPECT_EQ(readFile(database), std::string(8192, 'x'));
+    std::filesystem::remove(database);
+    std::filesystem::create_directory(path("data/dmhelper.db"));
+    expectRefusal("can't open the database " + path("data/dmhelper.db") + ": unable to open database file");
+    std::filesystem::remove(path("data/dmhelper.db"));
+
+    expectRefusal(path("constants") + " is not a folder", {"--data-dir", path("constants")});
+    writeFile(path("constants"), "# names\nname=value\nnonsense\n");
+    expectRefusal(path("constants") + ":3: expected a line of the form name=value", {"--constants", path("constants")});
+    expectRefusal("No such file or directory", {"--constants", path("missing")});
+    const Result wrong = run({SDCONFIGD, "--log-level", "9"}, environment());
+    EXPECT_EQ(wrong.exitCode, 2);
+    EXPECT_THAT(wrong.err, HasSubstr("see sdconfigd --help"));
+}
+
+TEST_F(DaemonTest, RefusesSealedRowsWithoutTheirRing) {
+    const std::string ring = path("data/sdsecurity.keys");
+    {
+        const Process service = startService();
+        EXPECT_EQ(cli({"secure", "set", "k", "v"}).exitCode, 0);
+    }
+    std::filesystem::rename(ring, ring + ".away");
+    std::filesystem::remove(socketPath());
+    expectRefusal("hold sealed values but the key ring " + ring);
+    writeFile(ring, "damaged");
+    expectRefusal("the key ring can't be used: " + ring);
+    EXPECT_EQ(readFile(ring), "damaged");
+    std::filesystem::rename(ring + ".away", ring);
+    const Process service = startService();
+    EXPECT_EQ(cli({"secure", "get", "k"}).out, "v\n");
+}
+
+TEST_F(DaemonTest, AClientLivesThroughAKillAndARestart) {
+    sd::SDConfig& config = client();
+    for (int round = 0; round < 3; ++round) {
+        Process service = startService();
+        const std::string value = std::to_string(round);
+        EXPECT_EQ(config.GetSecure("kept"), round == 0 ? "" : std::to_string(round - 1));
+        EXPECT_TRUE(config.SetSecure("kept", value));
+        service.kill(SIGKILL);
+        service.wait();
+        EXPECT_EQ(config.GetSecure("kept"), "");
+    }
+    EXPECT_EQ(query(path("data/sdconfig.db"), "PRAGMA integrity_check"),
+              (std::vector<std::vector<std::string>>{{"ok"}}));
+}
+
+TEST_F(DaemonTest, LargeValuesArriveWhole) {
+    const Process service = startService({"--log-level", "8"});
+    const std::string value(16 << 20, 'x');
+    EXPECT_TRUE(client().SetSecure("large", value));
+    EXPECT_EQ(client().GetSecure("large"), value);
+    EXPECT_TRUE(client().SetProperty("large", value));
+    EXPECT_EQ(client().GetProperty("large"), value);
+}
+
+TEST_F(DaemonTest, TheCallInHandIsAnsweredBeforeTheEnd) {
+    Process service = startService({"--log-level", "5"});
+    cli({"get", "any"});  // does the start-up tasks of a first client
+    const std::string script = "( echo 'BEGIN IMMEDIATE;'; echo '.shell touch " + path("locked") +
+                               "'; echo '.shell while [ ! -e " + path("ended") +
+                               " ]; do sleep 0.05; done'; echo 'COMMIT;' ) | sqlite3 " + path("data/sdconfig.db");
+    Process holder = Process::start({"sh", "-c", script});
+    ASSERT_TRUE(waitUntil([this] { return std::filesystem::exists(path("locked")); }));
+    Process secret = Process::start(cliCommand({"secure", "set", "ro.sd.uuid", "v"}), environment());
+    ASSERT_TRUE(service.waitForErr("key is ro.sd.uuid, utf8Value is v")) << service.err();  // it waits for the lock next
+    service.kill(SIGTERM);
+    writeFile(path("ended"), "");
+    EXPECT_EQ(secret.wait(), 0) << secret.err();
+    EXPECT_EQ(service.wait(), 0);
+}
+
+}  // namespace
+}  // namespace test

@@ -1,0 +1,55 @@
+// A world of its own for a test of real processes: folders, a runtime directory, a service and its clients.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "tests/support/process.h"
+#include "tests/support/support.h"
+
+namespace test {
+
+class Sandbox : public ::testing::Test {
+protected:
+    Sandbox() {
+        for (const char* folder : {"run", "home", "data", "product", "etc"})
+            std::filesystem::create_directory(mFolder / folder);
+        std::filesystem::permissions(mFolder / "run", std::filesystem::perms::owner_all);
+        writeFile(mFolder / "constants", "");
+    }
+
+    std::string path(const std::string& name) const { return mFolder / name; }
+    std::string socketPath() const { return path("run/sdbus/sdconfig"); }
+
+    Environment environment() const {
+        return {{"XDG_RUNTIME_DIR", path("run")}, {"HOME", path("home")}, {"XDG_DATA_HOME", path("home")}};
+    }
+
+    // Starts the service on the sandbox's folders and waits until it serves.
+    // Its build.prop is path("etc/build.prop"), its constants are path("constants"): write them before.
+    Process startService(const std::vector<std::string>& options = {}) const {
+        std::vector<std::string> arguments{SDCONFIGD,       "--data-dir",  path("data"),     "--product-dir",
+                                           path("product"), "--constants", path("constants")};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        Process service = Process::start(arguments, environment());
+        EXPECT_TRUE(service.waitForErr("ready")) << service.err();
+        return service;
+    }
+
+    static std::vector<std::string> cliCommand(std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), SDCONFIG_CLI);
+        return arguments;
+    }
+
+    Result cli(const std::vector<std::string>& arguments, const std::string& input = "") const {
+        return run(cliCommand(arguments), environment(), input);
+    }
+
+private:
+    TempDir mFolder;
+};
+
+}  // namespace test

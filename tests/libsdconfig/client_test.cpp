@@ -1,0 +1,235 @@
+// The client against a service of the test's own making, which records what it is asked.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <QCoreApplication>
+#include <mutex>
+#include <thread>
+
+#include "libsdconfig/data_path.h"
+#include "libsdconfig/lockscreen_entries.h"
+#include "libsdconfig/sdconfig.h"
+#include "libsdconfig/sdconfig_client.h"
+#include "platform/sdbus/sdbus.h"
+#include "tests/support/support.h"
+
+namespace sd {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+// Answers GET_* and SIGN_REQUEST from `values`, everything else with true; nothing at all to methods in `silent`.
+class RecordingService : public SDBusServiceInterface {
+public:
+    bool handleMethodCall(std::shared_ptr<SDBusMessage> call) override {
+        const std::lock_guard lock(mMutex);
+        const std::string method = call->methodName();
+        const std::string key = call->getString(0);
+        mCalls.push_back(method + " " + key + " " + call->getString(1));
+        if (method == silent) return false;
+        const auto reply = makeMethodReplyMessage(call, SDBusSameUser);
+        if (method == "LST_PROPERTY") {
+            reply->appendInt32(2);
+            for (const char* text : {"a", "2", "b", "3"}) reply->appendString(text);
+        } else if (method.compare(0, 3, "GET") == 0 || method == "SIGN_REQUEST") {
+            reply->appendString(values[key]);
+        } else {
+            reply->appendBool(true);
+        }
+        return sendMessage(reply);
+    }
+    std::vector<std::string> takeCalls() {
+        const std::lock_guard lock(mMutex);
+        return std::exchange(mCalls, {});
+    }
+
+    std::map<std::string, std::string> values;
+    std::string silent;
+
+private:
+    std::mutex mMutex;
+    std::vector<std::string> mCalls;
+};
+
+// Every test is a process of its own, as the client is made once a process.
+class ClientTest : public testing::Test {
+protected:
+    void serve() {
+        for (const char* key : {"batteryBrightness", "chargeBrightness", "chargeDimDisplayTime",
+                                "batteryDimDisplayTime", "chargeLidCloseAction", "batteryLidCloseAction"})
+            mService.values.emplace(std::string("config.device.") + key, "1");
+        ASSERT_TRUE(mManager->registerServiceInterface("sdconfig", &mService, SDBusSameUser, 1));
+    }
+    void connect() {
+        serve();
+        ASSERT_EQ(mConfig->GetProperty("first"), "");
+        mService.takeCalls();
+        mLog.clear();
+    }
+    ~ClientTest() override { mManager->unregisterServiceInterface("sdconfig"); }
+
+    test::PrivateBus mBus;
+    test::LogCapture mLog;
+    RecordingService mService;
+    SDBusSerivceManager* mManager = SDBusSerivceManager::initSync(-1);
+    SDConfig* mConfig = SDConfig::GetInstance();
+};
+
+TEST_F(ClientTest, WaitsASecondForTheServiceEachTime) {
+    EXPECT_EQ(mConfig->GetSecure("k"), "");
+    EXPECT_EQ(mLog.count("service sdconfig not ready, waiting...", 5), 10);
+    EXPECT_EQ(mLog.count("sdconfig_sdbus GetInstance(253): service sdconfig failed to register after timeout", 7), 1);
+    EXPECT_EQ(mLog.count("no sdconfig client!!!", 7), 1);
+    EXPECT_EQ(mLog.count("sdconfig_sdbus GetInstance(239): sdconfig service name sdconfig", 5), 1);
+
+    mLog.clear();
+    std::thread late([this] {
+        test::waitUntil([this] { return mLog.count("not ready") == 3; });
+        serve();
+    });
+    std::map<std::string, std::string> all{{"a", "1"}, {"z", "9"}};
+    EXPECT_TRUE(mConfig->GetAllProperties(&all));
+    late.join();
+    EXPECT_THAT(all, ElementsAre(std::pair("a", "2"), std::pair("b", "3"), std::pair("z", "9")));
+    EXPECT_LE(mLog.count("not ready"), 4);
+    EXPECT_FALSE(mLog.has("failed to register"));
+    EXPECT_FALSE(mConfig->GetAllProperties(nullptr));
+}
+
+TEST_F(ClientTest, ThreadsShareOneClient) {
+    serve();
+    std::shared_ptr<SDConfigClient> first, second;
+    std::thread other([&] { first = SDConfigClient::GetInstance(); });
+    second = SDConfigClient::GetInstance();
+    other.join();
+    EXPECT_EQ(first, second);
+    EXPECT_EQ(mLog.count("SDConfigClient initialized successfully"), 1);
+}
+
+TEST_F(ClientTest, StartUpTasksMoveTheLockScreenDataAndSetPowerDefaults) {
+    mService.values = {{"ro.sd.build.version", "1.2"},
+                       {"ro.sd.user.lockscreen.data", R"({"user": {"pin": "x"}})"},
+                       {"config.device.batteryBrightness", "75"},
+                       {"config.device.chargeBrightness", "7.5"}};
+    serve();
+    mConfig->VerifyRequest("content", "sign");
+    EXPECT_THAT(
+        mService.takeCalls(),
+        ElementsAre("GET_PROPERTY ro.sd.build.version ", "GET_PROPERTY ro.sd.product.mode ",
+                    "GET_SECURE ro.sd.user.lockscreen.data ", R"(SET_SECURE sd.device.lockscreen.data {"pin": "x"})",
+                    "DEL_SECURE ro.sd.user.lockscreen.data ", "GET_SECURE config.device.batteryBrightness ",
+                    "GET_SECURE config.device.chargeBrightness ", "SET_SECURE config.device.chargeBrightness 80",
+                    "GET_SECURE config.device.chargeDimDisplayTime ", "GET_SECURE config.device.batteryDimDisplayTime ",
+                    "GET_SECURE config.device.chargeLidCloseAction ", "GET_SECURE config.device.batteryLidCloseAction ",
+                    "VERIFY_SIGN content sign"));
+    EXPECT_TRUE(mLog.has("printProductInfo(1032): ProductInfo build.version: 1.2", 5));
+    EXPECT_FALSE(mLog.has("ProductInfo product.mode"));
+    EXPECT_TRUE(mLog.has(R"(i = 0, first element is user, secend element is {"pin": "x"})", 5));
+    EXPECT_EQ(mLog.count(" is nullptr", 6), 1);
+    EXPECT_TRUE(mLog.has("wpowerConfigInit", 6));
+}
+
+TEST(LockscreenEntriesTest, AreTakenApartCharacterByCharacter) {
+    using Entries = std::vector<std::pair<std::string, std::string>>;
+    const std::pair<const char*, Entries> cases[] = {
+        {"", {}},
+        {"no braces", {}},
+        {R"({"a":{"x":1},"b" : {}})", {{"a", R"({"x":1})"}, {"b", "{}"}}},
+        {R"({"a":{"x":{"y":1}}})", {{"a", R"({"x":{"y":1})"}}},
+        {R"({"a":{"x":1)", {}},
+        {R"(}{"a":{1}}x)", {{"a", "{1}"}}},
+        {R"({"a{}":{}})", {{"a{}", "{}"}}},
+    };
+    for (const auto& [text, entries] : cases) EXPECT_EQ(lockscreenEntries(text), entries) << text;
+}
+
+TEST_F(ClientTest, IdentityKeysAreReadBackOthersAreNot) {
+    connect();
+    mService.values["ro.sd.uuid"] = "now";
+    EXPECT_TRUE(mConfig->SetSecure("ro.sd.uuid", "sent"));
+    EXPECT_TRUE(mConfig->DeleteSecure("ro.sd.uuid"));
+    EXPECT_EQ(mConfig->GetSecure("ro.sd.uuid"), "now");
+    EXPECT_TRUE(mConfig->SetSecure("ro.sd.uuid2", "sent"));
+    EXPECT_THAT(mService.takeCalls(),
+                ElementsAre("SET_SECURE ro.sd.uuid sent", "GET_SECURE ro.sd.uuid ", "DEL_SECURE ro.sd.uuid ",
+                            "GET_SECURE ro.sd.uuid ", "GET_SECURE ro.sd.uuid ", "SET_SECURE ro.sd.uuid2 sent"));
+    EXPECT_EQ(mLog.count("sdconfig_sdbus SetSecure(", 5), 1);
+    EXPECT_EQ(mLog.count("key is ro.sd.uuid, value is sent, latestVal is now", 5), 1);
+    EXPECT_EQ(mLog.count("key is ro.sd.uuid, latestVal is now", 5), 1);
+    EXPECT_EQ(mLog.count("key is ro.sd.uuid, value is now", 5), 1);
+}
+
+TEST_F(ClientTest, FailuresLookAlikeAndAreLoggedOnce) {
+    connect();
+    mManager->unregisterServiceInterface("sdconfig");
+    EXPECT_EQ(mConfig->GetProperty("k"), "");
+    EXPECT_TRUE(mLog.has("callWithReplyBlocking timeout, reply error type = 2", 7));
+    EXPECT_TRUE(mLog.has("sdconfig_sdbus GetProperty(", 7));
+    EXPECT_FALSE(mConfig->SetProperty("k", "v"));
+    EXPECT_FALSE(mConfig->DeleteProperty("k"));
+    EXPECT_FALSE(mConfig->SetSecure("k", "v"));
+    EXPECT_EQ(mConfig->GetSecure("k"), "");
+    EXPECT_FALSE(mConfig->DeleteSecure("k"));
+    EXPECT_EQ(mConfig->GetConst("k"), "");
+    EXPECT_EQ(mConfig->SignRequest("c"), "");
+    EXPECT_FALSE(mConfig->VerifyRequest("c", "s"));
+    for (const char* line :
+         {"GetProperty the key : k failed", "SetProperty the key : k failed, value is v",
+          "DeleteProperty the key : k failed", "setsecure the key : k failed, the value is v",
+          "GetSecure the key : k failed", "DeleteSecure the key : k failed", "GetConst the key : k failed",
+          "SignRequest the content : c failed", "VerifyRequest the content : c failed, the sign is s"})
+        EXPECT_EQ(mLog.count(std::string("error reply: type=3, ") + line, 7), 1) << line;
+
+    ASSERT_TRUE(mManager->registerServiceInterface("sdconfig", &mService, SDBusSameUser, 1));
+    mService.values["k"] = "v";
+    EXPECT_EQ(mConfig->GetProperty("k"), "v") << "a restarted service is simply there again";
+}
+
+TEST_F(ClientTest, ASilentServiceCostsFiveSeconds) {
+    connect();
+    mService.silent = "GET_CONST";
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(mConfig->GetConst("k"), "");
+    const auto waited = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(waited, std::chrono::milliseconds(4900));
+    EXPECT_LT(waited, std::chrono::milliseconds(8000));
+    EXPECT_TRUE(mLog.has("error reply: type=3, GetConst the key : k failed", 7));
+}
+
+TEST_F(ClientTest, LocalPropertiesNeedNoService) {
+    EXPECT_EQ(mConfig->GetProperty("none", true), "");
+    EXPECT_FALSE(mLog.has("no sdconfig client"));
+}
+
+TEST(DataPathTest, TheFirstFolderThatIsNotEmpty) {
+    test::LogCapture log;
+    QCoreApplication::setApplicationName("app");
+    const auto path = [](QStringList data, QStringList home) {
+        return applicationDataPath([=](QStandardPaths::StandardLocation location) {
+            return location == QStandardPaths::AppDataLocation ? data : home;
+        });
+    };
+    EXPECT_EQ(path({"", "/data"}, {"/home"}), "/data");
+    EXPECT_TRUE(log.has("sdconfig_sdbus applicationDataPath(185): data[0]=", 5));
+    EXPECT_TRUE(log.has("applicationDataPath(185): data[1]=/data", 5));
+    EXPECT_FALSE(log.has("home["));
+    EXPECT_EQ(path({""}, {"", "/home"}), "/home/app");
+    EXPECT_TRUE(log.has("applicationHomePath(161): home[1]=/home", 5));
+    EXPECT_EQ(path({}, {}), "~/app");
+    EXPECT_TRUE(log.has("applicationHomePath(168): using fallback home=~", 5));
+    EXPECT_TRUE(log.has("applicationDataPath(197): using fallback data=~/app", 5));
+    QCoreApplication::setApplicationName("");
+
+    log.clear();
+    const std::string old = SDConfig::getDataPath();
+    SDConfig::setDataPath(old);
+    EXPECT_THAT(log.lines(), IsEmpty());
+    EXPECT_TRUE(SDConfig::setDataPath("/new"));
+    EXPECT_TRUE(log.has("setDataPath", 6) && log.has("new db path from datapath /new to path " + old, 6));
+    SDConfig::setDataPath("");
+    EXPECT_EQ(SDConfig::getDataPathUtf8(), "");
+}
+
+}  // namespace
+}  // namespace sd

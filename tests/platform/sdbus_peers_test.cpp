@@ -1,0 +1,256 @@
+// Events, and clients that do not keep to the rules.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <future>
+#include <mutex>
+#include <stdexcept>
+#include <vector>
+
+#include "platform/sdbus/sdbus.h"
+#include "tests/platform/sdbus_support.h"
+
+using testing::ElementsAre;
+
+namespace test {
+namespace {
+
+// What a proxy's callbacks saw, in order.
+class Seen {
+public:
+    bool listen(const Proxy& proxy, const std::string& event) {
+        return proxy->addEventListener(
+            event, new SDBusEventCallback([this](const std::shared_ptr<SDBusMessage>& message) {
+                const std::lock_guard lock(mMutex);
+                mTexts.push_back(message->eventName() + "=" + message->getString(0).substr(0, 16));
+            }),
+            SDBusSameUser);
+    }
+    bool waitFor(const std::string& text) {
+        return waitUntil([&] {
+            const std::lock_guard lock(mMutex);
+            return !mTexts.empty() && mTexts.back() == text;
+        });
+    }
+    std::vector<std::string> texts() {
+        const std::lock_guard lock(mMutex);
+        return mTexts;
+    }
+
+private:
+    std::mutex mMutex;
+    std::vector<std::string> mTexts;
+};
+
+class PeersTest : public testing::Test {
+protected:
+    std::string socket() const { return mBus.folder() / "sdbus/" + kService; }
+
+    PrivateBus mBus;
+    LogCapture mLog;
+    Seen mSeen;
+};
+
+using EventTest = PeersTest;
+using HostileTest = PeersTest;
+
+bool isClosed(int fd) {
+    char buffer[256];
+    return waitUntil([&] { return ::recv(fd, buffer, sizeof(buffer), MSG_DONTWAIT) == 0; });
+}
+
+// ---- Events ----
+
+TEST_F(EventTest, ReachWhoAskedForThemInOrder) {
+    TestService service;
+    const auto proxy = proxyTo();
+    ASSERT_TRUE(mSeen.listen(proxy, ".sdconfigChanged"));
+    ASSERT_TRUE(mSeen.listen(proxy, "B"));
+    EXPECT_FALSE(mSeen.listen(proxy, std::string(300, 'x')));
+    EXPECT_TRUE(service.publish("OTHER", "nobody asked"));
+    EXPECT_TRUE(service.publish(".sdconfigChanged", "1"));
+    EXPECT_TRUE(service.publish("B", "2"));
+    const auto event = bus().makeEventMessage(".sdconfigChanged", SDBusSameUser);
+    EXPECT_TRUE(bus().publishEvent(event)) << "to every service of the process";
+    event->appendString("not part of what was published");
+    service.publish("B", "fence");
+    ASSERT_TRUE(mSeen.waitFor("B=fence"));
+    EXPECT_THAT(mSeen.texts(), ElementsAre(".sdconfigChanged=1", "B=2", ".sdconfigChanged=", "B=fence"));
+    EXPECT_FALSE(service.publish(std::string(300, 'x'), ""));
+}
+
+TEST_F(EventTest, ComeFromTheHandlerAndOutliveARestart) {
+    const auto publishing = [](TestService& self, const std::shared_ptr<SDBusMessage>& message) {
+        return self.publish("CHANGED", message->getString(0)) && TestService::echo(self, message);
+    };
+    const auto proxy = proxyTo();
+    EXPECT_FALSE(mSeen.listen(proxy, "CHANGED")) << "nobody is there to acknowledge it";
+    EXPECT_EQ(mLog.count("its events are lost", 6), 1);
+    for (int life = 1; life <= 2; ++life) {
+        TestService service(publishing);
+        ASSERT_TRUE(waitUntil([&] { return mLog.count("its events arrive again", 5) == life; }));
+        const std::string text = std::to_string(life);
+        EXPECT_EQ(call(proxy, "SET", text)->getString(0), text);
+        EXPECT_TRUE(mSeen.waitFor("CHANGED=" + text));
+        bus().unregisterServiceInterface(kService);
+        EXPECT_TRUE(waitUntil([&] { return mLog.count("its events are lost", 6) == life + 1; }));
+    }
+}
+
+TEST_F(EventTest, MayUseTheirOwnProxyAndDestroyIt) {
+    TestService service;
+    Proxy proxy = proxyTo();
+    std::promise<std::string> answer;
+    ASSERT_TRUE(proxy->addEventListener(
+        "THROW", new SDBusEventCallback([](auto) { throw std::runtime_error("spilt"); }), SDBusSameUser));
+    const auto last = [&](const std::shared_ptr<SDBusMessage>&) {
+        mSeen.listen(proxy, "MORE");  // does not wait for itself
+        const std::string text = call(proxy, "ECHO", "from a callback")->getString(0);
+        proxy.reset();
+        answer.set_value(text);
+    };
+    ASSERT_TRUE(proxy->addEventListener("LAST", new SDBusEventCallback(last), SDBusSameUser));
+    service.publish("THROW", "");
+    service.publish("LAST", "");
+    service.publish("LAST", "not seen any more");
+    EXPECT_EQ(answer.get_future().get(), "from a callback");
+    EXPECT_EQ(mLog.count("threw: spilt", 7), 1);
+}
+
+TEST_F(EventTest, AreCutOffFromWhoDoesNotRead) {
+    TestService service;
+    const auto proxy = proxyTo();
+    ASSERT_TRUE(mSeen.listen(proxy, "BIG"));
+    const RawClient silent = rawClient();
+    ASSERT_TRUE(subscribe(silent, "BIG"));
+    const std::string mebibyte(std::size_t{1} << 20, '.');
+    for (int i = 10; i < 50; ++i) {
+        ASSERT_TRUE(service.publish("BIG", std::to_string(i) + mebibyte));
+        ASSERT_TRUE(mSeen.waitFor("BIG=" + std::to_string(i) + std::string(14, '.')));
+        // One large message, and 16 MiB of what follows it: it is cut off beyond that and not before.
+        EXPECT_FALSE(i == 24 && mLog.has("cut off"));
+    }
+    EXPECT_EQ(mSeen.texts().size(), 40u);
+    EXPECT_EQ(mLog.count("is cut off: it does not read", 6), 1);
+}
+
+TEST_F(EventTest, TogetherStayWithinTheBudgetOfAll) {
+    TestService service;
+    std::vector<RawClient> silent;
+    for (int i = 0; i < 6; ++i) {
+        silent.push_back(rawClient());
+        ASSERT_TRUE(subscribe(silent.back(), "HUGE"));
+    }
+    ASSERT_TRUE(service.publish("HUGE", std::string(std::size_t{50} << 20, '.')));
+    const auto proxy = proxyTo();
+    EXPECT_EQ(call(proxy, "ECHO", "behind it")->getString(0), "behind it");
+    EXPECT_EQ(mLog.count("too much waits for all clients", 6), 1) << "6 times 50 MiB are 44 MiB too many";
+}
+
+// ---- Clients that do not keep to the rules ----
+
+TEST_F(HostileTest, GarbageEndsAtItsSender) {
+    TestService service;
+    const auto proxy = proxyTo();
+    const std::string handshake = std::string("\0AUTH EXTERNAL\r\nDATA\r\nBEGIN\r\n", 29);
+    const struct {
+        const char* what;
+        std::string bytes;
+    } cases[] = {
+        {"no handshake", "GET / HTTP/1.0\r\n\r\n"},
+        {"a line without end", std::string(1, '\0') + std::string(100000, 'A')},
+        {"no message", handshake + std::string(64, 'x')},
+        {"a message of 3 GiB", handshake + std::string("l\x01\0\x01\0\0\0\xc0\x01\0\0\0\0\0\0\0", 16)},
+        {"header fields that are none",
+         handshake + std::string("l\x01\0\x01\0\0\0\0\x01\0\0\0\x10\0\0\0", 16) + std::string(16, '\xff')},
+    };
+    for (const auto& [what, bytes] : cases) {
+        const int fd = connectTo(socket());
+        ASSERT_GE(fd, 0);
+        EXPECT_GT(::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL), 0) << what;
+        EXPECT_EQ(call(proxy, "ECHO", what)->getString(0), what);
+        EXPECT_TRUE(isClosed(fd)) << what;
+        ::close(fd);
+    }
+}
+
+TEST_F(HostileTest, HalfOpenHandshakesHoldUpNobody) {
+    TestService service;
+    std::array<int, 200> silent{};
+    for (int& fd : silent) fd = connectTo(socket());
+    EXPECT_EQ(call(proxyTo(), "ECHO", "honest")->getString(0), "honest");
+    EXPECT_TRUE(isClosed(silent[0])) << "the oldest makes way";
+    EXPECT_TRUE(mLog.has("have not finished their handshake", 6));
+    EXPECT_LE(mLog.count("is cut off"), 20) << "the log is not flooded";
+    for (const int fd : silent) ::close(fd);
+}
+
+TEST_F(HostileTest, SilenceEndsAfterFiveSeconds) {
+    TestService service;
+    const auto started = std::chrono::steady_clock::now();
+    const int fd = connectTo(socket());
+    pollfd ended{fd, POLLIN, 0};
+    EXPECT_EQ(::poll(&ended, 1, 15000), 1);
+    EXPECT_TRUE(isClosed(fd));
+    EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(4900));
+    EXPECT_EQ(mLog.count("it did not finish its handshake", 6), 1);
+    ::close(fd);
+}
+
+TEST_F(HostileTest, PingsWithoutEndAreCutOff) {
+    TestService service;
+    const RawClient client = rawClient();
+    int r = 0;
+    for (int i = 0; i < 60000 && r >= 0; ++i) {  // sends and never reads; the answers are sd-bus' own
+        sd_bus_message* ping = nullptr;
+        ASSERT_GE(
+            sd_bus_message_new_method_call(client.get(), &ping, nullptr, "/", "org.freedesktop.DBus.Peer", "Ping"), 0);
+        uint64_t cookie = 0;
+        r = sd_bus_send(client.get(), ping, &cookie);
+        sd_bus_message_unref(ping);
+        if (r >= 0 && i % 100 == 0) r = sd_bus_flush(client.get());
+    }
+    EXPECT_TRUE(waitUntil([&] { return mLog.has("it does not read its answers", 6); }));
+    EXPECT_EQ(call(proxyTo(), "ECHO", "after it")->getString(0), "after it");
+}
+
+TEST_F(HostileTest, TooManySubscriptionsAreRefused) {
+    TestService service;
+    const RawClient client = rawClient();
+    for (int i = 0; i < 1024; ++i) ASSERT_TRUE(subscribe(client, "E" + std::to_string(i)));
+    EXPECT_FALSE(subscribe(client, "ONE_MORE"));
+    EXPECT_FALSE(subscribe(client, std::string(300, 'x')));
+}
+
+// Accepting goes on when a descriptor is free again, and does not spin until then.
+TEST_F(HostileTest, ServiceOutlivesALackOfDescriptors) {
+    TestService service;
+    const auto proxy = proxyTo();
+    ASSERT_EQ(call(proxy, "ECHO", "before")->getString(0), "before");
+    const int waiting = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);  // the lowest number that was free
+    rlimit before{};
+    ::getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit none{static_cast<rlim_t>(waiting + 1), before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    ASSERT_TRUE(connectSocket(waiting, socket()));
+    EXPECT_TRUE(waitUntil([&] { return mLog.has("takes no new clients for now", 7); }));
+    EXPECT_EQ(call(proxy, "ECHO", "meanwhile")->getString(0), "meanwhile");
+    EXPECT_LE(mLog.count("takes no new clients for now"), 2);
+    ::setrlimit(RLIMIT_NOFILE, &before);
+    Seen seen;
+    EXPECT_TRUE(seen.listen(proxy, "E") ||
+                waitUntil([&] { return service.publish("E", "x") && !seen.texts().empty(); }));
+    ::close(waiting);
+}
+
+}  // namespace
+}  // namespace test

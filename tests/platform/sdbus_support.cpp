@@ -1,0 +1,155 @@
+#include "tests/platform/sdbus_support.h"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <iostream>
+#include <stdexcept>
+#include <thread>
+
+namespace test {
+
+// Not a test but the program of startService(): this binary, started for it alone.
+TEST(ServiceProcess, DISABLED_Main) {
+    sigset_t ends;
+    sigemptyset(&ends);
+    sigaddset(&ends, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &ends, nullptr);
+    if (const char* handedOver = std::getenv("TEST_LISTEN_AT")) {
+        ASSERT_EQ(::dup2(listenAt(handedOver), 3), 3);
+        ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1);
+        ::setenv("LISTEN_FDS", "1", 1);
+    }
+    static auto* const sService = new TestService;  // unregistered by exit()
+    std::cerr << (sService->isRegistered() ? "serving" : bus().registrationFailure(kService)) << std::endl;
+    int signal = 0;
+    sigwait(&ends, &signal);
+}
+
+Process startService(const Environment& environment) {
+    Process process = Process::start(
+        {"/proc/self/exe", "--gtest_filter=ServiceProcess.*", "--gtest_also_run_disabled_tests"}, environment);
+    if (!process.waitForErr("serving")) throw std::runtime_error("no service: " + process.err());
+    return process;
+}
+
+namespace {
+
+sockaddr_un addressOf(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+    return address;
+}
+
+int newSocket() {
+    return ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+}
+
+// Reads until `enough` says so or the other end has left.
+void readUntil(int fd, std::string& bytes, const std::function<bool()>& enough) {
+    char buffer[4096];
+    while (!enough()) {
+        const ssize_t length = ::read(fd, buffer, sizeof(buffer));
+        if (length <= 0) return;
+        bytes.append(buffer, static_cast<std::size_t>(length));
+    }
+}
+
+uint32_t numberAt(const std::string& bytes, std::size_t offset) {
+    uint32_t number = 0;
+    std::memcpy(&number, bytes.data() + offset, sizeof(number));
+    return number;
+}
+
+}  // namespace
+
+int listenAt(const std::string& path) {
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::filesystem::permissions(std::filesystem::path(path).parent_path(), std::filesystem::perms::owner_all);
+    const sockaddr_un address = addressOf(path);
+    const int fd = newSocket();
+    if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) < 0 || ::listen(fd, 100) < 0)
+        throw std::runtime_error("cannot listen at " + path);
+    return fd;
+}
+
+bool connectSocket(int fd, const std::string& path) {
+    const sockaddr_un address = addressOf(path);
+    return ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+}
+
+int connectTo(const std::string& path) {
+    const int fd = newSocket();
+    if (connectSocket(fd, path)) return fd;
+    ::close(fd);
+    return -1;
+}
+
+struct RawService::State {
+    int listener = -1;
+    std::atomic<int> clients{0};
+    std::thread thread;
+};
+
+RawService::RawService(Serve serve) : mState(std::make_unique<State>()) {
+    mState->listener = listenAt(bus().socketPath(kService));
+    mState->thread = std::thread([state = mState.get(), serve = std::move(serve)] {
+        for (;;) {
+            const int client = ::accept4(state->listener, nullptr, nullptr, SOCK_CLOEXEC);
+            if (client < 0) return;
+            ++state->clients;
+            serve(client);
+            ::close(client);
+        }
+    });
+}
+
+RawService::~RawService() {
+    ::shutdown(mState->listener, SHUT_RDWR);
+    mState->thread.join();
+    ::close(mState->listener);
+}
+
+int RawService::clients() const {
+    return mState->clients;
+}
+
+std::string readFirstMessage(int client) {
+    constexpr char kBegin[] = "BEGIN\r\n";
+    constexpr char kAccepted[] = "DATA\r\nOK 0123456789abcdef0123456789abcdef\r\n";
+    std::string bytes;
+    readUntil(client, bytes, [&] { return bytes.find(kBegin) != std::string::npos; });
+    bytes.erase(0, bytes.find(kBegin) + sizeof(kBegin) - 1);
+    if (::write(client, kAccepted, sizeof(kAccepted) - 1) < 0) return "";
+    readUntil(client, bytes, [&] { return bytes.size() >= 16; });
+    const std::size_t whole = 16 + (numberAt(bytes, 12) + 7) / 8 * 8 + numberAt(bytes, 4);
+    readUntil(client, bytes, [&] { return bytes.size() >= whole; });
+    return bytes;
+}
+
+RawClient rawClient() {
+    sd_bus* made = nullptr;
+    sd_bus_new(&made);
+    RawClient client(made);
+    const std::string address = "unix:path=" + bus().socketPath(kService);
+    if (sd_bus_set_address(made, address.c_str()) < 0 || sd_bus_start(made) < 0)
+        throw std::runtime_error("cannot connect");
+    while (sd_bus_is_ready(made) == 0)
+        if (sd_bus_process(made, nullptr) == 0) sd_bus_wait(made, 1000000);
+    return client;
+}
+
+bool subscribe(const RawClient& client, const std::string& event) {
+    return sd_bus_call_method(client.get(), nullptr, "/", "sdbus.Control", "Subscribe", nullptr, nullptr, "s",
+                              event.c_str()) >= 0;
+}
+
+}  // namespace test

@@ -1,0 +1,438 @@
+// Calls, what they carry, and who may serve a name.
+#include "platform/sdbus/sdbus.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <filesystem>
+#include <future>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "tests/platform/sdbus_support.h"
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using testing::HasSubstr;
+
+namespace test {
+namespace {
+
+class BusTest : public testing::Test {
+protected:
+    std::string folder() const { return mBus.folder() / "sdbus"; }
+    std::string socket() const { return folder() + "/" + kService; }
+    std::string lock() const { return socket() + ".lock"; }
+
+    PrivateBus mBus;
+    LogCapture mLog;
+};
+
+using CallTest = BusTest;
+using RegistrationTest = BusTest;
+
+// ---- What a message carries ----
+
+TEST_F(CallTest, CarriesEveryArgumentBothWays) {
+    TestService service([](TestService& self, const std::shared_ptr<SDBusMessage>& message) {
+        const auto reply = self.makeMethodReplyMessage(message, SDBusSameUser);
+        reply->appendInt8(static_cast<int8_t>(message->getInt(0)));
+        reply->appendInt32(message->getInt32(1));
+        reply->appendBool(message->getBool(2));
+        reply->appendCString(message->getString(3).c_str());
+        reply->appendCString(nullptr);
+        return self.sendMessage(reply);
+    });
+    const auto proxy = proxyTo();
+    const auto message = proxy->makeMethodCallMessage("GET_PROPERTY");
+    message->appendInt8(-128);
+    message->appendInt32(INT32_MIN);
+    message->appendBool(true);
+    message->appendCString("gr\xc3\xbc\xc3\x9f");
+    const auto reply = proxy->callWithReplyBlocking(message, kLongMs);
+    ASSERT_EQ(reply->type(), 2);
+    EXPECT_EQ(reply->getErrorType(), SDBusNoError);
+    EXPECT_EQ(reply->getInt(0), -128);
+    EXPECT_EQ(reply->getInt32(1), INT32_MIN);
+    EXPECT_TRUE(reply->getBool(2));
+    EXPECT_EQ(reply->getString(3), "gr\xc3\xbc\xc3\x9f");
+    EXPECT_EQ(reply->getString(4), "");
+    EXPECT_TRUE(mLog.lines().empty() || !mLog.has("argument")) << "nothing of that was a misread";
+
+    // An absent position is read quietly, one of another kind with a line that does not tell what stands there.
+    EXPECT_EQ(reply->getString(5) + reply->getString(-1), "");
+    EXPECT_EQ(reply->getInt(99), 0);
+    EXPECT_FALSE(mLog.has("argument"));
+    EXPECT_EQ(reply->getInt(3), 0);
+    EXPECT_EQ(reply->getInt32(0), 0);
+    EXPECT_FALSE(reply->getBool(1));
+    EXPECT_EQ(reply->getString(2), "");
+    EXPECT_EQ(mLog.count("argument", 6), 4);
+    EXPECT_FALSE(mLog.has("gr\xc3\xbc"));
+}
+
+TEST_F(CallTest, CarriesEveryByteString) {
+    TestService service;
+    const auto proxy = proxyTo();
+    const struct {
+        const char* what;
+        std::string text;
+    } cases[] = {
+        {"empty", ""},
+        {"a zero byte", std::string("a\0b", 3)},
+        {"no UTF-8", "\xff\xfe"},
+        {"an overlong slash", "\xc0\xaf"},
+        {"a surrogate", "\xed\xa0\x80"},
+        {"beyond Unicode", "\xf4\x90\x80\x80"},
+        {"a noncharacter", "\xef\xbf\xbe"},
+        {"the last character", "\xf4\x8f\xbf\xbd"},
+        {"cut short", "abc\xe2\x82"},
+        {"16 MiB of text", std::string(std::size_t{16} << 20, 'x')},
+        {"16 MiB of bytes", std::string(std::size_t{16} << 20, '\0')},
+    };
+    for (const auto& [what, text] : cases) {
+        const auto reply = call(proxy, "ECHO", text);
+        EXPECT_EQ(reply->getErrorType(), SDBusNoError) << what;
+        EXPECT_TRUE(reply->getString(0) == text) << what;
+    }
+}
+
+TEST_F(CallTest, CarriesMoreArgumentsThanASignatureHasRoomFor) {
+    TestService service([](TestService& self, const std::shared_ptr<SDBusMessage>& message) {
+        const auto reply = self.makeMethodReplyMessage(message, SDBusSameUser);
+        for (int i = 0; i < message->getInt32(0); ++i) {
+            reply->appendString(i % 3 == 0 ? "\xff" + std::to_string(i) : std::to_string(i));
+            reply->appendInt8(static_cast<int8_t>(i));
+            reply->appendBool(i % 2 == 0);
+        }
+        return self.sendMessage(reply);
+    });
+    const auto proxy = proxyTo();
+    for (const int triples : {63, 64, 85, 86, 5000}) {  // both sides of 255 letters, with and without byte strings
+        const auto message = proxy->makeMethodCallMessage("LIST");
+        message->appendInt32(triples);
+        const auto reply = proxy->callWithReplyBlocking(message, kLongMs);
+        const int last = triples - 1;
+        ASSERT_EQ(reply->type(), 2) << triples;
+        EXPECT_EQ(reply->getString(0),
+                  "\xff"
+                  "0");
+        EXPECT_THAT(reply->getString(last * 3), HasSubstr(std::to_string(last)));
+        EXPECT_EQ(reply->getInt(last * 3 + 1), static_cast<int8_t>(last));
+        EXPECT_EQ(reply->getBool(last * 3 + 2), last % 2 == 0);
+        EXPECT_EQ(reply->getString(last * 3 + 3), "");
+    }
+}
+
+TEST_F(CallTest, KeepsNamesApart) {
+    TestService service([](TestService& self, const std::shared_ptr<SDBusMessage>& message) {
+        return self.reply(message, message->methodName());
+    });
+    const auto proxy = proxyTo();
+    const std::string names[] = {
+        "GET_PROPERTY",        ".sdconfigChanged",   "", "_hex_", "_hex_41", "A-b", "1st", std::string("a\0b", 3),
+        std::string(255, 'a'), std::string(125, '.')};
+    for (const std::string& name : names) {
+        const auto reply = call(proxy, name);
+        EXPECT_EQ(reply->type(), 2) << name;
+        EXPECT_EQ(reply->getString(0), name);
+    }
+    for (const std::string& name : {std::string(256, 'a'), std::string(126, '.')})
+        EXPECT_EQ(call(proxy, name)->getErrorType(), SDBusNotSent) << name.size();
+}
+
+// ---- How a call ends ----
+
+TEST_F(CallTest, TellsWhyThereIsNoAnswer) {
+    const auto proxy = proxyTo();
+    const auto started = std::chrono::steady_clock::now();
+    auto answer = call(proxy, "ECHO");
+    EXPECT_EQ(answer->type(), 3);
+    EXPECT_EQ(answer->getErrorType(), SDBusUnreachable);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 5s) << "nobody is there: no reason to wait";
+    EXPECT_EQ(proxy->callWithReplyBlocking(nullptr, 1000)->getErrorType(), SDBusNotSent);
+    {
+        TestService service([](TestService& self, const std::shared_ptr<SDBusMessage>& message) {
+            if (message->methodName() == "THROW") throw std::runtime_error("spilt");
+            return message->methodName() == "ECHO" && TestService::echo(self, message);
+        });
+        EXPECT_EQ(call(proxy, "REFUSED", "", 50)->getErrorType(), SDBusTimeout);
+        EXPECT_EQ(call(proxy, "THROW", "", 50)->getErrorType(), SDBusTimeout);
+        EXPECT_EQ(mLog.count("THROW threw: spilt", 7), 1);
+        EXPECT_EQ(call(proxy, "ECHO", "on it goes")->getString(0), "on it goes");
+        const auto oversized = proxy->makeMethodCallMessage("ECHO");
+        oversized->appendString(std::string((std::size_t{64} << 20) + 1, '\0'));
+        EXPECT_EQ(proxy->callWithReplyBlocking(oversized, kLongMs)->getErrorType(), SDBusNotSent);
+    }
+    EXPECT_EQ(call(proxy, "ECHO")->getErrorType(), SDBusUnreachable) << "it has ended";
+}
+
+TEST_F(CallTest, IsSentOnceAndLostWithItsService) {
+    std::atomic<int> calls{0};
+    RawService service([&](int client) {
+        if (!readFirstMessage(client).empty()) ++calls;  // and leaves
+    });
+    EXPECT_EQ(call(proxyTo(), "SET_PROPERTY")->getErrorType(), SDBusPeerLost);
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(service.clients(), 1);
+}
+
+TEST_F(CallTest, KeepsItsTimeWhateverTheServiceDoes) {
+    std::promise<void> end;
+    const auto ended = end.get_future().share();
+    RawService service([&](int) { ended.wait(); });  // accepts and says nothing: no handshake
+    const auto started = std::chrono::steady_clock::now();
+    EXPECT_EQ(call(proxyTo(), "ECHO", "", 100)->getErrorType(), SDBusTimeout);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 5s);
+    end.set_value();
+}
+
+TEST_F(CallTest, SaysOnTheWireWhatADebuggerWouldExpect) {
+    std::promise<std::string> sent;
+    RawService service([&](int client) { sent.set_value(readFirstMessage(client)); });
+    const auto proxy = proxyTo();
+    const auto message = proxy->makeMethodCallMessage(".get");
+    message->appendInt8(-1);
+    message->appendInt32(7);
+    message->appendBool(true);
+    message->appendString("ab");
+    message->appendString("\xff");
+    EXPECT_EQ(proxy->callWithReplyBlocking(message, kLongMs)->getErrorType(), SDBusPeerLost);
+    // Little endian, a call, version 1; the lengths of body and header with the serial between; then path, member,
+    // interface and signature, each at a multiple of 8; then the arguments, each at its own alignment.
+    const std::string expected = std::string("l\x01\0\x01\x19\0\0\0\x01\0\0\0\x4c\0\0\0", 16) +
+                                 std::string("\x01\x01o\0\x01\0\0\0/\0\0\0\0\0\0\0", 16) +
+                                 std::string("\x03\x01s\0\x0d\0\0\0_hex_2e676574\0\0\0", 24) +
+                                 std::string("\x02\x01s\0\x0d\0\0\0sdbus.Service\0\0\0", 24) +
+                                 std::string("\x08\x01g\0\x06yibsay\0\0\0\0\0", 16) +
+                                 std::string("\xff\0\0\0\x07\0\0\0\x01\0\0\0\x02\0\0\0ab\0\0\x01\0\0\0\xff", 25);
+    EXPECT_EQ(sent.get_future().get(), expected);
+}
+
+TEST_F(CallTest, HoldsUpNoOtherThread) {
+    std::promise<std::shared_ptr<SDBusMessage>> held;
+    TestService service([&](TestService& self, const std::shared_ptr<SDBusMessage>& message) {
+        if (message->methodName() != "HOLD") return TestService::echo(self, message);
+        held.set_value(message);
+        return true;
+    });
+    const auto proxy = proxyTo();
+    auto slow = std::async(std::launch::async, [&] { return call(proxy, "HOLD", "slow"); });
+    auto call1 = held.get_future().get();
+    EXPECT_EQ(call(proxy, "ECHO", "quick")->getString(0), "quick");
+    // Answered from another thread than the handler's, and once only.
+    EXPECT_TRUE(TestService::echo(service, call1));
+    EXPECT_EQ(slow.get()->getString(0), "slow");
+    EXPECT_FALSE(TestService::echo(service, call1));
+
+    std::array<std::future<int>, 8> threads;
+    for (std::size_t i = 0; i < threads.size(); ++i)
+        threads[i] = std::async(std::launch::async, [&proxy, i] {
+            int right = 0;
+            for (int n = 0; n < 100; ++n) {
+                const std::string text = std::to_string(i) + "." + std::to_string(n);
+                if (call(proxy, "ECHO", text)->getString(0) == text) ++right;
+            }
+            return right;
+        });
+    for (auto& thread : threads) EXPECT_EQ(thread.get(), 100);
+}
+
+TEST_F(CallTest, ReachesARestartedService) {
+    const auto proxy = proxyTo();
+    for (const int signal : {SIGTERM, SIGKILL}) {
+        Process process = startService();
+        EXPECT_EQ(call(proxy, "ECHO", "x")->getString(0), "x");
+        EXPECT_EQ(bus().serviceProcess(kService), process.pid());
+        process.kill(signal);
+        EXPECT_EQ(process.wait(), signal == SIGTERM ? 0 : 128 + SIGKILL);
+        EXPECT_EQ(bus().serviceProcess(kService), 0);
+        EXPECT_EQ(fs::exists(socket()) || fs::exists(lock()), signal == SIGKILL) << "a clean end leaves nothing behind";
+    }
+    TestService next;  // in the place of the one that was killed
+    EXPECT_EQ(call(proxy, "ECHO", "y")->getString(0), "y");
+}
+
+TEST_F(CallTest, WorksInAForkedChildAndAfterIt) {
+    TestService service;
+    const auto proxy = proxyTo();
+    ASSERT_EQ(call(proxy, "ECHO", "a")->getString(0), "a");
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const bool works = call(proxy, "ECHO", "child")->getString(0) == "child";
+        const bool servesNothing = !service.publish("EVENT", "") && !bus().registrationFailure(kService).empty();
+        bus().unregisterServiceInterface(kService);
+        ::_exit(works && servesNothing && fs::exists(socket()) ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(call(proxy, "ECHO", "b")->getString(0), "b");
+}
+
+TEST_F(CallTest, IsOpenToDebuggingTools) {
+    TestService service([](TestService& self, const std::shared_ptr<SDBusMessage>& message) {
+        return self.reply(message, message->methodName() + ":" + message->getString(0) + message->getString(1) +
+                                       std::to_string(message->getInt32(2)));
+    });
+    const std::string address = "unix:path=" + socket();
+    const auto busctl = [&](std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), {"busctl", "--address=" + address});
+        return run(arguments);
+    };
+    // A double takes a position and has no value.
+    const Result result = busctl({"call", "x.y", "/any", "a.b", "METHOD", "sdi", "v", "1.5", "7"});
+    if (result.exitCode == 127) GTEST_SKIP() << "busctl is not installed";
+    EXPECT_EQ(result.out, "s \"METHOD:v7\"\n") << result.err;
+    EXPECT_EQ(busctl({"call", "x.y", "/", "a.b", "M", "avs", "2", "s", "p", "ad", "1", "1", "q"}).out, "s \"M:p0\"\n");
+    EXPECT_EQ(busctl({"call", "x.y", "/", "org.freedesktop.DBus.Peer", "Ping"}).exitCode, 0);
+    const Result malformed = busctl({"call", "x.y", "/", "a.b", "_hex_41"});
+    EXPECT_THAT(malformed.err, HasSubstr("malformed"));
+    EXPECT_TRUE(mLog.has("the method's name is malformed", 6));
+}
+
+// ---- Who may serve ----
+
+TEST_F(RegistrationTest, NamesTheOwnerOfATakenName) {
+    Process owner = startService();
+    EXPECT_TRUE(bus().isServiceRegistered(kService));
+    const std::string why = "service unit is already served by process " + std::to_string(owner.pid());
+    {
+        TestService second;
+        EXPECT_FALSE(second.isRegistered());
+        EXPECT_FALSE(second.publish("EVENT", ""));
+        EXPECT_EQ(bus().registrationFailure(kService), why);
+        EXPECT_EQ(mLog.count(why, 7), 1);
+    }
+    EXPECT_EQ(call(proxyTo(), "ECHO", "first")->getString(0), "first") << "the owner is not disturbed";
+    owner.kill(SIGTERM);
+    owner.wait();
+    EXPECT_FALSE(bus().isServiceRegistered(kService));
+
+    TestService now;
+    EXPECT_EQ(bus().registrationFailure(kService), "");
+    EXPECT_EQ(bus().serviceProcess(kService), ::getpid());
+    EXPECT_EQ(readFile(lock()), std::to_string(::getpid()) + "\n");
+    EXPECT_EQ(fs::status(folder()).permissions(), fs::perms::owner_all);
+    EXPECT_EQ(fs::status(socket()).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+    TestService twice;
+    EXPECT_FALSE(twice.isRegistered());
+}
+
+TEST_F(RegistrationTest, TouchesNothingThatIsNotItsOwn) {
+    const auto registers = [](const std::string& why) {
+        TestService service;
+        const std::string failure = bus().registrationFailure(kService);
+        if (service.isRegistered() || failure.find(why) == std::string::npos) ADD_FAILURE() << why << ": " << failure;
+    };
+    const std::string elsewhere = mBus.folder() / "elsewhere";
+    writeFile(elsewhere, "kept");
+    fs::create_directory_symlink(mBus.folder().path(), folder());
+    registers("cannot open the folder");
+    EXPECT_EQ(bus().socketPath(kService), "");
+    fs::remove(folder());
+    fs::create_directory(folder());
+    fs::permissions(folder(), fs::perms::owner_all | fs::perms::group_read);
+    registers("open to others");
+    fs::permissions(folder(), fs::perms::owner_all);
+    EXPECT_EQ(bus().socketPath(kService), socket());
+    fs::create_symlink(elsewhere, lock());
+    registers("cannot lock");
+    fs::remove(lock());
+    ASSERT_EQ(::mkfifo(lock().c_str(), 0600), 0);
+    registers("no regular file");
+    fs::remove(lock());
+    writeFile(socket(), "in the way");
+    registers("no socket");
+    fs::remove(socket());
+    const int listener = listenAt(socket());  // as systemd would hold it: without the lock
+    registers("somebody listens");
+    EXPECT_TRUE(fs::is_socket(socket()));
+    ::close(listener);
+    EXPECT_EQ(readFile(elsewhere), "kept");
+    TestService service;
+    EXPECT_TRUE(service.isRegistered()) << "what the dead one left is replaced";
+
+    for (const char* name : {"", ".hidden", "a/b", "a b"}) {
+        TestService bad(TestService::echo, name);
+        EXPECT_FALSE(bad.isRegistered()) << name;
+        EXPECT_FALSE(proxyTo(name)) << name;
+    }
+    EXPECT_FALSE(proxyTo(std::string(65, 'a')));
+    fs::permissions(mBus.folder().path(), fs::perms::all);
+    TestService open(TestService::echo, "other");
+    EXPECT_THAT(bus().registrationFailure("other"), HasSubstr("others may write"));
+    const std::string deep = mBus.folder() / std::string(100, 'd');
+    fs::create_directory(deep);
+    const ScopedEnv environment("XDG_RUNTIME_DIR", deep.c_str());
+    TestService far(TestService::echo, "far");
+    EXPECT_THAT(bus().registrationFailure("far"), HasSubstr("longer than 107 bytes"));
+}
+
+TEST_F(RegistrationTest, TakesOverASocketOfSystemd) {
+    Process process = startService({{"TEST_LISTEN_AT", socket()}});
+    EXPECT_EQ(call(proxyTo(), "ECHO", "activated")->getString(0), "activated");
+    EXPECT_EQ(bus().serviceProcess(kService), process.pid());
+    process.kill(SIGTERM);
+    EXPECT_EQ(process.wait(), 0);
+    EXPECT_TRUE(fs::exists(socket())) << "it stays systemd's";
+    EXPECT_FALSE(fs::exists(lock()));
+}
+
+TEST_F(RegistrationTest, WritesWhatIsQueuedBeforeItEnds) {
+    const std::string large(std::size_t{8} << 20, 'x');
+    std::promise<void> handled;
+    TestService service([&](TestService& self, const std::shared_ptr<SDBusMessage>& message) {
+        const bool sent = self.reply(message, large);
+        handled.set_value();
+        return sent;
+    });
+    const auto proxy = proxyTo();
+    auto answer = std::async(std::launch::async, [&] { return call(proxy, "LARGE"); });
+    handled.get_future().wait();
+    bus().unregisterServiceInterface(kService);
+    EXPECT_TRUE(answer.get()->getString(0) == large);
+    EXPECT_FALSE(fs::exists(socket()));
+}
+
+// Root alone can play two users.
+TEST_F(RegistrationTest, AdmitsNoOtherUser) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root";
+    constexpr uid_t kNobody = 65534;
+    const auto asNobody = [&](const std::function<bool()>& act) {
+        const pid_t child = ::fork();
+        if (child == 0) ::_exit(::setuid(kNobody) == 0 && act() ? 0 : 1);
+        int status = -1;
+        return ::waitpid(child, &status, 0) == child && status == 0;
+    };
+    {
+        TestService service;
+        for (const std::string& path : {mBus.folder().path(), folder(), socket()})
+            fs::permissions(path, fs::perms::all);
+        EXPECT_TRUE(asNobody([&] {
+            const int fd = connectTo(socket());
+            char byte = 0;
+            return fd >= 0 && ::read(fd, &byte, 1) == 0;
+        }));
+        EXPECT_TRUE(waitUntil([&] { return mLog.has("it belongs to another user", 6); }));
+    }
+    // A listener is who it was when it began to listen.
+    for (const std::string& path : {mBus.folder().path(), folder()}) fs::permissions(path, fs::perms::owner_all);
+    const int listener = listenAt(socket());
+    ASSERT_TRUE(asNobody([&] { return ::listen(listener, 1) == 0; }));
+    EXPECT_EQ(call(proxyTo(), "ECHO")->getErrorType(), SDBusUnreachable);
+    EXPECT_FALSE(bus().isServiceRegistered(kService));
+    EXPECT_TRUE(mLog.has("belongs to user 65534", 7));
+    ::close(listener);
+}
+
+}  // namespace
+}  // namespace test

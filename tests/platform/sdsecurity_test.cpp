@@ -1,0 +1,339 @@
+// The security layer as a host sees it: what its files hold, what opens, and what is refused.
+#include "platform/sdsecurity/sdsecurity.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "tests/support/support.h"
+
+using State = sd::SDSecurity::KeyRingState;
+using test::readFile;
+using test::writeFile;
+
+namespace {
+
+// Made once, apart from this code, by Python's `cryptography`: with a key K = bytes(range(32)), or range(32, 64) for
+// the second, and I = hashlib.sha256(b"sdsecurity key id v1" + K).digest()[:8] and N = bytes(range(0xa0, 0xac)):
+//   "v1" + base64.b64encode(I + N + AESGCM(K).encrypt(N, b"pass\0word", b"v1" + I)).decode()
+const std::string kHeader = "sdsecurity-keys 1\n";
+const std::string kFirstLine = "dc4bc7547e35e387 000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f\n";
+const std::string kSecondLine = "07f9fd67daa9576e 202122232425262728292a2b2c2d2e2f303132333435363738393a3b3c3d3e3f\n";
+const std::string kRing = kHeader + kFirstLine + kSecondLine;
+const std::string kEnvelope = "v13EvHVH4144egoaKjpKWmp6ipqquWeQ9eRbxtzQbFBlq8RzUfLd7gs9zoWM9O";
+const std::string kEnvelopeOfNothing = "v1B/n9Z9qpV26goaKjpKWmp6ipqqv1Dj6Nz01Q29OtUk0QlEsQ";  // by the second key
+const std::string kPlain("pass\0word", 9);
+const std::string kSecret = "top secret";
+
+unsigned modeOf(const std::string& path) {
+    struct stat status {};
+    return ::lstat(path.c_str(), &status) == 0 ? status.st_mode & 07777U : 0;
+}
+
+class SecurityTest : public testing::Test {
+protected:
+    SecurityTest() { security.SetKeyRingFolder(folder.path()); }
+    ~SecurityTest() override { forgetLines(); }
+
+    void forgetLines() {
+        EXPECT_FALSE(log.has(kSecret) || log.has("0b0c0d0e0f")) << "a value or a key was logged";
+        log.clear();
+    }
+    void writeRing(const std::string& text, mode_t mode = 0600) {
+        writeFile(ring, text);
+        ::chmod(ring.c_str(), mode);
+        security.SetKeyRingFolder(folder.path());
+    }
+    std::string seal(const std::string& plain) { return security.FastEncrypt(plain); }
+    std::string open(const std::string& text) { return security.FastDecrypt(text); }
+    State state() { return security.CheckKeyRing().state; }
+
+    // Runs `body` in processes of their own, all at once; each answers whether it went well.
+    static void inProcesses(int count, const std::function<bool(int)>& body) {
+        std::vector<pid_t> children;
+        int gate[2];
+        ASSERT_EQ(::pipe2(gate, O_CLOEXEC), 0);
+        for (int i = 0; i < count; ++i) {
+            children.push_back(::fork());
+            if (children.back() != 0) continue;
+            char byte = 0;
+            ::close(gate[1]);
+            ::_exit(::read(gate[0], &byte, 1) == 0 && body(i) ? 0 : 1);
+        }
+        for (const int end : gate) ::close(end);
+        for (const pid_t child : children) {
+            int status = -1;
+            EXPECT_TRUE(::waitpid(child, &status, 0) == child && status == 0);
+        }
+    }
+
+    test::ScopedEnv noCredentials{"CREDENTIALS_DIRECTORY", nullptr};
+    test::TempDir folder;
+    test::LogCapture log;
+    const std::string ring = folder / "sdsecurity.keys";
+    const std::string count = folder / "sdsecurity.count";
+    sd::SDSecurity& security = *sd::SDSecurity::GetInstance();
+};
+
+TEST_F(SecurityTest, KeepsTheFormatOfValuesSealedBefore) {
+    writeRing(kRing);
+    EXPECT_EQ(open(kEnvelope), kPlain);
+    EXPECT_EQ(open(kEnvelopeOfNothing), "");
+    std::string all;
+    for (int byte = 0; byte < 256; ++byte) all.push_back(static_cast<char>(byte));
+    for (const std::string& plain : {std::string(), kPlain, all, std::string(1 << 20U, 'x')}) {
+        const std::string text = seal(plain);
+        EXPECT_EQ(text.substr(0, 12), kEnvelopeOfNothing.substr(0, 12));
+        EXPECT_EQ(text.size(), 2 + (36 + plain.size() + 2) / 3 * 4);
+        EXPECT_EQ(open(text), plain);
+        EXPECT_NE(seal(plain), text) << "the nonce was used before";
+    }
+    EXPECT_TRUE(log.lines().empty());
+    EXPECT_EQ(readFile(ring), kRing);
+}
+
+TEST_F(SecurityTest, OpensNothingThatItDidNotSeal) {
+    const std::string good = seal(kSecret);  // 46 bytes: the base64 ends in "=="
+    const std::string unpadded = good.substr(0, good.size() - 2), cut = good.substr(0, 47);
+    std::vector<std::string> cases{"v2" + good.substr(2), good + "AAAA", good + "\n", " " + good, "v1" + good};
+    for (const std::string& text : {unpadded, kEnvelope, unpadded + "AA", cut + "A==", cut + "AA="})
+        cases.push_back(text);
+    for (std::size_t i = 0; i < good.size(); ++i) {
+        cases.push_back(good.substr(0, i));
+        for (const char other : {'A', 'B', '=', '\n', '\0', '\xff'}) {
+            if (good[i] == other) continue;
+            cases.push_back(good);
+            cases.back()[i] = other;
+        }
+    }
+    for (const std::string& text : cases) {
+        SCOPED_TRACE(text);
+        forgetLines();
+        EXPECT_EQ(open(text), "");
+        ASSERT_EQ(log.lines().size(), 1U);
+        EXPECT_EQ(log.lines()[0].level, 7);
+        EXPECT_EQ(log.lines()[0].tag, "sdsecurity");
+        EXPECT_TRUE(text.size() < 4 || !log.has(text));
+    }
+    EXPECT_EQ(open(good), kSecret);
+}
+
+TEST_F(SecurityTest, MakesTheRingAtTheFirstSealAlone) {
+    const mode_t old = ::umask(0);
+    EXPECT_EQ(open(kEnvelope), "");
+    EXPECT_TRUE(log.has(ring + ": there is no key ring", 7));
+    EXPECT_FALSE(security.RotateKey());
+    EXPECT_EQ(state(), State::Absent);
+    EXPECT_FALSE(std::filesystem::exists(ring));
+    EXPECT_NE(seal("x"), "");
+    EXPECT_EQ(state(), State::Usable);
+    for (const auto& file : std::filesystem::directory_iterator(folder.path()))
+        EXPECT_EQ(modeOf(file.path()), 0600U) << file.path();
+
+    const test::ScopedEnv home("HOME", (folder / "home").c_str());
+    for (const std::string& dataHome : {folder / "data", std::string("relative")}) {
+        const test::ScopedEnv data("XDG_DATA_HOME", dataHome.c_str());
+        security.SetKeyRingFolder("");
+        EXPECT_NE(seal("x"), "");
+        ::umask(0777);
+    }
+    for (const char* path : {"data", "data/sdconfig", "home", "home/.local", "home/.local/share/sdconfig"})
+        EXPECT_EQ(modeOf(folder / path), 0700U) << path;
+    EXPECT_EQ(modeOf(folder / "home/.local/share/sdconfig/sdsecurity.keys"), 0600U);
+    security.SetKeyRingFolder(folder / "a/b");
+    EXPECT_EQ(seal("x"), "") << "only the default folder is made with those above it";
+    EXPECT_FALSE(std::filesystem::exists(folder / "a"));
+    ::umask(old);
+}
+
+TEST_F(SecurityTest, AgreesOnOneRingWhereProcessesStartAtOnce) {
+    inProcesses(8, [this](int i) { return writeFile(folder / std::to_string(i), seal(std::to_string(i))), true; });
+    for (int i = 0; i < 8; ++i) EXPECT_EQ(open(readFile(folder / std::to_string(i))), std::to_string(i));
+    EXPECT_EQ(readFile(ring).size(), kHeader.size() + kFirstLine.size());
+}
+
+TEST_F(SecurityTest, NeverTouchesARingThatItCanNotUse) {
+    const auto becomes = [this](const std::string& text, mode_t mode = 0600) {
+        return [this, text, mode] { writeRing(text, mode); };
+    };
+    const std::string real = folder / "real";
+    writeFile(real, kRing);
+    ::chmod(real.c_str(), 0600);
+    const std::string cut = kRing.substr(0, kRing.size() - 1);
+    std::string damaged = kRing, upper = kRing;
+    damaged[kHeader.size() + 20] ^= 1;
+    upper.replace(upper.find("0a0b"), 4, "0A0b");
+    std::vector<std::pair<std::string, std::function<void()>>> cases{
+        {"empty", becomes("")},
+        {"no key", becomes(kHeader)},
+        {"a version of tomorrow", becomes("sdsecurity-keys 2\n" + kFirstLine)},
+        {"cut short", becomes(cut)},
+        {"a blank line", becomes(kRing + "\n")},
+        {"carriage returns", becomes(cut + "\r\n")},
+        {"a bit of a key turned", becomes(damaged)},
+        {"another spelling", becomes(upper)},
+        {"a key twice", becomes(kRing + kFirstLine)},
+        {"too long", becomes(kRing + std::string(1 << 20U, 'a'))},
+        {"readable by the group", becomes(kRing, 0640)},
+        {"readable by all", becomes(kRing, 0604)},
+        {"a link", [&] { std::filesystem::create_symlink(real, ring); }},
+        {"a FIFO", [this] { ::mkfifo(ring.c_str(), 0600); }},
+        {"a folder", [this] { std::filesystem::create_directory(ring); }},
+    };
+    if (::geteuid() == 0)
+        cases.emplace_back("somebody else's", [this] { writeRing(kRing), (void)!::chown(ring.c_str(), 1, 1); });
+    for (const auto& [what, make] : cases) {
+        SCOPED_TRACE(what);
+        make();
+        security.SetKeyRingFolder(folder.path());
+        const auto look = [this] {
+            struct stat status {};
+            ::lstat(ring.c_str(), &status);
+            return std::tuple(status.st_ino, status.st_mode, S_ISREG(status.st_mode) ? readFile(ring) : "");
+        };
+        const auto before = look();
+        forgetLines();
+        EXPECT_EQ(seal(kSecret), "");
+        EXPECT_EQ(open(kEnvelope), "");
+        EXPECT_FALSE(security.RotateKey());
+        EXPECT_EQ(log.count(ring + ": ", 7), 3);
+        EXPECT_EQ(log.lines().size(), 3U);
+        EXPECT_EQ(state(), State::Broken);
+        EXPECT_EQ(look(), before);
+        std::filesystem::remove(ring);
+        writeFile(ring, kRing);
+        ::chmod(ring.c_str(), 0600);
+        EXPECT_EQ(open(kEnvelope), kPlain) << "a repair needs no restart";
+        std::filesystem::remove(ring);
+    }
+}
+
+TEST_F(SecurityTest, RotatesAndStillOpensWhatWasSealedBefore) {
+    const std::string early = seal("early");
+    const std::string oldRing = readFile(ring);
+    inProcesses(1, [this](int) { return security.RotateKey(); });
+    EXPECT_EQ(readFile(ring).substr(0, oldRing.size()), oldRing);
+    inProcesses(1, [this](int) {
+        security.SetKeyRingFolder(folder.path());  // as one that has just started
+        return writeFile(folder / "late", seal("late")), true;
+    });
+    const std::string late = readFile(folder / "late");
+    EXPECT_NE(late.substr(0, 12), early.substr(0, 12));
+    EXPECT_EQ(open(late), "late") << "another process has rotated";
+    EXPECT_EQ(open(early), "early");
+    EXPECT_EQ(seal("").substr(0, 12), late.substr(0, 12));
+
+    int keys = 2;
+    while (security.RotateKey()) ++keys;
+    EXPECT_EQ(keys, 199) << "which make 16 KiB";
+    EXPECT_TRUE(log.has("it is full", 7));
+    EXPECT_EQ(state(), State::Usable);
+    EXPECT_EQ(open(seal(early)), early);
+}
+
+TEST_F(SecurityTest, CountsSealsOfAllProcessesAndAsksForRotationInTime) {
+    writeRing(kHeader + kFirstLine);
+    inProcesses(3, [this](int) {
+        int sealed = 0;
+        while (sealed < 1000 && !seal("x").empty()) ++sealed;
+        return sealed == 1000;
+    });
+    ASSERT_EQ(readFile(count).substr(0, 17), kFirstLine.substr(0, 17));
+    EXPECT_GE(std::stoul(readFile(count).substr(17)), 3000U);
+    EXPECT_TRUE(log.lines().empty());
+
+    const auto counted = [this](const std::string& text, mode_t mode = 0600) {
+        writeFile(count, text);
+        ::chmod(count.c_str(), mode);
+        forgetLines();
+        security.SetKeyRingFolder(folder.path());
+        return open(seal("x")) == "x";
+    };
+    EXPECT_TRUE(counted(kFirstLine.substr(0, 17) + "2147483000\n"));
+    EXPECT_FALSE(log.has("rotate"));
+    EXPECT_TRUE(counted(kFirstLine.substr(0, 17) + "2147483647\n"));
+    EXPECT_EQ(log.count("rotate the ring", 6), 1);
+    for (const char* damage : {"rubbish", "dc4bc7547e35e387 -1\n", "dc4bc7547e35e387 9999999999999999999999\n"}) {
+        EXPECT_TRUE(counted(damage));
+        EXPECT_EQ(log.count(count, 6), 1) << damage;
+    }
+    EXPECT_TRUE(counted("", 0644));
+    EXPECT_EQ(modeOf(count), 0600U);
+    EXPECT_EQ(readFile(ring), kHeader + kFirstLine);
+
+    EXPECT_FALSE(counted(kFirstLine.substr(0, 17) + "4294967290\n"));
+    EXPECT_EQ(log.count("used up", 7), 1);
+    EXPECT_TRUE(security.RotateKey());
+    EXPECT_EQ(open(seal("x")), "x");
+    std::filesystem::remove(count);
+    std::filesystem::create_directory(count);
+    security.SetKeyRingFolder(folder.path());
+    EXPECT_NE(seal("x"), "");
+    EXPECT_EQ(log.count("counting in memory", 6), 1);
+}
+
+TEST_F(SecurityTest, UsesARingThatTheHostHandsOver) {
+    const test::TempDir unit;
+    const test::ScopedEnv credentials("CREDENTIALS_DIRECTORY", unit.path().c_str());
+    const std::string own = seal("own");
+    const auto works = [&] {
+        return open(kEnvelope) == kPlain && open(seal(kSecret)) == kSecret && !security.RotateKey();
+    };
+    const auto ringIn = [&](mode_t mode) {
+        writeFile(unit / "sdsecurity.keys", kRing);
+        ::chmod((unit / "sdsecurity.keys").c_str(), mode);
+        security.SetKeyRingFolder(folder.path());
+        return works();
+    };
+    EXPECT_FALSE(ringIn(0644));
+    EXPECT_EQ(open(own), "") << "a broken ring is no reason to take another";
+    EXPECT_TRUE(ringIn(0440));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(unit.path()), {}), 1) << "nothing is written there";
+
+    const int file = ::memfd_create("ring", MFD_CLOEXEC);
+    EXPECT_FALSE(security.SetKeyRingDescriptor(file));
+    EXPECT_EQ(open(kEnvelope), kPlain) << "the credentials' ring is still in use";
+    EXPECT_GT(::write(file, kRing.data(), kRing.size()), 0);
+    std::filesystem::remove(unit / "sdsecurity.keys");
+    EXPECT_TRUE(security.SetKeyRingDescriptor(file));
+    ::close(file);
+    EXPECT_EQ(state(), State::Usable);
+    EXPECT_TRUE(works());
+    EXPECT_EQ(open(own), "");
+    int ends[2];
+    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    EXPECT_GT(::write(ends[1], kRing.data(), kRing.size()), 0);
+    ::close(ends[1]);
+    EXPECT_TRUE(security.SetKeyRingDescriptor(ends[0]));
+    ::close(ends[0]);
+}
+
+TEST_F(SecurityTest, ServesManyThreads) {
+    std::atomic<int> opened{0};
+    std::vector<std::thread> threads(4);
+    for (std::thread& thread : threads)
+        thread = std::thread([&] {
+            for (int round = 0; round < 300; ++round) opened += open(seal(kSecret)) == kSecret;
+        });
+    for (int i = 0; i < 5; ++i) security.RotateKey();
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(opened, 1200);
+    security.RegisterString("name", "first");
+    security.RegisterString("name", "second");
+    EXPECT_EQ(security.GetString("name"), "second");
+    EXPECT_EQ(security.GetString("other"), "");
+}
+
+}  // namespace

@@ -1,0 +1,282 @@
+// The service behind its socket: real calls over the bus, rows in the files, events as subscribers get them.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <mutex>
+#include <thread>
+
+#include "libsdconfig/sdconfig.h"
+#include "platform/sdbus/sdbus.h"
+#include "platform/sdsecurity/sdsecurity.h"
+#include "src/sdconfig_interface.h"
+#include "src/sdconfig_protocol.h"
+#include "src/sdconfig_service_sdbus.h"
+#include "tests/support/support.h"
+
+namespace sd {
+namespace {
+
+using Message = std::shared_ptr<SDBusMessage>;
+using testing::ElementsAre;
+
+void append(SDBusMessage& message, const std::string& value) {
+    message.appendString(value);
+}
+void append(SDBusMessage& message, const char* value) {
+    message.appendString(value);
+}
+void append(SDBusMessage& message, bool value) {
+    message.appendBool(value);
+}
+void append(SDBusMessage& message, int value) {
+    message.appendInt8(static_cast<int8_t>(value));
+}
+
+class ServiceTest : public testing::Test {
+protected:
+    // One service a process, on a bus and a data folder of its own.
+    struct Service {
+        test::PrivateBus bus;
+        test::TempDir data;
+        std::shared_ptr<SDBusProxyInterface> proxy;
+        Service() {
+            SDConfig::setDataPath(data.path());
+            SDSecurity::GetInstance()->SetKeyRingFolder(data.path());
+            SDConfigService::GetInstance()->Start();
+            proxy = SDBusSerivceManager::initSync(-1)->getServiceProxyInterface("sdconfig", SDBusSameUser, 1);
+        }
+        ~Service() { SDBusSerivceManager::initSync(-1)->unregisterServiceInterface("sdconfig"); }
+    };
+
+    ServiceTest() {
+        static Service service;
+        mService = &service;
+        test::query(configFile(), "DELETE FROM secure_v3");
+        test::query(policyFile(), "DELETE FROM dmhelperconfig");
+        mLog.clear();
+    }
+
+    template <typename... Arguments>
+    Message call(const std::string& method, const Arguments&... arguments) {
+        return send(5000, method, arguments...);
+    }
+    template <typename... Arguments>
+    Message send(int timeoutMs, const std::string& method, const Arguments&... arguments) {
+        const Message message = mService->proxy->makeMethodCallMessage(method);
+        (append(*message, arguments), ...);
+        return mService->proxy->callWithReplyBlocking(message, timeoutMs);
+    }
+    template <typename... Arguments>
+    bool ok(const std::string& method, const Arguments&... arguments) {
+        const Message reply = call(method, arguments...);
+        return reply->type() == protocol::kMethodReply && reply->getBool(0);
+    }
+    template <typename... Arguments>
+    bool silent(const std::string& method, const Arguments&... arguments) {
+        return send(300, method, arguments...)->getErrorType() == SDBusTimeout;
+    }
+    std::string text(const std::string& method, const std::string& key) { return call(method, key)->getString(0); }
+
+    std::string configFile() const { return mService->data / "sdconfig.db"; }
+    std::string policyFile() const { return mService->data / "dmhelper.db"; }
+
+    test::LogCapture mLog;
+    Service* mService = nullptr;
+};
+
+// Collects all events of the service as "name key=value" with a "!" for strong control, over a subscription of its own.
+class Events {
+public:
+    Events() : mProxy(SDBusSerivceManager::initSync(-1)->getServiceProxyInterface("sdconfig", SDBusSameUser, 1)) {
+        for (const char* name : {protocol::kSdconfigChanged, protocol::kPolicyChanged, protocol::kDmChanged})
+            EXPECT_TRUE(mProxy->addEventListener(name, new SDBusEventCallback([this](Message event) { add(*event); }),
+                                                 SDBusSameUser));
+    }
+
+    // Everything that was published up to now: a secure value set last serves as the fence behind it.
+    template <typename Fence>
+    std::vector<std::string> upTo(Fence fence) {
+        fence();
+        test::waitUntil([this] { return !all().empty() && all().back() == ".sdconfigChanged fence=up"; });
+        auto events = all();
+        if (!events.empty()) events.pop_back();
+        return events;
+    }
+
+private:
+    void add(SDBusMessage& event) {
+        const std::lock_guard lock(mMutex);
+        mAll.push_back(event.eventName() + " " + event.getString(0) + "=" + event.getString(1) +
+                       (event.getBool(2) ? "!" : ""));
+    }
+    std::vector<std::string> all() {
+        const std::lock_guard lock(mMutex);
+        return mAll;
+    }
+    std::mutex mMutex;
+    std::vector<std::string> mAll;
+    std::shared_ptr<SDBusProxyInterface> mProxy;  // ends its thread first
+};
+
+TEST_F(ServiceTest, PropertiesConstantsAndSigning) {
+    EXPECT_TRUE(ok("SET_PROPERTY", "p", "1"));
+    EXPECT_EQ(text("GET_PROPERTY", "p"), "1");
+    EXPECT_EQ(call("LST_PROPERTY")->getInt32(0), 0);
+    EXPECT_TRUE(ok("DEL_PROPERTY", "p"));
+    EXPECT_FALSE(ok("DEL_PROPERTY", "p"));
+    EXPECT_TRUE(ok("SET_PROPERTY", "ro.service.test", "1"));
+    EXPECT_FALSE(ok("SET_PROPERTY", "ro.service.test", "2"));
+    EXPECT_TRUE(mLog.has("handleMethodCall", 7) && mLog.has("DeleteProperty error", 7) &&
+                mLog.has("SetProperty error", 7));
+
+    SDSecurity::GetInstance()->RegisterString("const", "text");
+    EXPECT_EQ(text("GET_CONST", "const"), "text");
+    EXPECT_EQ(text("SIGN_REQUEST", "body"), "body");
+    EXPECT_TRUE(ok("VERIFY_SIGN", "body", "anything"));
+}
+
+TEST_F(ServiceTest, AListOfPropertiesIsTrimmedAt122) {
+    std::map<std::string, std::string> many;
+    for (int i = 0; i < 200; ++i) many["key" + std::to_string(1000 + i)] = std::to_string(i);
+    const Message message = SDBusSerivceManager::initSync(-1)->makeEventMessage("any", SDBusSameUser);
+    SDConfigInterface::appendProperties(*message, many);
+    EXPECT_EQ(message->getInt32(0), 122);
+    EXPECT_EQ(message->getString(1), "key1000");
+    EXPECT_EQ(message->getString(243), "key1121");
+    EXPECT_EQ(message->getString(244), "121");
+    EXPECT_EQ(message->getString(245), "");
+    EXPECT_TRUE(mLog.has("trim property element from 200 to 122", 6));
+}
+
+TEST_F(ServiceTest, SecureValuesChangeRowsAndTellOfIt) {
+    Events events;
+    EXPECT_TRUE(ok("REG_LISTENER", "s", true));
+    EXPECT_TRUE(ok("SET_SECURE", "s", "one"));
+    EXPECT_TRUE(ok("SET_SECURE", "s", "one"));
+    EXPECT_EQ(text("GET_SECURE", "S"), "one");
+    EXPECT_TRUE(ok("DEL_SECURE", "s"));
+    EXPECT_TRUE(ok("DEL_SECURE", "s"));
+    EXPECT_TRUE(ok("UNREG_LISTENER", "s", true));
+    EXPECT_THAT(events.upTo([&] { ok("SET_SECURE", "fence", "up"); }),
+                ElementsAre("DM_CHANGED s=one", ".sdconfigChanged s=one", "DM_CHANGED s=", ".sdconfigChanged s="));
+
+    test::query(configFile(), "CREATE TRIGGER no BEFORE DELETE ON secure_v3 BEGIN SELECT RAISE(ABORT, 'no'); END");
+    EXPECT_TRUE(silent("DEL_SECURE", "fence")) << "how a failed deletion is told";
+    EXPECT_TRUE(mLog.has("DeleteSecure error, key is fence", 7));
+    test::query(configFile(), "DROP TRIGGER no");
+    EXPECT_EQ(text("GET_SECURE", "fence"), "up");
+}
+
+TEST_F(ServiceTest, PoliciesOverrideAndTellOfIt) {
+    Events events;
+    EXPECT_TRUE(ok("DM_REGISTER_LISTERNER", 2, "flagged", "other", true));
+    EXPECT_TRUE(ok("REG_LISTENER", "plain", false));
+    EXPECT_TRUE(ok("SET_POLICY", "flagged", "on", 3));
+    EXPECT_TRUE(ok("SET_POLICY", "flagged", "on", 9));  // a flip alone
+    EXPECT_TRUE(ok("SET_POLICY", "flagged", "on", 9));  // nothing changed
+    EXPECT_TRUE(ok("SET_POLICY", "plain", "on", 3));
+    EXPECT_TRUE(ok("SET_POLICY", "plain", "on", 9));  // a flip is not for this listener
+    EXPECT_TRUE(ok("ISSTRONG_CONTROL", "flagged"));
+    EXPECT_TRUE(ok("SET_SECURE", "flagged", "local"));  // hidden by the policy: no change
+    EXPECT_EQ(text("GET_SECURE", "flagged"), "on");
+    EXPECT_TRUE(ok("DELETE_POLICY", "flagged"));
+    for (const char* key : {"flagged", "other", "plain"}) EXPECT_TRUE(ok("UNREG_LISTENER", key, false));
+    EXPECT_THAT(events.upTo([&] { ok("SET_SECURE", "fence", "up"); }),
+                ElementsAre(".DMChanged flagged=on", "DM_CHANGED flagged=on", ".DMChanged flagged=on!",
+                            "DM_CHANGED flagged=on!", ".DMChanged plain=on", "DM_CHANGED plain=on",
+                            ".DMChanged plain=on!", "DM_CHANGED flagged="));
+    const Message policy = call("GET_POLICY", "flagged");
+    EXPECT_EQ(policy->getString(0), "local");
+    EXPECT_EQ(policy->getInt(1), 5);
+}
+
+TEST_F(ServiceTest, EmptyPolicyValuesTravelAsEmptyButInTheListing) {
+    EXPECT_TRUE(ok("SET_POLICY", "e", "", 9));
+    EXPECT_EQ(call("GET_POLICY", "e")->getString(0), "");
+    const Message list = call("DM_LIST");
+    EXPECT_EQ(list->getInt(0), 1);
+    EXPECT_EQ(list->getString(2), "null_value");
+    EXPECT_EQ(list->getInt(3), 9);
+    const Message several = call("DM_GET_POLICIES", 2, "e", "unset");
+    EXPECT_EQ(several->getInt(0), 2);
+    EXPECT_EQ(several->getString(1) + "/" + several->getString(2), "e/");
+    EXPECT_EQ(several->getInt(3), 9);
+    EXPECT_EQ(several->getString(4) + "/" + several->getString(5), "unset/");
+    EXPECT_EQ(several->getInt(6), 5);
+    EXPECT_EQ(call("DM_GET_POLICIES", 0)->getInt(0), 0);
+}
+
+TEST_F(ServiceTest, PolicyListsAreCutAt122) {
+    const Message request = mService->proxy->makeMethodCallMessage("SET_POLICYLIST");
+    request->appendInt8(127);
+    for (int i = 0; i < 127; ++i) {
+        request->appendString("uri" + std::to_string(1000 + i));
+        request->appendString("v" + std::to_string(i));
+        request->appendInt8(9);
+    }
+    EXPECT_TRUE(mService->proxy->callWithReplyBlocking(request, 20000)->getBool(0));
+    EXPECT_TRUE(mLog.has("trim DM element from 127 to 122", 6));
+    EXPECT_EQ(test::query(policyFile(), "SELECT count(*), max(key) FROM dmhelperconfig"),
+              (std::vector<std::vector<std::string>>{{"122", "uri1121"}}));
+
+    for (int i = 122; i < 130; ++i) EXPECT_TRUE(ok("SET_POLICY", "uri" + std::to_string(1000 + i), "v", 9));
+    const Message list = call("DM_LIST");
+    EXPECT_EQ(list->getInt(0), 122);
+    EXPECT_EQ(list->getString(1 + 3 * 129), "uri1129") << "all of them follow the trimmed count";
+    EXPECT_TRUE(mLog.has("trim DM element from 130 to 122", 6));
+    EXPECT_FALSE(ok("SET_POLICYLIST", 0));
+    EXPECT_TRUE(ok("DM_CLEAR_ALL_KEYS"));
+    EXPECT_EQ(call("DM_LIST")->getInt(0), 0);
+}
+
+TEST_F(ServiceTest, RegistrationsAreCountedPerKey) {
+    EXPECT_FALSE(ok("ISALREADY_LISTHENED", -1));
+    EXPECT_FALSE(ok("ISALREADY_LISTHENED", 1, "k"));
+    EXPECT_FALSE(ok("DM_REGISTER_LISTERNER", 0, true));
+    EXPECT_TRUE(ok("REG_LISTENER", "k", true));
+    EXPECT_TRUE(ok("REG_LISTENER", "k", false));
+    EXPECT_TRUE(ok("UNREG_LISTENER", "k", true));
+    EXPECT_TRUE(mLog.has("the key do not need to UnRegistered", 5));
+    EXPECT_TRUE(ok("ISALREADY_LISTHENED", 1, "k"));
+    EXPECT_FALSE(ok("ISALREADY_LISTHENED", 2, "k", "K"));
+    EXPECT_TRUE(ok("UNREG_LISTENER", "k", true));
+    EXPECT_FALSE(ok("UNREG_LISTENER", "k", true));
+    EXPECT_TRUE(mLog.has("the key is not found", 7));
+    EXPECT_EQ(mLog.count("keys is empty", 7), 2);
+}
+
+TEST_F(ServiceTest, WhatItCannotAnswerCostsOnlyTheCaller) {
+    EXPECT_TRUE(silent("get_property", "k"));
+    EXPECT_TRUE(mLog.has("can't understand method call: get_property", 6));
+    test::query(policyFile(), "INSERT INTO dmhelperconfig(key, value) VALUES('bad', '" +
+                                  SDSecurity::GetInstance()->FastEncrypt("x&&&") + "')");
+    EXPECT_TRUE(silent("GET_POLICY", "bad"));
+    EXPECT_EQ(text("GET_PROPERTY", "none"), "");
+    EXPECT_TRUE(ok("SET_SECURE", "wrong kinds", "v"));
+    EXPECT_TRUE(ok("SET_SECURE")) << "absent arguments read as empty";
+    EXPECT_TRUE(ok("SET_POLICY", 1, 2, "three"));
+}
+
+TEST_F(ServiceTest, SlowCallsAreTold) {
+    std::thread writer([this] {
+        test::query(configFile(),
+                    "BEGIN IMMEDIATE; "
+                    "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 20000000) "
+                    "SELECT count(*) FROM n; COMMIT");
+    });
+    test::waitUntil([this] {
+        try {
+            test::query(configFile(), "PRAGMA busy_timeout = 0; BEGIN IMMEDIATE; COMMIT");
+            return false;
+        } catch (const std::exception&) {
+            return true;
+        }
+    });
+    EXPECT_TRUE(ok("SET_SECURE", "slow", "v"));
+    writer.join();
+    EXPECT_TRUE(mLog.has("SET_SECURE takes ", 6));
+    EXPECT_TRUE(mLog.has("SetSecure slow takes ", 6));
+}
+
+}  // namespace
+}  // namespace sd

@@ -1,0 +1,257 @@
+// The configuration store and the policy store, observed in their files.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <stdexcept>
+
+#include "libsdconfig/sdconfig.h"
+#include "platform/sdsecurity/sdsecurity.h"
+#include "src/sdconfig_impl.h"
+#include "src/sdconfig_impl_policy.h"
+#include "tests/support/support.h"
+
+namespace sd {
+namespace {
+
+using Rows = std::vector<std::vector<std::string>>;
+
+// Both singletons on one data folder, emptied before each test.
+class StoresTest : public testing::Test {
+protected:
+    static const std::string& folder() {
+        static const test::TempDir folder;
+        return folder.path();
+    }
+
+    StoresTest() {
+        SDConfig::setDataPath(folder());
+        SDSecurity::GetInstance()->SetKeyRingFolder(folder());
+        mConfig = SDConfigImpl::GetInstance();
+        mPolicies = &SDConfigDmHelper::GetInstance();
+        test::query(mConfigFile, "DELETE FROM secure_v3; DELETE FROM config");
+        test::query(mPolicyFile, "DELETE FROM dmhelperconfig");
+        mLog.clear();
+    }
+
+    // What FastEncrypt was given for the key's row.
+    std::string unsealed(const std::string& file, const std::string& table, const std::string& key) {
+        const Rows rows = test::query(file, "SELECT value FROM " + table + " WHERE key = '" + key + "'");
+        return rows.size() == 1 ? SDSecurity::GetInstance()->FastDecrypt(rows[0][0]) : "no single row";
+    }
+
+    // Puts a policy text of our own into the row, as an earlier version or a damaged disk might have.
+    void plantPolicy(const std::string& uri, const std::string& text) {
+        test::query(mPolicyFile, "INSERT OR REPLACE INTO dmhelperconfig(key, value) VALUES('" + uri + "', '" +
+                                     SDSecurity::GetInstance()->FastEncrypt(text) + "')");
+    }
+
+    const std::string mConfigFile = folder() + "/sdconfig.db";
+    const std::string mPolicyFile = folder() + "/dmhelper.db";
+    test::LogCapture mLog;
+    SDConfigImpl* mConfig = nullptr;
+    SDConfigDmHelper* mPolicies = nullptr;
+};
+
+TEST_F(StoresTest, AFreshFileGetsItsTablesAndVersionAndAFilledOneKeepsItsOwn) {
+    const test::TempDir fresh;
+    const std::string file = fresh / "sdconfig.db";
+    const std::string columns =
+        "(id INTEGER PRIMARY KEY AUTOINCREMENT,key TEXT COLLATE NOCASE UNIQUE ON CONFLICT FAIL,value TEXT )";
+    {
+        SDConfigImpl store(file);
+        EXPECT_TRUE(store.isNewInstall());
+    }
+    EXPECT_EQ(test::query(file, "SELECT sql FROM sqlite_master WHERE name NOT LIKE 'sqlite_%' ORDER BY name"),
+              (Rows{{"CREATE TABLE config" + columns},
+                    {"CREATE TABLE dbinfor" + columns},
+                    {"CREATE TABLE secure" + columns},
+                    {"CREATE TABLE secure_v3" + columns}}));
+    EXPECT_EQ(test::query(file, "SELECT key, value FROM dbinfor"), (Rows{{"dbVersion", "3"}}));
+    for (const char* line : {"sdconfig db path=", "start init DB", "init DB result: succeed", "start upgrade DB",
+                             "new install, don't need upgrade."})
+        EXPECT_EQ(mLog.count(line, 5), 1) << line;
+
+    test::query(file, "DELETE FROM dbinfor; INSERT INTO secure_v3(key, value) VALUES('a', 'b')");
+    SDConfigImpl again(file);
+    EXPECT_EQ(test::query(file, "SELECT * FROM dbinfor"), Rows{});
+    EXPECT_FALSE(again.isNewInstall());
+}
+
+TEST_F(StoresTest, AStoreThatCannotBeOpenedFailsSoftly) {
+    SDConfigImpl store(folder() + "/missing/sdconfig.db");
+    EXPECT_TRUE(store.isNewInstall());
+    EXPECT_FALSE(store.SetSecure("k", "v"));
+    EXPECT_EQ(store.GetSecure_v3("k"), "");
+    EXPECT_FALSE(store.isKeyInDB("k"));
+    for (const char* line : {"failed to init config", "failed to init secure", "failed to init upgrade table"})
+        EXPECT_EQ(mLog.count(line, 7), 1) << line;
+    EXPECT_TRUE(mLog.has("init DB result: failed", 5));
+    SDConfigDmHelper policies(folder() + "/missing/dmhelper.db");
+    EXPECT_FALSE(policies.SetPolicyWithUri("k", {{"v", 6}}));
+    EXPECT_TRUE(policies.GetAllKeys().empty());
+    EXPECT_TRUE(policies.ClearAllKeys());
+    EXPECT_EQ(mLog.count("mDmHelperTable is empty()", 5), 2);
+}
+
+TEST_F(StoresTest, SecureValuesAreSealedReplacedAndDeleted) {
+    ASSERT_TRUE(mConfig->SetSecure("Abc", "first"));
+    ASSERT_TRUE(mConfig->SetSecure("aBC", "second"));
+    EXPECT_EQ(test::query(mConfigFile, "SELECT key FROM secure_v3"), Rows{{"aBC"}});
+    EXPECT_EQ(unsealed(mConfigFile, "secure_v3", "aBC"), "second");
+    EXPECT_EQ(test::readFile(mConfigFile + "-wal").find("second"), std::string::npos);
+    EXPECT_EQ(mConfig->GetSecure("ABC"), "second");
+    EXPECT_TRUE(mConfig->isKeyInDB("aBC"));
+    EXPECT_FALSE(mConfig->isKeyInDB("abc")) << "membership is exact";
+
+    EXPECT_TRUE(mConfig->DeleteSecure("abc"));
+    EXPECT_TRUE(mConfig->DeleteSecure("abc"));
+    EXPECT_EQ(test::query(mConfigFile, "SELECT * FROM secure_v3"), Rows{});
+
+    ASSERT_TRUE(mConfig->SetSecure("empty", ""));
+    EXPECT_EQ(test::query(mConfigFile, "SELECT value FROM secure_v3 WHERE key='empty'"), Rows{{""}});
+    EXPECT_EQ(mConfig->GetSecure("empty"), "");
+}
+
+TEST_F(StoresTest, SecureValuesAndKeysOfAnyBytes) {
+    ASSERT_TRUE(mConfig->SetSecure("e", "\xC3\xA9"));
+    EXPECT_EQ(mConfig->GetSecure("e"), "\xC3\x83\xC2\xA9") << "read as Latin-1, kept as UTF-8";
+    ASSERT_TRUE(mConfig->SetSecure("nul", std::string("cut\0off", 7)));
+    EXPECT_EQ(mConfig->GetSecure("nul"), "cut");
+
+    const std::string keys[] = {
+        "", std::string("a\0b", 3), std::string(300, 'k'), "'; DROP TABLE secure_v3; --", "\xFF\xFE", "100%_"};
+    for (const std::string& key : keys) {
+        SCOPED_TRACE(key);
+        ASSERT_TRUE(mConfig->SetSecure(key, "v:" + key));
+        EXPECT_EQ(mConfig->GetSecure_v3(key).substr(0, 2), "v:");
+    }
+    EXPECT_EQ(test::query(mConfigFile, "SELECT count(*) FROM secure_v3"), Rows{{"8"}});
+    EXPECT_EQ(test::query(mConfigFile, "PRAGMA integrity_check"), Rows{{"ok"}});
+
+    const std::string large(16 << 20, 'x');
+    ASSERT_TRUE(mConfig->SetSecure("large", large));
+    EXPECT_EQ(mConfig->GetSecure("large"), large);
+}
+
+TEST_F(StoresTest, OnlyIdentityValuesAreLogged) {
+    for (const char* key : {"ro.sd.uuid", "ro.sd.client.id", "ro.sd.uuid.other"}) mConfig->SetSecure(key, "canary");
+    mConfig->GetSecure("ro.sd.uuid");
+    mConfig->GetSecure("ro.sd.uuid.other");
+    EXPECT_EQ(mLog.count("key is ro.sd.uuid, utf8Value is canary, encrypted is v1", 5), 1);
+    EXPECT_EQ(mLog.count("key is ro.sd.client.id, utf8Value is canary", 5), 1);
+    EXPECT_EQ(mLog.count("key is ro.sd.uuid, encrypted is v1", 5), 1);
+    EXPECT_EQ(mLog.count("canary"), 3);
+}
+
+TEST_F(StoresTest, AKeyRingThatCannotBeUsedCostsNothing) {
+    ASSERT_TRUE(mConfig->SetSecure("kept", "value"));
+    ASSERT_TRUE(mPolicies->SetPolicyWithUri("kept", {{"policy", 3}}));
+    const test::TempDir broken;
+    test::writeFile(broken / "sdsecurity.keys", "no ring");
+    SDSecurity::GetInstance()->SetKeyRingFolder(broken.path());
+    EXPECT_FALSE(mConfig->SetSecure("kept", "new"));
+    EXPECT_FALSE(mPolicies->SetPolicyWithUri("kept", {{"new", 3}}));
+    EXPECT_EQ(mLog.count("encryption failed, the key is kept", 7), 2);
+    EXPECT_EQ(mConfig->GetSecure("kept"), "");
+    SDSecurity::GetInstance()->SetKeyRingFolder(folder());
+    EXPECT_EQ(mConfig->GetSecure("kept"), "value");
+    EXPECT_EQ(mPolicies->GetPolicyFromDMtable("kept"), (PolicyMap{{"policy", 3}}));
+}
+
+TEST_F(StoresTest, PoliciesAreKeptSealedWithTheirPriority) {
+    ASSERT_TRUE(mPolicies->SetPolicyWithUri("Uri", {{"on", 10}}));
+    EXPECT_EQ(unsealed(mPolicyFile, "dmhelperconfig", "Uri"), "on&&&10");
+    ASSERT_TRUE(mPolicies->SetPolicyWithUri("uRI", {{"a", 7}, {"b", 9}}));
+    EXPECT_EQ(test::query(mPolicyFile, "SELECT key FROM dmhelperconfig"), Rows{{"uRI"}});
+    EXPECT_EQ(unsealed(mPolicyFile, "dmhelperconfig", "uRI"), "a&&&7") << "the first entry alone";
+    ASSERT_TRUE(mPolicies->SetPolicyWithUri("negative", {{"x", -4}}));
+    EXPECT_EQ(unsealed(mPolicyFile, "dmhelperconfig", "negative"), "x&&&-4");
+    EXPECT_EQ(mPolicies->GetAllKeys(), (PolicyList{{"uRI", {{"a", 7}}}, {"negative", {}}}));
+
+    EXPECT_FALSE(mPolicies->SetPolicyWithUri("uri", {}));
+    EXPECT_EQ(mPolicies->GetPolicyFromDMtable("uri"), (PolicyMap{{"a", 7}}));
+    EXPECT_TRUE(mPolicies->DeletePolicyWithUri("URI"));
+    EXPECT_TRUE(mPolicies->DeletePolicyWithUri("URI"));
+    EXPECT_TRUE(mPolicies->ClearAllKeys());
+    EXPECT_EQ(test::query(mPolicyFile, "SELECT * FROM dmhelperconfig"), Rows{});
+    EXPECT_FALSE(mLog.has("mDmHelperTable is empty()"));
+}
+
+TEST_F(StoresTest, StoredPolicyTextsReadAsTheyAlwaysDid) {
+    const struct {
+        const char* text;
+        PolicyMap expected;
+        bool malformed;
+    } cases[] = {
+        {"on&&&10", {{"on", 10}}, false},
+        {"&&&3", {{"null_value", 3}}, false},
+        {"on7", {{"on", 7}}, false},
+        {"7", {{"null_value", 7}}, false},
+        {"a&&&b&&&3", {}, true},
+        {"x&&&-4", {}, true},
+        {"x", {}, true},
+        {"x&&&\xC3\xA9", {}, true},
+        {"x&&&2147483647", {{"x", 2147483647}}, false},
+    };
+    for (const auto& [text, expected, malformed] : cases) {
+        SCOPED_TRACE(text);
+        mLog.clear();
+        plantPolicy("k", text);
+        EXPECT_EQ(mPolicies->GetPolicyFromDMtable("k"), expected);
+        EXPECT_EQ(mLog.has("valueWithPriority data format", 7), malformed);
+    }
+    plantPolicy("k", "x&&&");
+    EXPECT_THROW(mPolicies->GetPolicyFromDMtable("k"), std::invalid_argument);
+    plantPolicy("k", "x&&&2147483648");
+    EXPECT_THROW(mPolicies->GetPolicyWithUri("k"), std::out_of_range);
+}
+
+TEST_F(StoresTest, PoliciesAreWeighedAgainstTheLocalValue) {
+    const PolicyMap none;
+    const struct {
+        const char* what;
+        const char* local;  // null: no row
+        PolicyMap policy;
+        PolicyMap effective;
+        bool strong;
+    } cases[] = {
+        {"nothing", nullptr, none, {{"null_value", 5}}, false},
+        {"local alone", "off", none, {{"off", 5}}, false},
+        {"strong over local", "off", {{"on", 6}}, {{"on", 6}}, true},
+        {"strong and empty", "off", {{"", 6}}, {{"null_value", 6}}, true},
+        {"a tie goes to local", "off", {{"on", 5}}, {{"off", 5}}, false},
+        {"weak without local", nullptr, {{"on", 5}}, {{"on", 5}}, false},
+        {"weak hidden by an empty row", "", {{"on", 3}}, {{"null_value", 5}}, false},
+        {"weak and empty", nullptr, {{"", 3}}, {{"null_value", 3}}, false},
+        {"null_value means empty", nullptr, {{"null_value", 9}}, {{"null_value", 9}}, true},
+    };
+    for (const auto& [what, local, policy, effective, strong] : cases) {
+        SCOPED_TRACE(what);
+        test::query(mConfigFile, "DELETE FROM secure_v3");
+        test::query(mPolicyFile, "DELETE FROM dmhelperconfig");
+        if (local) mConfig->SetSecure("k", local);
+        if (!policy.empty()) mPolicies->SetPolicyWithUri("k", policy);
+        EXPECT_EQ(mPolicies->GetPolicyWithUri("k"), effective);
+        EXPECT_EQ(mPolicies->isStrongControl("k"), strong);
+        const std::string value = effective.begin()->first;
+        EXPECT_EQ(mConfig->GetSecure("k"), value == "null_value" ? "" : value);
+    }
+}
+
+TEST_F(StoresTest, ConstantsSigningAndKeyClasses) {
+    SDSecurity::GetInstance()->RegisterString("name", "text");
+    EXPECT_EQ(mConfig->GetConst("name"), "text");
+    EXPECT_EQ(mConfig->GetConst("other"), "");
+    EXPECT_EQ(mConfig->SignRequest("content"), "content");
+    EXPECT_TRUE(mConfig->VerifyRequest("content", "anything"));
+    const auto classes = [](const char* key) { return std::pair(isKeyInTPM(key), isSpecialKeyInBuildProp(key)); };
+    for (const char* key : {"ro.sd.keepAliveToken", "ro.sd.uuid", "encryptedPassword", "velmar.proxy.http.password"})
+        EXPECT_EQ(classes(key), std::pair(true, false)) << key;
+    for (const char* key : {"ro.sd.build.version", "ro.sd.product.channel", "ro.velmar.switch.env"})
+        EXPECT_EQ(classes(key), std::pair(false, true)) << key;
+    for (const char* key : {"RO.SD.UUID", "ro.sd.uuid2", ""}) EXPECT_EQ(classes(key), std::pair(false, false)) << key;
+}
+
+}  // namespace
+}  // namespace sd

@@ -1,0 +1,112 @@
+#include "tests/support/support.h"
+
+#include <sqlite3.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "platform/velmarlog/velmarlog.h"
+
+namespace test {
+
+TempDir::TempDir() {
+    char name[] = "/tmp/sdtest-XXXXXX";
+    if (!::mkdtemp(name)) throw std::runtime_error("mkdtemp failed");
+    mPath = name;
+}
+
+TempDir::~TempDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(mPath, ignored);
+}
+
+ScopedEnv::ScopedEnv(const char* name, const char* value) : mName(name) {
+    if (const char* old = std::getenv(name)) mOld = std::make_unique<std::string>(old);
+    value ? ::setenv(name, value, 1) : ::unsetenv(name);
+}
+
+ScopedEnv::~ScopedEnv() {
+    mOld ? ::setenv(mName.c_str(), mOld->c_str(), 1) : ::unsetenv(mName.c_str());
+}
+
+struct LogCapture::Lines {
+    mutable std::mutex mutex;
+    std::vector<LogLine> all;
+};
+
+LogCapture::LogCapture() : mLines(std::make_shared<Lines>()) {
+    velmarLogSetLevel(0);
+    velmarLogSetSink([lines = mLines](int level, const char* tag, const std::string& text) {
+        const std::lock_guard lock(lines->mutex);
+        lines->all.push_back({level, tag, text});
+    });
+}
+
+LogCapture::~LogCapture() {
+    velmarLogSetSink({});
+    velmarLogSetLevel(6);
+}
+
+std::vector<LogLine> LogCapture::lines() const {
+    const std::lock_guard lock(mLines->mutex);
+    return mLines->all;
+}
+
+void LogCapture::clear() {
+    const std::lock_guard lock(mLines->mutex);
+    mLines->all.clear();
+}
+
+int LogCapture::count(const std::string& text, int level) const {
+    int found = 0;
+    for (const LogLine& line : lines())
+        if ((level == 0 || line.level == level) && line.text.find(text) != std::string::npos) ++found;
+    return found;
+}
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream content;
+    content << in.rdbuf();
+    return content.str();
+}
+
+void writeFile(const std::string& path, const std::string& content) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << content;
+    if (!out.flush()) throw std::runtime_error("cannot write " + path);
+}
+
+std::vector<std::vector<std::string>> query(const std::string& database, const std::string& sql) {
+    sqlite3* db = nullptr;
+    std::vector<std::vector<std::string>> rows;
+    const auto addRow = [](void* context, int columns, char** values, char**) {
+        auto& all = *static_cast<std::vector<std::vector<std::string>>*>(context);
+        all.emplace_back();
+        for (int i = 0; i < columns; ++i) all.back().push_back(values[i] ? values[i] : "NULL");
+        return 0;
+    };
+    const bool done = sqlite3_open(database.c_str(), &db) == SQLITE_OK && sqlite3_busy_timeout(db, 5000) == SQLITE_OK &&
+                      sqlite3_exec(db, sql.c_str(), addRow, &rows, nullptr) == SQLITE_OK;
+    const std::string error = sqlite3_errmsg(db);
+    sqlite3_close(db);
+    if (!done) throw std::runtime_error(sql + ": " + error);
+    return rows;
+}
+
+bool waitUntil(const std::function<bool()>& condition, int limitMs) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+}  // namespace test

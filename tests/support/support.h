@@ -1,0 +1,83 @@
+// Pieces that tests of every room share.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace test {
+
+// A fresh folder under /tmp, removed with everything in it at the end. Its path is short enough for a socket's name.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& path() const { return mPath; }
+    std::string operator/(const std::string& name) const { return mPath + "/" + name; }
+
+private:
+    std::string mPath;
+};
+
+// An environment variable set (or, with a null value, unset) for the life of the object.
+class ScopedEnv {
+public:
+    ScopedEnv(const char* name, const char* value);
+    ~ScopedEnv();
+    ScopedEnv(const ScopedEnv&) = delete;
+    ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+private:
+    std::string mName;
+    std::unique_ptr<std::string> mOld;
+};
+
+// A bus of its own: XDG_RUNTIME_DIR in a fresh folder.
+class PrivateBus {
+public:
+    PrivateBus() : mEnv("XDG_RUNTIME_DIR", mFolder.path().c_str()) {}
+    const TempDir& folder() const { return mFolder; }
+
+private:
+    TempDir mFolder;
+    ScopedEnv mEnv;
+};
+
+struct LogLine {
+    int level;
+    std::string tag;
+    std::string text;
+};
+
+// Takes every log line, whatever its level, for the life of the object. One at a time in a process.
+class LogCapture {
+public:
+    LogCapture();
+    ~LogCapture();
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    std::vector<LogLine> lines() const;
+    void clear();
+    // How many lines hold `text`, of that level only unless it is 0.
+    int count(const std::string& text, int level = 0) const;
+    bool has(const std::string& text, int level = 0) const { return count(text, level) > 0; }
+
+private:
+    struct Lines;
+    std::shared_ptr<Lines> mLines;  // shared with the sink, which another thread may still be running
+};
+
+std::string readFile(const std::string& path);
+void writeFile(const std::string& path, const std::string& content);
+
+// The rows that another program sees: runs `sql` on the file over a connection of its own. NULL reads as "NULL".
+std::vector<std::vector<std::string>> query(const std::string& database, const std::string& sql);
+
+// Waits until `condition` holds, looking every 2 ms; false when `limitMs` passed first.
+bool waitUntil(const std::function<bool()>& condition, int limitMs = 5000);
+
+}  // namespace test
