@@ -2,14 +2,13 @@
 // Start it, kill sdconfigd with -9, start sdconfigd again: the next round works, with nothing done here.
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <thread>
 
 #include "libsdconfig/sdconfig.h"
 
 int main(int argc, char** argv) {
-    const int rounds = argc > 1 ? std::atoi(argv[1]) : 60;
+    const int rounds = argc > 1 ? std::stoi(argv[1]) : 60;
     sd::SDConfig& config = *sd::SDConfig::GetInstance();
     for (int round = 1; round <= rounds; ++round) {
         const std::string value = "round " + std::to_string(round);

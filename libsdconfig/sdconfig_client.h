@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "libsdconfig/dmconfig.h"
+#include "libsdconfig/listener_map.h"
 #include "libsdconfig/sdconfig_export.h"
 #include "platform/sdbus/sdbus.h"
 
@@ -38,6 +39,19 @@ public:
     std::string SignRequest(const std::string& content);
     bool VerifyRequest(const std::string& content, const std::string& sign);
 
+    bool IsAllConfigsAlreadyListened(const std::vector<std::string>& keys);
+    bool SetPolicyList(const PolicyList& policies);
+    bool RegisterListener(const std::string& key, DMConfig::Listener* listener, bool flag);
+    bool UnRegisterListener(const std::string& key, DMConfig::Listener* listener, bool flag);
+    bool RegisterListenersWithList(const DMConfig::ListenerList& listeners, bool flag);
+    bool SetPolicyWithUri(const std::string& uri, const std::string& value, int priority);
+    PolicyMap GetPolicyWithUri(const std::string& uri);
+    bool GetPoliciesWithUris(const std::vector<std::string>& uris, PolicyList& policies);
+    bool DeletePolicyWithUri(const std::string& uri);
+    bool isStrongControl(const std::string& key);
+    bool GetAllKeys(PolicyList& policies);
+    bool ClearAllKeys();
+
     // The name of the service to reach; null until the first call sets it to "sdconfig". A process that wants another
     // service sets it before that.
     SDCONFIG_API static const char* sServiceName;
@@ -55,6 +69,7 @@ private:
         int type() const { return mMessage ? mMessage->type() : 0; }
         int errorType() const { return mMessage ? mMessage->getErrorType() : 0; }
         SDBusMessage* operator->() const { return mMessage.get(); }
+        SDBusMessage& operator*() const { return *mMessage; }
 
     private:
         std::shared_ptr<SDBusMessage> mMessage;
@@ -62,8 +77,11 @@ private:
 
     SDConfigClient();
     bool init();
-    Answer request(const char* method, std::initializer_list<std::string> arguments);
-    void onEvent(SDBusMessage& event);
+    std::shared_ptr<SDBusMessage> makeCall(const char* method) const;
+    Answer send(const std::shared_ptr<SDBusMessage>& call) const;
+    Answer request(const char* method, std::initializer_list<std::string> strings) const;
+
+    bool unregister(const std::string& key, DMConfig::Listener* listener, bool flag);
 
     // Start-up tasks: every process runs them, so they may run any number of times.
     static constexpr char kOldLockscreenKey[] = "ro.sd.user.lockscreen.data";
@@ -74,9 +92,8 @@ private:
     static std::mutex sLock;    // making the client
     static std::mutex sDMLock;  // registering and unregistering one listener, their calls included
 
-    std::map<std::string, std::vector<DMConfig::Listener*>> mListenerMap;
+    const std::shared_ptr<ListenerMap> mListenerMap;  // shared with the event callback, which may outlive the client
     std::shared_ptr<SDBusProxyInterface> mProxy;
-    std::mutex mListenerGuard;  // mListenerMap, for a look-up or a change alone: events come on a thread of their own
 };
 
 }  // namespace sd

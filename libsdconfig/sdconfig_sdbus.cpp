@@ -1,14 +1,10 @@
 // The client's connection: found, made and kept once a process, and the events that come over it.
-#include <algorithm>
 #include <chrono>
 #include <thread>
 
 #include "libsdconfig/sdconfig_client.h"
 #include "platform/velmarlog/log_line.h"
 #include "src/sdconfig_protocol.h"
-
-// The lines of this file carry numbers of their own, by which those who read logs know them.
-#define HERE_AT(line) kSource, __func__, line
 
 namespace sd {
 
@@ -22,8 +18,6 @@ constexpr std::chrono::milliseconds kServiceCheckPause{100};
 constexpr std::chrono::milliseconds kConnectPause{10};
 
 }  // namespace
-
-DMConfig::Listener::~Listener() = default;
 
 const char* SDConfigClient::sServiceName = nullptr;
 std::atomic<bool> SDConfigClient::sInitialized{false};
@@ -66,13 +60,14 @@ std::shared_ptr<SDConfigClient> SDConfigClient::GetInstance() {
         LOG(7, AT "service %s failed to register after timeout", HERE_AT(253), sServiceName);
         return nullptr;
     }
+    if (sDestroyed.load()) return nullptr;  // the process began to exit while this thread waited
     instance.client.reset(new SDConfigClient);
     sInitialized.store(true);
     LOG(5, AT "SDConfigClient initialized successfully %p", HERE_AT(261), static_cast<void*>(instance.client.get()));
     return instance.client;
 }
 
-SDConfigClient::SDConfigClient() {
+SDConfigClient::SDConfigClient() : mListenerMap(std::make_shared<ListenerMap>()) {
     LOG(5, AT "SDConfigClient instance SDBUS intf %p", HERE_AT(268), static_cast<void*>(this));
     while (!init()) std::this_thread::sleep_for(kConnectPause);
     printProductInfo();
@@ -80,10 +75,7 @@ SDConfigClient::SDConfigClient() {
     wpowerConfigInit();
 }
 
-// Ends the events first: their thread uses the listener map and its guard.
-SDConfigClient::~SDConfigClient() {
-    mProxy.reset();
-}
+SDConfigClient::~SDConfigClient() = default;
 
 bool SDConfigClient::init() {
     mProxy = SDBusSerivceManager::initSync(-1)->getServiceProxyInterface(sServiceName, SDBusSameUser, 1);
@@ -92,30 +84,28 @@ bool SDConfigClient::init() {
         return false;
     }
     // The bus layer takes the callback over.
-    mProxy->addEventListener(protocol::kDmChanged,
-                             new SDBusEventCallback([this](std::shared_ptr<SDBusMessage> event) { onEvent(*event); }),
-                             SDBusSameUser);
+    auto* callback = new SDBusEventCallback(
+        [listeners = mListenerMap](std::shared_ptr<SDBusMessage> event) { listeners->onEvent(*event); });
+    mProxy->addEventListener(protocol::kDmChanged, callback, SDBusSameUser);
     return true;
 }
 
-// Listeners run outside the guard, so that they may register and unregister, themselves included: who has gone in the
-// meantime is not called any more.
-void SDConfigClient::onEvent(SDBusMessage& event) {
-    if (event.eventName() != protocol::kDmChanged) return;
-    const std::string key = event.getString(0);
-    const std::string value = event.getString(1);
-    const bool flag = event.getBool(2);
+std::shared_ptr<SDBusMessage> SDConfigClient::makeCall(const char* method) const {
+    return mProxy->makeMethodCallMessage(method);
+}
 
-    const auto listenersOf = [&] {
-        const std::lock_guard lock(mListenerGuard);
-        const auto found = mListenerMap.find(key);
-        return found == mListenerMap.end() ? std::vector<DMConfig::Listener*>() : found->second;
-    };
-    for (DMConfig::Listener* listener : listenersOf()) {
-        const auto current = listenersOf();
-        if (std::find(current.begin(), current.end(), listener) == current.end()) continue;
-        listener->onChanged(key, value, flag);
-    }
+SDConfigClient::Answer SDConfigClient::send(const std::shared_ptr<SDBusMessage>& call) const {
+    return Answer(mProxy->callWithReplyBlocking(call, protocol::kCallTimeoutMs));
+}
+
+SDConfigClient::Answer SDConfigClient::request(const char* method, std::initializer_list<std::string> strings) const {
+    const auto call = makeCall(method);
+    for (const std::string& argument : strings) call->appendString(argument);
+    return send(call);
+}
+
+bool SDConfigClient::Answer::ok() const {
+    return type() == protocol::kMethodReply;
 }
 
 void SDConfigClient::printProductInfo() {

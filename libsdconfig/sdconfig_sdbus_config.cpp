@@ -1,6 +1,8 @@
 // The configuration facade and the requests behind it.
 #include "libsdconfig/sdconfig.h"
 
+#include <algorithm>
+
 #include "libsdconfig/sdconfig_client.h"
 #include "libsdconfig/with_client.h"
 #include "platform/velmarlog/log_line.h"
@@ -16,16 +18,6 @@ constexpr char kSource[] = "sdconfig_sdbus";
 }  // namespace
 
 // ---- Requests ----
-
-bool SDConfigClient::Answer::ok() const {
-    return type() == protocol::kMethodReply;
-}
-
-SDConfigClient::Answer SDConfigClient::request(const char* method, std::initializer_list<std::string> arguments) {
-    const auto message = mProxy->makeMethodCallMessage(method);
-    for (const std::string& argument : arguments) message->appendString(argument);
-    return Answer(mProxy->callWithReplyBlocking(message, protocol::kCallTimeoutMs));
-}
 
 std::string SDConfigClient::GetProperty(const std::string& key) {
     const Answer answer = request(protocol::kGetProperty, {key});
@@ -57,7 +49,7 @@ bool SDConfigClient::GetAllProperties(std::map<std::string, std::string>& proper
         LOG(7, AT "error reply: type=%d", HERE, answer.type());
         return false;
     }
-    const int count = answer->getInt32(0);
+    const int count = std::min(answer->getInt32(0), protocol::kMaxElements);
     for (int pair = 0; pair < count; ++pair)
         properties[answer->getString(1 + 2 * pair)] = answer->getString(2 + 2 * pair);
     return true;
@@ -139,8 +131,8 @@ bool SDConfig::SetSecure(const std::string& key, const std::string& value) {
     return withClient(function, false, [&](SDConfigClient& client) {
         const bool stored = client.SetSecure(key, value);
         if (isIdentityKey(key))
-            LOG(5, AT "key is %s, value is %s, latestVal is %s", kSource, function, __LINE__, key.c_str(),
-                value.c_str(), client.GetSecure(key).c_str());
+            LOG(5, AT "key is %s, value is %s, latestVal is %s", HERE_AS(function), key.c_str(), value.c_str(),
+                client.GetSecure(key).c_str());
         return stored;
     });
 }
@@ -149,8 +141,7 @@ std::string SDConfig::GetSecure(const std::string& key) {
     const char* const function = __func__;
     return withClient(function, std::string(), [&](SDConfigClient& client) {
         std::string value = client.GetSecure(key);
-        if (isIdentityKey(key))
-            LOG(5, AT "key is %s, value is %s", kSource, function, __LINE__, key.c_str(), value.c_str());
+        if (isIdentityKey(key)) LOG(5, AT "key is %s, value is %s", HERE_AS(function), key.c_str(), value.c_str());
         return value;
     });
 }
@@ -160,8 +151,7 @@ bool SDConfig::DeleteSecure(const std::string& key) {
     return withClient(function, false, [&](SDConfigClient& client) {
         const bool deleted = client.DeleteSecure(key);
         if (isIdentityKey(key))
-            LOG(5, AT "key is %s, latestVal is %s", kSource, function, __LINE__, key.c_str(),
-                client.GetSecure(key).c_str());
+            LOG(5, AT "key is %s, latestVal is %s", HERE_AS(function), key.c_str(), client.GetSecure(key).c_str());
         return deleted;
     });
 }

@@ -6,9 +6,6 @@
 #include "libsdconfig/sdconfig.h"
 #include "platform/velmarlog/log_line.h"
 
-// The lines of this file carry numbers of their own, by which those who read logs know them.
-#define HERE_AT(line) kSource, __func__, line
-
 namespace sd {
 
 namespace {
@@ -21,7 +18,7 @@ constexpr char kFallbackHome[] = "~";
 std::string applicationHomePath(const StandardLocations& locations) {
     const QStringList entries = locations(QStandardPaths::HomeLocation);
     for (int i = 0; i < entries.size(); ++i) {
-        const std::string home = entries[i].toUtf8().toStdString();
+        std::string home = entries[i].toUtf8().toStdString();
         LOG(5, AT "home[%d]=%s", HERE_AT(161), i, home.c_str());
         if (!home.empty()) return home;
     }

@@ -10,6 +10,8 @@ namespace sd::data {
 // Commits are durable (synchronous FULL, write-ahead log) and readers in other processes go on during a write. A file
 // that another process has locked is waited for, 5000 ms in all; then the statement fails.
 // One thread at a time. Nothing throws: a failure is a return value and a level-7 log line.
+// Users of libsdconfig.so meet this class and SQLiteTable only as parts of the stores; their operations are not
+// exported.
 class SQLiteDatabase {
 public:
     // Opens the file, creating it if it is missing. When that fails the object stays usable: every command on it fails.

@@ -17,6 +17,7 @@ namespace {
 constexpr char kTag[] = "DMS-SQLiteTable";
 constexpr char kSource[] = "sql/SQLiteTable";
 
+// The one type that reading takes for text; definitions and writing take every type but 0 for it.
 constexpr int kText = 1;
 
 // A piece of a statement, cut at 255 characters.
@@ -31,9 +32,9 @@ __attribute__((format(printf, 1, 2))) std::string fragment(const char* format, .
 
 std::string joinNames(const TableRow& row) {
     std::string names;
-    for (const TableField& field : row) {
-        if (!names.empty()) names += ',';
-        names += field.name;
+    for (size_t i = 0; i < row.size(); ++i) {
+        if (i > 0) names += ',';
+        names += fragment("%s", row[i].name.c_str());
     }
     return names;
 }
@@ -128,6 +129,7 @@ void SQLiteTable::genInsertStatement(const TableRow& row, std::string& out) {
 }
 
 void SQLiteTable::genRemoveStatement(const TableRow& row, std::string& out) {
+    if (row.empty()) return;
     out = fragment("DELETE FROM %s WHERE %s=? COLLATE NOCASE", mName.c_str(), row.front().name.c_str());
 }
 

@@ -52,7 +52,7 @@ public:
     // The statements. A part of one that is longer than 255 characters is cut there.
     void genCreateStatement(std::string& out);  // leaves `out` alone while there are no definitions
     void genInsertStatement(const TableRow& row, std::string& out);
-    void genRemoveStatement(const TableRow& row, std::string& out);
+    void genRemoveStatement(const TableRow& row, std::string& out);  // likewise for an empty row
     void genSelectStatement(const TableRow& where, const TableRow& columns, std::string& out);
 
     // Runs a statement that yields no rows with the row's fields as parameters 1, 2, ...

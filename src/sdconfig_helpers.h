@@ -11,6 +11,11 @@ inline bool isIdentityKey(const std::string& key) {
     return key == "ro.sd.uuid" || key == "ro.sd.client.id";
 }
 
+// A key that SQLite would take for another: its comparison ends at a zero byte. Such keys are not stored.
+inline bool holdsZeroByte(const std::string& key) {
+    return key.find('\0') != std::string::npos;
+}
+
 // Reads the bytes up to the first zero byte as Latin-1 and returns them as UTF-8.
 std::string latin1ToUtf8(const std::string& bytes);
 

@@ -94,7 +94,7 @@ bool SDConfigImpl::initSecureTable() {
 bool SDConfigImpl::upgradeDB() {
     if (!isNewInstall()) return true;
     LOG(5, AT "new install, don't need upgrade.", HERE);
-    return setDBVersion(mDbInforTable, kCurrentVersion);
+    return setDBVersion(mDbInforTable, mLatestVersion);
 }
 
 bool SDConfigImpl::isNewInstall() {
@@ -136,6 +136,10 @@ bool SDConfigImpl::SetSecure(const std::string& key, const std::string& value) {
 }
 
 bool SDConfigImpl::SetSecure_v3(const std::string& key, const std::string& value) {
+    if (holdsZeroByte(key)) {
+        LOG(7, AT "the key %s holds a zero byte", HERE, key.c_str());
+        return false;
+    }
     const std::string utf8Value = latin1ToUtf8(value);
     const std::string encrypted = utf8Value.empty() ? "" : SDSecurity::GetInstance()->FastEncrypt(utf8Value);
     // Sealed before the old row goes: a key ring that can't be used must not cost the value that is there.
@@ -143,11 +147,15 @@ bool SDConfigImpl::SetSecure_v3(const std::string& key, const std::string& value
         LOG(7, AT "encryption failed, the key is %s", HERE, key.c_str());
         return false;
     }
+    const std::string before = getValueFromDatabaseTable(mSecureV3Table, key);
     DeleteSecure_v3(key);
     if (isIdentityKey(key))
         LOG(5, AT "key is %s, utf8Value is %s, encrypted is %s", HERE, key.c_str(), utf8Value.c_str(),
             encrypted.c_str());
-    return setValueToDatabaseTable(mSecureV3Table, key, encrypted);
+    if (setValueToDatabaseTable(mSecureV3Table, key, encrypted)) return true;
+    // A disk may have had room for the deletion alone: what stood there needs no more than it did.
+    if (!before.empty()) setValueToDatabaseTable(mSecureV3Table, key, before);
+    return false;
 }
 
 std::string SDConfigImpl::GetSecure(const std::string& key) {

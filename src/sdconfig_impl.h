@@ -23,7 +23,8 @@ SDCONFIG_API bool isSpecialKeyInBuildProp(std::string key);
 // Keys compare without regard to letter case, but for isKeyInDB.
 //
 // The service uses it on its own thread, one call at a time; it takes no lock. Other processes may hold the file too.
-// Nothing throws: failures are false, 0 or "", with log lines. An absent key and an empty value both read as "".
+// Failures are false, 0 or "", with log lines; GetSecure alone can throw: what the policy store lets through. An absent
+// key and an empty value both read as "".
 class SDCONFIG_API SDConfigImpl : public data::SQLiteDatabase {
 public:
     // The process's store in the data folder (SDConfig::getDataPathUtf8), opened on first use and kept to the end.
@@ -36,7 +37,8 @@ public:
 
     // Writes the value sealed, in place of what stood there. The bytes up to the first zero byte are read as Latin-1
     // and kept as UTF-8, so that a non-ASCII value reads back in that doubled form. An empty value is kept as an empty
-    // row.
+    // row. False, with what stood there unchanged, when the value can't be sealed or stored or the key holds a zero
+    // byte.
     bool SetSecure(const std::string& key, const std::string& value);
 
     // The effective value: what the policy store makes of the key's policy and the stored value.
@@ -84,7 +86,7 @@ protected:
     data::SQLiteTable mConfigTable;
     data::SQLiteTable mSecureTable;
     data::SQLiteTable mSecureV3Table;
-    std::string mReserved;
+    std::string mReserved;  // always empty
     std::string mLatestVersion;
 };
 

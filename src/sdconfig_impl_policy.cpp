@@ -59,6 +59,8 @@ SDConfigDmHelper::SDConfigDmHelper(const std::string& path)
     initDB();
 }
 
+SDConfigDmHelper::~SDConfigDmHelper() = default;
+
 bool SDConfigDmHelper::initDB() {
     const bool succeeded = initDMTable();
     if (!succeeded) LOG(7, AT "failed to init config", HERE);
@@ -76,6 +78,10 @@ bool SDConfigDmHelper::SetPolicyWithUri(const std::string& uri, const PolicyMap&
         LOG(7, AT "the policy of %s is empty", HERE, uri.c_str());
         return false;
     }
+    if (holdsZeroByte(uri)) {
+        LOG(7, AT "the key %s holds a zero byte", HERE, uri.c_str());
+        return false;
+    }
     const auto& [value, priority] = *policy.begin();
     const std::string utf8Text = latin1ToUtf8(composePolicyText(value, priority));
     const std::string encrypted = utf8Text.empty() ? "" : SDSecurity::GetInstance()->FastEncrypt(utf8Text);
@@ -84,8 +90,11 @@ bool SDConfigDmHelper::SetPolicyWithUri(const std::string& uri, const PolicyMap&
         LOG(7, AT "encryption failed, the key is %s", HERE, uri.c_str());
         return false;
     }
+    const std::string before = getValueFromDatabaseTable(mDmHelperTable, uri);
     DeletePolicyWithUri(uri);
     const bool stored = setValueToDatabaseTable(mDmHelperTable, uri, encrypted);
+    // A disk may have had room for the deletion alone: what stood there needs no more than it did.
+    if (!stored && !before.empty()) setValueToDatabaseTable(mDmHelperTable, uri, before);
     if (const int ms = watch.elapsedMs(); ms >= kSlowPolicyMs)
         LOG(6, AT "SetPolicyWithUri %s takes %d ms", HERE, uri.c_str(), ms);
     return stored;
@@ -119,24 +128,14 @@ PolicyMap SDConfigDmHelper::GetPolicyWithUri(const std::string& uri) {
         LOG(7, AT "format is error, size is %zu", HERE, policy.size());
         return {};
     }
-    std::string value;
-    int priority = kNoPriority;
-    if (!policy.empty()) {
-        priority = policy.begin()->second;
-        if (policy.begin()->first != kNullValue) value = policy.begin()->first;
-    }
+    const std::string value = policy.empty() || policy.begin()->first == kNullValue ? "" : policy.begin()->first;
+    const int priority = policy.empty() ? kNoPriority : policy.begin()->second;
 
     SDConfigImpl& config = *SDConfigImpl::GetInstance();
     const std::string local = config.GetSecure_v3(uri);
-    PolicyMap effective;
-    if (value.empty() && priority == kNoPriority)
-        effective = policyOf(local, kLocalPriority);
-    else if (priority > kLocalPriority)
-        effective = policyOf(value, priority);
-    else if (!local.empty() || config.isKeyInDB(uri))
-        effective = policyOf(local, kLocalPriority);
-    else
-        effective = policyOf(value, priority);
+    // A strong policy, or a weak one with no local value and no row that says there is none.
+    const bool policyWins = priority > kLocalPriority || (!policy.empty() && local.empty() && !config.isKeyInDB(uri));
+    const PolicyMap effective = policyWins ? policyOf(value, priority) : policyOf(local, kLocalPriority);
 
     if (const int ms = watch.elapsedMs(); ms >= kSlowWeighingMs)
         LOG(6, AT "GetPolicyWithUri %s takes %d ms", HERE, uri.c_str(), ms);

@@ -27,15 +27,16 @@ public:
     // Opens the file and creates the table if it is missing. A file that can't be opened is not fatal: every operation
     // then fails.
     explicit SDConfigDmHelper(const std::string& path);
+    ~SDConfigDmHelper();
     SDConfigDmHelper(const SDConfigDmHelper&) = delete;
     SDConfigDmHelper& operator=(const SDConfigDmHelper&) = delete;
 
     bool initDB();
     bool initDMTable();
 
-    // Stores the first entry of `policy`; any others are ignored. A negative priority never reads back. The value's
-    // bytes up to the first zero byte are read as Latin-1 and kept as UTF-8. False for an empty map, which changes
-    // nothing.
+    // Stores the first entry of `policy` in place of what stood there; any others are ignored. A negative priority
+    // never reads back. The value's bytes up to the first zero byte are read as Latin-1 and kept as UTF-8. False, with
+    // nothing changed, for an empty map and for a URI with a zero byte.
     bool SetPolicyWithUri(const std::string& uri, const PolicyMap& policy);
 
     // The policy as stored; empty when there is none or it can't be read.

@@ -65,8 +65,9 @@ bool isReadOnly(const std::string& key) {
 }  // namespace
 
 SDPropertyInf* SDPropertyInf::GetInstance() {
-    static SDPropertyInf instance;
-    return &instance;
+    // Never destroyed: it is made by the service's first call, and would go at exit before that service ends.
+    static SDPropertyInf* const instance = new SDPropertyInf;
+    return instance;
 }
 
 SDPropertyInf::SDPropertyInf() {

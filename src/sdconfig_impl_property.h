@@ -15,8 +15,8 @@ namespace sd {
 // A line is "key=value"; one without "=" is skipped. Blanks around the "=" don't count, others do. A line is read in
 // pieces of 1023 bytes, each a line of its own, and each ends at its first zero byte.
 //
-// Keys compare exactly. No lock: the service uses it on its own thread, a client process on its callers'. Nothing
-// throws.
+// Keys compare exactly. No lock: any number of threads may read while none sets; the service does both on its own
+// thread. Nothing throws.
 class SDCONFIG_API SDPropertyInf {
 public:
     // The process's reader, loaded on first use and kept to the end.

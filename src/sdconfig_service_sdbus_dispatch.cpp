@@ -12,8 +12,7 @@
 #include "src/sdconfig_protocol.h"
 
 // What the dispatcher logs, it logs as handleMethodCall, whichever of its functions speaks.
-#undef HERE
-#define HERE kSource, "handleMethodCall", __LINE__
+#define DISPATCH HERE_AS("handleMethodCall")
 
 namespace sd {
 
@@ -45,7 +44,8 @@ struct SDConfigInterface::Call {
     SDConfigDmHelper& policies;
 
     void logIfSlow() const {
-        if (const int ms = watch.elapsedMs(); ms >= kSlowCallMs) LOG(6, AT "%s takes %d ms", HERE, method.c_str(), ms);
+        if (const int ms = watch.elapsedMs(); ms >= kSlowCallMs)
+            LOG(6, AT "%s takes %d ms", DISPATCH, method.c_str(), ms);
     }
 };
 
@@ -110,7 +110,7 @@ bool SDConfigInterface::handleMethodCall(std::shared_ptr<SDBusMessage> message) 
     const auto method =
         std::find_if(std::begin(kMethods), std::end(kMethods), [&](const Method& m) { return name == m.name; });
     if (method == std::end(kMethods)) {
-        LOG(6, AT "can't understand method call: %s", HERE, name.c_str());
+        LOG(6, AT "can't understand method call: %s", DISPATCH, name.c_str());
         return false;
     }
     return (this->*method->handle)(call);
@@ -154,7 +154,7 @@ bool SDConfigInterface::setProperty(Call& call) {
     const std::string value = call.request->getString(1);
     const std::string old = call.properties.GetProperty(key);
     const bool ok = call.properties.SetProperty(key, value);
-    if (!ok) LOG(7, AT "SetProperty error", HERE);
+    if (!ok) LOG(7, AT "SetProperty error", DISPATCH);
     replyBool(call, ok);
     if (ok && value != old) DMChanged(key, value, true);
     return true;
@@ -170,7 +170,7 @@ bool SDConfigInterface::listProperty(Call& call) {
 void SDConfigInterface::appendProperties(SDBusMessage& reply, const std::map<std::string, std::string>& properties) {
     int count = static_cast<int>(properties.size());
     if (count > protocol::kMaxElements) {
-        LOG(6, AT "trim property element from %d to %d", HERE, count, protocol::kMaxElements);
+        LOG(6, AT "trim property element from %d to %d", DISPATCH, count, protocol::kMaxElements);
         count = protocol::kMaxElements;
     }
     reply.appendInt32(count);
@@ -184,7 +184,7 @@ void SDConfigInterface::appendProperties(SDBusMessage& reply, const std::map<std
 bool SDConfigInterface::deleteProperty(Call& call) {
     const std::string key = call.request->getString(0);
     const bool ok = call.properties.DeleteProperty(key);
-    if (!ok) LOG(7, AT "DeleteProperty error", HERE);
+    if (!ok) LOG(7, AT "DeleteProperty error", DISPATCH);
     replyBool(call, ok);
     if (ok) DMChanged(key, "", true);
     return true;
@@ -197,7 +197,7 @@ bool SDConfigInterface::getSecure(Call& call) {
     const std::string value = call.config.GetSecure(key);
     call.logIfSlow();
     replyText(call, value);
-    if (isIdentityKey(key)) LOG(5, AT "key is %s, value is %s", HERE, key.c_str(), value.c_str());
+    if (isIdentityKey(key)) LOG(5, AT "key is %s, value is %s", DISPATCH, key.c_str(), value.c_str());
     return true;
 }
 
@@ -206,13 +206,13 @@ bool SDConfigInterface::setSecure(Call& call) {
     const std::string old = call.config.GetSecure(key);
     const bool ok = call.config.SetSecure(key, call.request->getString(1));
     call.logIfSlow();
-    if (!ok) LOG(7, AT "SetSecure error", HERE);
+    if (!ok) LOG(7, AT "SetSecure error", DISPATCH);
     replyBool(call, ok);
 
     const bool strong = call.policies.isStrongControl(key);
     const auto latest = readBack(call, key);
     if (!latest) {
-        LOG(7, AT "GET_POLICY format error", HERE);
+        LOG(7, AT "GET_POLICY format error", DISPATCH);
         return false;
     }
     if (latest->value != old) {
@@ -220,7 +220,7 @@ bool SDConfigInterface::setSecure(Call& call) {
         announceSecure(call, key, latest->value);
     }
     if (isIdentityKey(key))
-        LOG(5, AT "key is %s, oldVal is %s, latestVal is %s", HERE, key.c_str(), old.c_str(),
+        LOG(5, AT "key is %s, oldVal is %s, latestVal is %s", DISPATCH, key.c_str(), old.c_str(),
             call.config.GetSecure(key).c_str());
     return true;
 }
@@ -229,10 +229,9 @@ bool SDConfigInterface::deleteSecure(Call& call) {
     const std::string key = call.request->getString(0);
     const std::string old = call.config.GetSecure(key);
     const bool ok = call.config.DeleteSecure(key);
-    call.logIfSlow();
     if (!ok) {
         // No answer on purpose: the caller's time-out is how a failed deletion is told.
-        LOG(7, AT "DeleteSecure error, key is %s", HERE, key.c_str());
+        LOG(7, AT "DeleteSecure error, key is %s", DISPATCH, key.c_str());
         return false;
     }
     replyBool(call, true);
@@ -240,11 +239,11 @@ bool SDConfigInterface::deleteSecure(Call& call) {
     const bool strong = call.policies.isStrongControl(key);
     const PolicyMap effective = call.policies.GetPolicyWithUri(key);
     if (effective.size() > 1) {
-        LOG(7, AT "error size", HERE);
+        LOG(7, AT "error size", DISPATCH);
         return true;
     }
     if (effective.empty()) {
-        LOG(6, AT "dm and config are empty, the key is %s", HERE, key.c_str());
+        LOG(6, AT "dm and config are empty, the key is %s", DISPATCH, key.c_str());
         DMChanged(key, "", strong);
         announceSecure(call, key, "");
     } else {
@@ -256,7 +255,7 @@ bool SDConfigInterface::deleteSecure(Call& call) {
         }
     }
     if (isIdentityKey(key))
-        LOG(5, AT "key is %s, latestVal is %s", HERE, key.c_str(), call.config.GetSecure(key).c_str());
+        LOG(5, AT "key is %s, latestVal is %s", DISPATCH, key.c_str(), call.config.GetSecure(key).c_str());
     return true;
 }
 
@@ -278,7 +277,7 @@ bool SDConfigInterface::signRequest(Call& call) {
 
 bool SDConfigInterface::verifySign(Call& call) {
     const bool ok = call.config.VerifyRequest(call.request->getString(0), call.request->getString(1));
-    if (!ok) LOG(7, AT "VerifyRequest error", HERE);
+    if (!ok) LOG(7, AT "VerifyRequest error", DISPATCH);
     replyBool(call, ok);
     return true;
 }
@@ -293,14 +292,14 @@ bool SDConfigInterface::registerListener(Call& call) {
 
 bool SDConfigInterface::unregisterListener(Call& call) {
     const bool ok = UnRegisterListener(call.request->getString(0), false);
-    if (!ok) LOG(7, AT "registerListener error", HERE);
+    if (!ok) LOG(7, AT "registerListener error", DISPATCH);
     replyBool(call, ok);
     return true;
 }
 
 bool SDConfigInterface::isAlreadyListened(Call& call) {
     const bool ok = IsAllConfigsAlreadyListened(readKeys(*call.request, call.request->getInt(0)));
-    if (!ok) LOG(7, AT "IsAllConfigsAlreadyListened error", HERE);
+    if (!ok) LOG(7, AT "IsAllConfigsAlreadyListened error", DISPATCH);
     replyBool(call, ok);
     return true;
 }
@@ -309,7 +308,7 @@ bool SDConfigInterface::registerListeners(Call& call) {
     const int count = call.request->getInt(0);
     const bool flag = call.request->getBool(count + 1);
     const bool ok = RegisterListenersWithList(readKeys(*call.request, count), flag);
-    if (!ok) LOG(7, AT "RegisterListenersWithList error", HERE);
+    if (!ok) LOG(7, AT "RegisterListenersWithList error", DISPATCH);
     replyBool(call, ok);
     return true;
 }
@@ -330,7 +329,7 @@ bool SDConfigInterface::announcePolicy(const Call& call, const PolicyChange& cha
     const bool strongAfter = call.policies.isStrongControl(change.key);
     const auto latest = readBack(call, change.key);
     if (!latest) {
-        LOG(7, AT "GET_POLICY format error", HERE);
+        LOG(7, AT "GET_POLICY format error", DISPATCH);
         return false;
     }
     const bool changed = latest->value != change.old;
@@ -346,7 +345,7 @@ bool SDConfigInterface::announcePolicy(const Call& call, const PolicyChange& cha
     const bool notify = changed ? change.ok : change.ok && flipped && mListenerFlags[change.key];
     if (notify) DMChanged(change.key, latest->value, strongAfter);
     if (isIdentityKey(change.key))
-        LOG(5, AT "key is %s, value is %s, latestVal is %s", HERE, change.key.c_str(), change.value.c_str(),
+        LOG(5, AT "key is %s, value is %s, latestVal is %s", DISPATCH, change.key.c_str(), change.value.c_str(),
             latest->value.c_str());
     return true;
 }
@@ -355,7 +354,7 @@ bool SDConfigInterface::setPolicy(Call& call) {
     const PolicyChange change =
         writePolicy(call, call.request->getString(0), call.request->getString(1), call.request->getInt(2));
     call.logIfSlow();
-    if (!change.ok) LOG(7, AT "SetPolicyWithUri error", HERE);
+    if (!change.ok) LOG(7, AT "SetPolicyWithUri error", DISPATCH);
     replyBool(call, change.ok);
     return announcePolicy(call, change, call.policyChanged);
 }
@@ -363,7 +362,7 @@ bool SDConfigInterface::setPolicy(Call& call) {
 bool SDConfigInterface::setPolicyList(Call& call) {
     int count = call.request->getInt(0);
     if (count > protocol::kMaxElements) {
-        LOG(6, AT "trim DM element from %d to %d", HERE, count, protocol::kMaxElements);
+        LOG(6, AT "trim DM element from %d to %d", DISPATCH, count, protocol::kMaxElements);
         count = protocol::kMaxElements;
     }
     bool ok = false;  // also the answer where there is nothing to write
@@ -371,7 +370,7 @@ bool SDConfigInterface::setPolicyList(Call& call) {
         const int at = 3 * i + 1;
         const PolicyChange change = writePolicy(call, call.request->getString(at), call.request->getString(at + 1),
                                                 call.request->getInt(at + 2));
-        if (!change.ok) LOG(7, AT "set policylist failed", HERE);
+        if (!change.ok) LOG(7, AT "set policylist failed", DISPATCH);
         if (!announcePolicy(call, change, nullptr)) return false;
         ok = change.ok;
     }
@@ -385,14 +384,14 @@ bool SDConfigInterface::getPolicy(Call& call) {
     const auto latest = readBack(call, key);
     call.logIfSlow();
     if (!latest) {
-        LOG(7, AT "GET_POLICY format error", HERE);
+        LOG(7, AT "GET_POLICY format error", DISPATCH);
         return false;
     }
     const auto reply = makeReply(call);
     reply->appendString(latest->value);
     reply->appendInt8(static_cast<int8_t>(latest->priority));
     sendMessage(reply);
-    if (isIdentityKey(key)) LOG(5, AT "key is %s, value is %s", HERE, key.c_str(), latest->value.c_str());
+    if (isIdentityKey(key)) LOG(5, AT "key is %s, value is %s", DISPATCH, key.c_str(), latest->value.c_str());
     return true;
 }
 
@@ -403,7 +402,7 @@ bool SDConfigInterface::deletePolicy(Call& call) {
     replyBool(call, ok);
     if (ok) DMChanged(key, "", false);
     if (isIdentityKey(key))
-        LOG(5, AT "key is %s, latestVal is %s", HERE, key.c_str(), call.config.GetSecure(key).c_str());
+        LOG(5, AT "key is %s, latestVal is %s", DISPATCH, key.c_str(), call.config.GetSecure(key).c_str());
     return true;
 }
 
@@ -419,7 +418,7 @@ bool SDConfigInterface::listPolicies(Call& call) {
     const PolicyList all = call.policies.GetAllKeys();
     int count = static_cast<int>(all.size());
     if (count > protocol::kMaxElements) {
-        LOG(6, AT "trim DM element from %d to %d", HERE, count, protocol::kMaxElements);
+        LOG(6, AT "trim DM element from %d to %d", DISPATCH, count, protocol::kMaxElements);
         count = protocol::kMaxElements;
     }
     const auto reply = makeReply(call);
@@ -437,7 +436,7 @@ bool SDConfigInterface::listPolicies(Call& call) {
 
 bool SDConfigInterface::clearPolicies(Call& call) {
     const bool ok = call.policies.ClearAllKeys();
-    if (!ok) LOG(7, AT "clear all keys in DM table failed", HERE);
+    if (!ok) LOG(7, AT "clear all keys in DM table failed", DISPATCH);
     replyBool(call, ok);
     return true;
 }
@@ -446,7 +445,7 @@ bool SDConfigInterface::getPolicies(Call& call) {
     const int count = call.request->getInt(0);
     const auto reply = makeReply(call);
     if (count < 1) {
-        LOG(7, AT "DM_GET_POLICIES: keys is empty", HERE);
+        LOG(7, AT "DM_GET_POLICIES: keys is empty", DISPATCH);
         reply->appendInt8(0);
         sendMessage(reply);
         return false;

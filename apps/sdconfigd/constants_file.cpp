@@ -28,6 +28,7 @@ std::string readConstantsFile(const std::string& path, std::map<std::string, std
         const std::string name = trimmed(line.substr(0, equals));
         if (equals == std::string::npos || name.empty())
             return path + ":" + std::to_string(number) + ": expected a line of the form name=value";
+        if (line.back() == '\r') line.pop_back();
         read[name] = line.substr(equals + 1);
     }
     if (file.bad()) return path + ": can't be read to its end";

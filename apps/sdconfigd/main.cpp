@@ -61,22 +61,25 @@ std::string prepare(const Options& options) {
     if (!options.constants.empty())
         if (std::string problem = readConstantsFile(options.constants, constants); !problem.empty()) return problem;
 
-    sd::SDSecurity& security = *sd::SDSecurity::GetInstance();
-    for (const auto& [name, value] : constants) security.RegisterString(name, value);
+    if (options.dataDir.empty()) return "there is no data folder; name one with --data-dir";
     const std::string dataDir = std::filesystem::absolute(options.dataDir).lexically_normal();
-    security.SetKeyRingFolder(dataDir);
-    if (std::string problem = preflight(dataDir); !problem.empty()) return problem;
-
     sd::SDConfig::setDataPath(dataDir);
     if (sd::SDConfig::getDataPathUtf8() != dataDir) return "the path of the data folder is not valid UTF-8";
+
+    sd::SDSecurity& security = *sd::SDSecurity::GetInstance();
+    for (const auto& [name, value] : constants) security.RegisterString(name, value);
+    security.SetKeyRingFolder(dataDir);
+    if (std::string problem = preflight(dataDir); !problem.empty()) return problem;
     if (!options.productDir.empty()) sd::SDConfig::setVelmarDataPath(std::filesystem::absolute(options.productDir));
     return "";
 }
 
-// Serves until SIGTERM or SIGINT, which every thread has blocked.
+// Serves until SIGTERM, SIGINT or SIGHUP, which every thread has blocked.
 int serve(const Options& options, const sigset_t& endSignals) {
     SDBusSerivceManager& bus = *SDBusSerivceManager::initSync(-1);
-    sd::SDConfigService::GetInstance()->Start();
+    sd::SDConfigService* const service = sd::SDConfigService::GetInstance();
+    if (const std::string problem = checkTables(sd::SDConfig::getDataPath()); !problem.empty()) return fail(problem);
+    service->Start();
     if (const std::string problem = bus.registrationFailure(kName); !problem.empty()) return fail(problem);
 
     sd_notify(0, "READY=1");
@@ -105,6 +108,7 @@ int main(int argc, char** argv) {
     sigemptyset(&endSignals);
     sigaddset(&endSignals, SIGTERM);
     sigaddset(&endSignals, SIGINT);
+    sigaddset(&endSignals, SIGHUP);  // its terminal was closed
     pthread_sigmask(SIG_BLOCK, &endSignals, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
     ::umask(0077);  // nothing that the service makes is anybody else's business

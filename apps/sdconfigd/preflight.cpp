@@ -7,6 +7,7 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <vector>
 
 #include "platform/sdsecurity/sdsecurity.h"
 
@@ -29,6 +30,10 @@ std::string makeFolder(const std::filesystem::path& folder) {
     return "can't make the folder " + folder.string() + ": " + std::strerror(errno);
 }
 
+std::string problemWith(sqlite3* db, const std::string& path) {
+    return "can't open the database " + path + ": " + sqlite3_errmsg(db);
+}
+
 // Whether the statement yields a row. Throws nothing; a failure shows in sqlite3_errcode.
 bool yieldsRow(sqlite3* db, const std::string& sql) {
     sqlite3_stmt* statement = nullptr;
@@ -38,23 +43,32 @@ bool yieldsRow(sqlite3* db, const std::string& sql) {
     return row;
 }
 
-// Opens the file as the store will, takes the write lock and looks for sealed rows in the table.
-std::string checkDatabase(const std::string& path, const std::string& table, bool& sealedRows) {
+Database openDatabase(const std::string& path, std::string& problem) {
     sqlite3* opened = nullptr;
     const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
     const int result = sqlite3_open_v2(path.c_str(), &opened, flags, nullptr);
-    const Database db(opened);
-    const auto problem = [&] { return "can't open the database " + path + ": " + sqlite3_errmsg(db.get()); };
-    if (result != SQLITE_OK) return problem();
+    Database db(opened);
+    if (result != SQLITE_OK) problem = problemWith(db.get(), path);
     sqlite3_busy_timeout(db.get(), kBusyTimeoutMs);
-    if (sqlite3_exec(db.get(), "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK) return problem();
+    return db;
+}
 
-    const bool tableExists =
-        yieldsRow(db.get(), "SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = '" + table + "'");
-    if (tableExists && yieldsRow(db.get(), "SELECT 1 FROM " + table + " WHERE value <> '' LIMIT 1")) sealedRows = true;
+bool hasTable(sqlite3* db, const std::string& table) {
+    return yieldsRow(db, "SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = '" + table + "'");
+}
+
+// Opens the file as the store will, takes the write lock and looks for sealed rows in the table.
+std::string checkDatabase(const std::string& path, const std::string& table, bool& sealedRows) {
+    std::string problem;
+    const Database db = openDatabase(path, problem);
+    if (!problem.empty()) return problem;
+    if (sqlite3_exec(db.get(), "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK)
+        return problemWith(db.get(), path);
+    if (hasTable(db.get(), table) && yieldsRow(db.get(), "SELECT 1 FROM " + table + " WHERE value <> '' LIMIT 1"))
+        sealedRows = true;
     const int code = sqlite3_errcode(db.get());
-    if (code != SQLITE_OK && code != SQLITE_ROW && code != SQLITE_DONE) return problem();
-    return "";  // closing rolls the empty transaction back
+    const bool fine = code == SQLITE_OK || code == SQLITE_ROW || code == SQLITE_DONE;
+    return fine ? "" : problemWith(db.get(), path);  // closing rolls the empty transaction back
 }
 
 }  // namespace
@@ -71,5 +85,20 @@ std::string preflight(const std::string& dataFolder) {
     if (sealedRows && ring.state == sd::SDSecurity::KeyRingState::Absent)
         return "the databases in " + dataFolder + " hold sealed values but the key ring " + ring.detail +
                " is missing: restore it from the same backup";
+    return "";
+}
+
+std::string checkTables(const std::string& dataFolder) {
+    for (const auto& [file, tables] :
+         {std::pair{"/sdconfig.db", std::vector{"dbinfor", "config", "secure", "secure_v3"}},
+          {"/dmhelper.db", {"dmhelperconfig"}}}) {
+        std::string problem;
+        const Database db = openDatabase(dataFolder + file, problem);
+        if (!problem.empty()) return problem;
+        for (const char* table : tables)
+            if (!hasTable(db.get(), table))
+                return "the database " + dataFolder + file + " lacks its table " + table +
+                       ", which could not be made; is there room on the disk?";
+    }
     return "";
 }

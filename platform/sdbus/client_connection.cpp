@@ -29,22 +29,26 @@ constexpr std::chrono::milliseconds kBacklogPause{1};
 
 using Progress = ClientConnection::Progress;
 
+bool isAbsence(int error) {
+    return error == ENOENT || error == ECONNREFUSED;
+}
+
 // Checks the folder, so that no link leads us to somebody else's socket, and who listens.
-Connected connectChecked(const RuntimeFolder& place, const std::string& service, PeerIdentity& owner) {
+Connected connectChecked(const RuntimeFolder& place, const std::string& service, PeerIdentity& owner,
+                         std::string& why) {
     UniqueFd folder;
-    std::string why;
     const auto result = place.open(RuntimeFolder::Missing::Leave, folder, why);
+    if (result == RuntimeFolder::Result::Unfit) return {UniqueFd(), EACCES};
+    why.clear();
     if (result == RuntimeFolder::Result::Absent) return {UniqueFd(), ENOENT};
-    if (result == RuntimeFolder::Result::Unfit) {
-        LOG(6, AT "cannot reach service %s: %s", HERE, service.c_str(), why.c_str());
-        return {UniqueFd(), EACCES};
-    }
     Connected connected = connectTo(place.socketPath(service));
-    if (!connected.fd) return connected;
-    if (!identifyPeer(connected.fd.get(), owner)) return {UniqueFd(), errno};
+    if (connected.fd && !identifyPeer(connected.fd.get(), owner)) connected = {UniqueFd(), errno};
+    if (!connected.fd) {
+        if (!isAbsence(connected.error) && connected.error != EAGAIN) why = std::strerror(connected.error);
+        return connected;
+    }
     if (isTrustedUser(owner.user)) return connected;
-    LOG(7, AT "the socket of service %s belongs to user %u: refused", HERE, service.c_str(),
-        static_cast<unsigned>(owner.user));
+    why = "its socket belongs to user " + std::to_string(owner.user);
     return {UniqueFd(), EACCES};
 }
 
@@ -64,35 +68,34 @@ bool isAnswer(sd_bus_message* message, uint64_t cookie) {
     return sd_bus_message_get_reply_cookie(message, &answered) >= 0 && answered == cookie;
 }
 
-// Nobody is there, or nobody that we trust: trying again at once would not help.
-bool isHopeless(int error) {
-    return error != EAGAIN && error != EINTR;
-}
-
 }  // namespace
 
 ClientConnection::ClientConnection(BusPtr bus, int fd) : mBus(std::move(bus)), mFd(fd), mInherited(fd) {}
 
 std::unique_ptr<ClientConnection> ClientConnection::open(const RuntimeFolder& place, const std::string& service,
-                                                         int& error) {
+                                                         Failure& failure) {
     PeerIdentity owner{};
-    Connected connected = connectChecked(place, service, owner);
-    error = connected.error;
+    Connected connected = connectChecked(place, service, owner, failure.why);
+    failure.error = connected.error;
     if (!connected.fd) return nullptr;
     const int fd = connected.fd.get();
     BusPtr bus = startBus(std::move(connected.fd));
     if (bus) return std::unique_ptr<ClientConnection>(new ClientConnection(std::move(bus), fd));
-    error = ECONNREFUSED;
+    failure = {EIO, "sd-bus refused the connection"};
     return nullptr;
 }
 
 SDBusErrorType ClientConnection::openReady(const RuntimeFolder& place, const std::string& service,
                                            const Deadline& deadline, std::unique_ptr<ClientConnection>& connection) {
     for (int attempt = 0; attempt < kConnectAttempts;) {
-        int error = 0;
-        connection = open(place, service, error);
+        Failure failure;
+        connection = open(place, service, failure);
+        if (!connection && failure.error != EAGAIN) {
+            if (!failure.why.empty())
+                LOG(7, AT "cannot reach service %s: %s", HERE, service.c_str(), failure.why.c_str());
+            return SDBusUnreachable;
+        }
         if (!connection) {
-            if (isHopeless(error)) return SDBusUnreachable;
             if (deadline.hasPassed()) return SDBusTimeout;
             std::this_thread::sleep_for(kBacklogPause);
             continue;
@@ -110,6 +113,7 @@ Progress ClientConnection::finishHandshake(const Deadline& deadline, int wake) {
         const int r = sd_bus_process(mBus.get(), nullptr);
         if (r < 0 || sd_bus_is_open(mBus.get()) <= 0) return Progress::Lost;
         mReady = sd_bus_is_ready(mBus.get()) > 0;
+        if (!mReady && deadline.hasPassed()) return Progress::Timeout;
         if (mReady || r > 0) continue;
         const Progress progress = wait(deadline, wake);
         if (progress != Progress::Done) return progress;
@@ -174,7 +178,8 @@ Progress ClientConnection::awaitAnswer(uint64_t cookie, const Deadline& deadline
 
 pid_t listeningProcess(const RuntimeFolder& place, const std::string& service) {
     PeerIdentity owner{};
-    const Connected connected = connectChecked(place, service, owner);
+    std::string why;
+    const Connected connected = connectChecked(place, service, owner, why);
     return connected.fd ? owner.process : 0;
 }
 

@@ -20,9 +20,13 @@ class ClientConnection {
 public:
     enum class Progress { Done, Timeout, Lost, Woken };
 
-    // Connects without waiting. Null, and the errno of why not, when there is nobody, or somebody else than this user
-    // or root; EAGAIN: somebody listens, and his backlog is full.
-    static std::unique_ptr<ClientConnection> open(const RuntimeFolder& place, const std::string& service, int& error);
+    struct Failure {
+        int error = 0;    // EAGAIN: somebody listens, and his backlog is full
+        std::string why;  // one line for a person; empty when simply nobody is there
+    };
+    // Connects without waiting. Null when there is nobody, or somebody else than this user or root.
+    static std::unique_ptr<ClientConnection> open(const RuntimeFolder& place, const std::string& service,
+                                                  Failure& failure);
 
     // Connects within the deadline, trying again while the backlog is full, and finishes the handshake.
     // SDBusNoError: `connection` is ready; nothing was sent over it yet in any case.

@@ -143,9 +143,9 @@ bool isServiceReachable(const RuntimeFolder& place, const std::string& service) 
         Pool::give(path, std::move(idle));
         return true;
     }
-    int error = 0;
-    ConnectionPtr connection = ClientConnection::open(place, service, error);
-    if (!connection) return error == EAGAIN;
+    ClientConnection::Failure failure;
+    ConnectionPtr connection = ClientConnection::open(place, service, failure);
+    if (!connection) return failure.error == EAGAIN;
     Pool::give(path, std::move(connection));
     return true;
 }

@@ -108,8 +108,9 @@ void EventListener::run() {
 }
 
 std::unique_ptr<ClientConnection> EventListener::connect() {
-    int error = 0;
-    auto connection = ClientConnection::open(mPlace, mService, error);
+    ClientConnection::Failure failure;
+    auto connection = ClientConnection::open(mPlace, mService, failure);
+    mWhyLost = failure.why;
     if (!connection) return nullptr;
     const Deadline deadline(kConnectWait);
     for (;;) {
@@ -217,7 +218,8 @@ void EventListener::forgetRequests() {
 void EventListener::noteLost() {
     if (mLost) return;
     mLost = true;
-    LOG(6, AT "service %s can't be reached: its events are lost until it is back", HERE, mService.c_str());
+    LOG(6, AT "service %s can't be reached: its events are lost until it is back%s%s", HERE, mService.c_str(),
+        mWhyLost.empty() ? "" : "; ", mWhyLost.c_str());
 }
 
 void EventListener::noteInForce() {

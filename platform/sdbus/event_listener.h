@@ -67,7 +67,9 @@ private:
     std::unique_ptr<std::thread> mThread;
     bool mStopped = false;
 
-    bool mLost = false;  // the thread's own: whether a line told that events are lost
+    // The thread's own.
+    bool mLost = false;  // whether a line told that events are lost
+    std::string mWhyLost;
 };
 
 }  // namespace sdbus

@@ -99,14 +99,17 @@ void Peer::process() {
 }
 
 // Ends early when nothing is left in sd-bus' own queue: what is left in the socket wakes the loop again, and a read
-// that would find nothing is saved on every call.
+// that would find nothing is saved on every call. Not before sd-bus has caught up with what came along with the
+// handshake: it reads that ahead, and from then on message by message.
 int Peer::processMessages() {
     for (int i = 0; i < kMessagesPerTurn; ++i) {
         const int r = sd_bus_process(mBus.get(), nullptr);
+        if (r == 0 && mReady) mCaughtUp = true;
         if (r <= 0 || !isOpen()) return r;
         uint64_t left = 0;
-        if (mReady && sd_bus_get_n_queued_read(mBus.get(), &left) >= 0 && left == 0) return r;
+        if (mCaughtUp && sd_bus_get_n_queued_read(mBus.get(), &left) >= 0 && left == 0) return r;
     }
+    (void)sd_event_source_set_enabled(mRest.get(), SD_EVENT_ONESHOT);
     return 1;
 }
 

@@ -69,7 +69,8 @@ private:
     SourcePtr mRest;  // runs again what was left over of a turn
     WriteQueue mQueue;
     std::set<std::string> mSubscriptions;
-    bool mReady = false;
+    bool mReady = false;     // the handshake is finished
+    bool mCaughtUp = false;  // nothing is left that sd-bus read along with it
     bool mProcessing = false;
     bool mDoomed = false;
 };

@@ -160,7 +160,7 @@ TEST_F(CliTest, TellsAnAbsentServiceAndAHungOne) {
     };
     all("is not running");
     const Process service = startService();
-    service.kill(SIGSTOP);
+    service.stop();
     Process status = Process::start(cliCommand({"status"}), environment());
     all("did not answer within 5 s");
     EXPECT_EQ(status.wait(), kNoService);

@@ -1,7 +1,8 @@
 // The service as a process: its start and its end, restarts beneath a living client, and what it refuses to serve.
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -113,6 +114,20 @@ TEST_F(DaemonTest, RefusesWhatItCannotServe) {
     EXPECT_THAT(wrong.err, HasSubstr("see sdconfigd --help"));
 }
 
+TEST_F(DaemonTest, AFullDiskCostsNothingAndIsTold) {
+    if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+        GTEST_SKIP() << "a small disk of one's own takes a privilege";
+    ASSERT_EQ(::mount("none", path("data").c_str(), "tmpfs", 0, "size=24k"), 0);
+    expectRefusal("is there room on the disk?");
+    ASSERT_EQ(::mount("none", path("data").c_str(), "tmpfs", 0, "size=2m"), 0);
+    const Process service = startService({"--log-level", "8"});
+    EXPECT_EQ(cli({"secure", "set", "k", "small"}).exitCode, 0);
+    EXPECT_EQ(cli({"secure", "set", "k"}, std::string(4 << 20, 'x')).exitCode, 1);
+    EXPECT_EQ(cli({"secure", "get", "k"}).out, "small\n");
+    EXPECT_EQ(cli({"secure", "set", "k", "other"}).exitCode, 0);
+    EXPECT_EQ(cli({"secure", "get", "k"}).out, "other\n");
+}
+
 TEST_F(DaemonTest, RefusesSealedRowsWithoutTheirRing) {
     const std::string ring = path("data/sdsecurity.keys");
     {
@@ -163,7 +178,8 @@ TEST_F(DaemonTest, TheCallInHandIsAnsweredBeforeTheEnd) {
     Process holder = Process::start({"sh", "-c", script});
     ASSERT_TRUE(waitUntil([this] { return std::filesystem::exists(path("locked")); }));
     Process secret = Process::start(cliCommand({"secure", "set", "ro.sd.uuid", "v"}), environment());
-    ASSERT_TRUE(service.waitForErr("key is ro.sd.uuid, utf8Value is v")) << service.err();  // it waits for the lock next
+    ASSERT_TRUE(service.waitForErr("key is ro.sd.uuid, utf8Value is v"))
+        << service.err();  // it waits for the lock next
     service.kill(SIGTERM);
     writeFile(path("ended"), "");
     EXPECT_EQ(secret.wait(), 0) << secret.err();

@@ -35,7 +35,7 @@ protected:
                                            path("product"), "--constants", path("constants")};
         arguments.insert(arguments.end(), options.begin(), options.end());
         Process service = Process::start(arguments, environment());
-        EXPECT_TRUE(service.waitForErr("ready")) << service.err();
+        EXPECT_TRUE(service.waitForErr("sdconfigd: ready on ")) << service.err();
         return service;
     }
 

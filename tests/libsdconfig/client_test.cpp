@@ -55,10 +55,10 @@ private:
 // Every test is a process of its own, as the client is made once a process.
 class ClientTest : public testing::Test {
 protected:
-    void serve() {
+    void serve(bool powerIsSet = true) {
         for (const char* key : {"batteryBrightness", "chargeBrightness", "chargeDimDisplayTime",
                                 "batteryDimDisplayTime", "chargeLidCloseAction", "batteryLidCloseAction"})
-            mService.values.emplace(std::string("config.device.") + key, "1");
+            if (powerIsSet) mService.values.emplace(std::string("config.device.") + key, "1");
         ASSERT_TRUE(mManager->registerServiceInterface("sdconfig", &mService, SDBusSameUser, 1));
     }
     void connect() {
@@ -128,6 +128,22 @@ TEST_F(ClientTest, StartUpTasksMoveTheLockScreenDataAndSetPowerDefaults) {
     EXPECT_TRUE(mLog.has(R"(i = 0, first element is user, secend element is {"pin": "x"})", 5));
     EXPECT_EQ(mLog.count(" is nullptr", 6), 1);
     EXPECT_TRUE(mLog.has("wpowerConfigInit", 6));
+}
+
+TEST_F(ClientTest, StartUpOnAnEmptyStoreWritesAllDefaultsAndSeveralEntriesAreDropped) {
+    mService.values = {{"ro.sd.user.lockscreen.data", R"({"a": {}, "b": {}})"}};
+    serve(false);
+    mConfig->GetConst("k");
+    std::vector<std::string> writes;
+    for (const std::string& call : mService.takeCalls())
+        if (call.compare(0, 4, "GET_") != 0) writes.push_back(call);
+    EXPECT_THAT(
+        writes,
+        ElementsAre("DEL_SECURE ro.sd.user.lockscreen.data ", "SET_SECURE config.device.batteryBrightness 50",
+                    "SET_SECURE config.device.chargeBrightness 80", "SET_SECURE config.device.chargeDimDisplayTime 15",
+                    "SET_SECURE config.device.batteryDimDisplayTime 5",
+                    "SET_SECURE config.device.chargeLidCloseAction 1",
+                    "SET_SECURE config.device.batteryLidCloseAction 1"));
 }
 
 TEST(LockscreenEntriesTest, AreTakenApartCharacterByCharacter) {

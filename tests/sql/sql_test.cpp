@@ -36,6 +36,8 @@ TEST_F(SqlTest, OpensDurableSharedAndPatient) {
     SQLiteDatabase db(mPath);
     ASSERT_TRUE(db.executeCommand("CREATE TABLE t(a)"));
     EXPECT_EQ(test::query(mPath, "PRAGMA journal_mode"), Rows{{"wal"}});
+    ASSERT_EQ(mLog.count("sql/SQLiteDatabase open(", 5), 1);
+    EXPECT_EQ(mLog.lines()[0].tag, "DMS-SQLiteDatabase");
     EXPECT_TRUE(mLog.has("set busy timeout to 5000", 5));
     for (const auto& [pragma, expected] :
          {std::pair{"PRAGMA synchronous", 2}, {"PRAGMA cache_size", -5}, {"PRAGMA busy_timeout", 5000}}) {
@@ -51,6 +53,7 @@ TEST_F(SqlTest, OpensDurableSharedAndPatient) {
 }
 
 TEST_F(SqlTest, FailedOpenLeavesASafeObject) {
+    const test::DeliberateLeak droppedHandle;
     SQLiteDatabase db(mFolder / "missing/a.db");
     EXPECT_EQ(db.handle(), nullptr);
     EXPECT_EQ(mLog.count("failed to open sqlite3 db:" + mFolder.path() + "/missing/a.db, error code = 14", 7), 1);
@@ -62,6 +65,7 @@ TEST_F(SqlTest, FailedOpenLeavesASafeObject) {
 }
 
 TEST_F(SqlTest, StatementsRefuseWhatIsNotOneCommand) {
+    const test::DeliberateLeak statementKeptBySecondCommand;
     SQLiteDatabase db(mPath);
     EXPECT_FALSE(db.executeCommand("CREATE TABLE a(x); CREATE TABLE b(x)"));
     EXPECT_TRUE(mLog.has("sqlite3_prepare_v2 failed: tail: CREATE TABLE b(x)", 7));

@@ -8,6 +8,8 @@
 #include "libsdconfig/sdconfig.h"
 #include "platform/sdbus/sdbus.h"
 #include "platform/sdsecurity/sdsecurity.h"
+#include "sql/SQLiteDatabase.h"
+#include "src/sdconfig_helpers.h"
 #include "src/sdconfig_interface.h"
 #include "src/sdconfig_protocol.h"
 #include "src/sdconfig_service_sdbus.h"
@@ -160,11 +162,44 @@ TEST_F(ServiceTest, SecureValuesChangeRowsAndTellOfIt) {
     EXPECT_THAT(events.upTo([&] { ok("SET_SECURE", "fence", "up"); }),
                 ElementsAre("DM_CHANGED s=one", ".sdconfigChanged s=one", "DM_CHANGED s=", ".sdconfigChanged s="));
 
+    EXPECT_TRUE(ok("SET_SECURE", "ro.sd.uuid", "shown"));
+    EXPECT_EQ(text("GET_SECURE", "ro.sd.uuid"), "shown");  // the call before it has run to its end now
+    EXPECT_TRUE(mLog.has("handleMethodCall", 5) && mLog.has("key is ro.sd.uuid, oldVal is , latestVal is shown", 5));
+    EXPECT_FALSE(mLog.has(" one"));
+
     test::query(configFile(), "CREATE TRIGGER no BEFORE DELETE ON secure_v3 BEGIN SELECT RAISE(ABORT, 'no'); END");
     EXPECT_TRUE(silent("DEL_SECURE", "fence")) << "how a failed deletion is told";
     EXPECT_TRUE(mLog.has("DeleteSecure error, key is fence", 7));
     test::query(configFile(), "DROP TRIGGER no");
     EXPECT_EQ(text("GET_SECURE", "fence"), "up");
+}
+
+TEST_F(ServiceTest, AFailedWriteIsToldOnlyWhereTheValueChanged) {
+    Events events;
+    EXPECT_TRUE(ok("REG_LISTENER", "s", true));
+    EXPECT_TRUE(ok("SET_SECURE", "s", "one"));
+    test::query(configFile(), "CREATE TRIGGER no BEFORE INSERT ON secure_v3 BEGIN SELECT RAISE(ABORT, 'no'); END");
+    EXPECT_FALSE(ok("SET_SECURE", "s", "two"));
+    test::query(configFile(), "DROP TRIGGER no");
+    EXPECT_TRUE(mLog.has("SetSecure error", 7));
+    EXPECT_TRUE(ok("UNREG_LISTENER", "s", true));
+    EXPECT_THAT(events.upTo([&] { ok("SET_SECURE", "fence", "up"); }),
+                ElementsAre("DM_CHANGED s=one", ".sdconfigChanged s=one", ".sdconfigChanged s="));
+}
+
+TEST_F(ServiceTest, ListenersHearOfPropertiesAndOfTheFlagIfTheyAsked) {
+    Events events;
+    EXPECT_TRUE(ok("REG_LISTENER", "asked", true));
+    EXPECT_TRUE(ok("SET_PROPERTY", "asked", "1"));
+    EXPECT_TRUE(ok("SET_PROPERTY", "asked", "1"));
+    EXPECT_TRUE(ok("DEL_PROPERTY", "asked"));
+    EXPECT_TRUE(ok("UNREG_LISTENER", "asked", true));
+    EXPECT_TRUE(ok("SET_PROPERTY", "asked", "2"));
+    EXPECT_TRUE(ok("REG_LISTENER", "asked", false));
+    EXPECT_TRUE(ok("SET_PROPERTY", "asked", "3"));
+    EXPECT_TRUE(ok("UNREG_LISTENER", "asked", true));
+    EXPECT_THAT(events.upTo([&] { ok("SET_SECURE", "fence", "up"); }),
+                ElementsAre("DM_CHANGED asked=1!", "DM_CHANGED asked=!", "DM_CHANGED asked=3"));
 }
 
 TEST_F(ServiceTest, PoliciesOverrideAndTellOfIt) {
@@ -225,6 +260,13 @@ TEST_F(ServiceTest, PolicyListsAreCutAt122) {
     EXPECT_EQ(list->getString(1 + 3 * 129), "uri1129") << "all of them follow the trimmed count";
     EXPECT_TRUE(mLog.has("trim DM element from 130 to 122", 6));
     EXPECT_FALSE(ok("SET_POLICYLIST", 0));
+    test::query(policyFile(),
+                "CREATE TRIGGER no BEFORE INSERT ON dmhelperconfig WHEN NEW.key = 'last' "
+                "BEGIN SELECT RAISE(ABORT, 'no'); END");
+    Events events;
+    EXPECT_FALSE(ok("SET_POLICYLIST", 2, "uri1000", "new", 9, "last", "x", 9)) << "the last triple's success";
+    test::query(policyFile(), "DROP TRIGGER no");
+    EXPECT_THAT(events.upTo([&] { ok("SET_SECURE", "fence", "up"); }), ElementsAre(".DMChanged uri1000=new!"));
     EXPECT_TRUE(ok("DM_CLEAR_ALL_KEYS"));
     EXPECT_EQ(call("DM_LIST")->getInt(0), 0);
 }
@@ -251,31 +293,26 @@ TEST_F(ServiceTest, WhatItCannotAnswerCostsOnlyTheCaller) {
     test::query(policyFile(), "INSERT INTO dmhelperconfig(key, value) VALUES('bad', '" +
                                   SDSecurity::GetInstance()->FastEncrypt("x&&&") + "')");
     EXPECT_TRUE(silent("GET_POLICY", "bad"));
+    EXPECT_TRUE(mLog.has("the handler of GET_POLICY threw", 7));
     EXPECT_EQ(text("GET_PROPERTY", "none"), "");
-    EXPECT_TRUE(ok("SET_SECURE", "wrong kinds", "v"));
+    EXPECT_TRUE(ok("SET_SECURE", "wrong kind", 1));
     EXPECT_TRUE(ok("SET_SECURE")) << "absent arguments read as empty";
     EXPECT_TRUE(ok("SET_POLICY", 1, 2, "three"));
 }
 
 TEST_F(ServiceTest, SlowCallsAreTold) {
-    std::thread writer([this] {
-        test::query(configFile(),
-                    "BEGIN IMMEDIATE; "
-                    "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 20000000) "
-                    "SELECT count(*) FROM n; COMMIT");
-    });
-    test::waitUntil([this] {
-        try {
-            test::query(configFile(), "PRAGMA busy_timeout = 0; BEGIN IMMEDIATE; COMMIT");
-            return false;
-        } catch (const std::exception&) {
-            return true;
-        }
-    });
-    EXPECT_TRUE(ok("SET_SECURE", "slow", "v"));
-    writer.join();
+    data::SQLiteDatabase other(configFile());
+    ASSERT_TRUE(other.executeCommand("BEGIN IMMEDIATE"));
+    bool stored = false;
+    std::thread caller([&] { stored = ok("SET_SECURE", "ro.sd.uuid", "v"); });
+    ASSERT_TRUE(test::waitUntil([this] { return mLog.has("key is ro.sd.uuid, utf8Value is v"); }));
+    const Stopwatch held;  // the call waits for the lock now
+    test::waitUntil([&] { return held.elapsedMs() >= 600; });
+    ASSERT_TRUE(other.executeCommand("COMMIT"));
+    caller.join();
+    EXPECT_TRUE(stored);
     EXPECT_TRUE(mLog.has("SET_SECURE takes ", 6));
-    EXPECT_TRUE(mLog.has("SetSecure slow takes ", 6));
+    EXPECT_TRUE(mLog.has("SetSecure ro.sd.uuid takes ", 6));
 }
 
 }  // namespace

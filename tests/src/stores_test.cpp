@@ -79,6 +79,7 @@ TEST_F(StoresTest, AFreshFileGetsItsTablesAndVersionAndAFilledOneKeepsItsOwn) {
 }
 
 TEST_F(StoresTest, AStoreThatCannotBeOpenedFailsSoftly) {
+    const test::DeliberateLeak droppedHandles;
     SDConfigImpl store(folder() + "/missing/sdconfig.db");
     EXPECT_TRUE(store.isNewInstall());
     EXPECT_FALSE(store.SetSecure("k", "v"));
@@ -87,7 +88,10 @@ TEST_F(StoresTest, AStoreThatCannotBeOpenedFailsSoftly) {
     for (const char* line : {"failed to init config", "failed to init secure", "failed to init upgrade table"})
         EXPECT_EQ(mLog.count(line, 7), 1) << line;
     EXPECT_TRUE(mLog.has("init DB result: failed", 5));
+    mLog.clear();
     SDConfigDmHelper policies(folder() + "/missing/dmhelper.db");
+    EXPECT_EQ(mLog.count("failed to init config", 7), 1);
+    EXPECT_EQ(mLog.count("init DM database result: failed", 5), 1);
     EXPECT_FALSE(policies.SetPolicyWithUri("k", {{"v", 6}}));
     EXPECT_TRUE(policies.GetAllKeys().empty());
     EXPECT_TRUE(policies.ClearAllKeys());
@@ -99,7 +103,9 @@ TEST_F(StoresTest, SecureValuesAreSealedReplacedAndDeleted) {
     ASSERT_TRUE(mConfig->SetSecure("aBC", "second"));
     EXPECT_EQ(test::query(mConfigFile, "SELECT key FROM secure_v3"), Rows{{"aBC"}});
     EXPECT_EQ(unsealed(mConfigFile, "secure_v3", "aBC"), "second");
-    EXPECT_EQ(test::readFile(mConfigFile + "-wal").find("second"), std::string::npos);
+    const std::string onDisk = test::readFile(mConfigFile + "-wal") + test::readFile(mConfigFile);
+    EXPECT_NE(onDisk.find("aBC"), std::string::npos);
+    EXPECT_EQ(onDisk.find("second"), std::string::npos);
     EXPECT_EQ(mConfig->GetSecure("ABC"), "second");
     EXPECT_TRUE(mConfig->isKeyInDB("aBC"));
     EXPECT_FALSE(mConfig->isKeyInDB("abc")) << "membership is exact";
@@ -111,6 +117,8 @@ TEST_F(StoresTest, SecureValuesAreSealedReplacedAndDeleted) {
     ASSERT_TRUE(mConfig->SetSecure("empty", ""));
     EXPECT_EQ(test::query(mConfigFile, "SELECT value FROM secure_v3 WHERE key='empty'"), Rows{{""}});
     EXPECT_EQ(mConfig->GetSecure("empty"), "");
+    EXPECT_TRUE(mConfig->DeleteSecure("empty"));
+    EXPECT_TRUE(mConfig->isKeyInDB("empty")) << "an empty row is as good as deleted already";
 }
 
 TEST_F(StoresTest, SecureValuesAndKeysOfAnyBytes) {
@@ -119,14 +127,17 @@ TEST_F(StoresTest, SecureValuesAndKeysOfAnyBytes) {
     ASSERT_TRUE(mConfig->SetSecure("nul", std::string("cut\0off", 7)));
     EXPECT_EQ(mConfig->GetSecure("nul"), "cut");
 
-    const std::string keys[] = {
-        "", std::string("a\0b", 3), std::string(300, 'k'), "'; DROP TABLE secure_v3; --", "\xFF\xFE", "100%_"};
+    const std::string keys[] = {"", std::string(300, 'k'), "'; DROP TABLE secure_v3; --", "\xFF\xFE", "100%_"};
     for (const std::string& key : keys) {
         SCOPED_TRACE(key);
         ASSERT_TRUE(mConfig->SetSecure(key, "v:" + key));
         EXPECT_EQ(mConfig->GetSecure_v3(key).substr(0, 2), "v:");
     }
-    EXPECT_EQ(test::query(mConfigFile, "SELECT count(*) FROM secure_v3"), Rows{{"8"}});
+    const std::string zero("a\0b", 3);  // SQLite would take it for any other key that begins with "a\0"
+    EXPECT_FALSE(mConfig->SetSecure(zero, "v"));
+    EXPECT_FALSE(mPolicies->SetPolicyWithUri(zero, {{"v", 9}}));
+    EXPECT_EQ(mLog.count("holds a zero byte", 7), 2);
+    EXPECT_EQ(test::query(mConfigFile, "SELECT count(*) FROM secure_v3"), Rows{{"7"}});
     EXPECT_EQ(test::query(mConfigFile, "PRAGMA integrity_check"), Rows{{"ok"}});
 
     const std::string large(16 << 20, 'x');
@@ -142,6 +153,31 @@ TEST_F(StoresTest, OnlyIdentityValuesAreLogged) {
     EXPECT_EQ(mLog.count("key is ro.sd.client.id, utf8Value is canary", 5), 1);
     EXPECT_EQ(mLog.count("key is ro.sd.uuid, encrypted is v1", 5), 1);
     EXPECT_EQ(mLog.count("canary"), 3);
+}
+
+TEST_F(StoresTest, AWriteThatFailsCostsNothing) {
+    ASSERT_TRUE(mConfig->SetSecure("kept", "value"));
+    ASSERT_TRUE(mPolicies->SetPolicyWithUri("kept", {{"policy", 3}}));
+    test::query(mConfigFile,
+                "CREATE TRIGGER no BEFORE INSERT ON secure_v3 WHEN length(NEW.value) > 500 "
+                "BEGIN SELECT RAISE(ABORT, 'full'); END");
+    test::query(mPolicyFile,
+                "CREATE TRIGGER no BEFORE INSERT ON dmhelperconfig WHEN length(NEW.value) > 500 "
+                "BEGIN SELECT RAISE(ABORT, 'full'); END");
+    EXPECT_FALSE(mConfig->SetSecure("kept", std::string(1000, 'x')));
+    EXPECT_FALSE(mPolicies->SetPolicyWithUri("kept", {{std::string(1000, 'x'), 3}}));
+    EXPECT_EQ(mConfig->GetSecure("kept"), "value");
+    EXPECT_EQ(mPolicies->GetPolicyFromDMtable("kept"), (PolicyMap{{"policy", 3}}));
+    test::query(mConfigFile, "DROP TRIGGER no");
+
+    test::query(mPolicyFile,
+                "DROP TRIGGER no; CREATE TRIGGER no BEFORE DELETE ON dmhelperconfig WHEN OLD.key = 'stuck' "
+                "BEGIN SELECT RAISE(ABORT, 'no'); END");
+    for (const char* uri : {"stuck", "zzz"}) ASSERT_TRUE(mPolicies->SetPolicyWithUri(uri, {{"v", 3}}));
+    EXPECT_FALSE(mPolicies->ClearAllKeys());
+    EXPECT_EQ(mLog.count("DeletePolicyWithUri failed", 7), 1);
+    test::query(mPolicyFile, "DROP TRIGGER no");
+    EXPECT_EQ(test::query(mPolicyFile, "SELECT key FROM dmhelperconfig"), (Rows{{"stuck"}, {"zzz"}}));
 }
 
 TEST_F(StoresTest, AKeyRingThatCannotBeUsedCostsNothing) {

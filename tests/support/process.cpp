@@ -139,6 +139,12 @@ void Process::kill(int signal) const {
     if (mExitCode == kRunning) ::kill(mPid, signal);
 }
 
+void Process::stop() const {
+    kill(SIGSTOP);
+    siginfo_t stopped{};
+    ::waitid(P_PID, static_cast<id_t>(mPid), &stopped, WSTOPPED);
+}
+
 std::string Process::out() const {
     return contentOf(mOut);
 }

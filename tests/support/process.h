@@ -38,6 +38,7 @@ public:
 
     pid_t pid() const { return mPid; }
     void kill(int signal) const;  // does nothing after the end was seen
+    void stop() const;            // SIGSTOP, and waits until it has taken effect on every thread
 
     // What it printed so far.
     std::string out() const;

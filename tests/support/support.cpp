@@ -13,7 +13,23 @@
 
 #include "platform/velmarlog/velmarlog.h"
 
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
+
 namespace test {
+
+#if defined(__SANITIZE_ADDRESS__)
+DeliberateLeak::DeliberateLeak() {
+    __lsan_disable();
+}
+DeliberateLeak::~DeliberateLeak() {
+    __lsan_enable();
+}
+#else
+DeliberateLeak::DeliberateLeak() = default;
+DeliberateLeak::~DeliberateLeak() = default;
+#endif
 
 TempDir::TempDir() {
     char name[] = "/tmp/sdtest-XXXXXX";

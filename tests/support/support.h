@@ -71,6 +71,15 @@ private:
     std::shared_ptr<Lines> mLines;  // shared with the sink, which another thread may still be running
 };
 
+// A scope whose allocations may leak: the SQLite layer drops some handles on purpose, and the leak checker would tell.
+class DeliberateLeak {
+public:
+    DeliberateLeak();
+    ~DeliberateLeak();
+    DeliberateLeak(const DeliberateLeak&) = delete;
+    DeliberateLeak& operator=(const DeliberateLeak&) = delete;
+};
+
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& content);
 

@@ -1,0 +1,47 @@
+// The client's listeners and the events that reach them. Not for users of the library.
+#pragma once
+
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "libsdconfig/dmconfig.h"
+#include "platform/sdbus/sdbus.h"
+
+namespace sd {
+
+// Keys, compared exactly, to the listeners registered for them, in the order of registration. Events come on a thread
+// of their own, so everything is under a guard; it is held for a look-up or a change alone, never while a listener runs
+// or a call is on the bus: a listener may call anything.
+class ListenerMap {
+public:
+    // Adds a registration to a key that is there already; false when it isn't.
+    bool addToKnown(const std::string& key, DMConfig::Listener* listener);
+    void add(const std::string& key, DMConfig::Listener* listener);
+
+    enum class Removal { Done, NoKey, NoListener };
+    // Takes the listener's first registration out. The key's entry stays, even when it was the last one.
+    Removal remove(const std::string& key, const DMConfig::Listener* listener);
+
+    // Calls the listeners of the key that a "DM_CHANGED" tells of; other events are none of its business.
+    void onEvent(SDBusMessage& event);
+
+    // Waits until the listener is not running, so that a caller may destroy it once it is unregistered. Not on the
+    // event thread, and 5000 ms at most: the listener may be waiting for the very thread that waits here.
+    void awaitDelivery(const DMConfig::Listener* listener);
+
+private:
+    bool beginDelivery(const std::string& key, DMConfig::Listener* listener);
+    void endDelivery();
+
+    std::mutex mGuard;
+    std::map<std::string, std::vector<DMConfig::Listener*>> mListeners;
+    const DMConfig::Listener* mRunning = nullptr;  // whom the event thread is calling
+    std::thread::id mEventThread;
+    std::condition_variable mDelivered;
+};
+
+}  // namespace sd
