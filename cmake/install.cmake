@@ -29,5 +29,7 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/sdconfig-config-version.c
 install(FILES ${PROJECT_BINARY_DIR}/sdconfig-config.cmake ${PROJECT_BINARY_DIR}/sdconfig-config-version.cmake
     DESTINATION ${package_dir})
 
+# From the file's folder to the prefix, so that the installed tree may be moved.
+file(RELATIVE_PATH prefix_from_pc /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(packaging/sdconfig.pc.in ${PROJECT_BINARY_DIR}/sdconfig.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/sdconfig.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
