@@ -11,11 +11,12 @@
 #include <vector>
 
 #include "libsdconfig/dmconfig.h"
-#include "libsdconfig/listener_map.h"
 #include "libsdconfig/sdconfig_export.h"
 #include "platform/sdbus/sdbus.h"
 
 namespace sd {
+
+class ListenerMap;
 
 // Any thread. The requests log one level-7 line and return their failure value when there is no proper answer.
 class SDConfigClient {

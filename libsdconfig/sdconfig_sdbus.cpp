@@ -2,6 +2,7 @@
 #include <chrono>
 #include <thread>
 
+#include "libsdconfig/listener_map.h"
 #include "libsdconfig/sdconfig_client.h"
 #include "platform/velmarlog/log_line.h"
 #include "src/sdconfig_protocol.h"

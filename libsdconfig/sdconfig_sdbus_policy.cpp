@@ -2,6 +2,7 @@
 #include <cstdint>
 
 #include "libsdconfig/dmconfig.h"
+#include "libsdconfig/listener_map.h"
 #include "libsdconfig/sdconfig_client.h"
 #include "libsdconfig/with_client.h"
 #include "platform/velmarlog/log_line.h"
