@@ -135,7 +135,7 @@ PolicyMap SDConfigDmHelper::GetPolicyWithUri(const std::string& uri) {
     const std::string local = config.GetSecure_v3(uri);
     // A strong policy, or a weak one with no local value and no row that says there is none.
     const bool policyWins = priority > kLocalPriority || (!policy.empty() && local.empty() && !config.isKeyInDB(uri));
-    const PolicyMap effective = policyWins ? policyOf(value, priority) : policyOf(local, kLocalPriority);
+    PolicyMap effective = policyWins ? policyOf(value, priority) : policyOf(local, kLocalPriority);
 
     if (const int ms = watch.elapsedMs(); ms >= kSlowWeighingMs)
         LOG(6, AT "GetPolicyWithUri %s takes %d ms", HERE, uri.c_str(), ms);

@@ -3,14 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <QCoreApplication>
-#include <mutex>
 #include <thread>
 
 #include "libsdconfig/data_path.h"
 #include "libsdconfig/lockscreen_entries.h"
 #include "libsdconfig/sdconfig.h"
 #include "libsdconfig/sdconfig_client.h"
-#include "platform/sdbus/sdbus.h"
+#include "tests/libsdconfig/client_fixture.h"
 #include "tests/support/support.h"
 
 namespace sd {
@@ -18,63 +17,6 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-// Answers GET_* and SIGN_REQUEST from `values`, everything else with true; nothing at all to methods in `silent`.
-class RecordingService : public SDBusServiceInterface {
-public:
-    bool handleMethodCall(std::shared_ptr<SDBusMessage> call) override {
-        const std::lock_guard lock(mMutex);
-        const std::string method = call->methodName();
-        const std::string key = call->getString(0);
-        mCalls.push_back(method + " " + key + " " + call->getString(1));
-        if (method == silent) return false;
-        const auto reply = makeMethodReplyMessage(call, SDBusSameUser);
-        if (method == "LST_PROPERTY") {
-            reply->appendInt32(2);
-            for (const char* text : {"a", "2", "b", "3"}) reply->appendString(text);
-        } else if (method.compare(0, 3, "GET") == 0 || method == "SIGN_REQUEST") {
-            reply->appendString(values[key]);
-        } else {
-            reply->appendBool(true);
-        }
-        return sendMessage(reply);
-    }
-    std::vector<std::string> takeCalls() {
-        const std::lock_guard lock(mMutex);
-        return std::exchange(mCalls, {});
-    }
-
-    std::map<std::string, std::string> values;
-    std::string silent;
-
-private:
-    std::mutex mMutex;
-    std::vector<std::string> mCalls;
-};
-
-// Every test is a process of its own, as the client is made once a process.
-class ClientTest : public testing::Test {
-protected:
-    void serve(bool powerIsSet = true) {
-        for (const char* key : {"batteryBrightness", "chargeBrightness", "chargeDimDisplayTime",
-                                "batteryDimDisplayTime", "chargeLidCloseAction", "batteryLidCloseAction"})
-            if (powerIsSet) mService.values.emplace(std::string("config.device.") + key, "1");
-        ASSERT_TRUE(mManager->registerServiceInterface("sdconfig", &mService, SDBusSameUser, 1));
-    }
-    void connect() {
-        serve();
-        ASSERT_EQ(mConfig->GetProperty("first"), "");
-        mService.takeCalls();
-        mLog.clear();
-    }
-    ~ClientTest() override { mManager->unregisterServiceInterface("sdconfig"); }
-
-    test::PrivateBus mBus;
-    test::LogCapture mLog;
-    RecordingService mService;
-    SDBusSerivceManager* mManager = SDBusSerivceManager::initSync(-1);
-    SDConfig* mConfig = SDConfig::GetInstance();
-};
 
 TEST_F(ClientTest, WaitsASecondForTheServiceEachTime) {
     EXPECT_EQ(mConfig->GetSecure("k"), "");

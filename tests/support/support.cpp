@@ -27,8 +27,8 @@ DeliberateLeak::~DeliberateLeak() {
     __lsan_enable();
 }
 #else
-DeliberateLeak::DeliberateLeak() = default;
-DeliberateLeak::~DeliberateLeak() = default;
+DeliberateLeak::DeliberateLeak() {}
+DeliberateLeak::~DeliberateLeak() {}
 #endif
 
 TempDir::TempDir() {

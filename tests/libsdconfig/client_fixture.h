@@ -1,0 +1,114 @@
+// A service of the test's own making, which records what the client asks.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "libsdconfig/sdconfig.h"
+#include "platform/sdbus/sdbus.h"
+#include "tests/support/support.h"
+
+namespace sd {
+
+// Answers GET_* and SIGN_REQUEST from `values`, lists with two entries, everything else with `agree`; nothing at all to
+// the method `silent`.
+class RecordingService : public SDBusServiceInterface {
+public:
+    bool handleMethodCall(std::shared_ptr<SDBusMessage> call) override {
+        const std::lock_guard lock(mMutex);
+        const std::string method = call->methodName();
+        const std::string key = call->getString(0);
+        mCalls.push_back(describe(*call));
+        if (method == silent) return false;
+        const auto reply = makeMethodReplyMessage(call, SDBusSameUser);
+        if (method == "LST_PROPERTY") {
+            reply->appendInt32(2);
+            for (const char* text : {"a", "2", "b", "3"}) reply->appendString(text);
+        } else if (method == "DM_LIST" || method == "DM_GET_POLICIES") {
+            reply->appendInt8(2);
+            appendPolicy(*reply, "a", "", 9);
+            appendPolicy(*reply, "b", "x", -1);
+        } else if (method == "GET_POLICY") {
+            reply->appendString(values[key]);
+            reply->appendInt8(7);
+        } else if (method.compare(0, 3, "GET") == 0 || method == "SIGN_REQUEST") {
+            reply->appendString(values[key]);
+        } else {
+            reply->appendBool(agree);
+        }
+        return sendMessage(reply);
+    }
+    std::vector<std::string> takeCalls() {
+        const std::lock_guard lock(mMutex);
+        return std::exchange(mCalls, {});
+    }
+
+    std::map<std::string, std::string> values;
+    std::string silent;
+    bool agree = true;
+
+    void tell(const std::string& event, const std::string& key, const std::string& value, bool flag) {
+        const auto message = makeEventMessage(event, SDBusSameUser);
+        message->appendString(key);
+        message->appendString(value);
+        message->appendBool(flag);
+        publishEvent(message);
+    }
+
+private:
+    static void appendPolicy(SDBusMessage& reply, const char* uri, const char* value, int8_t priority) {
+        reply.appendString(uri);
+        reply.appendString(value);
+        reply.appendInt8(priority);
+    }
+
+    // The method, and its arguments as far as a test looks at them.
+    static std::string describe(SDBusMessage& call) {
+        const std::string method = call.methodName();
+        if (method == "SET_POLICYLIST")
+            return method + " " + std::to_string(call.getInt(0)) + " " + call.getString(1) + " " + call.getString(2) +
+                   " " + std::to_string(call.getInt(3));
+        for (const char* counted : {"ISALREADY_LISTHENED", "DM_REGISTER_LISTERNER", "DM_GET_POLICIES"})
+            if (method == counted)
+                return method + " " + std::to_string(call.getInt(0)) + " " + call.getString(1) + " " +
+                       call.getString(2);
+        const std::string text = method + " " + call.getString(0) + " ";
+        if (method == "REG_LISTENER" || method == "UNREG_LISTENER") return text + (call.getBool(1) ? "true" : "false");
+        if (method == "SET_POLICY") return text + call.getString(1) + " " + std::to_string(call.getInt(2));
+        return text + call.getString(1);
+    }
+
+    std::mutex mMutex;
+    std::vector<std::string> mCalls;
+};
+
+// Every test is a process of its own, as the client is made once a process.
+class ClientTest : public testing::Test {
+protected:
+    void serve(bool powerIsSet = true) {
+        for (const char* key : {"batteryBrightness", "chargeBrightness", "chargeDimDisplayTime",
+                                "batteryDimDisplayTime", "chargeLidCloseAction", "batteryLidCloseAction"})
+            if (powerIsSet) mService.values.emplace(std::string("config.device.") + key, "1");
+        ASSERT_TRUE(mManager->registerServiceInterface("sdconfig", &mService, SDBusSameUser, 1));
+    }
+    void connect() {
+        serve();
+        ASSERT_EQ(mConfig->GetProperty("first"), "");
+        mService.takeCalls();
+        mLog.clear();
+    }
+    ~ClientTest() override { mManager->unregisterServiceInterface("sdconfig"); }
+
+    test::PrivateBus mBus;
+    test::LogCapture mLog;
+    RecordingService mService;
+    SDBusSerivceManager* mManager = SDBusSerivceManager::initSync(-1);
+    SDConfig* mConfig = SDConfig::GetInstance();
+};
+
+}  // namespace sd

@@ -1,0 +1,207 @@
+// Policies and listeners as the client sends and hears of them.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <thread>
+
+#include "libsdconfig/dmconfig.h"
+#include "tests/libsdconfig/client_fixture.h"
+
+namespace sd {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class Recorder : public DMConfig::Listener {
+public:
+    void onChanged(const std::string& key, const std::string& value, bool flag) override {
+        {
+            const std::lock_guard lock(mMutex);
+            mHeard.push_back(key + "=" + value + (flag ? "!" : ""));
+        }
+        if (then) then();
+    }
+    std::vector<std::string> heard() {
+        const std::lock_guard lock(mMutex);
+        return mHeard;
+    }
+    std::function<void()> then;
+
+private:
+    std::mutex mMutex;
+    std::vector<std::string> mHeard;
+};
+
+class PolicyClientTest : public ClientTest {
+protected:
+    // Everything told before this has been delivered when it returns.
+    void fence() {
+        Recorder fence;
+        ASSERT_TRUE(mPolicies->RegisterListenersWithList({{"fence", &fence}}, true));
+        mService.tell("DM_CHANGED", "fence", "up", false);
+        EXPECT_TRUE(test::waitUntil([&] { return !fence.heard().empty(); }));
+        mPolicies->UnRegisterListener("fence", &fence, true);
+    }
+
+    DMConfig* mPolicies = DMConfig::GetInstance();
+};
+
+TEST_F(PolicyClientTest, PoliciesTravelAsTheyAlwaysDid) {
+    connect();
+    EXPECT_TRUE(mPolicies->SetPolicyWithUri("uri", {{"v", 200}}));
+    PolicyList many;
+    for (int i = 0; i < 130; ++i) many["uri" + std::to_string(100 + i)] = {{"v", 5}};
+    EXPECT_TRUE(mPolicies->SetPolicyList(many));
+    EXPECT_FALSE(mPolicies->SetPolicyWithUri("uri", {}));
+    EXPECT_FALSE(mPolicies->SetPolicyWithUri("uri", {{"a", 1}, {"b", 2}}));
+    EXPECT_EQ(mLog.count("sdconfig_sdbus SetPolicyWithUri(", 7), 2);
+    EXPECT_EQ(mLog.count("error type, SetPolicyWithUri failed", 7), 2);
+
+    EXPECT_EQ(mPolicies->GetPolicyWithUri("empty"), (PolicyMap{{"null_value", 7}}));
+    PolicyList list{{"a", {{"old", 1}}}, {"z", {{"kept", 2}}}};
+    const PolicyList expected{{"a", {{"null_value", 9}}}, {"b", {{"x", -1}}}, {"z", {{"kept", 2}}}};
+    EXPECT_TRUE(mPolicies->GetAllKeys(&list));
+    EXPECT_EQ(list, expected);
+    EXPECT_TRUE(mPolicies->GetPoliciesWithUris({"a", "b"}, &list));
+    EXPECT_EQ(list, expected);
+    EXPECT_FALSE(mPolicies->GetAllKeys(nullptr));
+    EXPECT_FALSE(mPolicies->GetPoliciesWithUris({"a"}, nullptr));
+    EXPECT_FALSE(mPolicies->GetPoliciesWithUris({}, &list));
+    EXPECT_EQ(mLog.count("keys is empty", 7), 1);
+
+    EXPECT_TRUE(mPolicies->DeletePolicyWithUri("uri") && mPolicies->isStrongControl("uri") &&
+                mPolicies->ClearAllKeys());
+    EXPECT_TRUE(mPolicies->IsAllConfigsAlreadyListened({"a", "b"}));
+    EXPECT_THAT(mService.takeCalls(),
+                ElementsAre("SET_POLICY uri v -56", "SET_POLICYLIST -126 uri100 v 5", "GET_POLICY empty ", "DM_LIST  ",
+                            "DM_GET_POLICIES 2 a b", "DELETE_POLICY uri ", "ISSTRONG_CONTROL uri ",
+                            "DM_CLEAR_ALL_KEYS  ", "ISALREADY_LISTHENED 2 a b"));
+}
+
+TEST_F(PolicyClientTest, IdentityPoliciesAreReadBack) {
+    connect();
+    mService.values["ro.sd.uuid"] = "now";
+    mPolicies->SetPolicyWithUri("ro.sd.uuid", {{"sent", 9}});
+    mPolicies->SetPolicyList({{"ro.sd.client.id", {{"id", 9}}}, {"ro.sd.uuid", {{"sent", 9}}}});
+    mPolicies->DeletePolicyWithUri("ro.sd.uuid");
+    mPolicies->GetPolicyWithUri("ro.sd.uuid");
+    std::vector<std::string> lines;
+    for (const test::LogLine& line : mLog.lines())
+        if (line.level == 5) lines.push_back(line.text.substr(line.text.find(": ") + 2));
+    EXPECT_THAT(lines, ElementsAre("key is ro.sd.uuid, value is sent, latestVal is now",
+                                   "key is ro.sd.client.id, value is id", "key is ro.sd.uuid, value is sent",
+                                   "ro.sd.uuid's latestVal is now", "ro.sd.client.id's latestVal is ",
+                                   "key is ro.sd.uuid, latestVal is now", "key is ro.sd.uuid, value is now"));
+}
+
+TEST_F(PolicyClientTest, ListenersHearInTheOrderOfRegistration) {
+    connect();
+    Recorder first, second;
+    std::string order;
+    first.then = [&] { order += "1"; };
+    second.then = [&] { order += "2"; };
+    EXPECT_TRUE(mPolicies->RegisterListener("k", &second, true));
+    EXPECT_TRUE(mPolicies->RegisterListener("k", &first, true));
+    EXPECT_TRUE(mPolicies->RegisterListener("k", &first, true));
+    EXPECT_EQ(mLog.count("the key is already registered", 5), 2);
+    mService.tell("DM_CHANGED", "k", "v", true);
+    mService.tell("DM_CHANGED", "K", "v", true);
+    mService.tell("DM_CHANGE", "k", "v", true);
+    mService.tell("DM_CHANGEDX", "k", "v", true);
+    fence();
+    EXPECT_EQ(order, "211");
+    EXPECT_THAT(second.heard(), ElementsAre("k=v!"));
+
+    mService.takeCalls();
+    EXPECT_TRUE(mPolicies->UnRegisterListener("k", &first, false));
+    EXPECT_TRUE(mPolicies->UnRegisterListener("k", &second, false));
+    EXPECT_FALSE(mPolicies->UnRegisterListener("k", &second, false));
+    EXPECT_FALSE(mPolicies->UnRegisterListener("other", &first, false));
+    EXPECT_EQ(mLog.count("the listener has been already erased", 6), 1);
+    EXPECT_EQ(mLog.count("the key has been already erased", 6), 1);
+    EXPECT_TRUE(mPolicies->UnRegisterListener("k", &first, false));
+    EXPECT_TRUE(mPolicies->RegisterListener("k", &first, true)) << "the key is known still: nothing is sent";
+    EXPECT_THAT(mService.takeCalls(),
+                ElementsAre("UNREG_LISTENER k false", "UNREG_LISTENER k false", "UNREG_LISTENER k false"));
+
+    mService.agree = false;
+    EXPECT_FALSE(mPolicies->RegisterListener("new", &first, false));
+    EXPECT_FALSE(mPolicies->RegisterListenersWithList({{"new", &first}}, false));
+    EXPECT_THAT(mService.takeCalls(), ElementsAre("REG_LISTENER new false", "DM_REGISTER_LISTERNER 1 new "));
+    EXPECT_FALSE(mLog.has("error reply"));
+    mService.agree = true;
+    mService.tell("DM_CHANGED", "new", "v", true);
+    fence();
+    EXPECT_THAT(second.heard(), ElementsAre("k=v!"));
+}
+
+TEST_F(PolicyClientTest, AListenerMayCallAnythingAndIsGoneOnceUnregistered) {
+    connect();
+    Recorder self;
+    std::atomic<bool> unregistered{false};
+    self.then = [&] {
+        mConfig->GetSecure("from a listener");
+        unregistered = mPolicies->UnRegisterListener("self", &self, false);
+    };
+    ASSERT_TRUE(mPolicies->RegisterListener("self", &self, false));
+    mService.tell("DM_CHANGED", "self", "1", false);
+    mService.tell("DM_CHANGED", "self", "2", false);
+    fence();
+    EXPECT_TRUE(unregistered);
+    EXPECT_THAT(self.heard(), ElementsAre("self=1"));
+
+    // Unregistered while it runs: the call returns only when it has run to its end.
+    std::atomic<bool> running{false}, ended{false};
+    {
+        Recorder slow;
+        slow.then = [&] {
+            running = true;
+            const auto sent = [&] {
+                for (const std::string& call : mService.takeCalls())
+                    if (call == "UNREG_LISTENER slow false") return true;
+                return false;
+            };
+            test::waitUntil(sent);
+            ended = true;
+        };
+        ASSERT_TRUE(mPolicies->RegisterListener("slow", &slow, false));
+        mService.tell("DM_CHANGED", "slow", "1", false);
+        ASSERT_TRUE(test::waitUntil([&] { return running.load(); }));
+        EXPECT_TRUE(mPolicies->UnRegisterListener("slow", &slow, false));
+        EXPECT_TRUE(ended);
+    }
+}
+
+TEST_F(PolicyClientTest, FailuresAreLoggedOnce) {
+    connect();
+    Recorder listener;
+    ASSERT_TRUE(mPolicies->RegisterListener("known", &listener, true));
+    mManager->unregisterServiceInterface("sdconfig");
+    PolicyList list;
+    EXPECT_FALSE(mPolicies->IsAllConfigsAlreadyListened({"k"}));
+    EXPECT_FALSE(mPolicies->SetPolicyList({{"k", {{"v", 1}}}}));
+    EXPECT_FALSE(mPolicies->RegisterListener("k", &listener, true));
+    EXPECT_FALSE(mPolicies->UnRegisterListener("known", &listener, true));
+    EXPECT_FALSE(mPolicies->RegisterListenersWithList({{"k", &listener}}, true));
+    EXPECT_FALSE(mPolicies->SetPolicyWithUri("k", {{"v", 1}}));
+    EXPECT_THAT(mPolicies->GetPolicyWithUri("k"), IsEmpty());
+    EXPECT_FALSE(mPolicies->GetPoliciesWithUris({"k"}, &list));
+    EXPECT_FALSE(mPolicies->DeletePolicyWithUri("k"));
+    EXPECT_FALSE(mPolicies->isStrongControl("k"));
+    for (const char* line :
+         {", IsAllConfigsAlreadyListened failed", ", SetPolicyList failed", ", RegisterListener key : k failed, ",
+          ", UnRegisterListener key : known failed, ", ", RegisterListenersWithList failed",
+          ", SetPolicyWithUri key : k failed", ", GetPolicyWithUri key : k failed", ", GetPoliciesWithUris failed",
+          ", DeletePolicyWithUri key : k failed", ", isStrongControl key : k failed"})
+        EXPECT_EQ(mLog.count(std::string("error reply: type=3") + line, 7), 1) << line;
+    mLog.clear();
+    EXPECT_FALSE(mPolicies->GetAllKeys(&list));
+    EXPECT_FALSE(mPolicies->ClearAllKeys());
+    EXPECT_EQ(mLog.count("error reply: type=3", 7), 2);
+}
+
+}  // namespace
+}  // namespace sd
