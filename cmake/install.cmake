@@ -12,9 +12,9 @@ install(TARGETS sdconfig sdbus sdsecurity velmarlog EXPORT sdconfig-targets
 set(headers
     libsdconfig/sdconfig.h libsdconfig/dmconfig.h libsdconfig/sdconfig_client.h
     libsdconfig/sdconfig_export.h libsdconfig/sdconfig_types.h
-    src/sdconfig_impl.h src/sdconfig_impl_property.h src/sdconfig_impl_policy.h
+    src/sdconfig_impl.h src/sdconfig_impl_property.h src/sdconfig_impl_policy.h src/sdconfig_impl_tks.h
     src/sdconfig_service_sdbus.h src/sdconfig_protocol.h
-    sql/SQLiteDatabase.h sql/SQLiteTable.h
+    sql/SQLiteDatabase.h sql/SQLiteTable.h sdtks/sdtks.h
     platform/sdbus/sdbus.h platform/sdsecurity/sdsecurity.h platform/velmarlog/velmarlog.h)
 foreach(header ${headers})
     cmake_path(GET header PARENT_PATH folder)

@@ -19,7 +19,6 @@ namespace {
 constexpr char kTag[] = "sdconfig";
 constexpr char kSource[] = "src/sdconfig_impl";
 
-constexpr char kCurrentVersion[] = "3";
 constexpr char kVersionKey[] = "dbVersion";
 constexpr int kSlowSecureMs = 100;
 
@@ -54,7 +53,7 @@ SDConfigImpl::SDConfigImpl(const std::string& dbPath)
       mConfigTable(*this, "config"),
       mSecureTable(*this, "secure"),
       mSecureV3Table(*this, "secure_v3"),
-      mLatestVersion(kCurrentVersion) {
+      mLatestVersion(kDatabaseVersion) {
     LOG(5, AT "sdconfig db path=%s", HERE, dbPath.c_str());
     LOG(5, AT "start init DB", HERE);
     initDB();
@@ -136,8 +135,8 @@ bool SDConfigImpl::SetSecure(const std::string& key, const std::string& value) {
 }
 
 bool SDConfigImpl::SetSecure_v3(const std::string& key, const std::string& value) {
-    if (holdsZeroByte(key)) {
-        LOG(7, AT "the key %s holds a zero byte", HERE, key.c_str());
+    if (const char* problem = keepingProblem(key, value)) {
+        LOG(7, AT "the key %s %s", HERE, key.c_str(), problem);
         return false;
     }
     const std::string utf8Value = latin1ToUtf8(value);
@@ -148,13 +147,13 @@ bool SDConfigImpl::SetSecure_v3(const std::string& key, const std::string& value
         return false;
     }
     const std::string before = getValueFromDatabaseTable(mSecureV3Table, key);
-    DeleteSecure_v3(key);
+    const bool deleted = DeleteSecure_v3(key);
     if (isIdentityKey(key))
         LOG(5, AT "key is %s, utf8Value is %s, encrypted is %s", HERE, key.c_str(), utf8Value.c_str(),
             encrypted.c_str());
     if (setValueToDatabaseTable(mSecureV3Table, key, encrypted)) return true;
     // A disk may have had room for the deletion alone: what stood there needs no more than it did.
-    if (!before.empty()) setValueToDatabaseTable(mSecureV3Table, key, before);
+    if (deleted && !before.empty()) setValueToDatabaseTable(mSecureV3Table, key, before);
     return false;
 }
 
