@@ -17,6 +17,7 @@ struct Argument {
     std::string Request::*into;
     bool Request::*given = nullptr;  // where it may be left out: whether it was there
     bool mayBeEmpty = false;
+    std::vector<std::string> Request::*intoAll = nullptr;  // where several may stand
 };
 
 struct Flag {
@@ -25,11 +26,12 @@ struct Flag {
     bool Request::*into;
 };
 
-// An option with the path of a folder, which has to be there.
-struct FolderOption {
+// An option with a value. One of the type "DIR" is the path of a folder, which has to be there.
+struct ValueOption {
     const char* name;
+    const char* type;
     const char* help;
-    const char* needs;  // the flag without which it makes no sense
+    const char* needs;  // the flag without which it makes no sense; "": none
     std::string Request::*into;
 };
 
@@ -45,7 +47,7 @@ struct Command {
     const char* help;
     std::vector<Argument> arguments;
     std::vector<Flag> flags;
-    std::vector<FolderOption> folders;
+    std::vector<ValueOption> options;
     int (*run)(const Request&, Service&);
     const char* notes = "";  // what its help says besides
 };
@@ -61,16 +63,58 @@ constexpr Argument kText{"TEXT", "The content", &Request::text, nullptr, true};
 constexpr Argument kSignature{"SIGNATURE", "What \"sign\" printed for it", &Request::signature, nullptr, true};
 
 constexpr Flag kLocal{"--local", "Read the build.prop files in this process, without the service", &Request::local};
-constexpr FolderOption kProductDir{"--product-dir",
-                                   "With --local: the product's data folder; DIR/../etc/build.prop is read", "--local",
-                                   &Request::productDir};
+constexpr Flag kShow{"--show", "Show values, which can be secrets", &Request::show};
+constexpr Flag kYes{"--yes", "Don't ask", &Request::yes};
+constexpr Flag kDryRun{"--dry-run", "Send nothing; print what would change, and why", &Request::dryRun};
+constexpr ValueOption kProductDir{"--product-dir", "DIR",
+                                  "With --local: the product's data folder; DIR/../etc/build.prop is read", "--local",
+                                  &Request::productDir};
+constexpr ValueOption kProductFiles{"--product-dir", "DIR",
+                                    "The product's data folder, as the service was told it; DIR/../etc/build.prop is "
+                                    "read",
+                                    "", &Request::productDir};
+constexpr ValueOption kDataDir{"--data-dir", "DIR",
+                               "The service's data folder; left out, it is where the running service has its data, "
+                               "else the user's",
+                               "", &Request::dataDir};
+constexpr ValueOption kExecute{"--exec", "CMD",
+                               "Run \"sh -c CMD\" for each change, with SDCONFIG_KEY and SDCONFIG_VALUE set", "",
+                               &Request::execute};
 
-constexpr Group kGroups[] = {{"secure", "Values that are sealed at rest: get, set, delete"}};
+constexpr Argument kUri{"URI", "The configuration key that the policy governs, never empty", &Request::key};
+constexpr Argument kPriority{"PRIORITY", "0 to 127; above 5 it overrides the local secure value", &Request::priority};
+constexpr Argument kFile{"FILE", "A file of policies; - for standard input or output", &Request::file};
+constexpr Argument kKeys{"KEY", "The keys, 122 at most", nullptr, nullptr, false, &Request::keys};
+constexpr Argument kDataFolder{"DATA-DIR", "The folder of the database and the key ring", &Request::key};
+constexpr Flag kReport{"--dry-run", "Change nothing; print what the database holds and what would be copied",
+                       &Request::dryRun};
+constexpr Flag kForce{"--force", "Copy, whatever version the database says it has", &Request::force};
+
+constexpr Group kGroups[] = {
+    {"secure", "Values that are sealed at rest: get, set, delete"},
+    {"policy", "Policies: set, get, delete, list, strong, clear, export, apply"},
+};
 
 constexpr char kSetSecureNotes[] =
     "Without VALUE the value is read from standard input up to its end, less one final newline; at a terminal it is\n"
     "asked for and not shown. A VALUE on the command line is visible to every user of the machine in the list of\n"
     "processes and stays in the shell's history: prefer standard input. Bytes outside ASCII read back as two each.\n";
+
+constexpr char kSetPolicyNotes[] =
+    "A value can't contain \"&&&\", end with \"&\", be \"null_value\", or hold characters beyond U+00FF: the store\n"
+    "would not give it back.\n";
+
+constexpr char kApplyNotes[] =
+    "FILE holds {\"URI\": {\"value\": \"text\", \"priority\": 7}, ...}. It is checked whole before anything is sent.\n";
+
+constexpr char kWatchNotes[] =
+    "A line a change, KEY and value, until it is interrupted. It goes on through restarts of the service. Values are\n"
+    "printed, secrets too. One CMD runs at a time, in the order of the changes, with an empty standard input.\n";
+
+constexpr char kUpgradeNotes[] =
+    "Settings and secure values of version 2 are copied to sealed values; those of the same key are replaced. A copy "
+    "of\n"
+    "the database is kept beside it first.\n";
 
 const std::vector<Command>& commands() {
     static const std::vector<Command> all{
@@ -80,6 +124,32 @@ const std::vector<Command>& commands() {
         {"secure", "get", "Prints a secure value", {kKey}, {}, {}, getSecure},
         {"secure", "set", "Stores a secure value", {kKey, kSecret}, {}, {}, setSecure, kSetSecureNotes},
         {"secure", "delete", "Deletes a secure value; one that isn't there is no error", {kKey}, {}, {}, deleteSecure},
+        {"policy", "set", "Sets a policy", {kUri, kValue, kPriority}, {}, {}, setPolicy, kSetPolicyNotes},
+        {"policy", "get", "Prints the value in force: the policy's or the local one", {kUri}, {}, {}, getPolicy},
+        {"policy", "delete", "Deletes a policy; one that isn't there is no error", {kUri}, {}, {}, deletePolicy},
+        {"policy", "list", "Prints the stored policies: URI, priority, value", {}, {}, {kDataDir}, listPolicies},
+        {"policy", "strong", "Tells whether a policy overrides the local value", {kUri}, {}, {}, showStrong},
+        {"policy", "clear", "Deletes all policies", {}, {kYes}, {}, clearPolicies},
+        {"policy", "export", "Writes the stored policies to a file", {kFile}, {}, {kDataDir}, exportPolicies},
+        {"policy",
+         "apply",
+         "Sets the policies of a file",
+         {kFile},
+         {kDryRun, kShow},
+         {kDataDir},
+         applyPolicies,
+         kApplyNotes},
+        {"", "explain", "Tells where a key's value comes from", {kKey}, {kShow}, {kDataDir, kProductFiles}, explainKey},
+        {"", "watch", "Prints changes of keys as they happen", {kKeys}, {}, {kExecute}, watchKeys, kWatchNotes},
+        {"", "list", "Prints the keys of the secure values and of the policies", {}, {kShow}, {kDataDir}, listKeys},
+        {"",
+         "upgrade",
+         "Carries an earlier version's database over, while no service runs on it",
+         {kDataFolder},
+         {kReport, kForce},
+         {},
+         upgradeDatabase,
+         kUpgradeNotes},
         {"", "const", "Prints a constant of the service", {kName}, {}, {}, getConst},
         {"", "sign", "Prints the signature of a text", {kText}, {}, {}, signText},
         {"", "verify", "Tells whether a signature fits a text", {kText, kSignature}, {}, {}, verifyText},
@@ -98,6 +168,12 @@ std::string nameOf(const Command& command) {
 
 bool looksLikeOption(const std::string& argument) {
     return argument.size() > 1 && argument[0] == '-';
+}
+
+bool holdsEmpty(const Request& request, const Argument& argument) {
+    if (!argument.intoAll) return (request.*argument.into).empty();
+    const std::vector<std::string>& all = request.*argument.intoAll;
+    return std::any_of(all.begin(), all.end(), [](const std::string& one) { return one.empty(); });
 }
 
 // The option's name alone: what follows it may be a secret.
@@ -127,15 +203,17 @@ void CommandLine::add(const Command& command) {
     CLI::App* app = parent.add_subcommand(command.name, command.help);
     app->footer(std::string(command.notes) + kFooter);
     for (const Argument& argument : command.arguments) {
-        CLI::Option* option = app->add_option(argument.name, mRequest.*argument.into, argument.help);
+        CLI::Option* option = argument.intoAll
+                                  ? app->add_option(argument.name, mRequest.*argument.intoAll, argument.help)
+                                  : app->add_option(argument.name, mRequest.*argument.into, argument.help);
         option->required(argument.given == nullptr)->type_name("");
     }
     for (const Flag& flag : command.flags) app->add_flag(flag.name, mRequest.*flag.into, flag.help);
-    for (const FolderOption& folder : command.folders)
-        app->add_option(folder.name, mRequest.*folder.into, folder.help)
-            ->type_name("DIR")
-            ->check(CLI::Validator(CLI::ExistingDirectory).description(""))
-            ->needs(app->get_option(folder.needs));
+    for (const ValueOption& value : command.options) {
+        CLI::Option* option = app->add_option(value.name, mRequest.*value.into, value.help)->type_name(value.type);
+        if (std::string(value.type) == "DIR") option->check(CLI::Validator(CLI::ExistingDirectory).description(""));
+        if (value.needs[0]) option->needs(app->get_option(value.needs));
+    }
     app->callback([this, app, &command] {
         mCommand = &command;
         mRequest.command = nameOf(command);
@@ -151,7 +229,7 @@ std::optional<int> CommandLine::parse(int argc, char** argv) {
         return error.get_exit_code() == 0 ? mApp->exit(error) : wrongUse(error);
     }
     for (const Argument& argument : mCommand->arguments)
-        if (!argument.mayBeEmpty && (mRequest.*argument.into).empty()) return emptyName(mRequest, argument.name);
+        if (!argument.mayBeEmpty && holdsEmpty(mRequest, argument)) return emptyName(mRequest, argument.name);
     return std::nullopt;
 }
 

@@ -17,6 +17,30 @@ int getSecure(const Request& request, Service& service);
 int setSecure(const Request& request, Service& service);
 int deleteSecure(const Request& request, Service& service);
 
+// policy_commands.cpp
+int setPolicy(const Request& request, Service& service);
+int getPolicy(const Request& request, Service& service);
+int deletePolicy(const Request& request, Service& service);
+int listPolicies(const Request& request, Service& service);
+int showStrong(const Request& request, Service& service);
+int clearPolicies(const Request& request, Service& service);
+
+// policy_transfer.cpp
+int exportPolicies(const Request& request, Service& service);
+int applyPolicies(const Request& request, Service& service);
+
+// explain_command.cpp
+int explainKey(const Request& request, Service& service);
+
+// watch_command.cpp
+int watchKeys(const Request& request, Service& service);
+
+// list_command.cpp
+int listKeys(const Request& request, Service& service);
+
+// upgrade_command.cpp
+int upgradeDatabase(const Request& request, Service& service);
+
 // service_commands.cpp
 int getConst(const Request& request, Service& service);
 int signText(const Request& request, Service& service);

@@ -124,6 +124,128 @@ int secureWriteRefused(const Request& request) {
     return fail(kRefused, attempt(request), "the service could not store it", kSeeItsLog);
 }
 
+int policyUnset(const Request& request) {
+    return fail(kRefused, attempt(request), "neither a policy nor a local secure value gives it a value",
+                "see why with: sdconfig explain KEY");
+}
+
+int policyRefused(const Request& request) {
+    return fail(kRefused, attempt(request), "the service could not store the change", kSeeItsLog);
+}
+
+int policiesRefused(const Request& request) {
+    return fail(kRefused, attempt(request), "not every policy reads back as it was sent", kSeeItsLog);
+}
+
+int notClearedUnasked(const Request& request) {
+    return fail(kUsage, attempt(request), "it deletes all policies, and there is no terminal to ask on",
+                "say --yes if that is meant");
+}
+
+int notCleared(const Request& request) {
+    return fail(kRefused, attempt(request), "not confirmed", "nothing was changed");
+}
+
+int unfitPolicy(const Request& request, const std::string& problem) {
+    return fail(kUsage, attempt(request), problem, "nothing was changed; see: sdconfig policy set --help");
+}
+
+int unfitPolicyFile(const Request& request, const std::string& problem) {
+    return fail(kUsage, request.command + " " + quoted(request.file), problem,
+                "nothing was changed; see docs/policy-file.md for what a file of policies holds");
+}
+
+int fileNotWritten(const Request& request, const std::string& reason) {
+    return fail(kRefused, request.command + " " + quoted(request.file), reason, "name another file, or - to print it");
+}
+
+int leftOut(const Request& request, const std::string& what) {
+    return fail(kRefused, attempt(request), what, "the result is not complete");
+}
+
+void notePartlySent(std::size_t sent, std::size_t all) {
+    note(std::to_string(sent) + " of " + std::to_string(all) + " policies were sent before that");
+}
+
+void noteListCut(const std::string& restFrom) {
+    if (restFrom.empty())
+        note("the service lists 122 policies at most, so there may be more; --data-dir names the folder to read all");
+    else
+        note("the service lists 122 policies at most; all were read from " + restFrom);
+}
+
+int dataUnreadable(const Request& request, const std::string& problem) {
+    return fail(kRefused, attempt(request), problem, "name the service's data folder with --data-dir");
+}
+
+int otherDataFolder(const Request& request, const std::string& folder) {
+    return fail(kUsage, attempt(request), "the running service keeps its data in " + folder,
+                "leave out --data-dir, or stop the service to look into another folder");
+}
+
+int nothingToReadFrom(const Request& request, const std::string& problem) {
+    return fail(kNoService, attempt(request), "the service is not running, and its data can't be read: " + problem,
+                kHowToStart);
+}
+
+void noteDataNotRead(const std::string& problem) {
+    note("this is what the service alone tells; its data could not be read: " + problem);
+}
+
+void noteContradiction(const std::string& folder) {
+    note("the service answers otherwise than the data in " + folder +
+         ": it keeps its data elsewhere, or the value has just changed");
+}
+
+int valuesUnreadable(const Request& request, const std::string& problem) {
+    return fail(kRefused, attempt(request), problem.empty() ? "some values can't be opened" : problem,
+                "the key ring belongs to the databases: restore it from the same backup");
+}
+
+int notRegistered(const Request& request) {
+    return fail(kRefused, attempt(request), "the service did not take the registration", kSeeItsLog);
+}
+
+int notUpgraded(const Request& request, const std::string& problem) {
+    return fail(kRefused, attempt(request), problem, "nothing was changed");
+}
+
+int upgradeNeedsForce(const Request& request) {
+    return fail(kRefused, attempt(request),
+                "nothing was ever copied in this database, and its version would be stamped without copying",
+                "copy everything with: sdconfig upgrade --force DATA-DIR");
+}
+
+int upgradeFailed(const Request& request, const std::string& backup) {
+    return fail(kRefused, attempt(request), "not everything could be copied; the database as it was is " + backup,
+                "see why with -v, and repeat it with --force");
+}
+
+int rowsLost(const Request& request, std::size_t count) {
+    return fail(kRefused, attempt(request), "rows whose content can't be carried over: " + std::to_string(count),
+                "standard output names them, and docs/upgrade.md the reasons; all others are fine");
+}
+
+void noteWatching(std::size_t keys) {
+    note("watching " + std::to_string(keys) + (keys == 1 ? " key" : " keys") + "; Ctrl-C ends it");
+}
+
+void noteServiceLost() {
+    note("the service is gone; waiting for it to come back");
+}
+
+void noteRestarted() {
+    note("the service has been restarted: registered again; what changed meanwhile follows");
+}
+
+void noteRegisteredAgain() {
+    note("another client took the registration back: registered again; what changed meanwhile follows");
+}
+
+void noteLeftOut(std::size_t changes) {
+    note(std::to_string(changes) + " changes came faster than they could be told and are left out");
+}
+
 int misused(const std::string& command, const std::string& happened) {
     return failUse(command, happened, "");
 }

@@ -2,6 +2,7 @@
 // "sdconfig: what was tried: what happened; what to do next".
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 #include "apps/sdconfig/request.h"
@@ -43,6 +44,41 @@ int notSigned(const Request& request);
 int setRefused(const Request& request);
 int deleteRefused(const Request& request);
 int secureWriteRefused(const Request& request);
+
+// Policies.
+int policyUnset(const Request& request);
+int policyRefused(const Request& request);
+int policiesRefused(const Request& request);
+int notClearedUnasked(const Request& request);
+int notCleared(const Request& request);
+int unfitPolicy(const Request& request, const std::string& problem);      // of the command line
+int unfitPolicyFile(const Request& request, const std::string& problem);  // of a file
+int fileNotWritten(const Request& request, const std::string& reason);
+int leftOut(const Request& request, const std::string& what);
+void notePartlySent(std::size_t sent, std::size_t all);
+void noteListCut(const std::string& restFrom);  // "": nowhere
+
+// The data folder.
+int dataUnreadable(const Request& request, const std::string& problem);
+int otherDataFolder(const Request& request, const std::string& folder);
+int nothingToReadFrom(const Request& request, const std::string& problem);
+void noteDataNotRead(const std::string& problem);
+void noteContradiction(const std::string& folder);
+int valuesUnreadable(const Request& request, const std::string& problem);
+
+// Watching.
+int notRegistered(const Request& request);
+void noteWatching(std::size_t keys);
+void noteServiceLost();
+void noteRestarted();
+void noteRegisteredAgain();
+void noteLeftOut(std::size_t changes);
+
+// The upgrade.
+int notUpgraded(const Request& request, const std::string& problem);  // nothing was changed
+int upgradeNeedsForce(const Request& request);
+int upgradeFailed(const Request& request, const std::string& backup);
+int rowsLost(const Request& request, std::size_t count);
 
 // Wrong use. command: the command as far as it was understood, "" for none.
 int misused(const std::string& command, const std::string& happened);

@@ -27,6 +27,8 @@ std::string base64(const std::string& bytes) {
     return text;
 }
 
+}  // namespace
+
 // The library that prints decides what it can print.
 bool fitsJson(const std::string& bytes) {
     try {
@@ -37,7 +39,15 @@ bool fitsJson(const std::string& bytes) {
     }
 }
 
-int writeOut(const std::string& text) {
+void addBytes(Object& object, const std::string& name, const std::string& bytes) {
+    if (fitsJson(bytes)) {
+        object[name] = bytes;
+    } else {
+        object[name + "_base64"] = base64(bytes);
+    }
+}
+
+int printText(const std::string& text) {
     std::size_t done = 0;
     while (done < text.size()) {
         const ssize_t written = ::write(STDOUT_FILENO, text.data() + done, text.size() - done);
@@ -52,18 +62,8 @@ int writeOut(const std::string& text) {
     return kDone;
 }
 
-}  // namespace
-
-void addBytes(Object& object, const std::string& name, const std::string& bytes) {
-    if (fitsJson(bytes)) {
-        object[name] = bytes;
-    } else {
-        object[name + "_base64"] = base64(bytes);
-    }
-}
-
 int print(const Request& request, const std::string& text, const Object& object) {
-    return writeOut(request.json ? object.dump() + "\n" : text);
+    return printText(request.json ? object.dump() + "\n" : text);
 }
 
 int printValue(const Request& request, const char* keyName, const std::string& value,

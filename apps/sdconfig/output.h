@@ -11,6 +11,9 @@ namespace cli {
 // Keeps the order in which the names were added, so that the output is steady.
 using Object = nlohmann::ordered_json;
 
+// Whether JSON can hold `bytes` as a text: whether they are valid UTF-8.
+bool fitsJson(const std::string& bytes);
+
 // Adds `bytes` under `name`, or, where they are not valid UTF-8 and so can't stand in JSON, in base64 under
 // "<name>_base64".
 void addBytes(Object& object, const std::string& name, const std::string& bytes);
@@ -18,6 +21,7 @@ void addBytes(Object& object, const std::string& name, const std::string& bytes)
 // Prints `object` where JSON was asked for, else `text` as it is. Returns the exit code: a result that could not be
 // written is a failure; a reader that had enough and closed the pipe is none.
 int print(const Request& request, const std::string& text, const Object& object);
+int printText(const std::string& text);
 
 // What a look-up found. keyName: what the key is called in JSON. An empty value is told as unset, by `whenUnset`.
 int printValue(const Request& request, const char* keyName, const std::string& value, int (*whenUnset)(const Request&));

@@ -2,20 +2,30 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace cli {
 
 struct Request {
     std::string command;  // as typed: "get", "secure set"
 
-    std::string key;
+    std::string key;  // or a policy's URI
+    std::vector<std::string> keys;
     std::string value;
     bool valueGiven = false;
     std::string text;
     std::string signature;
+    std::string priority;
+    std::string file;     // "-": standard input or output
+    std::string execute;  // "": nothing
 
     bool local = false;
     std::string productDir;
+    std::string dataDir;
+    bool show = false;
+    bool yes = false;
+    bool dryRun = false;
+    bool force = false;
 
     bool json = false;
     bool verbose = false;

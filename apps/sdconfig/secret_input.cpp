@@ -1,6 +1,5 @@
 #include "apps/sdconfig/secret_input.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <termios.h>
 #include <unistd.h>
@@ -10,6 +9,8 @@
 #include <csignal>
 #include <cstring>
 
+#include "apps/sdconfig/signal_pipe.h"
+
 namespace cli {
 
 namespace {
@@ -18,8 +19,6 @@ namespace {
 constexpr std::size_t kMaxSecretBytes = 16u << 20;
 // What the kernel's line editing takes of one line; it drops the rest without a word.
 constexpr std::size_t kMaxTerminalLine = 4095;
-
-constexpr std::array kEndingSignals = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP};
 
 SecretInput problem(const std::string& text) {
     return {"", text};
@@ -47,65 +46,6 @@ SecretInput readToEnd(int descriptor) {
         if (text.size() > kMaxSecretBytes + 1) return problem("the value is longer than 16 MiB");
     }
 }
-
-// Signals are turned into bytes of a pipe for the life of the object, so that the terminal can be restored before they
-// take effect. Handlers, not a blocked mask: the mask would leave the signals to any other thread of the process.
-class SignalPipe {
-public:
-    SignalPipe() {
-        if (::pipe2(mEnds.data(), O_CLOEXEC | O_NONBLOCK) != 0) return;
-        sWriteEnd = mEnds[1];
-        for (std::size_t i = 0; i < kEndingSignals.size(); ++i) install(i);
-    }
-    ~SignalPipe() {
-        if (!valid()) return;
-        for (std::size_t i = 0; i < kEndingSignals.size(); ++i) restore(i);
-        ::close(mEnds[0]);
-        ::close(mEnds[1]);
-    }
-    SignalPipe(const SignalPipe&) = delete;
-    SignalPipe& operator=(const SignalPipe&) = delete;
-
-    bool valid() const { return mEnds[0] >= 0; }
-    int descriptor() const { return mEnds[0]; }
-
-    // Lets the signal do what it would have done. Comes back after a stop that was continued.
-    void deliver() {
-        unsigned char signal = 0;
-        if (::read(mEnds[0], &signal, 1) != 1) return;
-        for (std::size_t i = 0; i < kEndingSignals.size(); ++i) {
-            if (kEndingSignals[i] != signal) continue;
-            restore(i);
-            ::raise(signal);
-            install(i);
-        }
-    }
-
-private:
-    static void onSignal(int signal) {
-        const int savedErrno = errno;
-        const auto byte = static_cast<unsigned char>(signal);
-        (void)!::write(sWriteEnd, &byte, 1);
-        errno = savedErrno;
-    }
-
-    // A signal that whoever started us had ignored (nohup) stays ignored.
-    void install(std::size_t i) {
-        ::sigaction(kEndingSignals[i], nullptr, &mOld[i]);
-        if (mOld[i].sa_handler == SIG_IGN) return;
-        struct sigaction action {};
-        action.sa_handler = onSignal;
-        ::sigaction(kEndingSignals[i], &action, nullptr);
-    }
-    void restore(std::size_t i) { ::sigaction(kEndingSignals[i], &mOld[i], nullptr); }
-
-    static volatile std::sig_atomic_t sWriteEnd;
-
-    std::array<int, 2> mEnds{-1, -1};
-    std::array<struct sigaction, kEndingSignals.size()> mOld{};
-};
-
-volatile std::sig_atomic_t SignalPipe::sWriteEnd = -1;
 
 // The terminal without echo, for the life of the object.
 class HiddenEcho {
@@ -164,7 +104,8 @@ LineEnd promptForLine(int terminal, int signals, const std::string& prompt, std:
 }
 
 SecretInput readFromTerminal(int terminal, const std::string& prompt) {
-    SignalPipe signals;
+    // Through a pipe, so that the terminal is restored before they take effect.
+    SignalPipe signals({SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP});
     if (!signals.valid()) return systemProblem("no pipe for signals");
     std::string line;
     LineEnd end;

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <mutex>
 #include <thread>
 
@@ -21,6 +22,8 @@ using Clock = std::chrono::steady_clock;
 // As long as the facade itself would wait for a service to appear.
 constexpr auto kStartGrace = 1000ms;
 constexpr auto kStartPoll = 50ms;
+
+constexpr char kPolicyDatabase[] = "dmhelper.db";
 
 constexpr int kAllLines = 5;
 constexpr int kErrorLines = 7;
@@ -108,7 +111,7 @@ Service::~Service() = default;
 
 Probe Service::probe() {
     Probe probe;
-    if (!mBus->isServiceRegistered(sd::protocol::kServiceName)) return probe;
+    if (!listening()) return probe;
     const auto proxy = mBus->getServiceProxyInterface(sd::protocol::kServiceName, SDBusSameUser, 1);
     auto reply = smallestCall(*proxy);  // connects as well
     const auto began = Clock::now();
@@ -131,15 +134,19 @@ int Service::require() {
 
 bool Service::appears() const {
     const auto limit = Clock::now() + kStartGrace;
-    while (!mBus->isServiceRegistered(sd::protocol::kServiceName)) {
+    while (!listening()) {
         if (Clock::now() >= limit) return false;
         std::this_thread::sleep_for(kStartPoll);
     }
     return true;
 }
 
-void Service::beginCall(const std::string& name, const std::string& argument) {
-    mLog->expect(name + " : " + plainStart(argument));
+std::string Service::failureWords(const std::string& name, const std::string& argument) {
+    return name + " : " + plainStart(argument);
+}
+
+void Service::beginCall(const std::string& words) {
+    mLog->expect(words);
 }
 
 int Service::endCall(bool failureValue) {
@@ -150,8 +157,25 @@ int Service::endCall(bool failureValue) {
     return callUnanswered(attempt(mRequest));
 }
 
+bool Service::listening() const {
+    return mBus->isServiceRegistered(sd::protocol::kServiceName);
+}
+
 int Service::processId() const {
     return mBus->serviceProcess(sd::protocol::kServiceName);
+}
+
+// A service that was told another folder than we would assume has its files open all the same.
+std::string Service::dataFolder() const {
+    namespace fs = std::filesystem;
+    std::error_code failure;
+    const fs::path descriptors = "/proc/" + std::to_string(processId()) + "/fd";
+    for (fs::directory_iterator entry(descriptors, failure), end; !failure && entry != end; entry.increment(failure)) {
+        std::error_code gone;
+        const fs::path target = fs::read_symlink(entry->path(), gone);
+        if (!gone && target.filename() == kPolicyDatabase) return target.parent_path();
+    }
+    return "";
 }
 
 std::string Service::socketPath() const {

@@ -47,17 +47,28 @@ public:
     template <class Operation>
     auto call(const std::string& name, const std::string& argument, Operation operation)
         -> Answer<decltype(operation())> {
-        beginCall(name, argument);
+        return call(failureWords(name, argument), operation);
+    }
+
+    // The same for an operation whose line holds `words` instead.
+    template <class Operation>
+    auto call(const std::string& words, Operation operation) -> Answer<decltype(operation())> {
+        beginCall(words);
         auto result = operation();
         const bool failureValue = result == decltype(result){};
         return {std::move(result), endCall(failureValue)};
     }
 
-    int processId() const;  // 0: unknown
+    // Whether somebody listens, without waiting or a word.
+    bool listening() const;
+
+    int processId() const;           // 0: unknown
+    std::string dataFolder() const;  // where the running service has its databases open; "": it can't be told
     std::string socketPath() const;
 
 private:
-    void beginCall(const std::string& name, const std::string& argument);
+    static std::string failureWords(const std::string& name, const std::string& argument);
+    void beginCall(const std::string& words);
     int endCall(bool failureValue);
     bool appears() const;
 

@@ -3,8 +3,6 @@
 #include <systemd/sd-daemon.h>
 
 #include <CLI/CLI.hpp>
-#include <QCoreApplication>
-#include <QStandardPaths>
 #include <QTextCodec>
 #include <csignal>
 #include <cstdio>
@@ -12,6 +10,9 @@
 #include <map>
 #include <string>
 
+#include "apps/common/data_folder.h"
+#include "apps/common/data_folder_lock.h"
+#include "apps/common/upgrader.h"
 #include "apps/sdconfigd/constants_file.h"
 #include "apps/sdconfigd/preflight.h"
 #include "libsdconfig/sdconfig.h"
@@ -31,6 +32,7 @@ struct Options {
     std::string productDir;
     std::string constants;
     int logLevel = 6;
+    bool upgrade = false;
 };
 
 int fail(const std::string& problem) {
@@ -52,11 +54,26 @@ void declareOptions(CLI::App& app, Options& options) {
         ->type_name("N")
         ->check(CLI::Range(0, 8))
         ->capture_default_str();
+    app.add_flag("--upgrade", options.upgrade, "Carry the database of an earlier version over before serving");
     app.set_version_flag("--version", "sdconfigd " SDCONFIG_VERSION);
 }
 
-// Tells the library and the layers below it where everything is. Returns a line for a person, or "".
-std::string prepare(const Options& options) {
+// The upgrade of the store itself, whose connection is closed again before the service opens its own.
+std::string upgrade(const std::string& dataDir) {
+    const std::string database = dataDir + "/sdconfig.db";
+    apps::Upgrader store(database);
+    if (!store.isCurrent()) return database + " could not be upgraded; the lines above tell why";
+    if (store.leftBehind())
+        std::fprintf(stderr,
+                     "sdconfigd: %s has data of an earlier version, of which nothing was copied; stop the "
+                     "service and copy it with: sdconfig upgrade --force %s\n",
+                     database.c_str(), dataDir.c_str());
+    return "";
+}
+
+// Tells the library and the layers below it where everything is, and takes the data folder. Returns a line for a
+// person, or "".
+std::string prepare(const Options& options, apps::DataFolderLock& lock) {
     std::map<std::string, std::string> constants;
     if (!options.constants.empty())
         if (std::string problem = readConstantsFile(options.constants, constants); !problem.empty()) return problem;
@@ -69,7 +86,11 @@ std::string prepare(const Options& options) {
     sd::SDSecurity& security = *sd::SDSecurity::GetInstance();
     for (const auto& [name, value] : constants) security.RegisterString(name, value);
     security.SetKeyRingFolder(dataDir);
+    if (std::string problem = makeDataFolder(dataDir); !problem.empty()) return problem;
+    if (std::string problem = lock.take(dataDir); !problem.empty()) return problem;
     if (std::string problem = preflight(dataDir); !problem.empty()) return problem;
+    if (options.upgrade)
+        if (std::string problem = upgrade(dataDir); !problem.empty()) return problem;
     if (!options.productDir.empty()) sd::SDConfig::setVelmarDataPath(std::filesystem::absolute(options.productDir));
     return "";
 }
@@ -97,7 +118,8 @@ int run(const Options& options, const sigset_t& endSignals) {
     if (const int holder = SDBusSerivceManager::initSync(-1)->serviceProcess(kName))
         return fail("the service \"" + std::string(kName) + "\" is already running as process " +
                     std::to_string(holder) + "; end that one first");
-    if (const std::string problem = prepare(options); !problem.empty()) return fail(problem);
+    apps::DataFolderLock lock;
+    if (const std::string problem = prepare(options, lock); !problem.empty()) return fail(problem);
     return serve(options, endSignals);
 }
 
@@ -112,11 +134,10 @@ int main(int argc, char** argv) {
     pthread_sigmask(SIG_BLOCK, &endSignals, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
     ::umask(0077);  // nothing that the service makes is anybody else's business
-    QCoreApplication::setApplicationName(kName);
     QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));  // paths are bytes, whatever the locale
 
     Options options;
-    options.dataDir = QStandardPaths::writableLocation(QStandardPaths::AppDataLocation).toStdString();
+    options.dataDir = apps::defaultDataFolder();
     CLI::App app("Keeps the client's settings, secure values and policies, and answers them to its processes.",
                  "sdconfigd");
     declareOptions(app, options);

@@ -9,7 +9,9 @@
 #include <memory>
 #include <vector>
 
+#include "apps/sdconfigd/write_ahead_log.h"
 #include "platform/sdsecurity/sdsecurity.h"
+#include "src/sdconfig_helpers.h"
 
 namespace {
 
@@ -57,34 +59,75 @@ bool hasTable(sqlite3* db, const std::string& table) {
     return yieldsRow(db, "SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = '" + table + "'");
 }
 
-// Opens the file as the store will, takes the write lock and looks for sealed rows in the table.
-std::string checkDatabase(const std::string& path, const std::string& table, bool& sealedRows) {
-    std::string problem;
+// What the databases hold, as far as it decides about the start.
+struct Findings {
+    bool sealedRows = false;
+    std::string emptied;  // a database that is there but lacks the table of its sealed rows
+};
+
+// SQLite reads on over much damage: an index that names another row would answer one key with another's value.
+std::string integrityProblem(sqlite3* db, const std::string& path) {
+    sqlite3_stmt* statement = nullptr;
+    if (sqlite3_prepare_v2(db, "PRAGMA integrity_check(1)", -1, &statement, nullptr) != SQLITE_OK)
+        return problemWith(db, path);
+    const bool row = sqlite3_step(statement) == SQLITE_ROW;
+    const std::string told =
+        row ? reinterpret_cast<const char*>(sqlite3_column_text(statement, 0)) : sqlite3_errmsg(db);
+    sqlite3_finalize(statement);
+    if (row && told == "ok") return "";
+    return "the database " + path + " is damaged (" + told +
+           "): restore the folder from a backup, or recover what can be read with sqlite3's .recover";
+}
+
+// Whether the database, of a file that was there before, was emptied. One of an earlier version lacks the table, too.
+bool isEmptied(sqlite3* db, const std::string& table) {
+    if (hasTable(db, table)) return false;
+    if (!hasTable(db, "dbinfor")) return true;
+    const std::string version = sd::kDatabaseVersion;
+    return yieldsRow(db, "SELECT 1 FROM dbinfor WHERE key = 'dbVersion' AND value = '" + version + "'");
+}
+
+// Opens the file as the store will, takes the write lock and looks for damage and for sealed rows in the table. Leaves
+// the file and its log as they are: a start that is refused must not have changed what is to be rescued.
+std::string checkDatabase(const std::string& path, const std::string& table, Findings& findings) {
+    std::string problem = logProblem(path + "-wal");
+    const bool wasThere = std::filesystem::exists(path);
+    if (!problem.empty()) return problem;
     const Database db = openDatabase(path, problem);
     if (!problem.empty()) return problem;
+    sqlite3_db_config(db.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
     if (sqlite3_exec(db.get(), "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK)
         return problemWith(db.get(), path);
-    if (hasTable(db.get(), table) && yieldsRow(db.get(), "SELECT 1 FROM " + table + " WHERE value <> '' LIMIT 1"))
-        sealedRows = true;
+    problem = integrityProblem(db.get(), path);
+    if (!problem.empty()) return problem;
+    const std::string rows = "SELECT 1 FROM " + table + " WHERE key <> '' AND value <> '' LIMIT 1";
+    if (hasTable(db.get(), table) && yieldsRow(db.get(), rows)) findings.sealedRows = true;
     const int code = sqlite3_errcode(db.get());
-    const bool fine = code == SQLITE_OK || code == SQLITE_ROW || code == SQLITE_DONE;
-    return fine ? "" : problemWith(db.get(), path);  // closing rolls the empty transaction back
+    if (code != SQLITE_OK && code != SQLITE_ROW && code != SQLITE_DONE) return problemWith(db.get(), path);
+    if (wasThere && isEmptied(db.get(), table)) findings.emptied = path;
+    return "";  // closing rolls the empty transaction back
 }
 
 }  // namespace
 
-std::string preflight(const std::string& dataFolder) {
-    if (std::string problem = makeFolder(dataFolder); !problem.empty()) return problem;
+std::string makeDataFolder(const std::string& dataFolder) {
+    return makeFolder(dataFolder);
+}
 
-    bool sealedRows = false;
+std::string preflight(const std::string& dataFolder) {
+    Findings findings;
     for (const auto& [file, table] : {std::pair{"/sdconfig.db", "secure_v3"}, {"/dmhelper.db", "dmhelperconfig"}})
-        if (std::string problem = checkDatabase(dataFolder + file, table, sealedRows); !problem.empty()) return problem;
+        if (std::string problem = checkDatabase(dataFolder + file, table, findings); !problem.empty()) return problem;
 
     const auto ring = sd::SDSecurity::GetInstance()->CheckKeyRing();
     if (ring.state == sd::SDSecurity::KeyRingState::Broken) return "the key ring can't be used: " + ring.detail;
-    if (sealedRows && ring.state == sd::SDSecurity::KeyRingState::Absent)
+    if (findings.sealedRows && ring.state == sd::SDSecurity::KeyRingState::Absent)
         return "the databases in " + dataFolder + " hold sealed values but the key ring " + ring.detail +
                " is missing: restore it from the same backup";
+    // The first seal makes the ring, and comes after the tables. One that was handed over tells nothing.
+    if (!findings.emptied.empty() && ring.detail == dataFolder + "/sdsecurity.keys")
+        return "the database " + findings.emptied + " is there but empty, though values were sealed in " + dataFolder +
+               ": restore the folder from a backup, or remove the file to begin anew";
     return "";
 }
 

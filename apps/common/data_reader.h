@@ -1,0 +1,46 @@
+// The one reader of a service's data folder: secure values and policies, whether the service runs or not. It creates
+// and changes nothing there, no key ring either.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "apps/common/table_reader.h"
+
+namespace apps {
+
+struct Policy {
+    std::string value;  // "": it sets no value
+    int priority;
+};
+
+class DataReader {
+public:
+    // Names the folder of the key ring to the security layer: one folder a process, before anything is sealed or
+    // opened.
+    explicit DataReader(const std::string& folder);
+
+    // Puts the rows of secure values, or of policies, into `rows`. key: only the row of that key, whatever its letter
+    // case. Returns a line for a person, with the path, or "".
+    std::string secureRows(std::vector<Row>& rows, const std::optional<std::string>& key = std::nullopt) const;
+    std::string policyRows(std::vector<Row>& rows, const std::optional<std::string>& key = std::nullopt) const;
+
+    // What a row holds, opened with the key ring; "" for an empty row. Nothing when it can't be opened, or is no
+    // policy.
+    static std::optional<std::string> secureValue(const Row& row);
+    static std::optional<Policy> policy(const Row& row);
+
+    // Why the key ring can't open anything; "" where it can.
+    static std::string ringProblem();
+
+    const std::string& folder() const { return mFolder; }
+
+private:
+    std::string rowsOf(const char* file, const char* table, const std::optional<std::string>& key,
+                       std::vector<Row>& rows) const;
+
+    std::string mFolder;
+};
+
+}  // namespace apps

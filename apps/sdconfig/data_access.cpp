@@ -1,0 +1,35 @@
+#include "apps/sdconfig/data_access.h"
+
+#include <filesystem>
+#include <string>
+
+#include "apps/common/data_folder.h"
+#include "apps/sdconfig/messages.h"
+#include "apps/sdconfig/service.h"
+
+namespace cli {
+
+namespace {
+
+bool isSameFolder(const std::string& one, const std::string& other) {
+    std::error_code failure;
+    return std::filesystem::equivalent(one, other, failure);
+}
+
+}  // namespace
+
+DataAccess accessData(const Request& request, const Service& service) {
+    DataAccess access;
+    const bool running = service.listening();
+    const std::string ofService = running ? service.dataFolder() : "";
+    if (!request.dataDir.empty() && !ofService.empty() && !isSameFolder(request.dataDir, ofService)) {
+        access.exitCode = otherDataFolder(request, ofService);
+        return access;
+    }
+    std::string folder = request.dataDir.empty() ? ofService : request.dataDir;
+    if (folder.empty() && !running) folder = apps::defaultDataFolder();
+    if (!folder.empty()) access.reader.emplace(std::filesystem::absolute(folder).lexically_normal());
+    return access;
+}
+
+}  // namespace cli

@@ -1,0 +1,23 @@
+// Whether a command may read the service's data folder itself, and which one that is.
+#pragma once
+
+#include <optional>
+
+#include "apps/common/data_reader.h"
+#include "apps/sdconfig/request.h"
+
+namespace cli {
+
+class Service;
+
+// Data of another service than the one that answers would be worse than none. So beside a running service its own
+// folder counts, where the system tells it, or else the one that the user named; without a service, the one that the
+// user named or the user's usual one.
+struct DataAccess {
+    std::optional<apps::DataReader> reader;
+    int exitCode = 0;  // where the user named another folder than the running service's: kUsage, and it was told
+};
+
+DataAccess accessData(const Request& request, const Service& service);
+
+}  // namespace cli

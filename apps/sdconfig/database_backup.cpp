@@ -1,0 +1,84 @@
+#include "apps/sdconfig/database_backup.h"
+
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <memory>
+
+namespace cli {
+
+namespace {
+
+// Copies made in the same second. More than these come from something that runs wild.
+constexpr int kMostSameSecond = 10;
+
+struct CloseDatabase {
+    void operator()(sqlite3* db) const { sqlite3_close(db); }
+};
+using Database = std::unique_ptr<sqlite3, CloseDatabase>;
+
+Database openExisting(const std::string& path) {
+    sqlite3* db = nullptr;
+    sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr);
+    return Database(db);
+}
+
+// Takes the database for this connection alone, up to its end: then nobody writes while it is copied. Returns why not.
+std::string takeExclusively(sqlite3* db) {
+    const int result =
+        sqlite3_exec(db, "PRAGMA locking_mode = EXCLUSIVE; BEGIN IMMEDIATE; COMMIT", nullptr, nullptr, nullptr);
+    if ((result & 0xff) == SQLITE_BUSY) return "it is in use by another process";
+    return result == SQLITE_OK ? "" : sqlite3_errmsg(db);
+}
+
+std::string nameNow(const std::string& database) {
+    const std::time_t now = std::time(nullptr);
+    std::tm parts{};
+    std::array<char, 32> text{};
+    ::gmtime_r(&now, &parts);
+    (void)std::strftime(text.data(), text.size(), "%Y%m%dT%H%M%SZ", &parts);
+    return database + "." + text.data();
+}
+
+// Makes an empty file that was not there. Returns its path, or "" with errno set.
+std::string createNew(const std::string& start) {
+    for (int count = 1; count <= kMostSameSecond; ++count) {
+        std::string path = start + (count == 1 ? "" : "-" + std::to_string(count)) + ".backup";
+        const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        if (file < 0 && errno == EEXIST) continue;
+        if (file < 0) return "";
+        ::close(file);
+        return path;
+    }
+    return "";
+}
+
+std::string copyInto(sqlite3* source, const std::string& path) {
+    const Database target = openExisting(path);
+    if (sqlite3_backup* const backup = sqlite3_backup_init(target.get(), "main", source, "main")) {
+        sqlite3_backup_step(backup, -1);
+        if (sqlite3_backup_finish(backup) == SQLITE_OK) return "";
+    }
+    return sqlite3_errmsg(target.get());
+}
+
+}  // namespace
+
+Backup keepBackup(const std::string& database) {
+    const Database source = openExisting(database);
+    if (std::string why = takeExclusively(source.get()); !why.empty())
+        return {"", database + " can't be written: " + why};
+    const std::string path = createNew(nameNow(database));
+    if (path.empty()) return {"", "no copy of " + database + " can be made beside it: " + std::strerror(errno)};
+    const std::string why = copyInto(source.get(), path);
+    if (why.empty()) return {path, ""};
+    ::unlink(path.c_str());
+    return {"", "no copy of " + database + " can be kept as " + path + ": " + why};
+}
+
+}  // namespace cli

@@ -1,0 +1,81 @@
+// list: the keys of the secure values and of the policies, read from the data folder itself.
+#include <algorithm>
+
+#include "apps/sdconfig/commands.h"
+#include "apps/sdconfig/data_access.h"
+#include "apps/sdconfig/messages.h"
+#include "apps/sdconfig/output.h"
+#include "apps/sdconfig/service.h"
+
+namespace cli {
+
+namespace {
+
+constexpr char kUnreadable[] = "(can't be opened)";
+
+struct Listing {
+    std::string text;
+    Object object{{"secure", Object::array()}, {"policies", Object::array()}};
+    bool complete = true;  // whether every value that was asked for could be opened
+};
+
+void sortByKey(std::vector<apps::Row>& rows) {
+    std::sort(rows.begin(), rows.end(), [](const auto& one, const auto& other) { return one.key < other.key; });
+}
+
+void addSecure(const apps::Row& row, bool show, Listing& listing) {
+    Object object;
+    addBytes(object, "key", row.key);
+    listing.text += "secure\t" + escaped(row.key);
+    if (show) {
+        const auto value = apps::DataReader::secureValue(row);
+        listing.text += "\t" + (value ? escaped(*value) : kUnreadable);
+        object["readable"] = value.has_value();
+        if (value) addBytes(object, "value", *value);
+        listing.complete = listing.complete && value;
+    }
+    listing.text += "\n";
+    listing.object["secure"].push_back(std::move(object));
+}
+
+void addPolicy(const apps::Row& row, bool show, Listing& listing) {
+    Object object;
+    addBytes(object, "uri", row.key);
+    listing.text += "policy\t" + escaped(row.key);
+    if (show) {
+        const auto policy = apps::DataReader::policy(row);
+        listing.text += policy ? "\t" + std::to_string(policy->priority) + "\t" + escaped(policy->value)
+                               : "\t-\t" + std::string(kUnreadable);
+        object["readable"] = policy.has_value();
+        if (policy) {
+            addBytes(object, "value", policy->value);
+            object["priority"] = policy->priority;
+        }
+        listing.complete = listing.complete && policy;
+    }
+    listing.text += "\n";
+    listing.object["policies"].push_back(std::move(object));
+}
+
+}  // namespace
+
+int listKeys(const Request& request, Service& service) {
+    const DataAccess access = accessData(request, service);
+    if (access.exitCode) return access.exitCode;
+    if (!access.reader) return dataUnreadable(request, "the system does not tell where the service keeps its data");
+    std::vector<apps::Row> secure;
+    std::vector<apps::Row> policies;
+    std::string problem = access.reader->secureRows(secure);
+    if (problem.empty()) problem = access.reader->policyRows(policies);
+    if (!problem.empty()) return dataUnreadable(request, problem);
+
+    sortByKey(secure);
+    sortByKey(policies);
+    Listing listing;
+    for (const apps::Row& row : secure) addSecure(row, request.show, listing);
+    for (const apps::Row& row : policies) addPolicy(row, request.show, listing);
+    const int printed = print(request, listing.text, listing.object);
+    return listing.complete ? printed : valuesUnreadable(request, apps::DataReader::ringProblem());
+}
+
+}  // namespace cli

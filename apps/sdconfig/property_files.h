@@ -1,0 +1,19 @@
+// Which build.prop file gives a property its value.
+#pragma once
+
+#include <string>
+
+namespace cli {
+
+struct FileValue {
+    std::string value;  // "": none, or an empty one
+    std::string file;   // "": no file that can be read here defines the property, or not a single one gives the value
+};
+
+// By the reader and the order of the service. productDir: the product's data folder, "" for none.
+FileValue propertyFromFiles(const std::string& key, const std::string& productDir);
+
+// Keys that begin with "ro." keep the first value that they get.
+bool isReadOnlyKey(const std::string& key);
+
+}  // namespace cli

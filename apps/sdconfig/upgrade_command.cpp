@@ -1,0 +1,150 @@
+// upgrade: carries a database of an earlier version over, while no service uses it.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <utility>
+
+#include "apps/common/data_folder_lock.h"
+#include "apps/common/upgrader.h"
+#include "apps/sdconfig/commands.h"
+#include "apps/sdconfig/database_backup.h"
+#include "apps/sdconfig/messages.h"
+#include "apps/sdconfig/output.h"
+#include "apps/sdconfig/upgrade_plan.h"
+#include "platform/sdsecurity/sdsecurity.h"
+
+namespace cli {
+
+namespace {
+
+struct Outcome {
+    std::string backup;
+    bool done = false;
+};
+
+constexpr const char* kTables[] = {"dbinfor", "config", "secure", "secure_v3"};
+
+const char* nameOf(UpgradeStep step) {
+    switch (step) {
+        case UpgradeStep::Nothing:
+            return "nothing";
+        case UpgradeStep::Stamp:
+            return "stamp";
+        case UpgradeStep::Copy:
+            return "copy";
+        case UpgradeStep::ForcedCopy:
+            return "forced copy";
+        default:
+            return "needs --force";
+    }
+}
+
+bool copies(UpgradeStep step) {
+    return step == UpgradeStep::Copy || step == UpgradeStep::ForcedCopy;
+}
+
+std::string textOf(const LegacyEntry& entry) {
+    std::string text = "  " + escaped(entry.name);
+    if (entry.rows > 1) text += ", " + std::to_string(entry.rows) + " pieces";
+    if (entry.replaces) text += ", replaces what is sealed";
+    for (std::size_t i = 0; i < entry.lost.size(); ++i)
+        text += (i == 0 ? ", not carried over: " : " ") + escaped(entry.lost[i]);
+    return text + "\n";
+}
+
+std::string textOf(const std::string& title, const std::vector<LegacyEntry>& entries) {
+    std::string text = title + ": " + std::to_string(entries.size()) + "\n";
+    for (const LegacyEntry& entry : entries) text += textOf(entry);
+    return text;
+}
+
+std::string conclusion(const Request& request, const UpgradePlan& plan, const Outcome& outcome) {
+    if (plan.step == UpgradeStep::Nothing) return "nothing to do\n";
+    if (plan.step == UpgradeStep::NeedsForce) return "";
+    if (request.dryRun) return copies(plan.step) ? "would be copied and get version 3\n" : "would get version 3\n";
+    return (outcome.backup.empty() ? "" : "kept a copy: " + outcome.backup + "\n") +
+           (outcome.done ? "upgraded to version 3\n" : "");
+}
+
+std::string report(const Request& request, const UpgradePlan& plan, const Outcome& outcome) {
+    std::string text = "version: " + (plan.version.empty() ? "none" : escaped(plan.version)) + "\nrows:";
+    for (const char* table : kTables) text += std::string(" ") + table + " " + std::to_string(plan.rows.at(table));
+    text += "\n" + textOf("settings", plan.settings) + textOf("secure values", plan.secure);
+    for (const std::string& key : plan.nameless) text += "not copied, it has no \"@\": " + escaped(key) + "\n";
+    return text + conclusion(request, plan, outcome);
+}
+
+Object objectOf(const LegacyEntry& entry) {
+    Object object;
+    addBytes(object, "key", entry.name);
+    object["rows"] = entry.rows;
+    object["replaces"] = entry.replaces;
+    object["lost"] = Object::array();
+    for (const std::string& key : entry.lost) addBytes(object["lost"].emplace_back(), "key", key);
+    return object;
+}
+
+Object reportObject(const Request& request, const UpgradePlan& plan, const Outcome& outcome) {
+    Object object;
+    addBytes(object, "folder", request.key);
+    addBytes(object, "version", plan.version);
+    for (const char* table : kTables) object["rows"][table] = plan.rows.at(table);
+    for (const auto& [name, entries] : {std::pair{"settings", &plan.settings}, {"secure", &plan.secure}}) {
+        object[name] = Object::array();
+        for (const LegacyEntry& entry : *entries) object[name].push_back(objectOf(entry));
+    }
+    object["nameless"] = Object::array();
+    for (const std::string& key : plan.nameless) addBytes(object["nameless"].emplace_back(), "key", key);
+    object["step"] = nameOf(plan.step);
+    outcome.backup.empty() ? void(object["backup"] = nullptr) : addBytes(object, "backup", outcome.backup);
+    object["done"] = outcome.done;
+    return object;
+}
+
+// Why the folder is not one to work in; "" where it is.
+std::string unfitFolder(const std::string& folder) {
+    struct stat status {};
+    if (::stat(folder.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) return "there is no folder " + folder;
+    // The files made here would be ours, and the service of the other user could not use them.
+    if (status.st_uid != ::geteuid()) return folder + " belongs to another user: upgrade it as that user";
+    return "";
+}
+
+bool carryOver(const std::string& database, UpgradeStep step) {
+    apps::Upgrader store(database);
+    return store.isCurrent() && (step != UpgradeStep::ForcedCopy || store.copyAll());
+}
+
+int finish(const Request& request, const UpgradePlan& plan, const Outcome& outcome) {
+    const int printed = print(request, report(request, plan, outcome), reportObject(request, plan, outcome));
+    if (plan.step == UpgradeStep::NeedsForce) return upgradeNeedsForce(request);
+    if (!request.dryRun && !outcome.done) return upgradeFailed(request, outcome.backup);
+    const std::size_t lost = copies(plan.step) ? plan.lostRows() : 0;
+    return lost > 0 ? rowsLost(request, lost) : printed;
+}
+
+}  // namespace
+
+int upgradeDatabase(const Request& request, Service& /*service*/) {
+    const std::string folder = std::filesystem::absolute(request.key).lexically_normal();
+    const std::string database = folder + "/sdconfig.db";
+    if (const std::string problem = unfitFolder(folder); !problem.empty()) return notUpgraded(request, problem);
+
+    apps::DataFolderLock lock;
+    std::string problem = apps::usedBy(folder);
+    if (problem.empty() && !request.dryRun) problem = lock.take(folder);
+    if (!problem.empty()) return notUpgraded(request, problem);
+
+    sd::SDSecurity::GetInstance()->SetKeyRingFolder(folder);
+    const UpgradePlan plan = planUpgrade(folder, request.force);
+    if (!plan.problem.empty()) return notUpgraded(request, plan.problem);
+    if (request.dryRun || plan.step == UpgradeStep::NeedsForce) return finish(request, plan, {});
+    if (plan.step == UpgradeStep::Nothing) return finish(request, plan, {"", true});
+
+    const Backup backup = keepBackup(database);
+    if (!backup.problem.empty()) return notUpgraded(request, backup.problem);
+    return finish(request, plan, {backup.path, carryOver(database, plan.step)});
+}
+
+}  // namespace cli

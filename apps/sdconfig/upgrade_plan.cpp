@@ -1,0 +1,153 @@
+#include "apps/sdconfig/upgrade_plan.h"
+
+#include <strings.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <filesystem>
+#include <numeric>
+#include <set>
+
+#include "apps/common/table_reader.h"
+#include "platform/sdsecurity/sdsecurity.h"
+#include "sdtks/sdtks.h"
+#include "src/sdconfig_helpers.h"
+#include "src/sdconfig_legacy_piece.h"
+
+namespace cli {
+
+namespace {
+
+using apps::Row;
+
+// As the tables compare their keys.
+struct IgnoreCase {
+    bool operator()(const std::string& a, const std::string& b) const { return ::strcasecmp(a.c_str(), b.c_str()) < 0; }
+};
+using Values = std::map<std::string, std::string, IgnoreCase>;
+
+Values valuesOf(const std::vector<Row>& rows) {
+    Values values;
+    for (const Row& row : rows) values.emplace(row.key, row.value);
+    return values;
+}
+
+bool hasZeroByte(const std::string& text) {
+    return text.find('\0') != std::string::npos;
+}
+
+// A key that the store would take for another one, or for none.
+std::string unfitKey(const std::string& database, const std::string& table, const std::vector<Row>& rows) {
+    const auto unfit = [](const Row& row) { return row.key.empty() || hasZeroByte(row.key); };
+    if (std::none_of(rows.begin(), rows.end(), unfit)) return "";
+    return "the table " + table + " of " + database + " has a row whose key is no text, or an empty one";
+}
+
+bool deciphers(std::string text) {
+    std::array<char, 256> ignored;
+    return sd::SDTks::Decrypt(text.data(), ignored.data(), static_cast<int>(ignored.size())) == 1;
+}
+
+// The rows of `keys`, those of one value, that the store does not reach or can't decipher.
+std::vector<std::string> lostPieces(const std::string& name, std::vector<std::string> keys, const Values& secure) {
+    std::set<std::string, IgnoreCase> read;
+    for (int piece = 0; piece < sd::kMaxLegacyPieces; ++piece) {
+        const auto row = secure.find(sd::legacyPieceKey(name, piece));
+        if (row == secure.end() || row->second.empty()) break;
+        if (deciphers(row->second) && !hasZeroByte(row->second)) read.insert(row->first);
+    }
+    const auto carriedOver = [&](const std::string& key) { return read.count(key) > 0 || secure.at(key).empty(); };
+    keys.erase(std::remove_if(keys.begin(), keys.end(), carriedOver), keys.end());
+    return keys;
+}
+
+void planSettings(const std::vector<Row>& config, const Values& sealed, UpgradePlan& plan) {
+    for (const auto& [key, value] : config) {
+        LegacyEntry entry{key, 1, {}, sealed.count(key) > 0};
+        if (hasZeroByte(value)) entry.lost.push_back(key);
+        plan.settings.push_back(std::move(entry));
+    }
+}
+
+void planSecure(const std::vector<Row>& rows, const Values& sealed, UpgradePlan& plan) {
+    const Values secure = valuesOf(rows);
+    std::vector<std::string> names;
+    std::map<std::string, std::vector<std::string>> keys;  // by name
+    for (const Row& row : rows) {
+        const std::size_t at = row.key.find('@');
+        if (at == std::string::npos) {
+            plan.nameless.push_back(row.key);
+            continue;
+        }
+        std::vector<std::string>& ofName = keys[row.key.substr(0, at)];
+        if (ofName.empty()) names.push_back(row.key.substr(0, at));
+        ofName.push_back(row.key);
+    }
+    for (const std::string& name : names)
+        plan.secure.push_back({name, keys[name].size(), lostPieces(name, keys[name], secure), sealed.count(name) > 0});
+}
+
+UpgradeStep nextStep(const UpgradePlan& plan, bool force) {
+    const bool current =
+        std::strtol(plan.version.c_str(), nullptr, 10) >= std::strtol(sd::kDatabaseVersion, nullptr, 10);
+    const bool legacy = plan.rows.at("config") + plan.rows.at("secure") > 0;
+    const bool sealed = plan.rows.at("secure_v3") > 0;
+    if (sealed && !current) return UpgradeStep::Copy;
+    if (!legacy) return sealed || current ? UpgradeStep::Nothing : UpgradeStep::Stamp;
+    if (force) return UpgradeStep::ForcedCopy;
+    return sealed ? UpgradeStep::Nothing : UpgradeStep::NeedsForce;
+}
+
+bool anySealed(const std::vector<Row>& rows) {
+    return std::any_of(rows.begin(), rows.end(), [](const Row& row) { return !row.value.empty(); });
+}
+
+// A ring that the first seal would make beside values that are sealed with another one would hide that the other is
+// missing.
+std::string ringProblem(const std::string& folder, bool sealedValues) {
+    using State = sd::SDSecurity::KeyRingState;
+    const std::string policies = folder + "/dmhelper.db";
+    if (std::filesystem::exists(policies)) {
+        apps::Tables tables = apps::readTables(policies, {"dmhelperconfig"});
+        if (!tables.problem.empty()) return tables.problem;
+        sealedValues = sealedValues || anySealed(tables.rows["dmhelperconfig"]);
+    }
+    const auto ring = sd::SDSecurity::GetInstance()->CheckKeyRing();
+    if (ring.state == State::Broken) return "the key ring can't be used: " + ring.detail;
+    if (ring.state == State::Absent && sealedValues)
+        return "there are sealed values but the key ring is missing, " + ring.detail +
+               "; restore it from the same backup";
+    return "";
+}
+
+}  // namespace
+
+std::size_t UpgradePlan::lostRows() const {
+    const auto add = [](std::size_t sum, const LegacyEntry& entry) { return sum + entry.lost.size(); };
+    return std::accumulate(secure.begin(), secure.end(),
+                           std::accumulate(settings.begin(), settings.end(), std::size_t{0}, add), add);
+}
+
+UpgradePlan planUpgrade(const std::string& folder, bool force) {
+    UpgradePlan plan;
+    const std::string path = folder + "/sdconfig.db";
+    apps::Tables tables = apps::readTables(path, {"dbinfor", "config", "secure", "secure_v3"});
+    plan.problem = tables.problem;
+    for (const char* table : {"dbinfor", "config", "secure", "secure_v3"}) {
+        const std::vector<Row>& rows = tables.rows[table];
+        plan.rows[table] = rows.size();
+        if (plan.problem.empty()) plan.problem = unfitKey(path, table, rows);
+    }
+    const std::vector<Row>& sealed = tables.rows["secure_v3"];
+    if (plan.problem.empty()) plan.problem = ringProblem(folder, anySealed(sealed));
+    if (!plan.problem.empty()) return plan;
+
+    plan.version = valuesOf(tables.rows["dbinfor"])["dbVersion"];
+    planSettings(tables.rows["config"], valuesOf(sealed), plan);
+    planSecure(tables.rows["secure"], valuesOf(sealed), plan);
+    plan.step = nextStep(plan, force);
+    return plan;
+}
+
+}  // namespace cli

@@ -1,0 +1,247 @@
+// watch: prints changes of keys as they happen, through restarts of the service. docs/listeners.md has the recipe.
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <map>
+#include <mutex>
+#include <optional>
+
+#include "apps/sdconfig/change_queue.h"
+#include "apps/sdconfig/command_runner.h"
+#include "apps/sdconfig/commands.h"
+#include "apps/sdconfig/effective.h"
+#include "apps/sdconfig/messages.h"
+#include "apps/sdconfig/output.h"
+#include "apps/sdconfig/service.h"
+#include "apps/sdconfig/signal_pipe.h"
+#include "libsdconfig/dmconfig.h"
+#include "libsdconfig/sdconfig.h"
+#include "src/sdconfig_protocol.h"
+
+namespace cli {
+
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+constexpr auto kCheckEvery = 1000ms;
+constexpr auto kMostForUnregistering = 5000ms;
+
+sd::DMConfig& policies() {
+    return *sd::DMConfig::GetInstance();
+}
+
+// What the event thread hears, for the main thread.
+class Inbox : public sd::DMConfig::Listener {
+public:
+    Inbox() : mArrived(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+    ~Inbox() override {
+        if (mArrived >= 0) ::close(mArrived);
+    }
+    Inbox(const Inbox&) = delete;
+    Inbox& operator=(const Inbox&) = delete;
+
+    void onChanged(const std::string& key, const std::string& value, bool flag) override {
+        const std::lock_guard lock(mMutex);
+        if (!mChanges.push({key, value, flag})) ++mLeftOut;
+        (void)::eventfd_write(mArrived, 1);
+    }
+
+    std::optional<Change> take() {
+        const std::lock_guard lock(mMutex);
+        return mChanges.pop();
+    }
+
+    std::size_t takeLeftOut() {
+        const std::lock_guard lock(mMutex);
+        return std::exchange(mLeftOut, 0);
+    }
+
+    int descriptor() const { return mArrived; }  // readable when something may be there
+    void drain() const {
+        eventfd_t count = 0;
+        (void)::eventfd_read(mArrived, &count);
+    }
+
+private:
+    const int mArrived;
+    std::mutex mMutex;
+    ChangeQueue mChanges;
+    std::size_t mLeftOut = 0;
+};
+
+class Watch {
+public:
+    Watch(const Request& request, Service& service)
+        : mRequest(request),
+          mService(service),
+          // The reader of our output may leave, too.
+          mSignals({SIGINT, SIGTERM, SIGHUP, SIGPIPE}),
+          mRunner(request.execute) {
+        for (const std::string& key : request.keys) mKnown[key];
+        for (const auto& [key, value] : mKnown) mKeys.push_back(key);
+    }
+
+    int run() {
+        for (const std::string& key : mKeys) mUnregistered[key] = &mInbox;
+        const auto answer = mService.call("RegisterListenersWithList(", [&] { return registerAgain(); });
+        if (answer.exitCode) return answer.exitCode;
+        if (!answer.result) return notRegistered(mRequest);
+        mProcess = mService.processId();
+        for (auto& [key, value] : mKnown) value = current(key);
+        noteWatching(mKeys.size());
+        int code = kDone;
+        while (code == kDone && !interrupted()) code = step();
+        unregister();
+        mRunner.finish();
+        return code;
+    }
+
+private:
+    // Waits for whatever comes first: a signal, a change, the end of a command, or the time for a check.
+    bool interrupted() {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(mNextCheck - Clock::now());
+        std::array<pollfd, 3> sources{
+            {{mSignals.descriptor(), POLLIN, 0}, {mInbox.descriptor(), POLLIN, 0}, {mRunner.descriptor(), POLLIN, 0}}};
+        ::poll(sources.data(), sources.size(), static_cast<int>(std::max(left, 0ms).count()) + 1);
+        pollfd signal{mSignals.descriptor(), POLLIN, 0};
+        return ::poll(&signal, 1, 0) > 0;
+    }
+
+    int step() {
+        mInbox.drain();
+        while (const auto change = mInbox.take())
+            if (const int code = take(*change)) return code;
+        if (const std::size_t count = mInbox.takeLeftOut()) {
+            noteLeftOut(count);
+            mReadings = 1;
+        }
+        mRunner.proceed();
+        if (Clock::now() < mNextCheck) return kDone;
+        const int code = check();
+        mNextCheck = Clock::now() + kCheckEvery;
+        return code;
+    }
+
+    // A deletion is told of with an empty value, whatever shows from under it.
+    int take(const Change& change) {
+        if (change.value.empty())
+            if (const auto now = current(change.key)) return tellIfNew(*now);
+        return tellIfNew(change);
+    }
+
+    int tell(const Change& change) {
+        mKnown[change.key] = change;
+        mRunner.add(change);
+        Object object;
+        addBytes(object, "key", change.key);
+        addBytes(object, "value", change.value);
+        object["strong"] = change.strong;
+        return print(mRequest, escaped(change.key) + " " + escaped(change.value) + "\n", object);
+    }
+
+    int tellIfNew(const Change& now) {
+        const std::optional<Change>& known = mKnown[now.key];
+        if (known && known->value == now.value && known->strong == now.strong) return kDone;
+        return tell(now);
+    }
+
+    // The value as the service has it: the secure one, or the property where there is none; of a property the service
+    // says that it is strong. Nothing where the service doesn't answer.
+    static std::optional<Change> current(const std::string& key) {
+        const sd::PolicyMap policy = policies().GetPolicyWithUri(key);
+        if (policy.empty()) return std::nullopt;
+        const Effective effective = answered(policy);
+        const bool strong = effective.origin == Origin::StrongPolicy;
+        if (!effective.value.empty() || strong) return Change{key, effective.value, strong};
+        const std::string property = sd::SDConfig::GetInstance()->GetProperty(key);
+        return Change{key, property, !property.empty()};
+    }
+
+    int check() {
+        if (!mService.listening()) {
+            if (!std::exchange(mLost, true)) noteServiceLost();
+            return kDone;
+        }
+        const int process = mService.processId();
+        const bool restarted = process != 0 && process != mProcess;
+        const bool registered = registerMissing();
+        if (restarted) mProcess = process;
+        if (restarted || registered) {
+            restarted ? noteRestarted() : noteRegisteredAgain();
+            // The bus layer takes up to half a second to have events sent to it again, so this is done twice.
+            mReadings = 2;
+        }
+        mLost = false;
+        return readAgain();
+    }
+
+    // Whether keys had no registration any more and have one now. A key that another client keeps registered is left
+    // alone: taking a registration of ours back would take that client's.
+    bool registerMissing() {
+        if (mUnregistered.empty() && policies().IsAllConfigsAlreadyListened(mKeys)) return false;
+        if (!mService.probe().answered) return false;  // each call below would wait as long
+        for (const std::string& key : mKeys) {
+            if (mUnregistered.count(key) != 0 || policies().IsAllConfigsAlreadyListened({key})) continue;
+            policies().UnRegisterListener(key, &mInbox, true);
+            mUnregistered[key] = &mInbox;
+        }
+        return !mUnregistered.empty() && registerAgain();
+    }
+
+    // Registering one by one would send nothing: the client remembers a key that it registered once.
+    bool registerAgain() {
+        const bool registered = policies().RegisterListenersWithList(mUnregistered, true);
+        if (registered) mUnregistered.clear();
+        return registered;
+    }
+
+    // Tells of what changed while nothing was heard.
+    int readAgain() {
+        if (mReadings == 0) return kDone;
+        --mReadings;
+        for (const std::string& key : mKeys) {
+            const auto now = current(key);
+            if (!now) continue;
+            if (const int code = tellIfNew(*now)) return code;
+        }
+        return kDone;
+    }
+
+    void unregister() {
+        const auto limit = Clock::now() + kMostForUnregistering;  // a service that hangs takes as long for each key
+        for (const std::string& key : mKeys)
+            if (mUnregistered.count(key) == 0 && mService.listening() && Clock::now() < limit)
+                policies().UnRegisterListener(key, &mInbox, true);
+    }
+
+    const Request& mRequest;
+    Service& mService;
+    SignalPipe mSignals;
+    CommandRunner mRunner;
+    Inbox mInbox;
+    std::vector<std::string> mKeys;
+    std::map<std::string, std::optional<Change>> mKnown;  // the last value that was seen
+    sd::DMConfig::ListenerList mUnregistered;
+    Clock::time_point mNextCheck = Clock::now() + kCheckEvery;
+    int mReadings = 0;
+    int mProcess = 0;
+    bool mLost = false;
+};
+
+}  // namespace
+
+int watchKeys(const Request& request, Service& service) {
+    if (request.keys.size() > static_cast<std::size_t>(sd::protocol::kMaxElements))
+        return misused(request.command, "more than 122 keys are more than one call takes");
+    if (const int code = service.require()) return code;
+    return Watch(request, service).run();
+}
+
+}  // namespace cli

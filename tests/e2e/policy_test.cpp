@@ -1,0 +1,178 @@
+// Policies on the command line: single ones, and files of them.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+#include "tests/e2e/sandbox.h"
+
+namespace test {
+namespace {
+
+using nlohmann::json;
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+class PolicyTest : public Sandbox {
+protected:
+    void expect(const std::vector<std::string>& arguments, int exitCode, const std::string& out) const {
+        const Result result = cli(arguments);
+        EXPECT_EQ(result.exitCode, exitCode) << result.err;
+        EXPECT_EQ(result.out, out);
+        EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), exitCode == 0 ? 0 : 1) << result.err;
+    }
+    std::string rowCount() const {
+        return query(path("data/dmhelper.db"), "SELECT count(*) FROM dmhelperconfig")[0][0];
+    }
+    std::string fileOf300() const {
+        json policies;
+        for (int i = 0; i < 300; ++i)
+            policies["uri" + std::to_string(i)] = {{"value", std::to_string(i)}, {"priority", 6}};
+        writeFile(path("policies.json"), policies.dump());
+        return path("policies.json");
+    }
+};
+
+TEST_F(PolicyTest, OneAtATime) {
+    const Process service = startService();
+    expect({"secure", "set", "k", "local"}, 0, "");
+    expect({"policy", "set", "K", "on", "6"}, 0, "");
+    expect({"policy", "get", "k"}, 0, "on\n");
+    expect({"policy", "get", "k", "--json"}, 0, "{\"uri\":\"k\",\"set\":true,\"value\":\"on\",\"priority\":6}\n");
+    expect({"policy", "strong", "k"}, 0, "strong\n");
+    expect({"policy", "set", "k", "on", "5"}, 0, "");
+    expect({"policy", "get", "k"}, 0, "local\n");
+    EXPECT_EQ(cli({"policy", "strong", "k"}).out, "not strong\n");
+    EXPECT_EQ(cli({"policy", "strong", "k"}).exitCode, 1);
+    expect({"policy", "set", "m", "caf\xc3\xa9", "0"}, 0, "");  // reads back as it was, unlike a secure value
+    expect({"policy", "get", "m"}, 0, "caf\xc3\xa9\n");
+    expect({"policy", "set", "empty", "", "127"}, 0, "");
+    expect({"policy", "get", "empty"}, 1, "");
+    expect({"policy", "list"}, 0, "empty\t127\t\nk\t5\ton\nm\t0\tcaf\xc3\xa9\n");
+    expect({"policy", "delete", "k"}, 0, "");
+    expect({"policy", "delete", "k", "--json"}, 0, "{\"uri\":\"k\",\"done\":true}\n");
+
+    for (const char* value : {"a&&&b", "a&", "null_value", "\xe2\x82\xac", "\xff"})
+        expect({"policy", "set", "k", value, "7"}, 2, "");
+    for (const char* priority : {"128", "-1", "5.5", "1e9", "", "7 "})
+        expect({"policy", "set", "k", "on", priority}, 2, "");
+    EXPECT_EQ(rowCount(), "2");
+}
+
+TEST_F(PolicyTest, ClearAsks) {
+    const Process service = startService();
+    expect({"policy", "set", "k", "on", "6"}, 0, "");
+    expect({"policy", "clear"}, 2, "");
+    for (const auto& [answer, exitCode, rows] : {std::tuple{"n\n", 1, "1"}, {"y\n", 0, "0"}}) {
+        TerminalProcess terminal(cliCommand({"policy", "clear"}), environment());
+        ASSERT_TRUE(terminal.waitForScreen("[y/N] "));
+        terminal.type(answer);
+        EXPECT_EQ(terminal.wait(), exitCode);
+        EXPECT_EQ(rowCount(), rows);
+    }
+    expect({"policy", "set", "k", "on", "6"}, 0, "");
+    expect({"policy", "clear", "--yes"}, 0, "");
+    EXPECT_EQ(rowCount(), "0");
+}
+
+TEST_F(PolicyTest, AFileIsCheckedWholeBeforeAnythingIsSent) {
+    const Process service = startService();
+    const std::string good = R"("good": {"value": "secret", "priority": 6})";
+    const struct {
+        std::string text;
+        const char* told;
+    } cases[] = {
+        {"", "line 1: "},
+        {"{" + good, "line 1, \"good\": ends too early"},
+        {"{" + good + "}}", "line 1"},
+        {"\xef\xbb\xbf{" + good + "}", "byte order mark"},
+        {"[]", "is no object of policies"},
+        {"{" + good + ",\n\"k\": \"secret\"}", R"(line 2, "k": is no object)"},
+        {"{" + good + ",\n\n\"GOOD\": {}}", R"(line 3, "GOOD": differs only in letter case from "good" in line 1)"},
+        {"{" + good + ",\n" + good + "}", "line 2, \"good\": stands there twice"},
+        {"{\"\": {}}", "empty URI"},
+        {"{\"k\": {\"value\": \"secret\"}}", "has no \"priority\""},
+        {"{\"k\": {\"priority\": 1}}", "has no \"value\""},
+        {"{\"k\": {\"value\": \"secret\", \"value\": \"\"}}", R"("k", "value": stands there twice)"},
+        {"{\"k\": {\"prio\": 1}}", R"("k", "prio": is no field)"},
+        {"{\"k\": {\"value\": 7}}", R"("k", "value": has to be a text)"},
+        {"{\"k\": {\"value\": \"secret\\u0000\"}}", "zero byte"},
+        {"{\"k\": {\"value\": \"secret&&&7\"}}", "contains \"&&&\""},
+        {"{\"k\": {\"value\": \"secret\xff\"}}", "not UTF-8"},
+        {"{\"k\": {\"priority\": \"5\"}}", R"("k", "priority": is a text)"},
+        {"{\n\"k\": {\"priority\": 128\n}}", R"(line 2, "k", "priority": has to be a whole number)"},
+        {"{\"k\": {\"priority\": -1}}", "from 0 to 127"},
+        {"{\"k\": {\"priority\": 5.5}}", "from 0 to 127"},
+        {"{\"k\": {\"priority\": 1e9}}", "from 0 to 127"},
+        {std::string((16 << 20) + 1, ' '), "longer than 16 MiB"},
+    };
+    for (const auto& [text, told] : cases) {
+        const Result result = cli({"policy", "apply", "-"}, text);
+        SCOPED_TRACE(result.err);
+        EXPECT_EQ(result.exitCode, 2);
+        EXPECT_THAT(result.err, AllOf(HasSubstr(told), Not(HasSubstr("secret"))));
+    }
+    EXPECT_THAT(cli({"policy", "apply", path("data")}).err, HasSubstr("Is a directory"));
+    EXPECT_EQ(rowCount(), "0");
+}
+
+TEST_F(PolicyTest, ALargeFileArrivesWholeAndComesBack) {
+    const Process service = startService({"--log-level", "8"});
+    const std::string file = fileOf300();
+    const json report = json::parse(cli({"policy", "apply", file, "--json"}).out);
+    EXPECT_EQ(report["policies"].size(), 300u);
+    for (const json& policy : report["policies"]) EXPECT_EQ(policy["outcome"], "in_force") << policy;
+    EXPECT_EQ(rowCount(), "300");
+
+    const Result list = cli({"policy", "list", "--json"});
+    EXPECT_EQ(json::parse(list.out)["policies"].size(), 300u);
+    EXPECT_THAT(list.err, HasSubstr("lists 122 policies at most; all were read from " + path("data")));
+    EXPECT_EQ(cli({"policy", "export", path("out.json")}).exitCode, 0);
+    EXPECT_EQ(json::parse(readFile(path("out.json"))), json::parse(readFile(file)));
+
+    query(path("data/dmhelper.db"), "UPDATE dmhelperconfig SET value = 'v1damage' WHERE key = 'uri7'");
+    EXPECT_THAT(cli({"policy", "list"}).out, HasSubstr("uri7\t-\t(can't be read)\n"));
+    const Result exported = cli({"policy", "export", "-"});
+    EXPECT_EQ(exported.exitCode, 1);
+    EXPECT_THAT(exported.err, HasSubstr("\"uri7\" is left out"));
+    EXPECT_EQ(json::parse(exported.out).size(), 299u);
+
+    std::filesystem::remove(path("data/dmhelper.db"));  // the service goes on with the file that has no name any more
+    const Result cut = cli({"policy", "list"});
+    EXPECT_THAT(cut.err, HasSubstr("there may be more"));
+    EXPECT_EQ(cli({"policy", "export", path("out.json")}).exitCode, 1);
+    EXPECT_THAT(cli({"policy", "export", path("etc")}).err, HasSubstr("no regular file"));
+}
+
+TEST_F(PolicyTest, ADryRunTellsWhatWouldChange) {
+    const Process service = startService();
+    expect({"secure", "set", "local", "hidden"}, 0, "");
+    expect({"policy", "set", "weak", "old", "3"}, 0, "");
+    writeFile(path("p.json"), R"({"local": {"value": "new", "priority": 5}, "weak": {"value": "new", "priority": 4},
+                                  "strong": {"value": "new", "priority": 6}})");
+    const std::string preview = cli({"policy", "apply", path("p.json"), "--dry-run"}).out;
+    EXPECT_THAT(preview, AllOf(HasSubstr("= local: (a local value): the local secure value"),
+                               HasSubstr("~ weak: \"old\" -> \"new\": a policy of priority 4"),
+                               HasSubstr("~ strong: (no value) -> \"new\": a policy of priority 6")));
+    EXPECT_THAT(cli({"policy", "apply", path("p.json"), "--dry-run", "--show"}).out, HasSubstr("\"hidden\""));
+    EXPECT_EQ(rowCount(), "1");
+    const std::string applied = "local: outweighed by what is set locally\nweak: in force\nstrong: in force\n";
+    expect({"policy", "apply", path("p.json")}, 0, applied);
+
+    std::filesystem::rename(path("data/sdconfig.db"), path("data/away"));  // so that only the service tells
+    const json blind = json::parse(cli({"policy", "apply", path("p.json"), "--dry-run", "--json"}).out)["policies"];
+    EXPECT_EQ(blind[0]["after"], nullptr);
+    EXPECT_EQ(blind[0]["before"].count("value"), 0u);
+    EXPECT_EQ(blind[1]["after"]["value"], "new");
+
+    query(path("data/dmhelper.db"),
+          "CREATE TRIGGER no BEFORE INSERT ON dmhelperconfig WHEN new.key = 'strong' "
+          "BEGIN SELECT RAISE(ABORT, ''); END");
+    expect({"policy", "delete", "strong"}, 0, "");
+    expect({"policy", "apply", path("p.json")}, 1, applied.substr(0, applied.rfind("in force")) + "not stored\n");
+}
+
+}  // namespace
+}  // namespace test

@@ -1,0 +1,114 @@
+// watch: changes as lines, restarts of the service beneath it, and the command that it runs.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <optional>
+
+#include "libsdconfig/dmconfig.h"
+#include "tests/e2e/sandbox.h"
+
+namespace test {
+namespace {
+
+using ::testing::HasSubstr;
+
+class WatchTest : public Sandbox {
+protected:
+    Process watch(std::vector<std::string> arguments) const {
+        arguments.insert(arguments.begin(), "watch");
+        Process process = Process::start(cliCommand(arguments), environment());
+        EXPECT_TRUE(process.waitForErr("watching ")) << process.err();
+        return process;
+    }
+    static void expectOut(const Process& process, const std::string& out) {
+        EXPECT_TRUE(waitUntil([&] { return process.out() == out; })) << process.out() << process.err();
+    }
+    static void expectEnds(Process& process, int signal) {
+        process.kill(signal);
+        EXPECT_EQ(process.wait(), 0) << process.err();
+    }
+    bool isRegistered(const std::string& key) {
+        mRuntime.emplace("XDG_RUNTIME_DIR", path("run").c_str());
+        return sd::DMConfig::GetInstance()->IsAllConfigsAlreadyListened({key});
+    }
+
+private:
+    std::optional<ScopedEnv> mRuntime;
+};
+
+TEST_F(WatchTest, PrintsEveryChangeUntilItIsInterrupted) {
+    const Process service = startService();
+    Process text = watch({"k", "theme", "k"});
+    Process objects = watch({"k", "--json"});
+    cli({"secure", "set", "k", "local"});
+    cli({"policy", "set", "k", "weak", "5"});
+    cli({"policy", "set", "k", "two\nlines", "6"});
+    cli({"policy", "delete", "k"});
+    cli({"set", "theme", "dark"});
+    cli({"delete", "theme"});
+    expectOut(text, "k local\nk two\\x0alines\nk local\ntheme dark\ntheme \n");
+    expectOut(objects,
+              "{\"key\":\"k\",\"value\":\"local\",\"strong\":false}\n"
+              "{\"key\":\"k\",\"value\":\"two\\nlines\",\"strong\":true}\n"
+              "{\"key\":\"k\",\"value\":\"local\",\"strong\":false}\n");
+    EXPECT_TRUE(isRegistered("theme"));
+    expectEnds(text, SIGINT);
+    EXPECT_FALSE(isRegistered("theme"));
+    EXPECT_TRUE(isRegistered("k"));
+    expectEnds(objects, SIGTERM);
+    EXPECT_FALSE(isRegistered("k"));
+
+    const std::string many(123, 'k');
+    EXPECT_EQ(cli({"watch"}).exitCode, 2);
+    EXPECT_EQ(run({"sh", "-c", "exec " SDCONFIG_CLI " watch $(seq 123)"}, environment()).exitCode, 2);
+}
+
+TEST_F(WatchTest, OutlivesAKilledServiceAndMissesNothing) {
+    Process service = startService();
+    Process first = watch({"k", "other"});
+    Process second = watch({"k"});  // whichever registers first, the other finds the key registered
+    cli({"policy", "set", "k", "before", "6"});
+    expectOut(first, "k before\n");
+    service.kill(SIGKILL);
+    service.wait();
+    EXPECT_TRUE(first.waitForErr("the service is gone"));
+    EXPECT_TRUE(second.waitForErr("the service is gone"));
+    Process next = startService();
+    cli({"policy", "set", "k", "meanwhile", "7"});
+    for (Process* process : {&first, &second}) {
+        EXPECT_TRUE(process->waitForErr("has been restarted"));
+        expectOut(*process, "k before\nk meanwhile\n");
+    }
+    cli({"policy", "set", "k", "after", "7"});
+    cli({"secure", "set", "other", "x"});
+    expectOut(first, "k before\nk meanwhile\nk after\nother x\n");
+    expectOut(second, "k before\nk meanwhile\nk after\n");
+    expectEnds(first, SIGTERM);
+    EXPECT_TRUE(waitUntil([this] { return isRegistered("k"); }));  // the second one sees to that
+    next.kill(SIGTERM);
+    next.wait();
+    EXPECT_TRUE(second.waitForErr("the service is gone"));
+    expectEnds(second, SIGINT);
+}
+
+TEST_F(WatchTest, RunsACommandForEachChangeInOrder) {
+    const Process service = startService();
+    const std::string log = path("log");
+    Process process = watch({"k", "zero", "big", "--exec",
+                             "read line; echo \"$SDCONFIG_KEY=$SDCONFIG_VALUE,$line\" >> " + log + "; while [ ! -e " +
+                                 path("go") + " ]; do sleep 0.01; done; exit $SDCONFIG_VALUE"});
+    for (const char* value : {"1", "2", "3"}) cli({"set", "k", value});
+    cli({"set", "big", std::string(200000, 'x')});
+    cli({"set", "k", "0"});
+    EXPECT_TRUE(waitUntil([&] { return readFile(log) == "k=1,\n"; }));
+    writeFile(path("go"), "");
+    EXPECT_TRUE(waitUntil([&] { return readFile(log) == "k=1,\nk=2,\nk=3,\nk=0,\n"; })) << readFile(log);
+    expectEnds(process, SIGTERM);
+    EXPECT_THAT(process.err(), HasSubstr("the command ended with 3"));
+    EXPECT_THAT(process.err(), HasSubstr("not run for \"big\": Argument list too long"));
+    EXPECT_EQ(process.err().find("ended with 0"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace test
