@@ -9,6 +9,13 @@ if(SDCONFIG_SANITIZE)
     add_link_options(-fsanitize=${SDCONFIG_SANITIZE})
 endif()
 
+# Fuzz targets reach what a platform layer hides, so its library is a static one for them.
+set(layer_kind SHARED)
+if(SDCONFIG_FUZZ)
+    add_compile_options(-fsanitize=fuzzer-no-link)
+    set(layer_kind STATIC)
+endif()
+
 # A room of libsdconfig: one object library, so that tests link the same objects, hidden symbols included.
 # SOURCES its files; ROOMS the rooms that it may know; USES the libraries that its users never meet.
 function(sd_room name)
@@ -22,7 +29,7 @@ endfunction()
 # SOURCES its files; LAYERS the layers that it builds on; USES the libraries that its users never meet.
 function(sd_platform_layer name)
     cmake_parse_arguments(LAYER "" "" "SOURCES;LAYERS;USES" ${ARGN})
-    add_library(${name} SHARED ${LAYER_SOURCES})
+    add_library(${name} ${layer_kind} ${LAYER_SOURCES})
     add_library(sdconfig::${name} ALIAS ${name})
     set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
     target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>

@@ -21,7 +21,7 @@ inline bool holdsZeroByte(const std::string& key) {
 }
 
 // The longest key and value that are kept. The service has one thread, and all clients wait while it seals, stores and
-// reads back a value: 16 MiB take it half a second.
+// reads back a value: 16 MiB take it a second.
 inline constexpr std::size_t kKeyBytesMax = std::size_t{64} << 10;
 inline constexpr std::size_t kValueBytesMax = std::size_t{16} << 20;
 

@@ -18,8 +18,6 @@ namespace {
 constexpr char kTag[] = "sdconfig";
 constexpr char kSource[] = "src/sdconfig_impl";
 
-constexpr char kSeparator[] = "&&&";
-constexpr size_t kSeparatorLength = 3;
 constexpr int kNoPriority = -1;
 
 constexpr int kSlowPolicyMs = 100;
@@ -34,16 +32,6 @@ PolicyMap policyOf(const std::string& value, int priority) {
 }
 
 }  // namespace
-
-std::string composePolicyText(const std::string& value, int priority) {
-    return value + kSeparator + std::to_string(priority);
-}
-
-std::pair<std::string, std::string> splitPolicyText(const std::string& text) {
-    if (const size_t at = text.find(kSeparator); at != std::string::npos)
-        return {text.substr(0, at), text.substr(at + kSeparatorLength)};
-    return {text.substr(0, text.size() - 1), text.substr(text.size() - 1)};
-}
 
 SDConfigDmHelper& SDConfigDmHelper::GetInstance() {
     static const std::string dataPath = SDConfig::getDataPathUtf8();
@@ -78,11 +66,11 @@ bool SDConfigDmHelper::SetPolicyWithUri(const std::string& uri, const PolicyMap&
         LOG(7, AT "the policy of %s is empty", HERE, uri.c_str());
         return false;
     }
-    if (holdsZeroByte(uri)) {
-        LOG(7, AT "the key %s holds a zero byte", HERE, uri.c_str());
+    const auto& [value, priority] = *policy.begin();
+    if (const char* problem = keepingProblem(uri, value)) {
+        LOG(7, AT "the key %s %s", HERE, uri.c_str(), problem);
         return false;
     }
-    const auto& [value, priority] = *policy.begin();
     const std::string utf8Text = latin1ToUtf8(composePolicyText(value, priority));
     const std::string encrypted = utf8Text.empty() ? "" : SDSecurity::GetInstance()->FastEncrypt(utf8Text);
     // Sealed before the old row goes: a key ring that can't be used must not cost the policy that is there.
@@ -91,10 +79,10 @@ bool SDConfigDmHelper::SetPolicyWithUri(const std::string& uri, const PolicyMap&
         return false;
     }
     const std::string before = getValueFromDatabaseTable(mDmHelperTable, uri);
-    DeletePolicyWithUri(uri);
+    const bool deleted = DeletePolicyWithUri(uri);
     const bool stored = setValueToDatabaseTable(mDmHelperTable, uri, encrypted);
     // A disk may have had room for the deletion alone: what stood there needs no more than it did.
-    if (!stored && !before.empty()) setValueToDatabaseTable(mDmHelperTable, uri, before);
+    if (!stored && deleted && !before.empty()) setValueToDatabaseTable(mDmHelperTable, uri, before);
     if (const int ms = watch.elapsedMs(); ms >= kSlowPolicyMs)
         LOG(6, AT "SetPolicyWithUri %s takes %d ms", HERE, uri.c_str(), ms);
     return stored;

@@ -133,6 +133,10 @@ bool SDPropertyInf::SetProperty(const std::string& key, const std::string& value
         LOG(6, AT "invalid set readyonly %s=%s", HERE, key.c_str(), value.c_str());
         return false;
     }
+    if (key.size() > kKeyBytesMax || value.size() > kValueBytesMax) {
+        LOG(7, AT "a property is longer than what is kept", HERE);
+        return false;
+    }
     mCache[key] = value;
     return true;
 }

@@ -1,5 +1,6 @@
 // The service's registry of listeners.
 #include "platform/velmarlog/log_line.h"
+#include "src/sdconfig_helpers.h"
 #include "src/sdconfig_interface.h"
 #include "src/sdconfig_protocol.h"
 
@@ -11,6 +12,7 @@ constexpr char kSource[] = "src/sdconfig_service_sdbus";
 }  // namespace
 
 bool SDConfigInterface::RegisterListener(const std::string& key, bool flag) {
+    if (key.size() > kKeyBytesMax) return true;  // nothing of that name can change
     const std::lock_guard lock(mMutex);
     ++mListenerCounts[key];
     mListenerFlags[key] = flag;
@@ -24,6 +26,7 @@ bool SDConfigInterface::RegisterListenersWithList(const std::vector<std::string>
     }
     const std::lock_guard lock(mMutex);
     for (const std::string& key : keys) {
+        if (key.size() > kKeyBytesMax) continue;
         ++mListenerCounts[key];
         mListenerFlags[key] = flag;
     }

@@ -217,7 +217,8 @@ private:
         if (before.log.exists && before.hasIndex) {
             Reading reading(uri + "&readonly_shm=1", kFlags, kSystemName);
             fill(reading, result);
-            return reading.ok() || DatabaseFiles(mPath).log.exists;
+            const DatabaseFiles after(mPath);
+            return reading.ok() || (after.log.exists && after.hasIndex);
         }
         if (before.log.exists) return readCopy(before, result);
         Reading reading(uri + (mLogMode ? "&immutable=1" : ""), kFlags, kSystemName);

@@ -37,6 +37,7 @@ std::vector<std::string> environmentFor(const Change& change) {
 
 std::vector<char*> pointersTo(std::vector<std::string>& texts) {
     std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
     for (std::string& text : texts) pointers.push_back(text.data());
     pointers.push_back(nullptr);
     return pointers;
@@ -84,7 +85,8 @@ CommandRunner::~CommandRunner() {
 
 void CommandRunner::add(const Change& change) {
     if (mCommand.empty()) return;
-    if (!mWaiting.push(change)) note("too many changes wait for their command: it is not run for one of " + change.key);
+    if (!mWaiting.push(change))
+        note("too many changes wait for their command: it is not run for one of " + quoted(change.key));
 }
 
 void CommandRunner::proceed() {
@@ -125,7 +127,7 @@ bool CommandRunner::reap(int options) {
 
 void CommandRunner::finish() {
     if (mWaiting.size() > 0)
-        note("the command is not run for the last " + std::to_string(mWaiting.size()) + " changes");
+        note("changes that the command is not run for any more: " + std::to_string(mWaiting.size()));
     mWaiting = ChangeQueue();
     if (mRunning == 0) return;
     pollfd ended{mEnded, POLLIN, 0};

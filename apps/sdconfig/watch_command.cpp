@@ -110,6 +110,10 @@ private:
         std::array<pollfd, 3> sources{
             {{mSignals.descriptor(), POLLIN, 0}, {mInbox.descriptor(), POLLIN, 0}, {mRunner.descriptor(), POLLIN, 0}}};
         ::poll(sources.data(), sources.size(), static_cast<int>(std::max(left, 0ms).count()) + 1);
+        return signalled();
+    }
+
+    bool signalled() const {
         pollfd signal{mSignals.descriptor(), POLLIN, 0};
         return ::poll(&signal, 1, 0) > 0;
     }
@@ -185,8 +189,11 @@ private:
     // Whether keys had no registration any more and have one now. A key that another client keeps registered is left
     // alone: taking a registration of ours back would take that client's.
     bool registerMissing() {
-        if (mUnregistered.empty() && policies().IsAllConfigsAlreadyListened(mKeys)) return false;
-        if (!mService.probe().answered) return false;  // each call below would wait as long
+        mAnswers = mUnregistered.empty() && policies().IsAllConfigsAlreadyListened(mKeys);
+        if (mAnswers || signalled()) return false;
+        // Each call on a service that hangs takes 5 s: one more of them is enough.
+        mAnswers = mService.probe().answered;
+        if (!mAnswers) return false;
         for (const std::string& key : mKeys) {
             if (mUnregistered.count(key) != 0 || policies().IsAllConfigsAlreadyListened({key})) continue;
             policies().UnRegisterListener(key, &mInbox, true);
@@ -215,9 +222,9 @@ private:
     }
 
     void unregister() {
-        const auto limit = Clock::now() + kMostForUnregistering;  // a service that hangs takes as long for each key
+        const auto limit = Clock::now() + kMostForUnregistering;
         for (const std::string& key : mKeys)
-            if (mUnregistered.count(key) == 0 && mService.listening() && Clock::now() < limit)
+            if (mAnswers && mUnregistered.count(key) == 0 && mService.listening() && Clock::now() < limit)
                 policies().UnRegisterListener(key, &mInbox, true);
     }
 
@@ -233,6 +240,7 @@ private:
     int mReadings = 0;
     int mProcess = 0;
     bool mLost = false;
+    bool mAnswers = true;
 };
 
 }  // namespace

@@ -71,7 +71,7 @@ std::string writeWhole(const std::string& path, const std::string& text) {
     const Descriptor file(::mkostemp(unfinished.data(), O_CLOEXEC));  // mode 0600
     if (file.get() < 0) return systemProblem("it can't be written");
     if (writeAll(file.get(), text) && std::rename(unfinished.c_str(), target.c_str()) == 0) return "";
-    const std::string problem = systemProblem("it can't be written");
+    std::string problem = systemProblem("it can't be written");
     ::unlink(unfinished.c_str());
     return problem;
 }

@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -71,10 +72,10 @@ std::string integrityProblem(sqlite3* db, const std::string& path) {
     if (sqlite3_prepare_v2(db, "PRAGMA integrity_check(1)", -1, &statement, nullptr) != SQLITE_OK)
         return problemWith(db, path);
     const bool row = sqlite3_step(statement) == SQLITE_ROW;
-    const std::string told =
-        row ? reinterpret_cast<const char*>(sqlite3_column_text(statement, 0)) : sqlite3_errmsg(db);
+    std::string told = row ? reinterpret_cast<const char*>(sqlite3_column_text(statement, 0)) : sqlite3_errmsg(db);
     sqlite3_finalize(statement);
     if (row && told == "ok") return "";
+    std::replace(told.begin(), told.end(), '\n', ' ');
     return "the database " + path + " is damaged (" + told +
            "): restore the folder from a backup, or recover what can be read with sqlite3's .recover";
 }
@@ -87,11 +88,23 @@ bool isEmptied(sqlite3* db, const std::string& table) {
     return yieldsRow(db, "SELECT 1 FROM dbinfor WHERE key = 'dbVersion' AND value = '" + version + "'");
 }
 
+// SQLite deletes a log whose database is empty, and with it everything that was not moved from the one to the other.
+std::string orphanProblem(const std::string& path) {
+    std::error_code ignored;
+    const auto holdsBytes = [&ignored](const std::string& file) {
+        return std::filesystem::exists(file, ignored) && std::filesystem::file_size(file, ignored) > 0;
+    };
+    if (holdsBytes(path) || !holdsBytes(path + "-wal")) return "";
+    return "the database " + path + " is missing or empty beside its log: restore the folder from a backup, or move " +
+           path + "-wal away to begin anew";
+}
+
 // Opens the file as the store will, takes the write lock and looks for damage and for sealed rows in the table. Leaves
 // the file and its log as they are: a start that is refused must not have changed what is to be rescued.
 std::string checkDatabase(const std::string& path, const std::string& table, Findings& findings) {
-    std::string problem = logProblem(path + "-wal");
     const bool wasThere = std::filesystem::exists(path);
+    std::string problem = orphanProblem(path);
+    if (problem.empty()) problem = logProblem(path + "-wal");
     if (!problem.empty()) return problem;
     const Database db = openDatabase(path, problem);
     if (!problem.empty()) return problem;

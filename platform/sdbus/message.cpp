@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 
 #include "platform/sdbus/handles.h"
 #include "platform/sdbus/log.h"
@@ -30,8 +31,31 @@ bool readBytes(sd_bus_message* message, Argument& argument) {
     return true;
 }
 
+bool isOneOf(const char* kinds, const char* contents) {
+    return contents && contents[0] != '\0' && contents[1] == '\0' && std::strchr(kinds, contents[0]);
+}
+
+// Skips a value of a kind that is not one of ours, if it is made of no more than `left` values. sd-bus' own skip walks
+// through 64 MiB of the shortest ones for 2 s, and every other client waits. Arrays of numbers it passes over at once.
+bool skipValue(sd_bus_message* message, std::size_t& left) {
+    char kind = 0;
+    const char* contents = nullptr;
+    if (left-- == 0 || sd_bus_message_peek_type(message, &kind, &contents) <= 0) return false;
+    if (!contents) return sd_bus_message_skip(message, nullptr) >= 0;
+    if (kind == SD_BUS_TYPE_ARRAY && isOneOf("ynqiuxtd", contents)) {
+        const void* unused = nullptr;
+        std::size_t size = 0;
+        return sd_bus_message_read_array(message, contents[0], &unused, &size) >= 0;
+    }
+    if (sd_bus_message_enter_container(message, kind, contents) < 0) return false;
+    int r = 0;
+    while ((r = sd_bus_message_peek_type(message, &kind, nullptr)) > 0)
+        if (!skipValue(message, left)) return false;
+    return r == 0 && sd_bus_message_exit_container(message) >= 0;
+}
+
 // Reads the value at the read pointer, or skips it where its kind is not one of ours.
-bool readArgument(sd_bus_message* message, char kind, const char* contents, Argument& argument) {
+bool readArgument(sd_bus_message* message, char kind, const char* contents, Argument& argument, std::size_t& left) {
     switch (kind) {
         case SD_BUS_TYPE_BYTE: {
             uint8_t value = 0;
@@ -64,19 +88,19 @@ bool readArgument(sd_bus_message* message, char kind, const char* contents, Argu
             break;
     }
     argument = OtherKind{};
-    return sd_bus_message_skip(message, nullptr) >= 0;
+    return skipValue(message, left);
 }
 
 // Reads a variant: the value in it stands in its place.
-bool readVariant(sd_bus_message* message, const char* signature, Argument& argument) {
+bool readVariant(sd_bus_message* message, const char* signature, Argument& argument, std::size_t& left) {
     if (sd_bus_message_enter_container(message, SD_BUS_TYPE_VARIANT, signature) <= 0) return false;
     char kind = 0;
     const char* contents = nullptr;
     if (sd_bus_message_peek_type(message, &kind, &contents) <= 0) return false;
-    return readArgument(message, kind, contents, argument) && sd_bus_message_exit_container(message) >= 0;
+    return readArgument(message, kind, contents, argument, left) && sd_bus_message_exit_container(message) >= 0;
 }
 
-bool readVariants(sd_bus_message* message, Arguments& arguments) {
+bool readVariants(sd_bus_message* message, Arguments& arguments, std::size_t& left) {
     if (sd_bus_message_enter_container(message, SD_BUS_TYPE_ARRAY, "v") < 0) return false;
     for (;;) {
         char kind = 0;
@@ -85,7 +109,7 @@ bool readVariants(sd_bus_message* message, Arguments& arguments) {
         if (r < 0) return false;
         if (r == 0) return sd_bus_message_exit_container(message) >= 0;
         if (arguments.size() == wire::kArgumentsMax) return false;
-        if (!readVariant(message, signature, arguments.emplace_back())) return false;
+        if (!readVariant(message, signature, arguments.emplace_back(), left)) return false;
     }
 }
 
@@ -172,6 +196,7 @@ const char* kindName(const Argument& argument) {
 
 std::optional<Arguments> decodeArguments(sd_bus_message* message) {
     Arguments arguments;
+    std::size_t left = wire::kArgumentsMax;  // values of other kinds, at any depth
     for (;;) {
         char kind = 0;
         const char* contents = nullptr;
@@ -179,8 +204,9 @@ std::optional<Arguments> decodeArguments(sd_bus_message* message) {
         if (r < 0) return std::nullopt;
         if (r == 0) return arguments;
         if (arguments.size() == wire::kArgumentsMax) return std::nullopt;
-        const bool read = isVariants(kind, contents) ? readVariants(message, arguments)
-                                                     : readArgument(message, kind, contents, arguments.emplace_back());
+        const bool read = isVariants(kind, contents)
+                              ? readVariants(message, arguments, left)
+                              : readArgument(message, kind, contents, arguments.emplace_back(), left);
         if (!read) return std::nullopt;
     }
 }

@@ -145,6 +145,42 @@ TEST_F(DaemonTest, RefusesSealedRowsWithoutTheirRing) {
     EXPECT_EQ(cli({"secure", "get", "k"}).out, "v\n");
 }
 
+TEST_F(DaemonTest, RefusesDamageAndLeavesItAsItIs) {
+    const std::string database = path("data/sdconfig.db");
+    const std::string log = database + "-wal";
+    const auto refuse = [&](const std::string& file, const std::string& bytes, const std::string& told) {
+        writeFile(file, bytes);
+        expectRefusal(told);
+        EXPECT_EQ(readFile(file), bytes) << told;
+    };
+    {
+        const Process service = startService();
+        for (const char* value : {"1", "2"}) EXPECT_EQ(cli({"secure", "set", "k", value}).exitCode, 0);
+    }
+    std::filesystem::remove(socketPath());
+    const std::string soundDatabase = readFile(database);
+    const std::string soundLog = readFile(log);
+    std::string damaged = soundLog;
+    damaged[100] ^= 1;
+    refuse(log, damaged, "the log " + log + " is damaged at byte 32");
+    writeFile(log, soundLog);
+    refuse(database, "", "missing or empty beside its log");
+    EXPECT_EQ(readFile(log), soundLog);
+    std::filesystem::remove(log);
+    refuse(database, soundDatabase, "is there but empty, though values were sealed");
+
+    writeFile(log, soundLog);
+    {
+        Process service = startService();
+        EXPECT_EQ(cli({"secure", "get", "k"}).out, "2\n");
+        service.kill(SIGTERM);
+        EXPECT_EQ(service.wait(), 0);
+    }
+    damaged = readFile(database);
+    damaged.replace(damaged.size() - 4096, 4096, 4096, '\0');
+    refuse(database, damaged, "the database " + database + " is damaged (");
+}
+
 TEST_F(DaemonTest, AClientLivesThroughAKillAndARestart) {
     sd::SDConfig& config = client();
     for (int round = 0; round < 3; ++round) {

@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "libsdconfig/dmconfig.h"
+#include "libsdconfig/sdconfig.h"
 #include "tests/e2e/sandbox.h"
 
 namespace test {
@@ -28,8 +29,13 @@ protected:
         process.kill(signal);
         EXPECT_EQ(process.wait(), 0) << process.err();
     }
-    bool isRegistered(const std::string& key) {
+    // This process as another client.
+    sd::SDConfig& client() {
         mRuntime.emplace("XDG_RUNTIME_DIR", path("run").c_str());
+        return *sd::SDConfig::GetInstance();
+    }
+    bool isRegistered(const std::string& key) {
+        client();
         return sd::DMConfig::GetInstance()->IsAllConfigsAlreadyListened({key});
     }
 
@@ -59,7 +65,6 @@ TEST_F(WatchTest, PrintsEveryChangeUntilItIsInterrupted) {
     expectEnds(objects, SIGTERM);
     EXPECT_FALSE(isRegistered("k"));
 
-    const std::string many(123, 'k');
     EXPECT_EQ(cli({"watch"}).exitCode, 2);
     EXPECT_EQ(run({"sh", "-c", "exec " SDCONFIG_CLI " watch $(seq 123)"}, environment()).exitCode, 2);
 }
@@ -99,7 +104,8 @@ TEST_F(WatchTest, RunsACommandForEachChangeInOrder) {
                              "read line; echo \"$SDCONFIG_KEY=$SDCONFIG_VALUE,$line\" >> " + log + "; while [ ! -e " +
                                  path("go") + " ]; do sleep 0.01; done; exit $SDCONFIG_VALUE"});
     for (const char* value : {"1", "2", "3"}) cli({"set", "k", value});
-    cli({"set", "big", std::string(200000, 'x')});
+    cli({"secure", "set", "big"}, std::string(200000, 'x'));
+    EXPECT_TRUE(client().SetProperty("zero", std::string("a\0b", 3)));
     cli({"set", "k", "0"});
     EXPECT_TRUE(waitUntil([&] { return readFile(log) == "k=1,\n"; }));
     writeFile(path("go"), "");
@@ -107,7 +113,34 @@ TEST_F(WatchTest, RunsACommandForEachChangeInOrder) {
     expectEnds(process, SIGTERM);
     EXPECT_THAT(process.err(), HasSubstr("the command ended with 3"));
     EXPECT_THAT(process.err(), HasSubstr("not run for \"big\": Argument list too long"));
+    EXPECT_THAT(process.err(), HasSubstr("not run for \"zero\": the value has a zero byte"));
     EXPECT_EQ(process.err().find("ended with 0"), std::string::npos);
+}
+
+TEST_F(WatchTest, EndsWithItsReaderAndNotWithItsCommand) {
+    const Process service = startService();
+    Process piped = Process::start({"sh", "-c", SDCONFIG_CLI " watch k | head -n 1"}, environment());
+    ASSERT_TRUE(piped.waitForErr("watching ")) << piped.err();
+    cli({"set", "k", "1"});
+    expectOut(piped, "k 1\n");
+    EXPECT_TRUE(waitUntil([&, value = 2]() mutable {
+        cli({"set", "k", std::to_string(value++)});  // nobody reads it
+        return piped.wait(10) == 0;
+    }));
+    EXPECT_FALSE(isRegistered("k"));
+
+    Process process = watch({"k", "--exec",
+                             "touch " + path("begun") + "; while [ ! -e " + path("go") +
+                                 " ]; do sleep 0.01; done; touch " + path("ended")});
+    cli({"set", "k", "first"});
+    cli({"set", "k", "second"});
+    ASSERT_TRUE(waitUntil([this] { return std::filesystem::exists(path("begun")); }));
+    ASSERT_TRUE(waitUntil([&] { return process.out() == "k first\nk second\n"; }));
+    process.kill(SIGTERM);
+    ASSERT_TRUE(process.waitForErr("not run for any more: 1"));
+    writeFile(path("go"), "");
+    EXPECT_EQ(process.wait(), 0);
+    EXPECT_TRUE(std::filesystem::exists(path("ended")));
 }
 
 }  // namespace

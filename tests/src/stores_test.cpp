@@ -201,6 +201,8 @@ TEST_F(StoresTest, PoliciesAreKeptSealedWithTheirPriority) {
     ASSERT_TRUE(mPolicies->SetPolicyWithUri("uRI", {{"a", 7}, {"b", 9}}));
     EXPECT_EQ(test::query(mPolicyFile, "SELECT key FROM dmhelperconfig"), Rows{{"uRI"}});
     EXPECT_EQ(unsealed(mPolicyFile, "dmhelperconfig", "uRI"), "a&&&7") << "the first entry alone";
+    ASSERT_TRUE(mPolicies->SetPolicyWithUri("negative", {{std::string("on9\0y", 5), 3}}));
+    EXPECT_EQ(unsealed(mPolicyFile, "dmhelperconfig", "negative"), "on9") << "a zero byte ends the whole text";
     ASSERT_TRUE(mPolicies->SetPolicyWithUri("negative", {{"x", -4}}));
     EXPECT_EQ(unsealed(mPolicyFile, "dmhelperconfig", "negative"), "x&&&-4");
     EXPECT_EQ(mPolicies->GetAllKeys(), (PolicyList{{"uRI", {{"a", 7}}}, {"negative", {}}}));

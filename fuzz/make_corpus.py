@@ -1,0 +1,149 @@
+#!/usr/bin/env python3
+"""Writes the first inputs of the fuzz targets into corpus/: those of a line each by hand, the binary ones composed."""
+import base64, hashlib, json, pathlib, struct
+
+here = pathlib.Path(__file__).parent / "corpus"
+
+
+def put(target, name, content):
+    folder = here / target
+    folder.mkdir(parents=True, exist_ok=True)
+    (folder / name).write_bytes(content if isinstance(content, bytes) else content.encode())
+
+
+def build_prop():
+    put("build_prop", "plain", "ro.sd.build.version=7.4.2-1103\nsd.ui.theme = dark\n# no definition\n")
+    put("build_prop", "twice", "a=1\na=2\nro.a=\nro.a=1\nro.a=2\nro.sd.product.channel=stable\r\n")
+    put("build_prop", "odd", b"=v\n =v\n\t\t=\t \nk\0=v\nk=v\0w\nlast=no newline")
+    put("build_prop", "long", "k=" + "v" * 1021 + "ro.cut=1\n" + "x" * 1023 + "=y\n")
+
+
+def legacy_cipher():
+    for length in (15, 16, 24, 32, 33, 48, 100, 101):
+        cipher = hashlib.shake_128(bytes([length])).digest(length)
+        put("legacy_cipher", f"bytes_{length}", b"\x20" + base64.b64encode(cipher) + b"\n")
+    put("legacy_cipher", "lines", b"\xff" + base64.encodebytes(bytes(66)))
+    put("legacy_cipher", "plain", "\x10secret")
+
+
+def envelope():
+    for length in (36, 37, 48):
+        put("envelope", f"frame_{length}", b"v1" + base64.b64encode(bytes(range(length))))
+    put("envelope", "plain", "\0\x02Acorrect horse")
+
+
+def ring_line(key):
+    return f"{hashlib.sha256(b'sdsecurity key id v1' + key).hexdigest()[:16]} {key.hex()}\n"
+
+
+def key_ring():
+    one, two = bytes(range(32)), b"\xff" * 32
+    put("key_ring", "one", "sdsecurity-keys 1\n" + ring_line(one))
+    put("key_ring", "two", "sdsecurity-keys 1\n" + ring_line(one) + ring_line(two))
+    put("key_ring", "twice", "sdsecurity-keys 1\n" + ring_line(one) * 2)
+    put("key_ring", "wrong_id", "sdsecurity-keys 1\n" + ring_line(one).replace(" 00", " 01"))
+    put("key_ring", "composed", b"\0\x1aA" + one + two)
+
+
+def policy_text():
+    for name, text in {
+        "usual": "on&&&7", "empty": "&&&5", "earlier": "on7", "digit": "7", "no_number": "on&&&x", "negative": "on&&&-1",
+        "no_priority": "on&&&", "beyond": "on&&&2147483648", "largest": "on&&&2147483647", "ampersand": "a&&&&7",
+        "twice": "a&&&1&&&2", "zeros": "a&&&00000000000007",
+    }.items():
+        put("policy_text", name, text)
+
+
+def lockscreen():
+    put("lockscreen", "one", '{"user": {"type": 1}}')
+    put("lockscreen", "two", '{"user": {"type": 1}, "other": {}}')
+    put("lockscreen", "nested", '{"user": {"a": {"b": 1}}, "other": {}}')
+    put("lockscreen", "cut", 'x}{"user": {"type"')
+
+
+def policy_file():
+    policies = {"sd.a": {"value": "on", "priority": 7}, "sd.b": {"priority": 0, "value": "\u00e9"}}
+    put("policy_file", "two", json.dumps(policies, indent=1))
+    for name, text in {
+        "none": "{}", "case": '{"a": {"value": "", "priority": 1}, "A": {"value": "", "priority": 1}}',
+        "kinds": '{"a": {"value": "", "priority": 1.5}}', "array": "[1]", "deep": '{"a": {"value": {}}}',
+        "field": '{"a": {"v": 1}}', "twice": '{"a": {"value": "x", "value": "y"}}', "mark": "\ufeff{}",
+        "escape": '{"\\u0061\\n\\u0000": {"value": "\\ud83d\\ude00", "priority": 128}}', "cut": '{"a": {"value": "x',
+    }.items():
+        put("policy_file", name, text)
+    put("policy_file", "empty_uri", b"\\ v\\ \x07\0\0\x80")  # an entry to compose: URI, value, priority
+
+
+def dbus_call(member, signature, body):
+    """A call as it travels, little-endian."""
+
+    def padded(data, to=8):
+        return data + bytes(-len(data) % to)
+
+    def text(value):
+        return struct.pack("<I", len(value)) + value.encode() + b"\0"
+
+    fields = padded(b"\x01\x01o\0" + text("/")) + padded(b"\x03\x01s\0" + text(member))
+    fields += b"\x08\x01g\0" + bytes([len(signature)]) + signature.encode() + b"\0"
+    return padded(struct.pack("<cBBBIII", b"l", 1, 0, 1, len(body), 1, len(fields)) + fields) + body
+
+
+def bus_bytes():
+    handshake, two = b"\0AUTH EXTERNAL\r\nDATA\r\nBEGIN\r\n", struct.pack("<I2sxxI2s", 1, b"k", 1, b"v")
+    get, put_two = dbus_call("GET_SECURE", "s", two[:6]), dbus_call("SET_SECURE", "ss", two)
+    put("bus_bytes", "handshake", b"\0" + handshake + get)
+    put("bus_bytes", "anonymous", b"\0\0AUTH ANONYMOUS\r\nNEGOTIATE_UNIX_FD\r\nCANCEL\r\n")
+    put("bus_bytes", "two_calls", b"\1" + put_two + get)
+    put("bus_bytes", "big_endian", b"\1" + b"B" + get[1:])
+    put("bus_bytes", "lying_length", b"\1" + get[:4] + b"\xff\xff\xff\x07" + get[8:])
+    # What follows the method and the signature is a body that the target frames.
+    for name, signature, body in (
+        ("strings", "ss", two), ("bytes", "ay", b"\x02\0\0\0ab"), ("lying_array", "ay", b"\xff\xff\xff\x03ab"),
+        ("variants", "av", b"\x0e\0\0\0\x01y\0\x07\x01s\0\0\x01\0\0\0k\0"), ("deep", "v" * 8, b"\x01v\0" * 40),
+        ("structs", "a(a{sv})(((y)))", bytes(40)), ("no_signature", "", two), ("unclosed", "a{s(", bytes(8)),
+    ):
+        put("bus_bytes", name, b"\2\0" + bytes([len(signature)]) + signature.encode() + body)
+
+
+def bus_calls():
+    methods = "GET_PROPERTY SET_PROPERTY LST_PROPERTY DEL_PROPERTY GET_SECURE SET_SECURE DEL_SECURE GET_CONST " \
+        "SIGN_REQUEST VERIFY_SIGN REG_LISTENER UNREG_LISTENER ISALREADY_LISTHENED SET_POLICYLIST SET_POLICY GET_POLICY " \
+        "DELETE_POLICY ISSTRONG_CONTROL DM_REGISTER_LISTERNER DM_LIST DM_CLEAR_ALL_KEYS DM_GET_POLICIES unknown".split()
+
+    def calls(name, *sequence):
+        """As FuzzedDataProvider takes it apart: texts from the front, each ended by a mark, numbers from the back."""
+        front, back = b"", b""
+        for method, *arguments in sequence:
+            back += bytes([methods.index(method), len(arguments)])
+            for argument in arguments:
+                if isinstance(argument, bytes):
+                    back += b"\x03"
+                    front += argument.replace(b"\\", b"\\\\") + b"\\ "
+                elif isinstance(argument, bool):
+                    back += bytes([6, argument])
+                elif isinstance(argument, int):
+                    back += bytes([4, argument & 0xFF])
+                else:
+                    back += argument.kind
+        put("bus_calls", name, front + back[::-1])
+
+    class Other:
+        def __init__(self, which):
+            self.kind = b"\x07" + (1 << 63).to_bytes(8, "big") + bytes([which])
+
+    calls("properties", ("SET_PROPERTY", b"p", b"1"), ("GET_PROPERTY", b"p"), ("LST_PROPERTY",), ("DEL_PROPERTY", b"p"),
+          ("SET_PROPERTY", b"ro.p", b"1"), ("DEL_PROPERTY", b"ro.p"))
+    calls("secure", ("REG_LISTENER", b"k", True), ("SET_SECURE", b"k", b"one"), ("SET_SECURE", b"K", b"\xe9\0x"),
+          ("GET_SECURE", b"k"), ("DEL_SECURE", b"k"), ("UNREG_LISTENER", b"k", True), ("SET_SECURE", b"ro.sd.uuid", b"1"))
+    calls("policies", ("DM_REGISTER_LISTERNER", 2, b"a", b"b", True), ("SET_POLICY", b"a", b"on", 9),
+          ("SET_POLICYLIST", 2, b"a", b"off", 3, b"b", b"", 7), ("DM_GET_POLICIES", 2, b"a", b"b"), ("DM_LIST",),
+          ("ISSTRONG_CONTROL", b"a"), ("GET_POLICY", b"b"), ("DELETE_POLICY", b"a"))
+    calls("broken_policy", ("SET_POLICY", b"k", b"x&&&\0", 9), ("GET_SECURE", b"k"), ("DM_LIST",), ("DM_CLEAR_ALL_KEYS",))
+    calls("counts", ("ISALREADY_LISTHENED", -1), ("ISALREADY_LISTHENED", 127, b"k"), ("SET_POLICYLIST", 127),
+          ("DM_REGISTER_LISTERNER", -128), ("DM_GET_POLICIES", 127), ("DM_GET_POLICIES", 0), ("VERIFY_SIGN", b"a"))
+    calls("kinds", ("SIGN_REQUEST", Other(3)), ("GET_CONST", Other(2), Other(1)), ("unknown", Other(0), Other(1)),
+          ("SET_SECURE", 1, 2), ("SET_POLICY", Other(3), Other(1), True))
+
+
+for make in (build_prop, legacy_cipher, envelope, key_ring, policy_text, lockscreen, policy_file, bus_bytes, bus_calls):
+    make()

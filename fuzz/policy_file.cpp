@@ -1,0 +1,73 @@
+// The policy file of the command line: hostile texts, and that what is exported can be imported.
+#include "apps/sdconfig/policy_file.h"
+
+#include <fuzzer/FuzzedDataProvider.h>
+
+#include <algorithm>
+#include <set>
+
+#include "apps/sdconfig/letter_case.h"
+#include "apps/sdconfig/policy_value.h"
+#include "fuzz/support.h"
+
+namespace {
+
+using Entries = std::vector<cli::PolicyEntry>;
+
+constexpr std::size_t kProblemMax = 1024;
+
+bool same(const Entries& one, const Entries& other) {
+    return std::equal(one.begin(), one.end(), other.begin(), other.end(), [](const auto& a, const auto& b) {
+        return a.uri == b.uri && a.value == b.value && a.priority == b.priority;
+    });
+}
+
+void readBack(const Entries& entries) {
+    const cli::PolicyFile again = cli::parsePolicyFile(cli::composePolicyFile(entries));
+    fuzz::expect(again.problem.empty() && same(again.entries, entries), "what was written reads back");
+}
+
+void checkProblem(const std::string& problem) {
+    fuzz::expect(problem.size() <= kProblemMax, "a problem is a line");
+    fuzz::expect(std::none_of(problem.begin(), problem.end(), [](unsigned char c) { return c < ' ' || c == 0x7f; }),
+                 "a problem holds no control characters");
+}
+
+void parse(const std::string& text) {
+    const cli::PolicyFile file = cli::parsePolicyFile(text);
+    if (!file.problem.empty()) {
+        checkProblem(file.problem);
+        return fuzz::expect(file.entries.empty(), "a file with a problem has no entries");
+    }
+    std::set<std::string> seen;
+    for (const cli::PolicyEntry& entry : file.entries) {
+        fuzz::expect(seen.insert(cli::folded(entry.uri)).second, "no two URIs differ in letter case alone");
+        fuzz::expect(cli::unfitForFile(entry).empty(), "what a file has can stand in a file");
+        fuzz::expect(cli::policyBytes(entry.value).size() <= entry.value.size(), "values get no longer in Latin-1");
+    }
+    readBack(file.entries);
+}
+
+// URIs as a store can have them: any bytes but zero, no two that differ in letter case alone.
+void compose(FuzzedDataProvider& input) {
+    Entries entries;
+    std::set<std::string> seen;
+    while (input.remaining_bytes() > 0 && entries.size() < 8) {
+        cli::PolicyEntry entry;
+        entry.priority = input.ConsumeIntegral<int>() % 130;
+        entry.uri = input.ConsumeRandomLengthString(32);
+        entry.value = input.ConsumeRandomLengthString(32);
+        if (entry.uri.find('\0') != std::string::npos) continue;
+        if (cli::unfitForFile(entry).empty() && seen.insert(cli::folded(entry.uri)).second) entries.push_back(entry);
+    }
+    readBack(entries);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
+    parse(fuzz::text(data, size));
+    FuzzedDataProvider input(data, size);
+    compose(input);
+    return 0;
+}
