@@ -68,14 +68,16 @@ bool ListenerMap::beginDelivery(const std::string& key, DMConfig::Listener* list
 void ListenerMap::endDelivery() {
     const std::lock_guard lock(mGuard);
     mRunning = nullptr;
+    ++mDeliveries;
     mDelivered.notify_all();
 }
 
 void ListenerMap::awaitDelivery(const DMConfig::Listener* listener) {
     std::unique_lock lock(mGuard);
     if (mRunning != listener || mEventThread == std::this_thread::get_id()) return;
+    const unsigned long before = mDeliveries;
     mDelivered.wait_for(lock, std::chrono::milliseconds(protocol::kCallTimeoutMs),
-                        [&] { return mRunning != listener; });
+                        [&] { return mDeliveries != before; });
 }
 
 }  // namespace sd

@@ -40,6 +40,7 @@ private:
     std::mutex mGuard;
     std::map<std::string, std::vector<DMConfig::Listener*>> mListeners;
     const DMConfig::Listener* mRunning = nullptr;  // whom the event thread is calling
+    unsigned long mDeliveries = 0;                 // how many calls have come to their end
     std::thread::id mEventThread;
     std::condition_variable mDelivered;
 };
