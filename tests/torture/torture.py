@@ -1,0 +1,774 @@
+"""Puts the service through what it may meet, a scenario a function, and says of each what held. See scripts/torture."""
+import argparse
+import base64
+import collections
+import concurrent.futures
+import contextlib
+import glob
+import os
+import random
+import shutil
+import signal
+import sqlite3
+import struct
+import subprocess
+import sys
+import threading
+import time
+import traceback
+
+import pieces
+from pieces import SLACK, Client, Failed, Honest, Marshal, Peer, Service, World, Writer, check, strings, wait_for
+
+METHODS = ("GET_PROPERTY SET_PROPERTY LST_PROPERTY DEL_PROPERTY GET_SECURE SET_SECURE DEL_SECURE GET_CONST "
+           "SIGN_REQUEST VERIFY_SIGN REG_LISTENER UNREG_LISTENER ISALREADY_LISTHENED SET_POLICYLIST SET_POLICY "
+           "GET_POLICY DELETE_POLICY ISSTRONG_CONTROL DM_REGISTER_LISTERNER DM_LIST DM_CLEAR_ALL_KEYS "
+           "DM_GET_POLICIES").split()
+NOBODY = 65534
+PAGE = 4096
+
+
+class Skipped(Exception):
+    pass
+
+
+class Run:
+    """What a scenario is given: its length, its random numbers, and the time that it may take."""
+
+    def __init__(self, name, long, minutes, seed):
+        self.long = long
+        self.seed = f"{seed}/{name}"
+        self.random = random.Random(self.seed)
+        self.ends = time.monotonic() + 60 * minutes
+
+    def count(self, short, long):
+        return long if self.long else short
+
+    def rounds(self, short, long):
+        """Numbers up to the count of this form; fewer where time runs out."""
+        for number in range(self.count(short, long)):
+            if self.is_over():
+                return
+            yield number
+
+    def is_over(self):
+        return time.monotonic() > self.ends
+
+    @staticmethod
+    def needs(*tools, root=False):
+        for tool in tools:
+            if not shutil.which(tool):
+                raise Skipped(f"needs {tool}; scripts/setup torture installs it")
+        if root and os.geteuid() != 0:
+            raise Skipped("needs root")
+
+
+# ---- Crashes and disks ----
+
+def kill(run):
+    rounds = 0
+    with World() as world:
+        writers = [Writer(world.client(), kind, name, f"{run.seed}/{name}")
+                   for kind, name in (("secure", "a"), ("secure", "b"), ("policy", "p"))]
+        for rounds in run.rounds(40, 1000):
+            service = world.start()
+            for writer in writers:
+                writer.check()
+                writer.service_dies.clear()
+            threads = [threading.Thread(target=writer.write_until_death) for writer in writers]
+            for thread in threads:
+                thread.start()
+            time.sleep(run.random.uniform(0, 0.15))
+            for writer in writers:
+                writer.service_dies.set()
+            service.kill()
+            for thread, writer in zip(threads, writers):
+                thread.join()
+                if writer.failure:
+                    raise writer.failure
+            world.check_integrity()
+        world.start()
+        for writer in writers:
+            writer.check()
+    acknowledged = sum(writer.acknowledged for writer in writers)
+    check(acknowledged > rounds, "hardly a write was acknowledged")
+    return f"{rounds + 1} kills, {acknowledged} acknowledged writes, {sum(w.in_flight for w in writers)} in flight"
+
+
+def write_steps(client, round_name, results):
+    """A write and a read of each kind. Returns what is stored for certain, and what failed."""
+    stored, failed = {}, []
+    steps = [("set", "k", f"1{round_name}"), ("set", "k", f"2{round_name}"), ("set", "l", "x" * 9000), ("delete", "l"),
+             ("policy.set", "p", f"3{round_name}", 9)]
+    for command, key, *rest in steps:
+        begin = time.monotonic()
+        answer = client.ask(command, key, *rest)
+        took = time.monotonic() - begin
+        results["worst"] = max(results["worst"], took)
+        check(took < 6.5, f"{command} took {took:.1f} s")
+        stored.pop(key, None)
+        if answer == "1":
+            stored[key] = rest[0] if rest else ""
+        else:
+            failed.append(command)
+    return stored, failed
+
+
+def read_steps(client, stored):
+    def read(key):
+        return client.ask("policy.get", key).split(" ")[-1] if key == "p" else client.ask("get", key)
+
+    for key, value in stored.items():
+        told = read(key)
+        if told in ("", "null_value"):
+            told = read(key)  # the call that fails may be one of this reading
+        check(told == value, f"{key} holds {told[:40]!r}, not {value[:40]!r}")
+
+
+def inject_one(syscall, error, number, results):
+    """One life of a service whose n-th such call on its files fails. False when no call was left to fail."""
+    with World() as world:
+        trace = world.path("trace")
+        files = ["sdconfig.db", "sdconfig.db-wal", "dmhelper.db", "dmhelper.db-wal", "sdsecurity.keys",
+                 "sdsecurity.count", "sdsecurity.keys.new", "sdsecurity.count.new", ""]
+        path_options = [option for name in files for option in ("-P", world.path("data/" + name).rstrip("/"))]
+        service = Service(world, ("--log-level", "6"),
+                          ["strace", "-D", "-f", "-qq", "-o", trace, "-e", f"trace={syscall}", *path_options,
+                           "-e", f"inject={syscall}:error={error}:when={number}"])
+        stored = {}
+        if service.settled():
+            client = world.client()
+            stored, failed = write_steps(client, "", results)
+            check(not failed or " E " in service.log(), f"{failed} without a log line")
+            for _ in range(4):  # each thread has an n-th call of its own; then nothing fails any more
+                again, failed = write_steps(client, "again", results)
+                stored.update(again)
+                if not failed:
+                    break
+            check(not failed, f"{failed} still fail when nothing is in the way")
+            if syscall == "pread64":
+                stored.pop("l", None)  # what can't be looked up passes for deleted; the log tells of the look-up
+            read_steps(client, stored)
+            service.check_alive()
+            service.kill()
+        else:
+            service.refusal()
+            results["refused"] += 1
+        with open(trace, encoding="utf-8", errors="replace") as lines:
+            injected = lines.read().count("(INJECTED)")
+        world.start()
+        read_steps(world.client(), stored)
+        world.check_integrity()
+        return injected
+
+
+def io(run):
+    run.needs("strace")
+    results, lives, injected = {"worst": 0, "refused": 0}, 0, 0
+    calls = "pwrite64 write fsync fdatasync openat linkat renameat unlinkat ftruncate pread64".split()
+    jobs = [(call, error) for call in calls for error in ("EIO", "ENOSPC")] + [("openat", "EMFILE")]
+    for syscall, error in jobs if run.long else run.random.sample(jobs, 6):
+        number = 1 if run.long else run.random.randint(1, 3)
+        hits = 1
+        while hits and not run.is_over():
+            try:
+                hits = inject_one(syscall, error, number, results)
+            except Failed as failure:
+                raise Failed(f"{syscall} {error} when={number}: {failure}") from failure
+            lives, injected = lives + 1, injected + hits
+            number += 1 if run.long or number < 20 else run.random.randint(5, 40)
+    check(injected, "no call was made to fail")
+    return (f"{lives} lives with {injected} failing calls, {results['refused']} refused to start, the longest call "
+            f"{results['worst']:.1f} s")
+
+
+def disk(run):
+    run.needs("mount", root=True)
+    refused = 0
+    with World() as world:
+        # A log is moved to its database at 4 MiB: a smaller disk is filled by that alone.
+        world.mount("data", "-t", "tmpfs", "none", "-o", "size=16m,mode=700")
+        service = world.start()
+        client = world.client()
+        check(client.ask("set", "kept", "old") == "1", "a set on a disk with room failed")
+        previous = "old"
+        for number in run.rounds(20, 400):
+            with open(world.path("data/filler"), "wb", buffering=0) as filler:
+                try:
+                    while filler.write(bytes(run.random.choice((PAGE, 16 * PAGE)))):
+                        pass
+                except OSError:
+                    filler.truncate(max(0, filler.tell() - run.random.choice((0, 4, 12, 60, 200)) * PAGE))
+            log_before = service.log()
+            value = f"{number}." + "y" * run.random.choice((100, 400000, 3000000))
+            stored = client.ask("set", "kept", value) == "1"
+            held = client.ask("get", "kept")
+            check(held == value if stored else held != value and held in ("", previous),
+                  f"after a set that was {'stored' if stored else 'refused'} the key holds {held[:40]!r}")
+            if not stored:
+                refused += 1
+                check(service.log() != log_before, "a set on a full disk failed without a log line")
+            service.check_alive()
+            os.unlink(world.path("data/filler"))
+            previous = f"free.{number}"
+            check(client.ask("set", "kept", previous) == "1", "a set failed though there is room again")
+            check(client.ask("get", "kept") == previous, "what was set when there was room again is not there")
+        check(refused, "no set met the full disk")
+        service.kill()
+        subprocess.run(["mount", "-o", "remount,ro", world.path("data")], check=True)
+        before = world.files()
+        locked_out = Service(world)
+        check(not locked_out.settled(), "the service started on a read-only disk")
+        reason = locked_out.refusal()
+        check(world.files() == before, "a refused start changed files")
+        subprocess.run(["mount", "-o", "remount,rw", world.path("data")], check=True)
+        world.start()
+        check(client.ask("get", "kept") == previous, "the value is gone after the disk was read-only")
+    return f"{number + 1} full disks, {refused} sets refused; read-only: \"{reason[-60:]}\""
+
+
+def damaged_data(rng, data):
+    """The bytes with one damage, and what it was."""
+    data = bytearray(data)
+    what = rng.choice(("flip", "cut", "zero", "swap"))
+    if what == "flip":
+        for _ in range(rng.choice((1, 1, 2, 8))):
+            data[rng.randrange(len(data))] ^= 1 << rng.randrange(8)
+    elif what == "cut":
+        del data[rng.choice((0, rng.randrange(len(data)), rng.randrange(len(data)) // PAGE * PAGE)):]
+    elif what == "zero":
+        at = rng.randrange(len(data))
+        end = min(len(data), at + rng.choice((1, 64, 512, PAGE)))
+        data[at:end] = bytes(end - at)
+    else:
+        first, second = (rng.randrange(max(1, len(data) // PAGE)) * PAGE for _ in range(2))
+        length = min(PAGE, len(data) - max(first, second))
+        data[first:first + length], data[second:second + length] = \
+            data[second:second + length], data[first:first + length]
+    return bytes(data), what
+
+
+def make_templates(history):
+    """Files of services that were killed: with all in the log, with half of it, and one that ended by itself."""
+    templates = []
+    for end in ("killed young", "killed", "ended"):
+        with World() as world:
+            for life in range(1 if end == "killed young" else 3):
+                service, client = world.start(), world.client()
+                for i in range(30):
+                    value = f"value.{life}.{i}." + "z" * (i * 40)
+                    check(client.ask("set", f"key.{i}", value) == "1", "set failed")
+                    history.setdefault(f"key.{i}", []).append(value)
+                    if i < 8:
+                        check(client.ask("policy.set", f"pol.{i}", f"p.{life}.{i}", 9) == "1", "policy.set failed")
+                        history.setdefault(f"pol.{i}", []).append(f"p.{life}.{i}")
+                if end == "ended" or (end == "killed" and life < 2):
+                    service.stop()
+            if end != "ended":
+                service.kill()
+            templates.append(world.files())
+    return templates
+
+
+def damage_one(run, templates, history, seed):
+    if run.is_over():
+        return None
+    rng = random.Random(seed)
+    files = dict(rng.choice(templates))
+    name = rng.choice([name for name, data in files.items() if data])
+    files[name], what = damaged_data(rng, files[name])
+    if not files[name] and name.endswith("-wal"):
+        del files[name]
+    what = f"seed {seed}: {what} in {name}"
+    with World() as world:
+        for file, data in files.items():
+            with open(os.open(world.path("data/" + file), os.O_CREAT | os.O_WRONLY, 0o600), "wb") as copy:
+                copy.write(data)
+        service = Service(world, ("--log-level", "6"))
+        try:
+            if not service.settled():
+                service.refusal()
+                check(world.files() == files, "a refused start changed files")
+                return "refused"
+            peer = Peer(world)
+            told = {key: peer.call_text("GET_SECURE", key) for key in history}
+            for key, value in told.items():
+                check(value == "" or value in history[key], f"{key} reads as {value[:60]!r}, which it never was")
+            lost = sum(told[key] == "" for key in history)
+            check(peer.call("SET_PROPERTY", "alive", "yes"), "no answer")
+            service.check_alive()
+            # What a log loses at its end looks like a commit that a power cut tore, and can't be told.
+            tellable = what.endswith((".db", ".keys")) or lost == len(history)
+            check(not (lost and tellable) or " E " in service.log(), f"{lost} values lost silently")
+            return "lost some" if lost else "older" if any(told[k] != history[k][-1] for k in history) else "whole"
+        except (Failed, OSError) as failure:
+            raise Failed(f"{what}: {failure}") from failure
+
+
+def damage(run):
+    history = {}
+    templates = make_templates(history)
+    seeds = [run.random.getrandbits(40) for _ in range(run.count(250, 10000))]
+    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+        results = collections.Counter(pool.map(lambda seed: damage_one(run, templates, history, seed), seeds))
+    left_out = results.pop(None, 0)
+    return f"{len(seeds) - left_out} damages: " + ", ".join(f"{count} {what}" for what, count in results.items())
+
+
+def busy(run):
+    told = []
+    for seconds in (1, 4, 6) if run.long else (1, 6):
+        with World() as world:
+            world.start()
+            client, beside = world.client(), world.client()
+            check(client.ask("set", "k", "old") == "1" and beside.ask("get", "k") == "old", "set failed")
+            holder = sqlite3.connect(world.path("data/sdconfig.db"), isolation_level=None, check_same_thread=False)
+            holder.execute("BEGIN IMMEDIATE")
+            begin = time.monotonic()
+            timer = threading.Timer(seconds, holder.rollback)
+            timer.start()
+            answer = client.ask("set", "k", "new")
+            took = time.monotonic() - begin
+            timer.join()
+            holder.close()
+            if seconds < 5:
+                check(answer == "1" and took >= seconds - 0.1, f"held {seconds} s: {answer} after {took:.1f} s")
+            else:
+                check(answer == "0" and 4.9 < took < 5.5, f"held {seconds} s: {answer} after {took:.1f} s")
+            begin = time.monotonic()
+            held = beside.ask("get", "k")
+            waited = time.monotonic() - begin
+            check(held in ("new", "old" if answer == "0" else "new") and waited < 1.5, f"then {held!r}, {waited:.1f} s")
+            check(beside.ask("set", "k", "next") == "1" and client.ask("get", "k") == "next", "not usable afterwards")
+            told.append(f"{seconds} s: {'stored' if answer == '1' else 'failed'} after {took:.1f} s")
+    return "; ".join(told)
+
+
+# ---- Peers ----
+
+def send_garbage(world, rng):
+    peer = Peer(world, handshake=rng.random() < 0.5)
+    peer.socket.sendall(rng.randbytes(rng.choice((1, 16, 300, 70000))))
+    peer.close()
+
+
+def send_random_call(peer, rng):
+    """A call of a known method with arguments of any kinds and number; lengths that lie in every third."""
+    signature = "".join(pieces.random_type(rng, rng.choice((0, 2, 6))) for _ in range(rng.randint(0, 5)))[:200]
+    body = Marshal()
+    with contextlib.suppress(IndexError):  # where it was cut inside a type
+        body.put_random(signature, rng)
+    peer.serial += 1
+    whole = bytearray(pieces.message(peer.serial, rng.choice(METHODS), signature, bytes(body.bytes),
+                                     flags=rng.choice((0, 1))))
+    if rng.random() < 0.33:
+        struct.pack_into("<I", whole, rng.choice((4, 12, rng.randrange(len(whole) // 4 - 1) * 4)),
+                         rng.choice((0, 1, 0x7fffffff, 0xffffffff, 1 << 27, 1 << 26, rng.getrandbits(12))))
+    peer.socket.sendall(whole)
+
+
+def call_randomly(world, rng, calls):
+    sent = 0
+    while sent < calls:
+        with contextlib.suppress(OSError):
+            peer = Peer(world, limit=2)
+            for _ in range(50):
+                sent += 1
+                send_random_call(peer, rng)
+            peer.close()
+
+
+def big_arrays():
+    """Bodies near 64 MiB: their signatures, and what makes them."""
+    size = (64 << 20) - 8
+    empty_strings = struct.pack("<I", size) + bytes(size)
+    yield "ay", struct.pack("<I", size) + b"x" * size
+    yield "say", strings("big")[1] + struct.pack("<I", size) + b"x" * size
+    for signature in ("as", "ai", "aay", "ag", "ab"):
+        yield signature, empty_strings
+    yield "at", struct.pack("<II", size, 0) + bytes(size)
+    yield "a(y)", struct.pack("<II", size, 0) + bytes(size)
+    yield "av", struct.pack("<I", size) + b"\x01y\0\x05" * (size // 4)
+
+
+def hostile(run):
+    with World() as world:
+        service = world.start()
+        honest = Honest(world)
+        at_start = service.peak_mib()
+        for _ in run.rounds(200, 3000):
+            with contextlib.suppress(OSError):  # to cut it off is the service's right, here and below
+                send_garbage(world, run.random)
+        half_open = []
+        for _ in range(200):
+            half_open.append(Peer(world, handshake=False))
+        connects = run.count(1000, 10000)
+        for _ in range(connects):
+            with contextlib.suppress(OSError):
+                Peer(world).close()
+        for peer in half_open:
+            peer.close()
+        calls = run.count(3000, 100000)
+        call_randomly(world, run.random, calls)
+        at_calls = service.peak_mib()
+        arrays = 0
+        for signature, body in big_arrays():
+            for method in METHODS if run.long else ("SIGN_REQUEST", "GET_POLICY"):
+                peer = Peer(world, limit=5)
+                with contextlib.suppress(OSError):
+                    peer.send(method, signature, body)
+                    peer.send("SIGN_REQUEST", *strings("on"))
+                    peer.next()
+                peer.close()
+                arrays += 1
+        service.check_alive()
+        beside = honest.finish()
+        check(world.client().ask("sign", "new") == "new", "a new client is not served afterwards")
+        peak = service.peak_mib()
+        check(at_calls < (at_start + 100) * SLACK["factor"], f"calls made it hold {at_calls} MiB")
+        check(peak < 900 * SLACK["factor"], f"peak memory {peak} MiB")
+        lines = service.log().count("\n")
+        check(lines < 100000, f"{lines} lines logged")
+    return (f"{connects} connects, {calls} random calls, {arrays} arrays of 64 MiB; {beside}; peak {at_calls} MiB "
+            f"before the arrays, {peak} MiB in all")
+
+
+def user(run):
+    run.needs("setpriv", root=True)
+    other = ["setpriv", f"--reuid={NOBODY}", f"--regid={NOBODY}", "--clear-groups"]
+    connect = ("import socket,sys; s=socket.socket(socket.AF_UNIX); s.settimeout(5); s.connect(sys.argv[1]);\n"
+               "s.sendall(b'\\0AUTH EXTERNAL 3635353334\\r\\nBEGIN\\r\\n'); print(s.recv(100))")
+
+    serve = ("import socket,sys; s=socket.socket(socket.AF_UNIX); s.settimeout(4); s.bind(sys.argv[1]); s.listen();\n"
+             "c,_=s.accept(); c.settimeout(3); print(c.recv(1000))")
+
+    def as_other(*command, **more):
+        return subprocess.run([*other, *command], capture_output=True, text=True, timeout=20, check=False, **more)
+
+    with World() as world:
+        service = world.start()
+        check("PermissionError" in as_other("python3", "-c", connect, world.socket_path).stderr,
+              "another user reaches the socket")
+        for folder in ("", "run", "run/sdbus"):  # even where somebody opened the door
+            os.chmod(world.path(folder), 0o755)
+        os.chmod(world.socket_path, 0o666)
+        got = as_other("python3", "-c", connect, world.socket_path)
+        check(got.stdout.strip() in ("b''", "") and "PermissionError" not in got.stderr, f"another user got {got}")
+        check("it belongs to another user" in service.log(), "a refused user is not logged")
+        os.chmod(world.path("run/sdbus"), 0o700)
+        service.stop()
+
+    plants = {
+        "another's folder": lambda w: (os.mkdir(w.path("run/sdbus"), 0o700), os.chown(w.path("run/sdbus"), NOBODY, -1)),
+        "open folder": lambda w: (os.mkdir(w.path("run/sdbus")), os.chmod(w.path("run/sdbus"), 0o777)),
+        "link to a folder": lambda w: os.symlink(w.path("victim"), w.path("run/sdbus")),
+        "open parent": lambda w: os.chmod(w.path("run"), 0o777),
+        "file": lambda w: open(w.path("run/sdbus"), "w").close(),
+        "linked ring": lambda w: os.symlink(w.path("victim/ring"), w.path("data/sdsecurity.keys")),
+        "linked lock": lambda w: os.symlink(w.path("victim/lock"), w.path("data/sdconfigd.lock")),
+    }
+    for name, plant in plants.items():
+        with World() as world:
+            os.mkdir(world.path("victim"), 0o700)
+            plant(world)
+            service = Service(world)
+            check(not service.settled(), f"{name}: the service started")
+            service.refusal()
+            check(not os.listdir(world.path("victim")), f"{name}: it was followed")
+            check(not os.path.exists(world.socket_path), f"{name}: a socket was made")
+    for name in ("sdconfig", "sdconfig.lock"):  # in its own folder: taken away or refused, never followed
+        with World() as world:
+            os.mkdir(world.path("victim"), 0o700)
+            os.mkdir(world.path("run/sdbus"), 0o700)
+            with open(world.path("victim/file"), "w", encoding="ascii") as file:
+                file.write("mine")
+            os.symlink(world.path("victim/file"), world.path("run/sdbus/" + name))
+            Service(world).settled()
+            check(os.listdir(world.path("victim")) == ["file"] and open(world.path("victim/file")).read() == "mine",
+                  f"a link in place of {name} was followed")
+    with World() as world:  # a service of another user, where a client looks
+        os.mkdir(world.path("run/sdbus"), 0o700)
+        for folder in ("", "run", "run/sdbus"):
+            os.chmod(world.path(folder), 0o755)
+        os.chown(world.path("run/sdbus"), NOBODY, NOBODY)
+        planted = subprocess.Popen([*other, "python3", "-c", serve, world.socket_path], text=True,
+                                   stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        wait_for(lambda: os.path.exists(world.socket_path), "the planted socket")
+        answer = world.client().ask("set", "k", "secret")
+        check(answer == "0" and planted.communicate(timeout=20)[0] in ("", "b''\n"),
+              "a client spoke to a service of another user")
+    return f"refused before dispatch; {len(plants) + 3} plants, nothing followed"
+
+
+def silent(run):
+    events = run.count(60000, 1000000)
+    with World() as world:
+        service = world.start()
+        writer, mute = Peer(world), Peer(world)
+        readers = [Peer(world, limit=60) for _ in range(2)]
+        for peer in (mute, *readers):
+            peer.send("Subscribe", *strings("DM_CHANGED"), interface="sdbus.Control")
+        for reader in readers:
+            reader.next()
+        body = Marshal()
+        body.put("s", "told")
+        body.put("b", 0)
+        writer.send("REG_LISTENER", "sb", bytes(body.bytes))
+        writer.next()
+        seen = [0, 0]
+        wrong = []
+
+        def read(which):
+            try:
+                while seen[which] < events:
+                    _, _, told = readers[which].next()
+                    number = int(told[16:24])
+                    check(number == seen[which], f"event {number} came instead of {seen[which]}")
+                    seen[which] += 1
+            except (Failed, OSError, ValueError) as error:
+                wrong.append(f"a reader at event {seen[which]}: {error}")
+
+        threads = [threading.Thread(target=read, args=(which,)) for which in range(2)]
+        for thread in threads:
+            thread.start()
+        for at in range(0, events, 500):
+            calls = bytearray()
+            for number in range(at, min(at + 500, events)):
+                calls += pieces.message(number + 10, "SET_PROPERTY", *strings("told", f"{number:08}"), flags=1)
+            writer.socket.sendall(calls)
+            wait_for(lambda: wrong or min(seen) > at - 4000, "the readers", 60)
+            check(not wrong, wrong)
+        for thread in threads:
+            thread.join()
+        check(not wrong, wrong)
+        got = 0
+        with contextlib.suppress(ConnectionError):
+            while mute.next():
+                got += 1
+        check(got < 30000, f"the silent subscriber was sent {got} events")
+        check(service.log().count("is cut off") == 1, "not one line about one cut-off")
+        peak = service.peak_mib()
+        check(peak < 100 * SLACK["factor"], f"peak memory {peak} MiB")
+    return f"{events} events, the silent one cut off after {got}, two others got all in order; peak {peak} MiB"
+
+
+def restarts(run):
+    clients, rounds = run.count(20, 100), run.count(8, 100)
+    calls, failures = [0] * clients, [0] * clients
+    with World() as world:
+        service = world.start()
+        crowd = [world.client() for _ in range(clients)]
+        over = threading.Event()
+        wrong = []
+
+        def use(number):
+            client = crowd[number]
+            try:
+                client.ask("listen", f"key.{number}")
+                while not over.is_set():
+                    text = f"{number}.{calls[number]}"
+                    answer = client.ask("sign", text)
+                    check(answer in (text, ""), f"client {number} was answered {answer!r} to {text!r}")
+                    failures[number] += answer == ""
+                    calls[number] += 1
+                    if calls[number] % 10 == 0:
+                        value = client.ask("property.get", f"key.{number}")
+                        check(value == "" or value.startswith(f"{number}."), f"client {number} read {value!r}")
+                        client.ask("property.set", f"key.{number}", text)
+            except Failed as failure:
+                wrong.append(f"client {number}: {failure}")
+
+        threads = [threading.Thread(target=use, args=(number,)) for number in range(clients)]
+        for thread in threads:
+            thread.start()
+        done = 0
+        for done in run.rounds(rounds, rounds):
+            time.sleep(run.random.uniform(0.02, 0.3))
+            service.kill() if run.random.random() < 0.5 else service.stop()
+            service = world.start()
+        over.set()
+        for thread in threads:
+            thread.join()
+        check(not wrong, wrong[:3])
+        for number, client in enumerate(crowd):  # the recipe after a restart: ask, and register anew where need be
+            check(client.ask("listen", f"key.{number}") == "1", f"client {number} can't listen again")
+        for number, client in enumerate(crowd):
+            before = int(client.ask("events").split()[0])
+            attempts = iter(range(10000))
+
+            def hears():
+                client.ask("property.set", f"key.{number}", f"{number}.again.{next(attempts)}")
+                return int(client.ask("events").split()[0]) > before
+
+            wait_for(hears, f"client {number} hears of changes again", 10)
+            told = client.ask("events").split()
+            check(told[1] == "0" and told[2].startswith(f"{number}."), f"client {number} was told {told}")
+    return f"{clients} clients, {done + 1} restarts, {sum(calls)} calls, {sum(failures)} of them failed"
+
+
+def threads(run):
+    with World() as world:
+        world.start()
+        client = world.client()
+        right = 0
+
+        def all_right(answer):
+            numbers = [int(number) for number in answer.split()]
+            check(not any(numbers[1::3] + numbers[2::3]), f"wrong or failed: {answer}")
+            return sum(numbers[0::3])
+
+        for number in run.rounds(3, 60):
+            right += all_right(client.ask("threads", 64, 50, 0, limit=60))
+            right += all_right(client.ask("threads", 16, 50, 1, limit=60))
+            forked = client.ask("fork", limit=60)
+            check(len(forked.split()) == 6, f"a forked child said nothing: {forked}")
+            right += all_right(forked)
+            client.ask("listen", f"k{number}")
+            client.ask("property.set", f"k{number}", f"v{number}")
+            wait_for(lambda: client.ask("events").split()[2] == f"v{number}", "an event")
+            check(client.ask("events").split()[1] == "0", "a call from a listener got another's answer")
+        client.ask("last", "goodbye")
+        check(client.finish() == "goodbye\n\n", "static destructors are answered wrongly")
+    return f"{right} calls from threads, children, interrupted threads, each with its own answer; {number + 1} rounds"
+
+
+# ---- Secrets ----
+
+def secrets(run):
+    canary, identity = f"canary{run.random.getrandbits(60):x}", f"identity{run.random.getrandbits(60):x}"
+    forms = [canary.encode(), canary.encode().hex().encode(), canary.encode("utf-16-le"),
+             *(base64.b64encode(b"x" * i + canary.encode())[4:-4] for i in range(3))]
+    with World() as world:
+        service = world.start("--log-level", "5")
+        client = world.client()
+
+        def scan_processes():
+            for path in glob.glob("/proc/[0-9]*/cmdline") + glob.glob("/proc/[0-9]*/environ"):
+                try:
+                    with open(path, "rb") as file:
+                        check(not any(form in file.read() for form in forms), f"the secret stands in {path}")
+                except OSError:
+                    pass
+
+        def command_line(*arguments, text=""):
+            process = subprocess.Popen([pieces.PROGRAMS["sdconfig"], *arguments], env=world.environment, text=True,
+                                       stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+            process.stdin.write(text)
+            process.stdin.flush()
+            scan_processes()
+            out, err = process.communicate(timeout=20)
+            check(canary not in err, f"sdconfig said the secret on standard error: {err}")
+            return out
+
+        for _ in run.rounds(2, 50):
+            command_line("secure", "set", "k", text=canary)
+            check(canary in command_line("secure", "get", "k"), "the secret did not come back")
+            check(client.ask("set", "k", canary) == "1", "set failed")
+            check(client.ask("get", "k") == canary, "the secret did not come back")
+            check(client.ask("set", "ro.sd.uuid", identity) == "1", "set failed")
+            for key, priority in (("k", 9), ("k", 1), ("other", 9)):
+                check(client.ask("policy.set", key, canary, priority) == "1", "policy.set failed")
+                client.ask("policy.get", key)
+            client.ask("delete", "k")
+            client.ask("set", "alone", canary)
+            peer = Peer(world)
+            for method in METHODS:  # the secret where it does not belong
+                if method not in ("DEL_SECURE", "DELETE_POLICY", "DM_CLEAR_ALL_KEYS", "SET_PROPERTY", "REG_LISTENER",
+                                  "DM_REGISTER_LISTERNER"):
+                    peer.send(method, "isy", struct.pack("<iI", 1, len(canary)) + canary.encode() + b"\0\1", flags=1)
+            peer.call("GET_SECURE", "k")
+            peer.close()
+            # Error paths: a store that refuses, a value that doesn't open.
+            db = sqlite3.connect(world.path("data/sdconfig.db"))
+            db.execute("CREATE TRIGGER full BEFORE INSERT ON secure_v3 BEGIN SELECT RAISE(ABORT, 'full'); END")
+            check(client.ask("set", "k", canary) == "0", "a refused write succeeded")
+            command_line("secure", "set", "k", text=canary)
+            db.execute("DROP TRIGGER full")
+            db.execute("UPDATE secure_v3 SET value = substr(value, 1, length(value) - 9) WHERE key = 'alone'")
+            db.commit()
+            db.close()
+            check(client.ask("get", "alone") == "", "a damaged value was opened")
+            service.kill()
+            check(client.ask("set", "k", canary) == "0", "a set without a service succeeded")
+            command_line("secure", "set", "k", text=canary)
+            service = world.start("--log-level", "5")
+        places, ordered = 0, 0
+        for folder, _, names in os.walk(world.folder):
+            for name in names:
+                path = os.path.join(folder, name)
+                if not os.path.isfile(path):
+                    continue
+                with open(path, "rb") as file:
+                    data = file.read()
+                if name == "clients.log":  # the client's error lines of failed calls carry the value by design
+                    kept = [line for line in data.splitlines(keepends=True) if b"setsecure the key" not in line]
+                    ordered = data.count(b"\n") - len(kept)
+                    data = b"".join(kept)
+                check(not any(form in data for form in forms), f"the secret stands in {name}")
+                lines = [line for line in data.splitlines() if identity.encode() in line]
+                check(all(b"key is ro.sd.uuid" in line for line in lines), f"an identity key's value stands in {name}")
+                places += 1
+        check(ordered, "the lines that carry a value by design were not met")
+    return f"0 hits in {places} files, command lines and environments; {ordered} lines that carry it by design"
+
+
+def ring(run):
+    done = 0
+    for done in run.rounds(3, 50):
+        with World() as world:
+            crowd = [Client(world) for _ in range(32)]
+            for client in crowd:
+                client.ask("events")  # it is up
+            for number, client in enumerate(crowd):
+                client.send("seal", world.path("data"), f"text.{number}")
+            sealed = [client.receive() for client in crowd]
+            with open(world.path("data/sdsecurity.keys"), encoding="ascii") as file:
+                check(len(file.read().splitlines()) == 2, "more than one key was made")
+            for number, envelope in enumerate(sealed):
+                for client in (crowd[(number + 7) % 32], crowd[(number + 20) % 32]):
+                    check(client.ask("open", world.path("data"), envelope) == f"text.{number}", "a seal does not open")
+    return f"{done + 1} rounds of 32 first seals, one ring each"
+
+
+SCENARIOS = (kill, io, disk, damage, busy, hostile, user, silent, restarts, threads, secrets, ring)
+
+
+def perform(scenario, arguments):
+    run = Run(scenario.__name__, not arguments.short, arguments.minutes, arguments.seed)
+    begin = time.monotonic()
+    try:
+        told, result = scenario(run), "ok"
+    except Skipped as reason:
+        told, result = str(reason), "skipped"
+    except Exception as failure:  # whatever it is, the other scenarios have their turn
+        if not isinstance(failure, Failed):
+            traceback.print_exc()
+        told, result = f"{type(failure).__name__}: {failure}", "FAILED"
+    print(f"{scenario.__name__:9} {result:7} {time.monotonic() - begin:5.0f} s  {told}", flush=True)
+    return result != "FAILED"
+
+
+def main():
+    names = [scenario.__name__ for scenario in SCENARIOS]
+    parser = argparse.ArgumentParser(prog="scripts/torture", description=__doc__)
+    parser.add_argument("names", nargs="*", metavar="NAME", help="all when none is named: " + " ".join(names))
+    parser.add_argument("--short", action="store_true", help="the short form, some minutes in all")
+    parser.add_argument("--minutes", type=float, default=60, help="the most that one scenario goes on for")
+    parser.add_argument("--seed", type=int, default=int(time.time()), help="for the same random choices again")
+    parser.add_argument("--build", default="build/release", help="where the programs were built")
+    arguments = parser.parse_args()
+    unknown = set(arguments.names) - set(names)
+    if unknown:
+        parser.error("no scenario " + ", ".join(unknown))
+    build = os.path.abspath(arguments.build)
+    pieces.PROGRAMS.update(sdconfigd=f"{build}/apps/sdconfigd/sdconfigd", sdconfig=f"{build}/apps/sdconfig/sdconfig",
+                           torture_client=f"{build}/tests/torture/torture_client")
+    SLACK["factor"] = 6 if build.endswith("asan") else 1
+    print(f"seed {arguments.seed}", flush=True)
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
+    wanted = [scenario for scenario in SCENARIOS if not arguments.names or scenario.__name__ in arguments.names]
+    sys.exit(0 if all([perform(scenario, arguments) for scenario in wanted]) else 1)
+
+
+if __name__ == "__main__":
+    main()
