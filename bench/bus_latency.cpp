@@ -116,8 +116,8 @@ void measure(const char* what, int serverCpu, int clientCpu, int rounds, int cal
 }  // namespace
 
 int main(int argc, char** argv) {
-    const int rounds = argc > 1 ? std::atoi(argv[1]) : 7;
-    const int calls = argc > 2 ? std::atoi(argv[2]) : 5000;
+    const int rounds = argc > 1 ? std::stoi(argv[1]) : 7;
+    const int calls = argc > 2 ? std::stoi(argv[2]) : 5000;
     char folder[] = "/tmp/sdbench-XXXXXX";
     if (!::mkdtemp(folder) || ::setenv("XDG_RUNTIME_DIR", folder, 1) != 0) return 1;
     if (rounds < 1 || calls < 1) return 2;

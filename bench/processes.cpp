@@ -40,6 +40,7 @@ struct Process {
         posix_spawn_file_actions_adddup2(&actions, pipe[1], 2);
         posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
         std::vector<char*> argv;
+        argv.reserve(arguments.size() + 1);
         for (std::string& argument : arguments) argv.push_back(argument.data());
         argv.push_back(nullptr);
         if (::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) std::abort();
@@ -71,7 +72,7 @@ struct Process {
     double residentKiB() const {
         std::ifstream status("/proc/" + std::to_string(pid) + "/status");
         for (std::string line; std::getline(status, line);)
-            if (line.compare(0, 6, "VmRSS:") == 0) return std::atof(line.c_str() + 6);
+            if (line.compare(0, 6, "VmRSS:") == 0) return std::stod(line.substr(6));
         return 0;
     }
 };
@@ -95,7 +96,7 @@ double wholeRun(const std::vector<std::string>& command) {
 int main(int argc, char** argv) {
     if (argc < 4) return 2;
     const std::string empty = argv[3];
-    const int rounds = argc > 4 ? std::atoi(argv[4]) : 21;
+    const int rounds = argc > 4 ? std::stoi(argv[4]) : 21;
     char folder[] = "/tmp/sdbench-XXXXXX";
     if (!::mkdtemp(folder) || ::setenv("XDG_RUNTIME_DIR", folder, 1) != 0) return 1;
     const std::vector<std::string> service{argv[1], "--data-dir", std::string(folder) + "/data", "--log-level", "8"};

@@ -1,6 +1,7 @@
 #include "apps/common/data_reader.h"
 
 #include <charconv>
+#include <filesystem>
 
 #include "libsdconfig/sdconfig_types.h"
 #include "platform/sdsecurity/sdsecurity.h"
@@ -9,6 +10,14 @@
 namespace apps {
 
 namespace {
+
+constexpr char kSecureFile[] = "sdconfig.db";
+constexpr char kPolicyFile[] = "dmhelper.db";
+
+bool isThere(const std::string& path) {
+    std::error_code failure;
+    return std::filesystem::exists(path, failure) || (failure && failure != std::errc::no_such_file_or_directory);
+}
 
 std::optional<int> decimal(const std::string& text) {
     int number = 0;
@@ -36,11 +45,19 @@ std::string DataReader::rowsOf(const char* file, const char* table, const std::o
 }
 
 std::string DataReader::secureRows(std::vector<Row>& rows, const std::optional<std::string>& key) const {
-    return rowsOf("sdconfig.db", "secure_v3", key, rows);
+    return rowsOf(kSecureFile, "secure_v3", key, rows);
 }
 
 std::string DataReader::policyRows(std::vector<Row>& rows, const std::optional<std::string>& key) const {
-    return rowsOf("dmhelper.db", "dmhelperconfig", key, rows);
+    return rowsOf(kPolicyFile, "dmhelperconfig", key, rows);
+}
+
+bool DataReader::hasSecure() const {
+    return isThere(mFolder + "/" + kSecureFile);
+}
+
+bool DataReader::hasPolicies() const {
+    return isThere(mFolder + "/" + kPolicyFile);
 }
 
 std::optional<std::string> DataReader::secureValue(const Row& row) {

@@ -34,6 +34,10 @@ public:
     // Why the key ring can't open anything; "" where it can.
     static std::string ringProblem();
 
+    // Whether the database of secure values, or of policies, is there at all.
+    bool hasSecure() const;
+    bool hasPolicies() const;
+
     const std::string& folder() const { return mFolder; }
 
 private:

@@ -57,6 +57,18 @@ void addPolicy(const apps::Row& row, bool show, Listing& listing) {
     listing.object["policies"].push_back(std::move(object));
 }
 
+// Reads both databases, one of which may not be there. Returns what hindered it, or "".
+std::string readRows(const apps::DataReader& reader, std::vector<apps::Row>& secure, std::vector<apps::Row>& policies) {
+    const bool hasSecure = reader.hasSecure();
+    const bool hasPolicies = reader.hasPolicies();
+    std::string problem = hasSecure || !hasPolicies ? reader.secureRows(secure) : "";
+    if (problem.empty() && hasPolicies) problem = reader.policyRows(policies);
+    if (!problem.empty()) return problem;
+    if (!hasSecure) noteNoDatabase(reader.folder(), "secure values");
+    if (!hasPolicies) noteNoDatabase(reader.folder(), "policies");
+    return "";
+}
+
 }  // namespace
 
 int listKeys(const Request& request, Service& service) {
@@ -65,9 +77,8 @@ int listKeys(const Request& request, Service& service) {
     if (!access.reader) return dataUnreadable(request, "the system does not tell where the service keeps its data");
     std::vector<apps::Row> secure;
     std::vector<apps::Row> policies;
-    std::string problem = access.reader->secureRows(secure);
-    if (problem.empty()) problem = access.reader->policyRows(policies);
-    if (!problem.empty()) return dataUnreadable(request, problem);
+    if (const std::string problem = readRows(*access.reader, secure, policies); !problem.empty())
+        return dataUnreadable(request, problem);
 
     sortByKey(secure);
     sortByKey(policies);

@@ -42,22 +42,6 @@ int fail(ExitCode code, const std::string& tried, const std::string& happened, c
     return code;
 }
 
-std::string escaped(const std::string& text) {
-    static constexpr char kHex[] = "0123456789abcdef";
-    std::string out;
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte >= 0x20 && byte != 0x7f) {
-            out += c;
-        } else {
-            out += "\\x";
-            out += kHex[byte >> 4];
-            out += kHex[byte & 15];
-        }
-    }
-    return out;
-}
-
 void note(const std::string& text) {
     printLine("note: " + text);
 }
@@ -143,7 +127,7 @@ int notClearedUnasked(const Request& request) {
 }
 
 int notCleared(const Request& request) {
-    return fail(kRefused, attempt(request), "not confirmed", "nothing was changed");
+    return fail(kRefused, attempt(request), "not confirmed", "nothing was changed; answer y, or say --yes");
 }
 
 int unfitPolicy(const Request& request, const std::string& problem) {
@@ -159,8 +143,13 @@ int fileNotWritten(const Request& request, const std::string& reason) {
     return fail(kRefused, request.command + " " + quoted(request.file), reason, "name another file, or - to print it");
 }
 
-int leftOut(const Request& request, const std::string& what) {
-    return fail(kRefused, attempt(request), what, "the result is not complete");
+int policiesUntold(const Request& request) {
+    return fail(kRefused, attempt(request), "of some policies it can't be told whether they are stored",
+                "name the service's data folder with --data-dir");
+}
+
+int leftOut(const Request& request, const std::string& what, const std::string& next) {
+    return fail(kRefused, attempt(request), what, "the result is not complete; " + next);
 }
 
 void notePartlySent(std::size_t sent, std::size_t all) {
@@ -172,6 +161,10 @@ void noteListCut(const std::string& restFrom) {
         note("the service lists 122 policies at most, so there may be more; --data-dir names the folder to read all");
     else
         note("the service lists 122 policies at most; all were read from " + restFrom);
+}
+
+void noteWithoutService(const std::string& folder) {
+    note("the service is not running; this was read from " + folder);
 }
 
 int dataUnreadable(const Request& request, const std::string& problem) {
@@ -192,6 +185,10 @@ void noteDataNotRead(const std::string& problem) {
     note("this is what the service alone tells; its data could not be read: " + problem);
 }
 
+void noteNoDatabase(const std::string& folder, const char* what) {
+    note(folder + " has no database of " + what);
+}
+
 void noteContradiction(const std::string& folder) {
     note("the service answers otherwise than the data in " + folder +
          ": it keeps its data elsewhere, or the value has just changed");
@@ -206,8 +203,8 @@ int notRegistered(const Request& request) {
     return fail(kRefused, attempt(request), "the service did not take the registration", kSeeItsLog);
 }
 
-int notUpgraded(const Request& request, const std::string& problem) {
-    return fail(kRefused, attempt(request), problem, "nothing was changed");
+int notUpgraded(const Request& request, const std::string& problem, const std::string& next) {
+    return fail(kRefused, attempt(request), problem, "nothing was changed; " + next);
 }
 
 int upgradeNeedsForce(const Request& request) {
@@ -226,6 +223,12 @@ int rowsLost(const Request& request, std::size_t count) {
                 "standard output names them, and docs/upgrade.md the reasons; all others are fine");
 }
 
+void noteNotSealed(std::size_t count) {
+    note(
+        "names of the earlier layout that secure_v3 lacks: " + std::to_string(count) +
+        "; they were deleted since, or a copying was cut off: copy everything with: sdconfig upgrade --force DATA-DIR");
+}
+
 void noteWatching(std::size_t keys) {
     note("watching " + std::to_string(keys) + (keys == 1 ? " key" : " keys") + "; Ctrl-C ends it");
 }
@@ -234,8 +237,13 @@ void noteServiceLost() {
     note("the service is gone; waiting for it to come back");
 }
 
-void noteRestarted() {
-    note("the service has been restarted: registered again; what changed meanwhile follows");
+void noteServiceHangs(const std::string& how) {
+    note("the service " + how + "; waiting for it to answer again");
+}
+
+void noteRestarted(bool registered) {
+    const std::string who = registered ? "registered again" : "another client registered the keys again";
+    note("the service has been restarted: " + who + "; what changed meanwhile follows");
 }
 
 void noteRegisteredAgain() {

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <string>
 
+#include "apps/common/escaped.h"
 #include "apps/sdconfig/request.h"
 
 namespace cli {
@@ -20,8 +21,7 @@ enum ExitCode : int {
 int fail(ExitCode code, const std::string& tried, const std::string& happened, const std::string& next);
 void note(const std::string& text);
 
-// `text` with its control characters written out: they would break the line, or act on the terminal.
-std::string escaped(const std::string& text);
+using apps::escaped;
 
 // `text` in quotation marks, escaped, and cut where it is long.
 std::string quoted(const std::string& text);
@@ -54,15 +54,18 @@ int notCleared(const Request& request);
 int unfitPolicy(const Request& request, const std::string& problem);      // of the command line
 int unfitPolicyFile(const Request& request, const std::string& problem);  // of a file
 int fileNotWritten(const Request& request, const std::string& reason);
-int leftOut(const Request& request, const std::string& what);
+int policiesUntold(const Request& request);
+int leftOut(const Request& request, const std::string& what, const std::string& next);
 void notePartlySent(std::size_t sent, std::size_t all);
 void noteListCut(const std::string& restFrom);  // "": nowhere
+void noteWithoutService(const std::string& folder);
 
 // The data folder.
 int dataUnreadable(const Request& request, const std::string& problem);
 int otherDataFolder(const Request& request, const std::string& folder);
 int nothingToReadFrom(const Request& request, const std::string& problem);
 void noteDataNotRead(const std::string& problem);
+void noteNoDatabase(const std::string& folder, const char* what);
 void noteContradiction(const std::string& folder);
 int valuesUnreadable(const Request& request, const std::string& problem);
 
@@ -70,15 +73,17 @@ int valuesUnreadable(const Request& request, const std::string& problem);
 int notRegistered(const Request& request);
 void noteWatching(std::size_t keys);
 void noteServiceLost();
-void noteRestarted();
+void noteServiceHangs(const std::string& how);
+void noteRestarted(bool registered);  // or another client was faster
 void noteRegisteredAgain();
 void noteLeftOut(std::size_t changes);
 
 // The upgrade.
-int notUpgraded(const Request& request, const std::string& problem);  // nothing was changed
+int notUpgraded(const Request& request, const std::string& problem, const std::string& next);  // nothing was changed
 int upgradeNeedsForce(const Request& request);
 int upgradeFailed(const Request& request, const std::string& backup);
 int rowsLost(const Request& request, std::size_t count);
+void noteNotSealed(std::size_t count);
 
 // Wrong use. command: the command as far as it was understood, "" for none.
 int misused(const std::string& command, const std::string& happened);

@@ -12,14 +12,16 @@ namespace cli {
 
 namespace {
 
-// False when they can't be read, so that the service's list has to do.
-bool readAll(const apps::DataReader& reader, std::vector<StoredPolicy>& all) {
+// Returns what hindered the reading, or "".
+std::string readAll(const DataAccess& access, std::vector<StoredPolicy>& all) {
+    if (!access.reader) return "the folder is not known";
     std::vector<apps::Row> rows;
-    if (!reader.policyRows(rows).empty()) return false;
-    if (!rows.empty() && !apps::DataReader::ringProblem().empty()) return false;
+    std::string problem = access.reader->policyRows(rows);
+    if (problem.empty() && !rows.empty()) problem = apps::DataReader::ringProblem();
+    if (!problem.empty()) return problem;
     for (const apps::Row& row : rows) all.push_back({row.key, apps::DataReader::policy(row)});
     std::sort(all.begin(), all.end(), [](const auto& one, const auto& other) { return one.uri < other.uri; });
-    return true;
+    return "";
 }
 
 std::vector<StoredPolicy> fromList(const sd::PolicyList& list) {
@@ -31,9 +33,21 @@ std::vector<StoredPolicy> fromList(const sd::PolicyList& list) {
     return all;
 }
 
+StoredPolicies withoutService(const Request& request, const Service& service) {
+    StoredPolicies result;
+    const DataAccess access = accessData(request, service);
+    if ((result.exitCode = access.exitCode) != kDone) return result;
+    if (const std::string problem = readAll(access, result.all); !problem.empty())
+        result.exitCode = nothingToReadFrom(request, problem);
+    else
+        noteWithoutService(access.reader->folder());
+    return result;
+}
+
 }  // namespace
 
 StoredPolicies storedPolicies(const Request& request, Service& service) {
+    if (!service.listening()) return withoutService(request, service);
     StoredPolicies result;
     if ((result.exitCode = service.require()) != kDone) return result;
     const DataAccess access = accessData(request, service);
@@ -43,13 +57,12 @@ StoredPolicies storedPolicies(const Request& request, Service& service) {
     if ((result.exitCode = answer.exitCode) != kDone) return result;
 
     const bool cut = list.size() >= sd::protocol::kMaxElements;
-    if (access.reader && readAll(*access.reader, result.all)) {
-        if (cut) noteListCut(access.reader->folder());
-        return result;
+    const bool readFromFolder = readAll(access, result.all).empty();
+    if (!readFromFolder) {
+        result.all = fromList(list);
+        result.cut = cut;
     }
-    result.all = fromList(list);
-    result.cut = cut;
-    if (cut) noteListCut("");
+    if (cut) noteListCut(readFromFolder ? access.reader->folder() : "");
     return result;
 }
 

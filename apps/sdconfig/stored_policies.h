@@ -23,7 +23,8 @@ struct StoredPolicies {
     int exitCode = 0;               // where it isn't kDone, there is nothing, and that was told
 };
 
-// Asks the service, which lists a bounded number of them; where its data folder can be read, all are taken from there.
+// Asks the service, which lists a bounded number of them; where its data folder can be read, all are taken from there,
+// without a service, too.
 StoredPolicies storedPolicies(const Request& request, Service& service);
 
 }  // namespace cli

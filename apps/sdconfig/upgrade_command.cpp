@@ -40,22 +40,19 @@ const char* nameOf(UpgradeStep step) {
     }
 }
 
-bool copies(UpgradeStep step) {
-    return step == UpgradeStep::Copy || step == UpgradeStep::ForcedCopy;
-}
-
-std::string textOf(const LegacyEntry& entry) {
-    std::string text = "  " + escaped(entry.name);
+std::string textOf(const LegacyEntry& entry, bool copying) {
+    std::string text = "  " + (entry.name.empty() ? "(no name)" : escaped(entry.name));
     if (entry.rows > 1) text += ", " + std::to_string(entry.rows) + " pieces";
-    if (entry.replaces) text += ", replaces what is sealed";
+    if (entry.replaces && copying) text += ", replaces what is sealed";
+    if (!entry.replaces && !copying) text += ", not in secure_v3";
     for (std::size_t i = 0; i < entry.lost.size(); ++i)
         text += (i == 0 ? ", not carried over: " : " ") + escaped(entry.lost[i]);
     return text + "\n";
 }
 
-std::string textOf(const std::string& title, const std::vector<LegacyEntry>& entries) {
+std::string textOf(const std::string& title, const std::vector<LegacyEntry>& entries, bool copying) {
     std::string text = title + ": " + std::to_string(entries.size()) + "\n";
-    for (const LegacyEntry& entry : entries) text += textOf(entry);
+    for (const LegacyEntry& entry : entries) text += textOf(entry, copying);
     return text;
 }
 
@@ -70,7 +67,8 @@ std::string conclusion(const Request& request, const UpgradePlan& plan, const Ou
 std::string report(const Request& request, const UpgradePlan& plan, const Outcome& outcome) {
     std::string text = "version: " + (plan.version.empty() ? "none" : escaped(plan.version)) + "\nrows:";
     for (const char* table : kTables) text += std::string(" ") + table + " " + std::to_string(plan.rows.at(table));
-    text += "\n" + textOf("settings", plan.settings) + textOf("secure values", plan.secure);
+    const bool copying = plan.step != UpgradeStep::Nothing;
+    text += "\n" + textOf("settings", plan.settings, copying) + textOf("secure values", plan.secure, copying);
     for (const std::string& key : plan.nameless) text += "not copied, it has no \"@\": " + escaped(key) + "\n";
     return text + conclusion(request, plan, outcome);
 }
@@ -102,13 +100,17 @@ Object reportObject(const Request& request, const UpgradePlan& plan, const Outco
     return object;
 }
 
-// Why the folder is not one to work in; "" where it is.
-std::string unfitFolder(const std::string& folder) {
+// The exit code kDone where the folder is one to work in; else it was told why not.
+int checkFolder(const Request& request, const std::string& folder, const std::string& database) {
+    const char* const kNameIt = "name the folder that holds sdconfig.db";
     struct stat status {};
-    if (::stat(folder.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) return "there is no folder " + folder;
+    if (::stat(folder.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
+        return notUpgraded(request, "there is no folder " + folder, kNameIt);
     // The files made here would be ours, and the service of the other user could not use them.
-    if (status.st_uid != ::geteuid()) return folder + " belongs to another user: upgrade it as that user";
-    return "";
+    if (status.st_uid != ::geteuid())
+        return notUpgraded(request, folder + " belongs to another user", "upgrade it as that user");
+    if (::lstat(database.c_str(), &status) != 0) return notUpgraded(request, database + " is not there", kNameIt);
+    return kDone;
 }
 
 bool carryOver(const std::string& database, UpgradeStep step) {
@@ -120,6 +122,7 @@ int finish(const Request& request, const UpgradePlan& plan, const Outcome& outco
     const int printed = print(request, report(request, plan, outcome), reportObject(request, plan, outcome));
     if (plan.step == UpgradeStep::NeedsForce) return upgradeNeedsForce(request);
     if (!request.dryRun && !outcome.done) return upgradeFailed(request, outcome.backup);
+    if (const std::size_t count = plan.missing(); plan.step == UpgradeStep::Nothing && count > 0) noteNotSealed(count);
     const std::size_t lost = copies(plan.step) ? plan.lostRows() : 0;
     return lost > 0 ? rowsLost(request, lost) : printed;
 }
@@ -129,21 +132,23 @@ int finish(const Request& request, const UpgradePlan& plan, const Outcome& outco
 int upgradeDatabase(const Request& request, Service& /*service*/) {
     const std::string folder = std::filesystem::absolute(request.key).lexically_normal();
     const std::string database = folder + "/sdconfig.db";
-    if (const std::string problem = unfitFolder(folder); !problem.empty()) return notUpgraded(request, problem);
+    if (const int code = checkFolder(request, folder, database)) return code;
 
     apps::DataFolderLock lock;
     std::string problem = apps::usedBy(folder);
     if (problem.empty() && !request.dryRun) problem = lock.take(folder);
-    if (!problem.empty()) return notUpgraded(request, problem);
+    if (!problem.empty())
+        return notUpgraded(request, problem, "see that the folder is free and can be written, and repeat it");
 
     sd::SDSecurity::GetInstance()->SetKeyRingFolder(folder);
     const UpgradePlan plan = planUpgrade(folder, request.force);
-    if (!plan.problem.empty()) return notUpgraded(request, plan.problem);
+    if (!plan.problem.empty()) return notUpgraded(request, plan.problem, plan.next);
     if (request.dryRun || plan.step == UpgradeStep::NeedsForce) return finish(request, plan, {});
     if (plan.step == UpgradeStep::Nothing) return finish(request, plan, {"", true});
 
     const Backup backup = keepBackup(database);
-    if (!backup.problem.empty()) return notUpgraded(request, backup.problem);
+    if (!backup.problem.empty())
+        return notUpgraded(request, backup.problem, "see that the folder can be written and has room");
     return finish(request, plan, {backup.path, carryOver(database, plan.step)});
 }
 

@@ -10,6 +10,7 @@
 #include <set>
 
 #include "apps/common/table_reader.h"
+#include "apps/sdconfig/messages.h"
 #include "platform/sdsecurity/sdsecurity.h"
 #include "sdtks/sdtks.h"
 #include "src/sdconfig_helpers.h"
@@ -39,23 +40,32 @@ bool hasZeroByte(const std::string& text) {
 
 // A key that the store would take for another one, or for none.
 std::string unfitKey(const std::string& database, const std::string& table, const std::vector<Row>& rows) {
-    const auto unfit = [](const Row& row) { return row.key.empty() || hasZeroByte(row.key); };
+    // A key of the earlier layout that begins with an "@" was sealed under the empty name.
+    const bool emptyFits = table == "secure_v3";
+    const auto unfit = [&](const Row& row) { return (row.key.empty() && !emptyFits) || hasZeroByte(row.key); };
     if (std::none_of(rows.begin(), rows.end(), unfit)) return "";
     return "the table " + table + " of " + database + " has a row whose key is no text, or an empty one";
 }
 
-bool deciphers(std::string text) {
-    std::array<char, 256> ignored;
-    return sd::SDTks::Decrypt(text.data(), ignored.data(), static_cast<int>(ignored.size())) == 1;
+// Whether the store reads the piece whole: of its plain text it takes what stands before a zero byte.
+bool readsWhole(std::string text) {
+    std::array<char, 256> plain{};
+    if (hasZeroByte(text)) return false;
+    if (sd::SDTks::Decrypt(text.data(), plain.data(), static_cast<int>(plain.size())) != 1) return false;
+    const auto* const end = std::find(plain.begin(), plain.end(), '\0');
+    return std::all_of(end, plain.cend(), [](char c) { return c == '\0'; });
 }
 
 // The rows of `keys`, those of one value, that the store does not reach or can't decipher.
 std::vector<std::string> lostPieces(const std::string& name, std::vector<std::string> keys, const Values& secure) {
+    if (name.empty()) return keys;  // it is sealed where nobody can ask for it
     std::set<std::string, IgnoreCase> read;
     for (int piece = 0; piece < sd::kMaxLegacyPieces; ++piece) {
         const auto row = secure.find(sd::legacyPieceKey(name, piece));
         if (row == secure.end() || row->second.empty()) break;
-        if (deciphers(row->second) && !hasZeroByte(row->second)) read.insert(row->first);
+        // The keys of a name of 252 bytes and more are cut and then alike: its value comes out as repetitions.
+        if (read.count(row->first) > 0) return keys;
+        if (readsWhole(row->second)) read.insert(row->first);
     }
     const auto carriedOver = [&](const std::string& key) { return read.count(key) > 0 || secure.at(key).empty(); };
     keys.erase(std::remove_if(keys.begin(), keys.end(), carriedOver), keys.end());
@@ -88,6 +98,17 @@ void planSecure(const std::vector<Row>& rows, const Values& sealed, UpgradePlan&
         plan.secure.push_back({name, keys[name].size(), lostPieces(name, keys[name], secure), sealed.count(name) > 0});
 }
 
+// The store's copying would end there.
+std::string tooLarge(const UpgradePlan& plan, const std::vector<Row>& config) {
+    for (const auto& [key, value] : config)
+        if (const char* const why = sd::keepingProblem(key, value))
+            return "the key " + quoted(key) + " of the table config " + why;
+    for (const LegacyEntry& entry : plan.secure)
+        if (const char* const why = sd::keepingProblem(entry.name, ""))
+            return "the name " + quoted(entry.name) + " in the table secure " + why;
+    return "";
+}
+
 UpgradeStep nextStep(const UpgradePlan& plan, bool force) {
     const bool current =
         std::strtol(plan.version.c_str(), nullptr, 10) >= std::strtol(sd::kDatabaseVersion, nullptr, 10);
@@ -116,17 +137,28 @@ std::string ringProblem(const std::string& folder, bool sealedValues) {
     const auto ring = sd::SDSecurity::GetInstance()->CheckKeyRing();
     if (ring.state == State::Broken) return "the key ring can't be used: " + ring.detail;
     if (ring.state == State::Absent && sealedValues)
-        return "there are sealed values but the key ring is missing, " + ring.detail +
-               "; restore it from the same backup";
+        return "there are sealed values but the key ring is missing, " + ring.detail;
     return "";
 }
 
 }  // namespace
 
+bool copies(UpgradeStep step) {
+    return step == UpgradeStep::Copy || step == UpgradeStep::ForcedCopy;
+}
+
 std::size_t UpgradePlan::lostRows() const {
     const auto add = [](std::size_t sum, const LegacyEntry& entry) { return sum + entry.lost.size(); };
     return std::accumulate(secure.begin(), secure.end(),
-                           std::accumulate(settings.begin(), settings.end(), std::size_t{0}, add), add);
+                           std::accumulate(settings.begin(), settings.end(), nameless.size(), add), add);
+}
+
+std::size_t UpgradePlan::missing() const {
+    std::size_t count = 0;
+    for (const auto* entries : {&settings, &secure})
+        for (const LegacyEntry& entry : *entries)
+            if (!entry.replaces) ++count;
+    return count;
 }
 
 UpgradePlan planUpgrade(const std::string& folder, bool force) {
@@ -134,19 +166,26 @@ UpgradePlan planUpgrade(const std::string& folder, bool force) {
     const std::string path = folder + "/sdconfig.db";
     apps::Tables tables = apps::readTables(path, {"dbinfor", "config", "secure", "secure_v3"});
     plan.problem = tables.problem;
+    plan.next = "make it readable, or restore it from a backup";
     for (const char* table : {"dbinfor", "config", "secure", "secure_v3"}) {
         const std::vector<Row>& rows = tables.rows[table];
         plan.rows[table] = rows.size();
-        if (plan.problem.empty()) plan.problem = unfitKey(path, table, rows);
+        if (!plan.problem.empty()) continue;
+        plan.problem = unfitKey(path, table, rows);
+        plan.next = "delete that row";
     }
+    if (!plan.problem.empty()) return plan;
     const std::vector<Row>& sealed = tables.rows["secure_v3"];
-    if (plan.problem.empty()) plan.problem = ringProblem(folder, anySealed(sealed));
+    plan.problem = ringProblem(folder, anySealed(sealed));
+    plan.next = "put the files of one and the same backup there";
     if (!plan.problem.empty()) return plan;
 
     plan.version = valuesOf(tables.rows["dbinfor"])["dbVersion"];
     planSettings(tables.rows["config"], valuesOf(sealed), plan);
     planSecure(tables.rows["secure"], valuesOf(sealed), plan);
     plan.step = nextStep(plan, force);
+    if (copies(plan.step)) plan.problem = tooLarge(plan, tables.rows["config"]);
+    plan.next = "shorten or delete that row";
     return plan;
 }
 

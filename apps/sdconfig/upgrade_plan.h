@@ -23,8 +23,11 @@ enum class UpgradeStep {
     NeedsForce,  // as ForcedCopy, not asked for, while nothing was ever carried over
 };
 
+bool copies(UpgradeStep step);
+
 struct UpgradePlan {
     std::string problem;                      // why the database can't be upgraded, for a person; else ""
+    std::string next;                         // and what to do about it
     std::string version;                      // "": none
     std::map<std::string, std::size_t> rows;  // by table
     std::vector<LegacyEntry> settings;
@@ -33,6 +36,7 @@ struct UpgradePlan {
     UpgradeStep step = UpgradeStep::Nothing;
 
     std::size_t lostRows() const;
+    std::size_t missing() const;  // names that secure_v3 lacks
 };
 
 // folder: the data folder, whose key ring the security layer knows already.

@@ -76,6 +76,12 @@ private:
     std::size_t mLeftOut = 0;
 };
 
+// Never destroyed: where taking a registration back fails, the event thread may call it up to the end of the process.
+Inbox& inbox() {
+    static Inbox& only = *new Inbox;
+    return only;
+}
+
 class Watch {
 public:
     Watch(const Request& request, Service& service)
@@ -174,15 +180,17 @@ private:
             return kDone;
         }
         const int process = mService.processId();
-        const bool restarted = process != 0 && process != mProcess;
         const bool registered = registerMissing();
+        // What can't be registered yet has to wait for a later check.
+        const bool restarted = mAnswers && mUnregistered.empty() && process != 0 && process != mProcess;
         if (restarted) mProcess = process;
         if (restarted || registered) {
-            restarted ? noteRestarted() : noteRegisteredAgain();
+            restarted ? noteRestarted(registered) : noteRegisteredAgain();
             // The bus layer takes up to half a second to have events sent to it again, so this is done twice.
             mReadings = 2;
         }
         mLost = false;
+        if (mAnswers) mHangs = false;
         return readAgain();
     }
 
@@ -192,7 +200,9 @@ private:
         mAnswers = mUnregistered.empty() && policies().IsAllConfigsAlreadyListened(mKeys);
         if (mAnswers || signalled()) return false;
         // Each call on a service that hangs takes 5 s: one more of them is enough.
-        mAnswers = mService.probe().answered;
+        const Probe probe = mService.probe();
+        mAnswers = probe.answered;
+        if (!mAnswers && probe.listening && !std::exchange(mHangs, true)) noteServiceHangs(probe.how);
         if (!mAnswers) return false;
         for (const std::string& key : mKeys) {
             if (mUnregistered.count(key) != 0 || policies().IsAllConfigsAlreadyListened({key})) continue;
@@ -232,7 +242,7 @@ private:
     Service& mService;
     SignalPipe mSignals;
     CommandRunner mRunner;
-    Inbox mInbox;
+    Inbox& mInbox = inbox();
     std::vector<std::string> mKeys;
     std::map<std::string, std::optional<Change>> mKnown;  // the last value that was seen
     sd::DMConfig::ListenerList mUnregistered;
@@ -240,6 +250,7 @@ private:
     int mReadings = 0;
     int mProcess = 0;
     bool mLost = false;
+    bool mHangs = false;
     bool mAnswers = true;
 };
 

@@ -12,6 +12,7 @@
 
 #include "apps/common/data_folder.h"
 #include "apps/common/data_folder_lock.h"
+#include "apps/common/escaped.h"
 #include "apps/common/upgrader.h"
 #include "apps/sdconfigd/constants_file.h"
 #include "apps/sdconfigd/preflight.h"
@@ -35,8 +36,13 @@ struct Options {
     bool upgrade = false;
 };
 
+// One line, whatever bytes a path in it has.
+void tell(const std::string& text) {
+    std::fprintf(stderr, "sdconfigd: %s\n", apps::escaped(text).c_str());
+}
+
 int fail(const std::string& problem) {
-    std::fprintf(stderr, "sdconfigd: %s\n", problem.c_str());
+    tell(problem);
     return kFailed;
 }
 
@@ -64,10 +70,8 @@ std::string upgrade(const std::string& dataDir) {
     apps::Upgrader store(database);
     if (!store.isCurrent()) return database + " could not be upgraded; the lines above tell why";
     if (store.leftBehind())
-        std::fprintf(stderr,
-                     "sdconfigd: %s has data of an earlier version, of which nothing was copied; stop the "
-                     "service and copy it with: sdconfig upgrade --force %s\n",
-                     database.c_str(), dataDir.c_str());
+        tell(database + " has data of an earlier version, of which nothing was copied; stop the service and copy it " +
+             "with: sdconfig upgrade --force " + dataDir);
     return "";
 }
 
@@ -104,8 +108,7 @@ int serve(const Options& options, const sigset_t& endSignals) {
     if (const std::string problem = bus.registrationFailure(kName); !problem.empty()) return fail(problem);
 
     sd_notify(0, "READY=1");
-    std::fprintf(stderr, "sdconfigd: ready on %s, data in %s\n", bus.socketPath(kName).c_str(),
-                 options.dataDir.c_str());
+    tell("ready on " + bus.socketPath(kName) + ", data in " + options.dataDir);
     int signal = 0;
     sigwait(&endSignals, &signal);
     sd_notify(0, "STOPPING=1");
@@ -148,7 +151,7 @@ int main(int argc, char** argv) {
     } catch (const CLI::Success& help) {
         return app.exit(help);
     } catch (const CLI::ParseError& error) {
-        std::fprintf(stderr, "sdconfigd: %s; see sdconfigd --help\n", error.what());
+        tell(std::string(error.what()) + "; see sdconfigd --help");
         return kWrongUse;
     } catch (const std::exception& error) {
         return fail(error.what());

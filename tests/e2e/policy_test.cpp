@@ -143,6 +143,8 @@ TEST_F(PolicyTest, ALargeFileArrivesWholeAndComesBack) {
     const Result cut = cli({"policy", "list"});
     EXPECT_THAT(cut.err, HasSubstr("there may be more"));
     EXPECT_EQ(cli({"policy", "export", path("out.json")}).exitCode, 1);
+    const std::string weak = R"({"weak": {"value": "v", "priority": 5}})";
+    EXPECT_EQ(cli({"policy", "apply", "-"}, weak).out, "weak: it can't be told whether it is stored\n");
     EXPECT_THAT(cli({"policy", "export", path("etc")}).err, HasSubstr("no regular file"));
 }
 
@@ -158,8 +160,8 @@ TEST_F(PolicyTest, ADryRunTellsWhatWouldChange) {
                                HasSubstr("~ strong: (no value) -> \"new\": a policy of priority 6")));
     EXPECT_THAT(cli({"policy", "apply", path("p.json"), "--dry-run", "--show"}).out, HasSubstr("\"hidden\""));
     EXPECT_EQ(rowCount(), "1");
-    const std::string applied = "local: outweighed by what is set locally\nweak: in force\nstrong: in force\n";
-    expect({"policy", "apply", path("p.json")}, 0, applied);
+    expect({"policy", "apply", path("p.json")}, 0,
+           "local: outweighed by what is set locally\nweak: in force\nstrong: in force\n");
 
     std::filesystem::rename(path("data/sdconfig.db"), path("data/away"));  // so that only the service tells
     const json blind = json::parse(cli({"policy", "apply", path("p.json"), "--dry-run", "--json"}).out)["policies"];
@@ -168,10 +170,11 @@ TEST_F(PolicyTest, ADryRunTellsWhatWouldChange) {
     EXPECT_EQ(blind[1]["after"]["value"], "new");
 
     query(path("data/dmhelper.db"),
-          "CREATE TRIGGER no BEFORE INSERT ON dmhelperconfig WHEN new.key = 'strong' "
+          "CREATE TRIGGER no BEFORE INSERT ON dmhelperconfig WHEN new.key IN ('weak', 'strong') "
           "BEGIN SELECT RAISE(ABORT, ''); END");
-    expect({"policy", "delete", "strong"}, 0, "");
-    expect({"policy", "apply", path("p.json")}, 1, applied.substr(0, applied.rfind("in force")) + "not stored\n");
+    for (const char* uri : {"weak", "strong"}) expect({"policy", "delete", uri}, 0, "");
+    expect({"policy", "apply", path("p.json")}, 1,
+           "local: outweighed by what is set locally\nweak: not stored\nstrong: not stored\n");
 }
 
 }  // namespace

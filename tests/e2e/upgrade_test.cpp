@@ -26,9 +26,9 @@ class UpgradeTest : public Sandbox {
 protected:
     UpgradeTest() { makeLegacyDatabase(mDatabase); }
 
-    // Leaves what can be carried over whole: no pieces beyond the 64th, no name with an "@".
+    // Leaves what can be carried over whole: no pieces beyond the 64th, no name with an "@", none without one.
     void dropWhatIsLost() const {
-        query(mDatabase, "DELETE FROM secure WHERE key LIKE 'user@%' OR key LIKE 'long@@%'");
+        query(mDatabase, "DELETE FROM secure WHERE key LIKE 'user@%' OR key LIKE 'long@@%' OR key = 'without-at'");
     }
 
     Result upgrade(std::vector<std::string> options = {}) const {
@@ -66,7 +66,7 @@ TEST_F(UpgradeTest, ADryRunTellsAllAndLeavesNoTrace) {
         const Result result = upgrade({"--dry-run", "--json"});
         EXPECT_EQ(files(), before);
         EXPECT_FALSE(std::filesystem::exists(path("data/sdconfigd.lock")));
-        expectRefusal(result, "rows whose content can't be carried over: 32");
+        expectRefusal(result, "rows whose content can't be carried over: 33");
         json report = json::parse(result.out);
         EXPECT_THAT(report["secure"][1]["lost"], SizeIs(30)) << "long@@64 and on";
         report["secure"][1] = report["folder"] = nullptr;
@@ -125,6 +125,59 @@ TEST_F(UpgradeTest, OnlyForceCopiesWhereNothingWasSealedYet) {
     EXPECT_EQ(cli({"secure", "get", "velmar.client.id"}).out, "client-4711\n");
 }
 
+TEST_F(UpgradeTest, NamesOddRowsAndWhatACutOffCopyingLeft) {
+    const auto piece = [](const std::string& block) {  // ends in its own padding
+        return run({"openssl", "enc", "-aes-256-cbc", "-nopad", "-base64", "-K", hex(sd::kLegacyKey), "-iv",
+                    hex(sd::kLegacyIv)},
+                   {}, block)
+            .out;
+    };
+    const std::string fifteen = "fifteen bytes..";
+    const std::string sound = fifteen + '\1';
+    const std::string longName(297, 'l');
+    const std::string cutName(254, 'c');  // all its pieces have one key
+    std::string repeated;
+    for (int i = 0; i < 64; ++i) repeated += fifteen;
+    const struct {
+        std::string name;
+        std::string separator;
+        std::string block;
+        std::string read;
+        std::size_t lost = 1;
+    } cases[] = {
+        {"padding 0", "@@0", fifteen + '\0', ""},
+        {"padding 17", "@@0", fifteen + '\21', ""},
+        {"padding 0x80", "@@0", fifteen + '\x80', fifteen + "\xc2\x80\n", 0},
+        {"padding 0xFF", "@@0", fifteen + '\xFF', fifteen + "\xc3\xbf\n", 0},
+        {"zero byte", "@@0", std::string("fourteen\0bytes\2\2", 16), "fourteen\n"},
+        {longName, "@@0", sound, ""},
+        {cutName.substr(2), "@@0", sound, fifteen + "\n", 0},
+        {cutName, "@", sound, repeated + "\n"},
+        {"", "@@0", sound, ""},
+    };
+    for (const auto& [name, separator, block, read, lost] : cases)
+        query(mDatabase, std::string("INSERT INTO secure(key, value) VALUES('")
+                             .append(name + separator)
+                             .append("', '")
+                             .append(piece(block))
+                             .append("')"));
+    const json report = json::parse(upgrade({"--force", "--json"}).out);
+    query(mDatabase, "DELETE FROM secure_v3 WHERE key IN ('empty', 'token')");
+    const Result again = upgrade();
+    EXPECT_EQ(again.exitCode, 0);
+    EXPECT_THAT(again.err, HasSubstr("secure_v3 lacks: 2;"));
+    EXPECT_THAT(again.out, HasSubstr("  token, not in secure_v3\n"));
+    const Process service = startService();
+    for (const auto& [name, separator, block, read, lost] : cases) {
+        SCOPED_TRACE(name);
+        const auto found = std::find_if(report["secure"].begin(), report["secure"].end(),
+                                        [&, &key = name](const json& entry) { return entry["key"] == key; });
+        ASSERT_NE(found, report["secure"].end());
+        EXPECT_EQ((*found)["lost"].size(), lost);
+        EXPECT_EQ(cli({"secure", "get", name}).out, read);
+    }
+}
+
 TEST_F(UpgradeTest, AFailedCopyStopsTheServiceAndTheCommand) {
     query(mDatabase, std::string(kUsedSince) +
                          "; CREATE TRIGGER no BEFORE INSERT ON secure_v3 WHEN NEW.key = 'empty' "
@@ -162,7 +215,8 @@ TEST_F(UpgradeTest, RefusesWhatItCannotReadSealOrWrite) {
     const std::string legacy = readFile(mDatabase);
     const std::string sealedRow = "(id, key, value); INSERT INTO t VALUES(1, 'k', 'v1'); ALTER TABLE t RENAME TO ";
     const std::pair<std::string, const char*> damages[] = {
-        {"rm sdconfig.db", "sdconfig.db is not there"},
+        {"sqlite3 sdconfig.db \"UPDATE config SET value = zeroblob(16777217) WHERE key = 'empty'\"",
+         "longer than 16 MiB"},
         {"rm sdconfig.db; mkfifo sdconfig.db", "is not a regular file"},
         {"head -c 9000 /dev/zero | tr '\\0' x >sdconfig.db", "is not a database"},
         {"truncate -s 20000 sdconfig.db", "malformed"},
@@ -182,7 +236,8 @@ TEST_F(UpgradeTest, RefusesWhatItCannotReadSealOrWrite) {
         EXPECT_EQ(files(), before);
     }
     expectRefusal(cli({"upgrade", path("nowhere")}), "there is no folder " + path("nowhere"));
-    EXPECT_EQ(cli({"upgrade"}).exitCode, 2);
+    expectRefusal(cli({"upgrade", path("etc")}), path("etc/sdconfig.db") + " is not there");
+    EXPECT_TRUE(std::filesystem::is_empty(path("etc")));
 
     const char* const file = mDatabase.c_str();
     shell("rm -f sdsecurity.keys");

@@ -95,7 +95,7 @@ TEST_F(SDTksTest, TheCipherKeepsToItsBuffersAndTakesABlockThatEndsEarly) {
         std::vector<char> in(cipher.begin(), cipher.begin() + static_cast<long>(size));
         std::vector<char> out(size);
         int length = -1;
-        EXPECT_TRUE(aes_decrypt_strong(in.data(), size, out.data(), &length) || size == 24);
+        EXPECT_TRUE(aes_decrypt_strong(in.data(), size, out.data(), &length)) << size;
         EXPECT_EQ(std::string(out.data(), 16), std::string(16, 'p'));
         EXPECT_FALSE(aes_decrypt_strong(in.data(), 0, out.data(), &length));
     }

@@ -139,8 +139,6 @@ TEST_F(TksTest, AccessorsOfTheEarlierLayout) {
     EXPECT_EQ(store.GetConfig_v2("sd.ui.theme"), "v");
     EXPECT_TRUE(store.DeleteConfig_v2("sd.ui.theme"));
     EXPECT_EQ(store.GetConfig_v2("sd.ui.theme"), "");
-    EXPECT_EQ(store.SignRequest("content"), "content");
-    EXPECT_TRUE(store.VerifyRequest("content", "anything"));
 }
 
 }  // namespace
