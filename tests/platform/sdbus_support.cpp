@@ -1,18 +1,15 @@
 #include "tests/platform/sdbus_support.h"
 
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <iostream>
 #include <stdexcept>
-#include <thread>
 
 namespace test {
 
@@ -93,19 +90,12 @@ int connectTo(const std::string& path) {
     return -1;
 }
 
-struct RawService::State {
-    int listener = -1;
-    std::atomic<int> clients{0};
-    std::thread thread;
-};
-
-RawService::RawService(Serve serve) : mState(std::make_unique<State>()) {
-    mState->listener = listenAt(bus().socketPath(kService));
-    mState->thread = std::thread([state = mState.get(), serve = std::move(serve)] {
+RawService::RawService(Serve serve) : mListener(listenAt(bus().socketPath(kService))) {
+    mThread = std::thread([this, serve = std::move(serve)] {
         for (;;) {
-            const int client = ::accept4(state->listener, nullptr, nullptr, SOCK_CLOEXEC);
+            const int client = ::accept4(mListener, nullptr, nullptr, SOCK_CLOEXEC);
             if (client < 0) return;
-            ++state->clients;
+            ++mClients;
             serve(client);
             ::close(client);
         }
@@ -113,13 +103,9 @@ RawService::RawService(Serve serve) : mState(std::make_unique<State>()) {
 }
 
 RawService::~RawService() {
-    ::shutdown(mState->listener, SHUT_RDWR);
-    mState->thread.join();
-    ::close(mState->listener);
-}
-
-int RawService::clients() const {
-    return mState->clients;
+    ::shutdown(mListener, SHUT_RDWR);
+    mThread.join();
+    ::close(mListener);
 }
 
 std::string readFirstMessage(int client) {

@@ -4,9 +4,11 @@
 
 #include <systemd/sd-bus.h>
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "platform/sdbus/sdbus.h"
@@ -75,14 +77,12 @@ public:
     using Serve = std::function<void(int client)>;
     explicit RawService(Serve serve);
     ~RawService();
-    RawService(const RawService&) = delete;
-    RawService& operator=(const RawService&) = delete;
-
-    int clients() const;
+    int clients() const { return mClients; }
 
 private:
-    struct State;
-    std::unique_ptr<State> mState;
+    const int mListener;
+    std::atomic<int> mClients{0};
+    std::thread mThread;
 };
 
 // Plays the service's part of the handshake and returns the bytes of the first message that follows, whole.

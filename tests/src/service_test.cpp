@@ -2,14 +2,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <mutex>
-#include <thread>
+#include <type_traits>
 
 #include "libsdconfig/sdconfig.h"
 #include "platform/sdbus/sdbus.h"
 #include "platform/sdsecurity/sdsecurity.h"
-#include "sql/SQLiteDatabase.h"
-#include "src/sdconfig_helpers.h"
 #include "src/sdconfig_interface.h"
 #include "src/sdconfig_protocol.h"
 #include "src/sdconfig_service_sdbus.h"
@@ -21,17 +18,14 @@ namespace {
 using Message = std::shared_ptr<SDBusMessage>;
 using testing::ElementsAre;
 
-void append(SDBusMessage& message, const std::string& value) {
-    message.appendString(value);
-}
-void append(SDBusMessage& message, const char* value) {
-    message.appendString(value);
-}
-void append(SDBusMessage& message, bool value) {
-    message.appendBool(value);
-}
-void append(SDBusMessage& message, int value) {
-    message.appendInt8(static_cast<int8_t>(value));
+template <typename Value>
+void append(SDBusMessage& message, const Value& value) {
+    if constexpr (std::is_same_v<Value, bool>)
+        message.appendBool(value);
+    else if constexpr (std::is_same_v<Value, int>)
+        message.appendInt8(static_cast<int8_t>(value));
+    else
+        message.appendString(value);
 }
 
 class ServiceTest : public testing::Test {
@@ -87,7 +81,7 @@ protected:
 };
 
 // Collects all events of the service as "name key=value" with a "!" for strong control, over a subscription of its own.
-class Events {
+class Events : public test::Heard {
 public:
     Events() : mProxy(SDBusSerivceManager::initSync(-1)->getServiceProxyInterface("sdconfig", SDBusSameUser, 1)) {
         for (const char* name : {protocol::kSdconfigChanged, protocol::kPolicyChanged, protocol::kDmChanged})
@@ -95,10 +89,8 @@ public:
                                                  SDBusSameUser));
     }
 
-    // Everything that was published up to now: a secure value set last serves as the fence behind it.
-    template <typename Fence>
-    std::vector<std::string> upTo(Fence fence) {
-        fence();
+    // Everything that was published up to the fence, a secure value that was set last.
+    std::vector<std::string> upToFence() {
         test::waitUntil([this] { return !all().empty() && all().back() == ".sdconfigChanged fence=up"; });
         auto events = all();
         if (!events.empty()) events.pop_back();
@@ -107,35 +99,11 @@ public:
 
 private:
     void add(SDBusMessage& event) {
-        const std::lock_guard lock(mMutex);
-        mAll.push_back(event.eventName() + " " + event.getString(0) + "=" + event.getString(1) +
-                       (event.getBool(2) ? "!" : ""));
+        Heard::add(event.eventName() + " " + event.getString(0) + "=" + event.getString(1) +
+                   (event.getBool(2) ? "!" : ""));
     }
-    std::vector<std::string> all() {
-        const std::lock_guard lock(mMutex);
-        return mAll;
-    }
-    std::mutex mMutex;
-    std::vector<std::string> mAll;
     std::shared_ptr<SDBusProxyInterface> mProxy;  // ends its thread first
 };
-
-TEST_F(ServiceTest, PropertiesConstantsAndSigning) {
-    EXPECT_TRUE(ok("SET_PROPERTY", "p", "1"));
-    EXPECT_EQ(text("GET_PROPERTY", "p"), "1");
-    EXPECT_EQ(call("LST_PROPERTY")->getInt32(0), 0);
-    EXPECT_TRUE(ok("DEL_PROPERTY", "p"));
-    EXPECT_FALSE(ok("DEL_PROPERTY", "p"));
-    EXPECT_TRUE(ok("SET_PROPERTY", "ro.service.test", "1"));
-    EXPECT_FALSE(ok("SET_PROPERTY", "ro.service.test", "2"));
-    EXPECT_TRUE(mLog.has("handleMethodCall", 7) && mLog.has("DeleteProperty error", 7) &&
-                mLog.has("SetProperty error", 7));
-
-    SDSecurity::GetInstance()->RegisterString("const", "text");
-    EXPECT_EQ(text("GET_CONST", "const"), "text");
-    EXPECT_EQ(text("SIGN_REQUEST", "body"), "body");
-    EXPECT_TRUE(ok("VERIFY_SIGN", "body", "anything"));
-}
 
 TEST_F(ServiceTest, AListOfPropertiesIsTrimmedAt122) {
     std::map<std::string, std::string> many;
@@ -156,11 +124,17 @@ TEST_F(ServiceTest, SecureValuesChangeRowsAndTellOfIt) {
     EXPECT_TRUE(ok("SET_SECURE", "s", "one"));
     EXPECT_TRUE(ok("SET_SECURE", "s", "one"));
     EXPECT_EQ(text("GET_SECURE", "S"), "one");
-    EXPECT_TRUE(ok("DEL_SECURE", "s"));
-    EXPECT_TRUE(ok("DEL_SECURE", "s"));
+    for (int i = 0; i < 2; ++i) EXPECT_TRUE(ok("DEL_SECURE", "s"));
+    EXPECT_TRUE(ok("SET_SECURE", "s", "two"));
+    test::query(configFile(), "CREATE TRIGGER no BEFORE INSERT ON secure_v3 BEGIN SELECT RAISE(ABORT, 'no'); END");
+    EXPECT_FALSE(ok("SET_SECURE", "s", "three"));
+    test::query(configFile(), "DROP TRIGGER no");
+    EXPECT_TRUE(mLog.has("SetSecure error", 7));
     EXPECT_TRUE(ok("UNREG_LISTENER", "s", true));
-    EXPECT_THAT(events.upTo([&] { ok("SET_SECURE", "fence", "up"); }),
-                ElementsAre("DM_CHANGED s=one", ".sdconfigChanged s=one", "DM_CHANGED s=", ".sdconfigChanged s="));
+    EXPECT_TRUE(ok("SET_SECURE", "fence", "up"));
+    EXPECT_THAT(events.upToFence(), ElementsAre("DM_CHANGED s=one", ".sdconfigChanged s=one",
+                                                "DM_CHANGED s=", ".sdconfigChanged s=", "DM_CHANGED s=two",
+                                                ".sdconfigChanged s=two", ".sdconfigChanged s="));
 
     EXPECT_TRUE(ok("SET_SECURE", "ro.sd.uuid", "shown"));
     EXPECT_EQ(text("GET_SECURE", "ro.sd.uuid"), "shown");  // the call before it has run to its end now
@@ -174,19 +148,6 @@ TEST_F(ServiceTest, SecureValuesChangeRowsAndTellOfIt) {
     EXPECT_EQ(text("GET_SECURE", "fence"), "up");
 }
 
-TEST_F(ServiceTest, AFailedWriteIsToldOnlyWhereTheValueChanged) {
-    Events events;
-    EXPECT_TRUE(ok("REG_LISTENER", "s", true));
-    EXPECT_TRUE(ok("SET_SECURE", "s", "one"));
-    test::query(configFile(), "CREATE TRIGGER no BEFORE INSERT ON secure_v3 BEGIN SELECT RAISE(ABORT, 'no'); END");
-    EXPECT_FALSE(ok("SET_SECURE", "s", "two"));
-    test::query(configFile(), "DROP TRIGGER no");
-    EXPECT_TRUE(mLog.has("SetSecure error", 7));
-    EXPECT_TRUE(ok("UNREG_LISTENER", "s", true));
-    EXPECT_THAT(events.upTo([&] { ok("SET_SECURE", "fence", "up"); }),
-                ElementsAre("DM_CHANGED s=one", ".sdconfigChanged s=one", ".sdconfigChanged s="));
-}
-
 TEST_F(ServiceTest, ListenersHearOfPropertiesAndOfTheFlagIfTheyAsked) {
     Events events;
     EXPECT_TRUE(ok("REG_LISTENER", "asked", true));
@@ -198,8 +159,8 @@ TEST_F(ServiceTest, ListenersHearOfPropertiesAndOfTheFlagIfTheyAsked) {
     EXPECT_TRUE(ok("REG_LISTENER", "asked", false));
     EXPECT_TRUE(ok("SET_PROPERTY", "asked", "3"));
     EXPECT_TRUE(ok("UNREG_LISTENER", "asked", true));
-    EXPECT_THAT(events.upTo([&] { ok("SET_SECURE", "fence", "up"); }),
-                ElementsAre("DM_CHANGED asked=1!", "DM_CHANGED asked=!", "DM_CHANGED asked=3"));
+    EXPECT_TRUE(ok("SET_SECURE", "fence", "up"));
+    EXPECT_THAT(events.upToFence(), ElementsAre("DM_CHANGED asked=1!", "DM_CHANGED asked=!", "DM_CHANGED asked=3"));
 }
 
 TEST_F(ServiceTest, PoliciesOverrideAndTellOfIt) {
@@ -216,7 +177,8 @@ TEST_F(ServiceTest, PoliciesOverrideAndTellOfIt) {
     EXPECT_EQ(text("GET_SECURE", "flagged"), "on");
     EXPECT_TRUE(ok("DELETE_POLICY", "flagged"));
     for (const char* key : {"flagged", "other", "plain"}) EXPECT_TRUE(ok("UNREG_LISTENER", key, false));
-    EXPECT_THAT(events.upTo([&] { ok("SET_SECURE", "fence", "up"); }),
+    EXPECT_TRUE(ok("SET_SECURE", "fence", "up"));
+    EXPECT_THAT(events.upToFence(),
                 ElementsAre(".DMChanged flagged=on", "DM_CHANGED flagged=on", ".DMChanged flagged=on!",
                             "DM_CHANGED flagged=on!", ".DMChanged plain=on", "DM_CHANGED plain=on",
                             ".DMChanged plain=on!", "DM_CHANGED flagged="));
@@ -225,23 +187,7 @@ TEST_F(ServiceTest, PoliciesOverrideAndTellOfIt) {
     EXPECT_EQ(policy->getInt(1), 5);
 }
 
-TEST_F(ServiceTest, EmptyPolicyValuesTravelAsEmptyButInTheListing) {
-    EXPECT_TRUE(ok("SET_POLICY", "e", "", 9));
-    EXPECT_EQ(call("GET_POLICY", "e")->getString(0), "");
-    const Message list = call("DM_LIST");
-    EXPECT_EQ(list->getInt(0), 1);
-    EXPECT_EQ(list->getString(2), "null_value");
-    EXPECT_EQ(list->getInt(3), 9);
-    const Message several = call("DM_GET_POLICIES", 2, "e", "unset");
-    EXPECT_EQ(several->getInt(0), 2);
-    EXPECT_EQ(several->getString(1) + "/" + several->getString(2), "e/");
-    EXPECT_EQ(several->getInt(3), 9);
-    EXPECT_EQ(several->getString(4) + "/" + several->getString(5), "unset/");
-    EXPECT_EQ(several->getInt(6), 5);
-    EXPECT_EQ(call("DM_GET_POLICIES", 0)->getInt(0), 0);
-}
-
-TEST_F(ServiceTest, PolicyListsAreCutAt122) {
+TEST_F(ServiceTest, PolicyListsAreCutAt122AndTellOfEmptyValues) {
     const Message request = mService->proxy->makeMethodCallMessage("SET_POLICYLIST");
     request->appendInt8(127);
     for (int i = 0; i < 127; ++i) {
@@ -266,14 +212,19 @@ TEST_F(ServiceTest, PolicyListsAreCutAt122) {
     Events events;
     EXPECT_FALSE(ok("SET_POLICYLIST", 2, "uri1000", "new", 9, "last", "x", 9)) << "the last triple's success";
     test::query(policyFile(), "DROP TRIGGER no");
-    EXPECT_THAT(events.upTo([&] { ok("SET_SECURE", "fence", "up"); }), ElementsAre(".DMChanged uri1000=new!"));
+    EXPECT_TRUE(ok("SET_SECURE", "fence", "up"));
+    EXPECT_THAT(events.upToFence(), ElementsAre(".DMChanged uri1000=new!"));
+    EXPECT_TRUE(ok("DM_CLEAR_ALL_KEYS") && ok("SET_POLICY", "e", "", 9));
+    EXPECT_EQ(call("DM_LIST")->getString(2), "null_value");
+    const Message several = call("DM_GET_POLICIES", 2, "e", "unset");
+    EXPECT_EQ(several->getString(1) + several->getString(2) + several->getString(4) + several->getString(5), "eunset");
+    EXPECT_EQ(std::vector({several->getInt(0), several->getInt(3), several->getInt(6)}), (std::vector{2, 9, 5}));
     EXPECT_TRUE(ok("DM_CLEAR_ALL_KEYS"));
     EXPECT_EQ(call("DM_LIST")->getInt(0), 0);
 }
 
 TEST_F(ServiceTest, RegistrationsAreCountedPerKey) {
-    EXPECT_FALSE(ok("ISALREADY_LISTHENED", -1));
-    EXPECT_FALSE(ok("ISALREADY_LISTHENED", 1, "k"));
+    EXPECT_FALSE(ok("ISALREADY_LISTHENED", -1) || ok("ISALREADY_LISTHENED", 1, "k"));
     EXPECT_FALSE(ok("DM_REGISTER_LISTERNER", 0, true));
     EXPECT_TRUE(ok("REG_LISTENER", "k", true));
     EXPECT_TRUE(ok("REG_LISTENER", "k", false));
@@ -283,11 +234,14 @@ TEST_F(ServiceTest, RegistrationsAreCountedPerKey) {
     EXPECT_FALSE(ok("ISALREADY_LISTHENED", 2, "k", "K"));
     EXPECT_TRUE(ok("UNREG_LISTENER", "k", true));
     EXPECT_FALSE(ok("UNREG_LISTENER", "k", true));
-    EXPECT_TRUE(mLog.has("the key is not found", 7));
-    EXPECT_EQ(mLog.count("keys is empty", 7), 2);
+    EXPECT_TRUE(mLog.has("the key is not found", 7) && mLog.has("keys is empty", 7));
 }
 
 TEST_F(ServiceTest, WhatItCannotAnswerCostsOnlyTheCaller) {
+    EXPECT_TRUE(ok("SET_PROPERTY", "ro.service.test", "1"));
+    EXPECT_FALSE(ok("SET_PROPERTY", "ro.service.test", "2"));
+    EXPECT_FALSE(ok("DEL_PROPERTY", "none"));
+    EXPECT_TRUE(mLog.has("DeleteProperty error", 7) && mLog.has("SetProperty error", 7));
     EXPECT_TRUE(silent("get_property", "k"));
     EXPECT_TRUE(mLog.has("can't understand method call: get_property", 6));
     test::query(policyFile(), "INSERT INTO dmhelperconfig(key, value) VALUES('bad', '" +
@@ -298,21 +252,6 @@ TEST_F(ServiceTest, WhatItCannotAnswerCostsOnlyTheCaller) {
     EXPECT_TRUE(ok("SET_SECURE", "wrong kind", 1));
     EXPECT_TRUE(ok("SET_SECURE")) << "absent arguments read as empty";
     EXPECT_TRUE(ok("SET_POLICY", 1, 2, "three"));
-}
-
-TEST_F(ServiceTest, SlowCallsAreTold) {
-    data::SQLiteDatabase other(configFile());
-    ASSERT_TRUE(other.executeCommand("BEGIN IMMEDIATE"));
-    bool stored = false;
-    std::thread caller([&] { stored = ok("SET_SECURE", "ro.sd.uuid", "v"); });
-    ASSERT_TRUE(test::waitUntil([this] { return mLog.has("key is ro.sd.uuid, utf8Value is v"); }));
-    const Stopwatch held;  // the call waits for the lock now
-    test::waitUntil([&] { return held.elapsedMs() >= 600; });
-    ASSERT_TRUE(other.executeCommand("COMMIT"));
-    caller.join();
-    EXPECT_TRUE(stored);
-    EXPECT_TRUE(mLog.has("SET_SECURE takes ", 6));
-    EXPECT_TRUE(mLog.has("SetSecure ro.sd.uuid takes ", 6));
 }
 
 }  // namespace

@@ -1,8 +1,6 @@
 // The configuration store and the policy store, observed in their files.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <stdexcept>
 
 #include "libsdconfig/sdconfig.h"
@@ -68,9 +66,7 @@ TEST_F(StoresTest, AFreshFileGetsItsTablesAndVersionAndAFilledOneKeepsItsOwn) {
                     {"CREATE TABLE secure" + columns},
                     {"CREATE TABLE secure_v3" + columns}}));
     EXPECT_EQ(test::query(file, "SELECT key, value FROM dbinfor"), (Rows{{"dbVersion", "3"}}));
-    for (const char* line : {"sdconfig db path=", "start init DB", "init DB result: succeed", "start upgrade DB",
-                             "new install, don't need upgrade."})
-        EXPECT_EQ(mLog.count(line, 5), 1) << line;
+    EXPECT_EQ(mLog.count("new install, don't need upgrade.", 5), 1);
 
     test::query(file, "DELETE FROM dbinfor; INSERT INTO secure_v3(key, value) VALUES('a', 'b')");
     SDConfigImpl again(file);
@@ -81,21 +77,15 @@ TEST_F(StoresTest, AFreshFileGetsItsTablesAndVersionAndAFilledOneKeepsItsOwn) {
 TEST_F(StoresTest, AStoreThatCannotBeOpenedFailsSoftly) {
     const test::DeliberateLeak droppedHandles;
     SDConfigImpl store(folder() + "/missing/sdconfig.db");
-    EXPECT_TRUE(store.isNewInstall());
     EXPECT_FALSE(store.SetSecure("k", "v"));
     EXPECT_EQ(store.GetSecure_v3("k"), "");
-    EXPECT_FALSE(store.isKeyInDB("k"));
-    for (const char* line : {"failed to init config", "failed to init secure", "failed to init upgrade table"})
-        EXPECT_EQ(mLog.count(line, 7), 1) << line;
-    EXPECT_TRUE(mLog.has("init DB result: failed", 5));
-    mLog.clear();
+    EXPECT_EQ(mLog.count("failed to open sqlite3 db:" + folder() + "/missing/sdconfig.db, error code = 14", 7), 1);
+    EXPECT_TRUE(mLog.has("error msg is No such file or directory", 7));
+    EXPECT_EQ(mLog.count("failed to init ", 7), 3);
     SDConfigDmHelper policies(folder() + "/missing/dmhelper.db");
-    EXPECT_EQ(mLog.count("failed to init config", 7), 1);
     EXPECT_EQ(mLog.count("init DM database result: failed", 5), 1);
     EXPECT_FALSE(policies.SetPolicyWithUri("k", {{"v", 6}}));
-    EXPECT_TRUE(policies.GetAllKeys().empty());
     EXPECT_TRUE(policies.ClearAllKeys());
-    EXPECT_EQ(mLog.count("mDmHelperTable is empty()", 5), 2);
 }
 
 TEST_F(StoresTest, SecureValuesAreSealedReplacedAndDeleted) {
@@ -110,13 +100,11 @@ TEST_F(StoresTest, SecureValuesAreSealedReplacedAndDeleted) {
     EXPECT_TRUE(mConfig->isKeyInDB("aBC"));
     EXPECT_FALSE(mConfig->isKeyInDB("abc")) << "membership is exact";
 
-    EXPECT_TRUE(mConfig->DeleteSecure("abc"));
-    EXPECT_TRUE(mConfig->DeleteSecure("abc"));
+    for (int i = 0; i < 2; ++i) EXPECT_TRUE(mConfig->DeleteSecure("abc"));
     EXPECT_EQ(test::query(mConfigFile, "SELECT * FROM secure_v3"), Rows{});
 
     ASSERT_TRUE(mConfig->SetSecure("empty", ""));
     EXPECT_EQ(test::query(mConfigFile, "SELECT value FROM secure_v3 WHERE key='empty'"), Rows{{""}});
-    EXPECT_EQ(mConfig->GetSecure("empty"), "");
     EXPECT_TRUE(mConfig->DeleteSecure("empty"));
     EXPECT_TRUE(mConfig->isKeyInDB("empty")) << "an empty row is as good as deleted already";
 }
@@ -156,19 +144,28 @@ TEST_F(StoresTest, OnlyIdentityValuesAreLogged) {
 }
 
 TEST_F(StoresTest, AWriteThatFailsCostsNothing) {
+    const auto expectKept = [this] {
+        EXPECT_EQ(mConfig->GetSecure("kept"), "value");
+        EXPECT_EQ(mPolicies->GetPolicyFromDMtable("kept"), (PolicyMap{{"policy", 3}}));
+    };
     ASSERT_TRUE(mConfig->SetSecure("kept", "value"));
     ASSERT_TRUE(mPolicies->SetPolicyWithUri("kept", {{"policy", 3}}));
-    test::query(mConfigFile,
-                "CREATE TRIGGER no BEFORE INSERT ON secure_v3 WHEN length(NEW.value) > 500 "
-                "BEGIN SELECT RAISE(ABORT, 'full'); END");
-    test::query(mPolicyFile,
-                "CREATE TRIGGER no BEFORE INSERT ON dmhelperconfig WHEN length(NEW.value) > 500 "
-                "BEGIN SELECT RAISE(ABORT, 'full'); END");
+    for (const auto& [file, table] : {std::pair{mConfigFile, "secure_v3"}, {mPolicyFile, "dmhelperconfig"}})
+        test::query(file, std::string("CREATE TRIGGER no BEFORE INSERT ON ") + table +
+                              " WHEN length(NEW.value) > 500 BEGIN SELECT RAISE(ABORT, 'full'); END");
     EXPECT_FALSE(mConfig->SetSecure("kept", std::string(1000, 'x')));
     EXPECT_FALSE(mPolicies->SetPolicyWithUri("kept", {{std::string(1000, 'x'), 3}}));
-    EXPECT_EQ(mConfig->GetSecure("kept"), "value");
-    EXPECT_EQ(mPolicies->GetPolicyFromDMtable("kept"), (PolicyMap{{"policy", 3}}));
+    expectKept();
     test::query(mConfigFile, "DROP TRIGGER no");
+
+    const test::TempDir broken;
+    test::writeFile(broken / "sdsecurity.keys", "no ring");
+    SDSecurity::GetInstance()->SetKeyRingFolder(broken.path());
+    EXPECT_FALSE(mConfig->SetSecure("kept", "new"));
+    EXPECT_FALSE(mPolicies->SetPolicyWithUri("kept", {{"new", 3}}));
+    EXPECT_EQ(mLog.count("encryption failed, the key is kept", 7), 2);
+    SDSecurity::GetInstance()->SetKeyRingFolder(folder());
+    expectKept();
 
     test::query(mPolicyFile,
                 "DROP TRIGGER no; CREATE TRIGGER no BEFORE DELETE ON dmhelperconfig WHEN OLD.key = 'stuck' "
@@ -178,21 +175,6 @@ TEST_F(StoresTest, AWriteThatFailsCostsNothing) {
     EXPECT_EQ(mLog.count("DeletePolicyWithUri failed", 7), 1);
     test::query(mPolicyFile, "DROP TRIGGER no");
     EXPECT_EQ(test::query(mPolicyFile, "SELECT key FROM dmhelperconfig"), (Rows{{"stuck"}, {"zzz"}}));
-}
-
-TEST_F(StoresTest, AKeyRingThatCannotBeUsedCostsNothing) {
-    ASSERT_TRUE(mConfig->SetSecure("kept", "value"));
-    ASSERT_TRUE(mPolicies->SetPolicyWithUri("kept", {{"policy", 3}}));
-    const test::TempDir broken;
-    test::writeFile(broken / "sdsecurity.keys", "no ring");
-    SDSecurity::GetInstance()->SetKeyRingFolder(broken.path());
-    EXPECT_FALSE(mConfig->SetSecure("kept", "new"));
-    EXPECT_FALSE(mPolicies->SetPolicyWithUri("kept", {{"new", 3}}));
-    EXPECT_EQ(mLog.count("encryption failed, the key is kept", 7), 2);
-    EXPECT_EQ(mConfig->GetSecure("kept"), "");
-    SDSecurity::GetInstance()->SetKeyRingFolder(folder());
-    EXPECT_EQ(mConfig->GetSecure("kept"), "value");
-    EXPECT_EQ(mPolicies->GetPolicyFromDMtable("kept"), (PolicyMap{{"policy", 3}}));
 }
 
 TEST_F(StoresTest, PoliciesAreKeptSealedWithTheirPriority) {
@@ -209,11 +191,9 @@ TEST_F(StoresTest, PoliciesAreKeptSealedWithTheirPriority) {
 
     EXPECT_FALSE(mPolicies->SetPolicyWithUri("uri", {}));
     EXPECT_EQ(mPolicies->GetPolicyFromDMtable("uri"), (PolicyMap{{"a", 7}}));
-    EXPECT_TRUE(mPolicies->DeletePolicyWithUri("URI"));
-    EXPECT_TRUE(mPolicies->DeletePolicyWithUri("URI"));
+    for (int i = 0; i < 2; ++i) EXPECT_TRUE(mPolicies->DeletePolicyWithUri("URI"));
     EXPECT_TRUE(mPolicies->ClearAllKeys());
     EXPECT_EQ(test::query(mPolicyFile, "SELECT * FROM dmhelperconfig"), Rows{});
-    EXPECT_FALSE(mLog.has("mDmHelperTable is empty()"));
 }
 
 TEST_F(StoresTest, StoredPolicyTextsReadAsTheyAlwaysDid) {
@@ -275,20 +255,6 @@ TEST_F(StoresTest, PoliciesAreWeighedAgainstTheLocalValue) {
         const std::string value = effective.begin()->first;
         EXPECT_EQ(mConfig->GetSecure("k"), value == "null_value" ? "" : value);
     }
-}
-
-TEST_F(StoresTest, ConstantsSigningAndKeyClasses) {
-    SDSecurity::GetInstance()->RegisterString("name", "text");
-    EXPECT_EQ(mConfig->GetConst("name"), "text");
-    EXPECT_EQ(mConfig->GetConst("other"), "");
-    EXPECT_EQ(mConfig->SignRequest("content"), "content");
-    EXPECT_TRUE(mConfig->VerifyRequest("content", "anything"));
-    const auto classes = [](const char* key) { return std::pair(isKeyInTPM(key), isSpecialKeyInBuildProp(key)); };
-    for (const char* key : {"ro.sd.keepAliveToken", "ro.sd.uuid", "encryptedPassword", "velmar.proxy.http.password"})
-        EXPECT_EQ(classes(key), std::pair(true, false)) << key;
-    for (const char* key : {"ro.sd.build.version", "ro.sd.product.channel", "ro.velmar.switch.env"})
-        EXPECT_EQ(classes(key), std::pair(false, true)) << key;
-    for (const char* key : {"RO.SD.UUID", "ro.sd.uuid2", ""}) EXPECT_EQ(classes(key), std::pair(false, false)) << key;
 }
 
 }  // namespace

@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <stdexcept>
@@ -137,12 +136,6 @@ bool Process::waitForErr(const std::string& text, int limitMs) {
 
 void Process::kill(int signal) const {
     if (mExitCode == kRunning) ::kill(mPid, signal);
-}
-
-void Process::stop() const {
-    kill(SIGSTOP);
-    siginfo_t stopped{};
-    ::waitid(P_PID, static_cast<id_t>(mPid), &stopped, WSTOPPED);
 }
 
 std::string Process::out() const {

@@ -38,7 +38,6 @@ public:
 
     pid_t pid() const { return mPid; }
     void kill(int signal) const;  // does nothing after the end was seen
-    void stop() const;            // SIGSTOP, and waits until it has taken effect on every thread
 
     // What it printed so far.
     std::string out() const;
@@ -79,7 +78,6 @@ public:
 
     bool echoes() const;
     int wait(int limitMs = kProcessLimitMs);  // as Process::wait
-    pid_t pid() const { return mPid; }
 
 private:
     void readScreen();

@@ -6,30 +6,13 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
 
 #include "platform/velmarlog/velmarlog.h"
 
-#if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/lsan_interface.h>
-#endif
-
 namespace test {
-
-#if defined(__SANITIZE_ADDRESS__)
-DeliberateLeak::DeliberateLeak() {
-    __lsan_disable();
-}
-DeliberateLeak::~DeliberateLeak() {
-    __lsan_enable();
-}
-#else
-DeliberateLeak::DeliberateLeak() {}
-DeliberateLeak::~DeliberateLeak() {}
-#endif
 
 TempDir::TempDir() {
     char name[] = "/tmp/sdtest-XXXXXX";

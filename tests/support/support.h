@@ -3,8 +3,13 @@
 
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
+
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
 
 namespace test {
 
@@ -27,8 +32,6 @@ class ScopedEnv {
 public:
     ScopedEnv(const char* name, const char* value);
     ~ScopedEnv();
-    ScopedEnv(const ScopedEnv&) = delete;
-    ScopedEnv& operator=(const ScopedEnv&) = delete;
 
 private:
     std::string mName;
@@ -44,6 +47,23 @@ public:
 private:
     TempDir mFolder;
     ScopedEnv mEnv;
+};
+
+// What callbacks were told, in order, on whatever thread.
+class Heard {
+public:
+    void add(const std::string& text) {
+        const std::lock_guard lock(mMutex);
+        mTexts.push_back(text);
+    }
+    std::vector<std::string> all() {
+        const std::lock_guard lock(mMutex);
+        return mTexts;
+    }
+
+private:
+    std::mutex mMutex;
+    std::vector<std::string> mTexts;
 };
 
 struct LogLine {
@@ -72,13 +92,13 @@ private:
 };
 
 // A scope whose allocations may leak: the SQLite layer drops some handles on purpose, and the leak checker would tell.
-class DeliberateLeak {
-public:
-    DeliberateLeak();
-    ~DeliberateLeak();
-    DeliberateLeak(const DeliberateLeak&) = delete;
-    DeliberateLeak& operator=(const DeliberateLeak&) = delete;
+#if defined(__SANITIZE_ADDRESS__)
+using DeliberateLeak = __lsan::ScopedDisabler;
+#else
+struct DeliberateLeak {
+    DeliberateLeak() {}
 };
+#endif
 
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& content);

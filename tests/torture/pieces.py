@@ -13,7 +13,8 @@ import threading
 import time
 
 PROGRAMS = {}  # sdconfigd, sdconfig and torture_client: their paths
-SLACK = {"factor": 1}  # by which a sanitized build may be slower and larger
+SLACK = {"factor": 1,  # by which a sanitized build may be slower and larger
+         "patience": 1}  # by which the short form may be slower, which runs beside whatever else a machine does
 ANSWER_LIMIT = 12  # seconds; the longest that a call may take, and some more
 DATABASES = ("sdconfig.db", "dmhelper.db")
 
@@ -425,5 +426,5 @@ class Honest:
         worst, calls, wrong = self.told.get(timeout=30)
         self.process.join()
         check(wrong is None, f"an honest client beside failed: {wrong}")
-        check(worst < SLACK["factor"], f"an honest client beside waited {worst:.2f} s")
+        check(worst < SLACK["factor"] * SLACK["patience"], f"an honest client beside waited {worst:.2f} s")
         return f"honest client: {calls} calls, at worst {worst * 1000:.0f} ms"

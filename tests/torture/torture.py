@@ -764,6 +764,7 @@ def main():
     pieces.PROGRAMS.update(sdconfigd=f"{build}/apps/sdconfigd/sdconfigd", sdconfig=f"{build}/apps/sdconfig/sdconfig",
                            torture_client=f"{build}/tests/torture/torture_client")
     SLACK["factor"] = 6 if build.endswith("asan") else 1
+    SLACK["patience"] = 4 if arguments.short else 1
     print(f"seed {arguments.seed}", flush=True)
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
     wanted = [scenario for scenario in SCENARIOS if not arguments.names or scenario.__name__ in arguments.names]
