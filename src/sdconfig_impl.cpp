@@ -140,9 +140,9 @@ bool SDConfigImpl::SetSecure_v3(const std::string& key, const std::string& value
         return false;
     }
     const std::string utf8Value = latin1ToUtf8(value);
-    const std::string encrypted = utf8Value.empty() ? "" : SDSecurity::GetInstance()->FastEncrypt(utf8Value);
     // Sealed before the old row goes: a key ring that can't be used must not cost the value that is there.
-    if (encrypted.empty() && !utf8Value.empty()) {
+    const auto encrypted = sealedText(utf8Value);
+    if (!encrypted) {
         LOG(7, AT "encryption failed, the key is %s", HERE, key.c_str());
         return false;
     }
@@ -150,8 +150,8 @@ bool SDConfigImpl::SetSecure_v3(const std::string& key, const std::string& value
     const bool deleted = DeleteSecure_v3(key);
     if (isIdentityKey(key))
         LOG(5, AT "key is %s, utf8Value is %s, encrypted is %s", HERE, key.c_str(), utf8Value.c_str(),
-            encrypted.c_str());
-    if (setValueToDatabaseTable(mSecureV3Table, key, encrypted)) return true;
+            encrypted->c_str());
+    if (setValueToDatabaseTable(mSecureV3Table, key, *encrypted)) return true;
     // A disk may have had room for the deletion alone: what stood there needs no more than it did.
     if (deleted && !before.empty()) setValueToDatabaseTable(mSecureV3Table, key, before);
     return false;

@@ -71,16 +71,15 @@ bool SDConfigDmHelper::SetPolicyWithUri(const std::string& uri, const PolicyMap&
         LOG(7, AT "the key %s %s", HERE, uri.c_str(), problem);
         return false;
     }
-    const std::string utf8Text = latin1ToUtf8(composePolicyText(value, priority));
-    const std::string encrypted = utf8Text.empty() ? "" : SDSecurity::GetInstance()->FastEncrypt(utf8Text);
     // Sealed before the old row goes: a key ring that can't be used must not cost the policy that is there.
-    if (encrypted.empty() && !utf8Text.empty()) {
+    const auto encrypted = sealedText(latin1ToUtf8(composePolicyText(value, priority)));
+    if (!encrypted) {
         LOG(7, AT "encryption failed, the key is %s", HERE, uri.c_str());
         return false;
     }
     const std::string before = getValueFromDatabaseTable(mDmHelperTable, uri);
     const bool deleted = DeletePolicyWithUri(uri);
-    const bool stored = setValueToDatabaseTable(mDmHelperTable, uri, encrypted);
+    const bool stored = setValueToDatabaseTable(mDmHelperTable, uri, *encrypted);
     // A disk may have had room for the deletion alone: what stood there needs no more than it did.
     if (!stored && deleted && !before.empty()) setValueToDatabaseTable(mDmHelperTable, uri, before);
     if (const int ms = watch.elapsedMs(); ms >= kSlowPolicyMs)

@@ -75,6 +75,8 @@ private:
     PolicyChange writePolicy(const Call& call, const std::string& key, const std::string& value, int priority);
     bool announcePolicy(const Call& call, const PolicyChange& change, std::shared_ptr<SDBusMessage> event);
 
+    void countRegistration(const std::string& key, bool flag);  // under mMutex
+
     SDBusSerivceManager* mManager;
     std::mutex mMutex;
     std::map<std::string, int> mListenerCounts;

@@ -12,11 +12,15 @@ constexpr char kSource[] = "src/sdconfig_service_sdbus";
 }  // namespace
 
 bool SDConfigInterface::RegisterListener(const std::string& key, bool flag) {
-    if (key.size() > kKeyBytesMax) return true;  // nothing of that name can change
     const std::lock_guard lock(mMutex);
+    countRegistration(key, flag);
+    return true;
+}
+
+void SDConfigInterface::countRegistration(const std::string& key, bool flag) {
+    if (key.size() > kKeyBytesMax) return;  // nothing of that name can change
     ++mListenerCounts[key];
     mListenerFlags[key] = flag;
-    return true;
 }
 
 bool SDConfigInterface::RegisterListenersWithList(const std::vector<std::string>& keys, bool flag) {
@@ -25,11 +29,7 @@ bool SDConfigInterface::RegisterListenersWithList(const std::vector<std::string>
         return false;
     }
     const std::lock_guard lock(mMutex);
-    for (const std::string& key : keys) {
-        if (key.size() > kKeyBytesMax) continue;
-        ++mListenerCounts[key];
-        mListenerFlags[key] = flag;
-    }
+    for (const std::string& key : keys) countRegistration(key, flag);
     return true;
 }
 
