@@ -197,6 +197,7 @@ TEST_F(HostileTest, TooManySubscriptionsAreRefused) {
 // Accepting goes on when a descriptor is free again, and does not spin until then.
 TEST_F(HostileTest, ServiceOutlivesALackOfDescriptors) {
     TestService service;
+    Seen seen;  // outlives the proxy, whose thread fills it
     const auto proxy = proxyTo();
     ASSERT_EQ(call(proxy, "ECHO", "before")->getString(0), "before");
     const int waiting = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);  // the lowest number that was free
@@ -209,7 +210,6 @@ TEST_F(HostileTest, ServiceOutlivesALackOfDescriptors) {
     EXPECT_EQ(call(proxy, "ECHO", "meanwhile")->getString(0), "meanwhile");
     EXPECT_LE(mLog.count("takes no new clients for now"), 2);
     ::setrlimit(RLIMIT_NOFILE, &before);
-    Seen seen;
     EXPECT_TRUE(seen.listen(proxy, "E") || waitUntil([&] { return service.publish("E", "x") && !seen.all().empty(); }));
     ::close(waiting);
 }
