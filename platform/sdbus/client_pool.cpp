@@ -66,8 +66,8 @@ public:
         const auto member = encodeName(mCall.methodName());
         const auto plan = WirePlan::make(mCall.arguments());
         if (!member || !plan) return notSent("its name or its size is beyond what a message takes");
-        // An idle connection that turns out to be dead took nothing of the call along. Each turn uses one up.
-        while (ConnectionPtr idle = takeUsable()) {
+        // An idle connection that turns out to be dead refuses the call whole. Each turn uses one up.
+        while (ConnectionPtr idle = takeReady()) {
             if (auto answer = runOver(idle, *member, *plan)) return answer;
         }
         ConnectionPtr fresh;
@@ -78,9 +78,9 @@ public:
     }
 
 private:
-    ConnectionPtr takeUsable() {
+    ConnectionPtr takeReady() {
         while (ConnectionPtr idle = Pool::take(mPath)) {
-            if (idle->isUsable() && idle->finishHandshake(mDeadline) == Progress::Done) return idle;
+            if (idle->finishHandshake(mDeadline) == Progress::Done) return idle;
         }
         return nullptr;
     }
