@@ -11,9 +11,6 @@ namespace apps {
 
 namespace {
 
-constexpr char kSecureFile[] = "sdconfig.db";
-constexpr char kPolicyFile[] = "dmhelper.db";
-
 bool isThere(const std::string& path) {
     std::error_code failure;
     return std::filesystem::exists(path, failure) || (failure && failure != std::errc::no_such_file_or_directory);
@@ -33,9 +30,10 @@ DataReader::DataReader(const std::string& folder) : mFolder(folder) {
     sd::SDSecurity::GetInstance()->SetKeyRingFolder(folder);
 }
 
-std::string DataReader::rowsOf(const char* file, const char* table, const std::optional<std::string>& key,
+std::string DataReader::rowsOf(const DatabaseLayout& layout, const std::optional<std::string>& key,
                                std::vector<Row>& rows) const {
-    const std::string path = mFolder + "/" + file;
+    const std::string path = mFolder + "/" + layout.file;
+    const std::string table = layout.sealedTable;
     Tables tables = readTables(path, {table}, key);
     if (!tables.problem.empty()) return tables.problem;
     const auto found = tables.rows.find(table);
@@ -45,19 +43,19 @@ std::string DataReader::rowsOf(const char* file, const char* table, const std::o
 }
 
 std::string DataReader::secureRows(std::vector<Row>& rows, const std::optional<std::string>& key) const {
-    return rowsOf(kSecureFile, "secure_v3", key, rows);
+    return rowsOf(kSecureLayout, key, rows);
 }
 
 std::string DataReader::policyRows(std::vector<Row>& rows, const std::optional<std::string>& key) const {
-    return rowsOf(kPolicyFile, "dmhelperconfig", key, rows);
+    return rowsOf(kPolicyLayout, key, rows);
 }
 
 bool DataReader::hasSecure() const {
-    return isThere(mFolder + "/" + kSecureFile);
+    return isThere(mFolder + "/" + kSecureLayout.file);
 }
 
 bool DataReader::hasPolicies() const {
-    return isThere(mFolder + "/" + kPolicyFile);
+    return isThere(mFolder + "/" + kPolicyLayout.file);
 }
 
 std::optional<std::string> DataReader::secureValue(const Row& row) {

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "apps/common/data_files.h"
 #include "apps/common/table_reader.h"
 
 namespace apps {
@@ -41,7 +42,7 @@ public:
     const std::string& folder() const { return mFolder; }
 
 private:
-    std::string rowsOf(const char* file, const char* table, const std::optional<std::string>& key,
+    std::string rowsOf(const DatabaseLayout& layout, const std::optional<std::string>& key,
                        std::vector<Row>& rows) const;
 
     std::string mFolder;

@@ -85,10 +85,22 @@ constexpr Argument kUri{"URI", "The configuration key that the policy governs, n
 constexpr Argument kPriority{"PRIORITY", "0 to 127; above 5 it overrides the local secure value", &Request::priority};
 constexpr Argument kFile{"FILE", "A file of policies; - for standard input or output", &Request::file};
 constexpr Argument kKeys{"KEY", "The keys, 122 at most", nullptr, nullptr, false, &Request::keys};
+constexpr Argument kDataOf{"DATA-DIR",
+                           "The service's data folder; left out, it is where the running service has its data, else "
+                           "the user's",
+                           &Request::key, &Request::keyGiven};
+constexpr Argument kBackup{"FILE", "The backup", &Request::file};
+constexpr Argument kRestored{"DATA-DIR", "The folder that the data is put into", &Request::key};
 constexpr Argument kDataFolder{"DATA-DIR", "The folder of the database and the key ring", &Request::key};
 constexpr Flag kReport{"--dry-run", "Change nothing; print what the database holds and what would be copied",
                        &Request::dryRun};
 constexpr Flag kForce{"--force", "Copy, whatever version the database says it has", &Request::force};
+
+constexpr Flag kOverwrite{"--force", "Put it in the place of a file that is there", &Request::force};
+constexpr Flag kReplace{"--force", "Put it in the place of what is there, which is kept beside it", &Request::force};
+constexpr Flag kLeaveOutKeys{"--without-keys", "Leave the key ring out", &Request::withoutKeys};
+constexpr Flag kIgnoreKeys{"--without-keys", "Leave the backup's key ring out, and restore what no key ring opens, too",
+                           &Request::withoutKeys};
 
 constexpr Group kGroups[] = {
     {"secure", "Values that are sealed at rest: get, set, delete"},
@@ -115,6 +127,18 @@ constexpr char kUpgradeNotes[] =
     "Settings and secure values of version 2 are copied to sealed values; those of the same key are replaced. A copy "
     "of\n"
     "the database is kept beside it first.\n";
+
+constexpr char kCheckNotes[] =
+    "A line a finding, with what to do about it. Nothing is created or changed, and the service may run. Exit code 1\n"
+    "where there are findings.\n";
+
+constexpr char kBackupNotes[] =
+    "FILE gets both databases, each as it stood at one moment, and the key ring, sealed under a passphrase: the first\n"
+    "line of standard input; at a terminal it is asked for twice and not shown. The service may run.\n";
+
+constexpr char kRestoreNotes[] =
+    "The backup is checked whole before it takes the place of DATA-DIR. The passphrase is the first line of standard\n"
+    "input; at a terminal it is asked for and not shown. No service may run on DATA-DIR.\n";
 
 const std::vector<Command>& commands() {
     static const std::vector<Command> all{
@@ -150,6 +174,23 @@ const std::vector<Command>& commands() {
          {},
          upgradeDatabase,
          kUpgradeNotes},
+        {"", "check", "Looks for faults in the data folder", {kDataOf}, {}, {}, checkFolder, kCheckNotes},
+        {"",
+         "backup",
+         "Writes the data folder to a file",
+         {kBackup, kDataOf},
+         {kOverwrite, kLeaveOutKeys},
+         {},
+         backupData,
+         kBackupNotes},
+        {"",
+         "restore",
+         "Puts a backup in the place of a data folder",
+         {kBackup, kRestored},
+         {kReplace, kIgnoreKeys},
+         {},
+         restoreData,
+         kRestoreNotes},
         {"", "const", "Prints a constant of the service", {kName}, {}, {}, getConst},
         {"", "sign", "Prints the signature of a text", {kText}, {}, {}, signText},
         {"", "verify", "Tells whether a signature fits a text", {kText, kSignature}, {}, {}, verifyText},
@@ -171,6 +212,7 @@ bool looksLikeOption(const std::string& argument) {
 }
 
 bool holdsEmpty(const Request& request, const Argument& argument) {
+    if (argument.given && !(request.*argument.given)) return false;
     if (!argument.intoAll) return (request.*argument.into).empty();
     const std::vector<std::string>& all = request.*argument.intoAll;
     return std::any_of(all.begin(), all.end(), [](const std::string& one) { return one.empty(); });

@@ -41,6 +41,15 @@ int listKeys(const Request& request, Service& service);
 // upgrade_command.cpp
 int upgradeDatabase(const Request& request, Service& service);
 
+// check_command.cpp
+int checkFolder(const Request& request, Service& service);
+
+// backup_command.cpp
+int backupData(const Request& request, Service& service);
+
+// restore_command.cpp
+int restoreData(const Request& request, Service& service);
+
 // service_commands.cpp
 int getConst(const Request& request, Service& service);
 int signText(const Request& request, Service& service);

@@ -32,4 +32,23 @@ DataAccess accessData(const Request& request, const Service& service) {
     return access;
 }
 
+DataAccess accessFolder(const Request& request, const Service& service) {
+    DataAccess access;
+    if (request.keyGiven)
+        access.reader.emplace(folderNamed(request.key));
+    else
+        access = accessData(request, service);
+    if (!access.reader) access.exitCode = noDataFolder(request);
+    return access;
+}
+
+std::string folderNamed(const std::string& path) {
+    namespace fs = std::filesystem;
+    std::error_code failure;
+    const fs::path absolute = fs::absolute(path).lexically_normal();
+    const fs::path folder = fs::weakly_canonical(absolute, failure);
+    const fs::path& best = failure ? absolute : folder;
+    return best.has_filename() ? best : best.parent_path();
+}
+
 }  // namespace cli

@@ -20,4 +20,11 @@ struct DataAccess {
 
 DataAccess accessData(const Request& request, const Service& service);
 
+// The same for a command whose argument is the folder: the one that was named counts, whoever serves it. Without a
+// reader it was told why.
+DataAccess accessFolder(const Request& request, const Service& service);
+
+// The folder of that path, without links and a slash at the end.
+std::string folderNamed(const std::string& path);
+
 }  // namespace cli

@@ -4,11 +4,11 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
-#include <memory>
+
+#include "apps/common/sqlite_handles.h"
+#include "apps/sdconfig/dated_name.h"
 
 namespace cli {
 
@@ -17,10 +17,7 @@ namespace {
 // Copies made in the same second. More than these come from something that runs wild.
 constexpr int kMostSameSecond = 10;
 
-struct CloseDatabase {
-    void operator()(sqlite3* db) const { sqlite3_close(db); }
-};
-using Database = std::unique_ptr<sqlite3, CloseDatabase>;
+using apps::Database;
 
 Database openExisting(const std::string& path) {
     sqlite3* db = nullptr;
@@ -34,15 +31,6 @@ std::string takeExclusively(sqlite3* db) {
         sqlite3_exec(db, "PRAGMA locking_mode = EXCLUSIVE; BEGIN IMMEDIATE; COMMIT", nullptr, nullptr, nullptr);
     if ((result & 0xff) == SQLITE_BUSY) return "it is in use by another process";
     return result == SQLITE_OK ? "" : sqlite3_errmsg(db);
-}
-
-std::string nameNow(const std::string& database) {
-    const std::time_t now = std::time(nullptr);
-    std::tm parts{};
-    std::array<char, 32> text{};
-    ::gmtime_r(&now, &parts);
-    (void)std::strftime(text.data(), text.size(), "%Y%m%dT%H%M%SZ", &parts);
-    return database + "." + text.data();
 }
 
 // Makes an empty file that was not there. Returns its path, or "" with errno set.
@@ -73,7 +61,7 @@ Backup keepBackup(const std::string& database) {
     const Database source = openExisting(database);
     if (std::string why = takeExclusively(source.get()); !why.empty())
         return {"", database + " can't be written: " + why};
-    const std::string path = createNew(nameNow(database));
+    const std::string path = createNew(datedName(database));
     if (path.empty()) return {"", "no copy of " + database + " can be made beside it: " + std::strerror(errno)};
     const std::string why = copyInto(source.get(), path);
     if (why.empty()) return {path, ""};

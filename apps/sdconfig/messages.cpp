@@ -54,6 +54,10 @@ std::string attempt(const Request& request) {
     return request.key.empty() ? request.command : request.command + " " + quoted(request.key);
 }
 
+std::string attemptOnFile(const Request& request) {
+    return request.command + " " + quoted(request.file);
+}
+
 int notRunning(const std::string& tried, const std::string& socketPath) {
     if (socketPath.empty())
         return fail(kNoService, tried, "there is no fit runtime folder to look for the service in",
@@ -135,12 +139,12 @@ int unfitPolicy(const Request& request, const std::string& problem) {
 }
 
 int unfitPolicyFile(const Request& request, const std::string& problem) {
-    return fail(kUsage, request.command + " " + quoted(request.file), problem,
+    return fail(kUsage, attemptOnFile(request), problem,
                 "nothing was changed; see docs/policy-file.md for what a file of policies holds");
 }
 
 int fileNotWritten(const Request& request, const std::string& reason) {
-    return fail(kRefused, request.command + " " + quoted(request.file), reason, "name another file, or - to print it");
+    return fail(kRefused, attemptOnFile(request), reason, "name another file, or - to print it");
 }
 
 int policiesUntold(const Request& request) {
@@ -223,6 +227,39 @@ int rowsLost(const Request& request, std::size_t count) {
                 "standard output names them, and docs/upgrade.md the reasons; all others are fine");
 }
 
+int noDataFolder(const Request& request) {
+    return fail(kRefused, request.command, "the system does not tell where the service keeps its data",
+                "name the folder as DATA-DIR");
+}
+
+int notBackedUp(const Request& request, const Problem& problem) {
+    return fail(kRefused, attemptOnFile(request), problem.what, "no backup was made; " + problem.next);
+}
+
+void noteKeysLeftOut() {
+    note("the key ring is left out; nobody opens the sealed values of this backup without it");
+}
+
+void noteKeysHandedOver(const std::string& ring) {
+    note("the key ring is handed over by the system (" + ring + ") and left out; keep a copy of it");
+}
+
+void noteRowsUnreadable(std::size_t count) {
+    note("values that can't be opened or used: " + std::to_string(count) + "; see: sdconfig check DATA-DIR");
+}
+
+int notRestored(const Request& request, const Problem& problem) {
+    return fail(kRefused, attemptOnFile(request), problem.what, "nothing was changed; " + problem.next);
+}
+
+void noteOldDataLeft(const std::string& path, const std::string& reason) {
+    note("the data that was there is kept as " + path + " (it could not be renamed: " + reason + ")");
+}
+
+void noteNoRing(const std::string& folder) {
+    note("no key ring opens the sealed values; put it into " + folder + " before the service starts");
+}
+
 void noteNotSealed(std::size_t count) {
     note(
         "names of the earlier layout that secure_v3 lacks: " + std::to_string(count) +
@@ -276,7 +313,8 @@ int emptyName(const Request& request, const std::string& argument) {
 }
 
 int unfitSecret(const Request& request, const std::string& problem) {
-    return fail(kUsage, attempt(request), problem, "nothing was changed; see: sdconfig secure set --help");
+    return fail(kUsage, attempt(request), problem,
+                "nothing was changed; an empty value is given as \"\"; see: sdconfig secure set --help");
 }
 
 void noteReencoding() {

@@ -28,6 +28,7 @@ std::string quoted(const std::string& text);
 
 // What the request tries, with its key where it has one: secure get "k".
 std::string attempt(const Request& request);
+std::string attemptOnFile(const Request& request);  // with its file: backup "f"
 
 // The service.
 int notRunning(const std::string& tried, const std::string& socketPath);
@@ -84,6 +85,22 @@ int upgradeNeedsForce(const Request& request);
 int upgradeFailed(const Request& request, const std::string& backup);
 int rowsLost(const Request& request, std::size_t count);
 void noteNotSealed(std::size_t count);
+
+// Backups.
+struct Problem {
+    std::string what;  // for a person; "": there is none
+    std::string next;  // what to do about it
+
+    explicit operator bool() const { return !what.empty(); }
+};
+int noDataFolder(const Request& request);
+int notBackedUp(const Request& request, const Problem& problem);
+void noteKeysLeftOut();
+void noteKeysHandedOver(const std::string& ring);
+void noteRowsUnreadable(std::size_t count);
+int notRestored(const Request& request, const Problem& problem);  // nothing was changed
+void noteOldDataLeft(const std::string& path, const std::string& reason);
+void noteNoRing(const std::string& folder);
 
 // Wrong use. command: the command as far as it was understood, "" for none.
 int misused(const std::string& command, const std::string& happened);

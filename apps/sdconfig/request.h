@@ -9,7 +9,8 @@ namespace cli {
 struct Request {
     std::string command;  // as typed: "get", "secure set"
 
-    std::string key;  // or a policy's URI
+    std::string key;  // or a policy's URI, or a data folder
+    bool keyGiven = false;
     std::vector<std::string> keys;
     std::string value;
     bool valueGiven = false;
@@ -26,6 +27,7 @@ struct Request {
     bool yes = false;
     bool dryRun = false;
     bool force = false;
+    bool withoutKeys = false;
 
     bool json = false;
     bool verbose = false;

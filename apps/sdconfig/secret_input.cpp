@@ -29,7 +29,7 @@ SecretInput systemProblem(const std::string& what) {
 }
 
 SecretInput withoutFinalNewline(std::string text) {
-    if (text.empty()) return problem("nothing came on standard input (an empty value is given as \"\")");
+    if (text.empty()) return problem("nothing came on standard input");
     if (text.back() == '\n') text.pop_back();
     return {std::move(text), ""};
 }

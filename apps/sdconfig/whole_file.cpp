@@ -15,36 +15,54 @@ namespace cli {
 
 namespace {
 
-class Descriptor {
-public:
-    explicit Descriptor(int descriptor) : mDescriptor(descriptor) {}
-    ~Descriptor() {
-        if (mDescriptor > STDERR_FILENO) ::close(mDescriptor);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    int get() const { return mDescriptor; }
-
-private:
-    const int mDescriptor;
-};
-
 std::string systemProblem(const char* what) {
     return std::string(what) + ": " + std::strerror(errno);
 }
 
-bool writeAll(int descriptor, const std::string& text) {
-    for (std::size_t done = 0; done < text.size();) {
-        const ssize_t written = ::write(descriptor, text.data() + done, text.size() - done);
-        if (written < 0 && errno == EINTR) continue;
-        if (written < 0) return false;
-        done += static_cast<std::size_t>(written);
-    }
-    return ::fsync(descriptor) == 0;
+// Not every file system has the call that keeps what is there; the others have links.
+bool renameToFree(const std::string& from, const std::string& to) {
+    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return true;
+    return errno == EINVAL && ::link(from.c_str(), to.c_str()) == 0 && ::unlink(from.c_str()) == 0;
 }
 
 }  // namespace
+
+Descriptor::~Descriptor() {
+    if (mDescriptor > STDERR_FILENO) ::close(mDescriptor);
+}
+
+UnfinishedFile::UnfinishedFile(const std::string& target)
+    : mTarget(target),
+      mPath(target + ".XXXXXX"),
+      mFile(::mkostemp(mPath.data(), O_CLOEXEC)),  // mode 0600
+      mFailure(mFile.get() < 0 ? errno : 0) {}
+
+UnfinishedFile::~UnfinishedFile() {
+    if (mFile.get() >= 0 && !mInPlace) ::unlink(mPath.c_str());
+}
+
+bool UnfinishedFile::write(std::string_view bytes) {
+    if (mFailure) errno = mFailure;
+    while (!mFailure && !bytes.empty()) {
+        const ssize_t written = ::write(mFile.get(), bytes.data(), bytes.size());
+        if (written < 0 && errno == EINTR) continue;
+        if (written < 0) return false;
+        bytes.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return !mFailure;
+}
+
+bool UnfinishedFile::putInPlace(Existing existing) {
+    if (::fsync(mFile.get()) != 0) return false;
+    mInPlace =
+        existing == Existing::Replace ? std::rename(mPath.c_str(), mTarget.c_str()) == 0 : renameToFree(mPath, mTarget);
+    return mInPlace && syncFolder(std::filesystem::path(mTarget).parent_path());
+}
+
+bool syncFolder(const std::string& path) {
+    const Descriptor folder(::open(path.empty() ? "." : path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return folder.get() >= 0 && ::fsync(folder.get()) == 0;
+}
 
 std::string readWhole(const std::string& path, std::size_t mostBytes, std::string& text) {
     const Descriptor file(path == "-" ? STDIN_FILENO : ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
@@ -67,13 +85,9 @@ std::string writeWhole(const std::string& path, const std::string& text) {
     struct stat status {};
     if (::stat(target.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) return "it is there and is no regular file";
 
-    std::string unfinished = target + ".XXXXXX";
-    const Descriptor file(::mkostemp(unfinished.data(), O_CLOEXEC));  // mode 0600
-    if (file.get() < 0) return systemProblem("it can't be written");
-    if (writeAll(file.get(), text) && std::rename(unfinished.c_str(), target.c_str()) == 0) return "";
-    std::string problem = systemProblem("it can't be written");
-    ::unlink(unfinished.c_str());
-    return problem;
+    UnfinishedFile file(target);
+    if (file.write(text) && file.putInPlace(UnfinishedFile::Existing::Replace)) return "";
+    return systemProblem("it can't be written");
 }
 
 }  // namespace cli

@@ -3,8 +3,48 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 
 namespace cli {
+
+class Descriptor {
+public:
+    explicit Descriptor(int descriptor) : mDescriptor(descriptor) {}
+    ~Descriptor();
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+
+    int get() const { return mDescriptor; }
+
+private:
+    const int mDescriptor;
+};
+
+// A file for the user's eyes alone, written beside its place and put there whole. Its operations tell of a failure in
+// errno. Removed at the end where it was not put in its place.
+class UnfinishedFile {
+public:
+    explicit UnfinishedFile(const std::string& target);
+    ~UnfinishedFile();
+    UnfinishedFile(const UnfinishedFile&) = delete;
+    UnfinishedFile& operator=(const UnfinishedFile&) = delete;
+
+    bool write(std::string_view bytes);
+
+    // Keep: fails with EEXIST where something stands in the place.
+    enum class Existing { Replace, Keep };
+    bool putInPlace(Existing existing);
+
+private:
+    const std::string mTarget;
+    std::string mPath;
+    const Descriptor mFile;
+    const int mFailure;  // why it could not be made, as errno
+    bool mInPlace = false;
+};
+
+// Makes what was created and renamed in the folder last.
+bool syncFolder(const std::string& path);
 
 // Both return what hindered them, for a person, or "".
 

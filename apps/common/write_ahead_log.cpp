@@ -1,9 +1,11 @@
-#include "apps/sdconfigd/write_ahead_log.h"
+#include "apps/common/write_ahead_log.h"
 
 #include <algorithm>
 #include <cstdint>
 #include <fstream>
 #include <vector>
+
+namespace apps {
 
 namespace {
 
@@ -58,24 +60,18 @@ bool holdsAnything(std::ifstream& file) {
     return false;
 }
 
-std::string damaged(const std::string& path, uint64_t at) {
-    return "the log " + path + " is damaged at byte " + std::to_string(at) +
-           ", and values that were stored stand behind that: restore the folder from a backup, or move the log away to "
-           "go on with what the database holds without it";
-}
-
 }  // namespace
 
-std::string logProblem(const std::string& path) {
+std::optional<uint64_t> damagedPlaceOfLog(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     Bytes header(kHeaderBytes);
-    if (!file || !read(file, header)) return "";
+    if (!file || !read(file, header)) return std::nullopt;
 
     Sum sum{(bigEndian(header.data()) & 1) != 0};
     sum.add(header.data(), kHeaderBytes - 8);
     const uint32_t pageBytes = bigEndian(header.data() + 8);
     const bool sound = (bigEndian(header.data()) & ~1U) == kMagic && isPageSize(pageBytes) && sum.is(&header[24]);
-    if (!sound) return holdsAnything(file) ? damaged(path, 0) : "";
+    if (!sound) return holdsAnything(file) ? std::optional<uint64_t>(0) : std::nullopt;
 
     Bytes frame(kFrameHeaderBytes + pageBytes);
     uint64_t badAt = 0;
@@ -87,7 +83,9 @@ std::string logProblem(const std::string& path) {
         sum.add(frame.data() + kFrameHeaderBytes, pageBytes);
         if (badAt == 0 && !(ofThisRound && sum.is(&frame[16]))) badAt = at;
         const bool commit = bigEndian(&frame[4]) != 0;
-        if (badAt != 0 && ofThisRound && commit && ++commitsBehind == 2) return damaged(path, badAt);
+        if (badAt != 0 && ofThisRound && commit && ++commitsBehind == 2) return badAt;
     }
-    return "";
+    return std::nullopt;
 }
+
+}  // namespace apps

@@ -1,0 +1,33 @@
+// A data folder looked at as a whole, whether the service runs or not. Creates and changes nothing in it.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "apps/common/data_files.h"
+#include "apps/common/finding.h"
+#include "apps/common/untouched_database.h"
+
+namespace apps {
+
+struct DatabaseCheck {
+    std::vector<Finding> damage;  // what keeps the database from being served as it is
+    std::vector<Finding> rows;    // values that can't be opened, policies that are none
+    std::size_t count = 0;        // of secure values or policies
+    std::size_t sealed = 0;       // of those that take the key ring
+};
+
+// Opens every sealed row with the key ring, which the security layer has to know; with none that can be used the rows
+// are counted alone. use: what else is done with the connection, at the same moment, where there is no damage.
+DatabaseCheck checkDatabase(const std::string& path, const DatabaseLayout& layout, const DatabaseUse& use = nullptr);
+
+struct DataCheck {
+    std::vector<Finding> findings;
+    std::size_t secure = 0;
+    std::size_t policies = 0;
+};
+
+// Both databases, the key ring, and who else can get at the files.
+DataCheck checkData(const std::string& folder);
+
+}  // namespace apps

@@ -1,0 +1,27 @@
+// What stands in a data folder.
+#pragma once
+
+#include <array>
+#include <string>
+#include <vector>
+
+namespace apps {
+
+struct DatabaseLayout {
+    const char* file;
+    const char* sealedTable;  // whose values are sealed
+    const char* sealedName;   // what its rows are called
+    std::vector<const char*> tables;
+};
+
+inline const DatabaseLayout kSecureLayout{
+    "sdconfig.db", "secure_v3", "secure value", {"dbinfor", "config", "secure", "secure_v3"}};
+inline const DatabaseLayout kPolicyLayout{"dmhelper.db", "dmhelperconfig", "policy", {"dmhelperconfig"}};
+inline const std::array kLayouts{&kSecureLayout, &kPolicyLayout};
+
+inline constexpr char kRingFile[] = "sdsecurity.keys";
+
+// What SQLite keeps beside a database: its log and the log's index.
+inline constexpr std::array kDatabaseSuffixes{"-wal", "-shm"};
+
+}  // namespace apps

@@ -1,0 +1,127 @@
+#include "apps/common/database_check.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+
+#include "apps/common/escaped.h"
+#include "apps/common/sqlite_handles.h"
+#include "apps/common/write_ahead_log.h"
+#include "platform/sdsecurity/sdsecurity.h"
+#include "src/sdconfig_helpers.h"
+
+namespace apps {
+
+namespace {
+
+constexpr char kRestore[] = "restore the folder from a backup";
+
+Statement prepare(sqlite3* db, const std::string& sql) {
+    sqlite3_stmt* statement = nullptr;
+    sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr);
+    return Statement(statement);
+}
+
+// The text of the statement's first row; nothing where there is none.
+std::optional<std::string> firstText(sqlite3* db, const std::string& sql) {
+    const Statement statement = prepare(db, sql);
+    if (!statement || sqlite3_step(statement.get()) != SQLITE_ROW) return std::nullopt;
+    const auto* const text = reinterpret_cast<const char*>(sqlite3_column_text(statement.get(), 0));
+    return text ? text : "";
+}
+
+std::optional<std::string> versionOf(sqlite3* db) {
+    return firstText(db, "SELECT value FROM dbinfor WHERE key = 'dbVersion'");
+}
+
+std::optional<Finding> orphanedLog(const std::string& path) {
+    std::error_code ignored;
+    const auto holdsBytes = [&ignored](const std::string& file) {
+        return std::filesystem::exists(file, ignored) && std::filesystem::file_size(file, ignored) > 0;
+    };
+    if (holdsBytes(path) || !holdsBytes(path + "-wal")) return std::nullopt;
+    return Finding{path, "the database " + path + " is missing or empty beside its log",
+                   std::string(kRestore) + ", or move " + path + "-wal away to begin anew"};
+}
+
+// A log in use can begin anew while it is read; damage is there twice.
+std::optional<uint64_t> lastingDamage(const std::string& log) {
+    std::error_code ignored;
+    if (!std::filesystem::is_regular_file(log, ignored)) return std::nullopt;
+    const std::optional<uint64_t> place = damagedPlaceOfLog(log);
+    return place && damagedPlaceOfLog(log) == place ? place : std::nullopt;
+}
+
+std::optional<Finding> versionFinding(const std::string& version, const std::string& path) {
+    if (version == sd::kDatabaseVersion) return std::nullopt;
+    const std::string what = "the database " + path + " has " +
+                             (version.empty() ? "no version" : "version " + escaped(version)) + " where " +
+                             sd::kDatabaseVersion + " is expected";
+    const auto number = [](const std::string& text) { return std::strtol(text.c_str(), nullptr, 10); };
+    if (number(version) > number(sd::kDatabaseVersion)) return Finding{path, what, "use the programs that wrote it"};
+    const std::string folder = std::filesystem::path(path).parent_path();
+    return Finding{path, what, "carry it over with: sdconfig upgrade " + folder};
+}
+
+}  // namespace
+
+std::optional<Finding> logDamage(const std::string& path) {
+    if (auto orphaned = orphanedLog(path)) return orphaned;
+    const std::string log = path + "-wal";
+    const std::optional<uint64_t> place = lastingDamage(log);
+    if (!place) return std::nullopt;
+    return Finding{log,
+                   "the log " + log + " is damaged at byte " + std::to_string(*place) +
+                       ", and values that were stored stand behind that",
+                   std::string(kRestore) + ", or move the log away to go on with what the database holds without it"};
+}
+
+std::optional<Finding> integrityDamage(sqlite3* db, const std::string& path) {
+    std::string told = firstText(db, "PRAGMA integrity_check(1)").value_or(sqlite3_errmsg(db));
+    if (told == "ok") return std::nullopt;
+    std::replace(told.begin(), told.end(), '\n', ' ');
+    return Finding{path, "the database " + path + " is damaged (" + told + ")",
+                   std::string(kRestore) + ", or recover what can be read with sqlite3's .recover"};
+}
+
+bool yieldsRow(sqlite3* db, const std::string& sql) {
+    const Statement statement = prepare(db, sql);
+    return statement && sqlite3_step(statement.get()) == SQLITE_ROW;
+}
+
+bool hasTable(sqlite3* db, const std::string& table) {
+    return yieldsRow(db, "SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = '" + table + "'");
+}
+
+bool isEmptied(sqlite3* db, const DatabaseLayout& layout) {
+    if (hasTable(db, layout.sealedTable)) return false;
+    return !hasTable(db, "dbinfor") || versionOf(db) == sd::kDatabaseVersion;
+}
+
+std::vector<Finding> layoutFindings(sqlite3* db, const DatabaseLayout& layout, const std::string& path) {
+    if (hasTable(db, "dbinfor"))
+        if (auto finding = versionFinding(versionOf(db).value_or(""), path)) return {*finding};
+    std::vector<Finding> findings;
+    for (const char* table : layout.tables)
+        if (!hasTable(db, table))
+            findings.push_back(
+                {path, "the database " + path + " lacks its table " + table,
+                 std::string(kRestore) + ", or start the service, which makes the table anew and empty"});
+    return findings;
+}
+
+std::optional<Finding> ringFinding(const std::string& folder, bool sealedRows) {
+    using State = sd::SDSecurity::KeyRingState;
+    const auto ring = sd::SDSecurity::GetInstance()->CheckKeyRing();
+    const std::string path = folder + "/" + kRingFile;
+    if (ring.state == State::Broken)
+        return Finding{path, "the key ring can't be used: " + ring.detail,
+                       "make it a plain file of the service's user and of mode 0600, or restore it from a backup"};
+    if (ring.state == State::Absent && sealedRows)
+        return Finding{path,
+                       "the databases in " + folder + " hold sealed values but the key ring " + path + " is missing",
+                       "restore it from the same backup"};
+    return std::nullopt;
+}
+
+}  // namespace apps

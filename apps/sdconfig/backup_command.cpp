@@ -1,0 +1,98 @@
+// backup: both databases of a data folder and its key ring in one file, while the service runs or not.
+#include <filesystem>
+#include <optional>
+
+#include "apps/common/database_check.h"
+#include "apps/sdconfig/backup_writer.h"
+#include "apps/sdconfig/commands.h"
+#include "apps/sdconfig/data_access.h"
+#include "apps/sdconfig/output.h"
+#include "apps/sdconfig/passphrase.h"
+#include "platform/sdsecurity/sdsecurity.h"
+
+namespace cli {
+
+namespace {
+
+enum class Keys { Sealed, None, LeftOut, HandedOver };
+
+const char* nameOf(Keys keys) {
+    switch (keys) {
+        case Keys::Sealed:
+            return "sealed";
+        case Keys::None:
+            return "none";
+        case Keys::LeftOut:
+            return "left out";
+        default:
+            return "handed over";
+    }
+}
+
+// The way of the key ring into the backup. Tells what will be missing.
+Keys wayOfKeys(const Request& request, const std::string& folder) {
+    const auto ring = sd::SDSecurity::GetInstance()->CheckKeyRing();
+    if (ring.state != sd::SDSecurity::KeyRingState::Usable) return request.withoutKeys ? Keys::LeftOut : Keys::None;
+    if (ring.detail != folder + "/" + apps::kRingFile) {
+        noteKeysHandedOver(ring.detail);
+        return Keys::HandedOver;
+    }
+    if (!request.withoutKeys) return Keys::Sealed;
+    noteKeysLeftOut();
+    return Keys::LeftOut;
+}
+
+int finish(const Request& request, const std::string& folder, Keys keys, const BackupWriter& writer) {
+    Object object;
+    addBytes(object, "folder", folder);
+    addBytes(object, "file", request.file);
+    object["secure"] = writer.count(0);
+    object["policies"] = writer.count(1);
+    object["keys"] = nameOf(keys);
+    object["done"] = true;
+    if (writer.unreadable() > 0) noteRowsUnreadable(writer.unreadable());
+    return print(request,
+                 "backed up " + escaped(folder) + ": secure values " + std::to_string(writer.count(0)) + ", policies " +
+                     std::to_string(writer.count(1)) + ", key ring " + nameOf(keys) + "\n",
+                 object);
+}
+
+bool stands(const std::string& path) {
+    std::error_code ignored;
+    return std::filesystem::exists(std::filesystem::symlink_status(path, ignored));
+}
+
+Problem write(const Request& request, const std::string& folder, Keys keys, const SecretText* passphrase,
+              BackupWriter& writer) {
+    if (Problem problem = writer.copyDatabases()) return problem;
+    if (keys == Keys::None)
+        if (const auto finding = apps::ringFinding(folder, writer.hasSealed()))
+            return {finding->what, finding->next + ", or go without it: --without-keys"};
+    if (passphrase)
+        if (Problem problem = writer.addRing(*passphrase)) return problem;
+    return writer.writeFile(request.force ? UnfinishedFile::Existing::Replace : UnfinishedFile::Existing::Keep);
+}
+
+}  // namespace
+
+int backupData(const Request& request, Service& service) {
+    const DataAccess access = accessFolder(request, service);
+    if (!access.reader) return access.exitCode;
+    const std::string& folder = access.reader->folder();
+    if (!request.force && stands(request.file))
+        return notBackedUp(request, {"the file is there already", "name another one, or say --force to replace it"});
+
+    const Keys keys = wayOfKeys(request, folder);
+    std::optional<Passphrase> passphrase;
+    if (keys == Keys::Sealed) passphrase.emplace(readPassphrase(Asking::Twice));
+    if (passphrase && !passphrase->problem.empty())
+        return notBackedUp(request, {passphrase->problem, "give a passphrase, or go without the keys: --without-keys"});
+
+    const Interruption interruption;
+    BackupWriter writer(folder, request.file, interruption);
+    if (const Problem problem = write(request, folder, keys, passphrase ? &passphrase->text : nullptr, writer))
+        return notBackedUp(request, problem);
+    return finish(request, folder, keys, writer);
+}
+
+}  // namespace cli

@@ -1,0 +1,20 @@
+// Names of what is kept beside a file or a folder before it changes.
+#pragma once
+
+#include <array>
+#include <ctime>
+#include <string>
+
+namespace cli {
+
+// The path, a dot and the time, as in "data.20261125T012204Z".
+inline std::string datedName(const std::string& path) {
+    const std::time_t now = std::time(nullptr);
+    std::tm parts{};
+    std::array<char, 32> text{};
+    ::gmtime_r(&now, &parts);
+    (void)std::strftime(text.data(), text.size(), "%Y%m%dT%H%M%SZ", &parts);
+    return path + "." + text.data();
+}
+
+}  // namespace cli

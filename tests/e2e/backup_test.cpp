@@ -1,0 +1,173 @@
+// check, backup and restore: what is told of a data folder, and what a backup gives back, or refuses to.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "tests/e2e/sandbox.h"
+
+namespace test {
+namespace {
+
+using nlohmann::json;
+using ::testing::HasSubstr;
+
+namespace fs = std::filesystem;
+
+// Every file below the folder, with its mode and content.
+std::map<std::string, std::string> contents(const std::string& folder) {
+    std::map<std::string, std::string> all;
+    for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+        struct stat status {};
+        ::lstat(entry.path().c_str(), &status);
+        all[entry.path()] = std::to_string(status.st_mode) + (entry.is_regular_file() ? readFile(entry.path()) : "");
+    }
+    return all;
+}
+
+class BackupTest : public Sandbox {
+protected:
+    BackupTest() { fs::permissions(path("data"), fs::perms::owner_all); }
+
+    // A stopped service's data folder with a secure value and a policy.
+    void fill() const {
+        Process service = startService();
+        EXPECT_EQ(cli({"secure", "set", "k", "v"}).exitCode, 0);
+        EXPECT_EQ(cli({"policy", "set", "u", "forced", "7"}).exitCode, 0);
+        service.kill(SIGTERM);
+        EXPECT_EQ(service.wait(), 0);
+    }
+
+    Result backup(std::vector<std::string> options = {}) const {
+        options.insert(options.begin(), {"backup", path("file"), path("data")});
+        return cli(options, "open sesame\nnot this line\n");
+    }
+
+    Result restore(const std::string& folder, std::vector<std::string> options = {},
+                   const std::string& passphrase = "open sesame\n") const {
+        options.insert(options.begin(), {"restore", path("file"), path(folder)});
+        return cli(options, passphrase);
+    }
+
+    // A refusal in one line that changes nothing anywhere in the sandbox.
+    void expectUnchanged(const std::function<Result()>& command, const std::string& told) const {
+        const auto before = contents(path("."));
+        const Result result = command();
+        EXPECT_EQ(result.exitCode, 1) << told;
+        EXPECT_THAT(result.err, HasSubstr(told));
+        EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+        EXPECT_EQ(contents(path(".")), before) << told;
+    }
+
+    // The only finding of the folder, which stays as it is.
+    void expectFinding(const std::string& folder, const std::string& what, const std::string& next) const {
+        SCOPED_TRACE(what);
+        const auto before = contents(folder);
+        const Result result = cli({"check", folder, "--json"});
+        EXPECT_EQ(contents(folder), before);
+        EXPECT_EQ(result.exitCode, 1);
+        const json findings = json::parse(result.out)["findings"];
+        ASSERT_EQ(findings.size(), 1u) << result.out;
+        EXPECT_THAT(findings[0]["what"], HasSubstr(what));
+        EXPECT_THAT(findings[0]["next"], HasSubstr(next));
+    }
+};
+
+TEST_F(BackupTest, ARunningServiceIsBackedUpBetweenItsWrites) {
+    Process service = startService();
+    for (int i = 0; i < 20; ++i) cli({"secure", "set", "k" + std::to_string(i), "before"});
+    std::thread writer([this] {
+        for (int i = 0; i < 20; ++i) EXPECT_EQ(cli({"secure", "set", "k" + std::to_string(i), "after"}).exitCode, 0);
+    });
+    const Result made = cli({"backup", path("file")}, "open sesame");
+    writer.join();
+    EXPECT_EQ(made.exitCode, 0) << made.err;
+    EXPECT_EQ(fs::status(path("file")).permissions(), fs::perms(0600));
+    EXPECT_EQ(readFile(path("file")).find(readFile(path("data/sdsecurity.keys")).substr(18)), std::string::npos);
+    EXPECT_EQ(cli({"check"}).exitCode, 0) << "in the middle of the log";
+    expectUnchanged([&] { return restore("data", {"--force"}); },
+                    "is in use by process " + std::to_string(service.pid()));
+    service.kill(SIGTERM);
+    service.wait();
+
+    EXPECT_EQ(restore("data", {"--force"}).exitCode, 0);
+    EXPECT_EQ(cli({"check", path("data")}).exitCode, 0);
+    const Process next = startService();
+    std::map<std::string, int> values;
+    for (int i = 0; i < 20; ++i) ++values[cli({"secure", "get", "k" + std::to_string(i)}).out];
+    EXPECT_LE(values[""], 1) << "the one that was just being replaced";
+    EXPECT_EQ(values["before\n"] + values["after\n"] + values[""], 20);
+}
+
+TEST_F(BackupTest, NothingButAWholeBackupIsRestored) {
+    fill();
+    EXPECT_EQ(backup().exitCode, 0);
+    expectUnchanged([&] { return backup(); }, "--force");
+    expectUnchanged([&] { return restore("new", {}, "open sesam\n"); }, "the passphrase does not open");
+    expectUnchanged([&] { return restore("data"); }, "is not empty");
+    const std::string whole = readFile(path("file"));
+    for (std::size_t at = 0; at < whole.size(); at += at < 700 ? 61 : 9001) {
+        std::string flipped = whole;
+        flipped[at] = static_cast<char>(flipped[at] ^ 1);
+        for (const std::string& bytes : {flipped, whole.substr(0, at), whole + flipped[at]}) {
+            writeFile(path("file"), bytes);
+            expectUnchanged([&] { return restore("new"); }, "is no backup, or a damaged one");
+        }
+    }
+    writeFile(path("file"), whole);
+
+    EXPECT_EQ(restore("new").exitCode, 0);
+    const Process service = startService({"--data-dir", path("new")});
+    EXPECT_EQ(cli({"secure", "get", "k"}).out + cli({"policy", "get", "u"}).out, "v\nforced\n");
+}
+
+TEST_F(BackupTest, WithoutKeysTheFoldersOwnRingServesOrNone) {
+    fill();
+    EXPECT_EQ(backup({"--without-keys"}).exitCode, 0);
+    expectUnchanged([&] { return restore("new", {}, ""); }, "has no key ring");
+    const json kept = json::parse(restore("data", {"--force", "--json"}, "").out);
+    EXPECT_EQ(kept["keys"], "kept");
+    EXPECT_EQ(readFile(path("data/sdsecurity.keys")), readFile(kept["old"].get<std::string>() + "/sdsecurity.keys"));
+    EXPECT_EQ(cli({"check", path("data")}).exitCode, 0);
+    EXPECT_THAT(restore("new", {"--without-keys"}, "").err, HasSubstr("before the service starts"));
+    expectFinding(path("new"), "hold sealed values but the key ring", "restore it from the same backup");
+}
+
+TEST_F(BackupTest, CheckNamesEachFaultAndWhatToDo) {
+    fill();
+    const std::string sealed = query(path("data/sdconfig.db"), "SELECT value FROM secure_v3 WHERE key = 'k'")[0][0];
+    const std::string folder = path("copy");
+    const std::string database = folder + "/sdconfig.db";
+    const auto sql = [&](const std::string& file, const std::string& text) {
+        return "sqlite3 " + folder + "/" + file + " \"" + text + "\"";
+    };
+    const std::tuple<std::string, std::string, std::string> cases[] = {
+        {"chmod 640 sdsecurity.keys", "others may read or write it", "mode 0600"},
+        {"chmod 644 sdconfig.db", "others may get at " + database, "chmod 600 " + database},
+        {"chmod 755 .", "others may get at " + folder, "chmod 700"},
+        {"mv dmhelper.db x; ln -s x dmhelper.db", "is a symbolic link", "put the file itself in its place"},
+        {"truncate -s 12288 sdconfig.db", "is damaged", "restore the folder from a backup"},
+        {sql("sdconfig.db", "UPDATE secure_v3 SET value = 'v1AAAA' WHERE key = 'k'"),
+         "the secure value \"k\" of " + database + " can't be opened", "from the same backup"},
+        {sql("dmhelper.db", "UPDATE dmhelperconfig SET value = '" + sealed + "'"), "the policy \"u\" of",
+         "set or delete it"},
+        {sql("dmhelper.db", "DROP TABLE dmhelperconfig"), "lacks its table dmhelperconfig", "from a backup"},
+        {sql("sdconfig.db", "UPDATE dbinfor SET value = '2'"), "has version 2", "sdconfig upgrade " + folder},
+    };
+    for (const auto& [damage, what, next] : cases) {
+        fs::remove_all(folder);
+        fs::copy(path("data"), folder);
+        run({"sh", "-c", "cd \"$0\" && " + damage, folder});
+        expectFinding(folder, what, next);
+    }
+    EXPECT_THAT(cli({"check", path("nowhere")}).out, HasSubstr("nowhere; next: name the folder"));
+}
+
+}  // namespace
+}  // namespace test
