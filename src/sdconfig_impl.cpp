@@ -110,8 +110,7 @@ bool SDConfigImpl::setDBVersion(data::SQLiteTable& table, std::string version) {
 }
 
 unsigned int SDConfigImpl::getTableRecordCount(data::SQLiteTable& table) {
-    std::vector<std::string> keys;
-    return key_value::keys(table, keys) ? static_cast<unsigned int>(keys.size()) : 0;
+    return static_cast<unsigned int>(key_value::count(table));
 }
 
 std::string SDConfigImpl::getValueFromDatabaseTable(data::SQLiteTable& table, const std::string& key) {

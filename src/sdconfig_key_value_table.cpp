@@ -50,4 +50,9 @@ bool keys(data::SQLiteTable& table, std::vector<std::string>& result) {
     return true;
 }
 
+std::size_t count(data::SQLiteTable& table) {
+    std::vector<data::TableRow> rows;
+    return table.select({}, field(table, kKey), rows) ? rows.size() : 0;
+}
+
 }  // namespace sd::key_value

@@ -1,6 +1,7 @@
 // The one form that every table of both databases has: id, key, value.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -20,5 +21,8 @@ bool remove(data::SQLiteTable& table, const std::string& key);
 
 // Appends the keys of all rows, in the order of the rows. False when the table can't be read.
 bool keys(data::SQLiteTable& table, std::vector<std::string>& result);
+
+// How many rows there are; 0 when the table can't be read.
+std::size_t count(data::SQLiteTable& table);
 
 }  // namespace sd::key_value

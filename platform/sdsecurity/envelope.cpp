@@ -4,6 +4,7 @@
 #include <openssl/rand.h>
 
 #include <algorithm>
+#include <array>
 #include <memory>
 #include <string_view>
 
@@ -46,6 +47,23 @@ std::string toText(const std::vector<unsigned char>& bytes) {
     return text;
 }
 
+// Fills `bytes`, three for each four characters behind the version, and drops what is padding.
+// OpenSSL's decoder trims blanks, which tells by its length, and takes padding anywhere and stray bits in the last
+// group of characters; one value shall have one text.
+bool fromBase64(const std::string& text, std::vector<unsigned char>& bytes) {
+    const auto* const base64 = reinterpret_cast<const unsigned char*>(text.data() + kVersion.size());
+    const auto size = static_cast<int>(bytes.size());
+    if (::EVP_DecodeBlock(bytes.data(), base64, size / 3 * 4) != size) return false;
+    const std::size_t padding = text.size() - std::min(text.find('='), text.size());
+    if (padding > 2) return false;
+    bytes.resize(bytes.size() - padding);
+    const std::size_t last = 3 - padding;
+    std::array<unsigned char, 5> group{};
+    ::EVP_EncodeBlock(group.data(), bytes.data() + bytes.size() - last, static_cast<int>(last));
+    return std::equal(group.begin(), group.end() - 1, text.end() - 4, text.end(),
+                      [](unsigned char one, char other) { return one == static_cast<unsigned char>(other); });
+}
+
 }  // namespace
 
 std::optional<std::string> sealEnvelope(const Key& key, const std::string& plain) {
@@ -76,12 +94,7 @@ std::optional<Envelope> parseEnvelope(const std::string& text) {
     if (size % 4 != 0 || size < base64Size(kFrameSize) || size > base64Size(kFrameSize + kMaxPlain))
         return std::nullopt;
     Envelope envelope{{}, std::vector<unsigned char>(size / 4 * 3)};
-    const auto* const base64 = reinterpret_cast<const unsigned char*>(text.data() + kVersion.size());
-    if (::EVP_DecodeBlock(envelope.bytes.data(), base64, static_cast<int>(size)) < 0) return std::nullopt;
-    const std::size_t padding = text[text.size() - 2] == '=' ? 2 : text.back() == '=' ? 1 : 0;
-    envelope.bytes.resize(envelope.bytes.size() - padding);
-    // OpenSSL's decoder lets blanks and stray bits pass; one value shall have one text.
-    if (envelope.bytes.size() < kFrameSize || toText(envelope.bytes) != text) return std::nullopt;
+    if (!fromBase64(text, envelope.bytes) || envelope.bytes.size() < kFrameSize) return std::nullopt;
     std::copy_n(envelope.bytes.begin(), kKeyIdSize, envelope.keyId.begin());
     return envelope;
 }

@@ -1,0 +1,85 @@
+#include "bench/service.h"
+
+#include <sqlite3.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+#include "libsdconfig/sdconfig.h"
+#include "platform/sdsecurity/sdsecurity.h"
+#include "platform/velmarlog/velmarlog.h"
+
+namespace bench {
+
+namespace {
+
+constexpr char kReady[] = "ready";
+
+// By the product's own sealing, but in one transaction: the store commits each value durably, which takes minutes.
+void insertSecureValues(const std::string& dataFolder, int count) {
+    sd::SDSecurity& security = *sd::SDSecurity::GetInstance();
+    security.SetKeyRingFolder(dataFolder);
+    sqlite3* db = nullptr;
+    sqlite3_stmt* insert = nullptr;
+    const char* const sql = "INSERT INTO secure_v3(key, value) VALUES(?, ?)";
+    require(sqlite3_open((dataFolder + "/sdconfig.db").c_str(), &db) == SQLITE_OK &&
+                sqlite3_exec(db, "BEGIN", nullptr, nullptr, nullptr) == SQLITE_OK &&
+                sqlite3_prepare_v2(db, sql, -1, &insert, nullptr) == SQLITE_OK,
+            "the service's database");
+    for (int i = 0; i < count; ++i) {
+        const std::string key = keyOf(i);
+        const std::string sealed = security.FastEncrypt(storedValue());
+        sqlite3_bind_text(insert, 1, key.c_str(), -1, SQLITE_STATIC);
+        sqlite3_bind_text(insert, 2, sealed.c_str(), -1, SQLITE_STATIC);
+        require(sqlite3_step(insert) == SQLITE_DONE && sqlite3_reset(insert) == SQLITE_OK, sql);
+    }
+    sqlite3_finalize(insert);
+    require(sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK && sqlite3_close(db) == SQLITE_OK,
+            "the service's database");
+}
+
+// What a service needs to be reached, below its folder.
+std::vector<std::string> prepare(const std::string& folder, const std::string& sdconfigd, int secureValues) {
+    std::filesystem::create_directory(folder);
+    std::filesystem::permissions(folder, std::filesystem::perms::owner_all);
+    makeData(folder + "/data", sdconfigd, secureValues);
+    std::vector<std::string> command = serviceCommand(sdconfigd, folder + "/data");
+    command.insert(command.begin(), {"env", "XDG_RUNTIME_DIR=" + folder});
+    return command;
+}
+
+}  // namespace
+
+std::string keyOf(int index) {
+    return "bench.secure.key." + std::to_string(index);
+}
+
+const std::string& storedValue() {
+    static const std::string sValue(64, 'v');
+    return sValue;
+}
+
+void makeData(const std::string& folder, const std::string& sdconfigd, int secureValues) {
+    Process::start(serviceCommand(sdconfigd, folder), kReady);  // makes the tables, and ends
+    // A process of its own, because a process has one key ring.
+    Process filling = Process::fork([&](int ready, int) {
+        insertSecureValues(folder, secureValues);
+        tellReady(ready);
+    });
+    require(filling.wait() == 0, "filling the store");
+}
+
+std::vector<std::string> serviceCommand(const std::string& sdconfigd, const std::string& dataFolder) {
+    return {sdconfigd, "--data-dir", dataFolder, "--product-dir", dataFolder, "--log-level", "8"};
+}
+
+Service::Service(const Workplace& place, const std::string& name, const std::string& sdconfigd, int secureValues)
+    : mFolder(place.path(name)), mProcess(Process::start(prepare(mFolder, sdconfigd, secureValues), kReady)) {}
+
+void Service::join() const {
+    require(::setenv("XDG_RUNTIME_DIR", mFolder.c_str(), 1) == 0, "setenv");
+    velmarLogSetLevel(8);  // the start-up tasks tell of every setting that a desktop would have
+    sd::SDConfig::GetInstance()->GetProperty("bench");
+}
+
+}  // namespace bench

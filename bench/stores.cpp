@@ -1,0 +1,279 @@
+// What reading and storing costs through the facades: secure values beside a desktop's secret service, durable writes
+// beside bare SQLite, and how both grow with the size and the number of values.
+//     stores EXTENT SDCONFIGD
+#include <cstdio>
+#include <deque>
+#include <optional>
+
+#include "bench/bare_database.h"
+#include "bench/comparison.h"
+#include "bench/desktop_session.h"
+#include "bench/measuring_process.h"
+#include "bench/secret_items.h"
+#include "bench/service.h"
+#include "libsdconfig/dmconfig.h"
+#include "libsdconfig/sdconfig.h"
+
+namespace bench {
+
+namespace {
+
+// The place of the next look-up among `count` keys: far from the last, so that no cache of pages helps.
+int nextOf(int& turn, int count) {
+    constexpr int kStride = 7919;  // a prime: every key comes once before one comes again
+    turn = (turn + kStride) % count;
+    return turn;
+}
+
+std::string valueOf(int turn) {
+    return storedValue() + std::to_string(turn);
+}
+
+std::string among(int count) {
+    return " among " + std::to_string(count);
+}
+
+// ---- Reading a secure value ----
+
+// A store of so many values, and a process that looks them up.
+struct Lookups {
+    Lookups(int values, const std::function<MeasuringProcess::Measures()>& prepare) : count(values), process(prepare) {}
+
+    const int count;
+    const MeasuringProcess process;
+
+    std::function<double()> measure() const {
+        return [this] { return process.run(0); };
+    }
+};
+
+MeasuringProcess::Measures getSecure(const Service& service, int count, int calls) {
+    service.join();
+    return {[count, calls, turn = 0]() mutable {
+        return p50Microseconds(calls, [&] {
+            require(sd::SDConfig::GetInstance()->GetSecure(keyOf(nextOf(turn, count))) == storedValue(), "GetSecure");
+        });
+    }};
+}
+
+MeasuringProcess::Measures lookUpItems(const DesktopSession& session, int count, int calls) {
+    session.join();
+    for (int i = 0; i < count; ++i) storeSecretItem(keyOf(i), storedValue());
+    return {[count, calls, turn = 0]() mutable {
+        return p50Microseconds(
+            calls, [&] { require(lookUpSecretItem(keyOf(nextOf(turn, count))) == storedValue(), "libsecret"); });
+    }};
+}
+
+// A session of the desktop with a keyring, for items by libsecret; nothing where one of the three isn't installed.
+std::optional<DesktopSession> startKeyring(const Workplace& place, const std::string& name) {
+    if (!haveLibsecret()) return std::nullopt;
+    auto session = DesktopSession::start(place, name);
+    if (!session || !session->startKeyring()) return std::nullopt;
+    return session;
+}
+
+// Keyrings of so many items. `sessions` keeps them.
+void startPeers(const Workplace& place, const Extent& extent, std::deque<DesktopSession>& sessions,
+                std::deque<Lookups>& peers) {
+    for (const int count : {10, 1000}) {
+        if (count == 1000 && !extent.isFull()) return;  // its filling takes longer than all else
+        auto session = startKeyring(place, "session" + std::to_string(count));
+        if (!session) return;
+        sessions.push_back(std::move(*session));
+        peers.emplace_back(count, [&] { return lookUpItems(sessions.back(), count, extent.calls(200)); });
+    }
+}
+
+std::vector<int> storeSizes(const Extent& extent) {
+    return extent.isSmoke() ? std::vector{10, 100} : std::vector{10, 100, 1000, 100'000};
+}
+
+// Each store against the largest keyring that has no more items. The samples: the stores', then the peers'.
+void reportBesidePeers(const std::deque<Lookups>& stores, const std::deque<Lookups>& peers,
+                       const std::vector<Samples>& samples) {
+    for (std::size_t i = 0; i < stores.size(); ++i)
+        for (std::size_t j = peers.size(); j-- > 0;) {
+            if (peers[j].count > stores[i].count) continue;
+            report({"GetSecure" + among(stores[i].count) + ", p50",
+                    "secret_password_lookup_sync" + among(peers[j].count), "us", Wanted::AtMost, 0.2},
+                   samples[i], samples[stores.size() + j]);
+            break;
+        }
+}
+
+// The growth is told against the store of 100.
+void reportGrowth(const std::deque<Lookups>& stores, const std::vector<Samples>& samples) {
+    constexpr std::size_t kBase = 1;
+    for (std::size_t i = 0; i < stores.size(); ++i)
+        report({"GetSecure" + among(stores[i].count) + ", p50", "the same" + among(stores[kBase].count), "us",
+                i > kBase ? Wanted::AtMost : Wanted::Nothing, 1.3, "GetSecure by number of values",
+                static_cast<double>(stores[i].count)},
+               samples[i], samples[kBase]);
+}
+
+void measureGetSecure(const Workplace& place, const std::string& sdconfigd, const Extent& extent) {
+    std::deque<Service> services;
+    std::deque<Lookups> stores;
+    for (const int count : storeSizes(extent)) {
+        services.emplace_back(place, "store" + std::to_string(count), sdconfigd, count);
+        stores.emplace_back(count, [&] { return getSecure(services.back(), count, extent.calls(2000)); });
+    }
+    std::deque<DesktopSession> sessions;
+    std::deque<Lookups> peers;
+    startPeers(place, extent, sessions, peers);
+
+    std::vector<std::function<double()>> measures;
+    measures.reserve(stores.size() + peers.size());
+    for (const Lookups& store : stores) measures.push_back(store.measure());
+    for (const Lookups& peer : peers) measures.push_back(peer.measure());
+    const std::vector<Samples> samples = alternate(extent.rounds(), measures);
+
+    reportBesidePeers(stores, peers, samples);
+    reportGrowth(stores, samples);
+}
+
+// ---- Storing ----
+
+constexpr int kPolicies = 100;
+constexpr int kShortTurns = 4;  // a disk's pace drifts: those that wait for it take turns more often
+
+sd::PolicyList somePolicies(int turn) {
+    sd::PolicyList policies;
+    for (int i = 0; i < kPolicies; ++i) policies["bench.policy." + std::to_string(i)] = {{valueOf(turn), 6}};
+    return policies;
+}
+
+MeasuringProcess::Measures storeThroughFacades(const Service& service, const Extent& extent) {
+    service.join();
+    const auto setSecure = [calls = extent.calls(25), turn = 0]() mutable {
+        return p50Microseconds(
+            calls, [&] { require(sd::SDConfig::GetInstance()->SetSecure(keyOf(0), valueOf(++turn)), "SetSecure"); });
+    };
+    const auto setPolicies = [calls = extent.calls(3), turn = 0]() mutable {
+        const sd::PolicyList policies = somePolicies(++turn);
+        return p50Microseconds(calls,
+                               [&] { require(sd::DMConfig::GetInstance()->SetPolicyList(policies), "SetPolicyList"); });
+    };
+    sd::DMConfig::GetInstance()->SetPolicyList(somePolicies(0));  // the first time there is nothing to delete
+    return {setSecure, setPolicies};
+}
+
+// Two commits of a row each: the old row goes, the new one comes.
+void replaceRow(BareDatabase& database, const std::string& key, const std::string& value) {
+    database.remove(key);
+    database.insert(key, value);
+}
+
+void fillBareDatabase(BareDatabase& database, int count, const std::string& value) {
+    database.run("BEGIN");
+    for (int i = 0; i < count; ++i) database.insert(keyOf(i), value);
+    database.run("COMMIT");
+}
+
+void compareWithSecretService(const Workplace& place, const Extent& extent, const MeasuringProcess& facades) {
+    const auto session = startKeyring(place, "session");
+    if (!session) return;
+    const MeasuringProcess libsecret([&]() -> MeasuringProcess::Measures {
+        session->join();
+        return {[calls = extent.calls(25), turn = 0]() mutable {
+            return p50Microseconds(calls, [&] { storeSecretItem(keyOf(0), valueOf(++turn)); });
+        }};
+    });
+    const auto samples = alternate(extent.rounds(), {[&] { return facades.run(0); }, [&] { return libsecret.run(0); }});
+    report({"SetSecure, p50", "secret_password_store_sync", "us"}, samples[0], samples[1]);
+}
+
+void measureStoring(const Workplace& place, const std::string& sdconfigd, const Extent& extent) {
+    constexpr int kRows = 100;
+    const std::string envelope(138, 'e');  // as long as what the store keeps of a valueOf
+    const Service service(place, "storing", sdconfigd, kRows);
+    const MeasuringProcess facades([&] { return storeThroughFacades(service, extent); });
+    BareDatabase bare(place.path("bare.db"));
+    fillBareDatabase(bare, kRows, envelope);
+
+    const auto one = [&] { return p50Microseconds(extent.calls(25), [&] { replaceRow(bare, keyOf(0), envelope); }); };
+    const auto list = [&] {
+        return p50Microseconds(extent.calls(3), [&] {
+            for (int i = 0; i < kPolicies; ++i) replaceRow(bare, keyOf(i), envelope);
+        });
+    };
+    const auto ones = alternate(kShortTurns * extent.rounds(), {[&] { return facades.run(0); }, one});
+    const auto lists = alternate(extent.rounds(), {[&] { return facades.run(1); }, list});
+    const std::string floor = " commits by bare SQLite, in turn of a DELETE and an INSERT of one row";
+    report({"SetSecure, p50", "2" + floor, "us", Wanted::AtMost, 1.3}, ones[0], ones[1]);
+    report({"SetPolicyList of 100, p50", "200" + floor, "us", Wanted::AtMost, 1.2}, lists[0], lists[1]);
+    compareWithSecretService(place, extent, facades);
+}
+
+// ---- By the size of a value, by the number of properties ----
+
+// In turn: SetProperty, GetProperty, SetSecure, GetSecure.
+MeasuringProcess::Measures callsBySize(const Service& service, const std::string& value, int calls) {
+    service.join();
+    sd::SDConfig& config = *sd::SDConfig::GetInstance();
+    const std::string key = "bench.size." + std::to_string(value.size());
+    const auto p50 = [calls](std::function<void()> call) { return [=] { return p50Microseconds(calls, call); }; };
+    require(config.SetProperty(key, value) && config.SetSecure(key, value), "storing by size");
+    return {p50([=, &config] { require(config.SetProperty(key, value), "SetProperty"); }),
+            p50([=, &config] { require(config.GetProperty(key) == value, "GetProperty"); }),
+            p50([=, &config] { require(config.SetSecure(key, value), "SetSecure"); }),
+            p50([=, &config] { require(config.GetSecure(key) == value, "GetSecure"); })};
+}
+
+void measureSizes(const Workplace& place, const std::string& sdconfigd, const Extent& extent) {
+    const Service service(place, "sizes", sdconfigd, 0);
+    for (const int size : {64, 1 << 10, 1 << 14, 1 << 17, 1 << 20}) {
+        const std::string value(static_cast<std::size_t>(size), 'x');
+        const MeasuringProcess process(
+            [&] { return callsBySize(service, value, extent.calls(size > 1 << 14 ? 20 : 200)); });
+        std::vector<std::function<double()>> measures;
+        const std::vector<std::string> calls{"SetProperty", "GetProperty", "SetSecure", "GetSecure"};
+        for (std::size_t i = 0; i < calls.size(); ++i) measures.emplace_back([&process, i] { return process.run(i); });
+        const auto samples = alternate(extent.rounds(), measures);
+        for (std::size_t i = 0; i < calls.size(); ++i)
+            report(calls[i] + " of " + std::to_string(size) + " bytes, p50", "us", samples[i],
+                   calls[i] + " by size of the value", size);
+    }
+}
+
+void measureProperties(const Workplace& place, const std::string& sdconfigd, const Extent& extent) {
+    const Service service(place, "properties", sdconfigd, 0);
+    int stored = 0;
+    for (const int count : {10, 1000, 100'000}) {
+        if (extent.isSmoke() && count > 1000) break;
+        const MeasuringProcess process([&]() -> MeasuringProcess::Measures {
+            service.join();
+            sd::SDConfig& config = *sd::SDConfig::GetInstance();
+            for (int i = stored; i < count; ++i) require(config.SetProperty(keyOf(i), storedValue()), "SetProperty");
+            return {[&config, count, calls = extent.calls(2000), turn = 0]() mutable {
+                return p50Microseconds(calls, [&] {
+                    require(config.GetProperty(keyOf(nextOf(turn, count))) == storedValue(), "GetProperty");
+                });
+            }};
+        });
+        stored = count;
+        const auto samples = alternate(extent.rounds(), {[&] { return process.run(0); }});
+        report("GetProperty" + among(count) + ", p50", "us", samples[0], "GetProperty by number of properties", count);
+    }
+}
+
+}  // namespace
+
+}  // namespace bench
+
+int main(int argc, char** argv) {
+    const bench::Extent extent(argc, argv);
+    if (argc != 3) {
+        std::fprintf(stderr, "usage: stores full|short|smoke SDCONFIGD\n");
+        return 2;
+    }
+    const bench::Workplace place;
+    bench::measureGetSecure(place, argv[2], extent);
+    bench::measureStoring(place, argv[2], extent);
+    if (extent.isFull() || extent.isSmoke()) {
+        bench::measureSizes(place, argv[2], extent);
+        bench::measureProperties(place, argv[2], extent);
+    }
+    return 0;
+}
