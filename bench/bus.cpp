@@ -1,5 +1,5 @@
-// What a call over the bus layer costs, beside the kernel's floor, bare sd-bus and brokers: the time of one call, calls a
-// second of many threads and processes, and the price of clients that only stay connected.
+// What a call over the bus layer costs, beside the kernel's floor, bare sd-bus and brokers: the time of one call, calls
+// a second of many threads and processes, and the price of clients that only stay connected.
 //     bus EXTENT SDCONFIGD
 #include <unistd.h>
 
@@ -39,8 +39,9 @@ private:
 Echo getProperty(const Workplace& place, const std::string& sdconfigd, const Cpus& cpus) {
     const OnCpu onCpu(cpus.server);
     Echo echo{"GetProperty", {}, [] { return std::make_unique<GetPropertyCaller>(); }};
-    echo.servers.push_back(
-        Process::start({sdconfigd, "--data-dir", place.path("data"), "--product-dir", place.path("data"), "--log-level", "7"}, "ready"));
+    echo.servers.push_back(Process::start(
+        {sdconfigd, "--data-dir", place.path("data"), "--product-dir", place.path("data"), "--log-level", "7"},
+        "ready"));
     return echo;
 }
 
@@ -83,7 +84,8 @@ void measureCalls(const Workplace& place, const std::string& sdconfigd, const Ex
 
         std::vector<Peer> echo;
         echo.push_back({bareSdBus(place, cpus), Wanted::AtMost, 1.1});
-        measureCall("GetProperty of 128 bytes, p50" + where, getProperty(place, sdconfigd, cpus), std::move(echo), extent);
+        measureCall("GetProperty of 128 bytes, p50" + where, getProperty(place, sdconfigd, cpus), std::move(echo),
+                    extent);
     }
 }
 

@@ -16,9 +16,12 @@ using Clock = std::chrono::steady_clock;
 
 const char* nameOf(Wanted wanted) {
     switch (wanted) {
-        case Wanted::AtMost: return "at most";
-        case Wanted::AtLeast: return "at least";
-        case Wanted::Nothing: break;
+        case Wanted::AtMost:
+            return "at most";
+        case Wanted::AtLeast:
+            return "at least";
+        case Wanted::Nothing:
+            break;
     }
     return "";
 }

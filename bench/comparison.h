@@ -21,8 +21,8 @@ public:
 
     bool isFull() const { return mKind == Kind::Full; }
     bool isSmoke() const { return mKind == Kind::Smoke; }
-    int rounds() const;                // how often the measures take turns
-    int calls(int full) const;         // calls a round, where the full extent has so many
+    int rounds() const;                   // how often the measures take turns
+    int calls(int full) const;            // calls a round, where the full extent has so many
     int size(int full, int smoke) const;  // how much data there is; a smaller amount than `full` only when smoking
 
 private:
@@ -47,7 +47,7 @@ struct Comparison {
     std::string against;
     const char* unit;
     Wanted wanted = Wanted::Nothing;
-    double bound = 0;    // of the ratio what / against
+    double bound = 0;      // of the ratio what / against
     std::string series{};  // of the plot that it is a point of; "" for none
     double x = 0;
 };

@@ -62,8 +62,8 @@ public:
         require(sd::DMConfig::GetInstance()->RegisterListenersWithList({{kKey, this}}, false),
                 "RegisterListenersWithList");
         for (int i = 0; i < others; ++i) {
-            mProxies.push_back(SDBusSerivceManager::initSync(-1)->getServiceProxyInterface(
-                sd::protocol::kServiceName, SDBusSameUser, 1));
+            mProxies.push_back(SDBusSerivceManager::initSync(-1)->getServiceProxyInterface(sd::protocol::kServiceName,
+                                                                                           SDBusSameUser, 1));
             auto* callback = new SDBusEventCallback([this](std::shared_ptr<SDBusMessage> event) {
                 if (event->getString(0) == kKey) mArrivals.arrive();
             });
