@@ -156,7 +156,7 @@ void measureThroughput(const Workplace& place, const Extent& extent) {
             const int each = extent.calls(40'000) / count + 1;
             const auto samples = alternate(extent.rounds(), {[&, run = callers] { return run(layer, count, each); },
                                                              [&, run = callers] { return run(bare, count, each); }});
-            report({"calls of " + std::to_string(count) + " " + name, bare.name, "/s", Wanted::AtLeast, 0.85,
+            report({"calls from " + name + ": " + std::to_string(count), bare.name, "/s", Wanted::AtLeast, 0.85,
                     "calls from " + name, static_cast<double>(count)},
                    samples[0], samples[1]);
         }

@@ -214,15 +214,22 @@ void callQuickly(int threads, std::chrono::milliseconds runTime, Waits& waits) {
     for (std::thread& thread : running) thread.join();
 }
 
-// Holds the write lock of the database, as another program that has it open could.
-void holdLock(const std::string& database, std::chrono::milliseconds time) {
-    sqlite3* db = nullptr;
-    require(sqlite3_open(database.c_str(), &db) == SQLITE_OK &&
-                sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) == SQLITE_OK,
-            "the database's lock");
-    std::this_thread::sleep_for(time);
-    sqlite3_close(db);
-}
+// The write lock of the database, as another program that has it open could hold it.
+class HeldLock {
+public:
+    explicit HeldLock(const std::string& database) {
+        require(sqlite3_open(database.c_str(), &mDatabase) == SQLITE_OK &&
+                    sqlite3_busy_timeout(mDatabase, 5000) == SQLITE_OK &&
+                    sqlite3_exec(mDatabase, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) == SQLITE_OK,
+                "the database's lock");
+    }
+    ~HeldLock() { sqlite3_close(mDatabase); }
+    HeldLock(const HeldLock&) = delete;
+    HeldLock& operator=(const HeldLock&) = delete;
+
+private:
+    sqlite3* mDatabase = nullptr;
+};
 
 void measureSlowCall(const std::string& database, const Extent& extent) {
     const int clients = extent.size(100, 5);
@@ -234,7 +241,11 @@ void measureSlowCall(const std::string& database, const Extent& extent) {
             std::thread holder;
             std::thread writer;
             if (slow) {
-                holder = std::thread([&] { holdLock(database, kLockTime); });
+                auto lock = std::make_unique<HeldLock>(database);
+                holder = std::thread([held = std::move(lock)]() mutable {
+                    std::this_thread::sleep_for(kLockTime);
+                    held.reset();
+                });
                 writer = std::thread([] { (void)sd::SDConfig::GetInstance()->SetSecure("bench.slow", "value"); });
             }
             callQuickly(clients, kRunTime, waits);
