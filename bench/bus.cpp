@@ -68,24 +68,32 @@ void measureCall(const std::string& what, Echo own, std::vector<Peer> peers, con
         report({what, peers[i].echo.name, "us", peers[i].wanted, peers[i].bound}, samples[0], samples[i + 1]);
 }
 
+struct Mode {
+    std::string where;
+    const Cpus& cpus;
+    // Of the ratios; 0: none.
+    double raw, bySdBus, byDaemon, byBroker;
+};
+
 void measureCalls(const Workplace& place, const std::string& sdconfigd, const Extent& extent) {
-    for (const bool pinned : {false, true}) {
-        const Cpus& cpus = pinned ? kOneCpu : kTwoCpus;
-        const std::string where = pinned ? ", on one cpu" : ", on two cpus";
+    const auto peer = [](Echo echo, double bound) {
+        return Peer{std::move(echo), bound > 0 ? Wanted::AtMost : Wanted::Nothing, bound};
+    };
+    for (const Mode& mode :
+         {Mode{", free", kAnyCpus, 1.5, 0, 0.6, 0.85}, Mode{", on two cpus", kTwoCpus, 1.5, 1.1, 0, 0},
+          Mode{", on one cpu", kOneCpu, 1.6, 1.1, 0.4, 0.4}}) {
         std::vector<Peer> peers;
-        peers.push_back({rawSocket(kText.size(), cpus), Wanted::AtMost, pinned ? 1.6 : 1.5});
-        peers.push_back({bareSdBus(place, cpus), Wanted::Nothing, 0});
-        if (auto daemon = throughDBusDaemon(place, cpus))
-            peers.push_back({std::move(*daemon), Wanted::AtMost, pinned ? 0.4 : 0.6});
-        if (auto broker = throughDBusBroker(place, cpus))
-            peers.push_back({std::move(*broker), Wanted::AtMost, pinned ? 0.4 : 0.85});
-        const OnCpu onCpu(cpus.caller);
-        measureCall("bus call of 128 bytes, p50" + where, busLayer(cpus), std::move(peers), extent);
+        peers.push_back(peer(rawSocket(kText.size(), mode.cpus), mode.raw));
+        peers.push_back(peer(bareSdBus(place, mode.cpus), 0));
+        if (auto daemon = throughDBusDaemon(place, mode.cpus)) peers.push_back(peer(std::move(*daemon), mode.byDaemon));
+        if (auto broker = throughDBusBroker(place, mode.cpus)) peers.push_back(peer(std::move(*broker), mode.byBroker));
+        const OnCpu onCpu(mode.cpus.caller);
+        measureCall("bus call of 128 bytes, p50" + mode.where, busLayer(mode.cpus), std::move(peers), extent);
 
         std::vector<Peer> echo;
-        echo.push_back({bareSdBus(place, cpus), Wanted::AtMost, 1.1});
-        measureCall("GetProperty of 128 bytes, p50" + where, getProperty(place, sdconfigd, cpus), std::move(echo),
-                    extent);
+        echo.push_back(peer(bareSdBus(place, mode.cpus), mode.bySdBus));
+        measureCall("GetProperty of 128 bytes, p50" + mode.where, getProperty(place, sdconfigd, mode.cpus),
+                    std::move(echo), extent);
     }
 }
 

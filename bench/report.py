@@ -16,7 +16,8 @@ PLOTS = [
      ["size", "GetProperty by size of the value", "SetProperty by size of the value",
       "GetSecure by size of the value"]),
     ("values", "One call by number of keys", "keys", "us, p50",
-     ["GetSecure by number of values", "GetProperty by number of properties"]),
+     ["GetSecure by number of values", "GetSecure under a weak policy by number of values",
+      "GetProperty by number of properties"]),
     ("clients", "Calls a second by number of callers", "callers", "calls/s",
      ["calls from threads", "calls from processes"]),
     ("subscribers", "From a change until the last subscriber heard of it", "subscribers", "us, p50", ["subscribers"]),
@@ -74,7 +75,7 @@ def plot(lines, folder, name, title, x_label, y_label, all_series):
     drawn = [curve for series in all_series for curve in curves(lines, series)]
     if not drawn:
         return
-    script = [f"set terminal svg size 720,400 background rgb 'white' font 'sans-serif,12'",
+    script = ["set terminal svg size 720,400 background rgb 'white' font 'sans-serif,12'",
               f"set output '{folder}/{name}.svg'", f"set title '{title}'", f"set xlabel '{x_label}'",
               f"set ylabel '{y_label}'", "set logscale xy", "set grid", "set key outside bottom center horizontal"]
     script.append("plot " + ", ".join(f"'-' with linespoints linewidth 2 title '{title}'" for title, _ in drawn))

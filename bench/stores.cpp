@@ -1,6 +1,7 @@
 // What reading and storing costs through the facades: secure values beside a desktop's secret service, durable writes
 // beside bare SQLite, and how both grow with the size and the number of values.
 //     stores EXTENT SDCONFIGD
+#include <algorithm>
 #include <cstdio>
 #include <deque>
 #include <optional>
@@ -42,18 +43,28 @@ struct Lookups {
     const int count;
     const MeasuringProcess process;
 
-    std::function<double()> measure() const {
-        return [this] { return process.run(0); };
+    std::function<double()> measure(std::size_t which = 0) const {
+        return [this, which] { return process.run(which); };
     }
 };
 
+constexpr char kWeaklyGoverned[] = "bench.weakly.governed";
+
+// In turn: of a stored value; of a key without one, under a policy that would give way to one, for which the service
+// looks through all keys.
 MeasuringProcess::Measures getSecure(const Service& service, int count, int calls) {
     service.join();
-    return {[count, calls, turn = 0]() mutable {
-        return p50Microseconds(calls, [&] {
-            require(sd::SDConfig::GetInstance()->GetSecure(keyOf(nextOf(turn, count))) == storedValue(), "GetSecure");
-        });
-    }};
+    require(sd::DMConfig::GetInstance()->SetPolicyWithUri(kWeaklyGoverned, {{storedValue(), 5}}), "SetPolicyWithUri");
+    sd::SDConfig& config = *sd::SDConfig::GetInstance();
+    return {[&config, count, calls, turn = 0]() mutable {
+                return p50Microseconds(calls, [&] {
+                    require(config.GetSecure(keyOf(nextOf(turn, count))) == storedValue(), "GetSecure");
+                });
+            },
+            [&config, calls = std::max(calls / 200, 1)] {
+                return p50Microseconds(
+                    calls, [&] { require(config.GetSecure(kWeaklyGoverned) == storedValue(), "a weak policy"); });
+            }};
 }
 
 MeasuringProcess::Measures lookUpItems(const DesktopSession& session, int count, int calls) {
@@ -112,6 +123,13 @@ void reportGrowth(const std::deque<Lookups>& stores, const std::vector<Samples>&
                samples[i], samples[kBase]);
 }
 
+void measureScan(const std::deque<Lookups>& stores, const Extent& extent) {
+    for (const Lookups& store : stores)
+        report("GetSecure of a key without a value, under a policy of priority 5," + among(store.count) + ", p50", "us",
+               alternate(extent.rounds(), {store.measure(1)})[0], "GetSecure under a weak policy by number of values",
+               store.count);
+}
+
 void measureGetSecure(const Workplace& place, const std::string& sdconfigd, const Extent& extent) {
     std::deque<Service> services;
     std::deque<Lookups> stores;
@@ -131,6 +149,7 @@ void measureGetSecure(const Workplace& place, const std::string& sdconfigd, cons
 
     reportBesidePeers(stores, peers, samples);
     reportGrowth(stores, samples);
+    measureScan(stores, extent);
 }
 
 // ---- Storing ----
