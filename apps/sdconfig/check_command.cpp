@@ -1,5 +1,6 @@
 // check: what is wrong in a data folder, and what to do about it.
 #include "apps/common/data_check.h"
+#include "apps/sdconfig/colour.h"
 #include "apps/sdconfig/commands.h"
 #include "apps/sdconfig/data_access.h"
 #include "apps/sdconfig/messages.h"
@@ -12,7 +13,8 @@ namespace {
 std::string report(const std::string& folder, const apps::DataCheck& check) {
     std::string text;
     for (const apps::Finding& finding : check.findings)
-        text += "finding: " + escaped(finding.what) + "; next: " + escaped(finding.next) + "\n";
+        text +=
+            coloured("finding", Colour::Bad) + ": " + escaped(finding.what) + "; next: " + escaped(finding.next) + "\n";
     return text + escaped(folder) + ": secure values " + std::to_string(check.secure) + ", policies " +
            std::to_string(check.policies) + ", findings " + std::to_string(check.findings.size()) + "\n";
 }

@@ -2,11 +2,15 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <filesystem>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "apps/common/usage.h"
 #include "apps/sdconfig/commands.h"
 #include "apps/sdconfig/messages.h"
+#include "apps/sdconfig/output.h"
 
 namespace cli {
 
@@ -39,12 +43,14 @@ struct ValueOption {
 struct Group {
     const char* name;
     const char* help;
+    const char* example;
 };
 
 struct Command {
     const char* group;  // "": none
     const char* name;
     const char* help;
+    const char* example;  // as it is typed
     std::vector<Argument> arguments;
     std::vector<Flag> flags;
     std::vector<ValueOption> options;
@@ -103,8 +109,8 @@ constexpr Flag kIgnoreKeys{"--without-keys", "Leave the backup's key ring out, a
                            &Request::withoutKeys};
 
 constexpr Group kGroups[] = {
-    {"secure", "Values that are sealed at rest: get, set, delete"},
-    {"policy", "Policies: set, get, delete, list, strong, clear, export, apply"},
+    {"secure", "Values that are sealed at rest: get, set, delete", "sdconfig secure get mail.password"},
+    {"policy", "Policies: set, get, delete, list, strong, clear, export, apply", "sdconfig policy list"},
 };
 
 constexpr char kSetSecureNotes[] =
@@ -132,6 +138,12 @@ constexpr char kCheckNotes[] =
     "A line a finding, with what to do about it. Nothing is created or changed, and the service may run. Exit code 1\n"
     "where there are findings.\n";
 
+constexpr char kDoctorNotes[] =
+    "A line each for folders, socket, service, versions, environment, units and data: \"ok\" or \"problem\". Nothing "
+    "is\n"
+    "changed; where systemd listens in the service's place, the service is started. Exit code 1 where there are "
+    "problems.\n";
+
 constexpr char kBackupNotes[] =
     "FILE gets both databases, each as it stood at one moment, and the key ring, sealed under a passphrase: the first\n"
     "line of standard input; at a terminal it is asked for twice and not shown. The service may run.\n";
@@ -142,42 +154,149 @@ constexpr char kRestoreNotes[] =
 
 const std::vector<Command>& commands() {
     static const std::vector<Command> all{
-        {"", "get", "Prints a property", {kKey}, {kLocal}, {kProductDir}, getProperty},
-        {"", "set", "Sets a property, until the service stops", {kKey, kValue}, {}, {}, setProperty},
-        {"", "delete", "Deletes a property", {kKey}, {}, {}, deleteProperty},
-        {"secure", "get", "Prints a secure value", {kKey}, {}, {}, getSecure},
-        {"secure", "set", "Stores a secure value", {kKey, kSecret}, {}, {}, setSecure, kSetSecureNotes},
-        {"secure", "delete", "Deletes a secure value; one that isn't there is no error", {kKey}, {}, {}, deleteSecure},
-        {"policy", "set", "Sets a policy", {kUri, kValue, kPriority}, {}, {}, setPolicy, kSetPolicyNotes},
-        {"policy", "get", "Prints the value in force: the policy's or the local one", {kUri}, {}, {}, getPolicy},
-        {"policy", "delete", "Deletes a policy; one that isn't there is no error", {kUri}, {}, {}, deletePolicy},
-        {"policy", "list", "Prints the stored policies: URI, priority, value", {}, {}, {kDataDir}, listPolicies},
-        {"policy", "strong", "Tells whether a policy overrides the local value", {kUri}, {}, {}, showStrong},
-        {"policy", "clear", "Deletes all policies", {}, {kYes}, {}, clearPolicies},
-        {"policy", "export", "Writes the stored policies to a file", {kFile}, {}, {kDataDir}, exportPolicies},
+        {"", "get", "Prints a property", "sdconfig get sd.ui.theme", {kKey}, {kLocal}, {kProductDir}, getProperty},
+        {"",
+         "set",
+         "Sets a property, until the service stops",
+         "sdconfig set sd.ui.theme dark",
+         {kKey, kValue},
+         {},
+         {},
+         setProperty},
+        {"", "delete", "Deletes a property", "sdconfig delete sd.ui.theme", {kKey}, {}, {}, deleteProperty},
+        {"secure", "get", "Prints a secure value", "sdconfig secure get mail.password", {kKey}, {}, {}, getSecure},
+        {"secure",
+         "set",
+         "Stores a secure value",
+         "pass show mail | sdconfig secure set mail.password",
+         {kKey, kSecret},
+         {},
+         {},
+         setSecure,
+         kSetSecureNotes},
+        {"secure",
+         "delete",
+         "Deletes a secure value; one that isn't there is no error",
+         "sdconfig secure delete mail.password",
+         {kKey},
+         {},
+         {},
+         deleteSecure},
+        {"policy",
+         "set",
+         "Sets a policy",
+         "sdconfig policy set wlan.enabled off 6",
+         {kUri, kValue, kPriority},
+         {},
+         {},
+         setPolicy,
+         kSetPolicyNotes},
+        {"policy",
+         "get",
+         "Prints the value in force: the policy's or the local one",
+         "sdconfig policy get wlan.enabled",
+         {kUri},
+         {},
+         {},
+         getPolicy},
+        {"policy",
+         "delete",
+         "Deletes a policy; one that isn't there is no error",
+         "sdconfig policy delete wlan.enabled",
+         {kUri},
+         {},
+         {},
+         deletePolicy},
+        {"policy",
+         "list",
+         "Prints the stored policies: URI, priority, value",
+         "sdconfig policy list --json",
+         {},
+         {},
+         {kDataDir},
+         listPolicies},
+        {"policy",
+         "strong",
+         "Tells whether a policy overrides the local value",
+         "sdconfig policy strong wlan.enabled",
+         {kUri},
+         {},
+         {},
+         showStrong},
+        {"policy", "clear", "Deletes all policies", "sdconfig policy clear --yes", {}, {kYes}, {}, clearPolicies},
+        {"policy",
+         "export",
+         "Writes the stored policies to a file",
+         "sdconfig policy export fleet.json",
+         {kFile},
+         {},
+         {kDataDir},
+         exportPolicies},
         {"policy",
          "apply",
          "Sets the policies of a file",
+         "sdconfig policy apply fleet.json --dry-run",
          {kFile},
          {kDryRun, kShow},
          {kDataDir},
          applyPolicies,
          kApplyNotes},
-        {"", "explain", "Tells where a key's value comes from", {kKey}, {kShow}, {kDataDir, kProductFiles}, explainKey},
-        {"", "watch", "Prints changes of keys as they happen", {kKeys}, {}, {kExecute}, watchKeys, kWatchNotes},
-        {"", "list", "Prints the keys of the secure values and of the policies", {}, {kShow}, {kDataDir}, listKeys},
+        {"",
+         "explain",
+         "Tells where a key's value comes from",
+         "sdconfig explain wlan.enabled --show",
+         {kKey},
+         {kShow},
+         {kDataDir, kProductFiles},
+         explainKey},
+        {"",
+         "watch",
+         "Prints changes of keys as they happen",
+         "sdconfig watch sd.ui.theme --exec 'notify-send \"$SDCONFIG_VALUE\"'",
+         {kKeys},
+         {},
+         {kExecute},
+         watchKeys,
+         kWatchNotes},
+        {"",
+         "list",
+         "Prints the keys of the secure values and of the policies",
+         "sdconfig list",
+         {},
+         {kShow},
+         {kDataDir},
+         listKeys},
         {"",
          "upgrade",
          "Carries an earlier version's database over, while no service runs on it",
+         "sdconfig upgrade ~/.local/share/sdconfig --dry-run",
          {kDataFolder},
          {kReport, kForce},
          {},
          upgradeDatabase,
          kUpgradeNotes},
-        {"", "check", "Looks for faults in the data folder", {kDataOf}, {}, {}, checkFolder, kCheckNotes},
+        {"",
+         "doctor",
+         "Tells what is wrong with the service, and what to type next",
+         "sdconfig doctor",
+         {},
+         {},
+         {kDataDir},
+         diagnoseService,
+         kDoctorNotes},
+        {"",
+         "check",
+         "Looks for faults in the data folder",
+         "sdconfig check ~/.local/share/sdconfig",
+         {kDataOf},
+         {},
+         {},
+         checkFolder,
+         kCheckNotes},
         {"",
          "backup",
          "Writes the data folder to a file",
+         "pass show sdconfig-backup | sdconfig backup /backups/sdconfig.monday",
          {kBackup, kDataOf},
          {kOverwrite, kLeaveOutKeys},
          {},
@@ -186,15 +305,30 @@ const std::vector<Command>& commands() {
         {"",
          "restore",
          "Puts a backup in the place of a data folder",
+         "sdconfig restore /backups/sdconfig.monday ~/.local/share/sdconfig --force",
          {kBackup, kRestored},
          {kReplace, kIgnoreKeys},
          {},
          restoreData,
          kRestoreNotes},
-        {"", "const", "Prints a constant of the service", {kName}, {}, {}, getConst},
-        {"", "sign", "Prints the signature of a text", {kText}, {}, {}, signText},
-        {"", "verify", "Tells whether a signature fits a text", {kText, kSignature}, {}, {}, verifyText},
-        {"", "status", "Tells whether the service is there, and how fast it answers", {}, {}, {}, showStatus},
+        {"", "const", "Prints a constant of the service", "sdconfig const region", {kName}, {}, {}, getConst},
+        {"", "sign", "Prints the signature of a text", "sdconfig sign \"some text\"", {kText}, {}, {}, signText},
+        {"",
+         "verify",
+         "Tells whether a signature fits a text",
+         "sdconfig verify \"some text\" \"$signature\"",
+         {kText, kSignature},
+         {},
+         {},
+         verifyText},
+        {"",
+         "status",
+         "Tells whether the service is there, and how fast it answers",
+         "sdconfig status --json",
+         {},
+         {},
+         {},
+         showStatus},
     };
     return all;
 }
@@ -202,6 +336,11 @@ const std::vector<Command>& commands() {
 constexpr char kFooter[] =
     "--json and -v go with every command. Put -- before a key or a value that begins with a dash.\n"
     "Exit codes: 0 done, 1 unset or refused, 2 wrong use, 3 no service.";
+
+// What a help ends with.
+std::string footer(const char* notes, const char* example) {
+    return std::string(notes) + kFooter + "\nExample: " + example;
+}
 
 std::string nameOf(const Command& command) {
     return command.group[0] ? std::string(command.group) + " " + command.name : command.name;
@@ -218,6 +357,11 @@ bool holdsEmpty(const Request& request, const Argument& argument) {
     return std::any_of(all.begin(), all.end(), [](const std::string& one) { return one.empty(); });
 }
 
+std::string notAFolder(const std::string& path) {
+    std::error_code failure;
+    return std::filesystem::is_directory(path, failure) ? "" : "there is no folder " + quoted(path);
+}
+
 // The option's name alone: what follows it may be a secret.
 std::string optionName(const std::string& argument) {
     return argument.compare(0, 2, "--") == 0 ? argument.substr(0, argument.find('=')) : argument.substr(0, 2);
@@ -227,14 +371,16 @@ std::string optionName(const std::string& argument) {
 
 CommandLine::CommandLine()
     : mApp(std::make_unique<CLI::App>("Reads and writes the configuration of the desktop client.", "sdconfig")) {
+    mApp->option_defaults()->disable_flag_override();
     mApp->set_version_flag("--version", "sdconfig " SDCONFIG_VERSION, "Print the version");
     mApp->add_flag("--json", mRequest.json, "Print one JSON object on one line");
     mApp->add_flag("-v,--verbose", mRequest.verbose,
                    "Show the library's log on standard error (it can hold the values in question)");
     mApp->require_subcommand(1);
     mApp->fallthrough();  // so that --json and -v are good at any place
-    mApp->footer(kFooter);
-    for (const Group& group : kGroups) mApp->add_subcommand(group.name, group.help)->require_subcommand(1);
+    mApp->footer(footer("", "sdconfig set sd.ui.theme dark"));
+    for (const Group& group : kGroups)
+        mApp->add_subcommand(group.name, group.help)->require_subcommand(1)->footer(footer("", group.example));
     for (const Command& command : commands()) add(command);
 }
 
@@ -243,7 +389,7 @@ CommandLine::~CommandLine() = default;
 void CommandLine::add(const Command& command) {
     CLI::App& parent = command.group[0] ? *mApp->get_subcommand(command.group) : *mApp;
     CLI::App* app = parent.add_subcommand(command.name, command.help);
-    app->footer(std::string(command.notes) + kFooter);
+    app->footer(footer(command.notes, command.example));
     for (const Argument& argument : command.arguments) {
         CLI::Option* option = argument.intoAll
                                   ? app->add_option(argument.name, mRequest.*argument.intoAll, argument.help)
@@ -253,7 +399,8 @@ void CommandLine::add(const Command& command) {
     for (const Flag& flag : command.flags) app->add_flag(flag.name, mRequest.*flag.into, flag.help);
     for (const ValueOption& value : command.options) {
         CLI::Option* option = app->add_option(value.name, mRequest.*value.into, value.help)->type_name(value.type);
-        if (std::string(value.type) == "DIR") option->check(CLI::Validator(CLI::ExistingDirectory).description(""));
+        option->check(apps::notEmpty);
+        if (std::string(value.type) == "DIR") option->check(notAFolder);
         if (value.needs[0]) option->needs(app->get_option(value.needs));
     }
     app->callback([this, app, &command] {
@@ -268,11 +415,17 @@ std::optional<int> CommandLine::parse(int argc, char** argv) {
     try {
         mApp->parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return error.get_exit_code() == 0 ? mApp->exit(error) : wrongUse(error);
+        return error.get_exit_code() == 0 ? printHelp(error) : wrongUse(error);
     }
     for (const Argument& argument : mCommand->arguments)
         if (!argument.mayBeEmpty && holdsEmpty(mRequest, argument)) return emptyName(mRequest, argument.name);
     return std::nullopt;
+}
+
+int CommandLine::printHelp(const CLI::ParseError& help) const {
+    std::ostringstream text;
+    mApp->exit(help, text, text);
+    return printText(text.str());
 }
 
 int CommandLine::run(Service& service) const {
@@ -291,7 +444,7 @@ int CommandLine::wrongUse(const CLI::ParseError& error) const {
     const auto option = std::find_if(extras.begin(), extras.end(), looksLikeOption);
     if (option != extras.end()) return unknownOption(command, optionName(*option));
     const bool commandExpected = !deepest->get_subcommands([](const CLI::App*) { return true; }).empty();
-    if (extras.empty()) return misused(command, commandExpected ? "a command is missing" : error.what());
+    if (extras.empty()) return misused(command, commandExpected ? "a command is missing" : apps::usageProblem(error));
     return commandExpected ? unknownCommand(command, extras.front()) : tooManyArguments(command);
 }
 

@@ -32,6 +32,7 @@ public:
 
 private:
     void add(const Command& command);
+    int printHelp(const CLI::ParseError& help) const;  // or the version
     int wrongUse(const CLI::ParseError& error) const;
 
     std::unique_ptr<CLI::App> mApp;

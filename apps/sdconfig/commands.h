@@ -44,6 +44,9 @@ int upgradeDatabase(const Request& request, Service& service);
 // check_command.cpp
 int checkFolder(const Request& request, Service& service);
 
+// doctor_command.cpp
+int diagnoseService(const Request& request, Service& service);
+
 // backup_command.cpp
 int backupData(const Request& request, Service& service);
 

@@ -12,7 +12,6 @@ namespace {
 constexpr std::size_t kMaxQuoted = 200;
 constexpr std::size_t kMaxLine = 2000;
 
-constexpr char kHowToStart[] = "start it with: systemctl --user start sdconfigd, or: sdconfigd";
 constexpr char kSeeItsLog[] = "its log tells why: journalctl --user -u sdconfigd";
 
 std::string cut(std::string_view text, std::size_t most) {
@@ -66,12 +65,12 @@ int notRunning(const std::string& tried, const std::string& socketPath) {
 }
 
 int noAnswer(const std::string& tried, const std::string& how, const std::string& socketPath) {
-    return fail(kNoService, tried, "the service on " + socketPath + " " + how,
-                "restart it with: systemctl --user restart sdconfigd");
+    return fail(kNoService, tried, "the service on " + socketPath + " " + how, kHowToRestart);
 }
 
 int callUnanswered(const std::string& tried) {
-    return fail(kNoService, tried, "the service gave this call no answer, though it answers others", kSeeItsLog);
+    return fail(kNoService, tried, "the service gave this call no answer, though it answers others",
+                "see whether its version is another: sdconfig doctor; " + std::string(kSeeItsLog));
 }
 
 int unset(const Request& request) {

@@ -17,6 +17,10 @@ enum ExitCode : int {
     kNoService = 3,  // no service, or no answer from it
 };
 
+// What to do about a service that isn't there, and one that is not well.
+inline constexpr char kHowToStart[] = "start it with: systemctl --user start sdconfigd, or: sdconfigd";
+inline constexpr char kHowToRestart[] = "restart it with: systemctl --user restart sdconfigd";
+
 // Prints the line and returns `code`.
 int fail(ExitCode code, const std::string& tried, const std::string& happened, const std::string& next);
 void note(const std::string& text);

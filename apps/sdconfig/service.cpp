@@ -7,6 +7,7 @@
 #include <mutex>
 #include <thread>
 
+#include "apps/common/smallest_call.h"
 #include "apps/sdconfig/messages.h"
 #include "platform/sdbus/sdbus.h"
 #include "platform/velmarlog/velmarlog.h"
@@ -39,13 +40,6 @@ std::string howItFailed(int errorType) {
         default:
             return "did not give an answer that makes sense";
     }
-}
-
-// A call that does nothing at the service but look up a constant without a name.
-std::shared_ptr<SDBusMessage> smallestCall(SDBusProxyInterface& proxy) {
-    auto call = proxy.makeMethodCallMessage(sd::protocol::kGetConst);
-    call->appendString("");
-    return proxy.callWithReplyBlocking(std::move(call), sd::protocol::kCallTimeoutMs);
 }
 
 // The start-up tasks' calls fail with lines of the same kind, for keys of their own: so the argument counts. Its start
@@ -109,13 +103,14 @@ Service::Service(const Request& request) : mRequest(request), mLog(std::make_sha
 // The sink stays: what the library logs at exit is no chatter for the terminal either.
 Service::~Service() = default;
 
-Probe Service::probe() {
+Probe Service::probe() const {
     Probe probe;
     if (!listening()) return probe;
     const auto proxy = mBus->getServiceProxyInterface(sd::protocol::kServiceName, SDBusSameUser, 1);
-    auto reply = smallestCall(*proxy);  // connects as well
+    const auto call = [&proxy] { return apps::smallestCall(*proxy, sd::protocol::kCallTimeoutMs); };
+    auto reply = call();  // connects as well
     const auto began = Clock::now();
-    if (reply->type() == sd::protocol::kMethodReply) reply = smallestCall(*proxy);
+    if (reply->type() == sd::protocol::kMethodReply) reply = call();
     probe.roundTrip = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - began);
     probe.answered = reply->type() == sd::protocol::kMethodReply;
     probe.listening = reply->getErrorType() != SDBusUnreachable;
@@ -165,9 +160,11 @@ int Service::processId() const {
     return mBus->serviceProcess(sd::protocol::kServiceName);
 }
 
-// A service that was told another folder than we would assume has its files open all the same.
+// A service that was told another folder than we would assume has its files open all the same. Where systemd listens in
+// its place, the first call starts it.
 std::string Service::dataFolder() const {
     namespace fs = std::filesystem;
+    if (processId() == 0) (void)probe();
     std::error_code failure;
     const fs::path descriptors = "/proc/" + std::to_string(processId()) + "/fd";
     for (fs::directory_iterator entry(descriptors, failure), end; !failure && entry != end; entry.increment(failure)) {

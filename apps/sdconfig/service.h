@@ -36,7 +36,7 @@ public:
     Service& operator=(const Service&) = delete;
 
     // Makes one call and times a second one. Doesn't wait for a service that isn't there.
-    Probe probe();
+    Probe probe() const;
 
     // The exit code kDone where the service is there and answers; else kNoService, after telling so.
     // A service that is just starting is waited for, for a second.
@@ -63,7 +63,7 @@ public:
     bool listening() const;
 
     int processId() const;           // 0: unknown
-    std::string dataFolder() const;  // where the running service has its databases open; "": it can't be told
+    std::string dataFolder() const;  // where the service has its databases open; "": it can't be told
     std::string socketPath() const;
 
 private:

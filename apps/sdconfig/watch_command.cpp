@@ -21,6 +21,7 @@
 #include "apps/sdconfig/signal_pipe.h"
 #include "libsdconfig/dmconfig.h"
 #include "libsdconfig/sdconfig.h"
+#include "src/sdconfig_helpers.h"
 #include "src/sdconfig_protocol.h"
 
 namespace cli {
@@ -179,8 +180,8 @@ private:
             if (!std::exchange(mLost, true)) noteServiceLost();
             return kDone;
         }
-        const int process = mService.processId();
         const bool registered = registerMissing();
+        const int process = mService.processId();  // the calls before may have started it
         // What can't be registered yet has to wait for a later check.
         const bool restarted = mAnswers && mUnregistered.empty() && process != 0 && process != mProcess;
         if (restarted) mProcess = process;
@@ -259,6 +260,9 @@ private:
 int watchKeys(const Request& request, Service& service) {
     if (request.keys.size() > static_cast<std::size_t>(sd::protocol::kMaxElements))
         return misused(request.command, "more than 122 keys are more than one call takes");
+    const auto tooLong = [](const std::string& key) { return key.size() > sd::kKeyBytesMax; };
+    if (std::any_of(request.keys.begin(), request.keys.end(), tooLong))
+        return misused(request.command, "a key is longer than 64 KiB, and nothing of such a name is kept");
     if (const int code = service.require()) return code;
     return Watch(request, service).run();
 }

@@ -1,25 +1,32 @@
 // sdconfigd: hosts the configuration service until it is told to end.
+#include <malloc.h>
 #include <sys/stat.h>
 #include <systemd/sd-daemon.h>
 
 #include <CLI/CLI.hpp>
 #include <QTextCodec>
+#include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
+#include <iostream>
 #include <map>
 #include <string>
 
 #include "apps/common/data_folder.h"
 #include "apps/common/data_folder_lock.h"
 #include "apps/common/escaped.h"
+#include "apps/common/smallest_call.h"
 #include "apps/common/upgrader.h"
+#include "apps/common/usage.h"
 #include "apps/sdconfigd/constants_file.h"
 #include "apps/sdconfigd/preflight.h"
 #include "libsdconfig/sdconfig.h"
 #include "platform/sdbus/sdbus.h"
 #include "platform/sdsecurity/sdsecurity.h"
 #include "platform/velmarlog/velmarlog.h"
+#include "src/sdconfig_protocol.h"
 #include "src/sdconfig_service_sdbus.h"
 
 namespace {
@@ -34,6 +41,7 @@ struct Options {
     std::string constants;
     int logLevel = 6;
     bool upgrade = false;
+    bool rotateKey = false;
 };
 
 // One line, whatever bytes a path in it has.
@@ -48,19 +56,26 @@ int fail(const std::string& problem) {
 
 void declareOptions(CLI::App& app, Options& options) {
     app.option_defaults()->take_last();  // a wrapper's options can be overridden
+    app.option_defaults()->disable_flag_override();
     app.add_option("--data-dir", options.dataDir, "Folder of the databases and the key ring; made if it is missing")
         ->type_name("DIR")
+        ->check(apps::notEmpty)
         ->capture_default_str();
     app.add_option("--product-dir", options.productDir,
                    "The product's data folder: DIR/../etc/build.prop is read before /etc/build.prop")
-        ->type_name("DIR");
-    app.add_option("--constants", options.constants, "Constants to answer, a line name=value each")->type_name("FILE");
+        ->type_name("DIR")
+        ->check(apps::notEmpty);
+    app.add_option("--constants", options.constants, "Constants to answer, a line name=value each")
+        ->type_name("FILE")
+        ->check(apps::notEmpty);
     app.add_option("--log-level", options.logLevel,
                    "Least level of log lines to write: 5 information, 6 warnings, 7 errors, 8 none")
         ->type_name("N")
         ->check(CLI::Range(0, 8))
         ->capture_default_str();
     app.add_flag("--upgrade", options.upgrade, "Carry the database of an earlier version over before serving");
+    app.add_flag("--rotate-key", options.rotateKey,
+                 "Add a key to the key ring, with which everything is sealed from now on, and end");
     app.set_version_flag("--version", "sdconfigd " SDCONFIG_VERSION);
 }
 
@@ -82,7 +97,6 @@ std::string prepare(const Options& options, apps::DataFolderLock& lock) {
     if (!options.constants.empty())
         if (std::string problem = readConstantsFile(options.constants, constants); !problem.empty()) return problem;
 
-    if (options.dataDir.empty()) return "there is no data folder; name one with --data-dir";
     const std::string dataDir = std::filesystem::absolute(options.dataDir).lexically_normal();
     sd::SDConfig::setDataPath(dataDir);
     if (sd::SDConfig::getDataPathUtf8() != dataDir) return "the path of the data folder is not valid UTF-8";
@@ -99,6 +113,28 @@ std::string prepare(const Options& options, apps::DataFolderLock& lock) {
     return "";
 }
 
+// Whether the service answers its own client: where its thread hangs it does not.
+bool answers(int timeoutMs) {
+    const auto proxy = SDBusSerivceManager::initSync(-1)->getServiceProxyInterface(kName, SDBusSameUser, 1);
+    return apps::smallestCall(*proxy, timeoutMs)->type() == sd::protocol::kMethodReply;
+}
+
+// Waits for a signal to end. A manager that restarts a service which gives no sign of life gets one twice in the time
+// it allows, each of them after a call that was answered.
+void waitForEnd(const sigset_t& endSignals) {
+    using namespace std::chrono;
+    uint64_t allowed = 0;
+    int signal = 0;
+    if (sd_watchdog_enabled(0, &allowed) <= 0) {
+        sigwait(&endSignals, &signal);
+        return;
+    }
+    const milliseconds period(allowed / 2000);
+    const timespec wait{duration_cast<seconds>(period).count(), nanoseconds(period % seconds(1)).count()};
+    while (sigtimedwait(&endSignals, nullptr, &wait) < 0)
+        if (errno == EAGAIN && answers(static_cast<int>(period.count()))) sd_notify(0, "WATCHDOG=1");
+}
+
 // Serves until SIGTERM, SIGINT or SIGHUP, which every thread has blocked.
 int serve(const Options& options, const sigset_t& endSignals) {
     SDBusSerivceManager& bus = *SDBusSerivceManager::initSync(-1);
@@ -109,8 +145,8 @@ int serve(const Options& options, const sigset_t& endSignals) {
 
     sd_notify(0, "READY=1");
     tell("ready on " + bus.socketPath(kName) + ", data in " + options.dataDir);
-    int signal = 0;
-    sigwait(&endSignals, &signal);
+    ::malloc_trim(0);  // the stores held all their keys for a moment, to count them
+    waitForEnd(endSignals);
     sd_notify(0, "STOPPING=1");
     bus.unregisterServiceInterface(kName);
     return kDone;
@@ -124,6 +160,19 @@ int run(const Options& options, const sigset_t& endSignals) {
     apps::DataFolderLock lock;
     if (const std::string problem = prepare(options, lock); !problem.empty()) return fail(problem);
     return serve(options, endSignals);
+}
+
+// Running services take the new key up by themselves.
+int rotateKey(const Options& options) {
+    sd::SDSecurity& security = *sd::SDSecurity::GetInstance();
+    security.SetKeyRingFolder(std::filesystem::absolute(options.dataDir).lexically_normal());
+    const auto ring = security.CheckKeyRing();
+    if (ring.state == sd::SDSecurity::KeyRingState::Absent)
+        return fail(ring.detail + "; the first value that is sealed makes it");
+    if (ring.state == sd::SDSecurity::KeyRingState::Broken) return fail("the key ring can't be used: " + ring.detail);
+    if (!security.RotateKey()) return fail("the key ring could not be changed; the line above tells why");
+    tell("a new key seals from now on; what was sealed before still opens; back up " + ring.detail);
+    return kDone;
 }
 
 }  // namespace
@@ -147,11 +196,13 @@ int main(int argc, char** argv) {
     try {
         app.parse(argc, argv);
         velmarLogSetLevel(options.logLevel);
-        return run(options, endSignals);
+        if (options.dataDir.empty()) return fail("there is no data folder; name one with --data-dir");
+        return options.rotateKey ? rotateKey(options) : run(options, endSignals);
     } catch (const CLI::Success& help) {
-        return app.exit(help);
+        app.exit(help);
+        return std::cout.flush() ? kDone : fail("standard output can't be written");
     } catch (const CLI::ParseError& error) {
-        tell(std::string(error.what()) + "; see sdconfigd --help");
+        tell(apps::usageProblem(error) + "; see sdconfigd --help");
         return kWrongUse;
     } catch (const std::exception& error) {
         return fail(error.what());

@@ -176,11 +176,4 @@ Progress ClientConnection::awaitAnswer(uint64_t cookie, const Deadline& deadline
     }
 }
 
-pid_t listeningProcess(const RuntimeFolder& place, const std::string& service) {
-    PeerIdentity owner{};
-    std::string why;
-    const Connected connected = connectChecked(place, service, owner, why);
-    return connected.fd ? owner.process : 0;
-}
-
 }  // namespace sdbus

@@ -61,7 +61,4 @@ private:
     bool mReady = false;
 };
 
-// The process that listens there; 0 when nobody does.
-pid_t listeningProcess(const RuntimeFolder& place, const std::string& service);
-
 }  // namespace sdbus

@@ -334,9 +334,8 @@ int SDBusSerivceManager::serviceProcess(const std::string& service) {
     const RuntimeFolder place = RuntimeFolder::fromEnvironment();
     sdbus::UniqueFd folder;
     std::string why;
-    if (place.open(RuntimeFolder::Missing::Leave, folder, why) != RuntimeFolder::Result::Open) return 0;
-    const pid_t holder = sdbus::lockHolder(folder.get(), service);
-    return holder != 0 ? holder : sdbus::listeningProcess(place, service);
+    const bool isOpen = place.open(RuntimeFolder::Missing::Leave, folder, why) == RuntimeFolder::Result::Open;
+    return isOpen ? sdbus::lockHolder(folder.get(), service) : 0;
 }
 
 std::string SDBusSerivceManager::socketPath(const std::string& service) {

@@ -165,7 +165,8 @@ public:
     // Why the name is not served by this process: "" when it is, else one line for a person.
     std::string registrationFailure(const std::string& service);
 
-    // The process that serves the name, by the lock beside its socket; 0 when nobody does.
+    // The process that serves the name, by the lock beside its socket; 0 when nobody does. Whoever merely listens there
+    // does not count: systemd holds the socket of a service that it has yet to start.
     int serviceProcess(const std::string& service);
 
     // Where the service's socket stands, or would; "" when there is no fit runtime folder.

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdlib>
 #include <iterator>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -55,6 +56,12 @@ protected:
         variables["CLI"] = SDCONFIG_CLI;
         const Result result = run({"sh", "-c", script}, variables);
         return std::to_string(result.exitCode) + " " + result.out + result.err;
+    }
+
+    void expectDoctor(int exitCode, const std::string& line) const {
+        const Result result = cli({"doctor"});
+        EXPECT_EQ(result.exitCode, exitCode) << result.out;
+        EXPECT_THAT(result.out, AllOf(HasSubstr(line), Not(HasSubstr("secret"))));
     }
 };
 
@@ -182,7 +189,11 @@ TEST_F(CliTest, WrongUseIsOneLineThatSaysWhatToDo) {
         {{"set", "k", "-x"}, "put -- before"},
         {{"secure", "set", "k", "--value=secret"}, "no option \"--value\""},
         {{"get", "k", "--product-dir", "/"}, "--local"},
-        {{"get", "k", "--local", "--product-dir", "/nowhere"}, "/nowhere"},
+        {{"get", "k", "--local", "--product-dir", "/nowhere"}, "there is no folder \"/nowhere\""},
+        {{"list", "--data-dir", ""}, "--data-dir: the value is empty"},
+        {{"list", "--data-dir", "/", "--data-dir", "/"}, "--data-dir takes one value, and once"},
+        {{"policy", "clear", "--yes=no"}, "--yes takes no value"},
+        {{"watch", std::string(70000, 'k')}, "longer than 64 KiB"},
     };
     for (const auto& [arguments, told] : cases) {
         const Result result = cli(arguments);
@@ -191,6 +202,8 @@ TEST_F(CliTest, WrongUseIsOneLineThatSaysWhatToDo) {
         EXPECT_THAT(result.err, Not(HasSubstr("secret")));
     }
     EXPECT_THAT(cli({"secure", "set", "--help"}).out, HasSubstr("visible to every user"));
+    EXPECT_THAT(cli({"restore", "--help"}).out, HasSubstr("\nExample: sdconfig restore "));
+    EXPECT_THAT(shell("$CLI --help >/dev/full"), AllOf(StartsWith("1 sdconfig: "), HasSubstr("No space left")));
     EXPECT_THAT(cli({"--version"}).out, StartsWith("sdconfig "));
 }
 
@@ -226,6 +239,47 @@ TEST_F(CliTest, AsksForASecretWithoutEcho) {
         EXPECT_THAT(terminal.screen(), Not(HasSubstr(typed.substr(0, 7))));
     }
     expectOut(cli({"secure", "get", "password"}), "hunter2\n");
+}
+
+TEST_F(CliTest, TellsWhatIsWrongAndWhatToType) {
+    namespace fs = std::filesystem;
+    fs::permissions(path("data"), fs::perms::owner_all);
+    fs::copy_file(SDCONFIGD, path("sdconfigd"));
+    Process service = Process::start({path("sdconfigd"), "--data-dir", path("data")}, environment());
+    ASSERT_TRUE(service.waitForErr("sdconfigd: ready on "));
+    cli({"secure", "set", "k", "secret"});
+    expectDoctor(0, "ok: service: process " + std::to_string(service.pid()) + " answers in ");
+    for (const std::string& file : {socketPath(), path("data/sdconfig.db")}) {
+        fs::permissions(file, fs::perms::all);
+        expectDoctor(1, ": others may get at " + file + "; next: chmod 600 ");
+        fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write);
+    }
+    fs::remove(path("sdconfigd"));
+    expectDoctor(1, "replaced since; next: restart it with: systemctl --user restart sdconfigd\n");
+    service.kill(SIGKILL);
+    service.wait();
+    expectDoctor(1, "problem: service: it is not running; next: start it with: systemctl --user start sdconfigd");
+    const auto socket = json::parse(cli({"doctor", "--json"}).out)["checks"][1];
+    EXPECT_EQ(socket["ok"], false);
+    EXPECT_THAT(socket["what"], HasSubstr("left by a service that was killed"));
+    for (const char* noColour : {"", "1"}) {
+        const ScopedEnv colours("NO_COLOR", noColour);
+        TerminalProcess terminal({"env", "TERM=xterm", SDCONFIG_CLI, "doctor"}, environment());
+        EXPECT_EQ(terminal.waitForScreen("\x1b[31mproblem\x1b[0m: service"), *noColour == '\0');
+    }
+}
+
+TEST_F(CliTest, TellsWhatSystemdMakesOfTheService) {
+    writeFile(path("systemctl"),
+              "#!/bin/sh\necho Result=exit-code; echo LoadState=loaded; cat " + path("state") + "\n");
+    std::filesystem::permissions(path("systemctl"), std::filesystem::perms::owner_all);
+    const ScopedEnv search("PATH", (path(".") + ":" + std::getenv("PATH")).c_str());
+    writeFile(path("state"), "ActiveState=active\nUnitFileState=enabled\n");
+    expectDoctor(1, "ok: units: sdconfigd.socket is active, enabled\n");
+    writeFile(path("state"), "ActiveState=active\nUnitFileState=disabled\n");
+    expectDoctor(1, "is active, disabled; next: systemctl --user enable --now sdconfigd.socket\n");
+    writeFile(path("state"), "ActiveState=failed\nUnitFileState=enabled\n");
+    expectDoctor(1, "problem: units: sdconfigd.socket failed (exit-code); next: ");
 }
 
 }  // namespace test

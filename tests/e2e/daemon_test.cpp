@@ -1,6 +1,7 @@
 // The service as a process: its start and its end, restarts beneath a living client, and what it refuses to serve.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
@@ -18,7 +19,38 @@
 namespace test {
 namespace {
 
+using ::testing::AllOf;
 using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+int socketAt(const std::string& path, int kind) {
+    sockaddr_un address{AF_UNIX, {}};
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    const int made = ::socket(AF_UNIX, kind, 0);
+    EXPECT_EQ(::bind(made, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    return made;
+}
+
+// What the service tells the manager that started it.
+class Manager {
+public:
+    explicit Manager(const std::string& path)
+        : mEnv("NOTIFY_SOCKET", path.c_str()), mSocket(socketAt(path, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK)) {}
+    ~Manager() { ::close(mSocket); }
+    Manager(const Manager&) = delete;
+    Manager& operator=(const Manager&) = delete;
+
+    // The next message that came; "" without one.
+    std::string told() const {
+        char text[100] = {};
+        return ::recv(mSocket, text, sizeof text - 1, 0) > 0 ? text : "";
+    }
+
+private:
+    const ScopedEnv mEnv;
+    const int mSocket;
+};
 
 class DaemonTest : public Sandbox {
 protected:
@@ -33,6 +65,17 @@ protected:
         EXPECT_FALSE(std::filesystem::exists(socketPath()));
     }
 
+    // Holds the write lock until release().
+    Process lockDatabase() const {
+        const std::string script = "( echo 'BEGIN IMMEDIATE;'; echo '.shell touch " + path("locked") +
+                                   "'; echo '.shell while [ ! -e " + path("ended") +
+                                   " ]; do sleep 0.05; done'; echo 'COMMIT;' ) | sqlite3 " + path("data/sdconfig.db");
+        Process holder = Process::start({"sh", "-c", script});
+        EXPECT_TRUE(waitUntil([this] { return std::filesystem::exists(path("locked")); }));
+        return holder;
+    }
+    void release() const { writeFile(path("ended"), ""); }
+
     unsigned int mode(const std::string& name) const {
         struct stat status {};
         return ::stat(path(name).c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
@@ -40,18 +83,10 @@ protected:
 };
 
 TEST_F(DaemonTest, StartsPrivatelyTellsItsManagerAndEndsCleanly) {
-    const ScopedEnv manager("NOTIFY_SOCKET", path("notify").c_str());
-    sockaddr_un address{AF_UNIX, {}};
-    path("notify").copy(address.sun_path, sizeof address.sun_path - 1);
-    const int notify = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    ASSERT_EQ(::bind(notify, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    const auto received = [notify] {
-        char text[100] = {};
-        return ::recv(notify, text, sizeof text - 1, 0) > 0 ? std::string(text) : "";
-    };
+    const Manager manager(path("notify"));
     std::filesystem::remove(path("data"));
     Process service = startService({"--data-dir", path("data/deeper")});
-    EXPECT_EQ(received(), "READY=1");
+    EXPECT_EQ(manager.told(), "READY=1");
     for (const char* folder : {"data", "data/deeper", "run/sdbus"}) EXPECT_EQ(mode(folder), 0700u) << folder;
     const Result second = run({SDCONFIGD, "--data-dir", path("other")}, environment());
     EXPECT_EQ(second.exitCode, 1);
@@ -63,9 +98,39 @@ TEST_F(DaemonTest, StartsPrivatelyTellsItsManagerAndEndsCleanly) {
         EXPECT_EQ(mode(file), 0600u) << file;
     service.kill(SIGTERM);
     EXPECT_EQ(service.wait(), 0);
-    EXPECT_EQ(received(), "STOPPING=1");
+    EXPECT_EQ(manager.told(), "STOPPING=1");
     EXPECT_TRUE(std::filesystem::is_empty(path("run/sdbus")));
-    ::close(notify);
+}
+
+TEST_F(DaemonTest, GivesASignOfLifeWhileItAnswers) {
+    const ScopedEnv watchdog("WATCHDOG_USEC", "200000");
+    const Manager manager(path("notify"));
+    const auto isAlive = [&manager] { return manager.told() == "WATCHDOG=1"; };
+    const Process service = startService();
+    EXPECT_TRUE(waitUntil(isAlive) && waitUntil(isAlive));
+    Process holder = lockDatabase();
+    Process setter = Process::start(cliCommand({"secure", "set", "k", "v"}), environment());
+    EXPECT_TRUE(waitUntil([&] { return !waitUntil(isAlive, 500); })) << "it tells so though it is held up";
+    release();
+    EXPECT_EQ(holder.wait(), 0);
+    EXPECT_TRUE(waitUntil(isAlive));
+    EXPECT_EQ(setter.wait(), 0) << setter.err();
+}
+
+TEST_F(DaemonTest, StartsBehindASocketThatItsManagerHolds) {
+    std::filesystem::create_directory(path("run/sdbus"));
+    std::filesystem::permissions(path("run/sdbus"), std::filesystem::perms::owner_all);
+    const int listener = socketAt(socketPath(), SOCK_STREAM);
+    ASSERT_EQ(::listen(listener, 8), 0);
+    Process list = Process::start(cliCommand({"list"}), environment());
+    pollfd called{listener, POLLIN, 0};
+    ASSERT_EQ(::poll(&called, 1, 5000), 1) << list.err();
+    const std::string start = "export LISTEN_PID=$$ LISTEN_FDS=1; exec \"$0\" --data-dir \"$1\" 3<&";
+    const Process service =
+        Process::start({"sh", "-c", start + std::to_string(listener), SDCONFIGD, path("data")}, environment());
+    EXPECT_EQ(list.wait(), 0) << list.err() << service.err();
+    EXPECT_THAT(cli({"status"}).out, HasSubstr("pid: " + std::to_string(service.pid()) + "\n"));
+    ::close(listener);
 }
 
 TEST_F(DaemonTest, RefusesWhatItCannotServe) {
@@ -109,12 +174,16 @@ TEST_F(DaemonTest, RefusesSealedRowsWithoutTheirRing) {
     }
     std::filesystem::rename(ring, ring + ".away");
     std::filesystem::remove(socketPath());
+    expectRefusal("there is no key ring", {"--rotate-key"});
     expectRefusal("hold sealed values but the key ring " + ring);
     writeFile(ring, "damaged");
     expectRefusal("the key ring can't be used: " + ring);
     EXPECT_EQ(readFile(ring), "damaged");
     std::filesystem::rename(ring + ".away", ring);
+    const std::string before = readFile(ring);
     const Process service = startService();
+    EXPECT_EQ(run({SDCONFIGD, "--rotate-key", "--data-dir", path("data")}, environment()).exitCode, 0);
+    EXPECT_THAT(readFile(ring), AllOf(StartsWith(before), Not(before)));
     EXPECT_EQ(cli({"secure", "get", "k"}).out, "v\n");
 }
 
@@ -173,16 +242,12 @@ TEST_F(DaemonTest, AClientLivesThroughAKillAndARestart) {
 TEST_F(DaemonTest, TheCallInHandIsAnsweredBeforeTheEnd) {
     Process service = startService({"--log-level", "5"});
     cli({"get", "any"});  // does the start-up tasks of a first client
-    const std::string script = "( echo 'BEGIN IMMEDIATE;'; echo '.shell touch " + path("locked") +
-                               "'; echo '.shell while [ ! -e " + path("ended") +
-                               " ]; do sleep 0.05; done'; echo 'COMMIT;' ) | sqlite3 " + path("data/sdconfig.db");
-    Process holder = Process::start({"sh", "-c", script});
-    ASSERT_TRUE(waitUntil([this] { return std::filesystem::exists(path("locked")); }));
+    const Process holder = lockDatabase();
     Process secret = Process::start(cliCommand({"secure", "set", "ro.sd.uuid", "v"}), environment());
     ASSERT_TRUE(service.waitForErr("key is ro.sd.uuid, utf8Value is v"))
         << service.err();  // it waits for the lock next
     service.kill(SIGTERM);
-    writeFile(path("ended"), "");
+    release();
     EXPECT_EQ(secret.wait(), 0) << secret.err();
     EXPECT_EQ(service.wait(), 0);
 }

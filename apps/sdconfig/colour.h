@@ -1,0 +1,13 @@
+// Colour, for people at a terminal alone.
+#pragma once
+
+#include <string>
+
+namespace cli {
+
+enum class Colour { Good, Bad };
+
+// `word` in that colour where standard output is a terminal that shows some, unless NO_COLOR is set.
+std::string coloured(const std::string& word, Colour colour);
+
+}  // namespace cli

@@ -1,0 +1,57 @@
+// doctor: what is wrong with the service, its surroundings and its data, and what to type next.
+#include <algorithm>
+#include <iterator>
+
+#include "apps/sdconfig/colour.h"
+#include "apps/sdconfig/commands.h"
+#include "apps/sdconfig/doctor_checks.h"
+#include "apps/sdconfig/messages.h"
+#include "apps/sdconfig/output.h"
+#include "apps/sdconfig/service.h"
+
+namespace cli {
+
+namespace {
+
+void append(Checks& all, Checks more) {
+    std::move(more.begin(), more.end(), std::back_inserter(all));
+}
+
+std::string lineOf(const Check& check) {
+    const std::string seen = ": " + check.name + ": " + escaped(check.what);
+    if (check.ok()) return coloured("ok", Colour::Good) + seen + "\n";
+    return coloured("problem", Colour::Bad) + seen + "; next: " + escaped(check.next) + "\n";
+}
+
+Object objectOf(const Check& check) {
+    Object object{{"check", check.name}, {"ok", check.ok()}};
+    addBytes(object, "what", check.what);
+    check.ok() ? void(object["next"] = nullptr) : addBytes(object, "next", check.next);
+    return object;
+}
+
+}  // namespace
+
+int diagnoseService(const Request& request, Service& service) {
+    const Probe probe = service.probe();
+    const DataAccess access = accessData(request, service);
+    if (access.exitCode) return access.exitCode;
+
+    Checks checks = checkBus(service, probe);
+    checks.push_back(checkVersions(service));
+    checks.push_back(checkEnvironment(service));
+    checks.push_back(checkUnits(service.processId() != 0));
+    append(checks, checkDataFolder(access));
+
+    const bool ok = std::all_of(checks.begin(), checks.end(), [](const Check& check) { return check.ok(); });
+    std::string text;
+    Object object{{"checks", Object::array()}, {"ok", ok}};
+    for (const Check& check : checks) {
+        text += lineOf(check);
+        object["checks"].push_back(objectOf(check));
+    }
+    const int printed = print(request, text, object);
+    return ok ? printed : kRefused;
+}
+
+}  // namespace cli

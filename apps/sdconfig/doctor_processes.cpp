@@ -1,0 +1,96 @@
+#include <array>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+
+#include "apps/sdconfig/doctor_checks.h"
+#include "apps/sdconfig/messages.h"
+#include "apps/sdconfig/service.h"
+
+namespace cli {
+
+namespace {
+
+constexpr char kVersions[] = "versions";
+constexpr char kEnvironment[] = "environment";
+
+// What the system adds to the path of a file that a process uses and that has another one in its place by now.
+constexpr char kReplaced[] = " (deleted)";
+
+bool endsWith(const std::string& text, const std::string& end) {
+    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+std::string procFile(const std::string& process, const char* name) {
+    return "/proc/" + process + "/" + name;
+}
+
+// The library as the process has it loaded; "" where that can't be told.
+std::string loadedLibrary(const std::string& process) {
+    std::ifstream maps(procFile(process, "maps"));
+    for (std::string line; std::getline(maps, line);)
+        if (line.find("/libsdconfig.so") != std::string::npos) return line.substr(line.find('/'));
+    return "";
+}
+
+// The file's name ends in it.
+std::string versionOf(std::string library) {
+    if (endsWith(library, kReplaced)) library.resize(library.size() - sizeof kReplaced + 1);
+    const std::string before = "/libsdconfig.so.";
+    const std::size_t at = library.rfind(before);
+    return at == std::string::npos ? "unknown" : library.substr(at + before.size());
+}
+
+bool wasReplaced(const std::string& process, const std::string& library) {
+    std::error_code failure;
+    const std::string program = std::filesystem::read_symlink(procFile(process, "exe"), failure);
+    return endsWith(program, kReplaced) || endsWith(library, kReplaced);
+}
+
+std::optional<std::string> variableOf(const std::string& process, const std::string& name) {
+    std::ifstream environment(procFile(process, "environ"));
+    for (std::string entry; std::getline(environment, entry, '\0');)
+        if (entry.compare(0, name.size() + 1, name + "=") == 0) return entry.substr(name.size() + 1);
+    return std::nullopt;
+}
+
+}  // namespace
+
+Check checkVersions(const Service& service) {
+    const std::string own = loadedLibrary("self");
+    const std::string seen = "sdconfig " SDCONFIG_VERSION ", its library " + versionOf(own);
+    if (versionOf(own) != SDCONFIG_VERSION)
+        return {kVersions, seen + " (" + own + ")", "install both from one package; see that LD_LIBRARY_PATH is unset"};
+    if (service.processId() == 0) return {kVersions, seen, ""};
+
+    const std::string process = std::to_string(service.processId());
+    const std::string library = loadedLibrary(process);
+    const std::string all = seen + ", the service's " + versionOf(library);
+    if (wasReplaced(process, library))
+        return {kVersions, all + "; the service runs files that were replaced since", kHowToRestart};
+    if (!library.empty() && versionOf(library) != versionOf(own))
+        return {kVersions, all + " (" + library + ")",
+                "install both from one package, and " + std::string(kHowToRestart)};
+    return {kVersions, all, ""};
+}
+
+Check checkEnvironment(const Service& service) {
+    static constexpr std::array kNames{"HOME", "XDG_RUNTIME_DIR", "XDG_DATA_HOME", "CREDENTIALS_DIRECTORY"};
+    std::string seen;
+    for (const char* name : kNames) {
+        const char* const value = std::getenv(name);
+        if (!value) continue;
+        seen += (seen.empty() ? "" : ", ") + std::string(name) + "=" + value;
+        if (*value && *value != '/')
+            return {kEnvironment, std::string(name) + " is no absolute path", std::string("unset ") + name};
+    }
+    const char* const own = std::getenv("CREDENTIALS_DIRECTORY");
+    const auto ofService = variableOf(std::to_string(service.processId()), "CREDENTIALS_DIRECTORY");
+    if (ofService && (!own || *ofService != own))
+        return {kEnvironment, "the service has a key ring handed over in " + *ofService + ", this program has not",
+                "repeat it with CREDENTIALS_DIRECTORY=" + *ofService};
+    return {kEnvironment, seen, ""};
+}
+
+}  // namespace cli
