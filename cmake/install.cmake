@@ -1,13 +1,15 @@
-# cmake --install: programs, libraries, headers as they stand in the tree, a CMake package and a pkg-config file.
+# cmake --install: programs, libraries, headers as they stand in the tree, a CMake package and a pkg-config file. What
+# goes beside the programs is installed by packaging/CMakeLists.txt. Each component becomes a package
+# (cmake/packages.cmake).
 include(CMakePackageConfigHelpers)
 
 # Found relative to where things lie, so that any prefix works without LD_LIBRARY_PATH.
 set_target_properties(sdconfig sdbus sdsecurity velmarlog PROPERTIES INSTALL_RPATH "$ORIGIN")
 set_target_properties(sdconfigd sdconfig_cli PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
 
-install(TARGETS sdconfigd sdconfig_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS sdconfigd sdconfig_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT programs)
 install(TARGETS sdconfig sdbus sdsecurity velmarlog EXPORT sdconfig-targets
-    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT libraries NAMELINK_COMPONENT development)
 
 set(headers
     libsdconfig/sdconfig.h libsdconfig/dmconfig.h libsdconfig/sdconfig_client.h
@@ -18,18 +20,19 @@ set(headers
     platform/sdbus/sdbus.h platform/sdsecurity/sdsecurity.h platform/velmarlog/velmarlog.h)
 foreach(header ${headers})
     cmake_path(GET header PARENT_PATH folder)
-    install(FILES ${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/sdconfig/${folder})
+    install(FILES ${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/sdconfig/${folder} COMPONENT development)
 endforeach()
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/sdconfig)
-install(EXPORT sdconfig-targets NAMESPACE sdconfig:: DESTINATION ${package_dir})
+install(EXPORT sdconfig-targets NAMESPACE sdconfig:: DESTINATION ${package_dir} COMPONENT development)
 configure_package_config_file(packaging/sdconfig-config.cmake.in ${PROJECT_BINARY_DIR}/sdconfig-config.cmake
     INSTALL_DESTINATION ${package_dir})
-write_basic_package_version_file(${PROJECT_BINARY_DIR}/sdconfig-config-version.cmake COMPATIBILITY SameMinorVersion)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/sdconfig-config-version.cmake COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/sdconfig-config.cmake ${PROJECT_BINARY_DIR}/sdconfig-config-version.cmake
-    DESTINATION ${package_dir})
+    DESTINATION ${package_dir} COMPONENT development)
 
 # From the file's folder to the prefix, so that the installed tree may be moved.
 file(RELATIVE_PATH prefix_from_pc /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(packaging/sdconfig.pc.in ${PROJECT_BINARY_DIR}/sdconfig.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/sdconfig.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+install(FILES ${PROJECT_BINARY_DIR}/sdconfig.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+    COMPONENT development)

@@ -1,0 +1,80 @@
+# Completion of sdconfig for bash: commands, options, and the keys that can be read in the data folder.
+
+_sdconfig_options() { # COMMAND: those of its own
+    case $1 in
+        get) echo --local --product-dir ;;
+        "policy list" | "policy export") echo --data-dir ;;
+        "policy clear") echo --yes ;;
+        "policy apply") echo --dry-run --show --data-dir ;;
+        explain) echo --show --data-dir --product-dir ;;
+        watch) echo --exec ;;
+        list) echo --show --data-dir ;;
+        doctor) echo --data-dir ;;
+        upgrade) echo --dry-run --force ;;
+        backup | restore) echo --force --without-keys ;;
+        "") echo --version ;;
+    esac
+    echo --json --verbose --help
+}
+
+_sdconfig_keys() { # KIND: of the lines of "sdconfig list" that match it
+    sdconfig list 2>/dev/null | sed -nE "s/^($1)\t//p" | sort -u
+}
+
+_sdconfig_arguments() { # COMMAND NUMBER: what its NUMBERth argument may be, from 0 on, a line each
+    case $1:$2 in
+        :0)
+            printf '%s\n' get set delete secure policy explain watch list upgrade doctor check backup restore const \
+                sign verify status
+            ;;
+        secure:0) printf '%s\n' get set delete ;;
+        policy:0) printf '%s\n' set get delete list strong clear export apply ;;
+        "secure get:0" | "secure set:0" | "secure delete:0") _sdconfig_keys secure ;;
+        "policy set:0" | "policy get:0" | "policy delete:0" | "policy strong:0") _sdconfig_keys policy ;;
+        explain:0 | watch:*) _sdconfig_keys "secure|policy" ;;
+    esac
+}
+
+_sdconfig_paths() { # COMMAND NUMBER: whether its NUMBERth argument is a "file" or a "directory"
+    case $1:$2 in
+        "policy export:0" | "policy apply:0" | backup:0 | restore:0) echo file ;;
+        upgrade:0 | check:0 | backup:1 | restore:1) echo directory ;;
+    esac
+}
+
+_sdconfig() {
+    local word=${COMP_WORDS[COMP_CWORD]} command="" number=0 i
+    COMPREPLY=()
+    case ${COMP_WORDS[COMP_CWORD - 1]} in
+        --data-dir | --product-dir) compopt -o filenames; mapfile -t COMPREPLY < <(compgen -d -- "$word"); return ;;
+        --exec) mapfile -t COMPREPLY < <(compgen -c -- "$word"); return ;;
+    esac
+    for ((i = 1; i < COMP_CWORD; i++)); do
+        case ${COMP_WORDS[i]} in
+            --data-dir | --product-dir | --exec) ((++i)) ;;
+            -*) ;;
+            *)
+                case $command in
+                    "") command=${COMP_WORDS[i]} ;;
+                    secure | policy) command+=" ${COMP_WORDS[i]}" ;;
+                    *) ((++number)) ;;
+                esac
+                ;;
+        esac
+    done
+    if [[ $word == -* ]]; then
+        mapfile -t COMPREPLY < <(compgen -W "$(_sdconfig_options "$command")" -- "$word")
+        return
+    fi
+    case $(_sdconfig_paths "$command" "$number") in
+        file) compopt -o filenames; mapfile -t COMPREPLY < <(compgen -f -- "$word") ;;
+        directory) compopt -o filenames; mapfile -t COMPREPLY < <(compgen -d -- "$word") ;;
+        *) mapfile -t COMPREPLY < <(_sdconfig_arguments "$command" "$number" | while IFS= read -r match; do
+            [[ $match != "$word"* ]] || printf '%q\n' "$match"
+        done) ;;
+    esac
+    # The shell takes what follows the last colon alone for the word.
+    if declare -F __ltrim_colon_completions >/dev/null; then __ltrim_colon_completions "$word"; fi
+}
+
+complete -F _sdconfig sdconfig

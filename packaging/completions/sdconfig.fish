@@ -1,0 +1,98 @@
+# Completion of sdconfig for fish: commands, options, and the keys that can be read in the data folder.
+
+# The command so far and the number of its arguments: "secure get:1".
+function __sdconfig_place
+    set -l command
+    set -l number 0
+    set -l skip no
+    for word in (commandline -opc)[2..]
+        if test $skip = yes
+            set skip no
+            continue
+        end
+        switch $word
+            case --data-dir --product-dir --exec
+                set skip yes
+            case '-*'
+            case '*'
+                switch "$command"
+                    case ''
+                        set command $word
+                    case secure policy
+                        set command "$command $word"
+                    case '*'
+                        set number (math $number + 1)
+                end
+        end
+    end
+    echo "$command:$number"
+end
+
+function __sdconfig_at # PLACE...: whether the cursor is at one of them
+    contains -- (__sdconfig_place) $argv
+end
+
+function __sdconfig_in # COMMAND...: whether it is one of them, at whatever argument
+    contains -- (string replace -r ':\d+$' '' -- (__sdconfig_place)) $argv
+end
+
+function __sdconfig_keys # KIND: of the lines of "sdconfig list" that match it
+    sdconfig list 2>/dev/null | string replace -rf "^($argv[1])\t" '' | sort -u
+end
+
+complete -c sdconfig -f
+complete -c sdconfig -l json -d 'Print one JSON object on one line'
+complete -c sdconfig -s v -l verbose -d 'Show the log of the library on standard error'
+complete -c sdconfig -s h -l help -d 'Print the help'
+complete -c sdconfig -n '__sdconfig_in ""' -l version -d 'Print the version'
+
+complete -c sdconfig -n '__sdconfig_at ":0"' -a get -d 'Print a property'
+complete -c sdconfig -n '__sdconfig_at ":0"' -a set -d 'Set a property, until the service stops'
+complete -c sdconfig -n '__sdconfig_at ":0"' -a delete -d 'Delete a property'
+complete -c sdconfig -n '__sdconfig_at ":0"' -a secure -d 'Values that are sealed at rest'
+complete -c sdconfig -n '__sdconfig_at ":0"' -a policy -d 'Policies'
+complete -c sdconfig -n '__sdconfig_at ":0"' -a explain -d 'Tell where the value of a key comes from'
+complete -c sdconfig -n '__sdconfig_at ":0"' -a watch -d 'Print changes of keys as they happen'
+complete -c sdconfig -n '__sdconfig_at ":0"' -a list -d 'Print the keys of secure values and policies'
+complete -c sdconfig -n '__sdconfig_at ":0"' -a upgrade -d 'Carry the database of an earlier version over'
+complete -c sdconfig -n '__sdconfig_at ":0"' -a doctor -d 'Tell what is wrong with the service'
+complete -c sdconfig -n '__sdconfig_at ":0"' -a check -d 'Look for faults in the data folder'
+complete -c sdconfig -n '__sdconfig_at ":0"' -a backup -d 'Write the data folder to a file'
+complete -c sdconfig -n '__sdconfig_at ":0"' -a restore -d 'Put a backup in the place of a data folder'
+complete -c sdconfig -n '__sdconfig_at ":0"' -a const -d 'Print a constant of the service'
+complete -c sdconfig -n '__sdconfig_at ":0"' -a sign -d 'Print the signature of a text'
+complete -c sdconfig -n '__sdconfig_at ":0"' -a verify -d 'Tell whether a signature fits a text'
+complete -c sdconfig -n '__sdconfig_at ":0"' -a status -d 'Tell whether the service is there'
+
+complete -c sdconfig -n '__sdconfig_at secure:0' -a get -d 'Print a secure value'
+complete -c sdconfig -n '__sdconfig_at secure:0' -a set -d 'Store a secure value'
+complete -c sdconfig -n '__sdconfig_at secure:0' -a delete -d 'Delete a secure value'
+
+complete -c sdconfig -n '__sdconfig_at policy:0' -a set -d 'Set a policy'
+complete -c sdconfig -n '__sdconfig_at policy:0' -a get -d 'Print the value in force'
+complete -c sdconfig -n '__sdconfig_at policy:0' -a delete -d 'Delete a policy'
+complete -c sdconfig -n '__sdconfig_at policy:0' -a list -d 'Print the stored policies'
+complete -c sdconfig -n '__sdconfig_at policy:0' -a strong -d 'Tell whether a policy overrides the local value'
+complete -c sdconfig -n '__sdconfig_at policy:0' -a clear -d 'Delete all policies'
+complete -c sdconfig -n '__sdconfig_at policy:0' -a export -d 'Write the stored policies to a file'
+complete -c sdconfig -n '__sdconfig_at policy:0' -a apply -d 'Set the policies of a file'
+
+complete -c sdconfig -n '__sdconfig_at "secure get:0" "secure set:0" "secure delete:0"' -a '(__sdconfig_keys secure)'
+complete -c sdconfig -n '__sdconfig_at "policy set:0" "policy get:0" "policy delete:0" "policy strong:0"' \
+    -a '(__sdconfig_keys policy)'
+complete -c sdconfig -n '__sdconfig_at explain:0; or __sdconfig_in watch' -a '(__sdconfig_keys "secure|policy")'
+complete -c sdconfig -n '__sdconfig_at "policy export:0" "policy apply:0" backup:0 restore:0' -F
+complete -c sdconfig -n '__sdconfig_at upgrade:0 check:0 backup:1 restore:1' -a '(__fish_complete_directories)'
+
+complete -c sdconfig -n '__sdconfig_in get' -l local -d 'Read the build.prop files in this process'
+complete -c sdconfig -n '__sdconfig_in get explain' -l product-dir -xa '(__fish_complete_directories)' \
+    -d 'The data folder of the product'
+complete -c sdconfig -n '__sdconfig_in explain list doctor "policy list" "policy export" "policy apply"' -l data-dir \
+    -xa '(__fish_complete_directories)' -d 'The data folder of the service'
+complete -c sdconfig -n '__sdconfig_in explain list "policy apply"' -l show -d 'Show values, which can be secrets'
+complete -c sdconfig -n '__sdconfig_in "policy clear"' -l yes -d 'Do not ask'
+complete -c sdconfig -n '__sdconfig_in "policy apply" upgrade' -l dry-run -d 'Change nothing; print what would change'
+complete -c sdconfig -n '__sdconfig_in upgrade' -l force -d 'Copy, whatever the version'
+complete -c sdconfig -n '__sdconfig_in backup restore' -l force -d 'Replace what is there'
+complete -c sdconfig -n '__sdconfig_in backup restore' -l without-keys -d 'Leave the key ring out'
+complete -c sdconfig -n '__sdconfig_in watch' -l exec -x -d 'Run a command for each change'

@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# Installs packages into a fresh, minimal bookworm, which is gone again afterwards, and uses them there as an ordinary
+# user: packaging/try-packages.sh PACKAGE.deb...
+set -euo pipefail
+packaging=$(realpath "$(dirname "$0")")
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+mkdir "$work/try"
+cp "$@" "$packaging/smoke-test.sh" "$work/try/"
+cp -r "$packaging/../examples" "$work/try/"
+chmod -R go+rX "$work"
+# From where this machine has its own packages.
+mapfile -t sources < <(find /etc/apt -maxdepth 2 \( -name '*.list' -o -name '*.sources' \))
+
+# Hooks: commands for mmdebstrap's shell, whose $1 is the new root.
+in_root() { # shellcheck disable=SC2016
+    printf 'chroot "$1" sh -c "%s"' "DEBIAN_FRONTEND=noninteractive $* >/dev/null"
+}
+install() { in_root apt-get install -qq -y --no-install-recommends "$@"; }
+as_user() { # shellcheck disable=SC2016
+    printf 'chroot "$1" runuser -u tester -- /tmp/try/smoke-test.sh %s' "$1"
+}
+
+# The programs come before the compiler, so that nothing of its packages helps them along. systemd starts the service.
+mmdebstrap --quiet --variant=minbase --format=null \
+    --customize-hook="copy-in $work/try /tmp" \
+    --customize-hook="$(in_root useradd --create-home tester)" \
+    --customize-hook="$(install systemd '/tmp/try/libsdconfig1_*.deb' '/tmp/try/sdconfig_*.deb')" \
+    --customize-hook="$(as_user programs)" \
+    --customize-hook="$(install g++ cmake ninja-build pkg-config '/tmp/try/libsdconfig-dev_*.deb')" \
+    --customize-hook="$(as_user examples)" \
+    --customize-hook="$(in_root apt-get purge -qq -y sdconfig libsdconfig-dev libsdconfig1)" \
+    bookworm /dev/null "${sources[@]}"
