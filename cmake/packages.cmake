@@ -22,6 +22,11 @@ foreach(component ${packages})
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package_of_${component}} COMPONENT ${component}
         EXCLUDE_FROM_ALL)
 endforeach()
+# Messages and headers name these pages.
+install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package_of_programs} COMPONENT programs
+    EXCLUDE_FROM_ALL)
+install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package_of_development} COMPONENT development
+    EXCLUDE_FROM_ALL)
 install(FILES packaging/debian/libsdconfig.lintian-overrides DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides
     RENAME ${package_of_libraries} COMPONENT libraries EXCLUDE_FROM_ALL)
 

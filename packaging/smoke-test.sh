@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Uses what is installed, as an ordinary user: packaging/smoke-test.sh programs|examples
+# Uses what is installed, as an ordinary user: packaging/smoke-test.sh programs|examples|documents
 set -Eeuo pipefail
 trap 'echo "packaging/smoke-test.sh: line $LINENO failed" >&2' ERR
 here=$(realpath "$(dirname "$0")")
@@ -127,6 +127,9 @@ without it: correct horse" "$1/read_and_write"
     wait "$host"
     rm "$work/end"
 }
+
+# The pages' own commands, against what is installed.
+try_documents() { "$here/scripts/check-docs" /usr/bin; }
 
 end() { # PROCESS
     kill "$1"
