@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -73,6 +74,7 @@ Process Process::fork(const Server& server, char* said) {
     const pid_t pid = ::fork();
     require(pid >= 0, "fork");
     if (pid == 0) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // where a measurement fails, nobody else ends it
         ::close(ready[0]);
         ::close(end[1]);
         server(ready[1], end[0]);

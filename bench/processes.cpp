@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "bench/bare_database.h"
 #include "bench/comparison.h"
@@ -212,6 +213,7 @@ void measureMemory(const Workplace& place, const Programs& programs, const Exten
         const std::string data = place.path("memory" + std::to_string(rows));
         makeData(data, programs.sdconfigd, rows);
         const Process service = Process::start(serviceCommand(programs.sdconfigd, data), kReady);
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));  // it gives back what it took to start
         report(
             {"sdconfigd with " + std::to_string(rows) + " secure values, resident memory", "an empty program", "KiB"},
             {service.residentKiB()}, floor);

@@ -146,7 +146,8 @@ bool SDConfigImpl::SetSecure_v3(const std::string& key, const std::string& value
         return false;
     }
     const std::string before = getValueFromDatabaseTable(mSecureV3Table, key);
-    const bool deleted = DeleteSecure_v3(key);
+    // With a row there, without looking for it once more.
+    const bool deleted = before.empty() ? DeleteSecure_v3(key) : deleteValueFromDatabase(mSecureV3Table, key);
     if (isIdentityKey(key))
         LOG(5, AT "key is %s, utf8Value is %s, encrypted is %s", HERE, key.c_str(), utf8Value.c_str(),
             encrypted->c_str());

@@ -78,7 +78,7 @@ bool SDConfigDmHelper::SetPolicyWithUri(const std::string& uri, const PolicyMap&
         return false;
     }
     const std::string before = getValueFromDatabaseTable(mDmHelperTable, uri);
-    const bool deleted = DeletePolicyWithUri(uri);
+    const bool deleted = before.empty() || deleteValueFromDatabase(mDmHelperTable, uri);
     const bool stored = setValueToDatabaseTable(mDmHelperTable, uri, *encrypted);
     // A disk may have had room for the deletion alone: what stood there needs no more than it did.
     if (!stored && deleted && !before.empty()) setValueToDatabaseTable(mDmHelperTable, uri, before);

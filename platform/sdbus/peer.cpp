@@ -162,16 +162,14 @@ bool Peer::sendReply(sd_bus_message* call, const Arguments& arguments, const Wir
     return send(made, plan.bytes());
 }
 
-bool Peer::sendEvent(const std::string& member, const Arguments& arguments, const WirePlan& plan) {
-    if (!isOpen()) return false;
+BusMessagePtr Peer::makeEvent(const std::string& member, const Arguments& arguments, const WirePlan& plan) {
+    if (!isOpen()) return nullptr;
     sd_bus_message* made = nullptr;
     const int r = sd_bus_message_new_signal(mBus.get(), &made, wire::kPath, wire::kInterface, member.c_str());
-    const BusMessagePtr event(made);
-    if (r < 0 || !plan.append(made, arguments)) {
-        LOG(7, AT "an event can't be sent: sd-bus refused it", HERE);
-        return false;
-    }
-    return send(made, plan.bytes());
+    BusMessagePtr event(made);
+    if (r >= 0 && plan.append(made, arguments)) return event;
+    LOG(7, AT "an event can't be sent: sd-bus refused it", HERE);
+    return nullptr;
 }
 
 void Peer::cutOff(const char* reason) {

@@ -38,7 +38,8 @@ public:
     // False when the client is gone, or cut off for what it has not read.
     bool send(sd_bus_message* message, std::size_t bytes);
     bool sendReply(sd_bus_message* call, const Arguments& arguments, const WirePlan& plan);
-    bool sendEvent(const std::string& member, const Arguments& arguments, const WirePlan& plan);
+    // An event to send, to other peers as well. Null where the client is gone, or sd-bus refuses it.
+    BusMessagePtr makeEvent(const std::string& member, const Arguments& arguments, const WirePlan& plan);
 
     void cutOff(const char* reason);
     // Disconnects; the last thing that happens to a peer. Inside process() it takes effect at its end.

@@ -359,7 +359,13 @@ void Service::send(const std::string& event, const std::string& member, const Ar
     // Sending may cut off any peer, so each is held on to.
     std::vector<std::shared_ptr<Peer>> subscribers;
     for (Peer* peer : found->second) subscribers.push_back(peer->shared_from_this());
-    for (const auto& peer : subscribers) (void)peer->sendEvent(member, arguments, plan);
+    // sd-bus takes a message for any connection, whichever it was made for: building one for each would cost as much as
+    // sending it.
+    BusMessagePtr message;
+    for (const auto& peer : subscribers) {
+        if (!message) message = peer->makeEvent(member, arguments, plan);
+        if (message) (void)peer->send(message.get(), plan.bytes());
+    }
 }
 
 }  // namespace sdbus
