@@ -123,6 +123,7 @@ double fromThreads(const Echo& echo, int threads, int callsEach) {
         callers.back()->call(kText);
     }
     std::vector<std::thread> running;
+    running.reserve(callers.size());
     const auto start = Clock::now();
     for (const auto& caller : callers)
         running.emplace_back([&caller, callsEach] {
@@ -137,6 +138,7 @@ double fromProcesses(const Echo& echo, int processes, int callsEach) {
     std::array<int, 2> go{};
     require(::pipe(go.data()) == 0, "pipe");
     std::vector<Process> running;
+    running.reserve(static_cast<std::size_t>(processes));
     for (int i = 0; i < processes; ++i)
         running.push_back(Process::fork([&](int ready, int) {
             ::close(go[1]);

@@ -11,23 +11,7 @@ namespace {
 
 constexpr char kDconfService[] = "/usr/libexec/dconf-service";
 
-// No folders of services: nothing is started that the measurement didn't start.
-std::string busConfig(const std::string& address) {
-    return "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
-           " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
-           "<busconfig><type>session</type><listen>" +
-           address +
-           "</listen><auth>EXTERNAL</auth><policy context=\"default\">"
-           "<allow send_destination=\"*\"/><allow receive_sender=\"*\"/><allow own=\"*\"/></policy></busconfig>\n";
-}
-
 }  // namespace
-
-bool isInstalled(const std::string& program) {
-    if (std::system(("command -v " + program + " >/dev/null").c_str()) == 0) return true;
-    std::printf("left out: %s is not installed\n", program.c_str());
-    return false;
-}
 
 std::optional<DesktopSession> DesktopSession::start(const Workplace& place, const std::string& name) {
     if (!isInstalled("dbus-daemon") || !isInstalled("gdbus")) return std::nullopt;
@@ -37,14 +21,14 @@ std::optional<DesktopSession> DesktopSession::start(const Workplace& place, cons
 DesktopSession::DesktopSession(const std::string& folder) : mFolder(folder) {
     std::filesystem::create_directories(folder + "/data/keyrings");
     std::filesystem::permissions(folder, std::filesystem::perms::owner_all);
-    const std::string address = "unix:path=" + folder + "/bus";
+    const std::string socket = folder + "/bus";
     mEnvironment = {"HOME=" + folder,
                     "XDG_DATA_HOME=" + folder + "/data",
                     "XDG_CONFIG_HOME=" + folder + "/config",
                     "XDG_CACHE_HOME=" + folder + "/cache",
                     "XDG_RUNTIME_DIR=" + folder,
-                    "DBUS_SESSION_BUS_ADDRESS=" + address};
-    std::ofstream(folder + "/bus.conf") << busConfig(address);
+                    "DBUS_SESSION_BUS_ADDRESS=unix:path=" + socket};
+    std::ofstream(folder + "/bus.conf") << brokerConfig(socket);
     mProcesses.push_back(Process::start(
         command({"dbus-daemon", "--nofork", "--config-file=" + folder + "/bus.conf", "--print-address=2"}),
         "unix:path"));

@@ -11,9 +11,6 @@
 
 namespace bench {
 
-// Says on standard output what is left out where the program isn't installed.
-bool isInstalled(const std::string& program);
-
 class DesktopSession {
 public:
     // Nothing, and a line that says why, where dbus-daemon is not installed.

@@ -181,24 +181,9 @@ void serveThroughBroker(const std::string& address, int ready) {
     }
 }
 
-bool isInstalled(const char* program) {
-    return std::system(("command -v " + std::string(program) + " >/dev/null").c_str()) == 0;
-}
-
-std::nullopt_t skip(const char* peer, const char* why) {
-    std::printf("left out: %s: %s\n", peer, why);
-    return std::nullopt;
-}
-
 std::string writeBrokerConfig(const Workplace& place, const std::string& socket) {
-    const std::string path = place.path("broker.conf");
-    std::ofstream(path)
-        << "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
-           " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
-           "<busconfig><type>session</type><listen>unix:path="
-        << socket
-        << "</listen><auth>EXTERNAL</auth><policy context=\"default\">"
-           "<allow send_destination=\"*\"/><allow receive_sender=\"*\"/><allow own=\"*\"/></policy></busconfig>\n";
+    std::string path = place.path("broker.conf");
+    std::ofstream(path) << brokerConfig(socket);
     return path;
 }
 
@@ -293,7 +278,7 @@ Echo bareSdBus(const Workplace& place, const Cpus& cpus) {
 
 std::optional<Echo> throughDBusDaemon(const Workplace& place, const Cpus& cpus) {
     constexpr char kPeer[] = "through dbus-daemon";
-    if (!isInstalled("dbus-daemon")) return skip(kPeer, "dbus-daemon is not installed");
+    if (!isInstalled("dbus-daemon")) return std::nullopt;
     const std::string socket = place.path("dbus-daemon");
     ::unlink(socket.c_str());
     const std::string config = writeBrokerConfig(place, socket);
@@ -304,7 +289,7 @@ std::optional<Echo> throughDBusDaemon(const Workplace& place, const Cpus& cpus) 
 
 std::optional<Echo> throughDBusBroker(const Workplace& place, const Cpus& cpus) {
     constexpr char kPeer[] = "through dbus-broker";
-    if (!isInstalled("dbus-broker-launch")) return skip(kPeer, "dbus-broker is not installed");
+    if (!isInstalled("dbus-broker-launch")) return std::nullopt;
     const std::string socket = place.path("dbus-broker");
     ::unlink(socket.c_str());
     const std::string config = writeBrokerConfig(place, place.path("unused"));
@@ -317,7 +302,10 @@ std::optional<Echo> throughDBusBroker(const Workplace& place, const Cpus& cpus) 
             if (journal) runDBusBroker(config, socket);
         },
         &said);
-    if (said == kImpossible) return skip(kPeer, "no journal runs here, and nothing can stand in for it without root");
+    if (said == kImpossible) {
+        std::printf("left out: dbus-broker: no journal runs here, and nothing can stand in for it without root\n");
+        return std::nullopt;
+    }
     return behindBroker(kPeer, std::move(broker), socket, cpus);
 }
 

@@ -202,6 +202,7 @@ struct Waits {
 
 void callQuickly(int threads, std::chrono::milliseconds runTime, Waits& waits) {
     std::vector<std::thread> running;
+    running.reserve(static_cast<std::size_t>(threads));
     for (int i = 0; i < threads; ++i)
         running.emplace_back([&waits, runTime] {
             const auto end = Clock::now() + runTime;

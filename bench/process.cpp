@@ -23,6 +23,12 @@ namespace bench {
 
 namespace {
 
+cpu_set_t currentCpus() {
+    cpu_set_t cpus;
+    require(::sched_getaffinity(0, sizeof cpus, &cpus) == 0, "sched_getaffinity");
+    return cpus;
+}
+
 void waitForText(int descriptor, const std::string& text) {
     std::string came;
     std::array<char, 512> part;
@@ -48,12 +54,13 @@ Workplace::~Workplace() {
     std::filesystem::remove_all(mFolder, ignored);
 }
 
-OnCpu::OnCpu(int cpu) : mBefore() {
-    require(::sched_getaffinity(0, sizeof mBefore, &mBefore) == 0, "sched_getaffinity");
-    if (cpu == kAnyCpu) return;
-    cpu_set_t cpus;
-    CPU_ZERO(&cpus);
-    CPU_SET(static_cast<std::size_t>(cpu), &cpus);
+OnCpu::OnCpu(int cpu) : mBefore(currentCpus()) {
+    static const cpu_set_t sAll = mBefore;  // the first object comes before any restriction
+    cpu_set_t cpus = sAll;
+    if (cpu != kAnyCpu) {
+        CPU_ZERO(&cpus);
+        CPU_SET(static_cast<std::size_t>(cpu), &cpus);
+    }
     require(::sched_setaffinity(0, sizeof cpus, &cpus) == 0, "sched_setaffinity");
 }
 
@@ -133,6 +140,21 @@ double Process::residentKiB() const {
     for (std::string line; std::getline(status, line);)
         if (line.compare(0, 6, "VmRSS:") == 0) return std::stod(line.substr(6));
     return 0;
+}
+
+bool isInstalled(const std::string& program) {
+    if (std::system(("command -v " + program + " >/dev/null").c_str()) == 0) return true;
+    std::printf("left out: %s is not installed\n", program.c_str());
+    return false;
+}
+
+std::string brokerConfig(const std::string& socket) {
+    return "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
+           " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+           "<busconfig><type>session</type><listen>unix:path=" +
+           socket +
+           "</listen><auth>EXTERNAL</auth><policy context=\"default\">"
+           "<allow send_destination=\"*\"/><allow receive_sender=\"*\"/><allow own=\"*\"/></policy></busconfig>\n";
 }
 
 void allowDescriptors(int count) {

@@ -25,7 +25,8 @@ private:
     std::string mFolder;
 };
 
-// The calling thread, and the threads and processes that it starts, run on this cpu alone while the object lives.
+// The calling thread, and the threads and processes that it starts, run on this cpu alone while the object lives;
+// kAnyCpu: on each that the process began with.
 constexpr int kAnyCpu = -1;
 class OnCpu {
 public:
@@ -69,6 +70,12 @@ private:
     pid_t mPid;
     int mDescriptor;  // the pipe of its end, or of its standard error; -1
 };
+
+// Says on standard output what is left out where the program isn't installed.
+bool isInstalled(const std::string& program);
+
+// The configuration of a message broker that starts no services and allows everything. socket: where it listens.
+std::string brokerConfig(const std::string& socket);
 
 // So many may be open, and some more.
 void allowDescriptors(int count);

@@ -68,16 +68,18 @@ def curves(lines, series):
         return
     yield NAMES.get(series, series.split(" by ")[0]), [(line["x"], line["figure"]) for line in points]
     if series in FLOORED:
-        yield f"{points[0]['against']}", [(line["x"], line["floor"]) for line in points]
+        kind = series.removeprefix("calls from ")
+        yield (points[0]["against"] + (f", {kind}" if kind != series else ""),
+               [(line["x"], line["floor"]) for line in points])
 
 
 def plot(lines, folder, name, title, x_label, y_label, all_series):
     drawn = [curve for series in all_series for curve in curves(lines, series)]
     if not drawn:
         return
-    script = ["set terminal svg size 720,400 background rgb 'white' font 'sans-serif,12'",
+    script = ["set terminal svg size 900,400 background rgb 'white' font 'sans-serif,12'",
               f"set output '{folder}/{name}.svg'", f"set title '{title}'", f"set xlabel '{x_label}'",
-              f"set ylabel '{y_label}'", "set logscale xy", "set grid", "set key outside bottom center horizontal"]
+              f"set ylabel '{y_label}'", "set logscale xy", "set grid", "set key outside right top vertical"]
     script.append("plot " + ", ".join(f"'-' with linespoints linewidth 2 title '{title}'" for title, _ in drawn))
     for _, points in drawn:
         script += [f"{x} {y}" for x, y in points] + ["e"]

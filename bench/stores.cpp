@@ -34,6 +34,15 @@ std::string among(int count) {
     return " among " + std::to_string(count);
 }
 
+// The two ends of each call are kept apart, as bench/echo.h tells why; what the desktop runs is left to the scheduler.
+constexpr int kClientCpu = 0;
+constexpr int kServiceCpu = 1;
+
+Service startService(const Workplace& place, const std::string& name, const std::string& sdconfigd, int secureValues) {
+    const OnCpu onCpu(kServiceCpu);
+    return {place, name, sdconfigd, secureValues};
+}
+
 // ---- Reading a secure value ----
 
 // A store of so many values, and a process that looks them up.
@@ -79,6 +88,7 @@ MeasuringProcess::Measures lookUpItems(const DesktopSession& session, int count,
 // A session of the desktop with a keyring, for items by libsecret; nothing where one of the three isn't installed.
 std::optional<DesktopSession> startKeyring(const Workplace& place, const std::string& name) {
     if (!haveLibsecret()) return std::nullopt;
+    const OnCpu onAll(kAnyCpu);
     auto session = DesktopSession::start(place, name);
     if (!session || !session->startKeyring()) return std::nullopt;
     return session;
@@ -134,7 +144,7 @@ void measureGetSecure(const Workplace& place, const std::string& sdconfigd, cons
     std::deque<Service> services;
     std::deque<Lookups> stores;
     for (const int count : storeSizes(extent)) {
-        services.emplace_back(place, "store" + std::to_string(count), sdconfigd, count);
+        services.push_back(startService(place, "store" + std::to_string(count), sdconfigd, count));
         stores.emplace_back(count, [&] { return getSecure(services.back(), count, extent.calls(2000)); });
     }
     std::deque<DesktopSession> sessions;
@@ -206,7 +216,7 @@ void compareWithSecretService(const Workplace& place, const Extent& extent, cons
 void measureStoring(const Workplace& place, const std::string& sdconfigd, const Extent& extent) {
     constexpr int kRows = 100;
     const std::string envelope(138, 'e');  // as long as what the store keeps of a valueOf
-    const Service service(place, "storing", sdconfigd, kRows);
+    const Service service = startService(place, "storing", sdconfigd, kRows);
     const MeasuringProcess facades([&] { return storeThroughFacades(service, extent); });
     BareDatabase bare(place.path("bare.db"));
     fillBareDatabase(bare, kRows, envelope);
@@ -241,7 +251,7 @@ MeasuringProcess::Measures callsBySize(const Service& service, const std::string
 }
 
 void measureSizes(const Workplace& place, const std::string& sdconfigd, const Extent& extent) {
-    const Service service(place, "sizes", sdconfigd, 0);
+    const Service service = startService(place, "sizes", sdconfigd, 0);
     for (const int size : {64, 1 << 10, 1 << 14, 1 << 17, 1 << 20}) {
         const std::string value(static_cast<std::size_t>(size), 'x');
         const MeasuringProcess process(
@@ -257,7 +267,7 @@ void measureSizes(const Workplace& place, const std::string& sdconfigd, const Ex
 }
 
 void measureProperties(const Workplace& place, const std::string& sdconfigd, const Extent& extent) {
-    const Service service(place, "properties", sdconfigd, 0);
+    const Service service = startService(place, "properties", sdconfigd, 0);
     int stored = 0;
     for (const int count : {10, 1000, 100'000}) {
         if (extent.isSmoke() && count > 1000) break;
@@ -288,6 +298,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     const bench::Workplace place;
+    const bench::OnCpu onCpu(bench::kClientCpu);
     bench::measureGetSecure(place, argv[2], extent);
     bench::measureStoring(place, argv[2], extent);
     if (extent.isFull() || extent.isSmoke()) {

@@ -22,13 +22,17 @@ bool isPolicies(const DatabaseLayout& layout) {
     return &layout == &kPolicyLayout;
 }
 
-// Why the file is none that a service would have made; nothing where it is one.
+std::optional<Finding> missingFile(const std::string& path) {
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) == 0 || errno != ENOENT) return std::nullopt;
+    return Finding{path, "there is no " + path,
+                   "restore the folder from a backup, or start the service, which makes an empty one"};
+}
+
+// Why the file, where there is one, is none that a service would have made.
 std::optional<Finding> strangeFile(const std::string& path) {
     struct stat status {};
-    if (::lstat(path.c_str(), &status) != 0 && errno == ENOENT)
-        return Finding{path, "there is no " + path,
-                       "restore the folder from a backup, or start the service, which makes an empty one"};
-    if (S_ISREG(status.st_mode)) return std::nullopt;
+    if (::lstat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode)) return std::nullopt;
     return Finding{path, path + (S_ISLNK(status.st_mode) ? " is a symbolic link" : " is not a regular file"),
                    "put the file itself in its place"};
 }
@@ -37,25 +41,36 @@ class DatabaseChecker {
 public:
     DatabaseChecker(const std::string& path, const DatabaseLayout& layout) : mPath(path), mLayout(layout) {}
 
-    DatabaseCheck check(const DatabaseUse& use) {
-        for (const auto look : {logDamage, strangeFile})
-            if (const auto finding = look(mPath)) return {{*finding}, {}};
-        const std::string problem = readUntouched(mPath, [&](sqlite3* db) {
+    DatabaseCheck check(const Stop& stop, const DatabaseUse& use) {
+        if (const auto finding = fileFinding()) return {{*finding}, {}};
+        const auto readAnew = [&](sqlite3* db) {
             mResult = {};
             return read(db, use);
-        });
+        };
+        const std::string problem = readUntouched(mPath, readAnew, stop);
         if (!problem.empty())
             mResult.damage = {{mPath, problem, "see that it can be read, or restore the folder from a backup"}};
         return std::move(mResult);
     }
 
 private:
+    // What shows before SQLite opens the files, which it could wait for or change.
+    std::optional<Finding> fileFinding() const {
+        for (const char* suffix : kDatabaseSuffixes)
+            if (auto finding = strangeFile(mPath + suffix)) return finding;
+        for (const auto look : {strangeFile, logDamage, missingFile})
+            if (auto finding = look(mPath)) return finding;
+        return std::nullopt;
+    }
+
     int read(sqlite3* db, const DatabaseUse& use) {
         const int code = sqlite3_exec(db, "SELECT 1 FROM sqlite_master", nullptr, nullptr, nullptr);
         if (code != SQLITE_OK && code != SQLITE_CORRUPT) return code;
-        if (const auto damage = integrityDamage(db, mPath)) {
-            mResult.damage.push_back(*damage);
-            return SQLITE_OK;
+        for (const auto look : {strangeObject, integrityDamage}) {
+            if (const auto damage = look(db, mPath)) {
+                mResult.damage.push_back(*damage);
+                return SQLITE_OK;
+            }
         }
         mResult.damage = layoutFindings(db, mLayout, mPath);
         if (hasTable(db, mLayout.sealedTable))
@@ -105,7 +120,7 @@ std::vector<Finding> accessFindings(const std::string& path, const std::string& 
     std::vector<Finding> findings;
     if (status.st_uid != owner)
         findings.push_back({path, path + " belongs to user " + std::to_string(status.st_uid),
-                            "check it as the service's user, or give it to that one with chown"});
+                            "give it to user " + std::to_string(owner) + " with chown"});
     if (status.st_mode & kOthers) findings.push_back({path, "others may get at " + path, "chmod " + mode + " " + path});
     return findings;
 }
@@ -115,31 +130,51 @@ void append(std::vector<Finding>& all, Findings&& more) {
     all.insert(all.end(), std::make_move_iterator(more.begin()), std::make_move_iterator(more.end()));
 }
 
-}  // namespace
-
-DatabaseCheck checkDatabase(const std::string& path, const DatabaseLayout& layout, const DatabaseUse& use) {
-    return DatabaseChecker(path, layout).check(use);
+// The same of the folder, whose owner counts, and of all that stands in it. The key ring has a check of its own.
+std::vector<Finding> folderAccessFindings(const std::string& folder, uid_t owner) {
+    std::vector<Finding> findings = accessFindings(folder, "700", owner);
+    if (belongsToAnother(folder))
+        findings.push_back({folder, folder + " belongs to user " + std::to_string(owner), kRunAsThat});
+    std::vector<std::string> files(kOtherFiles.begin(), kOtherFiles.end());
+    for (const DatabaseLayout* layout : kLayouts) {
+        files.emplace_back(layout->file);
+        for (const char* suffix : kDatabaseSuffixes) files.push_back(layout->file + std::string(suffix));
+    }
+    const std::string inside = folder + "/";
+    for (const std::string& file : files) append(findings, accessFindings(inside + file, "600", owner));
+    return findings;
 }
 
-DataCheck checkData(const std::string& folder) {
+}  // namespace
+
+DatabaseCheck checkDatabase(const std::string& path, const DatabaseLayout& layout, const Stop& stop,
+                            const DatabaseUse& use) {
+    return DatabaseChecker(path, layout).check(stop, use);
+}
+
+bool belongsToAnother(const std::string& folder) {
+    struct stat status {};
+    return ::stat(folder.c_str(), &status) == 0 && status.st_uid != ::geteuid();
+}
+
+DataCheck checkData(const std::string& folder, const Stop& stop) {
     struct stat status {};
     if (::stat(folder.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
         return {{{folder, "there is no folder " + folder, "name the folder that holds sdconfig.db"}}};
     DataCheck result;
-    append(result.findings, accessFindings(folder, "700", ::geteuid()));
+    append(result.findings, folderAccessFindings(folder, status.st_uid));
     std::size_t sealed = 0;
     for (const DatabaseLayout* layout : kLayouts) {
-        const std::string path = folder + "/" + layout->file;
-        append(result.findings, accessFindings(path, "600", status.st_uid));
-        for (const char* suffix : kDatabaseSuffixes)
-            append(result.findings, accessFindings(path + suffix, "600", status.st_uid));
-        DatabaseCheck check = checkDatabase(path, *layout);
+        DatabaseCheck check = checkDatabase(folder + "/" + layout->file, *layout, stop);
         append(result.findings, std::move(check.damage));
         append(result.findings, std::move(check.rows));
         sealed += check.sealed;
         (isPolicies(*layout) ? result.policies : result.secure) = check.count;
     }
-    if (const auto finding = ringFinding(folder, sealed > 0)) result.findings.push_back(*finding);
+    if (auto finding = ringFinding(folder, sealed > 0)) {
+        if (belongsToAnother(folder)) finding->next = kRunAsThat;
+        result.findings.push_back(std::move(*finding));
+    }
     return result;
 }
 

@@ -19,7 +19,8 @@ struct DatabaseCheck {
 
 // Opens every sealed row with the key ring, which the security layer has to know; with none that can be used the rows
 // are counted alone. use: what else is done with the connection, at the same moment, where there is no damage.
-DatabaseCheck checkDatabase(const std::string& path, const DatabaseLayout& layout, const DatabaseUse& use = nullptr);
+DatabaseCheck checkDatabase(const std::string& path, const DatabaseLayout& layout, const Stop& stop = nullptr,
+                            const DatabaseUse& use = nullptr);
 
 struct DataCheck {
     std::vector<Finding> findings;
@@ -28,6 +29,10 @@ struct DataCheck {
 };
 
 // Both databases, the key ring, and who else can get at the files.
-DataCheck checkData(const std::string& folder);
+DataCheck checkData(const std::string& folder, const Stop& stop = nullptr);
+
+// Whether the folder is another user's, so that its key ring can't be used; and what to do about that.
+inline constexpr char kRunAsThat[] = "run it as that user";
+bool belongsToAnother(const std::string& folder);
 
 }  // namespace apps

@@ -21,6 +21,11 @@ inline const std::array kLayouts{&kSecureLayout, &kPolicyLayout};
 
 inline constexpr char kRingFile[] = "sdsecurity.keys";
 
+inline constexpr char kLockFile[] = "sdconfigd.lock";
+
+// What else stands there, or not, and is nobody else's business: how often keys have sealed, and locks.
+inline constexpr std::array kOtherFiles{"sdsecurity.count", "sdsecurity.lock", kLockFile};
+
 // What SQLite keeps beside a database: its log and the log's index.
 inline constexpr std::array kDatabaseSuffixes{"-wal", "-shm"};
 

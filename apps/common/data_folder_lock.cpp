@@ -8,11 +8,11 @@
 #include <charconv>
 #include <cstring>
 
+#include "apps/common/data_files.h"
+
 namespace apps {
 
 namespace {
-
-constexpr char kLockFile[] = "/sdconfigd.lock";
 
 // O_NONBLOCK: a pipe planted under the name must not hold us up before it is refused.
 constexpr int kOpenFlags = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
@@ -46,6 +46,10 @@ struct flock writeLock(off_t start, off_t length) {
     return lock;
 }
 
+std::string lockPath(const std::string& folder) {
+    return folder + "/" + kLockFile;
+}
+
 bool isRegular(int descriptor) {
     struct stat status {};
     return ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
@@ -53,7 +57,15 @@ bool isRegular(int descriptor) {
 
 std::string inUse(const std::string& what, pid_t process) {
     const std::string by = process > 0 ? "process " + std::to_string(process) : "another process";
-    return what + " is in use by " + by + "; end that one first";
+    return what + " is in use by " + by + ", which has to end first";
+}
+
+// Whether the path still leads to the file.
+bool standsAt(const std::string& path, int descriptor) {
+    struct stat there {};
+    struct stat opened {};
+    return ::lstat(path.c_str(), &there) == 0 && ::fstat(descriptor, &opened) == 0 && there.st_dev == opened.st_dev &&
+           there.st_ino == opened.st_ino;
 }
 
 pid_t readProcess(int descriptor) {
@@ -71,7 +83,7 @@ bool writeProcess(int descriptor) {
 }
 
 std::string lockedBy(const std::string& folder) {
-    const Descriptor file(::open((folder + kLockFile).c_str(), O_RDONLY | kOpenFlags));
+    const Descriptor file(::open(lockPath(folder).c_str(), O_RDONLY | kOpenFlags));
     if (file.get() < 0 || !isRegular(file.get())) return "";
     struct flock lock = writeLock(0, 0);
     if (::fcntl(file.get(), F_OFD_GETLK, &lock) < 0 || lock.l_type == F_UNLCK) return "";
@@ -93,18 +105,21 @@ DataFolderLock::~DataFolderLock() {
 }
 
 std::string DataFolderLock::take(const std::string& folder) {
-    const std::string path = folder + kLockFile;
-    Descriptor file(::open(path.c_str(), O_RDWR | O_CREAT | kOpenFlags, 0600));
-    if (file.get() < 0) return "can't open " + path + ": " + std::strerror(errno);
-    if (!isRegular(file.get())) return path + " is not a regular file";
-    struct flock lock = writeLock(0, 0);
-    if (::fcntl(file.get(), F_OFD_SETLK, &lock) < 0) {
-        if (errno == EAGAIN || errno == EACCES) return inUse("the data folder " + folder, readProcess(file.get()));
-        return "can't lock " + path + ": " + std::strerror(errno);
+    const std::string path = lockPath(folder);
+    for (;;) {
+        Descriptor file(::open(path.c_str(), O_RDWR | O_CREAT | kOpenFlags, 0600));
+        if (file.get() < 0) return "can't open " + path + ": " + std::strerror(errno);
+        if (!isRegular(file.get())) return path + " is not a regular file";
+        struct flock lock = writeLock(0, 0);
+        if (::fcntl(file.get(), F_OFD_SETLK, &lock) < 0) {
+            if (errno == EAGAIN || errno == EACCES) return inUse("the data folder " + folder, readProcess(file.get()));
+            return "can't lock " + path + ": " + std::strerror(errno);
+        }
+        if (!standsAt(path, file.get())) continue;  // another folder was put in this one's place meanwhile
+        (void)writeProcess(file.get());             // on a full disk only the number is missing
+        mDescriptor = file.release();
+        return "";
     }
-    (void)writeProcess(file.get());  // on a full disk only the number is missing
-    mDescriptor = file.release();
-    return "";
 }
 
 std::string usedBy(const std::string& folder) {

@@ -16,6 +16,18 @@ namespace {
 
 constexpr char kRestore[] = "restore the folder from a backup";
 
+// Tables as the service makes them, what SQLite makes beside them, and what its ANALYZE leaves.
+constexpr char kStrangeObject[] = R"(
+    SELECT type || ' ' || name FROM
+        (SELECT type, name, sql, lower(replace(replace(sql, ' ', ''), '"', '')) AS text FROM sqlite_master)
+    WHERE NOT (type = 'index' AND sql IS NULL)
+        AND text IS NOT 'createtable' || lower(name) ||
+            '(idintegerprimarykeyautoincrement,keytextcollatenocaseuniqueonconflictfail,valuetext)'
+        AND sql IS NOT 'CREATE TABLE sqlite_sequence(name,seq)'
+        AND sql IS NOT 'CREATE TABLE sqlite_stat1(tbl,idx,stat)'
+        AND sql IS NOT 'CREATE TABLE sqlite_stat4(tbl,idx,neq,nlt,ndlt,sample)'
+    LIMIT 1)";
+
 Statement prepare(sqlite3* db, const std::string& sql) {
     sqlite3_stmt* statement = nullptr;
     sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr);
@@ -74,6 +86,13 @@ std::optional<Finding> logDamage(const std::string& path) {
                    "the log " + log + " is damaged at byte " + std::to_string(*place) +
                        ", and values that were stored stand behind that",
                    std::string(kRestore) + ", or move the log away to go on with what the database holds without it"};
+}
+
+std::optional<Finding> strangeObject(sqlite3* db, const std::string& path) {
+    const std::optional<std::string> object = firstText(db, kStrangeObject);
+    if (!object) return std::nullopt;
+    return Finding{path, "the database " + path + " holds the " + escaped(*object) + ", which no service makes",
+                   "drop it with sqlite3 where you know it, or " + std::string(kRestore)};
 }
 
 std::optional<Finding> integrityDamage(sqlite3* db, const std::string& path) {

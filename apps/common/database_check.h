@@ -17,6 +17,10 @@ std::optional<Finding> logDamage(const std::string& path);
 
 // The rest takes a connection. path: as it is to be told.
 
+// A trigger, a view, a generated column or the like, which would run while the database is read or served: it was made
+// by somebody else than a service. The text of a table is what tells; blanks and quotation marks don't count.
+std::optional<Finding> strangeObject(sqlite3* db, const std::string& path);
+
 // SQLite reads on over much damage: an index that names another row would answer one key with another's value.
 std::optional<Finding> integrityDamage(sqlite3* db, const std::string& path);
 

@@ -22,6 +22,10 @@ constexpr int kBusyTimeoutMs = 5000;
 // How often a reading begins again because a service came or went meanwhile. Each of those takes more than a reading.
 constexpr int kMostAttempts = 5;
 
+// A stored value takes 43 MiB at most: 16 MiB of it, each byte two in UTF-8, in base64.
+constexpr int kMostRowBytes = 64 << 20;
+constexpr int kStepsBetweenAsking = 10'000;
+
 constexpr char kSystemName[] = "sdconfig-untouched";
 
 // SQLite opens a log with leave to create it, whatever the connection was opened for. This takes the leave away.
@@ -94,10 +98,14 @@ public:
         mCode = sqlite3_open_v2(file.c_str(), &opened, flags, system);
         mDatabase.reset(opened);
         sqlite3_busy_timeout(opened, kBusyTimeoutMs);
+        sqlite3_limit(opened, SQLITE_LIMIT_LENGTH, kMostRowBytes);
+        sqlite3_db_config(opened, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
         if (mCode == SQLITE_OK) mCode = sqlite3_exec(opened, "BEGIN", nullptr, nullptr, nullptr);
     }
 
-    void hand(const DatabaseUse& use) {
+    void hand(const DatabaseUse& use, Stop& stop) {
+        const auto ask = [](void* asked) { return (*static_cast<Stop*>(asked))() ? 1 : 0; };
+        if (stop) sqlite3_progress_handler(mDatabase.get(), kStepsBetweenAsking, ask, &stop);
         if (ok()) mCode = use(mDatabase.get());
     }
 
@@ -112,7 +120,8 @@ private:
 
 class UntouchedDatabase {
 public:
-    UntouchedDatabase(const std::string& path, const DatabaseUse& use) : mPath(path), mUse(use) {}
+    UntouchedDatabase(const std::string& path, const DatabaseUse& use, const Stop& stop)
+        : mPath(path), mUse(use), mStop(stop) {}
 
     std::string read() {
         static const bool registered = registerUntouchedSystem();
@@ -178,8 +187,8 @@ private:
         return true;
     }
 
-    std::string problemOf(Reading& reading) const {
-        reading.hand(mUse);
+    std::string problemOf(Reading& reading) {
+        reading.hand(mUse, mStop);
         if (reading.ok()) return "";
         if (reading.code() == SQLITE_NOTADB) return " is not a database";
         if (reading.code() == SQLITE_BUSY) return " is locked by another process";
@@ -188,13 +197,14 @@ private:
 
     const std::string& mPath;
     const DatabaseUse& mUse;
+    Stop mStop;
     bool mLogMode = false;
 };
 
 }  // namespace
 
-std::string readUntouched(const std::string& path, const DatabaseUse& use) {
-    return UntouchedDatabase(path, use).read();
+std::string readUntouched(const std::string& path, const DatabaseUse& use, const Stop& stop) {
+    return UntouchedDatabase(path, use, stop).read();
 }
 
 }  // namespace apps

@@ -13,11 +13,16 @@ namespace apps {
 // meanwhile; what it did before counts for nothing then.
 using DatabaseUse = std::function<int(sqlite3* db)>;
 
+// Asked now and then by long work: whether it is to end. What it returns counts for nothing then.
+using Stop = std::function<bool()>;
+
 // Returns a line for a person, with the path, or "".
 //
 // Whoever opens a database in WAL mode the plain way makes its log and index files where they are missing, even when he
 // only reads. So a database with both is read through them, as they are, whether a service lives or was killed; one
 // without a log is read alone; one with a log but no index, a copy from somewhere, is read in a copy of our own.
-std::string readUntouched(const std::string& path, const DatabaseUse& use);
+//
+// Its schema is trusted with nothing, and a row has its bound: the file may be anybody's.
+std::string readUntouched(const std::string& path, const DatabaseUse& use, const Stop& stop = nullptr);
 
 }  // namespace apps

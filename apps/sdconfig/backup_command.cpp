@@ -2,6 +2,7 @@
 #include <filesystem>
 #include <optional>
 
+#include "apps/common/data_check.h"
 #include "apps/common/database_check.h"
 #include "apps/sdconfig/backup_writer.h"
 #include "apps/sdconfig/commands.h"
@@ -62,12 +63,32 @@ bool stands(const std::string& path) {
     return std::filesystem::exists(std::filesystem::symlink_status(path, ignored));
 }
 
+// Makes `file` the file that is to be written, where it may be.
+Problem chooseFile(const Request& request, const std::string& folder, std::string& file) {
+    file = request.file;
+    if (!request.force && stands(file))
+        return {"the file is there already", "name another one, or say --force to replace it"};
+    if (const std::string problem = resolveTarget(file); !problem.empty()) return {problem, "name another one"};
+    std::error_code ignored;
+    if (std::filesystem::equivalent(std::filesystem::path(file).parent_path(), folder, ignored))
+        return {"it is in the data folder " + folder, "name one elsewhere"};
+    return {};
+}
+
+// Why a backup without a key ring would be of no use. There may be a ring now that was not there before the databases
+// were copied.
+Problem lackOfRing(const std::string& folder, bool sealed) {
+    if (const auto finding = apps::ringFinding(folder, sealed))
+        return {finding->what, apps::belongsToAnother(folder) ? apps::kRunAsThat
+                                                              : finding->next + ", or go without it: --without-keys"};
+    return sealed ? Problem{"a key ring was made meanwhile", "repeat it"} : Problem{};
+}
+
 Problem write(const Request& request, const std::string& folder, Keys keys, const SecretText* passphrase,
               BackupWriter& writer) {
     if (Problem problem = writer.copyDatabases()) return problem;
     if (keys == Keys::None)
-        if (const auto finding = apps::ringFinding(folder, writer.hasSealed()))
-            return {finding->what, finding->next + ", or go without it: --without-keys"};
+        if (Problem problem = lackOfRing(folder, writer.hasSealed())) return problem;
     if (passphrase)
         if (Problem problem = writer.addRing(*passphrase)) return problem;
     return writer.writeFile(request.force ? UnfinishedFile::Existing::Replace : UnfinishedFile::Existing::Keep);
@@ -79,8 +100,8 @@ int backupData(const Request& request, Service& service) {
     const DataAccess access = accessFolder(request, service);
     if (!access.reader) return access.exitCode;
     const std::string& folder = access.reader->folder();
-    if (!request.force && stands(request.file))
-        return notBackedUp(request, {"the file is there already", "name another one, or say --force to replace it"});
+    std::string file;
+    if (const Problem problem = chooseFile(request, folder, file)) return notBackedUp(request, problem);
 
     const Keys keys = wayOfKeys(request, folder);
     std::optional<Passphrase> passphrase;
@@ -89,7 +110,7 @@ int backupData(const Request& request, Service& service) {
         return notBackedUp(request, {passphrase->problem, "give a passphrase, or go without the keys: --without-keys"});
 
     const Interruption interruption;
-    BackupWriter writer(folder, request.file, interruption);
+    BackupWriter writer(folder, file, interruption);
     if (const Problem problem = write(request, folder, keys, passphrase ? &passphrase->text : nullptr, writer))
         return notBackedUp(request, problem);
     return finish(request, folder, keys, writer);

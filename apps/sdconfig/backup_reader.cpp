@@ -57,7 +57,7 @@ Problem BackupReader::unpack(const BackupManifest::Database& database, const std
     Digest digest;
     std::vector<char> piece(std::size_t{1} << 20);
     for (std::uint64_t left = database.size; left > 0;) {
-        if (interruption.came()) return {"it was interrupted", "repeat it"};
+        if (interruption.came()) return interrupted();
         mFile.read(piece.data(), static_cast<std::streamsize>(std::min<std::uint64_t>(left, piece.size())));
         const auto count = static_cast<std::size_t>(mFile.gcount());
         if (count == 0) return damaged();
@@ -71,7 +71,7 @@ Problem BackupReader::unpack(const BackupManifest::Database& database, const std
 
 Problem BackupReader::unpackRing(const SecretText& passphrase, const std::string& folder) const {
     const std::optional<SecretText> ring = openRing(*mManifest.ring, passphrase, contextOf(mManifest));
-    if (!ring) return {"the passphrase does not open the key ring", "try another one"};
+    if (!ring) return {"the passphrase does not open the key ring, or the file was changed", "try another one"};
     return putFile(folder + "/" + apps::kRingFile, ring->get());
 }
 

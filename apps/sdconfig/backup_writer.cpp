@@ -40,12 +40,14 @@ Problem BackupWriter::copyDatabases() {
 
 Problem BackupWriter::copyDatabase(const apps::DatabaseLayout& layout) {
     std::string failure;
-    const apps::DatabaseCheck check = apps::checkDatabase(mFolder + "/" + layout.file, layout, [&](sqlite3* db) {
+    const auto copyTo = [&](sqlite3* db) {
         failure = copy(db, copyOf(layout));
         return SQLITE_OK;  // of the source; where reading it failed, so did the copy
-    });
-    if (!check.damage.empty()) return {check.damage.front().what, check.damage.front().next};
+    };
+    const apps::DatabaseCheck check =
+        apps::checkDatabase(mFolder + "/" + layout.file, layout, mInterruption.asked(), copyTo);
     if (mInterruption.came()) return stopped();
+    if (!check.damage.empty()) return {check.damage.front().what, check.damage.front().next};
     if (!failure.empty()) return {"the database can't be copied: " + failure, kMakeRoom};
     mCounts.push_back(check.count);
     mSealed += check.sealed;
@@ -95,7 +97,8 @@ Problem BackupWriter::writeFile(UnfinishedFile::Existing existing) const {
     const auto take = [&](std::string_view piece) { return !mInterruption.came() && file.write(piece); };
     for (const apps::DatabaseLayout* layout : apps::kLayouts)
         if (!readPieces(copyOf(*layout), take)) return stopped();
-    return file.putInPlace(existing) ? Problem{} : unwritten();
+    if (file.putInPlace(existing)) return {};
+    return errno == EEXIST ? Problem{"the file was made meanwhile", "repeat it"} : unwritten();
 }
 
 Problem BackupWriter::unwritten() const {
@@ -103,7 +106,7 @@ Problem BackupWriter::unwritten() const {
 }
 
 Problem BackupWriter::stopped() const {
-    return mInterruption.came() ? Problem{"it was interrupted", "repeat it"} : unwritten();
+    return mInterruption.came() ? interrupted() : unwritten();
 }
 
 }  // namespace cli

@@ -3,6 +3,7 @@
 #include "apps/sdconfig/colour.h"
 #include "apps/sdconfig/commands.h"
 #include "apps/sdconfig/data_access.h"
+#include "apps/sdconfig/interruption.h"
 #include "apps/sdconfig/messages.h"
 #include "apps/sdconfig/output.h"
 
@@ -45,7 +46,9 @@ int checkFolder(const Request& request, Service& service) {
     const DataAccess access = accessFolder(request, service);
     if (!access.reader) return access.exitCode;
     const std::string& folder = access.reader->folder();
-    const apps::DataCheck check = apps::checkData(folder);
+    const Interruption interruption;
+    const apps::DataCheck check = apps::checkData(folder, interruption.asked());
+    if (interruption.came()) return notChecked(request);
     const int printed = print(request, report(folder, check), reportObject(folder, check));
     return check.findings.empty() ? printed : kRefused;
 }

@@ -14,9 +14,6 @@ namespace cli {
 
 namespace {
 
-// Copies made in the same second. More than these come from something that runs wild.
-constexpr int kMostSameSecond = 10;
-
 using apps::Database;
 
 Database openExisting(const std::string& path) {
@@ -34,9 +31,9 @@ std::string takeExclusively(sqlite3* db) {
 }
 
 // Makes an empty file that was not there. Returns its path, or "" with errno set.
-std::string createNew(const std::string& start) {
-    for (int count = 1; count <= kMostSameSecond; ++count) {
-        std::string path = start + (count == 1 ? "" : "-" + std::to_string(count)) + ".backup";
+std::string createNew(const std::string& database) {
+    for (int count = 1; count <= kMostDatedNames; ++count) {
+        std::string path = datedName(database, count) + ".backup";
         const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
         if (file < 0 && errno == EEXIST) continue;
         if (file < 0) return "";
@@ -61,7 +58,7 @@ Backup keepBackup(const std::string& database) {
     const Database source = openExisting(database);
     if (std::string why = takeExclusively(source.get()); !why.empty())
         return {"", database + " can't be written: " + why};
-    const std::string path = createNew(datedName(database));
+    const std::string path = createNew(database);
     if (path.empty()) return {"", "no copy of " + database + " can be made beside it: " + std::strerror(errno)};
     const std::string why = copyInto(source.get(), path);
     if (why.empty()) return {path, ""};

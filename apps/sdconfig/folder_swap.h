@@ -8,9 +8,8 @@
 namespace cli {
 
 struct FolderSwap {
-    Problem problem;        // nothing was changed
-    std::string old;        // where the folder that was there is kept; "": there was none, or an empty one
-    std::string unrenamed;  // why `old` is not named after its date; "": it is
+    Problem problem;  // nothing was changed
+    std::string old;  // where the folder that was there is kept; "": there was none, or an empty one
 };
 
 // Whether the folder holds anything but the lock file of a service that ran there.

@@ -4,6 +4,7 @@
 #include <poll.h>
 
 #include <csignal>
+#include <functional>
 
 #include "apps/sdconfig/signal_pipe.h"
 
@@ -23,6 +24,9 @@ public:
     bool came() const {
         pollfd signals{mSignals.descriptor(), POLLIN, 0};
         return mSignals.valid() && ::poll(&signals, 1, 0) > 0;
+    }
+    std::function<bool()> asked() const {
+        return [this] { return came(); };
     }
 
 private:

@@ -226,9 +226,18 @@ int rowsLost(const Request& request, std::size_t count) {
                 "standard output names them, and docs/upgrade.md the reasons; all others are fine");
 }
 
+Problem interrupted() {
+    return {"it was interrupted", "repeat it"};
+}
+
 int noDataFolder(const Request& request) {
     return fail(kRefused, request.command, "the system does not tell where the service keeps its data",
                 "name the folder as DATA-DIR");
+}
+
+int notChecked(const Request& request) {
+    const Problem problem = interrupted();
+    return fail(kRefused, attempt(request), problem.what, problem.next);
 }
 
 int notBackedUp(const Request& request, const Problem& problem) {
@@ -251,8 +260,8 @@ int notRestored(const Request& request, const Problem& problem) {
     return fail(kRefused, attemptOnFile(request), problem.what, "nothing was changed; " + problem.next);
 }
 
-void noteOldDataLeft(const std::string& path, const std::string& reason) {
-    note("the data that was there is kept as " + path + " (it could not be renamed: " + reason + ")");
+void noteUnproven() {
+    note("no key ring of the backup was opened, so nothing proves who made it");
 }
 
 void noteNoRing(const std::string& folder) {

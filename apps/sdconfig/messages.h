@@ -97,13 +97,15 @@ struct Problem {
 
     explicit operator bool() const { return !what.empty(); }
 };
+Problem interrupted();
 int noDataFolder(const Request& request);
+int notChecked(const Request& request);
 int notBackedUp(const Request& request, const Problem& problem);
 void noteKeysLeftOut();
 void noteKeysHandedOver(const std::string& ring);
 void noteRowsUnreadable(std::size_t count);
 int notRestored(const Request& request, const Problem& problem);  // nothing was changed
-void noteOldDataLeft(const std::string& path, const std::string& reason);
+void noteUnproven();
 void noteNoRing(const std::string& folder);
 
 // Wrong use. command: the command as far as it was understood, "" for none.

@@ -9,12 +9,8 @@ namespace cli {
 namespace {
 
 Passphrase ask(const std::string& prompt) {
-    SecretInput input = readSecret(prompt);
-    Passphrase result{SecretText(std::move(input.value)), input.problem};
-    const std::string& text = result.text.get();
-    if (const std::size_t end = text.find('\n'); end != std::string::npos)
-        return {SecretText(text.substr(0, end)), input.problem};
-    return result;
+    SecretInput input = readSecretLine(prompt);
+    return {SecretText(std::move(input.value)), input.problem};
 }
 
 }  // namespace

@@ -17,6 +17,8 @@ namespace {
 
 // The largest value that the service is made for.
 constexpr std::size_t kMaxSecretBytes = 16u << 20;
+// The longest line of a pipe or a file.
+constexpr std::size_t kMaxLineBytes = 64u << 10;
 // What the kernel's line editing takes of one line; it drops the rest without a word.
 constexpr std::size_t kMaxTerminalLine = 4095;
 
@@ -45,6 +47,21 @@ SecretInput readToEnd(int descriptor) {
         text.append(buffer.data(), static_cast<std::size_t>(count));
         if (text.size() > kMaxSecretBytes + 1) return problem("the value is longer than 16 MiB");
     }
+}
+
+// Byte by byte: what stands behind the line is the next reader's.
+SecretInput readFirstLine(int descriptor) {
+    std::string line;
+    line.reserve(kMaxLineBytes + 1);  // a string that grew would leave pieces of the secret in memory
+    while (line.size() <= kMaxLineBytes) {
+        char byte = 0;
+        const ssize_t count = ::read(descriptor, &byte, 1);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) return systemProblem("standard input can't be read");
+        if (count > 0) line += byte;
+        if (count == 0 || byte == '\n') return withoutFinalNewline(std::move(line));
+    }
+    return problem("the first line is longer than 64 KiB");
 }
 
 // The terminal without echo, for the life of the object.
@@ -89,6 +106,7 @@ LineEnd readLine(int terminal, int signals, std::string& line) {
         if (count < 0 && errno == EINTR) continue;
         if (count < 0) return LineEnd::Failed;
         line.append(buffer.data(), static_cast<std::size_t>(count));
+        ::explicit_bzero(buffer.data(), buffer.size());
         if (count == 0 || line.back() == '\n' || line.size() > kMaxTerminalLine) return LineEnd::Complete;
     }
 }
@@ -108,6 +126,7 @@ SecretInput readFromTerminal(int terminal, const std::string& prompt) {
     SignalPipe signals({SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP});
     if (!signals.valid()) return systemProblem("no pipe for signals");
     std::string line;
+    line.reserve(2 * kMaxTerminalLine);  // so that no piece of it is left behind
     LineEnd end;
     while ((end = promptForLine(terminal, signals.descriptor(), prompt, line)) == LineEnd::Signal) {
         line.clear();
@@ -123,6 +142,10 @@ SecretInput readFromTerminal(int terminal, const std::string& prompt) {
 
 SecretInput readSecret(const std::string& prompt) {
     return ::isatty(STDIN_FILENO) ? readFromTerminal(STDIN_FILENO, prompt) : readToEnd(STDIN_FILENO);
+}
+
+SecretInput readSecretLine(const std::string& prompt) {
+    return ::isatty(STDIN_FILENO) ? readFromTerminal(STDIN_FILENO, prompt) : readFirstLine(STDIN_FILENO);
 }
 
 }  // namespace cli

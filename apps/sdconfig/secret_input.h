@@ -1,4 +1,4 @@
-// Reads a secret from standard input: a pipe or a file up to its end, a terminal one line without echo.
+// Reads a secret from standard input; at a terminal one line, without echo.
 #pragma once
 
 #include <string>
@@ -11,7 +11,12 @@ struct SecretInput {
 };
 
 // prompt: shown on standard error, where standard input is a terminal.
-// One final newline is dropped. A signal that ends or stops the process while it reads leaves the terminal echoing.
+// A signal that ends or stops the process while it reads leaves the terminal echoing.
+
+// A pipe or a file up to its end; one final newline is dropped.
 SecretInput readSecret(const std::string& prompt);
+
+// A pipe or a file up to its first newline, which is dropped, or its end; nothing behind that is taken.
+SecretInput readSecretLine(const std::string& prompt);
 
 }  // namespace cli

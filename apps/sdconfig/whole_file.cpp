@@ -78,13 +78,19 @@ std::string readWhole(const std::string& path, std::size_t mostBytes, std::strin
     }
 }
 
-std::string writeWhole(const std::string& path, const std::string& text) {
+std::string resolveTarget(std::string& path) {
     std::error_code failure;
-    const std::string target = std::filesystem::weakly_canonical(path, failure);  // what a link stands for
+    const std::filesystem::path absolute = std::filesystem::absolute(path, failure);
+    if (!failure) path = std::filesystem::weakly_canonical(absolute, failure);
     if (failure) return failure.message();
     struct stat status {};
-    if (::stat(target.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) return "it is there and is no regular file";
+    const bool there = ::stat(path.c_str(), &status) == 0;
+    return there && !S_ISREG(status.st_mode) ? "it is there and is no regular file" : "";
+}
 
+std::string writeWhole(const std::string& path, const std::string& text) {
+    std::string target = path;
+    if (std::string problem = resolveTarget(target); !problem.empty()) return problem;
     UnfinishedFile file(target);
     if (file.write(text) && file.putInPlace(UnfinishedFile::Existing::Replace)) return "";
     return systemProblem("it can't be written");

@@ -46,10 +46,14 @@ private:
 // Makes what was created and renamed in the folder last.
 bool syncFolder(const std::string& path);
 
-// Both return what hindered them, for a person, or "".
+// They return what hindered them, for a person, or "".
 
 // path: "-" is standard input. A file of more than `mostBytes` is refused.
 std::string readWhole(const std::string& path, std::size_t mostBytes, std::string& text);
+
+// Makes the path that of the file that is to be written: the one that a link stands for, absolute. Only a regular file
+// may stand there.
+std::string resolveTarget(std::string& path);
 
 // Puts a file for the user's eyes alone in the place of what was there, whole or not at all.
 std::string writeWhole(const std::string& path, const std::string& text);

@@ -16,6 +16,7 @@ namespace test {
 namespace {
 
 using nlohmann::json;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 
 namespace fs = std::filesystem;
@@ -111,6 +112,10 @@ TEST_F(BackupTest, NothingButAWholeBackupIsRestored) {
     expectUnchanged([&] { return backup(); }, "--force");
     expectUnchanged([&] { return restore("new", {}, "open sesam\n"); }, "the passphrase does not open");
     expectUnchanged([&] { return restore("data"); }, "is not empty");
+    expectUnchanged([&] { return restore("run/..", {"--force"}); }, "no data folder");
+    ASSERT_EQ(::mkfifo(path("pipe").c_str(), 0600), 0);
+    for (const auto& [name, told] : {std::pair{"data/sdconfig.db", "in the data folder"}, {"pipe", "no regular file"}})
+        expectUnchanged([&, to = path(name)] { return cli({"backup", to, path("data"), "--force"}); }, told);
     const std::string whole = readFile(path("file"));
     for (std::size_t at = 0; at < whole.size(); at += at < 700 ? 61 : 9001) {
         std::string flipped = whole;
@@ -131,12 +136,37 @@ TEST_F(BackupTest, WithoutKeysTheFoldersOwnRingServesOrNone) {
     fill();
     EXPECT_EQ(backup({"--without-keys"}).exitCode, 0);
     expectUnchanged([&] { return restore("new", {}, ""); }, "has no key ring");
-    const json kept = json::parse(restore("data", {"--force", "--json"}, "").out);
+    const Result restored = restore("data", {"--force", "--json"}, "");
+    EXPECT_THAT(restored.err, HasSubstr("nothing proves who made it"));
+    const json kept = json::parse(restored.out);
     EXPECT_EQ(kept["keys"], "kept");
     EXPECT_EQ(readFile(path("data/sdsecurity.keys")), readFile(kept["old"].get<std::string>() + "/sdsecurity.keys"));
     EXPECT_EQ(cli({"check", path("data")}).exitCode, 0);
+    for (int i = 0; i < 4; ++i)
+        EXPECT_THAT(json::parse(restore("data", {"--force", "--json"}, "").out)["old"].get<std::string>(),
+                    EndsWith(".old"))
+            << "also where several are of the same second";
     EXPECT_THAT(restore("new", {"--without-keys"}, "").err, HasSubstr("before the service starts"));
     expectFinding(path("new"), "hold sealed values but the key ring", "restore it from the same backup");
+}
+
+TEST_F(BackupTest, ARingMadeMeanwhileIsNotForgotten) {
+    fill();
+    const std::string ring = path("data/sdsecurity.keys");
+    fs::rename(ring, path("ring"));
+    run({"sqlite3", path("data/sdconfig.db"), "PRAGMA journal_mode = DELETE"});
+    const std::string hold = "{ echo \"BEGIN EXCLUSIVE;\n.shell echo held >&2\"; while [ ! -e " + path("go") +
+                             " ]; do sleep 0.02; done; } | sqlite3 " + path("data/sdconfig.db");
+    Process holder = Process::start({"sh", "-c", hold});
+    ASSERT_TRUE(holder.waitForErr("held"));
+    Process backup = Process::start(cliCommand({"backup", path("file"), path("data")}), environment());
+    // Its folder is made after it has looked for the ring and before it waits for the database.
+    run({"sh", "-c", "until ls -d \"$0\".unfinished-*; do sleep 0.02; done", path("file")});
+    fs::rename(path("ring"), ring);
+    writeFile(path("go"), "");
+    EXPECT_EQ(backup.wait(), 1);
+    EXPECT_THAT(backup.err(), HasSubstr("a key ring was made meanwhile"));
+    EXPECT_FALSE(fs::exists(path("file")));
 }
 
 TEST_F(BackupTest, CheckNamesEachFaultAndWhatToDo) {
@@ -158,6 +188,11 @@ TEST_F(BackupTest, CheckNamesEachFaultAndWhatToDo) {
         {sql("dmhelper.db", "UPDATE dmhelperconfig SET value = '" + sealed + "'"), "the policy \"u\" of",
          "set or delete it"},
         {sql("dmhelper.db", "DROP TABLE dmhelperconfig"), "lacks its table dmhelperconfig", "from a backup"},
+        {"chmod 640 sdconfigd.lock", "others may get at", "chmod 600"},
+        {"mkfifo -m 600 dmhelper.db-wal", "dmhelper.db-wal is not a regular file", "put the file itself"},
+        {sql("sdconfig.db", "ALTER TABLE config ADD COLUMN x AS (hex(zeroblob(1e9)))"), "the table config, which no",
+         "drop it"},
+        {sql("sdconfig.db", "CREATE TRIGGER t AFTER INSERT ON config BEGIN SELECT 1; END"), "the trigger t", "drop it"},
         {sql("sdconfig.db", "UPDATE dbinfor SET value = '2'"), "has version 2", "sdconfig upgrade " + folder},
     };
     for (const auto& [damage, what, next] : cases) {
