@@ -221,8 +221,13 @@ void measureStoring(const Workplace& place, const std::string& sdconfigd, const 
     BareDatabase bare(place.path("bare.db"));
     fillBareDatabase(bare, kRows, envelope);
 
-    const auto one = [&] { return p50Microseconds(extent.calls(25), [&] { replaceRow(bare, keyOf(0), envelope); }); };
+    // Where the service waits for the disk, too: its interrupts don't come to both cpus alike.
+    const auto one = [&] {
+        const OnCpu onCpu(kServiceCpu);
+        return p50Microseconds(extent.calls(25), [&] { replaceRow(bare, keyOf(0), envelope); });
+    };
     const auto list = [&] {
+        const OnCpu onCpu(kServiceCpu);
         return p50Microseconds(extent.calls(3), [&] {
             for (int i = 0; i < kPolicies; ++i) replaceRow(bare, keyOf(i), envelope);
         });
