@@ -1,7 +1,6 @@
 #include "bench/process.h"
 
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -17,8 +16,6 @@
 #include <fstream>
 #include <utility>
 
-extern char** environ;
-
 namespace bench {
 
 namespace {
@@ -27,6 +24,11 @@ cpu_set_t currentCpus() {
     cpu_set_t cpus;
     require(::sched_getaffinity(0, sizeof cpus, &cpus) == 0, "sched_getaffinity");
     return cpus;
+}
+
+// Of a child: a measurement that fails, or is killed, leaves nothing running.
+void endWithParent() {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
 }
 
 void waitForText(int descriptor, const std::string& text) {
@@ -81,7 +83,7 @@ Process Process::fork(const Server& server, char* said) {
     const pid_t pid = ::fork();
     require(pid >= 0, "fork");
     if (pid == 0) {
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // where a measurement fails, nobody else ends it
+        endWithParent();
         ::close(ready[0]);
         ::close(end[1]);
         server(ready[1], end[0]);
@@ -98,22 +100,20 @@ Process Process::fork(const Server& server, char* said) {
 
 Process Process::start(std::vector<std::string> command, const std::string& readyWhen) {
     std::array<int, 2> err{-1, -1};
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-    if (!readyWhen.empty()) {
-        require(::pipe2(err.data(), O_CLOEXEC) == 0, "pipe2");
-        posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO);
-    }
+    if (!readyWhen.empty()) require(::pipe2(err.data(), O_CLOEXEC) == 0, "pipe2");
     std::vector<char*> arguments;
     arguments.reserve(command.size() + 1);
     for (std::string& argument : command) arguments.push_back(argument.data());
     arguments.push_back(nullptr);
-    pid_t pid = 0;
-    const int failure = ::posix_spawnp(&pid, arguments[0], &actions, nullptr, arguments.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    errno = failure;
-    require(failure == 0, arguments[0]);
+    const pid_t pid = ::fork();
+    require(pid >= 0, "fork");
+    if (pid == 0) {
+        endWithParent();
+        ::dup2(::open("/dev/null", O_WRONLY | O_CLOEXEC), STDOUT_FILENO);
+        if (err[1] >= 0) ::dup2(err[1], STDERR_FILENO);
+        ::execvp(arguments[0], arguments.data());
+        require(false, arguments[0]);
+    }
     if (err[1] >= 0) ::close(err[1]);
     if (!readyWhen.empty()) waitForText(err[0], readyWhen);
     return {pid, err[0]};

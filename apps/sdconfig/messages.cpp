@@ -74,9 +74,9 @@ int callUnanswered(const std::string& tried) {
 }
 
 int unset(const Request& request) {
-    const std::string setCommand = request.command == "get" ? "set" : "secure set";
+    const char* const command = request.command == "get" ? "set KEY VALUE" : "secure set KEY";
     return fail(kRefused, attempt(request), "not set, or set to nothing",
-                "give it a value with: sdconfig " + setCommand + " KEY VALUE");
+                std::string("give it a value with: sdconfig ") + command);
 }
 
 int unsetHere(const Request& request) {
@@ -139,7 +139,7 @@ int unfitPolicy(const Request& request, const std::string& problem) {
 
 int unfitPolicyFile(const Request& request, const std::string& problem) {
     return fail(kUsage, attemptOnFile(request), problem,
-                "nothing was changed; see docs/policy-file.md for what a file of policies holds");
+                "nothing was changed; see \"man sdconfig-policy\" for what a file of policies holds");
 }
 
 int fileNotWritten(const Request& request, const std::string& reason) {

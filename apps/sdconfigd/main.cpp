@@ -75,8 +75,14 @@ void declareOptions(CLI::App& app, Options& options) {
         ->capture_default_str();
     app.add_flag("--upgrade", options.upgrade, "Carry the database of an earlier version over before serving");
     app.add_flag("--rotate-key", options.rotateKey,
-                 "Add a key to the key ring, with which everything is sealed from now on, and end");
+                 "Add a key to the key ring, with which everything is sealed from now on, and end")
+        ->excludes("--upgrade")
+        ->excludes("--constants")
+        ->excludes("--product-dir");
     app.set_version_flag("--version", "sdconfigd " SDCONFIG_VERSION);
+    app.footer(
+        "Exit codes: 0 ended as told, 1 can't serve, 2 wrong use.\n"
+        "Example: sdconfigd --data-dir ~/.local/share/sdconfig");
 }
 
 // The upgrade of the store itself, whose connection is closed again before the service opens its own.
