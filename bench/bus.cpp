@@ -11,6 +11,7 @@
 
 #include "bench/comparison.h"
 #include "bench/echo.h"
+#include "bench/service.h"
 #include "libsdconfig/sdconfig.h"
 #include "platform/velmarlog/velmarlog.h"
 
@@ -39,9 +40,7 @@ private:
 Echo getProperty(const Workplace& place, const std::string& sdconfigd, const Cpus& cpus) {
     const OnCpu onCpu(cpus.server);
     Echo echo{"GetProperty", {}, [] { return std::make_unique<GetPropertyCaller>(); }};
-    echo.servers.push_back(Process::start(
-        {sdconfigd, "--data-dir", place.path("data"), "--product-dir", place.path("data"), "--log-level", "7"},
-        "ready"));
+    echo.servers.push_back(Process::start(serviceCommand(sdconfigd, place.path("data")), kReady));
     return echo;
 }
 

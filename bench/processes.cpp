@@ -31,8 +31,6 @@ struct Programs {
     std::string client;
 };
 
-constexpr char kReady[] = "ready";
-
 double millisecondsOf(const std::function<void()>& work) {
     const auto start = Clock::now();
     work();

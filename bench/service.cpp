@@ -13,8 +13,6 @@ namespace bench {
 
 namespace {
 
-constexpr char kReady[] = "ready";
-
 // By the product's own sealing, but in one transaction: the store commits each value durably, which takes minutes.
 void insertSecureValues(const std::string& dataFolder, int count) {
     sd::SDSecurity& security = *sd::SDSecurity::GetInstance();

@@ -8,6 +8,9 @@
 
 namespace bench {
 
+// What sdconfigd, and the programs that are measured beside it, say on standard error once they can be used.
+inline constexpr char kReady[] = "ready";
+
 // The keys that are there, from 0, and what each of them has.
 std::string keyOf(int index);
 const std::string& storedValue();  // 64 bytes
