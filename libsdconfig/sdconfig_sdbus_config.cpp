@@ -15,6 +15,8 @@ namespace sd {
 namespace {
 constexpr char kTag[] = "sdconfig";
 constexpr char kSource[] = "sdconfig_sdbus";
+
+constexpr int kMostPairs = 500'000;  // no message holds more, whatever it says of itself
 }  // namespace
 
 // ---- Requests ----
@@ -49,7 +51,7 @@ bool SDConfigClient::GetAllProperties(std::map<std::string, std::string>& proper
         LOG(7, AT "error reply: type=%d", HERE, answer.type());
         return false;
     }
-    const int count = std::min(answer->getInt32(0), protocol::kMaxElements);
+    const int count = std::min(answer->getInt32(0), kMostPairs);
     for (int pair = 0; pair < count; ++pair)
         properties[answer->getString(1 + 2 * pair)] = answer->getString(2 + 2 * pair);
     return true;

@@ -37,8 +37,8 @@ public:
 
     // Writes the value sealed, in place of what stood there. The bytes up to the first zero byte are read as Latin-1
     // and kept as UTF-8, so that a non-ASCII value reads back in that doubled form. An empty value is kept as an empty
-    // row. False, with what stood there unchanged, when the value can't be sealed or stored or the key holds a zero
-    // byte.
+    // row. False, with the value that stood there kept, when the value can't be sealed or stored or the key holds a
+    // zero byte.
     bool SetSecure(const std::string& key, const std::string& value);
 
     // The effective value: what the policy store makes of the key's policy and the stored value.

@@ -28,7 +28,8 @@ public:
     // so that an update of the product shows at once.
     std::string GetProperty(const std::string& key);
 
-    // False for a key that begins with "ro." and has a value. What is set lasts until the process ends.
+    // False for a key that begins with "ro." and has a value, and for what is longer than a key of 64 KiB or a value of
+    // 16 MiB. What is set lasts until the process ends.
     bool SetProperty(const std::string& key, const std::string& value);
 
     // False for a key that begins with "ro." or that isn't there.

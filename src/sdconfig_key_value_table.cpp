@@ -1,7 +1,5 @@
 #include "src/sdconfig_key_value_table.h"
 
-#include "src/sdconfig_helpers.h"
-
 namespace sd::key_value {
 
 namespace {
@@ -27,7 +25,6 @@ bool create(data::SQLiteTable& table) {
 }
 
 std::string get(data::SQLiteTable& table, const std::string& key) {
-    if (key.size() > kKeyBytesMax) return "";  // none such was kept
     std::vector<data::TableRow> rows;
     if (!table.select(field(table, kKey, key), field(table, kValue), rows) || rows.empty()) return "";
     return rows.front().front().text;

@@ -242,7 +242,7 @@ bool SDConfigInterface::deleteSecure(Call& call) {
         LOG(7, AT "error size", DISPATCH);
         return true;
     }
-    if (effective.empty()) {
+    if (effective.empty()) {  // a store that weighs policies never answers so: it has an entry for an unset key, too
         LOG(6, AT "dm and config are empty, the key is %s", DISPATCH, key.c_str());
         DMChanged(key, "", strong);
         announceSecure(call, key, "");
@@ -291,7 +291,7 @@ bool SDConfigInterface::registerListener(Call& call) {
 }
 
 bool SDConfigInterface::unregisterListener(Call& call) {
-    const bool ok = UnRegisterListener(call.request->getString(0), false);
+    const bool ok = UnRegisterListener(call.request->getString(0), call.request->getBool(1));
     if (!ok) LOG(7, AT "registerListener error", DISPATCH);
     replyBool(call, ok);
     return true;

@@ -5,8 +5,9 @@
 
 namespace apps {
 
-// The application's data folder of the user, for the name "sdconfig", which becomes this process's application name.
-// "" where there is none.
+// The user's data folder of the application "sdconfig", which becomes this process's application name: in
+// $XDG_DATA_HOME, else in ~/.local/share. Relative paths count for nothing, and where HOME names no folder the system's
+// list of users does. "" where that has none either.
 std::string defaultDataFolder();
 
 }  // namespace apps

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "apps/common/data_files.h"
 #include "apps/common/sqlite_handles.h"
 #include "apps/common/temporary_folder.h"
 
@@ -135,8 +136,18 @@ public:
     }
 
 private:
-    // Why it is no file that can be read; "" where it is one. Takes its journal mode over from its header.
+    // Why it is none that can be read; "" where it is one. SQLite would wait at a pipe beside it for ever.
     std::string unfit() {
+        for (const char* suffix : kDatabaseSuffixes) {
+            struct stat status {};
+            if (::stat((mPath + suffix).c_str(), &status) == 0 && !S_ISREG(status.st_mode))
+                return std::string(suffix) + " is not a regular file";
+        }
+        return unfitFile();
+    }
+
+    // The same of the database itself. Takes its journal mode over from its header.
+    std::string unfitFile() {
         const int descriptor = ::open(mPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
         if (descriptor < 0)
             return errno == ENOENT ? " is not there" : std::string(" can't be read: ") + std::strerror(errno);

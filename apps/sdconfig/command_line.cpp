@@ -22,6 +22,7 @@ struct Argument {
     bool Request::*given = nullptr;  // where it may be left out: whether it was there
     bool mayBeEmpty = false;
     std::vector<std::string> Request::*intoAll = nullptr;  // where several may stand
+    std::string (*fault)(const std::string&) = nullptr;    // what is wrong with it, or ""
 };
 
 struct Flag {
@@ -60,6 +61,24 @@ struct Command {
 
 namespace {
 
+// What is not there, or is something else.
+std::string notOfType(std::filesystem::file_type wanted, const char* name, const std::string& path) {
+    std::error_code failure;
+    const auto found = std::filesystem::status(path, failure).type();
+    if (path.empty()) return apps::notEmpty(path);
+    if (found == wanted) return "";
+    const bool hidden = found == std::filesystem::file_type::none;
+    return hidden ? quoted(path) + ": " + failure.message() : std::string("there is no ") + name + " " + quoted(path);
+}
+
+std::string notAFolder(const std::string& path) {
+    return notOfType(std::filesystem::file_type::directory, "folder", path);
+}
+
+std::string notAFile(const std::string& path) {
+    return notOfType(std::filesystem::file_type::regular, "file", path);
+}
+
 constexpr Argument kKey{"KEY", "The key, never empty", &Request::key};
 constexpr Argument kName{"NAME", "The constant's name", &Request::key};
 constexpr Argument kValue{"VALUE", "The value; \"\" for an empty one", &Request::value, nullptr, true};
@@ -94,10 +113,16 @@ constexpr Argument kKeys{"KEY", "The keys, 122 at most", nullptr, nullptr, false
 constexpr Argument kDataOf{"DATA-DIR",
                            "The service's data folder; left out, it is where the running service has its data, else "
                            "the user's",
-                           &Request::key, &Request::keyGiven};
+                           &Request::key,
+                           &Request::keyGiven,
+                           false,
+                           nullptr,
+                           notAFolder};
 constexpr Argument kBackup{"FILE", "The backup", &Request::file};
+constexpr Argument kMadeBackup{"FILE", "The backup", &Request::file, nullptr, false, nullptr, notAFile};
 constexpr Argument kRestored{"DATA-DIR", "The folder that the data is put into", &Request::key};
-constexpr Argument kDataFolder{"DATA-DIR", "The folder of the database and the key ring", &Request::key};
+constexpr Argument kDataFolder{
+    "DATA-DIR", "The folder of the database and the key ring", &Request::key, nullptr, false, nullptr, notAFolder};
 constexpr Flag kReport{"--dry-run", "Change nothing; print what the database holds and what would be copied",
                        &Request::dryRun};
 constexpr Flag kForce{"--force", "Copy, whatever version the database says it has", &Request::force};
@@ -306,7 +331,7 @@ const std::vector<Command>& commands() {
          "restore",
          "Puts a backup in the place of a data folder",
          "sdconfig restore /backups/sdconfig.monday ~/.local/share/sdconfig --force",
-         {kBackup, kRestored},
+         {kMadeBackup, kRestored},
          {kReplace, kIgnoreKeys},
          {},
          restoreData,
@@ -364,11 +389,6 @@ bool holdsEmpty(const Request& request, const Argument& argument) {
     return std::any_of(all.begin(), all.end(), [](const std::string& one) { return one.empty(); });
 }
 
-std::string notAFolder(const std::string& path) {
-    std::error_code failure;
-    return std::filesystem::is_directory(path, failure) ? "" : "there is no folder " + quoted(path);
-}
-
 // The option's name alone: what follows it may be a secret.
 std::string optionName(const std::string& argument) {
     return argument.compare(0, 2, "--") == 0 ? argument.substr(0, argument.find('=')) : argument.substr(0, 2);
@@ -402,12 +422,12 @@ void CommandLine::add(const Command& command) {
                                   ? app->add_option(argument.name, mRequest.*argument.intoAll, argument.help)
                                   : app->add_option(argument.name, mRequest.*argument.into, argument.help);
         option->required(argument.given == nullptr)->type_name("");
+        if (argument.fault) option->check(argument.fault);
     }
     for (const Flag& flag : command.flags) app->add_flag(flag.name, mRequest.*flag.into, flag.help);
     for (const ValueOption& value : command.options) {
         CLI::Option* option = app->add_option(value.name, mRequest.*value.into, value.help)->type_name(value.type);
-        option->check(apps::notEmpty);
-        if (std::string(value.type) == "DIR") option->check(notAFolder);
+        option->check(std::string(value.type) == "DIR" ? notAFolder : apps::notEmpty);
         if (value.needs[0]) option->needs(app->get_option(value.needs));
     }
     app->callback([this, app, &command] {

@@ -18,17 +18,23 @@ bool isSameFolder(const std::string& one, const std::string& other) {
 
 }  // namespace
 
-DataAccess accessData(const Request& request, const Service& service) {
+DataAccess findData(const Request& request, const Service& service) {
     DataAccess access;
     const bool running = service.listening();
     const std::string ofService = running ? service.dataFolder() : "";
     if (!request.dataDir.empty() && !ofService.empty() && !isSameFolder(request.dataDir, ofService)) {
-        access.exitCode = otherDataFolder(request, ofService);
+        access.ofService = ofService;
         return access;
     }
     std::string folder = request.dataDir.empty() ? ofService : request.dataDir;
     if (folder.empty() && !running) folder = apps::defaultDataFolder();
     if (!folder.empty()) access.reader.emplace(std::filesystem::absolute(folder).lexically_normal());
+    return access;
+}
+
+DataAccess accessData(const Request& request, const Service& service) {
+    DataAccess access = findData(request, service);
+    if (!access.ofService.empty()) access.exitCode = otherDataFolder(request, access.ofService);
     return access;
 }
 

@@ -15,10 +15,12 @@ class Service;
 // user named or the user's usual one.
 struct DataAccess {
     std::optional<apps::DataReader> reader;
-    int exitCode = 0;  // where the user named another folder than the running service's: kUsage, and it was told
+    std::string ofService;  // where the user named another folder than the running service's: that one
+    int exitCode = 0;       // kUsage then, where it was told
 };
 
-DataAccess accessData(const Request& request, const Service& service);
+DataAccess findData(const Request& request, const Service& service);    // tells nothing
+DataAccess accessData(const Request& request, const Service& service);  // tells
 
 // The same for a command whose argument is the folder: the one that was named counts, whoever serves it. Without a
 // reader it was told why.

@@ -72,15 +72,15 @@ Check checkSocket(const std::string& path, const struct stat& status, bool liste
         return {kSocket, path + " belongs to user " + std::to_string(status.st_uid), "remove it"};
     if (status.st_mode & kOthers) return {kSocket, "others may get at " + path, "chmod 600 " + path};
     if (!listening)
-        return {kSocket, path + " was left by a service that was killed; the next one replaces it", kHowToStart};
+        return {kSocket, path + " was left by a service that was killed; the next one replaces it", howToStart()};
     return {kSocket, path, ""};
 }
 
 Check checkService(const Service& service, const Probe& probe) {
-    if (!probe.listening) return {kService, "it is not running", kHowToStart};
+    if (!probe.listening) return {kService, "it is not running", howToStart()};
     const int id = service.processId();
     const std::string process = id > 0 ? "process " + std::to_string(id) : "whoever listens there";
-    if (!probe.answered) return {kService, process + " " + probe.how, kHowToRestart};
+    if (!probe.answered) return {kService, process + " " + probe.how.what, probe.how.next};
     return {kService, process + " answers in " + std::to_string(probe.roundTrip.count()) + " us", ""};
 }
 

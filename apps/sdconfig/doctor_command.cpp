@@ -34,9 +34,7 @@ Object objectOf(const Check& check) {
 
 int diagnoseService(const Request& request, Service& service) {
     const Probe probe = service.probe();
-    const DataAccess access = accessData(request, service);
-    if (access.exitCode) return access.exitCode;
-
+    const DataAccess access = findData(request, service);
     Checks checks = checkBus(service, probe);
     checks.push_back(checkVersions(service));
     checks.push_back(checkEnvironment(service));

@@ -59,6 +59,8 @@ Check checkRoom(const std::string& folder) {
 }  // namespace
 
 Checks checkDataFolder(const DataAccess& access) {
+    if (!access.ofService.empty())
+        return {{kFolder, "the running service keeps its data in " + access.ofService, "leave out --data-dir"}};
     if (!access.reader)
         return {{kFolder, "the system does not tell where the service keeps its data", "name it with --data-dir"}};
     const std::string& folder = access.reader->folder();

@@ -68,23 +68,25 @@ Check checkVersions(const Service& service) {
     const std::string library = loadedLibrary(process);
     const std::string all = seen + ", the service's " + versionOf(library);
     if (wasReplaced(process, library))
-        return {kVersions, all + "; the service runs files that were replaced since", kHowToRestart};
+        return {kVersions, all + "; the service runs files that were replaced since", howToRestart()};
     if (!library.empty() && versionOf(library) != versionOf(own))
-        return {kVersions, all + " (" + library + ")",
-                "install both from one package, and " + std::string(kHowToRestart)};
+        return {kVersions, all + " (" + library + ")", "install both from one package, and " + howToRestart()};
     return {kVersions, all, ""};
 }
 
 Check checkEnvironment(const Service& service) {
-    static constexpr std::array kNames{"HOME", "XDG_RUNTIME_DIR", "XDG_DATA_HOME", "CREDENTIALS_DIRECTORY"};
+    static constexpr char kRuntime[] = "XDG_RUNTIME_DIR";  // has a check of its own
+    static constexpr std::array kNames{"HOME", kRuntime, "XDG_DATA_HOME", "CREDENTIALS_DIRECTORY"};
     std::string seen;
     for (const char* name : kNames) {
         const char* const value = std::getenv(name);
         if (!value) continue;
         seen += (seen.empty() ? "" : ", ") + std::string(name) + "=" + value;
-        if (*value && *value != '/')
-            return {kEnvironment, std::string(name) + " is no absolute path", std::string("unset ") + name};
+        if (name != kRuntime && *value != '/')
+            return {kEnvironment, std::string(name) + " is no absolute path and counts for nothing",
+                    std::string("unset ") + name};
     }
+    if (!std::getenv("HOME")) seen += (seen.empty() ? "" : ", ") + std::string("HOME is not set");
     const char* const own = std::getenv("CREDENTIALS_DIRECTORY");
     const auto ofService = variableOf(std::to_string(service.processId()), "CREDENTIALS_DIRECTORY");
     if (ofService && (!own || *ofService != own))

@@ -1,11 +1,11 @@
 #include <array>
 #include <cstdio>
-#include <cstdlib>
 #include <map>
 #include <memory>
 #include <sstream>
 
 #include "apps/sdconfig/doctor_checks.h"
+#include "apps/sdconfig/messages.h"
 
 namespace cli {
 
@@ -16,12 +16,6 @@ constexpr char kSocketUnit[] = "sdconfigd.socket";
 constexpr char kServiceUnit[] = "sdconfigd.service";
 
 using Properties = std::map<std::string, std::string>;
-
-// Root's own service stands in /run and belongs to the system's manager.
-std::string systemctl() {
-    const char* const runtime = std::getenv("XDG_RUNTIME_DIR");
-    return runtime && std::string(runtime) == "/run" ? "systemctl" : "systemctl --user";
-}
 
 std::string outputOf(const std::string& command) {
     const auto close = [](FILE* pipe) { ::pclose(pipe); };

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cstdlib>
 #include <string_view>
 
 namespace cli {
@@ -12,7 +13,7 @@ namespace {
 constexpr std::size_t kMaxQuoted = 200;
 constexpr std::size_t kMaxLine = 2000;
 
-constexpr char kSeeItsLog[] = "its log tells why: journalctl --user -u sdconfigd";
+constexpr char kSeeVersions[] = "see whether its version is another: sdconfig doctor";
 
 std::string cut(std::string_view text, std::size_t most) {
     return text.size() <= most ? std::string(text) : std::string(text.substr(0, most)) + "...";
@@ -30,6 +31,15 @@ int failUse(const std::string& command, const std::string& happened, const std::
                 hint + "see: sdconfig" + space + command + " --help");
 }
 
+bool isRootsService() {
+    const char* const runtime = std::getenv("XDG_RUNTIME_DIR");
+    return runtime && std::string_view(runtime) == "/run";
+}
+
+std::string seeItsLog() {
+    return std::string("its log tells why: journalctl ") + (isRootsService() ? "" : "--user ") + "-u sdconfigd";
+}
+
 bool readOnly(const std::string& key) {
     return key.compare(0, 3, "ro.") == 0;
 }
@@ -43,6 +53,18 @@ int fail(ExitCode code, const std::string& tried, const std::string& happened, c
 
 void note(const std::string& text) {
     printLine("note: " + text);
+}
+
+std::string systemctl() {
+    return isRootsService() ? "systemctl" : "systemctl --user";
+}
+
+std::string howToStart() {
+    return "start it with: " + systemctl() + " start sdconfigd, or: sdconfigd";
+}
+
+std::string howToRestart() {
+    return "restart it with: " + systemctl() + " restart sdconfigd";
 }
 
 std::string quoted(const std::string& text) {
@@ -61,16 +83,20 @@ int notRunning(const std::string& tried, const std::string& socketPath) {
     if (socketPath.empty())
         return fail(kNoService, tried, "there is no fit runtime folder to look for the service in",
                     "set XDG_RUNTIME_DIR to a folder that is yours and has mode 0700");
-    return fail(kNoService, tried, "the service is not running (nothing listens on " + socketPath + ")", kHowToStart);
+    return fail(kNoService, tried, "the service is not running (nothing listens on " + socketPath + ")", howToStart());
 }
 
-int noAnswer(const std::string& tried, const std::string& how, const std::string& socketPath) {
-    return fail(kNoService, tried, "the service on " + socketPath + " " + how, kHowToRestart);
+int noAnswer(const std::string& tried, const Problem& problem, const std::string& socketPath) {
+    return fail(kNoService, tried, "the service on " + socketPath + " " + problem.what, problem.next);
 }
 
 int callUnanswered(const std::string& tried) {
     return fail(kNoService, tried, "the service gave this call no answer, though it answers others",
-                "see whether its version is another: sdconfig doctor; " + std::string(kSeeItsLog));
+                std::string(kSeeVersions) + "; " + seeItsLog());
+}
+
+int answerUnreadable(const std::string& tried) {
+    return fail(kNoService, tried, "the service's answer is none that this version can read", kSeeVersions);
 }
 
 int unset(const Request& request) {
@@ -90,14 +116,14 @@ int noSuchConst(const Request& request) {
 }
 
 int notSigned(const Request& request) {
-    return fail(kRefused, attempt(request), "the service gave no signature", kSeeItsLog);
+    return fail(kRefused, attempt(request), "the service gave no signature", seeItsLog());
 }
 
 int setRefused(const Request& request) {
     if (readOnly(request.key))
         return fail(kRefused, attempt(request), "a key that begins with \"ro.\" is read-only once it has a value",
                     "see what it holds with: sdconfig get KEY");
-    return fail(kRefused, attempt(request), "the service refused the value", kSeeItsLog);
+    return fail(kRefused, attempt(request), "the service refused the value", seeItsLog());
 }
 
 int deleteRefused(const Request& request) {
@@ -108,7 +134,7 @@ int deleteRefused(const Request& request) {
 }
 
 int secureWriteRefused(const Request& request) {
-    return fail(kRefused, attempt(request), "the service could not store it", kSeeItsLog);
+    return fail(kRefused, attempt(request), "the service could not store it", seeItsLog());
 }
 
 int policyUnset(const Request& request) {
@@ -117,11 +143,11 @@ int policyUnset(const Request& request) {
 }
 
 int policyRefused(const Request& request) {
-    return fail(kRefused, attempt(request), "the service could not store the change", kSeeItsLog);
+    return fail(kRefused, attempt(request), "the service could not store the change", seeItsLog());
 }
 
 int policiesRefused(const Request& request) {
-    return fail(kRefused, attempt(request), "not every policy reads back as it was sent", kSeeItsLog);
+    return fail(kRefused, attempt(request), "not every policy reads back as it was sent", seeItsLog());
 }
 
 int notClearedUnasked(const Request& request) {
@@ -181,7 +207,7 @@ int otherDataFolder(const Request& request, const std::string& folder) {
 
 int nothingToReadFrom(const Request& request, const std::string& problem) {
     return fail(kNoService, attempt(request), "the service is not running, and its data can't be read: " + problem,
-                kHowToStart);
+                howToStart());
 }
 
 void noteDataNotRead(const std::string& problem) {
@@ -203,7 +229,7 @@ int valuesUnreadable(const Request& request, const std::string& problem) {
 }
 
 int notRegistered(const Request& request) {
-    return fail(kRefused, attempt(request), "the service did not take the registration", kSeeItsLog);
+    return fail(kRefused, attempt(request), "the service did not take the registration", seeItsLog());
 }
 
 int notUpgraded(const Request& request, const std::string& problem, const std::string& next) {

@@ -17,9 +17,19 @@ enum ExitCode : int {
     kNoService = 3,  // no service, or no answer from it
 };
 
+struct Problem {
+    std::string what;  // for a person; "": there is none
+    std::string next;  // what to do about it
+
+    explicit operator bool() const { return !what.empty(); }
+};
+
+// Root's own service stands in /run and belongs to the system's manager, a user's to the user's.
+std::string systemctl();  // the command, with the option that it takes
+
 // What to do about a service that isn't there, and one that is not well.
-inline constexpr char kHowToStart[] = "start it with: systemctl --user start sdconfigd, or: sdconfigd";
-inline constexpr char kHowToRestart[] = "restart it with: systemctl --user restart sdconfigd";
+std::string howToStart();
+std::string howToRestart();
 
 // Prints the line and returns `code`.
 int fail(ExitCode code, const std::string& tried, const std::string& happened, const std::string& next);
@@ -36,8 +46,9 @@ std::string attemptOnFile(const Request& request);  // with its file: backup "f"
 
 // The service.
 int notRunning(const std::string& tried, const std::string& socketPath);
-int noAnswer(const std::string& tried, const std::string& how, const std::string& socketPath);
+int noAnswer(const std::string& tried, const Problem& problem, const std::string& socketPath);
 int callUnanswered(const std::string& tried);  // this call only
+int answerUnreadable(const std::string& tried);
 
 // What a command found.
 int unset(const Request& request);
@@ -91,12 +102,6 @@ int rowsLost(const Request& request, std::size_t count);
 void noteNotSealed(std::size_t count);
 
 // Backups.
-struct Problem {
-    std::string what;  // for a person; "": there is none
-    std::string next;  // what to do about it
-
-    explicit operator bool() const { return !what.empty(); }
-};
 Problem interrupted();
 int noDataFolder(const Request& request);
 int notChecked(const Request& request);

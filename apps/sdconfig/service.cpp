@@ -8,7 +8,6 @@
 #include <thread>
 
 #include "apps/common/smallest_call.h"
-#include "apps/sdconfig/messages.h"
 #include "platform/sdbus/sdbus.h"
 #include "platform/velmarlog/velmarlog.h"
 #include "src/sdconfig_protocol.h"
@@ -27,18 +26,30 @@ constexpr auto kStartPoll = 50ms;
 constexpr char kPolicyDatabase[] = "dmhelper.db";
 
 constexpr int kAllLines = 5;
+constexpr int kWarningLines = 6;
 constexpr int kErrorLines = 7;
 
-std::string howItFailed(int errorType) {
-    switch (errorType) {
+constexpr char kBusTag[] = "sdbus";
+
+// Of the smallest call: one string.
+bool isAnswer(const SDBusMessage& reply) {
+    return reply.type() == sd::protocol::kMethodReply && reply.signature() == "s";
+}
+
+Problem howItFailed(const SDBusMessage& reply) {
+    if (reply.type() == sd::protocol::kMethodReply)
+        return {"answers in a way that this version can't read",
+                "install both from one package, and " + howToRestart()};
+    switch (reply.getErrorType()) {
         case SDBusTimeout:
-            return "did not answer within 5 s";
+            return {"did not answer within 5 s", howToRestart()};
         case SDBusPeerLost:
-            return "went away before it answered";
+            return {"went away before it answered", howToRestart()};
         case SDBusUnreachable:
-            return "can't be reached";
+            return {"ends each connection before a call can be made: it is overrun, or something else listens there",
+                    "end what else listens there, and " + howToRestart()};
         default:
-            return "did not give an answer that makes sense";
+            return {"did not give an answer that makes sense", howToRestart()};
     }
 }
 
@@ -54,7 +65,8 @@ std::string plainStart(const std::string& argument) {
 }  // namespace
 
 // Takes the library's log lines: shows them on standard error when asked to, and notes a line that tells that the call
-// in hand got no answer. Such a line can hold a secret value, so it is shown at no other time.
+// in hand got no answer, or one that can't be read. Such a line can hold a secret value, so it is shown at no other
+// time.
 class LogWatch {
 public:
     explicit LogWatch(bool show) : mShow(show) {}
@@ -63,6 +75,7 @@ public:
         const std::lock_guard lock(mMutex);
         mFailureText = std::move(failureText);
         mFailed = false;
+        mUnreadable = false;
     }
 
     bool failed() const {
@@ -70,10 +83,16 @@ public:
         return mFailed;
     }
 
+    bool unreadable() const {
+        const std::lock_guard lock(mMutex);
+        return mUnreadable;
+    }
+
     void take(int level, const std::string& tag, const std::string& line) {
         if (mShow) print(level, tag, line);
         const std::lock_guard lock(mMutex);
         if (level == kErrorLines && tag == sd::protocol::kServiceName && tellsFailure(line)) mFailed = true;
+        if (level == kWarningLines && tag == kBusTag && tellsOtherKind(line)) mUnreadable = true;
     }
 
 private:
@@ -87,14 +106,20 @@ private:
         return holds("no sdconfig client!!!") || (holds("error reply: type=") && holds(mFailureText));
     }
 
+    // The bus layer reads an argument of another kind than was asked for as nothing, and says so.
+    static bool tellsOtherKind(const std::string& line) {
+        return line.find("argument ") != std::string::npos && line.find(", not ") != std::string::npos;
+    }
+
     const bool mShow;
     mutable std::mutex mMutex;
     std::string mFailureText;
     bool mFailed = false;
+    bool mUnreadable = false;
 };
 
 Service::Service(const Request& request) : mRequest(request), mLog(std::make_shared<LogWatch>(request.verbose)) {
-    velmarLogSetLevel(request.verbose ? kAllLines : kErrorLines);
+    velmarLogSetLevel(request.verbose ? kAllLines : kWarningLines);
     velmarLogSetSink(
         [log = mLog](int level, const char* tag, const std::string& line) { log->take(level, tag, line); });
     mBus = SDBusSerivceManager::initSync(-1);
@@ -110,11 +135,11 @@ Probe Service::probe() const {
     const auto call = [&proxy] { return apps::smallestCall(*proxy, sd::protocol::kCallTimeoutMs); };
     auto reply = call();  // connects as well
     const auto began = Clock::now();
-    if (reply->type() == sd::protocol::kMethodReply) reply = call();
+    if (isAnswer(*reply)) reply = call();
     probe.roundTrip = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - began);
-    probe.answered = reply->type() == sd::protocol::kMethodReply;
-    probe.listening = reply->getErrorType() != SDBusUnreachable;
-    probe.how = howItFailed(reply->getErrorType());
+    probe.answered = isAnswer(*reply);
+    probe.listening = reply->getErrorType() != SDBusUnreachable || listening();
+    if (!probe.answered) probe.how = howItFailed(*reply);
     return probe;
 }
 
@@ -145,11 +170,18 @@ void Service::beginCall(const std::string& words) {
 }
 
 int Service::endCall(bool failureValue) {
+    if (mLog->unreadable()) return answerUnreadable(attempt(mRequest));
     if (!failureValue || !mLog->failed()) return kDone;
     const Probe after = probe();
     if (!after.listening) return notRunning(attempt(mRequest), socketPath());
     if (!after.answered) return noAnswer(attempt(mRequest), after.how, socketPath());
     return callUnanswered(attempt(mRequest));
+}
+
+bool Service::answersWithCount(const char* method) const {
+    const auto proxy = mBus->getServiceProxyInterface(sd::protocol::kServiceName, SDBusSameUser, 1);
+    const auto reply = proxy->callWithReplyBlocking(proxy->makeMethodCallMessage(method), sd::protocol::kCallTimeoutMs);
+    return reply->signature().find('y') == 0;
 }
 
 bool Service::listening() const {

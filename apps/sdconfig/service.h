@@ -6,6 +6,7 @@
 #include <string>
 #include <utility>
 
+#include "apps/sdconfig/messages.h"
 #include "apps/sdconfig/request.h"
 
 class SDBusSerivceManager;
@@ -18,7 +19,7 @@ class LogWatch;
 struct Probe {
     bool listening = false;  // somebody listens under the service's name
     bool answered = false;
-    std::string how;  // where it did not answer: what it did instead
+    Problem how;  // where it did not answer: what it did instead
     std::chrono::microseconds roundTrip{};
 };
 
@@ -58,6 +59,9 @@ public:
         const bool failureValue = result == decltype(result){};
         return {std::move(result), endCall(failureValue)};
     }
+
+    // Whether the answer to the method, which takes no arguments, begins with a count: one that has none reads as none.
+    bool answersWithCount(const char* method) const;
 
     // Whether somebody listens, without waiting or a word.
     bool listening() const;

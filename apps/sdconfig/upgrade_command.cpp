@@ -102,14 +102,12 @@ Object reportObject(const Request& request, const UpgradePlan& plan, const Outco
 
 // The exit code kDone where the folder is one to work in; else it was told why not.
 int checkFolder(const Request& request, const std::string& folder, const std::string& database) {
-    const char* const kNameIt = "name the folder that holds sdconfig.db";
     struct stat status {};
-    if (::stat(folder.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
-        return notUpgraded(request, "there is no folder " + folder, kNameIt);
     // The files made here would be ours, and the service of the other user could not use them.
-    if (status.st_uid != ::geteuid())
+    if (::stat(folder.c_str(), &status) == 0 && status.st_uid != ::geteuid())
         return notUpgraded(request, folder + " belongs to another user", "upgrade it as that user");
-    if (::lstat(database.c_str(), &status) != 0) return notUpgraded(request, database + " is not there", kNameIt);
+    if (::lstat(database.c_str(), &status) != 0)
+        return notUpgraded(request, database + " is not there", "name the folder that holds sdconfig.db");
     return kDone;
 }
 

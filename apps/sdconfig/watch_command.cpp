@@ -203,7 +203,7 @@ private:
         // Each call on a service that hangs takes 5 s: one more of them is enough.
         const Probe probe = mService.probe();
         mAnswers = probe.answered;
-        if (!mAnswers && probe.listening && !std::exchange(mHangs, true)) noteServiceHangs(probe.how);
+        if (!mAnswers && probe.listening && !std::exchange(mHangs, true)) noteServiceHangs(probe.how.what);
         if (!mAnswers) return false;
         for (const std::string& key : mKeys) {
             if (mUnregistered.count(key) != 0 || policies().IsAllConfigsAlreadyListened({key})) continue;

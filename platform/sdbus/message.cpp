@@ -211,6 +211,14 @@ std::optional<Arguments> decodeArguments(sd_bus_message* message) {
     }
 }
 
+std::string kindsOf(const Arguments& arguments) {
+    static constexpr char kLetters[] = "?yibs";  // in the order of the variant's kinds
+    static_assert(std::variant_size_v<Argument> == sizeof kLetters - 1);
+    std::string kinds;
+    for (const Argument& argument : arguments) kinds += kLetters[argument.index()];
+    return kinds;
+}
+
 std::optional<WirePlan> WirePlan::make(const Arguments& arguments) {
     if (arguments.size() > wire::kArgumentsMax) return std::nullopt;
     WirePlan plan;

@@ -23,6 +23,9 @@ using Arguments = std::vector<Argument>;
 // message is malformed or has more arguments than wire::kArgumentsMax.
 std::optional<Arguments> decodeArguments(sd_bus_message* message);
 
+// The kinds of arguments, a letter each, as SDBusMessage::signature() has them.
+std::string kindsOf(const Arguments& arguments);
+
 // How arguments travel: worked out once, used for each peer that gets them.
 class WirePlan {
 public:

@@ -63,6 +63,10 @@ int SDBusMessage::type() const {
 int SDBusMessage::getErrorType() const {
     return mErrorType;
 }
+std::string SDBusMessage::signature() const {
+    const auto* own = dynamic_cast<const Message*>(this);
+    return own ? sdbus::kindsOf(own->arguments()) : "";
+}
 
 SDBusEventCallback::SDBusEventCallback(Function function) : mFunction(std::move(function)) {}
 SDBusEventCallback::~SDBusEventCallback() = default;

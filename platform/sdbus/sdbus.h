@@ -46,6 +46,10 @@ public:
     int type() const;                // 1 call, 2 reply, 3 error, 4 event
     int getErrorType() const;        // SDBusErrorType; 0 unless type() is 3
 
+    // For tools that look whether the other end means the same: the kinds of the arguments, a letter each. y is int8,
+    // i int32, b bool, s string, ? another one.
+    std::string signature() const;
+
 protected:
     SDBusMessage(int type, std::string name, int errorType);
     SDBusMessage(const SDBusMessage&) = delete;

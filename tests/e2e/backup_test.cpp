@@ -201,7 +201,7 @@ TEST_F(BackupTest, CheckNamesEachFaultAndWhatToDo) {
         run({"sh", "-c", "cd \"$0\" && " + damage, folder});
         expectFinding(folder, what, next);
     }
-    EXPECT_THAT(cli({"check", path("nowhere")}).out, HasSubstr("nowhere; next: name the folder"));
+    EXPECT_THAT(cli({"check"}).out, HasSubstr(path("home/sdconfig") + "; next: name the folder"));
 }
 
 }  // namespace

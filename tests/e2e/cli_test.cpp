@@ -1,7 +1,10 @@
 // The command line against the real service: what it prints, where, and with which exit code.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
@@ -9,7 +12,9 @@
 #include <iterator>
 #include <nlohmann/json.hpp>
 #include <sstream>
+#include <thread>
 
+#include "platform/sdbus/sdbus.h"
 #include "tests/e2e/sandbox.h"
 
 namespace test {
@@ -46,6 +51,23 @@ json object(const Result& result) {
     EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'), 1) << result.out;
     return json::parse(result.out, nullptr, false);
 }
+
+// Answers each call but one with nothing, or a number.
+class OtherVersion : public SDBusServiceInterface {
+public:
+    bool handleMethodCall(std::shared_ptr<SDBusMessage> call) override {
+        const auto reply = makeMethodReplyMessage(call, SDBusSameUser);
+        if (call->methodName() == mKnown)
+            reply->appendString("");
+        else if (mNumbers)
+            reply->appendInt32(7);
+        return sendMessage(reply);
+    }
+
+    // Changed between calls alone.
+    std::string mKnown;
+    bool mNumbers = false;
+};
 
 }  // namespace
 
@@ -175,6 +197,44 @@ TEST_F(CliTest, TellsARefusalFromACallWithoutAnswer) {
     expectError(cli({"secure", "delete", "stuck"}), kNoService, "gave this call no answer, though it answers others");
 }
 
+// Under the service's name something else may listen: another version, or no service at all.
+TEST_F(CliTest, AnswersOfAnotherVersionAreNoAnswers) {
+    const ScopedEnv runtime("XDG_RUNTIME_DIR", path("run").c_str());
+    OtherVersion other;
+    SDBusSerivceManager& bus = *SDBusSerivceManager::initSync(-1);
+    ASSERT_TRUE(bus.registerServiceInterface("sdconfig", &other, SDBusSameUser, 1));
+    writeFile(path("good.json"), "kept");
+    const auto all = [this](const std::string& told) {
+        for (const auto& command : {std::vector<std::string>{"get", "k"}, {"policy", "export", path("good.json")}})
+            expectError(cli(command), kNoService, told);
+        EXPECT_EQ(readFile(path("good.json")), "kept");
+    };
+    all("answers in a way that this version can't read");
+    other.mKnown = "GET_CONST";  // and all others are answered with nothing
+    expectError(cli({"policy", "export", path("good.json")}), kNoService, "none that this version can read");
+    other.mNumbers = true;
+    all("none that this version can read");
+    bus.unregisterServiceInterface("sdconfig");
+
+    const int mute = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    socketPath().copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(::bind(mute, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(::listen(mute, 64), 0);
+    std::thread hangUp([mute] {
+        for (int peer = 0; (peer = ::accept(mute, nullptr, nullptr)) >= 0; ::close(peer)) {
+            char greeting = 0;
+            (void)!::read(peer, &greeting, 1);
+        }
+    });
+    expectError(cli({"get", "k"}), kNoService, "something else listens there");
+    expectDoctor(1, "something else listens there");
+    ::shutdown(mute, SHUT_RDWR);
+    hangUp.join();
+    ::close(mute);
+}
+
 TEST_F(CliTest, WrongUseIsOneLineThatSaysWhatToDo) {
     const struct {
         std::vector<std::string> arguments;
@@ -190,6 +250,8 @@ TEST_F(CliTest, WrongUseIsOneLineThatSaysWhatToDo) {
         {{"secure", "set", "k", "--value=secret"}, "no option \"--value\""},
         {{"get", "k", "--product-dir", "/"}, "--local"},
         {{"get", "k", "--local", "--product-dir", "/nowhere"}, "there is no folder \"/nowhere\""},
+        {{"restore", "/nowhere", "d"}, "there is no file \"/nowhere\""},
+        {{"check", "/nowhere"}, "there is no folder \"/nowhere\""},
         {{"list", "--data-dir", ""}, "--data-dir: the value is empty"},
         {{"list", "--data-dir", "/", "--data-dir", "/"}, "--data-dir takes one value, and once"},
         {{"policy", "clear", "--yes=no"}, "--yes takes no value"},

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <pwd.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
@@ -100,6 +101,12 @@ TEST_F(DaemonTest, StartsPrivatelyTellsItsManagerAndEndsCleanly) {
     EXPECT_EQ(service.wait(), 0);
     EXPECT_EQ(manager.told(), "STOPPING=1");
     EXPECT_TRUE(std::filesystem::is_empty(path("run/sdbus")));
+}
+
+TEST_F(DaemonTest, FindsTheUsersFolderWithoutAHome) {
+    const std::string usual = std::string(::getpwuid(::geteuid())->pw_dir) + "/.local/share/sdconfig";
+    for (const char* home : {"", "relative"})
+        EXPECT_THAT(run({SDCONFIGD, "--help"}, {{"HOME", home}, {"XDG_DATA_HOME", home}}).out, HasSubstr(usual));
 }
 
 TEST_F(DaemonTest, GivesASignOfLifeWhileItAnswers) {

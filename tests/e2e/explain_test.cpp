@@ -1,6 +1,7 @@
 // Where a value comes from, and the reader of the data folder behind it, which leaves no trace.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <csignal>
 #include <map>
@@ -105,6 +106,9 @@ TEST_F(ExplainTest, ReadsTheDataInEveryStateAndLeavesNoTrace) {
     EXPECT_EQ(next.wait(), 0);
     EXPECT_EQ(contents(data).count("sdconfig.db-wal"), 0u);
     expectRead("left by a stopped service", data);
+    ASSERT_EQ(::mkfifo((data + "/sdconfig.db-wal").c_str(), 0600), 0);
+    expectListFails(data, "sdconfig.db-wal is not a regular file");
+    std::filesystem::remove(data + "/sdconfig.db-wal");
     query(data + "/sdconfig.db", "PRAGMA journal_mode = DELETE");
     expectRead("with a journal of the other kind", data);
 
