@@ -22,9 +22,15 @@ foreach(component ${packages})
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package_of_${component}} COMPONENT ${component}
         EXCLUDE_FROM_ALL)
 endforeach()
-# Messages and headers name these pages.
-install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package_of_programs} COMPONENT programs
-    EXCLUDE_FROM_ALL)
+# Messages, headers and manuals name these pages. What they link to in the tree alone is named there and not linked.
+set(installed_docs ${PROJECT_BINARY_DIR}/docs)
+file(GLOB pages RELATIVE ${PROJECT_SOURCE_DIR} CONFIGURE_DEPENDS docs/*.md)
+add_custom_target(installed_docs ALL
+    COMMAND ${CMAKE_COMMAND} -E rm -rf ${installed_docs}
+    COMMAND ${CMAKE_COMMAND} -E copy_directory ${PROJECT_SOURCE_DIR}/docs ${installed_docs}
+    COMMAND sed -E -i -f ${PROJECT_SOURCE_DIR}/packaging/installed-links.sed ${pages} VERBATIM)
+install(DIRECTORY ${installed_docs}/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package_of_programs}
+    COMPONENT programs EXCLUDE_FROM_ALL)
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package_of_development} COMPONENT development
     EXCLUDE_FROM_ALL)
 install(FILES packaging/debian/libsdconfig.lintian-overrides DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides

@@ -8,7 +8,9 @@ trap 'rm -rf "$work"' EXIT
 
 mkdir "$work/try"
 cp "$@" "$packaging/smoke-test.sh" "$work/try/"
+mkdir "$work/try/packaging"
 cp -r "$packaging"/../{README.md,docs,scripts,examples} "$work/try/"
+cp -r "$packaging/man" "$work/try/packaging/"
 chmod -R go+rX "$work"
 # From where this machine has its own packages.
 mapfile -t sources < <(find /etc/apt -maxdepth 2 \( -name '*.list' -o -name '*.sources' \))
@@ -28,7 +30,7 @@ mmdebstrap --quiet --variant=minbase --format=null \
     --customize-hook="$(in_root useradd --create-home tester)" \
     --customize-hook="$(install systemd '/tmp/try/libsdconfig1_*.deb' '/tmp/try/sdconfig_*.deb')" \
     --customize-hook="$(as_user programs)" \
-    --customize-hook="$(install g++ cmake make ninja-build pkg-config python3 '/tmp/try/libsdconfig-dev_*.deb')" \
+    --customize-hook="$(install g++ cmake make ninja-build pkg-config python3 sqlite3 '/tmp/try/libsdconfig-dev_*.deb')" \
     --customize-hook="$(as_user examples)" \
     --customize-hook="$(as_user documents)" \
     --customize-hook="$(in_root apt-get purge -qq -y sdconfig libsdconfig-dev libsdconfig1)" \

@@ -249,7 +249,7 @@ int upgradeFailed(const Request& request, const std::string& backup) {
 
 int rowsLost(const Request& request, std::size_t count) {
     return fail(kRefused, attempt(request), "rows whose content can't be carried over: " + std::to_string(count),
-                "standard output names them, and docs/upgrade.md the reasons; all others are fine");
+                "standard output names them, and upgrade.md (see \"man sdconfig\") the reasons; all others are fine");
 }
 
 Problem interrupted() {

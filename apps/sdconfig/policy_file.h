@@ -1,4 +1,4 @@
-// The file of policies: {"URI": {"value": "text", "priority": 7}, ...}. docs/policy-file.md has its rules.
+// The file of policies: {"URI": {"value": "text", "priority": 7}, ...}. sdconfig-policy(5) has its rules.
 #pragma once
 
 #include <string>
