@@ -11,6 +11,7 @@
 #include "apps/sdconfig/commands.h"
 #include "apps/sdconfig/messages.h"
 #include "apps/sdconfig/output.h"
+#include "src/sdconfig_helpers.h"
 
 namespace cli {
 
@@ -79,7 +80,11 @@ std::string notAFile(const std::string& path) {
     return notOfType(std::filesystem::file_type::regular, "file", path);
 }
 
-constexpr Argument kKey{"KEY", "The key, never empty", &Request::key};
+std::string tooLong(const std::string& key) {
+    return key.size() > sd::kKeyBytesMax ? "it is longer than 64 KiB, and nothing of such a name is kept" : "";
+}
+
+constexpr Argument kKey{"KEY", "The key, never empty", &Request::key, nullptr, false, nullptr, tooLong};
 constexpr Argument kName{"NAME", "The constant's name", &Request::key};
 constexpr Argument kValue{"VALUE", "The value; \"\" for an empty one", &Request::value, nullptr, true};
 constexpr Argument kSecret{"VALUE", "The value; left out, it is read from standard input", &Request::value,
@@ -106,10 +111,12 @@ constexpr ValueOption kExecute{"--exec", "CMD",
                                "Run \"sh -c CMD\" for each change, with SDCONFIG_KEY and SDCONFIG_VALUE set", "",
                                &Request::execute};
 
-constexpr Argument kUri{"URI", "The configuration key that the policy governs, never empty", &Request::key};
+constexpr Argument kUri{
+    "URI",  "The configuration key that the policy governs, never empty", &Request::key, nullptr, false, nullptr,
+    tooLong};
 constexpr Argument kPriority{"PRIORITY", "0 to 127; above 5 it overrides the local secure value", &Request::priority};
 constexpr Argument kFile{"FILE", "A file of policies; - for standard input or output", &Request::file};
-constexpr Argument kKeys{"KEY", "The keys, 122 at most", nullptr, nullptr, false, &Request::keys};
+constexpr Argument kKeys{"KEY", "The keys, 122 at most", nullptr, nullptr, false, &Request::keys, tooLong};
 constexpr Argument kDataOf{"DATA-DIR",
                            "The service's data folder; left out, it is where the running service has its data, else "
                            "the user's",

@@ -1,10 +1,9 @@
 #include "apps/sdconfig/output.h"
 
+#include <openssl/evp.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstdint>
 #include <cstring>
 
 #include "apps/sdconfig/messages.h"
@@ -14,16 +13,9 @@ namespace cli {
 namespace {
 
 std::string base64(const std::string& bytes) {
-    static constexpr char kDigits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string text;
-    text.reserve((bytes.size() + 2) / 3 * 4);
-    for (std::size_t at = 0; at < bytes.size(); at += 3) {
-        const std::size_t count = std::min<std::size_t>(3, bytes.size() - at);
-        std::uint32_t group = 0;
-        for (std::size_t i = 0; i < 3; ++i)
-            group = group << 8 | (i < count ? static_cast<unsigned char>(bytes[at + i]) : 0u);
-        for (std::size_t i = 0; i < 4; ++i) text += i <= count ? kDigits[group >> (18 - 6 * i) & 63] : '=';
-    }
+    std::string text((bytes.size() + 2) / 3 * 4, '\0');
+    ::EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
+                      reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()));
     return text;
 }
 

@@ -10,6 +10,7 @@
 #include "apps/sdconfig/messages.h"
 #include "apps/sdconfig/output.h"
 #include "apps/sdconfig/policy_value.h"
+#include "src/sdconfig_helpers.h"
 
 namespace cli {
 
@@ -19,6 +20,13 @@ using nlohmann::json;
 
 constexpr char kByteOrderMark[] = "\xef\xbb\xbf";
 constexpr char kWrongPriority[] = "has to be a whole number from 0 to 127";
+
+// Why the store could not keep a policy of that name.
+std::string unfitUri(const std::string& uri) {
+    if (uri.empty()) return "is empty";
+    if (uri.find('\0') != std::string::npos) return "has a zero byte";
+    return uri.size() > sd::kKeyBytesMax ? "is longer than 64 KiB" : "";
+}
 
 // Where the parser is. It reads one byte beyond a number, and never beyond a text.
 struct Position {
@@ -116,8 +124,7 @@ private:
     bool uri(const std::string& name) {
         mEntry = PolicyEntry();
         mEntry.uri = name;
-        if (name.empty()) return fail("is an empty URI");
-        if (name.find('\0') != std::string::npos) return fail("is a URI with a zero byte");
+        if (const std::string unfit = unfitUri(name); !unfit.empty()) return fail("is a URI that " + unfit);
         const auto [first, added] = mSeen.try_emplace(folded(name), Seen{name, mPosition.line});
         if (added) return true;
         const std::string there = "in line " + std::to_string(first->second.line);
@@ -185,7 +192,7 @@ PolicyFile parsePolicyFile(const std::string& text) {
 }
 
 std::string unfitForFile(const PolicyEntry& entry) {
-    if (entry.uri.empty()) return "its URI is empty";
+    if (const std::string unfit = unfitUri(entry.uri); !unfit.empty()) return "its URI " + unfit;
     if (!fitsJson(entry.uri)) return "its URI is not UTF-8";
     if (entry.priority < 0 || entry.priority > kHighestPriority) return "its priority is beyond 0 to 127";
     const std::string unfit = unfitPolicyValue(entry.value);

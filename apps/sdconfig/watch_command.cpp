@@ -260,9 +260,6 @@ private:
 int watchKeys(const Request& request, Service& service) {
     if (request.keys.size() > static_cast<std::size_t>(sd::protocol::kMaxElements))
         return misused(request.command, "more than 122 keys are more than one call takes");
-    const auto tooLong = [](const std::string& key) { return key.size() > sd::kKeyBytesMax; };
-    if (std::any_of(request.keys.begin(), request.keys.end(), tooLong))
-        return misused(request.command, "a key is longer than 64 KiB, and nothing of such a name is kept");
     if (const int code = service.require()) return code;
     return Watch(request, service).run();
 }
