@@ -43,7 +43,7 @@ function(sd_test name)
     add_executable(${name} ${TEST_SOURCES})
     target_link_libraries(${name} PRIVATE ${TEST_USES} sd_test_support GTest::gmock GTest::gtest_main sd_warnings)
     if(NOT TEST_TIMEOUT)
-        set(TEST_TIMEOUT 60)
+        set(TEST_TIMEOUT 120)  # sanitizers are slow, and other tests run beside
     endif()
     gtest_discover_tests(${name} PROPERTIES TIMEOUT ${TEST_TIMEOUT} DISCOVERY_TIMEOUT 60)
 endfunction()

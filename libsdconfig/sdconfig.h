@@ -30,8 +30,8 @@ public:
     bool SetProperty(const std::string& key, const std::string& value);
     bool DeleteProperty(const std::string& key);
 
-    // Adds all properties to *properties: entries of the same key are overwritten, others kept.
-    // False, silently and without asking the service, for a null pointer.
+    // Adds the properties that the service lists to *properties: entries of the same key are overwritten, others kept.
+    // The service of this version lists none. False, silently and without asking it, for a null pointer.
     bool GetAllProperties(std::map<std::string, std::string>* properties);
 
     // Secure values, sealed at rest. Keys compare without regard to letter case. A value is read as Latin-1 up to its

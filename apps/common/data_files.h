@@ -26,7 +26,7 @@ inline constexpr char kLockFile[] = "sdconfigd.lock";
 // What else stands there, or not, and is nobody else's business: how often keys have sealed, and locks.
 inline constexpr std::array kOtherFiles{"sdsecurity.count", "sdsecurity.lock", kLockFile};
 
-// What SQLite keeps beside a database: its log and the log's index.
-inline constexpr std::array kDatabaseSuffixes{"-wal", "-shm"};
+// What SQLite keeps beside a database: its log and the log's index, or the journal of one that has no log.
+inline constexpr std::array kDatabaseSuffixes{"-wal", "-shm", "-journal"};
 
 }  // namespace apps

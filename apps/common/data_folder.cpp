@@ -6,6 +6,7 @@
 #include <QCoreApplication>
 #include <cstdlib>
 
+#include "apps/common/system_service.h"
 #include "src/sdconfig_protocol.h"
 
 namespace apps {
@@ -28,6 +29,7 @@ std::string homeFolder() {
 
 std::string defaultDataFolder() {
     QCoreApplication::setApplicationName(sd::protocol::kServiceName);
+    if (isSystemService()) return kSystemDataFolder;
     std::string data = absoluteFrom(std::getenv("XDG_DATA_HOME"));
     if (const std::string home = homeFolder(); data.empty() && !home.empty()) data = home + "/.local/share";
     return data.empty() ? "" : data + "/" + sd::protocol::kServiceName;

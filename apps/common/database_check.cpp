@@ -1,5 +1,7 @@
 #include "apps/common/database_check.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
@@ -76,6 +78,17 @@ std::optional<Finding> versionFinding(const std::string& version, const std::str
 }
 
 }  // namespace
+
+std::optional<Finding> irregularFile(const std::string& path) {
+    std::vector<std::string> files{path};
+    for (const char* suffix : kDatabaseSuffixes) files.push_back(path + suffix);
+    for (const std::string& file : files) {
+        struct stat status {};
+        if (::stat(file.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
+            return Finding{file, file + " is not a regular file", "move it away, or put the file itself in its place"};
+    }
+    return std::nullopt;
+}
 
 std::optional<Finding> logDamage(const std::string& path) {
     if (auto orphaned = orphanedLog(path)) return orphaned;

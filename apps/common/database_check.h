@@ -12,6 +12,9 @@
 
 namespace apps {
 
+// One of the database's files that is there and is no regular file. SQLite would wait at a pipe for ever.
+std::optional<Finding> irregularFile(const std::string& path);
+
 // What only shows before SQLite opens the file: it would delete or cut a log that it makes nothing of. Changes nothing.
 std::optional<Finding> logDamage(const std::string& path);
 

@@ -11,7 +11,7 @@
 #include <cstring>
 #include <filesystem>
 
-#include "apps/common/data_files.h"
+#include "apps/common/database_check.h"
 #include "apps/common/sqlite_handles.h"
 #include "apps/common/temporary_folder.h"
 
@@ -128,6 +128,7 @@ public:
         static const bool registered = registerUntouchedSystem();
         if (!registered) return mPath + " can't be read: SQLite takes no file system of ours";
         for (int attempt = 1;; ++attempt) {
+            if (const auto irregular = irregularFile(mPath)) return irregular->what;
             if (std::string why = unfit(); !why.empty()) return mPath + why;
             std::string problem;
             if (readOnce(problem)) return problem.empty() ? "" : mPath + problem;
@@ -136,29 +137,17 @@ public:
     }
 
 private:
-    // Why it is none that can be read; "" where it is one. SQLite would wait at a pipe beside it for ever.
+    // Why it can't be read; "" where it can. Takes its journal mode over from its header.
     std::string unfit() {
-        for (const char* suffix : kDatabaseSuffixes) {
-            struct stat status {};
-            if (::stat((mPath + suffix).c_str(), &status) == 0 && !S_ISREG(status.st_mode))
-                return std::string(suffix) + " is not a regular file";
-        }
-        return unfitFile();
-    }
-
-    // The same of the database itself. Takes its journal mode over from its header.
-    std::string unfitFile() {
         const int descriptor = ::open(mPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
         if (descriptor < 0)
             return errno == ENOENT ? " is not there" : std::string(" can't be read: ") + std::strerror(errno);
-        struct stat status {};
-        const bool regular = ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
         std::array<char, 20> header{};
-        const bool whole = regular && ::read(descriptor, header.data(), header.size()) == ssize_t{header.size()};
+        const bool whole = ::read(descriptor, header.data(), header.size()) == ssize_t{header.size()};
         ::close(descriptor);
         constexpr char kLogMode = 2;  // in byte 18: the version that a writer of the file has to know
         mLogMode = whole && header[18] == kLogMode;
-        return regular ? "" : " is not a regular file";
+        return "";
     }
 
     // False when somebody opened or closed the database meanwhile, so that what was read counts for nothing.

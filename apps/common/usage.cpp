@@ -10,8 +10,9 @@ std::string usageProblem(const CLI::ParseError& error) {
     std::string told = error.what();
     if (error.get_name() != "ArgumentMismatch") return told;
     const std::string name = told.substr(0, told.find_first_of(": "));
-    const bool isFlag = told.find("flag override") != std::string::npos;
-    return isFlag ? "--" + name + " takes no value" : name + " takes one value, and once";
+    const auto says = [&told](const char* words) { return told.find(words) != std::string::npos; };
+    if (says("flag override")) return "--" + name + " takes no value";
+    return name + (says(" missing") ? " needs a value that is not empty" : " takes one value, and once");
 }
 
 std::string notEmpty(const std::string& value) {

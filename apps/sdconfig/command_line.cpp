@@ -30,6 +30,7 @@ struct Flag {
     const char* name;
     const char* help;
     bool Request::*into;
+    const char* needs = "";  // the flag without which it makes no sense; "": none
 };
 
 // An option with a value. One of the type "DIR" is the path of a folder, which has to be there.
@@ -62,29 +63,38 @@ struct Command {
 
 namespace {
 
+using FileType = std::filesystem::file_type;
+
 // What is not there, or is something else.
-std::string notOfType(std::filesystem::file_type wanted, const char* name, const std::string& path) {
-    std::error_code failure;
-    const auto found = std::filesystem::status(path, failure).type();
+std::string notOfType(FileType wanted, const std::string& path) {
     if (path.empty()) return apps::notEmpty(path);
+    std::error_code failure;
+    const FileType found = std::filesystem::status(path, failure).type();
+    const bool isFolder = wanted == FileType::directory;
     if (found == wanted) return "";
-    const bool hidden = found == std::filesystem::file_type::none;
-    return hidden ? quoted(path) + ": " + failure.message() : std::string("there is no ") + name + " " + quoted(path);
+    if (found == FileType::not_found) return (isFolder ? "there is no folder " : "there is no file ") + quoted(path);
+    if (found == FileType::none) return quoted(path) + ": " + failure.message();
+    return quoted(path) + (isFolder ? " is no folder" : " is no regular file");
 }
 
 std::string notAFolder(const std::string& path) {
-    return notOfType(std::filesystem::file_type::directory, "folder", path);
+    return notOfType(FileType::directory, path);
 }
 
 std::string notAFile(const std::string& path) {
-    return notOfType(std::filesystem::file_type::regular, "file", path);
+    return notOfType(FileType::regular, path);
 }
 
 std::string tooLong(const std::string& key) {
     return key.size() > sd::kKeyBytesMax ? "it is longer than 64 KiB, and nothing of such a name is kept" : "";
 }
 
-constexpr Argument kKey{"KEY", "The key, never empty", &Request::key, nullptr, false, nullptr, tooLong};
+constexpr Argument checked(Argument argument, std::string (*fault)(const std::string&)) {
+    argument.fault = fault;
+    return argument;
+}
+
+constexpr Argument kKey = checked({"KEY", "The key, never empty", &Request::key}, tooLong);
 constexpr Argument kName{"NAME", "The constant's name", &Request::key};
 constexpr Argument kValue{"VALUE", "The value; \"\" for an empty one", &Request::value, nullptr, true};
 constexpr Argument kSecret{"VALUE", "The value; left out, it is read from standard input", &Request::value,
@@ -94,6 +104,7 @@ constexpr Argument kSignature{"SIGNATURE", "What \"sign\" printed for it", &Requ
 
 constexpr Flag kLocal{"--local", "Read the build.prop files in this process, without the service", &Request::local};
 constexpr Flag kShow{"--show", "Show values, which can be secrets", &Request::show};
+constexpr Flag kShowChanges{"--show", "With --dry-run: show values, which can be secrets", &Request::show, "--dry-run"};
 constexpr Flag kYes{"--yes", "Don't ask", &Request::yes};
 constexpr Flag kDryRun{"--dry-run", "Send nothing; print what would change, and why", &Request::dryRun};
 constexpr ValueOption kProductDir{"--product-dir", "DIR",
@@ -111,25 +122,22 @@ constexpr ValueOption kExecute{"--exec", "CMD",
                                "Run \"sh -c CMD\" for each change, with SDCONFIG_KEY and SDCONFIG_VALUE set", "",
                                &Request::execute};
 
-constexpr Argument kUri{
-    "URI",  "The configuration key that the policy governs, never empty", &Request::key, nullptr, false, nullptr,
-    tooLong};
+constexpr Argument kUri =
+    checked({"URI", "The configuration key that the policy governs, never empty", &Request::key}, tooLong);
 constexpr Argument kPriority{"PRIORITY", "0 to 127; above 5 it overrides the local secure value", &Request::priority};
-constexpr Argument kFile{"FILE", "A file of policies; - for standard input or output", &Request::file};
-constexpr Argument kKeys{"KEY", "The keys, 122 at most", nullptr, nullptr, false, &Request::keys, tooLong};
-constexpr Argument kDataOf{"DATA-DIR",
-                           "The service's data folder; left out, it is where the running service has its data, else "
-                           "the user's",
-                           &Request::key,
-                           &Request::keyGiven,
-                           false,
-                           nullptr,
-                           notAFolder};
+constexpr Argument kWrittenFile{"FILE", "Takes the policies in the place of what it held; - is standard output",
+                                &Request::file};
+constexpr Argument kReadFile{"FILE", "A file of policies; - is standard input", &Request::file};
+constexpr Argument kKeys = checked({"KEY", "The keys, 122 at most", nullptr, nullptr, false, &Request::keys}, tooLong);
+constexpr Argument kDataOf = checked(
+    {"DATA-DIR", "The service's data folder; left out, it is where the running service has its data, else the user's",
+     &Request::key, &Request::keyGiven},
+    notAFolder);
 constexpr Argument kBackup{"FILE", "The backup", &Request::file};
-constexpr Argument kMadeBackup{"FILE", "The backup", &Request::file, nullptr, false, nullptr, notAFile};
+constexpr Argument kMadeBackup = checked(kBackup, notAFile);
 constexpr Argument kRestored{"DATA-DIR", "The folder that the data is put into", &Request::key};
-constexpr Argument kDataFolder{
-    "DATA-DIR", "The folder of the database and the key ring", &Request::key, nullptr, false, nullptr, notAFolder};
+constexpr Argument kDataFolder =
+    checked({"DATA-DIR", "The folder of the database and the key ring", &Request::key}, notAFolder);
 constexpr Flag kReport{"--dry-run", "Change nothing; print what the database holds and what would be copied",
                        &Request::dryRun};
 constexpr Flag kForce{"--force", "Copy, whatever version the database says it has", &Request::force};
@@ -260,7 +268,7 @@ const std::vector<Command>& commands() {
          "export",
          "Writes the stored policies to a file",
          "sdconfig policy export fleet.json",
-         {kFile},
+         {kWrittenFile},
          {},
          {kDataDir},
          exportPolicies},
@@ -268,8 +276,8 @@ const std::vector<Command>& commands() {
          "apply",
          "Sets the policies of a file",
          "sdconfig policy apply fleet.json --dry-run",
-         {kFile},
-         {kDryRun, kShow},
+         {kReadFile},
+         {kDryRun, kShowChanges},
          {kDataDir},
          applyPolicies,
          kApplyNotes},
@@ -396,6 +404,18 @@ bool holdsEmpty(const Request& request, const Argument& argument) {
     return std::any_of(all.begin(), all.end(), [](const std::string& one) { return one.empty(); });
 }
 
+// The parser takes "[a,b]" and "{}" for lists. A zero byte, which no argument holds, keeps it from that.
+std::vector<std::string> protectedArguments(int argc, char** argv) {
+    std::vector<std::string> arguments(argv + 1, argv + argc);
+    for (std::string& argument : arguments)
+        if (!argument.empty() && std::strchr("[{", argument.front())) argument += '\0';
+    return arguments;
+}
+
+std::string unprotected(const std::string& argument) {
+    return argument.substr(0, argument.find('\0'));
+}
+
 // The option's name alone: what follows it may be a secret.
 std::string optionName(const std::string& argument) {
     return argument.compare(0, 2, "--") == 0 ? argument.substr(0, argument.find('=')) : argument.substr(0, 2);
@@ -428,13 +448,16 @@ void CommandLine::add(const Command& command) {
         CLI::Option* option = argument.intoAll
                                   ? app->add_option(argument.name, mRequest.*argument.intoAll, argument.help)
                                   : app->add_option(argument.name, mRequest.*argument.into, argument.help);
-        option->required(argument.given == nullptr)->type_name("");
+        option->required(argument.given == nullptr)->type_name("")->transform(unprotected);
         if (argument.fault) option->check(argument.fault);
     }
-    for (const Flag& flag : command.flags) app->add_flag(flag.name, mRequest.*flag.into, flag.help);
+    for (const Flag& flag : command.flags) {
+        CLI::Option* option = app->add_flag(flag.name, mRequest.*flag.into, flag.help);
+        if (flag.needs[0]) option->needs(app->get_option(flag.needs));
+    }
     for (const ValueOption& value : command.options) {
         CLI::Option* option = app->add_option(value.name, mRequest.*value.into, value.help)->type_name(value.type);
-        option->check(std::string(value.type) == "DIR" ? notAFolder : apps::notEmpty);
+        option->transform(unprotected)->check(std::string(value.type) == "DIR" ? notAFolder : apps::notEmpty);
         if (value.needs[0]) option->needs(app->get_option(value.needs));
     }
     app->callback([this, app, &command] {
@@ -447,7 +470,9 @@ void CommandLine::add(const Command& command) {
 
 std::optional<int> CommandLine::parse(int argc, char** argv) {
     try {
-        mApp->parse(argc, argv);
+        std::vector<std::string> arguments = protectedArguments(argc, argv);
+        std::reverse(arguments.begin(), arguments.end());  // as the parser wants them
+        mApp->parse(std::move(arguments));
     } catch (const CLI::ParseError& error) {
         return error.get_exit_code() == 0 ? printHelp(error) : wrongUse(error);
     }
@@ -475,10 +500,14 @@ int CommandLine::wrongUse(const CLI::ParseError& error) const {
     }
     std::vector<std::string> extras = mApp->remaining(true);
     extras.erase(std::remove(extras.begin(), extras.end(), "--"), extras.end());
+    std::transform(extras.begin(), extras.end(), extras.begin(), unprotected);
     const auto option = std::find_if(extras.begin(), extras.end(), looksLikeOption);
     if (option != extras.end()) return unknownOption(command, optionName(*option));
     const bool commandExpected = !deepest->get_subcommands([](const CLI::App*) { return true; }).empty();
-    if (extras.empty()) return misused(command, commandExpected ? "a command is missing" : apps::usageProblem(error));
+    if (extras.empty()) {
+        const bool missing = commandExpected && error.get_name() == "RequiredError";
+        return misused(command, missing ? "a command is missing" : apps::usageProblem(error));
+    }
     return commandExpected ? unknownCommand(command, extras.front()) : tooManyArguments(command);
 }
 

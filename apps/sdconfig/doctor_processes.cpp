@@ -80,13 +80,13 @@ Check checkEnvironment(const Service& service) {
     std::string seen;
     for (const char* name : kNames) {
         const char* const value = std::getenv(name);
-        if (!value) continue;
+        if (!value || !*value) continue;
         seen += (seen.empty() ? "" : ", ") + std::string(name) + "=" + value;
         if (name != kRuntime && *value != '/')
             return {kEnvironment, std::string(name) + " is no absolute path and counts for nothing",
                     std::string("unset ") + name};
     }
-    if (!std::getenv("HOME")) seen += (seen.empty() ? "" : ", ") + std::string("HOME is not set");
+    if (seen.empty()) seen = "no variable names a folder";
     const char* const own = std::getenv("CREDENTIALS_DIRECTORY");
     const auto ofService = variableOf(std::to_string(service.processId()), "CREDENTIALS_DIRECTORY");
     if (ofService && (!own || *ofService != own))

@@ -2,8 +2,9 @@
 
 #include <unistd.h>
 
-#include <cstdlib>
 #include <string_view>
+
+#include "apps/common/system_service.h"
 
 namespace cli {
 
@@ -31,13 +32,8 @@ int failUse(const std::string& command, const std::string& happened, const std::
                 hint + "see: sdconfig" + space + command + " --help");
 }
 
-bool isRootsService() {
-    const char* const runtime = std::getenv("XDG_RUNTIME_DIR");
-    return runtime && std::string_view(runtime) == "/run";
-}
-
 std::string seeItsLog() {
-    return std::string("its log tells why: journalctl ") + (isRootsService() ? "" : "--user ") + "-u sdconfigd";
+    return std::string("its log tells why: journalctl ") + (apps::isSystemService() ? "" : "--user ") + "-u sdconfigd";
 }
 
 bool readOnly(const std::string& key) {
@@ -56,7 +52,7 @@ void note(const std::string& text) {
 }
 
 std::string systemctl() {
-    return isRootsService() ? "systemctl" : "systemctl --user";
+    return apps::isSystemService() ? "systemctl" : "systemctl --user";
 }
 
 std::string howToStart() {

@@ -24,8 +24,8 @@ struct Problem {
     explicit operator bool() const { return !what.empty(); }
 };
 
-// Root's own service stands in /run and belongs to the system's manager, a user's to the user's.
-std::string systemctl();  // the command, with the option that it takes
+// The command that reaches the manager of the service, with the option that it takes.
+std::string systemctl();
 
 // What to do about a service that isn't there, and one that is not well.
 std::string howToStart();

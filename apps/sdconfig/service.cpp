@@ -178,10 +178,12 @@ int Service::endCall(bool failureValue) {
     return callUnanswered(attempt(mRequest));
 }
 
-bool Service::answersWithCount(const char* method) const {
+int Service::requireCount(const char* method) const {
     const auto proxy = mBus->getServiceProxyInterface(sd::protocol::kServiceName, SDBusSameUser, 1);
     const auto reply = proxy->callWithReplyBlocking(proxy->makeMethodCallMessage(method), sd::protocol::kCallTimeoutMs);
-    return reply->signature().find('y') == 0;
+    if (reply->signature().find('y') == 0) return kDone;
+    if (reply->type() == sd::protocol::kMethodReply) return answerUnreadable(attempt(mRequest));
+    return noAnswer(attempt(mRequest), howItFailed(*reply), socketPath());
 }
 
 bool Service::listening() const {

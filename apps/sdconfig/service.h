@@ -60,8 +60,9 @@ public:
         return {std::move(result), endCall(failureValue)};
     }
 
-    // Whether the answer to the method, which takes no arguments, begins with a count: one that has none reads as none.
-    bool answersWithCount(const char* method) const;
+    // The exit code kDone where the answer to the method, which takes no arguments, begins with a count; else
+    // kNoService, after telling so. For a list that read as empty: a list without a count reads so, too.
+    int requireCount(const char* method) const;
 
     // Whether somebody listens, without waiting or a word.
     bool listening() const;

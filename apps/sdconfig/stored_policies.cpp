@@ -55,10 +55,8 @@ StoredPolicies storedPolicies(const Request& request, Service& service) {
     sd::PolicyList list;
     const auto answer = service.call("GetAllKeys(", [&] { return sd::DMConfig::GetInstance()->GetAllKeys(&list); });
     if ((result.exitCode = answer.exitCode) != kDone) return result;
-    if (list.empty() && !service.answersWithCount(sd::protocol::kListPolicies)) {
-        result.exitCode = answerUnreadable(attempt(request));
-        return result;
-    }
+    if (list.empty()) result.exitCode = service.requireCount(sd::protocol::kListPolicies);
+    if (result.exitCode != kDone) return result;
 
     const bool cut = list.size() >= sd::protocol::kMaxElements;
     const bool readFromFolder = readAll(access, result.all).empty();

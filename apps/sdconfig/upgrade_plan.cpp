@@ -166,7 +166,7 @@ UpgradePlan planUpgrade(const std::string& folder, bool force) {
     const std::string path = folder + "/sdconfig.db";
     apps::Tables tables = apps::readTables(path, {"dbinfor", "config", "secure", "secure_v3"});
     plan.problem = tables.problem;
-    plan.next = "make it readable, or restore it from a backup";
+    plan.next = "mend that, or restore the folder from a backup";
     for (const char* table : {"dbinfor", "config", "secure", "secure_v3"}) {
         const std::vector<Row>& rows = tables.rows[table];
         plan.rows[table] = rows.size();

@@ -15,6 +15,8 @@ namespace cli {
 
 namespace {
 
+constexpr mode_t kPermissions = 0777;
+
 std::string systemProblem(const char* what) {
     return std::string(what) + ": " + std::strerror(errno);
 }
@@ -50,6 +52,10 @@ bool UnfinishedFile::write(std::string_view bytes) {
         bytes.remove_prefix(static_cast<std::size_t>(written));
     }
     return !mFailure;
+}
+
+bool UnfinishedFile::setMode(mode_t mode) {
+    return ::fchmod(mFile.get(), mode) == 0;
 }
 
 bool UnfinishedFile::putInPlace(Existing existing) {
@@ -92,7 +98,11 @@ std::string writeWhole(const std::string& path, const std::string& text) {
     std::string target = path;
     if (std::string problem = resolveTarget(target); !problem.empty()) return problem;
     UnfinishedFile file(target);
-    if (file.write(text) && file.putInPlace(UnfinishedFile::Existing::Replace)) return "";
+    struct stat replaced {};
+    const bool replaces = ::stat(target.c_str(), &replaced) == 0;
+    if (file.write(text) && (!replaces || file.setMode(replaced.st_mode & kPermissions)) &&
+        file.putInPlace(UnfinishedFile::Existing::Replace))
+        return "";
     return systemProblem("it can't be written");
 }
 

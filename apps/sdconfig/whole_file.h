@@ -1,6 +1,8 @@
 // Files that are taken or written whole.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -30,6 +32,7 @@ public:
     UnfinishedFile& operator=(const UnfinishedFile&) = delete;
 
     bool write(std::string_view bytes);
+    bool setMode(mode_t mode);
 
     // Keep: fails with EEXIST where something stands in the place.
     enum class Existing { Replace, Keep };
@@ -55,7 +58,8 @@ std::string readWhole(const std::string& path, std::size_t mostBytes, std::strin
 // may stand there.
 std::string resolveTarget(std::string& path);
 
-// Puts a file for the user's eyes alone in the place of what was there, whole or not at all.
+// Puts a file in the place of what was there, whole or not at all: with the mode of that one, else for the user's eyes
+// alone.
 std::string writeWhole(const std::string& path, const std::string& text);
 
 }  // namespace cli

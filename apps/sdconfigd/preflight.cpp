@@ -55,7 +55,8 @@ struct Findings {
 // the file and its log as they are: a start that is refused must not have changed what is to be rescued.
 std::string checkDatabase(const std::string& path, const apps::DatabaseLayout& layout, Findings& findings) {
     const bool wasThere = std::filesystem::exists(path);
-    if (const auto damage = apps::logDamage(path)) return lineOf(*damage);
+    for (const auto look : {apps::irregularFile, apps::logDamage})
+        if (const auto damage = look(path)) return lineOf(*damage);
     std::string problem;
     const Database db = openDatabase(path, problem);
     if (!problem.empty()) return problem;

@@ -81,7 +81,7 @@ std::unique_ptr<ClientConnection> ClientConnection::open(const RuntimeFolder& pl
     const int fd = connected.fd.get();
     BusPtr bus = startBus(std::move(connected.fd));
     if (bus) return std::unique_ptr<ClientConnection>(new ClientConnection(std::move(bus), fd));
-    failure = {EIO, "sd-bus refused the connection"};
+    failure = {ECONNRESET, ""};
     return nullptr;
 }
 
@@ -90,17 +90,17 @@ SDBusErrorType ClientConnection::openReady(const RuntimeFolder& place, const std
     for (int attempt = 0; attempt < kConnectAttempts;) {
         Failure failure;
         connection = open(place, service, failure);
-        if (!connection && failure.error != EAGAIN) {
+        if (!connection && !failure.somebodyListens()) {
             if (!failure.why.empty())
                 LOG(7, AT "cannot reach service %s: %s", HERE, service.c_str(), failure.why.c_str());
             return SDBusUnreachable;
         }
-        if (!connection) {
+        if (!connection && failure.error == EAGAIN) {
             if (deadline.hasPassed()) return SDBusTimeout;
             std::this_thread::sleep_for(kBacklogPause);
             continue;
         }
-        const Progress progress = connection->finishHandshake(deadline);
+        const Progress progress = connection ? connection->finishHandshake(deadline) : Progress::Lost;
         if (progress == Progress::Done) return SDBusNoError;
         if (progress == Progress::Timeout) return SDBusTimeout;
         ++attempt;

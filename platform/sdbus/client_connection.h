@@ -1,6 +1,7 @@
 // One connection of a client to a service.
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -21,8 +22,10 @@ public:
     enum class Progress { Done, Timeout, Lost, Woken };
 
     struct Failure {
-        int error = 0;    // EAGAIN: somebody listens, and his backlog is full
+        int error = 0;    // EAGAIN: somebody listens, and his backlog is full; ECONNRESET: he hung up at once
         std::string why;  // one line for a person; empty when simply nobody is there
+
+        bool somebodyListens() const { return error == EAGAIN || error == ECONNRESET; }
     };
     // Connects without waiting. Null when there is nobody, or somebody else than this user or root.
     static std::unique_ptr<ClientConnection> open(const RuntimeFolder& place, const std::string& service,

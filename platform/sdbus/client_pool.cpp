@@ -1,7 +1,6 @@
 // The process's idle connections, and the blocking call over one of them.
 #include "platform/sdbus/client_pool.h"
 
-#include <cerrno>
 #include <map>
 #include <vector>
 
@@ -145,7 +144,7 @@ bool isServiceReachable(const RuntimeFolder& place, const std::string& service) 
     }
     ClientConnection::Failure failure;
     ConnectionPtr connection = ClientConnection::open(place, service, failure);
-    if (!connection) return failure.error == EAGAIN;
+    if (!connection) return failure.somebodyListens();
     Pool::give(path, std::move(connection));
     return true;
 }

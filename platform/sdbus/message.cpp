@@ -277,6 +277,7 @@ const Kind* Message::find(int index, const char* wanted) const {
     if (index < 0 || static_cast<std::size_t>(index) >= mArguments.size()) return nullptr;
     const Argument& argument = mArguments[static_cast<std::size_t>(index)];
     const Kind* found = std::get_if<Kind>(&argument);
+    // The command line looks for this line, as a sign of a service of another version.
     if (!found) LOG(6, AT "argument %d is %s, not %s", HERE, index, kindName(argument), wanted);
     return found;
 }

@@ -117,13 +117,15 @@ TEST_F(BackupTest, NothingButAWholeBackupIsRestored) {
     for (const auto& [name, told] : {std::pair{"data/sdconfig.db", "in the data folder"}, {"pipe", "no regular file"}})
         expectUnchanged([&, to = path(name)] { return cli({"backup", to, path("data"), "--force"}); }, told);
     const std::string whole = readFile(path("file"));
+    std::vector<std::string> damaged{whole + "x"};
     for (std::size_t at = 0; at < whole.size(); at += at < 700 ? 61 : 9001) {
-        std::string flipped = whole;
-        flipped[at] = static_cast<char>(flipped[at] ^ 1);
-        for (const std::string& bytes : {flipped, whole.substr(0, at), whole + flipped[at]}) {
-            writeFile(path("file"), bytes);
-            expectUnchanged([&] { return restore("new"); }, "is no backup, or a damaged one");
-        }
+        damaged.push_back(whole.substr(0, at));
+        damaged.push_back(whole);
+        damaged.back()[at] = static_cast<char>(whole[at] ^ 1);
+    }
+    for (const std::string& bytes : damaged) {
+        writeFile(path("file"), bytes);
+        expectUnchanged([&] { return restore("new"); }, "is no backup, or a damaged one");
     }
     writeFile(path("file"), whole);
 

@@ -107,6 +107,7 @@ TEST_F(DaemonTest, FindsTheUsersFolderWithoutAHome) {
     const std::string usual = std::string(::getpwuid(::geteuid())->pw_dir) + "/.local/share/sdconfig";
     for (const char* home : {"", "relative"})
         EXPECT_THAT(run({SDCONFIGD, "--help"}, {{"HOME", home}, {"XDG_DATA_HOME", home}}).out, HasSubstr(usual));
+    EXPECT_THAT(run({SDCONFIGD, "--help"}, {{"XDG_RUNTIME_DIR", "/run/"}}).out, HasSubstr("/var/lib/sdconfig"));
 }
 
 TEST_F(DaemonTest, GivesASignOfLifeWhileItAnswers) {
@@ -147,8 +148,11 @@ TEST_F(DaemonTest, RefusesWhatItCannotServe) {
     EXPECT_EQ(readFile(database), std::string(8192, 'x'));
     std::filesystem::remove(database);
     std::filesystem::create_directory(path("data/dmhelper.db"));
-    expectRefusal("can't open the database " + path("data/dmhelper.db") + ": unable to open database file");
+    expectRefusal(path("data/dmhelper.db") + " is not a regular file");
     std::filesystem::remove(path("data/dmhelper.db"));
+    ASSERT_EQ(::mkfifo(path("data/sdconfig.db-journal").c_str(), 0600), 0);
+    expectRefusal("sdconfig.db-journal is not a regular file");
+    std::filesystem::remove(path("data/sdconfig.db-journal"));
 
     expectRefusal(path("constants") + " is not a folder", {"--data-dir", path("constants")});
     writeFile(path("constants"), "# names\nname=value\nnonsense\n");

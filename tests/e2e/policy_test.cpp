@@ -130,8 +130,11 @@ TEST_F(PolicyTest, ALargeFileArrivesWholeAndComesBack) {
     const Result list = cli({"policy", "list", "--json"});
     EXPECT_EQ(json::parse(list.out)["policies"].size(), 300u);
     EXPECT_THAT(list.err, HasSubstr("lists 122 policies at most; all were read from " + path("data")));
+    writeFile(path("out.json"), "");
+    std::filesystem::permissions(path("out.json"), std::filesystem::perms(0640));
     EXPECT_EQ(cli({"policy", "export", path("out.json")}).exitCode, 0);
     EXPECT_EQ(json::parse(readFile(path("out.json"))), json::parse(readFile(file)));
+    EXPECT_EQ(std::filesystem::status(path("out.json")).permissions(), std::filesystem::perms(0640));
 
     query(path("data/dmhelper.db"), "UPDATE dmhelperconfig SET value = 'v1damage' WHERE key = 'uri7'");
     EXPECT_THAT(cli({"policy", "list"}).out, HasSubstr("uri7\t-\t(can't be read)\n"));

@@ -45,7 +45,7 @@ private:
 
 TEST_F(WatchTest, PrintsEveryChangeUntilItIsInterrupted) {
     const Process service = startService();
-    Process text = watch({"k", "theme", "k"});
+    Process text = watch({"k", "theme", "k", "[a,b]"});
     Process objects = watch({"k", "--json"});
     cli({"secure", "set", "k", "local"});
     cli({"policy", "set", "k", "weak", "5"});
@@ -53,7 +53,8 @@ TEST_F(WatchTest, PrintsEveryChangeUntilItIsInterrupted) {
     cli({"policy", "delete", "k"});
     cli({"set", "theme", "dark"});
     cli({"delete", "theme"});
-    expectOut(text, "k local\nk two\\x0alines\nk local\ntheme dark\ntheme \n");
+    cli({"set", "[a,b]", "{}"});
+    expectOut(text, "k local\nk two\\x0alines\nk local\ntheme dark\ntheme \n[a,b] {}\n");
     expectOut(objects,
               "{\"key\":\"k\",\"value\":\"local\",\"strong\":false}\n"
               "{\"key\":\"k\",\"value\":\"two\\nlines\",\"strong\":true}\n"
