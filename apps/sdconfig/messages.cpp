@@ -79,7 +79,8 @@ int notRunning(const std::string& tried, const std::string& socketPath) {
     if (socketPath.empty())
         return fail(kNoService, tried, "there is no fit runtime folder to look for the service in",
                     "set XDG_RUNTIME_DIR to a folder that is yours and has mode 0700");
-    return fail(kNoService, tried, "the service is not running (nothing listens on " + socketPath + ")", howToStart());
+    return fail(kNoService, tried, "the service is not running (nothing listens on " + socketPath + ")",
+                howToStart() + "; where it ends again, sdconfig doctor tells why");
 }
 
 int noAnswer(const std::string& tried, const Problem& problem, const std::string& socketPath) {
