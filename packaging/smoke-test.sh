@@ -3,6 +3,7 @@
 set -Eeuo pipefail
 trap 'echo "packaging/smoke-test.sh: line $LINENO failed" >&2' ERR
 here=$(realpath "$(dirname "$0")")
+. "$here/expect.sh"
 
 work=$(mktemp -d)
 export XDG_RUNTIME_DIR=$work/run HOME=$work/home
@@ -16,25 +17,6 @@ finish() {
     rm -rf "$work"
 }
 trap finish EXIT
-
-expect() { # WANTED COMMAND...: what the command prints
-    local wanted=$1 got
-    shift
-    got=$("$@")
-    if [ "$got" != "$wanted" ]; then
-        echo "packaging/smoke-test.sh: $* printed \"$got\" instead of \"$wanted\"" >&2
-        return 1
-    fi
-}
-
-wait_for() { # COMMAND...: until it succeeds, for 10 s at most
-    for _ in $(seq 100); do
-        if "$@"; then return; fi
-        sleep 0.1
-    done
-    echo "packaging/smoke-test.sh: waited in vain for: $*" >&2
-    return 1
-}
 
 # The first call starts the service on the socket that it is handed, as systemd does it.
 listen() {

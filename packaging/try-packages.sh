@@ -7,7 +7,7 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
 mkdir "$work/try"
-cp "$@" "$packaging/smoke-test.sh" "$work/try/"
+cp "$@" "$packaging"/{smoke-test,expect}.sh "$work/try/"
 mkdir "$work/try/packaging"
 cp -r "$packaging"/../{README.md,docs,scripts,examples} "$work/try/"
 cp -r "$packaging/man" "$work/try/packaging/"

@@ -1,0 +1,41 @@
+#!/usr/bin/env bash
+# Boots a fresh bookworm with the packages in a container and uses the units there, under the system's manager and a
+# user's: packaging/try-units.sh PACKAGE.deb...        Needs root and systemd-nspawn.
+set -euo pipefail
+packaging=$(realpath "$(dirname "$0")")
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+mkdir "$work/try"
+cp "$@" "$packaging"/{units-test,expect}.sh "$work/try/"
+# Runs the test as the last thing of the start, and ends the container.
+cat >"$work/try.service" <<'END'
+[Unit]
+After=multi-user.target user@1000.service
+Wants=user@1000.service
+[Service]
+Type=oneshot
+ExecStart=/root/try/units-test.sh
+ExecStopPost=systemctl poweroff
+StandardOutput=append:/root/try/log
+StandardError=inherit
+[Install]
+WantedBy=default.target
+END
+mapfile -t sources < <(find /etc/apt -maxdepth 2 \( -name '*.list' -o -name '*.sources' \))
+in_root() { # shellcheck disable=SC2016
+    printf 'chroot "$1" sh -c "%s"' "DEBIAN_FRONTEND=noninteractive $* >/dev/null"
+}
+mmdebstrap --quiet --variant=minbase --include=systemd-sysv,dbus,dbus-user-session,libpam-systemd \
+    --customize-hook="copy-in $work/try /root" \
+    --customize-hook="copy-in $work/try.service /etc/systemd/system" \
+    --customize-hook="$(in_root useradd --create-home --uid 1000 tester)" \
+    --customize-hook="$(in_root apt-get install -qq -y --no-install-recommends /root/try/libsdconfig1_*.deb \
+        /root/try/sdconfig_*.deb)" \
+    --customize-hook="$(in_root systemctl enable try.service)" \
+    bookworm "$work/root" "${sources[@]}"
+
+timeout --kill-after=10 300 systemd-nspawn --quiet --directory="$work/root" --boot --private-network --register=no \
+    --keep-unit >"$work/console" 2>&1 || cat "$work/console" >&2
+cat "$work/root/root/try/log"
+grep -q 'the units work$' "$work/root/root/try/log"

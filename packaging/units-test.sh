@@ -1,0 +1,70 @@
+#!/usr/bin/env bash
+# Uses the units under the managers of a system that is booted, as root: packaging/units-test.sh
+# The user "tester" has a manager of its own.
+set -Eeuo pipefail
+trap 'echo "packaging/units-test.sh: line $LINENO failed" >&2' ERR
+. "$(dirname "$0")/expect.sh"
+
+runtime=/run/user/$(id -u tester)
+as_tester() { runuser -u tester -- env XDG_RUNTIME_DIR="$runtime" HOME=/home/tester "$@"; }
+as_root() { env XDG_RUNTIME_DIR=/run HOME=/root "$@"; }
+
+systemctl_of() { # tester|root ARGUMENT...
+    local who=$1
+    shift
+    case $who in
+        tester) as_tester systemctl --user "$@" ;;
+        root) systemctl "$@" ;;
+    esac
+}
+process_of() { systemctl_of "$1" show -P MainPID sdconfigd.service; }
+is_new_process() { # tester|root OLD
+    local now
+    now=$(process_of "$1")
+    [ "$now" != 0 ] && [ "$now" != "$2" ]
+}
+is_failed() { systemctl_of "$1" is-failed -q sdconfigd.socket; }
+
+try() { # tester|root, FOLDER of its data, FOLDER for changes of its units
+    local who=$1 data=$2 drop_in=$3/sdconfigd.service.d process
+    local sdconfig=("as_$who" sdconfig)
+    systemctl_of "$who" start sdconfigd.socket
+    expect 0 process_of "$who"  # nobody called yet
+    "${sdconfig[@]}" secure set mail.password "of $who"
+    "${sdconfig[@]}" doctor
+
+    process=$(process_of "$who")
+    kill -KILL "$process"
+    wait_for is_new_process "$who" "$process"
+    expect "of $who" "${sdconfig[@]}" secure get mail.password
+
+    mkdir -p "$drop_in"
+    printf '[Service]\nWatchdogSec=2s\n' >"$drop_in/watchdog.conf"
+    systemctl_of "$who" daemon-reload
+    systemctl_of "$who" restart sdconfigd.service
+    process=$(process_of "$who")
+    sleep 5
+    expect "$process" process_of "$who"  # it gives signs of life
+    kill -STOP "$process"
+    wait_for is_new_process "$who" "$process"
+    expect "of $who" "${sdconfig[@]}" secure get mail.password
+
+    systemctl_of "$who" stop sdconfigd.socket sdconfigd.service
+    mv "$data/sdsecurity.keys" "$data/away"
+    systemctl_of "$who" start sdconfigd.socket
+    ! "${sdconfig[@]}" secure get mail.password || return 1
+    wait_for is_failed "$who"
+    "${sdconfig[@]}" doctor >/tmp/told && return 1
+    grep 'problem: units:.*reset-failed sdconfigd.service; .*start sdconfigd.socket' /tmp/told
+    grep 'problem: data folder:.*key ring' /tmp/told
+    mv "$data/away" "$data/sdsecurity.keys"
+    systemctl_of "$who" reset-failed sdconfigd.service
+    systemctl_of "$who" start sdconfigd.socket
+    expect "of $who" "${sdconfig[@]}" secure get mail.password
+}
+
+wait_for test -S "$runtime/bus"
+try tester /home/tester/.local/share/sdconfig /home/tester/.config/systemd/user
+systemctl enable -q sdconfigd.socket  # off until it is wanted
+try root /var/lib/sdconfig /run/systemd/system
+echo "packaging/units-test.sh: the units work"
