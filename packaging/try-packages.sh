@@ -3,6 +3,7 @@
 # user: packaging/try-packages.sh PACKAGE.deb...
 set -euo pipefail
 packaging=$(realpath "$(dirname "$0")")
+. "$packaging/fresh-root.sh"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
@@ -12,14 +13,7 @@ mkdir "$work/try/packaging"
 cp -r "$packaging"/../{README.md,docs,scripts,examples} "$work/try/"
 cp -r "$packaging/man" "$work/try/packaging/"
 chmod -R go+rX "$work"
-# From where this machine has its own packages.
-mapfile -t sources < <(find /etc/apt -maxdepth 2 \( -name '*.list' -o -name '*.sources' \))
 
-# Hooks: commands for mmdebstrap's shell, whose $1 is the new root.
-in_root() { # shellcheck disable=SC2016
-    printf 'chroot "$1" sh -c "%s"' "DEBIAN_FRONTEND=noninteractive $* >/dev/null"
-}
-install() { in_root apt-get install -qq -y --no-install-recommends "$@"; }
 as_user() { # shellcheck disable=SC2016
     printf 'chroot "$1" runuser -u tester -- /tmp/try/smoke-test.sh %s' "$1"
 }

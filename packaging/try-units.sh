@@ -3,6 +3,7 @@
 # user's: packaging/try-units.sh PACKAGE.deb...        Needs root and systemd-nspawn.
 set -euo pipefail
 packaging=$(realpath "$(dirname "$0")")
+. "$packaging/fresh-root.sh"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
@@ -22,16 +23,11 @@ StandardError=inherit
 [Install]
 WantedBy=default.target
 END
-mapfile -t sources < <(find /etc/apt -maxdepth 2 \( -name '*.list' -o -name '*.sources' \))
-in_root() { # shellcheck disable=SC2016
-    printf 'chroot "$1" sh -c "%s"' "DEBIAN_FRONTEND=noninteractive $* >/dev/null"
-}
 mmdebstrap --quiet --variant=minbase --include=systemd-sysv,dbus,dbus-user-session,libpam-systemd \
     --customize-hook="copy-in $work/try /root" \
     --customize-hook="copy-in $work/try.service /etc/systemd/system" \
     --customize-hook="$(in_root useradd --create-home --uid 1000 tester)" \
-    --customize-hook="$(in_root apt-get install -qq -y --no-install-recommends /root/try/libsdconfig1_*.deb \
-        /root/try/sdconfig_*.deb)" \
+    --customize-hook="$(install '/root/try/libsdconfig1_*.deb' '/root/try/sdconfig_*.deb')" \
     --customize-hook="$(in_root systemctl enable try.service)" \
     bookworm "$work/root" "${sources[@]}"
 
