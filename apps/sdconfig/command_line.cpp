@@ -114,10 +114,10 @@ constexpr ValueOption kProductFiles{"--product-dir", "DIR",
                                     "The product's data folder, as the service was told it; DIR/../etc/build.prop is "
                                     "read",
                                     "", &Request::productDir};
-constexpr ValueOption kDataDir{"--data-dir", "DIR",
-                               "The service's data folder; left out, it is where the running service has its data, "
-                               "else the user's",
-                               "", &Request::dataDir};
+constexpr char kWhichFolder[] =
+    "The service's data folder; left out, it is where the running service has its data, else the one that sdconfigd "
+    "takes";
+constexpr ValueOption kDataDir{"--data-dir", "DIR", kWhichFolder, "", &Request::dataDir};
 constexpr ValueOption kExecute{"--exec", "CMD",
                                "Run \"sh -c CMD\" for each change, with SDCONFIG_KEY and SDCONFIG_VALUE set", "",
                                &Request::execute};
@@ -129,10 +129,7 @@ constexpr Argument kWrittenFile{"FILE", "Takes the policies in the place of what
                                 &Request::file};
 constexpr Argument kReadFile{"FILE", "A file of policies; - is standard input", &Request::file};
 constexpr Argument kKeys = checked({"KEY", "The keys, 122 at most", nullptr, nullptr, false, &Request::keys}, tooLong);
-constexpr Argument kDataOf = checked(
-    {"DATA-DIR", "The service's data folder; left out, it is where the running service has its data, else the user's",
-     &Request::key, &Request::keyGiven},
-    notAFolder);
+constexpr Argument kDataOf = checked({"DATA-DIR", kWhichFolder, &Request::key, &Request::keyGiven}, notAFolder);
 constexpr Argument kBackup{"FILE", "The backup", &Request::file};
 constexpr Argument kMadeBackup = checked(kBackup, notAFile);
 constexpr Argument kRestored{"DATA-DIR", "The folder that the data is put into", &Request::key};
