@@ -31,8 +31,13 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/sdconfig-config-version.c
 install(FILES ${PROJECT_BINARY_DIR}/sdconfig-config.cmake ${PROJECT_BINARY_DIR}/sdconfig-config-version.cmake
     DESTINATION ${package_dir} COMPONENT development)
 
-# From the file's folder to the prefix, so that the installed tree may be moved.
-file(RELATIVE_PATH prefix_from_pc /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
-configure_file(packaging/sdconfig.pc.in ${PROJECT_BINARY_DIR}/sdconfig.pc @ONLY)
+# The prefix is written when it is installed: "cmake --install --prefix" may tell another one. A tree that was moved since
+# is found with "pkg-config --define-prefix".
+set(installed_prefix @prefix@)
+configure_file(packaging/sdconfig.pc.in ${PROJECT_BINARY_DIR}/sdconfig.pc.in @ONLY)
+install(CODE "
+    cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_PREFIX OUTPUT_VARIABLE prefix)
+    configure_file(\"${PROJECT_BINARY_DIR}/sdconfig.pc.in\" \"${PROJECT_BINARY_DIR}/sdconfig.pc\" @ONLY)"
+    COMPONENT development)
 install(FILES ${PROJECT_BINARY_DIR}/sdconfig.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
     COMPONENT development)
