@@ -1,7 +1,5 @@
 // Reads and writes the three kinds of values that the service keeps: a property, a secure value and a policy.
-//     read_and_write [PREFIX]        the keys begin with PREFIX; "example" untold
 #include <cstdio>
-#include <string>
 
 #include "libsdconfig/dmconfig.h"
 #include "libsdconfig/sdconfig.h"
@@ -15,18 +13,16 @@ int fail(const char* what) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-    const std::string prefix = argc > 1 ? argv[1] : "example";
+int main() {
     sd::SDConfig& config = *sd::SDConfig::GetInstance();
     sd::DMConfig& policies = *sd::DMConfig::GetInstance();
 
     // Lasts until the service stops.
-    const std::string theme = prefix + ".theme";
-    if (!config.SetProperty(theme, "dark")) return fail("the property was not set");
-    std::printf("property: %s\n", config.GetProperty(theme).c_str());
+    if (!config.SetProperty("example.theme", "dark")) return fail("the property was not set");
+    std::printf("property: %s\n", config.GetProperty("example.theme").c_str());
 
     // Sealed and on the disk when the call returns true.
-    const std::string password = prefix + ".password";
+    const char password[] = "example.password";
     if (!config.SetSecure(password, "correct horse")) return fail("the secure value was not stored");
     std::printf("secure value: %s\n", config.GetSecure(password).c_str());
 
@@ -37,6 +33,6 @@ int main(int argc, char** argv) {
     if (!policies.DeletePolicyWithUri(password)) return fail("the policy was not deleted");
     std::printf("without it: %s\n", config.GetSecure(password).c_str());
 
-    const bool deleted = config.DeleteSecure(password) && config.DeleteProperty(theme);
+    const bool deleted = config.DeleteSecure(password) && config.DeleteProperty("example.theme");
     return deleted ? 0 : fail("the values were not deleted");
 }
