@@ -58,6 +58,8 @@ public:
     // Runs a statement that yields no rows with the row's fields as parameters 1, 2, ...
     bool executeStatement(const std::string& sql, const TableRow& row);
 
+    SQLiteDatabase& database() const { return mDb; }
+
 private:
     SQLiteDatabase& mDb;
     std::string mName;

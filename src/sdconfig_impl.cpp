@@ -105,8 +105,7 @@ std::string SDConfigImpl::getDBVersion(data::SQLiteTable& table) {
 }
 
 bool SDConfigImpl::setDBVersion(data::SQLiteTable& table, std::string version) {
-    deleteValueFromDatabase(table, kVersionKey);
-    return setValueToDatabaseTable(table, kVersionKey, version);
+    return key_value::replace(table, kVersionKey, version, [&] { deleteValueFromDatabase(table, kVersionKey); });
 }
 
 unsigned int SDConfigImpl::getTableRecordCount(data::SQLiteTable& table) {
@@ -139,22 +138,18 @@ bool SDConfigImpl::SetSecure_v3(const std::string& key, const std::string& value
         return false;
     }
     const std::string utf8Value = latin1ToUtf8(value);
-    // Sealed before the old row goes: a key ring that can't be used must not cost the value that is there.
+    // Sealed before anything is locked: neither another process nor a key ring that can't be used has to wait for it.
     const auto encrypted = sealedText(utf8Value);
     if (!encrypted) {
         LOG(7, AT "encryption failed, the key is %s", HERE, key.c_str());
         return false;
     }
-    const std::string before = getValueFromDatabaseTable(mSecureV3Table, key);
-    // With a row there, without looking for it once more.
-    const bool deleted = before.empty() ? DeleteSecure_v3(key) : deleteValueFromDatabase(mSecureV3Table, key);
-    if (isIdentityKey(key))
-        LOG(5, AT "key is %s, utf8Value is %s, encrypted is %s", HERE, key.c_str(), utf8Value.c_str(),
-            encrypted->c_str());
-    if (setValueToDatabaseTable(mSecureV3Table, key, *encrypted)) return true;
-    // A disk may have had room for the deletion alone: what stood there needs no more than it did.
-    if (deleted && !before.empty()) setValueToDatabaseTable(mSecureV3Table, key, before);
-    return false;
+    return key_value::replace(mSecureV3Table, key, *encrypted, [&] {
+        DeleteSecure_v3(key);
+        if (isIdentityKey(key))
+            LOG(5, AT "key is %s, utf8Value is %s, encrypted is %s", HERE_AS("SetSecure_v3"), key.c_str(),
+                utf8Value.c_str(), encrypted->c_str());
+    });
 }
 
 std::string SDConfigImpl::GetSecure(const std::string& key) {

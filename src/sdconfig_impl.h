@@ -35,10 +35,10 @@ public:
     explicit SDConfigImpl(const std::string& dbPath);
     ~SDConfigImpl();
 
-    // Writes the value sealed, in place of what stood there. The bytes up to the first zero byte are read as Latin-1
-    // and kept as UTF-8, so that a non-ASCII value reads back in that doubled form. An empty value is kept as an empty
-    // row. False, with the value that stood there kept, when the value can't be sealed or stored or the key holds a
-    // zero byte.
+    // Writes the value sealed, in place of what stood there, in one durable commit. The bytes up to the first zero byte
+    // are read as Latin-1 and kept as UTF-8, so that a non-ASCII value reads back in that doubled form. An empty value
+    // is kept as an empty row. False, with the row that stood there as it was, when the value can't be sealed or stored
+    // or is longer than 16 MiB, and when the key holds a zero byte or is longer than 64 KiB.
     bool SetSecure(const std::string& key, const std::string& value);
 
     // The effective value: what the policy store makes of the key's policy and the stored value.
@@ -72,7 +72,7 @@ public:
     bool upgradeDB();
     bool isNewInstall();  // whether secure_v3 is empty
     std::string getDBVersion(data::SQLiteTable& table);
-    bool setDBVersion(data::SQLiteTable& table, std::string version);
+    bool setDBVersion(data::SQLiteTable& table, std::string version);  // in place of the old one, in one commit
 
     // One key of any table of the file. A write replaces the row of the same key and takes its letter case over;
     // deleting an absent key succeeds.

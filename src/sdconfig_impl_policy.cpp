@@ -71,17 +71,13 @@ bool SDConfigDmHelper::SetPolicyWithUri(const std::string& uri, const PolicyMap&
         LOG(7, AT "the key %s %s", HERE, uri.c_str(), problem);
         return false;
     }
-    // Sealed before the old row goes: a key ring that can't be used must not cost the policy that is there.
+    // Sealed before anything is locked, as a secure value is.
     const auto encrypted = sealedText(latin1ToUtf8(composePolicyText(value, priority)));
     if (!encrypted) {
         LOG(7, AT "encryption failed, the key is %s", HERE, uri.c_str());
         return false;
     }
-    const std::string before = getValueFromDatabaseTable(mDmHelperTable, uri);
-    const bool deleted = before.empty() || deleteValueFromDatabase(mDmHelperTable, uri);
-    const bool stored = setValueToDatabaseTable(mDmHelperTable, uri, *encrypted);
-    // A disk may have had room for the deletion alone: what stood there needs no more than it did.
-    if (!stored && deleted && !before.empty()) setValueToDatabaseTable(mDmHelperTable, uri, before);
+    const bool stored = key_value::replace(mDmHelperTable, uri, *encrypted, [&] { DeletePolicyWithUri(uri); });
     if (const int ms = watch.elapsedMs(); ms >= kSlowPolicyMs)
         LOG(6, AT "SetPolicyWithUri %s takes %d ms", HERE, uri.c_str(), ms);
     return stored;

@@ -34,9 +34,10 @@ public:
     bool initDB();
     bool initDMTable();
 
-    // Stores the first entry of `policy` in place of what stood there; any others are ignored. A negative priority
-    // never reads back. The value's bytes up to the first zero byte are read as Latin-1 and kept as UTF-8. False, with
-    // nothing changed, for an empty map and for a URI with a zero byte.
+    // Stores the first entry of `policy` in place of what stood there, in one durable commit; any others are ignored. A
+    // negative priority never reads back. The value's bytes up to the first zero byte are read as Latin-1 and kept as
+    // UTF-8. False, with the row that stood there as it was, when the policy can't be sealed or stored, for an empty
+    // map, for a URI that holds a zero byte or is longer than 64 KiB, and for a value longer than 16 MiB.
     bool SetPolicyWithUri(const std::string& uri, const PolicyMap& policy);
 
     // The policy as stored; empty when there is none or it can't be read.

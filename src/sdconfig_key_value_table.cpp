@@ -1,5 +1,7 @@
 #include "src/sdconfig_key_value_table.h"
 
+#include "sql/SQLiteTransaction.h"
+
 namespace sd::key_value {
 
 namespace {
@@ -38,6 +40,14 @@ bool set(data::SQLiteTable& table, const std::string& key, const std::string& va
 
 bool remove(data::SQLiteTable& table, const std::string& key) {
     return table.remove(field(table, kKey, key));
+}
+
+bool replace(data::SQLiteTable& table, const std::string& key, const std::string& value,
+             const std::function<void()>& removeOld) {
+    data::SQLiteTransaction transaction(table.database());
+    if (!transaction.isActive()) return false;
+    removeOld();
+    return transaction.isActive() && set(table, key, value) && transaction.commit();
 }
 
 bool keys(data::SQLiteTable& table, std::vector<std::string>& result) {

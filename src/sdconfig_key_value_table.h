@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,12 @@ std::string get(data::SQLiteTable& table, const std::string& key);
 bool set(data::SQLiteTable& table, const std::string& key, const std::string& value);
 
 bool remove(data::SQLiteTable& table, const std::string& key);
+
+// Removes a key's row and writes its new one, in one transaction and one durable commit. False, with the old row as it
+// was, spelling included, when the new one could not be stored.
+// removeOld: removes the old row. That it could not decides nothing, since the new row replaces what it left.
+bool replace(data::SQLiteTable& table, const std::string& key, const std::string& value,
+             const std::function<void()>& removeOld);
 
 // Appends the keys of all rows, in the order of the rows. False when the table can't be read.
 bool keys(data::SQLiteTable& table, std::vector<std::string>& result);

@@ -1,5 +1,6 @@
 // The configuration store and the policy store, observed in their files.
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <stdexcept>
 
@@ -147,9 +148,11 @@ TEST_F(StoresTest, AWriteThatFailsCostsNothing) {
     const auto expectKept = [this] {
         EXPECT_EQ(mConfig->GetSecure("kept"), "value");
         EXPECT_EQ(mPolicies->GetPolicyFromDMtable("kept"), (PolicyMap{{"policy", 3}}));
+        EXPECT_EQ(test::query(mConfigFile, "SELECT key FROM secure_v3"), Rows{{"Kept"}});
+        EXPECT_EQ(test::query(mPolicyFile, "SELECT key FROM dmhelperconfig"), Rows{{"Kept"}});
     };
-    ASSERT_TRUE(mConfig->SetSecure("kept", "value"));
-    ASSERT_TRUE(mPolicies->SetPolicyWithUri("kept", {{"policy", 3}}));
+    ASSERT_TRUE(mConfig->SetSecure("Kept", "value"));
+    ASSERT_TRUE(mPolicies->SetPolicyWithUri("Kept", {{"policy", 3}}));
     for (const auto& [file, table] : {std::pair{mConfigFile, "secure_v3"}, {mPolicyFile, "dmhelperconfig"}})
         test::query(file, std::string("CREATE TRIGGER no BEFORE INSERT ON ") + table +
                               " WHEN length(NEW.value) > 500 BEGIN SELECT RAISE(ABORT, 'full'); END");
@@ -175,6 +178,37 @@ TEST_F(StoresTest, AWriteThatFailsCostsNothing) {
     EXPECT_EQ(mLog.count("DeletePolicyWithUri failed", 7), 1);
     test::query(mPolicyFile, "DROP TRIGGER no");
     EXPECT_EQ(test::query(mPolicyFile, "SELECT key FROM dmhelperconfig"), (Rows{{"stuck"}, {"zzz"}}));
+}
+
+TEST_F(StoresTest, ASetIsOneCommitThatHappensOrNot) {
+    struct {
+        int count = 0;
+        bool refused = false;
+    } commits;
+    const auto onCommit = [](void* told) {
+        auto& state = *static_cast<decltype(commits)*>(told);
+        ++state.count;
+        return state.refused ? 1 : 0;
+    };
+    ASSERT_TRUE(mConfig->SetSecure("Kept", "value"));
+    sqlite3_commit_hook(mConfig->handle(), onCommit, &commits);
+    EXPECT_TRUE(mConfig->SetSecure("Kept", "value"));
+    EXPECT_EQ(commits.count, 1);
+    commits.refused = true;
+    EXPECT_FALSE(mConfig->SetSecure("kept", "new"));
+    sqlite3_commit_hook(mConfig->handle(), nullptr, nullptr);
+    EXPECT_EQ(mConfig->GetSecure_v3("kept"), "value");
+    EXPECT_EQ(test::query(mConfigFile, "SELECT key FROM secure_v3"), Rows{{"Kept"}});
+
+    sqlite3* other = nullptr;
+    ASSERT_EQ(sqlite3_open(mConfigFile.c_str(), &other), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(other, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK) << "nothing is left open";
+    sqlite3_busy_timeout(mConfig->handle(), 1);
+    EXPECT_FALSE(mConfig->SetSecure("kept", "new"));
+    sqlite3_close(other);
+    sqlite3_busy_timeout(mConfig->handle(), 5000);
+    EXPECT_EQ(mConfig->GetSecure_v3("kept"), "value");
+    EXPECT_TRUE(mConfig->SetSecure("kept", "new"));
 }
 
 TEST_F(StoresTest, PoliciesAreKeptSealedWithTheirPriority) {

@@ -204,8 +204,8 @@ class Client:
 
 
 class Writer:
-    """Sets and deletes keys of its own, and knows of each what it may hold: one value after an acknowledged write,
-    several after one that was under way when the service died."""
+    """Sets and deletes keys of its own, and knows of each what it may hold: one value after an acknowledged write, the
+    old and the new one after one that was under way when the service died."""
 
     def __init__(self, client, kind, name, seed):
         self.client, self.kind, self.random = client, kind, random.Random(seed)
@@ -229,7 +229,7 @@ class Writer:
             self.may_hold[key] = {value}
             self.acknowledged += 1
             return True
-        self.may_hold[key] |= {value, ""}
+        self.may_hold[key].add(value)
         self.in_flight += 1
         return False
 

@@ -1,0 +1,31 @@
+// One transaction that writes.
+#pragma once
+
+namespace sd::data {
+
+class SQLiteDatabase;
+
+// What it holds is stored as a whole, or not at all: whatever ends it before commit() has succeeded, an error, an
+// exception, the process, leaves the database as it was. One thread at a time; nothing throws.
+class SQLiteTransaction {
+public:
+    // Takes the database's write lock, for which it waits as any statement does. `db` has to outlive the transaction.
+    explicit SQLiteTransaction(SQLiteDatabase& db);
+    // Rolls back what was not committed.
+    ~SQLiteTransaction();
+    SQLiteTransaction(const SQLiteTransaction&) = delete;
+    SQLiteTransaction& operator=(const SQLiteTransaction&) = delete;
+
+    // False where it could not begin, and where SQLite itself ended it, as it does when the disk fails: a statement
+    // would then be a commit of its own.
+    bool isActive() const;
+
+    // One durable commit. False, with nothing stored, when it fails.
+    bool commit();
+
+private:
+    SQLiteDatabase& mDb;
+    const bool mBegun;
+};
+
+}  // namespace sd::data
