@@ -48,9 +48,9 @@ bool EventListener::add(const std::string& event, std::unique_ptr<SDBusEventCall
     subscription.callbacks.push_back(std::move(callback));
     wake();
     // The thread that would take the acknowledgement must not wait for it.
-    if (isOwnThread()) return subscription.acknowledged;
-    mAcknowledged.wait_for(lock, kAcknowledgementWait, [&] { return subscription.acknowledged || mStopped; });
-    return subscription.acknowledged;
+    if (!isOwnThread())
+        mAnswered.wait_for(lock, kAcknowledgementWait, [&] { return subscription.isAnswered() || mStopped; });
+    return subscription.state == State::InForce;
 }
 
 bool EventListener::ensureRunning() {
@@ -78,7 +78,7 @@ void EventListener::stop() {
         thread = std::move(mThread);
         wake();
     }
-    mAcknowledged.notify_all();
+    mAnswered.notify_all();
     if (!thread) return;
     own ? thread->detach() : thread->join();
 }
@@ -143,13 +143,13 @@ void EventListener::serve(ClientConnection& connection) {
 bool EventListener::requestSubscriptions(ClientConnection& connection) {
     const std::lock_guard lock(mMutex);
     for (auto& [event, subscription] : mSubscriptions) {
-        if (subscription.requested) continue;
+        if (subscription.state != State::New) continue;
         const BusMessagePtr request = connection.makeCall(wire::kControlInterface, wire::kSubscribe);
         const Arguments arguments{event};
         const auto plan = WirePlan::make(arguments);
         if (!request || !plan || !plan->append(request.get(), arguments)) return false;
         if (!connection.send(request.get(), subscription.cookie)) return false;
-        subscription.requested = true;
+        subscription.state = State::Requested;
     }
     return true;
 }
@@ -169,12 +169,13 @@ void EventListener::takeAnswer(sd_bus_message* message) {
     {
         const std::lock_guard lock(mMutex);
         for (auto& [event, subscription] : mSubscriptions) {
-            if (subscription.requested && subscription.cookie == cookie) subscription.acknowledged = !refused;
-            allInForce = allInForce && subscription.acknowledged;
+            if (subscription.state == State::Requested && subscription.cookie == cookie)
+                subscription.state = refused ? State::Refused : State::InForce;
+            allInForce = allInForce && subscription.state == State::InForce;
         }
     }
+    mAnswered.notify_all();
     if (refused) return LOG(6, AT "service %s refused a subscription", HERE, mService.c_str());
-    mAcknowledged.notify_all();
     if (allInForce) noteInForce();
 }
 
@@ -212,7 +213,7 @@ void EventListener::call(const SDBusEventCallback& callback, const std::shared_p
 
 void EventListener::forgetRequests() {
     const std::lock_guard lock(mMutex);
-    for (auto& entry : mSubscriptions) entry.second.requested = entry.second.acknowledged = false;
+    for (auto& entry : mSubscriptions) entry.second.state = State::New;
 }
 
 void EventListener::noteLost() {

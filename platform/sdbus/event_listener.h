@@ -30,13 +30,15 @@ public:
     void stop();
 
 private:
-    // Where the subscription to one event stands.
+    // Where the subscription to one event stands with the service that is connected.
+    enum class State { New, Requested, InForce, Refused };
     struct Subscription {
         std::vector<std::shared_ptr<SDBusEventCallback>> callbacks;
         std::string member;   // how the event's name travels
-        uint64_t cookie = 0;  // of the request that waits for its acknowledgement
-        bool requested = false;
-        bool acknowledged = false;
+        uint64_t cookie = 0;  // of the request
+        State state = State::New;
+
+        bool isAnswered() const { return state == State::InForce || state == State::Refused; }
     };
 
     bool ensureRunning();
@@ -62,7 +64,7 @@ private:
     const UniqueFd mWake;  // an eventfd: something was added, or it is time to stop
 
     std::mutex mMutex;
-    std::condition_variable mAcknowledged;
+    std::condition_variable mAnswered;
     std::map<std::string, Subscription> mSubscriptions;  // guarded by mMutex, as what follows
     std::unique_ptr<std::thread> mThread;
     bool mStopped = false;

@@ -13,7 +13,8 @@ namespace {
 
 // sd-bus closes a descriptor in the middle of its work, so a number noted here may mean another thread's file a moment
 // later: the inode tells.
-struct FileId {
+struct Descriptor {
+    int number;
     dev_t device;
     ino_t inode;
 };
@@ -21,62 +22,61 @@ struct FileId {
 struct ForkState {
     std::mutex mutex;
     std::mutex descriptorsMutex;
-    std::unordered_multimap<int, FileId> descriptors;
+    // By what noted them: of two notes of the same number one is out of date, and only its own end may take it away.
+    std::unordered_map<const ClosedInChild*, Descriptor> descriptors;
     std::atomic<unsigned> generation{0};
 };
 
-ForkState& state() {
-    static ForkState* const sState = new ForkState;  // never destroyed: used by static destructors
-    return *sState;
-}
+ForkState* sState = nullptr;
 
 void beforeFork() {
-    state().mutex.lock();
-    state().descriptorsMutex.lock();
+    sState->mutex.lock();
+    sState->descriptorsMutex.lock();
 }
 
 void inParent() {
-    state().descriptorsMutex.unlock();
-    state().mutex.unlock();
+    sState->descriptorsMutex.unlock();
+    sState->mutex.unlock();
 }
 
 void inChild() {
-    for (const auto& [fd, id] : state().descriptors) {
+    for (const auto& entry : sState->descriptors) {
+        const Descriptor& noted = entry.second;
         struct stat now {};
-        if (::fstat(fd, &now) == 0 && now.st_dev == id.device && now.st_ino == id.inode) ::close(fd);
+        if (::fstat(noted.number, &now) == 0 && now.st_dev == noted.device && now.st_ino == noted.inode)
+            ::close(noted.number);
     }
-    state().descriptors.clear();
-    state().generation.fetch_add(1, std::memory_order_relaxed);
+    sState->descriptors.clear();
+    sState->generation.fetch_add(1, std::memory_order_relaxed);
     inParent();
 }
 
-ForkState& guarded() {
-    static const int sInstalled = ::pthread_atfork(beforeFork, inParent, inChild);
-    (void)sInstalled;  // fails only without memory, and then at the first use of the layer
-    return state();
-}
+// Made when the library is loaded: a fork must not fall into the making. Never destroyed: static destructors use it.
+const int sInstalled [[maybe_unused]] = [] {
+    sState = new ForkState;
+    return ::pthread_atfork(beforeFork, inParent, inChild);  // fails only without memory
+}();
 
 }  // namespace
 
 std::mutex& forkMutex() {
-    return guarded().mutex;
+    return sState->mutex;
 }
 
 unsigned forkGeneration() {
-    return guarded().generation.load(std::memory_order_relaxed);
+    return sState->generation.load(std::memory_order_relaxed);
 }
 
-ClosedInChild::ClosedInChild(int fd) : mFd(fd) {
+ClosedInChild::ClosedInChild(int fd) {
     struct stat now {};
     if (::fstat(fd, &now) < 0) return;
-    const std::lock_guard lock(guarded().descriptorsMutex);
-    state().descriptors.emplace(fd, FileId{now.st_dev, now.st_ino});
+    const std::lock_guard lock(sState->descriptorsMutex);
+    sState->descriptors.emplace(this, Descriptor{fd, now.st_dev, now.st_ino});
 }
 
 ClosedInChild::~ClosedInChild() {
-    const std::lock_guard lock(state().descriptorsMutex);
-    const auto found = state().descriptors.find(mFd);
-    if (found != state().descriptors.end()) state().descriptors.erase(found);
+    const std::lock_guard lock(sState->descriptorsMutex);
+    sState->descriptors.erase(this);
 }
 
 }  // namespace sdbus

@@ -21,9 +21,6 @@ public:
     ~ClosedInChild();
     ClosedInChild(const ClosedInChild&) = delete;
     ClosedInChild& operator=(const ClosedInChild&) = delete;
-
-private:
-    int mFd;
 };
 
 }  // namespace sdbus

@@ -235,6 +235,12 @@ struct SDBusSerivceManager::State {
         return found == failures.end() ? "service " + name + " is not registered by this process" : found->second;
     }
 
+    void noteFailure(const std::string& name, const std::string& why) {
+        const std::lock_guard lock(forkMutex());
+        (void)current();  // forgets the parent's
+        failures[name] = why;
+    }
+
     bool tryRegister(const std::string& name, SDBusServiceInterface* interface, std::string& why);
 
     std::map<std::string, Registration> registrations;  // guarded by forkMutex(), as what follows
@@ -275,7 +281,9 @@ SDBusSerivceManager::SDBusSerivceManager() : mState(std::make_unique<State>()) {
 SDBusSerivceManager::~SDBusSerivceManager() = default;
 
 SDBusSerivceManager* SDBusSerivceManager::initSync(int) {
-    static auto* const sManager = new SDBusSerivceManager;
+    static SDBusSerivceManager* sManager = nullptr;  // guarded by forkMutex(), so that no fork falls into its making
+    const std::lock_guard lock(forkMutex());
+    if (!sManager) sManager = new SDBusSerivceManager;
     return sManager;
 }
 
@@ -304,8 +312,7 @@ bool SDBusSerivceManager::registerServiceInterface(const std::string& service, S
         return true;
     }
     LOG(7, AT "service %s is not registered: %s", HERE, service.c_str(), why.c_str());
-    const std::lock_guard lock(forkMutex());
-    mState->failures[service] = why;
+    mState->noteFailure(service, why);
     return false;
 }
 

@@ -170,9 +170,7 @@ void Service::acceptPeers() {
 }
 
 void Service::pauseAccepting(int error) {
-    unsigned dropped = 0;
-    if (mLogLimiter.allow(dropped))
-        LOG(7, AT "service %s takes no new clients for now: %s", HERE, mName.c_str(), std::strerror(error));
+    if (mayLog()) LOG(7, AT "service %s takes no new clients for now: %s", HERE, mName.c_str(), std::strerror(error));
     (void)sd_event_source_set_enabled(mAccepting.get(), SD_EVENT_OFF);
     setTimer(mResumeTimer.get(), kAcceptPause);
 }
@@ -237,10 +235,16 @@ void Service::enforceBudget() {
     }
 }
 
-void Service::logOfClient(pid_t process, const char* what, const char* reason) {
+// Whether a line about clients may go out now. Tells how many before it did not.
+bool Service::mayLog() {
     unsigned dropped = 0;
-    if (!mLogLimiter.allow(dropped)) return;
+    if (!mLogLimiter.allow(dropped)) return false;
     if (dropped > 0) LOG(6, AT "%u lines about clients of service %s were left out", HERE, dropped, mName.c_str());
+    return true;
+}
+
+void Service::logOfClient(pid_t process, const char* what, const char* reason) {
+    if (!mayLog()) return;
     LOG(6, AT "client process %d of service %s is %s: %s", HERE, static_cast<int>(process), mName.c_str(), what,
         reason);
 }

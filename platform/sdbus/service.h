@@ -55,6 +55,7 @@ public:
     void forget(Peer& peer);
     void enforceBudget();
     bool isStopping() const { return mStopping; }
+    bool mayLog();
     void logOfClient(pid_t process, const char* what, const char* reason);
 
 private:

@@ -3,6 +3,7 @@
 
 // The location of a line is its caller's and not this file's: fields are passed by hand.
 #define SD_JOURNAL_SUPPRESS_LOCATION
+#include <pthread.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/uio.h>
@@ -21,6 +22,7 @@
 #include <ctime>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -36,9 +38,23 @@ constexpr std::size_t kMaxText = 64UL * 1024;
 
 // Everything static is initialised at compile time and never destroyed: lines come before main and after exit.
 std::atomic<int> sLeastLevel{kWarning};
-std::mutex sSinkMutex;
-std::shared_ptr<const VelmarLogSink>* sSink = nullptr;  // guarded by sSinkMutex
 thread_local bool sInSink = false;
+
+// The stream that standard error may be, as the journal numbers it.
+struct JournalStream {
+    std::uintmax_t device;
+    std::uintmax_t inode;
+    bool known;
+};
+
+// Held for moments, and over fork(), so that a child may log at once. For localtime_r too: the C library has a lock
+// there that a fork may leave locked in the child.
+std::mutex sMutex;
+std::shared_ptr<const VelmarLogSink>* sSink = nullptr;  // guarded by sMutex, as what follows
+std::optional<JournalStream> sJournalStream;            // once it is read
+
+const int sInstalled [[maybe_unused]] =
+    ::pthread_atfork([] { sMutex.lock(); }, [] { sMutex.unlock(); }, [] { sMutex.unlock(); });
 
 class ErrnoKeeper {
 public:
@@ -127,21 +143,24 @@ std::string printable(std::string_view text, const char* newline) {
     return shown;
 }
 
-// Whether standard error is the journal's stream. The variable is read once, since other threads may change the
-// environment; the descriptor is looked at each time, since a host may point it elsewhere.
+JournalStream readJournalStream() {
+    JournalStream read{};
+    const char* const text = std::getenv("JOURNAL_STREAM");
+    // NOLINTNEXTLINE(cert-err34-c): a number out of range names no file.
+    read.known = text && std::sscanf(text, "%" SCNuMAX ":%" SCNuMAX, &read.device, &read.inode) == 2;
+    return read;
+}
+
+// The variable is read once, since other threads may change the environment.
+JournalStream journalStream() {
+    const std::lock_guard lock(sMutex);
+    if (!sJournalStream) sJournalStream = readJournalStream();
+    return *sJournalStream;
+}
+
+// Whether standard error is the journal's stream: looked at each time, since a host may point it elsewhere.
 bool standardErrorIsJournal() {
-    struct Stream {
-        std::uintmax_t device;
-        std::uintmax_t inode;
-        bool known;
-    };
-    static const Stream stream = [] {
-        Stream read{};
-        const char* const text = std::getenv("JOURNAL_STREAM");
-        // NOLINTNEXTLINE(cert-err34-c): a number out of range names no file.
-        read.known = text && std::sscanf(text, "%" SCNuMAX ":%" SCNuMAX, &read.device, &read.inode) == 2;
-        return read;
-    }();
+    const JournalStream stream = journalStream();
     struct stat status {};
     return stream.known && ::fstat(STDERR_FILENO, &status) == 0 && status.st_dev == stream.device &&
            status.st_ino == stream.inode;
@@ -170,7 +189,10 @@ std::string timeNow() {
     timespec now{};
     ::clock_gettime(CLOCK_REALTIME, &now);
     std::tm parts{};
-    ::localtime_r(&now.tv_sec, &parts);
+    {
+        const std::lock_guard lock(sMutex);
+        ::localtime_r(&now.tv_sec, &parts);
+    }
     std::array<char, 16> text{};
     const std::size_t length = std::strftime(text.data(), text.size(), "%H:%M:%S", &parts);
     std::snprintf(text.data() + length, text.size() - length, ".%03ld", now.tv_nsec / 1000000);
@@ -193,7 +215,7 @@ void sendToDefault(const Line& line) {
 }
 
 std::shared_ptr<const VelmarLogSink> currentSink() {
-    const std::lock_guard lock(sSinkMutex);
+    const std::lock_guard lock(sMutex);
     return sSink ? *sSink : nullptr;
 }
 
@@ -241,7 +263,7 @@ void velmarLogSetLevel(int level) {
 
 void velmarLogSetSink(VelmarLogSink sink) {
     auto next = sink ? std::make_shared<const VelmarLogSink>(std::move(sink)) : nullptr;
-    const std::lock_guard lock(sSinkMutex);
+    const std::lock_guard lock(sMutex);
     if (!sSink) sSink = new std::shared_ptr<const VelmarLogSink>;
     sSink->swap(next);
 }

@@ -14,7 +14,7 @@
 // and the line, and reach the journal as CODE_FILE, CODE_FUNC and CODE_LINE as well.
 // Where the line goes: to the host's sink if it has set one; else to the journal, where standard error is connected to
 // it; else to standard error, in one write, with time, level and tag first.
-// Any thread, during static initialisation and at exit too. Never throws, keeps errno.
+// Any thread, during static initialisation and at exit too, and in a forked child at once. Never throws, keeps errno.
 VELMARLOG_API void velmarLogPrint(int id, int level, const char* tag, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 
@@ -24,7 +24,7 @@ VELMARLOG_API void velmarLogSetLevel(int level);
 
 // What a host may put in place of the journal and standard error; gets the formatted line without a final newline.
 // It is called on the thread that logs, by several at once. What it logs itself goes to the default destination, and so
-// does a line on which it throws.
+// does a line on which it throws. A forked child goes on with it: that its own locks are free there is the host's care.
 using VelmarLogSink = std::function<void(int level, const char* tag, const std::string& line)>;
 
 // Sends all lines to `sink`; an empty one brings the default back. A thread that is logging may still be running the

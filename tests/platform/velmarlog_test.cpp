@@ -10,8 +10,11 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
+#include <ctime>
 #include <functional>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -32,6 +35,18 @@ extern "C" __attribute__((visibility("default"))) int sd_journal_sendv(const iov
         all += "<" + std::string(static_cast<const char*>(fields[i].iov_base), fields[i].iov_len) + ">";
     if (all.find("refuse") != std::string::npos) return -ENOENT;
     return ::write(STDERR_FILENO, all.data(), all.size()) < 0 ? -errno : 0;
+}
+
+// Stands in for the C library's, which has a lock as this has; "holds" it for a while when told.
+std::atomic<bool> sClockHolds{false}, sClockHeld{false};
+extern "C" __attribute__((visibility("default"))) std::tm* localtime_r(const std::time_t* time, std::tm* parts) {
+    static std::mutex sLock;
+    const std::lock_guard lock(sLock);
+    if (sClockHolds) {
+        sClockHeld = true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return ::gmtime_r(time, parts);
 }
 
 namespace {
@@ -133,6 +148,21 @@ TEST(LifetimeTest, WorksBeforeMainAndAtExit) {
         std::exit(0);
     };
     EXPECT_EXIT(exitLogging(), ExitedWithCode(0), "late");
+}
+
+TEST(ForkTest, AChildLogsAtOnceWhereverAnotherThreadWas) {
+    const auto logInBoth = [] {
+        sClockHolds = true;
+        std::thread other([] { velmarLogPrint(0, 7, "t", "parent"); });
+        test::waitUntil([] { return sClockHeld.load(); });
+        sClockHolds = false;
+        test::inChild([] {
+            velmarLogPrint(0, 7, "t", "child");
+            return true;
+        });
+        other.join();
+    };
+    EXPECT_THAT(writesOf(logInBoth), testing::UnorderedElementsAre(HasSubstr("t: parent"), HasSubstr("t: child")));
 }
 
 TEST(SinkTest, ThatLogsOrThrowsLosesNothing) {

@@ -1,6 +1,8 @@
 #include "tests/support/support.h"
 
 #include <sqlite3.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -11,6 +13,13 @@
 #include <thread>
 
 #include "platform/velmarlog/velmarlog.h"
+
+#if defined(__SANITIZE_THREAD__)
+// Lets a forked child of threads start one.
+extern "C" __attribute__((visibility("default"))) const char* __tsan_default_options() {
+    return "die_after_fork=0";
+}
+#endif
 
 namespace test {
 
@@ -67,6 +76,16 @@ int LogCapture::count(const std::string& text, int level) const {
     for (const LogLine& line : lines())
         if ((level == 0 || line.level == level) && line.text.find(text) != std::string::npos) ++found;
     return found;
+}
+
+bool inChild(const std::function<bool()>& body) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::alarm(20);
+        ::_exit(body() ? 0 : 1);
+    }
+    int status = -1;
+    return ::waitpid(child, &status, 0) == child && status == 0;
 }
 
 std::string readFile(const std::string& path) {

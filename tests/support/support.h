@@ -100,6 +100,9 @@ struct DeliberateLeak {
 };
 #endif
 
+// Whether `body` holds in a forked child, within 20 s.
+bool inChild(const std::function<bool()>& body);
+
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& content);
 
