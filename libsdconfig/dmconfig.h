@@ -18,7 +18,9 @@ namespace sd {
 // Counts and priorities travel as signed 8-bit integers and are cut to that: send at most 122 elements at once (the
 // service takes no more) and priorities from 0 to 127.
 //
-// Any thread may call any operation, from a listener too.
+// Any thread may call any operation, from a listener too, and so may a forked child. The child begins without
+// listeners: its parent's are called in the parent alone. From exit() on no listener is called; one that runs is waited
+// for, 5000 ms at most.
 class SDCONFIG_API DMConfig {
 public:
     // What a caller implements to hear of changes.
@@ -27,7 +29,8 @@ public:
         virtual ~Listener();
 
         // A change of the key: its new value and, where the key's latest registration asked for that, whether a policy
-        // controls it now. Runs on the bus layer's event thread; it may call any operation of the facades.
+        // controls it now. Runs on the bus layer's event thread; it may call any operation of the facades. What it
+        // throws is logged.
         virtual void onChanged(const std::string& key, const std::string& value, bool flag) = 0;
     };
     using ListenerList = std::map<std::string, Listener*>;
@@ -58,6 +61,8 @@ public:
 
     // Calls `listener`, which stays the caller's and has to live until it is unregistered, when the key changes. flag:
     // whether to be told of strong control. Keys compare exactly. Each registration of a listener is one call of it.
+    //
+    // False, with a level-7 line and nothing sent, without a listener; in a list, for any that is null.
     //
     // The service is told of a key once a process. It counts registrations per key over all processes, and forgets them
     // when it restarts: docs/listeners.md shows how to outlive that.

@@ -2,10 +2,29 @@
 
 #include <algorithm>
 #include <chrono>
+#include <exception>
 
+#include "platform/velmarlog/log_line.h"
 #include "src/sdconfig_protocol.h"
 
 namespace sd {
+
+namespace {
+
+constexpr char kTag[] = "sdconfig";
+constexpr char kSource[] = "listener_map";
+
+void call(DMConfig::Listener& listener, const std::string& key, const std::string& value, bool flag) {
+    try {
+        listener.onChanged(key, value, flag);
+    } catch (const std::exception& error) {
+        LOG(7, AT "a listener of key %s threw: %s", HERE, key.c_str(), error.what());
+    } catch (...) {
+        LOG(7, AT "a listener of key %s threw", HERE, key.c_str());
+    }
+}
+
+}  // namespace
 
 DMConfig::Listener::~Listener() = default;
 
@@ -51,15 +70,15 @@ void ListenerMap::onEvent(SDBusMessage& event) {
     for (DMConfig::Listener* listener : listeners) {
         if (!beginDelivery(key, listener)) continue;
         const Delivery delivery{*this};
-        listener->onChanged(key, value, flag);
+        call(*listener, key, value, flag);
     }
 }
 
-// False when the listener has been unregistered since the event came: it may be gone.
+// False when the listener has been unregistered since the event came, or the map was closed: it may be gone.
 bool ListenerMap::beginDelivery(const std::string& key, DMConfig::Listener* listener) {
     const std::lock_guard lock(mGuard);
     const auto& registered = mListeners[key];
-    if (std::find(registered.begin(), registered.end(), listener) == registered.end()) return false;
+    if (mClosed || std::find(registered.begin(), registered.end(), listener) == registered.end()) return false;
     mRunning = listener;
     mEventThread = std::this_thread::get_id();
     return true;
@@ -74,10 +93,22 @@ void ListenerMap::endDelivery() {
 
 void ListenerMap::awaitDelivery(const DMConfig::Listener* listener) {
     std::unique_lock lock(mGuard);
-    if (mRunning != listener || mEventThread == std::this_thread::get_id()) return;
-    const unsigned long before = mDeliveries;
-    mDelivered.wait_for(lock, std::chrono::milliseconds(protocol::kCallTimeoutMs),
-                        [&] { return mDeliveries != before; });
+    if (mRunning && mRunning == listener) (void)awaitEnd(lock);
+}
+
+bool ListenerMap::close() {
+    std::unique_lock lock(mGuard);
+    mClosed = true;
+    return !mRunning || awaitEnd(lock);
+}
+
+bool ListenerMap::awaitEnd(std::unique_lock<std::mutex>& lock) {
+    if (mEventThread == std::this_thread::get_id()) return false;
+    const bool ended = mDelivered.wait_for(lock, std::chrono::milliseconds(protocol::kCallTimeoutMs),
+                                           [this, before = mDeliveries] { return mDeliveries != before; });
+    lock.unlock();
+    if (!ended) LOG(6, AT "a listener still runs after %d ms: it is not waited for", HERE, protocol::kCallTimeoutMs);
+    return ended;
 }
 
 }  // namespace sd

@@ -26,21 +26,27 @@ public:
     // Takes the listener's first registration out. The key's entry stays, even when it was the last one.
     Removal remove(const std::string& key, const DMConfig::Listener* listener);
 
-    // Calls the listeners of the key that a "DM_CHANGED" tells of; other events are none of its business.
+    // Calls the listeners of the key that a "DM_CHANGED" tells of; other events are none of its business. A listener
+    // that throws costs the others nothing.
     void onEvent(SDBusMessage& event);
 
     // Waits until the listener is not running, so that a caller may destroy it once it is unregistered. Not on the
     // event thread, and 5000 ms at most: the listener may be waiting for the very thread that waits here.
     void awaitDelivery(const DMConfig::Listener* listener);
 
+    // Calls no listener any more. False when one is running still, on this thread or after 5000 ms.
+    bool close();
+
 private:
     bool beginDelivery(const std::string& key, DMConfig::Listener* listener);
     void endDelivery();
+    bool awaitEnd(std::unique_lock<std::mutex>& lock);
 
     std::mutex mGuard;
     std::map<std::string, std::vector<DMConfig::Listener*>> mListeners;
     const DMConfig::Listener* mRunning = nullptr;  // whom the event thread is calling
     unsigned long mDeliveries = 0;                 // how many calls have come to their end
+    bool mClosed = false;
     std::thread::id mEventThread;
     std::condition_variable mDelivered;
 };

@@ -11,14 +11,16 @@ namespace sd {
 // The one door through which any process of the client reads and writes configuration.
 //
 // Every operation but the local GetProperty is one synchronous call to the configuration service: it blocks its thread
-// for at most 5000 ms, and the process's first one waits up to about a second more for the service to appear and runs
-// the start-up tasks. Nothing is cached; no operation throws; keys and values are byte strings, UTF-8 in practice.
+// for at most 5000 ms. The process's first one runs the start-up tasks, too. Where there is no service it waits up to
+// about a second more for one to appear, and so does each call until one was there; threads that call meanwhile wait
+// along. Where the service hangs, the first call fails after those 5000 ms, and the next one that is answered goes on
+// with the start-up. Nothing is cached; no operation throws; keys and values are byte strings, UTF-8 in practice.
 //
 // On any failure (no service, time-out, an answer that makes no sense) an operation logs one level-7 line and returns
 // its failure value, "" or false. That value looks the same as an unset key or a refusal by the service.
 //
-// Any thread may call any operation, from a listener too. The five path operations take no lock: call them early, from
-// the thread that starts the program.
+// Any thread may call any operation, from a listener too, and so may a forked child, as a process of its own. The five
+// path operations take no lock: call them early, from the thread that starts the program.
 class SDCONFIG_API SDConfig {
 public:
     static SDConfig* GetInstance();

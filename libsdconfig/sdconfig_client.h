@@ -2,11 +2,13 @@
 // sServiceName.
 #pragma once
 
-#include <atomic>
+#include <chrono>
+#include <cstddef>
 #include <initializer_list>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,7 +24,10 @@ class ListenerMap;
 class SDConfigClient {
 public:
     // Waits up to about a second for the service to appear; the first call that finds it connects and runs the start-up
-    // tasks, while other threads wait. Null when there is no service: the next call tries again.
+    // tasks. Threads that call meanwhile wait with it and get what it gets. Null when there is no service, or when it
+    // stops answering: the next call tries again, and goes on with the start-up where it was left.
+    //
+    // A forked child makes a client of its own, without the listeners of its parent's.
     static std::shared_ptr<SDConfigClient> GetInstance();
 
     ~SDConfigClient();
@@ -58,15 +63,14 @@ public:
     SDCONFIG_API static const char* sServiceName;
 
 private:
-    struct Instance;
-    static std::atomic<bool> sInitialized;  // the instance holds a connected client
-    static std::atomic<bool> sDestroyed;    // the instance went with the process's other statics
+    class Process;
 
     // An answer, or what came in its place.
     class Answer {
     public:
         explicit Answer(std::shared_ptr<SDBusMessage> message) : mMessage(std::move(message)) {}
         bool ok() const;
+        bool hasCome() const;  // false when the service said nothing
         int type() const { return mMessage ? mMessage->type() : 0; }
         int errorType() const { return mMessage ? mMessage->getErrorType() : 0; }
         SDBusMessage* operator->() const { return mMessage.get(); }
@@ -77,22 +81,33 @@ private:
     };
 
     SDConfigClient();
+    static bool awaitService();
+    static bool connect(std::shared_ptr<SDConfigClient>& client);
     bool init();
     std::shared_ptr<SDBusMessage> makeCall(const char* method) const;
-    Answer send(const std::shared_ptr<SDBusMessage>& call) const;
-    Answer request(const char* method, std::initializer_list<std::string> strings) const;
+    Answer send(const std::shared_ptr<SDBusMessage>& call);
+    Answer request(const char* method, std::initializer_list<std::string> strings);
+    Answer requestSecure(const std::string& key);
 
     bool unregister(const std::string& key, DMConfig::Listener* listener, bool flag);
 
-    // Start-up tasks: every process runs them, so they may run any number of times.
+    // Start-up tasks: every process runs them, so they may run any number of times. They end early when the service
+    // stops answering: the key in hand is left alone, and the others to the next start-up of this client.
     static constexpr char kOldLockscreenKey[] = "ro.sd.user.lockscreen.data";
+    bool startUp(std::chrono::steady_clock::time_point begun);
     void printProductInfo();
     void dataMigrate(const std::string& key);
     void wpowerConfigInit();
+    std::optional<std::string> readAtStartUp(const std::string& key, const char* task);
 
-    static std::mutex sLock;    // making the client
-    static std::mutex sDMLock;  // registering and unregistering one listener, their calls included
+    // Of the start-up, which one thread does before any other has the client.
+    bool mStarted = false;
+    bool mAnswers = true;  // whether the service answered the last request
+    std::chrono::steady_clock::time_point mHeardOf;
+    bool mMigrated = false;
+    std::size_t mPowerChecked = 0;  // how many of the power defaults
 
+    std::mutex mRegistering;  // one listener registered or unregistered at a time, the call included
     const std::shared_ptr<ListenerMap> mListenerMap;  // shared with the event callback, which may outlive the client
     std::shared_ptr<SDBusProxyInterface> mProxy;
 };

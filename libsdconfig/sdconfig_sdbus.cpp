@@ -1,6 +1,11 @@
 // The client's connection: found, made and kept once a process, and the events that come over it.
+#include <pthread.h>
+
 #include <chrono>
+#include <condition_variable>
+#include <cstdlib>
 #include <thread>
+#include <utility>
 
 #include "libsdconfig/listener_map.h"
 #include "libsdconfig/sdconfig_client.h"
@@ -13,6 +18,7 @@ namespace {
 
 constexpr char kTag[] = "sdconfig";
 constexpr char kSource[] = "sdconfig_sdbus";
+constexpr char kGetInstance[] = "GetInstance";  // in whose name its helpers log
 
 constexpr int kServiceChecks = 11;
 constexpr std::chrono::milliseconds kServiceCheckPause{100};
@@ -21,59 +27,132 @@ constexpr std::chrono::milliseconds kConnectPause{10};
 }  // namespace
 
 const char* SDConfigClient::sServiceName = nullptr;
-std::atomic<bool> SDConfigClient::sInitialized{false};
-std::atomic<bool> SDConfigClient::sDestroyed{false};
-std::mutex SDConfigClient::sLock;
-std::mutex SDConfigClient::sDMLock;
 
-// The process's client. At exit it goes like any other static; who calls a facade after that finds no client instead of
-// a destroyed one.
-struct SDConfigClient::Instance {
-    Instance() = default;
-    Instance(const Instance&) = delete;
-    Instance& operator=(const Instance&) = delete;
-    ~Instance() {
-        sInitialized.store(false);
-        sDestroyed.store(true);
-    }
-    std::shared_ptr<SDConfigClient> client;
+// What a process has of the client. A forked child begins with one of its own, like any other process: in its parent
+// another thread may have been in the middle of a call, which nobody brings to its end in the child. Taking that
+// thread's locks before a fork would hold the fork up for as long as the service takes.
+// Never destroyed, since threads go on calling while the process exits.
+class SDConfigClient::Process {
+public:
+    explicit Process(Process* parents = nullptr) : mParents(parents) {}
+
+    static Process* sCurrent;
+
+    std::shared_ptr<SDConfigClient> get();
+    void end();
+
+private:
+    // One thread connects, without the guard. Those that come meanwhile share what comes of it.
+    class Attempt {
+    public:
+        Attempt(Process& process, std::unique_lock<std::mutex>& lock) : mProcess(process), mLock(lock) {
+            mProcess.mConnecting = std::this_thread::get_id();
+            mLock.unlock();
+        }
+        ~Attempt() {
+            mLock.lock();
+            mProcess.mConnecting = std::thread::id();
+            ++mProcess.mAttempts;
+            mProcess.mAttemptEnded.notify_all();
+        }
+        Attempt(const Attempt&) = delete;
+        Attempt& operator=(const Attempt&) = delete;
+
+    private:
+        Process& mProcess;
+        std::unique_lock<std::mutex>& mLock;
+    };
+
+    std::mutex mGuard;  // held for moments, and over fork()
+    std::condition_variable mAttemptEnded;
+    std::thread::id mConnecting;  // guarded by mGuard, as what follows
+    unsigned long mAttempts = 0;  // that have ended
+    std::shared_ptr<SDConfigClient> mClient;
+    bool mReady = false;  // the client's start-up is done
+    bool mEndsAtExit = false;
+    bool mEnded = false;
+    Process* const mParents [[maybe_unused]];  // what a child leaves alone stays reachable
 };
 
-std::shared_ptr<SDConfigClient> SDConfigClient::GetInstance() {
-    static Instance instance;
-    if (sInitialized.load(std::memory_order_acquire)) return instance.client;
-    const std::lock_guard lock(sLock);
-    if (sDestroyed.load()) return nullptr;
-    if (sInitialized.load()) return instance.client;
+SDConfigClient::Process* SDConfigClient::Process::sCurrent = [] {
+    (void)::pthread_atfork([] { sCurrent->mGuard.lock(); }, [] { sCurrent->mGuard.unlock(); },
+                           [] { sCurrent = new Process(sCurrent); });
+    return new Process;
+}();
 
+std::shared_ptr<SDConfigClient> SDConfigClient::GetInstance() {
+    return Process::sCurrent->get();
+}
+
+std::shared_ptr<SDConfigClient> SDConfigClient::Process::get() {
+    std::shared_ptr<SDConfigClient> client;  // goes after the lock, where it goes
+    std::unique_lock lock(mGuard);
+    if (mReady || mEnded) return mReady ? mClient : nullptr;
+    if (mConnecting == std::this_thread::get_id()) return nullptr;  // a log sink that calls from inside
+    if (mConnecting != std::thread::id()) {
+        mAttemptEnded.wait(lock, [this, before = mAttempts] { return mAttempts != before; });
+        return mReady ? mClient : nullptr;
+    }
+    // Before the objects are destroyed that are there now, as a static object of this function would.
+    if (!mEndsAtExit) mEndsAtExit = std::atexit([] { sCurrent->end(); }) == 0;
+    client = mClient;
+    bool ready = false;
+    {
+        const Attempt attempt(*this, lock);
+        ready = awaitService() && connect(client);
+    }
+    if (mEnded) return nullptr;
+    mClient = client;
+    mReady = ready;
+    lock.unlock();
+    if (!ready) return nullptr;
+    LOG(5, AT "SDConfigClient initialized successfully %p", kSource, kGetInstance, 261,
+        static_cast<void*>(client.get()));
+    return client;
+}
+
+// At exit(): who calls a facade after this finds no client.
+void SDConfigClient::Process::end() {
+    std::shared_ptr<SDConfigClient> client;
+    {
+        const std::lock_guard lock(mGuard);
+        if (std::exchange(mEnded, true)) return;
+        mReady = false;
+        client = mClient;
+    }
+    // With a listener that doesn't come to its end the client stays, as its destructor would wait for that.
+    if (!client || !client->mListenerMap->close()) return;
+    const std::lock_guard lock(mGuard);
+    mClient.reset();
+}
+
+bool SDConfigClient::awaitService() {
     if (!sServiceName) {
         sServiceName = protocol::kServiceName;
-        LOG(5, AT "sdconfig service name %s", HERE_AT(239), sServiceName);
+        LOG(5, AT "sdconfig service name %s", kSource, kGetInstance, 239, sServiceName);
     }
     SDBusSerivceManager* manager = SDBusSerivceManager::initSync(-1);
     for (int check = 1; check <= kServiceChecks; ++check) {
         if (manager->isServiceRegistered(sServiceName)) break;
         if (check == kServiceChecks) break;
-        LOG(5, AT "service %s not ready, waiting...", HERE_AT(247), sServiceName);
+        LOG(5, AT "service %s not ready, waiting...", kSource, kGetInstance, 247, sServiceName);
         std::this_thread::sleep_for(kServiceCheckPause);
     }
-    if (!manager->isServiceRegistered(sServiceName)) {
-        LOG(7, AT "service %s failed to register after timeout", HERE_AT(253), sServiceName);
-        return nullptr;
-    }
-    if (sDestroyed.load()) return nullptr;  // the process began to exit while this thread waited
-    instance.client.reset(new SDConfigClient);
-    sInitialized.store(true);
-    LOG(5, AT "SDConfigClient initialized successfully %p", HERE_AT(261), static_cast<void*>(instance.client.get()));
-    return instance.client;
+    if (manager->isServiceRegistered(sServiceName)) return true;
+    LOG(7, AT "service %s failed to register after timeout", kSource, kGetInstance, 253, sServiceName);
+    return false;
+}
+
+// Makes the client unless that is done, and does what is left of its start-up.
+bool SDConfigClient::connect(std::shared_ptr<SDConfigClient>& client) {
+    const auto begun = std::chrono::steady_clock::now();
+    if (!client) client.reset(new SDConfigClient);
+    return client->startUp(begun);
 }
 
 SDConfigClient::SDConfigClient() : mListenerMap(std::make_shared<ListenerMap>()) {
     LOG(5, AT "SDConfigClient instance SDBUS intf %p", HERE_AT(268), static_cast<void*>(this));
     while (!init()) std::this_thread::sleep_for(kConnectPause);
-    printProductInfo();
-    dataMigrate(kOldLockscreenKey);
-    wpowerConfigInit();
 }
 
 SDConfigClient::~SDConfigClient() = default;
@@ -95,11 +174,18 @@ std::shared_ptr<SDBusMessage> SDConfigClient::makeCall(const char* method) const
     return mProxy->makeMethodCallMessage(method);
 }
 
-SDConfigClient::Answer SDConfigClient::send(const std::shared_ptr<SDBusMessage>& call) const {
-    return Answer(mProxy->callWithReplyBlocking(call, protocol::kCallTimeoutMs));
+SDConfigClient::Answer SDConfigClient::send(const std::shared_ptr<SDBusMessage>& call) {
+    if (mStarted) return Answer(mProxy->callWithReplyBlocking(call, protocol::kCallTimeoutMs));
+    // What the subscription waited counts: a service that hangs costs the first call no more than any other.
+    const auto silence = std::chrono::steady_clock::now() - mHeardOf;
+    const auto silentMs = std::chrono::duration_cast<std::chrono::milliseconds>(silence).count();
+    Answer answer(mProxy->callWithReplyBlocking(call, protocol::kCallTimeoutMs - static_cast<int>(silentMs)));
+    mAnswers = answer.hasCome();
+    mHeardOf = std::chrono::steady_clock::now();
+    return answer;
 }
 
-SDConfigClient::Answer SDConfigClient::request(const char* method, std::initializer_list<std::string> strings) const {
+SDConfigClient::Answer SDConfigClient::request(const char* method, std::initializer_list<std::string> strings) {
     const auto call = makeCall(method);
     for (const std::string& argument : strings) call->appendString(argument);
     return send(call);
@@ -109,9 +195,15 @@ bool SDConfigClient::Answer::ok() const {
     return type() == protocol::kMethodReply;
 }
 
+bool SDConfigClient::Answer::hasCome() const {
+    const int error = errorType();
+    return error != SDBusTimeout && error != SDBusUnreachable && error != SDBusPeerLost;
+}
+
 void SDConfigClient::printProductInfo() {
     const std::string version = GetProperty("ro.sd.build.version");
     if (!version.empty()) LOG(5, AT "ProductInfo build.version: %s", HERE_AT(1032), version.c_str());
+    if (!mAnswers) return;
     const std::string mode = GetProperty("ro.sd.product.mode");
     if (!mode.empty()) LOG(5, AT "ProductInfo product.mode: %s", HERE_AT(1037), mode.c_str());
 }

@@ -65,11 +65,17 @@ bool SDConfigClient::SetSecure(const std::string& key, const std::string& value)
     return false;
 }
 
+SDConfigClient::Answer SDConfigClient::requestSecure(const std::string& key) {
+    Answer answer = request(protocol::kGetSecure, {key});
+    if (!answer.ok())
+        LOG(7, AT "error reply: type=%d, GetSecure the key : %s failed", HERE_AS("GetSecure"), answer.type(),
+            key.c_str());
+    return answer;
+}
+
 std::string SDConfigClient::GetSecure(const std::string& key) {
-    const Answer answer = request(protocol::kGetSecure, {key});
-    if (answer.ok()) return answer->getString(0);
-    LOG(7, AT "error reply: type=%d, GetSecure the key : %s failed", HERE, answer.type(), key.c_str());
-    return "";
+    const Answer answer = requestSecure(key);
+    return answer.ok() ? answer->getString(0) : "";
 }
 
 bool SDConfigClient::DeleteSecure(const std::string& key) {

@@ -145,7 +145,7 @@ bool SDConfigClient::ClearAllKeys() {
 // ---- Listeners ----
 
 bool SDConfigClient::RegisterListener(const std::string& key, DMConfig::Listener* listener, bool flag) {
-    const std::lock_guard registration(sDMLock);
+    const std::lock_guard registration(mRegistering);
     if (mListenerMap->addToKnown(key, listener)) {
         LOG(5, AT "the key is already registered", HERE);
         return true;
@@ -170,7 +170,7 @@ bool SDConfigClient::UnRegisterListener(const std::string& key, DMConfig::Listen
 }
 
 bool SDConfigClient::unregister(const std::string& key, DMConfig::Listener* listener, bool flag) {
-    const std::lock_guard registration(sDMLock);
+    const std::lock_guard registration(mRegistering);
     const ListenerMap::Removal removal = mListenerMap->remove(key, listener);
     if (removal != ListenerMap::Removal::Done) {
         const char* const what = removal == ListenerMap::Removal::NoKey ? "key" : "listener";
@@ -256,6 +256,10 @@ bool DMConfig::isStrongControl(const std::string& key) {
 }
 
 bool DMConfig::RegisterListener(const std::string& key, Listener* listener, bool flag) {
+    if (!listener) {
+        LOG(7, AT "no listener, RegisterListener key : %s failed", HERE, key.c_str());
+        return false;
+    }
     return withClient(__func__, false,
                       [&](SDConfigClient& client) { return client.RegisterListener(key, listener, flag); });
 }
@@ -266,6 +270,11 @@ bool DMConfig::UnRegisterListener(const std::string& key, Listener* listener, bo
 }
 
 bool DMConfig::RegisterListenersWithList(const ListenerList& listeners, bool flag) {
+    for (const auto& [key, listener] : listeners) {
+        if (listener) continue;
+        LOG(7, AT "no listener, RegisterListenersWithList key : %s failed", HERE, key.c_str());
+        return false;
+    }
     return withClient(__func__, false,
                       [&](SDConfigClient& client) { return client.RegisterListenersWithList(listeners, flag); });
 }

@@ -1,5 +1,7 @@
 // What every process does to the secure store when it first connects: both tasks may run any number of times.
 #include <algorithm>
+#include <iterator>
+#include <utility>
 
 #include "libsdconfig/lockscreen_entries.h"
 #include "libsdconfig/sdconfig_client.h"
@@ -81,12 +83,37 @@ std::vector<std::pair<std::string, std::string>> lockscreenEntries(const std::st
     return entries;
 }
 
+// begun: since when the service has said nothing. False when it stops answering: then each task is done up to there.
+bool SDConfigClient::startUp(std::chrono::steady_clock::time_point begun) {
+    mHeardOf = begun;
+    mAnswers = true;
+    printProductInfo();  // every time: while it goes unanswered, no task gives up a key
+    if (mAnswers && !std::exchange(mMigrated, true)) dataMigrate(kOldLockscreenKey);
+    wpowerConfigInit();
+    mStarted = mAnswers;
+    if (!mStarted) LOG(6, AT "service %s does not answer: the start-up goes on with a later call", HERE, sServiceName);
+    return mStarted;
+}
+
+// Nothing, with a line, where the value can't be read: it may be there all the same, and is nothing to write over.
+std::optional<std::string> SDConfigClient::readAtStartUp(const std::string& key, const char* task) {
+    const Answer answer = requestSecure(key);
+    if (answer.ok()) {
+        std::string value = answer->getString(0);
+        const bool isSealed = value.empty() && answer->getBool(1);  // a row is there that the service can't open
+        if (!isSealed) return value;
+    }
+    LOG(6, AT "%s can't be read and is left alone", HERE_AS(task), key.c_str());
+    return std::nullopt;
+}
+
 void SDConfigClient::dataMigrate(const std::string& key) {
     if (key != kOldLockscreenKey) return;
-    const std::string text = GetSecure(kOldLockscreenKey);
-    LOG(5, AT "jsonString is %s", HERE, text.c_str());
+    const auto text = readAtStartUp(kOldLockscreenKey, __func__);
+    LOG(5, AT "jsonString is %s", HERE, text ? text->c_str() : "");
+    if (!text) return;
 
-    const auto entries = lockscreenEntries(text);
+    const auto entries = lockscreenEntries(*text);
     int i = 0;
     for (const auto& [name, object] : entries)
         LOG(5, AT "i = %d, first element is %s, secend element is %s", HERE, i++, name.c_str(), object.c_str());
@@ -95,12 +122,14 @@ void SDConfigClient::dataMigrate(const std::string& key) {
         SetSecure(kLockscreenKey, object);
         LOG(5, AT "firstElement->second is %s", HERE, object.c_str());
     }
-    DeleteSecure(kOldLockscreenKey);
+    if (mAnswers) DeleteSecure(kOldLockscreenKey);
 }
 
 void SDConfigClient::wpowerConfigInit() {
-    for (const PowerDefault& power : kPowerDefaults) {
-        if (isNumber(GetSecure(power.key))) continue;
+    while (mAnswers && mPowerChecked < std::size(kPowerDefaults)) {
+        const PowerDefault& power = kPowerDefaults[mPowerChecked++];
+        const auto value = readAtStartUp(power.key, __func__);
+        if (!value || isNumber(*value)) continue;
         LOG(6, AT "%s is nullptr", HERE, power.name);
         SetSecure(power.key, power.value);
     }

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cctype>
 #include <cstdio>
 #include <cstring>
@@ -66,8 +67,13 @@ bool isReadOnly(const std::string& key) {
 
 SDPropertyInf* SDPropertyInf::GetInstance() {
     // Never destroyed: it is made by the service's first call, and would go at exit before that service ends.
-    static SDPropertyInf* const instance = new SDPropertyInf;
-    return instance;
+    static std::atomic<SDPropertyInf*> sInstance{nullptr};
+    if (SDPropertyInf* const made = sInstance.load(std::memory_order_acquire)) return made;
+    // Of two threads that read the files one is too late. No lock: a child that is forked meanwhile would wait for
+    // ever.
+    auto own = std::make_unique<SDPropertyInf>();
+    SDPropertyInf* first = nullptr;
+    return sInstance.compare_exchange_strong(first, own.get()) ? own.release() : first;
 }
 
 SDPropertyInf::SDPropertyInf() {

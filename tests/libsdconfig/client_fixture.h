@@ -3,9 +3,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <future>
 #include <map>
+#include <memory>
 #include <mutex>
+#include <set>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -15,14 +20,56 @@
 
 namespace sd {
 
-// Answers GET_* and SIGN_REQUEST from `values`, lists with two entries, everything else with `agree`.
+// Answers GET_* and SIGN_REQUEST from `values`, lists with two entries, everything else with `agree`. Tells of each
+// SET_PROPERTY.
 class RecordingService : public SDBusServiceInterface {
 public:
     bool handleMethodCall(std::shared_ptr<SDBusMessage> call) override {
+        if (call->methodName() == "HANG") {
+            mHangs.set_value();
+            mReleased.get_future().wait();
+        }
         const std::lock_guard lock(mMutex);
+        mCalls.push_back(describe(*call));
+        if (mHold.empty() || mCalls.back().compare(0, mHold.size(), mHold) != 0) return answer(call);
+        mHeld.push_back(call);
+        return true;
+    }
+
+    // Calls that begin with `what` are answered by resume().
+    void hold(const std::string& what) {
+        const std::lock_guard lock(mMutex);
+        mHold = what;
+    }
+    void resume() {
+        const std::lock_guard lock(mMutex);
+        mHold.clear();
+        for (const auto& call : std::exchange(mHeld, {})) answer(call);
+    }
+    bool waitForCall(const std::string& call) {
+        return test::waitUntil([&] {
+            const std::lock_guard lock(mMutex);
+            return std::find(mCalls.begin(), mCalls.end(), call) != mCalls.end();
+        });
+    }
+
+    // Answers nobody, as a stopped process, until release().
+    void hang() {
+        mHanging = std::thread([] {
+            const auto proxy =
+                SDBusSerivceManager::initSync(-1)->getServiceProxyInterface("sdconfig", SDBusSameUser, 1);
+            proxy->callWithReplyBlocking(proxy->makeMethodCallMessage("HANG"), 20000);
+        });
+        mHangs.get_future().wait();
+    }
+    void release() {
+        mReleased.set_value();
+        mHanging.join();
+    }
+
+    bool answer(const std::shared_ptr<SDBusMessage>& call) {
         const std::string method = call->methodName();
         const std::string key = call->getString(0);
-        mCalls.push_back(describe(*call));
         const auto reply = makeMethodReplyMessage(call, SDBusSameUser);
         if (method == "LST_PROPERTY") {
             reply->appendInt32(2);
@@ -36,9 +83,11 @@ public:
             reply->appendInt8(7);
         } else if (method.compare(0, 3, "GET") == 0 || method == "SIGN_REQUEST") {
             reply->appendString(values[key]);
+            if (sealed.count(key) > 0) reply->appendBool(true);
         } else {
             reply->appendBool(agree);
         }
+        if (method == "SET_PROPERTY") tell("DM_CHANGED", key, call->getString(1), true);
         return sendMessage(reply);
     }
     std::vector<std::string> takeCalls() {
@@ -47,6 +96,7 @@ public:
     }
 
     std::map<std::string, std::string> values;
+    std::set<std::string> sealed;  // keys whose rows can't be opened
     bool agree = true;
 
     void tell(const std::string& event, const std::string& key, const std::string& value, bool flag) {
@@ -80,6 +130,10 @@ private:
 
     std::mutex mMutex;
     std::vector<std::string> mCalls;
+    std::string mHold;
+    std::vector<std::shared_ptr<SDBusMessage>> mHeld;
+    std::promise<void> mHangs, mReleased;
+    std::thread mHanging;
 };
 
 // Every test is a process of its own, as the client is made once a process.

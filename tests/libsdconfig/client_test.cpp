@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <QCoreApplication>
+#include <chrono>
 #include <functional>
+#include <future>
 #include <thread>
 
 #include "libsdconfig/data_path.h"
@@ -15,13 +17,17 @@
 namespace sd {
 namespace {
 
+using namespace std::chrono_literals;
 using testing::ElementsAre;
 
 TEST_F(ClientTest, WaitsASecondForTheServiceEachTime) {
-    EXPECT_EQ(mConfig->GetSecure("k"), "");
+    auto first = std::async(std::launch::async, [this] { return mConfig->GetSecure("k"); });
+    test::waitUntil([this] { return mLog.has("not ready"); });
+    EXPECT_EQ(mConfig->GetSecure("k"), "") << "whoever calls meanwhile waits along";
+    EXPECT_EQ(first.get(), "");
     EXPECT_EQ(mLog.count("service sdconfig not ready, waiting...", 5), 10);
     EXPECT_EQ(mLog.count("sdconfig_sdbus GetInstance(253): service sdconfig failed to register after timeout", 7), 1);
-    EXPECT_EQ(mLog.count("no sdconfig client!!!", 7), 1);
+    EXPECT_EQ(mLog.count("no sdconfig client!!!", 7), 2);
     EXPECT_EQ(mLog.count("sdconfig_sdbus GetInstance(239): sdconfig service name sdconfig", 5), 1);
 
     mLog.clear();
@@ -84,6 +90,41 @@ TEST_F(ClientTest, StartUpOnAnEmptyStoreWritesAllDefaultsAndSeveralEntriesAreDro
                     "SET_SECURE config.device.batteryDimDisplayTime 5",
                     "SET_SECURE config.device.chargeLidCloseAction 1",
                     "SET_SECURE config.device.batteryLidCloseAction 1"));
+}
+
+TEST_F(ClientTest, AServiceThatHangsCostsTheFirstCallNoMoreThanAnyOther) {
+    serve();
+    mService.hang();
+    const auto started = std::chrono::steady_clock::now();
+    auto other = std::async(std::launch::async, [this] { return mConfig->GetConst("k"); });
+    EXPECT_EQ(mConfig->GetConst("k"), "");
+    EXPECT_EQ(other.get(), "");
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 5900ms);
+    mService.release();
+    mService.takeCalls();
+    mConfig->GetConst("k");
+    const auto calls = mService.takeCalls();
+    EXPECT_EQ(calls.size(), 11U) << "the whole start-up";
+    EXPECT_EQ(calls.back(), "GET_CONST k ");
+}
+
+TEST_F(ClientTest, StartUpLeavesAloneWhatItCannotReadAndGoesOnWithTheNextCall) {
+    mService.sealed = {"ro.sd.user.lockscreen.data", "config.device.batteryBrightness"};
+    serve(false);
+    mService.hold("GET_SECURE config.device.chargeBrightness");
+    EXPECT_EQ(mConfig->GetConst("k"), "");
+    mService.resume();
+    EXPECT_THAT(mService.takeCalls(),
+                ElementsAre("GET_PROPERTY ro.sd.build.version ", "GET_PROPERTY ro.sd.product.mode ",
+                            "GET_SECURE ro.sd.user.lockscreen.data ", "GET_SECURE config.device.batteryBrightness ",
+                            "GET_SECURE config.device.chargeBrightness "));
+    EXPECT_EQ(mLog.count("sdconfig_sdbus dataMigrate(", 6), 1);
+    EXPECT_EQ(mLog.count("can't be read and is left alone", 6), 3);
+    mConfig->GetConst("k");
+    const auto calls = mService.takeCalls();
+    EXPECT_EQ(calls.size(), 11U);
+    EXPECT_EQ(calls[2], "GET_SECURE config.device.chargeDimDisplayTime ");
+    EXPECT_EQ(calls.back(), "GET_CONST k ");
 }
 
 TEST(LockscreenEntriesTest, AreTakenApartCharacterByCharacter) {

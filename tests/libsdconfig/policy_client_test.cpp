@@ -3,10 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <functional>
+#include <future>
+#include <stdexcept>
 #include <thread>
 
 #include "libsdconfig/dmconfig.h"
+#include "platform/velmarlog/velmarlog.h"
 #include "tests/libsdconfig/client_fixture.h"
 
 namespace sd {
@@ -88,7 +92,10 @@ TEST_F(PolicyClientTest, ListenersHearInTheOrderOfRegistration) {
     Recorder first, second;
     std::string order;
     first.then = [&] { order += "1"; };
-    second.then = [&] { order += "2"; };
+    second.then = [&] {
+        order += "2";
+        throw std::runtime_error("spilt");
+    };
     EXPECT_TRUE(mPolicies->RegisterListener("k", &second, true));
     EXPECT_TRUE(mPolicies->RegisterListener("k", &first, true));
     EXPECT_TRUE(mPolicies->RegisterListener("k", &first, true));
@@ -97,6 +104,7 @@ TEST_F(PolicyClientTest, ListenersHearInTheOrderOfRegistration) {
     mService.tell("DM_CHANGED", "K", "v", true);
     fence();
     EXPECT_EQ(order, "211");
+    EXPECT_EQ(mLog.count("a listener of key k threw: spilt", 7), 1);
     EXPECT_THAT(second.all(), ElementsAre("k=v!"));
 
     mService.takeCalls();
@@ -111,6 +119,9 @@ TEST_F(PolicyClientTest, ListenersHearInTheOrderOfRegistration) {
     EXPECT_THAT(mService.takeCalls(),
                 ElementsAre("UNREG_LISTENER k false", "UNREG_LISTENER k false", "UNREG_LISTENER k false"));
 
+    EXPECT_FALSE(mPolicies->RegisterListener("new", nullptr, false));
+    EXPECT_FALSE(mPolicies->RegisterListenersWithList({{"k", &first}, {"new", nullptr}}, false));
+    EXPECT_EQ(mLog.count("no listener, Register", 7), 2);
     mService.agree = false;
     EXPECT_FALSE(mPolicies->RegisterListener("new", &first, false));
     EXPECT_FALSE(mPolicies->RegisterListenersWithList({{"new", &first}}, false));
@@ -157,6 +168,67 @@ TEST_F(PolicyClientTest, AListenerMayCallAnythingAndIsGoneOnceUnregistered) {
         EXPECT_TRUE(mPolicies->UnRegisterListener("slow", &slow, false));
         EXPECT_TRUE(ended);
     }
+}
+
+// A process of its own, for it ends: while a listener waits for the thread that ends it, and another thread calls on.
+TEST_F(PolicyClientTest, ExitWaitsForAListenerFiveSecondsAtMost) {
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    const auto exitInTheMiddle = [this] {
+        connect();
+        velmarLogSetSink({});
+        std::promise<void> running, never;
+        Recorder stuck;
+        stuck.then = [&] {
+            running.set_value();
+            never.get_future().wait();
+        };
+        mPolicies->RegisterListener("k", &stuck, true);
+        mConfig->SetProperty("k", "v");
+        running.get_future().wait();
+        std::thread([this] {
+            velmarLogSetLevel(6);
+            while (mConfig->SetProperty("other", "v")) {
+            }
+        }).detach();
+        std::exit(0);
+    };
+    EXPECT_EXIT(exitInTheMiddle(), testing::ExitedWithCode(0), "a listener still runs after 5000 ms");
+}
+
+// Each time with another thread of the parent in the middle of what the child does next.
+TEST_F(PolicyClientTest, AForkedChildCallsAndListensAtOnce) {
+    mService.values["key"] = "value";
+    serve();
+    Recorder parents;
+    const auto childWorks = [&] {
+        return test::inChild([&] {
+            velmarLogSetSink({});
+            velmarLogSetLevel(8);
+            Recorder own;
+            const bool calls = mConfig->GetConst("key") == "value" && mPolicies->RegisterListener("k", &own, true) &&
+                               mConfig->SetProperty("k", "v");
+            const bool hears = test::waitUntil([&] { return !own.all().empty(); });
+            const bool keepsOut = parents.all().empty() && !mPolicies->UnRegisterListener("k", &parents, true);
+            return calls && hears && keepsOut && mPolicies->UnRegisterListener("k", &own, true);
+        });
+    };
+    mService.hold("GET_PROPERTY ro.sd.build.version");
+    auto first = std::async(std::launch::async, [this] { return mConfig->GetConst("key"); });
+    ASSERT_TRUE(mService.waitForCall("GET_PROPERTY ro.sd.build.version "));
+    mService.hold("nothing");
+    EXPECT_TRUE(childWorks()) << "another thread is inside its first call";
+    mService.resume();
+    EXPECT_EQ(first.get(), "value");
+
+    mService.hold("REG_LISTENER k true");
+    mService.takeCalls();
+    auto second = std::async(std::launch::async, [&] { return mPolicies->RegisterListener("k", &parents, true); });
+    ASSERT_TRUE(mService.waitForCall("REG_LISTENER k true"));
+    mService.hold("nothing");
+    EXPECT_TRUE(childWorks()) << "another thread is inside a registration";
+    mService.resume();
+    EXPECT_TRUE(second.get());
+    EXPECT_TRUE(mPolicies->UnRegisterListener("k", &parents, true));
 }
 
 TEST_F(PolicyClientTest, FailuresAreLoggedOnce) {
