@@ -64,7 +64,7 @@ try_examples() {
     cmake --build "$work/cmake" >/dev/null
     local example
     mkdir "$work/pkg-config"
-    for example in secret read_and_write policy_listener own_service steady_client; do
+    for example in secret read_and_write policy_listener own_service steady_client ask_once; do
         # shellcheck disable=SC2046
         g++ -std=c++17 "$here/examples/$example.cpp" -o "$work/pkg-config/$example" \
             $(pkg-config --cflags --libs sdconfig)
