@@ -47,11 +47,14 @@ try_programs() {
     for page in man1/sdconfig.1 man5/build.prop.5 man5/sdconfig-policy.5 man8/sdconfigd.8; do
         gzip -t "/usr/share/man/$page.gz"
     done
-    bash -n /usr/share/bash-completion/completions/sdconfig
+    local program
+    for program in sdconfig sdconfigd; do
+        bash -n "/usr/share/bash-completion/completions/$program"
+        test -f "/usr/share/zsh/vendor-completions/_$program"
+        test -f "/usr/share/fish/vendor_completions.d/$program.fish"
+    done
     expect "mail.password" bash -c '. /usr/share/bash-completion/completions/sdconfig
         COMP_WORDS=(sdconfig secure get ma) COMP_CWORD=3; _sdconfig; echo "${COMPREPLY[@]}"'
-    test -f /usr/share/zsh/vendor-completions/_sdconfig
-    test -f /usr/share/fish/vendor_completions.d/sdconfig.fish
     systemd-analyze verify --man=no /usr/lib/systemd/system/sdconfigd.{socket,service}
     systemd-analyze verify --man=no --user /usr/lib/systemd/user/sdconfigd.{socket,service}
     # The package has enabled the users' socket, and not the system's.

@@ -1,0 +1,12 @@
+# Completion of sdconfigd for fish: its options, and what they take.
+
+complete -c sdconfigd -f
+complete -c sdconfigd -l data-dir -xa '(__fish_complete_directories)' -d 'The folder of the databases and the key ring'
+complete -c sdconfigd -l product-dir -xa '(__fish_complete_directories)' -d 'The data folder of the product'
+complete -c sdconfigd -l constants -rF -d 'Constants to answer'
+complete -c sdconfigd -l log-level -xa '5\tinformation 6\twarnings 7\terrors 8\tnone' \
+    -d 'The least level of log lines to write'
+complete -c sdconfigd -l upgrade -d 'Carry the database of an earlier version over before serving'
+complete -c sdconfigd -l rotate-key -d 'Add a key to the key ring, and end'
+complete -c sdconfigd -l version -d 'Print the version'
+complete -c sdconfigd -s h -l help -d 'Print the help'
