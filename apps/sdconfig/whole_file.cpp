@@ -10,12 +10,16 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <list>
 
 namespace cli {
 
 namespace {
 
+namespace fs = std::filesystem;
+
 constexpr mode_t kPermissions = 0777;
+constexpr int kMostLinks = 40;  // as many as the kernel follows
 
 std::string systemProblem(const char* what) {
     return std::string(what) + ": " + std::strerror(errno);
@@ -25,6 +29,34 @@ std::string systemProblem(const char* what) {
 bool renameToFree(const std::string& from, const std::string& to) {
     if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return true;
     return errno == EINVAL && ::link(from.c_str(), to.c_str()) == 0 && ::unlink(from.c_str()) == 0;
+}
+
+bool isTrusted(const struct stat& link) {
+    return link.st_uid == ::geteuid() || link.st_uid == 0;
+}
+
+// Makes the path, which is absolute, one without links. What of it isn't there stays as it is.
+std::string followLinks(fs::path& path) {
+    std::list<fs::path> rest(path.begin(), path.end());
+    int links = 0;
+    path.clear();
+    while (!rest.empty()) {
+        const fs::path above = path;
+        const fs::path name = rest.front();
+        rest.pop_front();
+        if (name.empty() || name == ".") continue;
+        path = name == ".." ? above.parent_path() : above / name;
+        struct stat status {};
+        if (::lstat(path.c_str(), &status) != 0 || !S_ISLNK(status.st_mode)) continue;
+        if (!isTrusted(status)) return "the link " + path.string() + " was made by another user";
+        if (++links > kMostLinks) return std::strerror(ELOOP);
+        std::error_code failure;
+        const fs::path target = fs::read_symlink(path, failure);
+        if (failure) return failure.message();
+        rest.insert(rest.begin(), target.begin(), target.end());
+        path = above;  // which an absolute target replaces
+    }
+    return "";
 }
 
 }  // namespace
@@ -86,9 +118,11 @@ std::string readWhole(const std::string& path, std::size_t mostBytes, std::strin
 
 std::string resolveTarget(std::string& path) {
     std::error_code failure;
-    const std::filesystem::path absolute = std::filesystem::absolute(path, failure);
-    if (!failure) path = std::filesystem::weakly_canonical(absolute, failure);
+    fs::path target = fs::absolute(path, failure);
     if (failure) return failure.message();
+    if (!target.has_filename()) return "it names a folder";
+    if (std::string problem = followLinks(target); !problem.empty()) return problem;
+    path = target;
     struct stat status {};
     const bool there = ::stat(path.c_str(), &status) == 0;
     return there && !S_ISREG(status.st_mode) ? "it is there and is no regular file" : "";
@@ -99,8 +133,8 @@ std::string writeWhole(const std::string& path, const std::string& text) {
     if (std::string problem = resolveTarget(target); !problem.empty()) return problem;
     UnfinishedFile file(target);
     struct stat replaced {};
-    const bool replaces = ::stat(target.c_str(), &replaced) == 0;
-    if (file.write(text) && (!replaces || file.setMode(replaced.st_mode & kPermissions)) &&
+    const bool keepsMode = ::stat(target.c_str(), &replaced) == 0 && replaced.st_uid == ::geteuid();
+    if (file.write(text) && (!keepsMode || file.setMode(replaced.st_mode & kPermissions)) &&
         file.putInPlace(UnfinishedFile::Existing::Replace))
         return "";
     return systemProblem("it can't be written");

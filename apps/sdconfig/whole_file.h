@@ -55,11 +55,12 @@ bool syncFolder(const std::string& path);
 std::string readWhole(const std::string& path, std::size_t mostBytes, std::string& text);
 
 // Makes the path that of the file that is to be written: the one that a link stands for, absolute. Only a regular file
-// may stand there.
+// may stand there. Links are followed that the caller or root made: in a folder where everybody may make one, another
+// user's would choose the file that is overwritten.
 std::string resolveTarget(std::string& path);
 
-// Puts a file in the place of what was there, whole or not at all: with the mode of that one, else for the user's eyes
-// alone.
+// Puts a file in the place of what was there, whole or not at all: with the mode of that one where it was the caller's
+// own, else for the user's eyes alone.
 std::string writeWhole(const std::string& path, const std::string& text);
 
 }  // namespace cli

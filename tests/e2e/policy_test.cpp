@@ -1,6 +1,7 @@
 // Policies on the command line: single ones, and files of them.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
@@ -150,6 +151,26 @@ TEST_F(PolicyTest, ALargeFileArrivesWholeAndComesBack) {
     const std::string weak = R"({"weak": {"value": "v", "priority": 5}})";
     EXPECT_EQ(cli({"policy", "apply", "-"}, weak).out, "weak: it can't be told whether it is stored\n");
     EXPECT_THAT(cli({"policy", "export", path("etc")}).err, HasSubstr("no regular file"));
+}
+
+// In a folder like /tmp somebody else may have put it there, to have a file of the caller's overwritten.
+TEST_F(PolicyTest, AnExportFollowsNoLinkOfAnotherUsers) {
+    if (::geteuid() != 0) GTEST_SKIP() << "a link of another user's takes root";
+    const Process service = startService();
+    writeFile(path("home/kept"), "kept");
+    std::filesystem::create_symlink(path("home/kept"), path("file"));
+    std::filesystem::create_symlink(path("home"), path("folder"));
+    for (const char* link : {"file", "folder"}) ASSERT_EQ(::lchown(path(link).c_str(), 1, 1), 0);
+    for (const char* planted : {"file", "folder/kept", "folder/../home/kept"})
+        EXPECT_THAT(cli({"policy", "export", path(planted)}).err, HasSubstr("was made by another user"));
+    EXPECT_EQ(readFile(path("home/kept")), "kept");
+
+    ASSERT_EQ(::lchown(path("file").c_str(), 0, 0), 0);
+    std::filesystem::permissions(path("home/kept"), std::filesystem::perms(0666));
+    ASSERT_EQ(::chown(path("home/kept").c_str(), 1, 1), 0);
+    expect({"policy", "export", path("file")}, 0, "");
+    EXPECT_EQ(readFile(path("home/kept")), "{}\n");
+    EXPECT_EQ(std::filesystem::status(path("home/kept")).permissions(), std::filesystem::perms(0600));
 }
 
 TEST_F(PolicyTest, ADryRunTellsWhatWouldChange) {
