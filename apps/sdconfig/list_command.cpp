@@ -74,11 +74,12 @@ std::string readRows(const apps::DataReader& reader, std::vector<apps::Row>& sec
 int listKeys(const Request& request, Service& service) {
     const DataAccess access = accessData(request, service);
     if (access.exitCode) return access.exitCode;
-    if (!access.reader) return dataUnreadable(request, "the system does not tell where the service keeps its data");
     std::vector<apps::Row> secure;
     std::vector<apps::Row> policies;
-    if (const std::string problem = readRows(*access.reader, secure, policies); !problem.empty())
-        return dataUnreadable(request, problem);
+    const std::string problem = access.reader ? readRows(*access.reader, secure, policies)
+                                              : "the system does not tell where the service keeps its data";
+    if (!problem.empty())
+        return service.listening() ? dataUnreadable(request, problem) : nothingToReadFrom(request, problem);
 
     sortByKey(secure);
     sortByKey(policies);

@@ -204,7 +204,7 @@ int otherDataFolder(const Request& request, const std::string& folder) {
 
 int nothingToReadFrom(const Request& request, const std::string& problem) {
     return fail(kNoService, attempt(request), "the service is not running, and its data can't be read: " + problem,
-                howToStart());
+                howToStart() + (request.dataDir.empty() ? "; or name the folder of its data with --data-dir" : ""));
 }
 
 void noteDataNotRead(const std::string& problem) {
