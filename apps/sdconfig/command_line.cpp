@@ -106,6 +106,8 @@ constexpr Flag kLocal{"--local", "Read the build.prop files in this process, wit
 constexpr Flag kShow{"--show", "Show values, which can be secrets", &Request::show};
 constexpr Flag kShowChanges{"--show", "With --dry-run: show values, which can be secrets", &Request::show, "--dry-run"};
 constexpr Flag kYes{"--yes", "Don't ask", &Request::yes};
+constexpr Flag kPrune{"--prune", "Delete the policies that FILE doesn't name; asks first", &Request::prune};
+constexpr Flag kYesPrune{"--yes", "With --prune: don't ask", &Request::yes, "--prune"};
 constexpr Flag kDryRun{"--dry-run", "Send nothing; print what would change, and why", &Request::dryRun};
 constexpr ValueOption kProductDir{"--product-dir", "DIR",
                                   "With --local: the product's data folder; DIR/../etc/build.prop is read", "--local",
@@ -160,7 +162,8 @@ constexpr char kSetPolicyNotes[] =
     "would not give it back.\n";
 
 constexpr char kApplyNotes[] =
-    "FILE holds {\"URI\": {\"value\": \"text\", \"priority\": 7}, ...}. It is checked whole before anything is sent.\n";
+    "FILE holds {\"URI\": {\"value\": \"text\", \"priority\": 7}, ...}. It is checked whole before anything is sent.\n"
+    "With --prune it is the whole truth: once all of it is stored, policies that it doesn't name are deleted.\n";
 
 constexpr char kWatchNotes[] =
     "A line a change, KEY and value, until it is interrupted. It goes on through restarts of the service. Values are\n"
@@ -246,7 +249,7 @@ const std::vector<Command>& commands() {
          deletePolicy},
         {"policy",
          "list",
-         "Prints the stored policies: URI, priority, value",
+         "Prints the stored policies: URI, priority, value, and whether it is in force",
          "sdconfig policy list --json",
          {},
          {},
@@ -274,7 +277,7 @@ const std::vector<Command>& commands() {
          "Sets the policies of a file",
          "sdconfig policy apply fleet.json --dry-run",
          {kReadFile},
-         {kDryRun, kShowChanges},
+         {kDryRun, kShowChanges, kPrune, kYesPrune},
          {kDataDir},
          applyPolicies,
          kApplyNotes},

@@ -144,20 +144,31 @@ int policyRefused(const Request& request) {
 }
 
 int policiesRefused(const Request& request) {
-    return fail(kRefused, attempt(request), "not every policy reads back as it was sent", seeItsLog());
+    return fail(kRefused, attemptOnFile(request), "not every policy reads back as it was sent",
+                (request.prune ? "none was deleted; " : "") + seeItsLog());
 }
 
-int notClearedUnasked(const Request& request) {
-    return fail(kUsage, attempt(request), "it deletes all policies, and there is no terminal to ask on",
-                "say --yes if that is meant");
+int notPruned(const Request& request) {
+    return fail(kRefused, attemptOnFile(request), "not every policy that the file doesn't name could be deleted",
+                seeItsLog());
 }
 
-int notCleared(const Request& request) {
+int notAskable(const Request& request, const std::string& what) {
+    return fail(kUsage, attempt(request), "it deletes " + what + ", and there is no terminal to ask on",
+                "nothing was changed; say --yes if that is meant");
+}
+
+int notConfirmed(const Request& request) {
     return fail(kRefused, attempt(request), "not confirmed", "nothing was changed; answer y, or say --yes");
 }
 
-int unfitPolicy(const Request& request, const std::string& problem) {
-    return fail(kUsage, attempt(request), problem, "nothing was changed; see: sdconfig policy set --help");
+int unfitPolicy(const Request& request, const Problem& problem) {
+    return fail(kUsage, attempt(request), problem.what, "nothing was changed; " + problem.next);
+}
+
+int policyFileUnread(const Request& request, const std::string& problem) {
+    return fail(kUsage, attemptOnFile(request), problem,
+                "nothing was changed; name a file of policies that can be read, or - for standard input");
 }
 
 int unfitPolicyFile(const Request& request, const std::string& problem) {
@@ -170,23 +181,30 @@ int fileNotWritten(const Request& request, const std::string& reason) {
 }
 
 int policiesUntold(const Request& request) {
-    return fail(kRefused, attempt(request), "of some policies it can't be told whether they are stored",
+    return fail(kRefused, attemptOnFile(request), "of some policies it can't be told whether they are stored",
                 "name the service's data folder with --data-dir");
 }
 
+int surplusUnknown(const Request& request) {
+    return fail(kRefused, attemptOnFile(request), "it can't be told which policies the file doesn't name",
+                "nothing was changed; name the service's data folder with --data-dir");
+}
+
 int leftOut(const Request& request, const std::string& what, const std::string& next) {
-    return fail(kRefused, attempt(request), what, "the result is not complete; " + next);
+    return fail(kRefused, attemptOnFile(request), what, "the result is not complete; " + next);
 }
 
 void notePartlySent(std::size_t sent, std::size_t all) {
     note(std::to_string(sent) + " of " + std::to_string(all) + " policies were sent before that");
 }
 
-void noteListCut(const std::string& restFrom) {
-    if (restFrom.empty())
-        note("the service lists 122 policies at most, so there may be more; --data-dir names the folder to read all");
-    else
-        note("the service lists 122 policies at most; all were read from " + restFrom);
+void noteListCut() {
+    note("the service lists 122 policies at most, so there may be more; --data-dir names the folder to read all");
+}
+
+void notePartlyDeleted(std::size_t deleted, std::size_t all) {
+    note("every policy of the file was sent, and " + std::to_string(deleted) + " of " + std::to_string(all) +
+         " others were deleted before that");
 }
 
 void noteWithoutService(const std::string& folder) {

@@ -65,15 +65,19 @@ int secureWriteRefused(const Request& request);
 int policyUnset(const Request& request);
 int policyRefused(const Request& request);
 int policiesRefused(const Request& request);
-int notClearedUnasked(const Request& request);
-int notCleared(const Request& request);
-int unfitPolicy(const Request& request, const std::string& problem);      // of the command line
+int notPruned(const Request& request);
+int notAskable(const Request& request, const std::string& what);
+int notConfirmed(const Request& request);
+int unfitPolicy(const Request& request, const Problem& problem);  // of the command line
+int policyFileUnread(const Request& request, const std::string& problem);
 int unfitPolicyFile(const Request& request, const std::string& problem);  // of a file
 int fileNotWritten(const Request& request, const std::string& reason);
 int policiesUntold(const Request& request);
+int surplusUnknown(const Request& request);
 int leftOut(const Request& request, const std::string& what, const std::string& next);
 void notePartlySent(std::size_t sent, std::size_t all);
-void noteListCut(const std::string& restFrom);  // "": nowhere
+void notePartlyDeleted(std::size_t deleted, std::size_t all);
+void noteListCut();
 void noteWithoutService(const std::string& folder);
 
 // The data folder.

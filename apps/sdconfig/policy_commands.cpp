@@ -1,15 +1,13 @@
 // policy set, get, delete, list, strong and clear.
-#include <unistd.h>
-
-#include <iostream>
-
 #include "apps/sdconfig/commands.h"
+#include "apps/sdconfig/confirmation.h"
 #include "apps/sdconfig/effective.h"
 #include "apps/sdconfig/messages.h"
 #include "apps/sdconfig/output.h"
 #include "apps/sdconfig/policy_value.h"
 #include "apps/sdconfig/service.h"
 #include "apps/sdconfig/stored_policies.h"
+#include "apps/sdconfig/table.h"
 #include "libsdconfig/dmconfig.h"
 
 namespace cli {
@@ -32,38 +30,71 @@ int printChange(const Request& request, Object object, bool done) {
     return done ? printed : policyRefused(request);
 }
 
-Object listedObject(const StoredPolicy& stored) {
+struct Listed {
+    StoredPolicy stored;
+    std::optional<Origin> winner;  // what gives the key its value; nothing: it can't be told
+
+    bool inForce() const { return stored.policy && (winner == Origin::StrongPolicy || winner == Origin::WeakPolicy); }
+};
+
+// What gives a value to the URI of each policy. A strong one does, whatever is set locally; of others the data tells.
+std::vector<Listed> judged(const StoredPolicies& stored) {
+    StoredLayers data;
+    const bool known = stored.reader && data.read(*stored.reader).empty();
+    std::vector<Listed> all;
+    for (const StoredPolicy& one : stored.all) {
+        Layers layers = known ? data.of(one.uri) : Layers();
+        layers.policy = one.policy;
+        const Origin winner = weigh(layers).origin;
+        all.push_back({one, known || winner == Origin::StrongPolicy ? std::optional(winner) : std::nullopt});
+    }
+    return all;
+}
+
+Object listedObject(const Listed& listed) {
+    const auto& [uri, policy] = listed.stored;
     Object object;
-    addBytes(object, "uri", stored.uri);
-    object["readable"] = stored.policy.has_value();
-    if (!stored.policy) return object;
-    addBytes(object, "value", stored.policy->value);
-    object["priority"] = stored.policy->priority;
+    addBytes(object, "uri", uri);
+    object["readable"] = policy.has_value();
+    if (policy) {
+        addBytes(object, "value", policy->value);
+        object["priority"] = policy->priority;
+    }
+    object["in_force"] = !policy || listed.winner ? Object(listed.inForce()) : Object();
+    object["origin"] = listed.winner ? Object(nameOf(*listed.winner)) : Object();
     return object;
 }
 
-std::string listedText(const StoredPolicy& stored) {
-    const std::string uri = escaped(stored.uri) + "\t";
-    if (!stored.policy) return uri + "-\t(can't be read)\n";
-    return uri + std::to_string(stored.policy->priority) + "\t" + escaped(stored.policy->value) + "\n";
+std::string stateOf(const Listed& listed) {
+    if (!listed.stored.policy) return "not in force";
+    if (!listed.winner) return "it can't be told";
+    switch (*listed.winner) {
+        case Origin::StrongPolicy:
+            return "in force";
+        case Origin::WeakPolicy:
+            return "in force, as a default";
+        case Origin::Local:
+            return "hidden by a local value";
+        default:
+            return "hidden by an empty local row";
+    }
 }
 
-// Whether the user, at the terminal, says yes.
-bool confirmed() {
-    constexpr char kQuestion[] = "Delete all policies? [y/N] ";
-    (void)!::write(STDERR_FILENO, kQuestion, sizeof kQuestion - 1);
-    std::string line;
-    std::getline(std::cin, line);
-    return line == "y" || line == "Y" || line == "yes";
+Fields listedFields(const Listed& listed) {
+    const auto& [uri, policy] = listed.stored;
+    return {escaped(uri), policy ? std::to_string(policy->priority) : "-",
+            policy ? escaped(policy->value) : "(can't be read)", stateOf(listed)};
 }
 
 }  // namespace
 
 int setPolicy(const Request& request, Service& service) {
     const auto priority = parsePriority(request.priority);
-    if (!priority) return unfitPolicy(request, "PRIORITY has to be a whole number from 0 to 127");
+    if (!priority)
+        return unfitPolicy(request, {"PRIORITY has to be a whole number from 0 to 127",
+                                     "above 5 it overrides whatever is set locally, from 0 to 5 it is a default"});
     if (const std::string unfit = unfitPolicyValue(request.value); !unfit.empty())
-        return unfitPolicy(request, "VALUE " + unfit);
+        return unfitPolicy(request, {"VALUE " + unfit, "give another value, or \"\" for none"});
     if (const int code = service.require()) return code;
     const auto [done, code] = service.call("SetPolicyWithUri key", request.key, [&, p = *priority] {
         return policies().SetPolicyWithUri(request.key, {{policyBytes(request.value), p}});
@@ -96,13 +127,13 @@ int deletePolicy(const Request& request, Service& service) {
 int listPolicies(const Request& request, Service& service) {
     const StoredPolicies stored = storedPolicies(request, service);
     if (stored.exitCode) return stored.exitCode;
-    std::string text;
+    std::vector<Fields> lines;
     Object object{{"policies", Object::array()}, {"complete", !stored.cut}};
-    for (const StoredPolicy& one : stored.all) {
-        text += listedText(one);
+    for (const Listed& one : judged(stored)) {
+        lines.push_back(listedFields(one));
         object["policies"].push_back(listedObject(one));
     }
-    return print(request, text, object);
+    return print(request, table({"URI", "PRIORITY", "VALUE", "STATE"}, lines), object);
 }
 
 int showStrong(const Request& request, Service& service) {
@@ -117,9 +148,9 @@ int showStrong(const Request& request, Service& service) {
 }
 
 int clearPolicies(const Request& request, Service& service) {
-    if (!request.yes && !::isatty(STDIN_FILENO)) return notClearedUnasked(request);
+    if (!canConfirm(request)) return notAskable(request, "all policies");
     if (const int code = service.require()) return code;
-    if (!request.yes && !confirmed()) return notCleared(request);
+    if (!confirmed(request, "Delete all policies?")) return notConfirmed(request);
     const auto [done, code] = service.call("ClearAllKeys(", [&] { return policies().ClearAllKeys(); });
     return code ? code : printChange(request, Object(), done);
 }

@@ -24,10 +24,10 @@ struct Change {
     bool differs() const { return after && after->value != before.value; }
 };
 
-Change changeOf(const PolicyEntry& entry, Layers layers) {
+Change changeOf(const PlannedPolicy& planned, Layers layers) {
     Change change;
     change.before = weigh(layers);
-    layers.policy = apps::Policy{entry.value, entry.priority};
+    layers.policy = planned.policy;
     layers.policyUnreadable = false;
     change.after = weigh(layers);
     change.why = inWords(*change.after, layers.policy);
@@ -35,13 +35,13 @@ Change changeOf(const PolicyEntry& entry, Layers layers) {
 }
 
 // From what the service alone tells. A weak policy in force says that there is no local value to outweigh the new one.
-Change changeOf(const PolicyEntry& entry, const Effective& before) {
-    Change change{before, std::nullopt,
-                  "it depends on the local value, which the service alone does not tell; --data-dir names its folder"};
-    const bool strong = entry.priority > sd::kLocalPriority;
-    if (!strong && before.origin != Origin::WeakPolicy) return change;
-    change.after = {entry.value, entry.priority, strong ? Origin::StrongPolicy : Origin::WeakPolicy};
-    change.why = inWords(*change.after, std::nullopt);
+Change changeOf(const PlannedPolicy& planned, const Effective& before) {
+    const bool strong = planned.policy && planned.policy->priority > sd::kLocalPriority;
+    if (!strong && before.origin != Origin::WeakPolicy)
+        return {before, std::nullopt,
+                "it depends on the local value, which the service alone does not tell; --data-dir names its folder"};
+    Change change = changeOf(planned, Layers());
+    change.before = before;
     return change;
 }
 
@@ -60,16 +60,19 @@ Object sideObject(const Effective& side, bool show) {
     return object;
 }
 
-std::string changeText(const std::string& uri, const Change& change, bool show) {
+std::string changeText(const PlannedPolicy& planned, const Change& change, bool show) {
     const std::string before = sideText(change.before, show);
-    const std::string begin = escaped(uri) + ": " + before;
-    if (!change.after) return "? " + begin + " -> ?: " + change.why + "\n";
-    if (!change.differs()) return "= " + begin + ": " + change.why + "\n";
-    return "~ " + begin + " -> " + sideText(*change.after, show) + ": " + change.why + "\n";
+    const std::string begin = escaped(planned.uri) + ": " + before;
+    const std::string end = (planned.policy ? ": " : ": deleted, since the file doesn't name it: ") + change.why + "\n";
+    if (!change.after) return "? " + begin + " -> ?" + end;
+    if (!change.differs()) return "= " + begin + end;
+    return "~ " + begin + " -> " + sideText(*change.after, show) + end;
 }
 
-Object changeObject(const std::string& uri, const Change& change, bool show) {
-    Object object{{"uri", uri}};
+Object changeObject(const PlannedPolicy& planned, const Change& change, bool show) {
+    Object object;
+    addBytes(object, "uri", planned.uri);
+    object["deletes"] = !planned.policy;
     object["changes"] = change.after ? Object(change.differs()) : Object();
     object["before"] = sideObject(change.before, show);
     object["after"] = change.after ? sideObject(*change.after, show) : Object();
@@ -77,46 +80,49 @@ Object changeObject(const std::string& uri, const Change& change, bool show) {
     return object;
 }
 
-int printChanges(const Request& request, const std::vector<PolicyEntry>& entries, const std::vector<Change>& changes) {
+int printChanges(const Request& request, const std::vector<PlannedPolicy>& plan, const std::vector<Change>& changes) {
     std::string text;
     Object object{{"policies", Object::array()}};
-    for (std::size_t i = 0; i < entries.size(); ++i) {
-        text += changeText(entries[i].uri, changes[i], request.show);
-        object["policies"].push_back(changeObject(entries[i].uri, changes[i], request.show));
+    for (std::size_t i = 0; i < plan.size(); ++i) {
+        text += changeText(plan[i], changes[i], request.show);
+        object["policies"].push_back(changeObject(plan[i], changes[i], request.show));
     }
     return print(request, text, object);
 }
 
 }  // namespace
 
-int readEffective(const std::vector<PolicyEntry>& entries, Service& service, std::map<std::string, Effective>& result) {
-    for (std::size_t at = 0; at < entries.size(); at += kChunk) {
-        std::vector<std::string> uris;
-        for (std::size_t i = at; i < std::min(at + kChunk, entries.size()); ++i) uris.push_back(entries[i].uri);
+int readEffective(const std::vector<std::string>& uris, Service& service, std::map<std::string, Effective>& result) {
+    for (std::size_t at = 0; at < uris.size(); at += kChunk) {
+        const auto begin = uris.begin() + static_cast<std::ptrdiff_t>(at);
+        const std::vector<std::string> chunk(begin,
+                                             begin + static_cast<std::ptrdiff_t>(std::min(kChunk, uris.size() - at)));
         sd::PolicyList read;
-        const auto answer = service.call("GetPoliciesWithUris(", [&, &chunk = uris] {
-            return sd::DMConfig::GetInstance()->GetPoliciesWithUris(chunk, &read);
-        });
+        const auto answer = service.call(
+            "GetPoliciesWithUris(", [&] { return sd::DMConfig::GetInstance()->GetPoliciesWithUris(chunk, &read); });
         if (answer.exitCode) return answer.exitCode;
-        for (const std::string& uri : uris) result[uri] = answered(read[uri]);
+        for (const std::string& uri : chunk) result[uri] = answered(read[uri]);
     }
     return kDone;
 }
 
-int previewPolicies(const Request& request, const std::vector<PolicyEntry>& entries, Service& service) {
+int previewPolicies(const Request& request, const std::vector<PlannedPolicy>& plan, Service& service) {
     const DataAccess access = accessData(request, service);
     if (access.exitCode) return access.exitCode;
+    std::vector<std::string> uris;
+    uris.reserve(plan.size());
+    for (const PlannedPolicy& planned : plan) uris.push_back(planned.uri);
     std::map<std::string, Effective> before;
-    if (const int code = readEffective(entries, service, before)) return code;
+    if (const int code = readEffective(uris, service, before)) return code;
     StoredLayers stored;
     const bool known = access.reader && stored.read(*access.reader).empty();
     std::vector<Change> changes;
-    for (const PolicyEntry& entry : entries) {
-        const Effective& answer = before.at(entry.uri);
-        const Layers layers = known ? stored.of(entry.uri) : Layers();
-        changes.push_back(known && agree(layers, answer) ? changeOf(entry, layers) : changeOf(entry, answer));
+    for (const PlannedPolicy& planned : plan) {
+        const Effective& answer = before.at(planned.uri);
+        const Layers layers = known ? stored.of(planned.uri) : Layers();
+        changes.push_back(known && agree(layers, answer) ? changeOf(planned, layers) : changeOf(planned, answer));
     }
-    return printChanges(request, entries, changes);
+    return printChanges(request, plan, changes);
 }
 
 }  // namespace cli

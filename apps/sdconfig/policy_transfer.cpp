@@ -6,6 +6,7 @@
 #include <set>
 
 #include "apps/sdconfig/commands.h"
+#include "apps/sdconfig/confirmation.h"
 #include "apps/sdconfig/letter_case.h"
 #include "apps/sdconfig/messages.h"
 #include "apps/sdconfig/output.h"
@@ -25,7 +26,7 @@ namespace {
 // A list of ten thousand policies takes about one; nobody needs more at once.
 constexpr std::size_t kMaxFileBytes = 16u << 20;
 
-// One call's share. The wire takes 122; a policy costs the service two durable commits, and even a slow disk has done
+// One call's share. The wire takes 122; a policy costs the service a durable commit, and even a slow disk has done
 // those of 32 within the call's time-out.
 constexpr std::size_t kChunk = 32;
 static_assert(kChunk <= static_cast<std::size_t>(sd::protocol::kMaxElements));
@@ -51,7 +52,16 @@ int sendAll(const std::vector<PolicyEntry>& entries, Service& service) {
     return kDone;
 }
 
-enum class Outcome { InForce, Outweighed, NotStored, Untold };
+enum class Outcome { InForce, Outweighed, NotStored, Untold, Deleted, NotDeleted };
+
+struct Result {
+    std::string uri;
+    Outcome outcome;
+};
+
+bool holds(const std::vector<Result>& results, Outcome outcome) {
+    return std::any_of(results.begin(), results.end(), [&](const Result& one) { return one.outcome == outcome; });
+}
 
 // At the local priority it may be a local value that reads back, or none at all: only what is stored tells.
 bool readsAsLocal(const PolicyEntry& entry, const Effective& now) {
@@ -63,6 +73,14 @@ struct Stored {
     std::map<std::string, std::optional<apps::Policy>> policies;
     bool complete = true;
 };
+
+// Returns the exit code.
+int readStored(const Request& request, Service& service, Stored& stored) {
+    const StoredPolicies read = storedPolicies(request, service);
+    for (const StoredPolicy& one : read.all) stored.policies.emplace(folded(one.uri), one.policy);
+    stored.complete = !read.cut;
+    return read.exitCode;
+}
 
 // What became of a policy that reads as local.
 Outcome outcomeOf(const PolicyEntry& entry, const Effective& now, const Stored& stored) {
@@ -77,38 +95,123 @@ Outcome outcomeOf(const PolicyEntry& entry, const Effective& now) {
     return now.value == entry.value && now.priority == entry.priority ? Outcome::InForce : Outcome::NotStored;
 }
 
-int report(const Request& request, const std::vector<PolicyEntry>& entries, const std::map<std::string, Effective>& now,
-           const Stored& stored) {
-    static constexpr const char* kText[] = {"in force", "outweighed by what is set locally", "not stored",
-                                            "it can't be told whether it is stored"};
-    static constexpr const char* kName[] = {"in_force", "outweighed", "not_stored", "untold"};
-    std::string text;
-    Object object{{"policies", Object::array()}};
-    std::set<Outcome> outcomes;
+// Adds what became of the entries, which were sent. Returns the exit code.
+int readBack(const Request& request, const std::vector<PolicyEntry>& entries, Service& service,
+             std::vector<Result>& results) {
+    std::vector<std::string> uris;
+    uris.reserve(entries.size());
+    for (const PolicyEntry& entry : entries) uris.push_back(entry.uri);
+    std::map<std::string, Effective> now;
+    if (const int code = readEffective(uris, service, now)) return code;
+    const auto asLocal = [&](const PolicyEntry& entry) { return readsAsLocal(entry, now.at(entry.uri)); };
+    Stored stored;
+    if (std::any_of(entries.begin(), entries.end(), asLocal))
+        if (const int code = readStored(request, service, stored)) return code;
     for (const PolicyEntry& entry : entries) {
         const Effective& read = now.at(entry.uri);
-        const Outcome outcome = readsAsLocal(entry, read) ? outcomeOf(entry, read, stored) : outcomeOf(entry, read);
-        outcomes.insert(outcome);
-        const auto which = static_cast<std::size_t>(outcome);
-        text += escaped(entry.uri) + ": " + kText[which] + "\n";
-        object["policies"].push_back({{"uri", entry.uri}, {"outcome", kName[which]}});
+        results.push_back({entry.uri, asLocal(entry) ? outcomeOf(entry, read, stored) : outcomeOf(entry, read)});
     }
-    const int printed = print(request, text, object);
-    if (outcomes.count(Outcome::NotStored) != 0) return policiesRefused(request);
-    return outcomes.count(Outcome::Untold) != 0 ? policiesUntold(request) : printed;
+    return kDone;
 }
 
-int apply(const Request& request, const std::vector<PolicyEntry>& entries, Service& service) {
+// The stored policies that the file doesn't name: their URIs, as they are spelled there. Returns the exit code.
+int findSurplus(const Request& request, const std::vector<PolicyEntry>& entries, Service& service,
+                std::vector<std::string>& surplus) {
+    const StoredPolicies stored = storedPolicies(request, service);
+    if (stored.exitCode) return stored.exitCode;
+    if (stored.cut) return surplusUnknown(request);
+    std::set<std::string> named;
+    for (const PolicyEntry& entry : entries) named.insert(folded(entry.uri));
+    for (const StoredPolicy& one : stored.all)
+        if (named.count(folded(one.uri)) == 0) surplus.push_back(one.uri);
+    return kDone;
+}
+
+// One by one, since no call deletes several and spares others. Behind a zero byte a URI would name another policy.
+int sendDeletions(const std::vector<std::string>& surplus, Service& service) {
+    for (std::size_t i = 0; i < surplus.size(); ++i) {
+        const std::string& uri = surplus[i];
+        if (uri.find('\0') != std::string::npos) continue;
+        const auto answer = service.call("DeletePolicyWithUri key", uri,
+                                         [&] { return sd::DMConfig::GetInstance()->DeletePolicyWithUri(uri); });
+        if (!answer.exitCode) continue;
+        notePartlyDeleted(i, surplus.size());
+        return answer.exitCode;
+    }
+    return kDone;
+}
+
+// Where a policy of the file is not stored, all others stay: one of them may be what it was to take the place of.
+int deleteSurplus(const Request& request, const std::vector<std::string>& surplus, Service& service,
+                  std::vector<Result>& results) {
+    if (surplus.empty()) return kDone;
+    const bool stay = holds(results, Outcome::NotStored) || holds(results, Outcome::Untold);
+    if (!stay)
+        if (const int code = sendDeletions(surplus, service)) return code;
+    Stored stored;
+    if (const int code = readStored(request, service, stored)) return code;
+    for (const std::string& uri : surplus) {
+        const bool there = stored.policies.count(folded(uri)) != 0;
+        results.push_back({uri, there ? Outcome::NotDeleted : stored.complete ? Outcome::Deleted : Outcome::Untold});
+    }
+    return kDone;
+}
+
+int report(const Request& request, const std::vector<Result>& results) {
+    static constexpr const char* kText[] = {"in force",   "outweighed by what is set locally",
+                                            "not stored", "it can't be told whether it is stored",
+                                            "deleted",    "not deleted"};
+    static constexpr const char* kName[] = {"in_force", "outweighed", "not_stored", "untold", "deleted", "not_deleted"};
+    std::string text;
+    Object object{{"policies", Object::array()}};
+    for (const auto& [uri, outcome] : results) {
+        const auto which = static_cast<std::size_t>(outcome);
+        text += escaped(uri) + ": " + kText[which] + "\n";
+        Object one;
+        addBytes(one, "uri", uri);
+        one["outcome"] = kName[which];
+        object["policies"].push_back(std::move(one));
+    }
+    const int printed = print(request, text, object);
+    if (holds(results, Outcome::NotStored)) return policiesRefused(request);
+    if (holds(results, Outcome::NotDeleted)) return notPruned(request);
+    return holds(results, Outcome::Untold) ? policiesUntold(request) : printed;
+}
+
+// First what is set, so that a URI whose spelling alone has changed is never without a policy.
+int apply(const Request& request, const std::vector<PolicyEntry>& entries, const std::vector<std::string>& surplus,
+          Service& service) {
     if (const int code = sendAll(entries, service)) return code;
-    std::map<std::string, Effective> now;
-    if (const int code = readEffective(entries, service, now)) return code;
-    const auto asLocal = [&](const PolicyEntry& entry) { return readsAsLocal(entry, now.at(entry.uri)); };
-    StoredPolicies read;
-    if (std::any_of(entries.begin(), entries.end(), asLocal)) read = storedPolicies(request, service);
-    if (read.exitCode) return read.exitCode;
-    Stored stored{{}, !read.cut};
-    for (const StoredPolicy& one : read.all) stored.policies.emplace(folded(one.uri), one.policy);
-    return report(request, entries, now, stored);
+    std::vector<Result> results;
+    if (const int code = readBack(request, entries, service, results)) return code;
+    if (const int code = deleteSurplus(request, surplus, service, results)) return code;
+    return report(request, results);
+}
+
+int preview(const Request& request, const std::vector<PolicyEntry>& entries, const std::vector<std::string>& surplus,
+            Service& service) {
+    std::vector<PlannedPolicy> plan;
+    plan.reserve(entries.size() + surplus.size());
+    for (const PolicyEntry& entry : entries) plan.push_back({entry.uri, apps::Policy{entry.value, entry.priority}});
+    for (const std::string& uri : surplus) plan.push_back({uri, std::nullopt});
+    return previewPolicies(request, plan, service);
+}
+
+std::string pruneQuestion(std::size_t count) {
+    return "Delete " + std::to_string(count) + (count == 1 ? " policy" : " policies") + " that the file doesn't name?";
+}
+
+// Into the file, or to standard output, where it stands for the result.
+int putFile(const Request& request, const std::vector<PolicyEntry>& entries, bool complete) {
+    const std::string text = composePolicyFile(entries);
+    if (request.file == "-") return printText(text);
+    if (const std::string reason = writeWhole(request.file, text); !reason.empty())
+        return fileNotWritten(request, reason);
+    Object object;
+    addBytes(object, "file", request.file);
+    object["policies"] = entries.size();
+    object["complete"] = complete;
+    return print(request, "", object);
 }
 
 }  // namespace
@@ -130,23 +233,25 @@ int exportPolicies(const Request& request, Service& service) {
             next = "set or delete that one, and repeat it";
         }
     }
-    const std::string text = composePolicyFile(entries);
-    if (request.file == "-") {
-        if (const int code = printText(text)) return code;
-    } else if (const std::string reason = writeWhole(request.file, text); !reason.empty()) {
-        return fileNotWritten(request, reason);
-    }
+    if (const int code = putFile(request, entries, problem.empty())) return code;
     return problem.empty() ? kDone : leftOut(request, problem, next);
 }
 
 int applyPolicies(const Request& request, Service& service) {
+    if (request.prune && !request.dryRun && !canConfirm(request))
+        return notAskable(request, "the policies that the file doesn't name");
     std::string text;
     if (const std::string problem = readWhole(request.file, kMaxFileBytes, text); !problem.empty())
-        return unfitPolicyFile(request, problem);
+        return policyFileUnread(request, problem);
     const PolicyFile file = parsePolicyFile(text);
     if (!file.problem.empty()) return unfitPolicyFile(request, file.problem);
     if (const int code = service.require()) return code;
-    return request.dryRun ? previewPolicies(request, file.entries, service) : apply(request, file.entries, service);
+    std::vector<std::string> surplus;
+    if (request.prune)
+        if (const int code = findSurplus(request, file.entries, service, surplus)) return code;
+    if (request.dryRun) return preview(request, file.entries, surplus, service);
+    if (!surplus.empty() && !confirmed(request, pruneQuestion(surplus.size()))) return notConfirmed(request);
+    return apply(request, file.entries, surplus, service);
 }
 
 }  // namespace cli

@@ -26,6 +26,7 @@ struct Request {
     bool show = false;
     bool yes = false;
     bool dryRun = false;
+    bool prune = false;
     bool force = false;
     bool withoutKeys = false;
 

@@ -12,15 +12,17 @@ namespace cli {
 
 namespace {
 
-// Returns what hindered the reading, or "".
-std::string readAll(const DataAccess& access, std::vector<StoredPolicy>& all) {
+// Returns what hindered the reading, or "". A row without a value is no policy to the service either.
+std::string readAll(const DataAccess& access, StoredPolicies& result) {
     if (!access.reader) return "the folder is not known";
     std::vector<apps::Row> rows;
     std::string problem = access.reader->policyRows(rows);
     if (problem.empty() && !rows.empty()) problem = apps::DataReader::ringProblem();
     if (!problem.empty()) return problem;
-    for (const apps::Row& row : rows) all.push_back({row.key, apps::DataReader::policy(row)});
-    std::sort(all.begin(), all.end(), [](const auto& one, const auto& other) { return one.uri < other.uri; });
+    for (const apps::Row& row : rows)
+        if (!row.value.empty()) result.all.push_back({row.key, apps::DataReader::policy(row)});
+    std::sort(result.all.begin(), result.all.end(), [](const auto& a, const auto& b) { return a.uri < b.uri; });
+    result.reader = access.reader;
     return "";
 }
 
@@ -28,7 +30,10 @@ std::vector<StoredPolicy> fromList(const sd::PolicyList& list) {
     std::vector<StoredPolicy> all;
     for (const auto& [uri, policy] : list) {
         const auto& [value, priority] = *policy.begin();
-        all.push_back({uri, apps::Policy{value == sd::kNullValue ? "" : value, priority}});
+        if (priority < 0)  // of one that the service can't read
+            all.push_back({uri, std::nullopt});
+        else
+            all.push_back({uri, apps::Policy{value == sd::kNullValue ? "" : value, priority}});
     }
     return all;
 }
@@ -37,7 +42,7 @@ StoredPolicies withoutService(const Request& request, const Service& service) {
     StoredPolicies result;
     const DataAccess access = accessData(request, service);
     if ((result.exitCode = access.exitCode) != kDone) return result;
-    if (const std::string problem = readAll(access, result.all); !problem.empty())
+    if (const std::string problem = readAll(access, result); !problem.empty())
         result.exitCode = nothingToReadFrom(request, problem);
     else
         noteWithoutService(access.reader->folder());
@@ -59,12 +64,10 @@ StoredPolicies storedPolicies(const Request& request, Service& service) {
     if (result.exitCode != kDone) return result;
 
     const bool cut = list.size() >= sd::protocol::kMaxElements;
-    const bool readFromFolder = readAll(access, result.all).empty();
-    if (!readFromFolder) {
-        result.all = fromList(list);
-        result.cut = cut;
-    }
-    if (cut) noteListCut(readFromFolder ? access.reader->folder() : "");
+    if (readAll(access, result).empty()) return result;
+    result.all = fromList(list);
+    result.cut = cut;
+    if (cut) noteListCut();
     return result;
 }
 

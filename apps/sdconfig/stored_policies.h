@@ -18,9 +18,10 @@ struct StoredPolicy {
 };
 
 struct StoredPolicies {
-    std::vector<StoredPolicy> all;  // in the order of their URIs
-    bool cut = false;               // the service lists no more than these, and the rest can't be read
-    int exitCode = 0;               // where it isn't kDone, there is nothing, and that was told
+    std::vector<StoredPolicy> all;           // in the order of their URIs
+    bool cut = false;                        // the service lists no more than these, and the rest can't be read
+    std::optional<apps::DataReader> reader;  // of the folder that they were read from; nothing: the service told them
+    int exitCode = 0;                        // where it isn't kDone, there is nothing, and that was told
 };
 
 // Asks the service, which lists a bounded number of them; where its data folder can be read, all are taken from there,

@@ -5,7 +5,7 @@ _sdconfig_options() { # COMMAND: those of its own
         get) echo --local --product-dir ;;
         "policy list" | "policy export") echo --data-dir ;;
         "policy clear") echo --yes ;;
-        "policy apply") echo --dry-run --show --data-dir ;;
+        "policy apply") echo --dry-run --show --prune --yes --data-dir ;;
         explain) echo --show --data-dir --product-dir ;;
         watch) echo --exec ;;
         list) echo --show --data-dir ;;

@@ -90,7 +90,8 @@ complete -c sdconfig -n '__sdconfig_in get explain' -l product-dir -xa '(__fish_
 complete -c sdconfig -n '__sdconfig_in explain list doctor "policy list" "policy export" "policy apply"' -l data-dir \
     -xa '(__fish_complete_directories)' -d 'The data folder of the service'
 complete -c sdconfig -n '__sdconfig_in explain list "policy apply"' -l show -d 'Show values, which can be secrets'
-complete -c sdconfig -n '__sdconfig_in "policy clear"' -l yes -d 'Do not ask'
+complete -c sdconfig -n '__sdconfig_in "policy clear" "policy apply"' -l yes -d 'Do not ask'
+complete -c sdconfig -n '__sdconfig_in "policy apply"' -l prune -d 'Delete the policies that the file does not name'
 complete -c sdconfig -n '__sdconfig_in "policy apply" upgrade' -l dry-run -d 'Change nothing; print what would change'
 complete -c sdconfig -n '__sdconfig_in upgrade' -l force -d 'Copy, whatever the version'
 complete -c sdconfig -n '__sdconfig_in backup restore' -l force -d 'Replace what is there'
