@@ -203,8 +203,7 @@ void noteListCut() {
 }
 
 void notePartlyDeleted(std::size_t deleted, std::size_t all) {
-    note("every policy of the file was sent, and " + std::to_string(deleted) + " of " + std::to_string(all) +
-         " others were deleted before that");
+    note(std::to_string(deleted) + " of " + std::to_string(all) + " policies were deleted before that");
 }
 
 void noteWithoutService(const std::string& folder) {

@@ -127,27 +127,13 @@ int findSurplus(const Request& request, const std::vector<PolicyEntry>& entries,
     return kDone;
 }
 
-// One by one, since no call deletes several and spares others. Behind a zero byte a URI would name another policy.
-int sendDeletions(const std::vector<std::string>& surplus, Service& service) {
-    for (std::size_t i = 0; i < surplus.size(); ++i) {
-        const std::string& uri = surplus[i];
-        if (uri.find('\0') != std::string::npos) continue;
-        const auto answer = service.call("DeletePolicyWithUri key", uri,
-                                         [&] { return sd::DMConfig::GetInstance()->DeletePolicyWithUri(uri); });
-        if (!answer.exitCode) continue;
-        notePartlyDeleted(i, surplus.size());
-        return answer.exitCode;
-    }
-    return kDone;
-}
-
 // Where a policy of the file is not stored, all others stay: one of them may be what it was to take the place of.
 int deleteSurplus(const Request& request, const std::vector<std::string>& surplus, Service& service,
                   std::vector<Result>& results) {
     if (surplus.empty()) return kDone;
     const bool stay = holds(results, Outcome::NotStored) || holds(results, Outcome::Untold);
     if (!stay)
-        if (const int code = sendDeletions(surplus, service)) return code;
+        if (const int code = deletePolicies(surplus, service)) return code;
     Stored stored;
     if (const int code = readStored(request, service, stored)) return code;
     for (const std::string& uri : surplus) {

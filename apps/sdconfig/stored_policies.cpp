@@ -30,10 +30,7 @@ std::vector<StoredPolicy> fromList(const sd::PolicyList& list) {
     std::vector<StoredPolicy> all;
     for (const auto& [uri, policy] : list) {
         const auto& [value, priority] = *policy.begin();
-        if (priority < 0)  // of one that the service can't read
-            all.push_back({uri, std::nullopt});
-        else
-            all.push_back({uri, apps::Policy{value == sd::kNullValue ? "" : value, priority}});
+        all.push_back({uri, apps::Policy{value == sd::kNullValue ? "" : value, priority}});
     }
     return all;
 }
@@ -57,18 +54,31 @@ StoredPolicies storedPolicies(const Request& request, Service& service) {
     if ((result.exitCode = service.require()) != kDone) return result;
     const DataAccess access = accessData(request, service);
     if ((result.exitCode = access.exitCode) != kDone) return result;
+    if (readAll(access, result).empty())
+        return result;  // a policy that can't be read makes the service's list unusable
     sd::PolicyList list;
     const auto answer = service.call("GetAllKeys(", [&] { return sd::DMConfig::GetInstance()->GetAllKeys(&list); });
     if ((result.exitCode = answer.exitCode) != kDone) return result;
     if (list.empty()) result.exitCode = service.requireCount(sd::protocol::kListPolicies);
     if (result.exitCode != kDone) return result;
 
-    const bool cut = list.size() >= sd::protocol::kMaxElements;
-    if (readAll(access, result).empty()) return result;
     result.all = fromList(list);
-    result.cut = cut;
-    if (cut) noteListCut();
+    result.cut = list.size() >= sd::protocol::kMaxElements;
+    if (result.cut) noteListCut();
     return result;
+}
+
+int deletePolicies(const std::vector<std::string>& uris, Service& service) {
+    for (std::size_t i = 0; i < uris.size(); ++i) {
+        const std::string& uri = uris[i];
+        if (uri.find('\0') != std::string::npos) continue;
+        const auto answer = service.call("DeletePolicyWithUri key", uri,
+                                         [&] { return sd::DMConfig::GetInstance()->DeletePolicyWithUri(uri); });
+        if (!answer.exitCode) continue;
+        notePartlyDeleted(i, uris.size());
+        return answer.exitCode;
+    }
+    return kDone;
 }
 
 }  // namespace cli

@@ -24,8 +24,12 @@ struct StoredPolicies {
     int exitCode = 0;                        // where it isn't kDone, there is nothing, and that was told
 };
 
-// Asks the service, which lists a bounded number of them; where its data folder can be read, all are taken from there,
-// without a service, too.
+// All of them, from the service's data folder where that can be read, without a service, too; else what the service
+// lists, which is a bounded number.
 StoredPolicies storedPolicies(const Request& request, Service& service);
+
+// One by one, since no call deletes several and spares others. A URI with a zero byte, behind which it would name
+// another policy, is left out. Returns the exit code.
+int deletePolicies(const std::vector<std::string>& uris, Service& service);
 
 }  // namespace cli

@@ -60,6 +60,8 @@ TEST_F(PolicyTest, OneAtATime) {
     TerminalProcess terminal(cliCommand({"policy", "list"}), environment());
     EXPECT_TRUE(terminal.waitForScreen("k      5         on     hidden by a local value")) << terminal.screen();
 
+    query(path("data/dmhelper.db"), "UPDATE dmhelperconfig SET value = 'v1damage' WHERE key = 'empty'");
+    EXPECT_THAT(cli({"policy", "list"}).out, HasSubstr("empty\t-\t(can't be read)\tnot in force\nk\t5\t"));
     expect({"policy", "delete", "k"}, 0, "");
     expect({"policy", "delete", "k", "--json"}, 0, "{\"uri\":\"k\",\"done\":true}\n");
 
