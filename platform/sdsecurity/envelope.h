@@ -17,7 +17,9 @@ struct Envelope {
     std::vector<unsigned char> bytes;  // everything that the base64 holds
 };
 
-// Returns nothing where `plain` is too long or OpenSSL fails.
+// Sealing and opening throw CryptoFailure.
+
+// Returns nothing where `plain` is too long.
 std::optional<std::string> sealEnvelope(const Key& key, const std::string& plain);
 
 // Takes the text apart. Any bytes are safe; nothing comes back for a text that sealEnvelope would not have written.

@@ -1,9 +1,10 @@
 #include "platform/sdsecurity/key_ring.h"
 
 #include <openssl/evp.h>
-#include <openssl/rand.h>
 
 #include <algorithm>
+
+#include "platform/sdsecurity/crypto.h"
 
 namespace sd::security {
 namespace {
@@ -34,13 +35,12 @@ bool readHex(std::string_view text, Bytes& bytes) {
     return true;
 }
 
-std::optional<KeyId> idOf(const SecretBytes& key) {
-    if (!cryptoReady()) return std::nullopt;
+KeyId idOf(const SecretBytes& key) {
+    demandCrypto();
     SecretBytes labelled(kIdLabel.begin(), kIdLabel.end());
     labelled.insert(labelled.end(), key.begin(), key.end());
     std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
-    if (::EVP_Digest(labelled.data(), labelled.size(), digest.data(), nullptr, ::EVP_sha256(), nullptr) != 1)
-        return std::nullopt;
+    demand(::EVP_Digest(labelled.data(), labelled.size(), digest.data(), nullptr, ::EVP_sha256(), nullptr) == 1);
     KeyId id{};
     std::copy_n(digest.begin(), id.size(), id.begin());
     return id;
@@ -55,23 +55,16 @@ const char* parseKey(std::string_view line, Key& key) {
 
 }  // namespace
 
-bool cryptoReady() {
-    return ::OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr) == 1;
-}
-
 std::string toHex(const KeyId& id) {
     std::string text;
     appendHex(id, text);
     return text;
 }
 
-std::optional<Key> makeKey() {
+Key makeKey() {
     Key key{{}, SecretBytes(kKeySize)};
-    if (!cryptoReady() || ::RAND_priv_bytes(key.bytes.data(), static_cast<int>(key.bytes.size())) != 1)
-        return std::nullopt;
-    const std::optional<KeyId> id = idOf(key.bytes);
-    if (!id) return std::nullopt;
-    key.id = *id;
+    fillRandomly(key.bytes.data(), key.bytes.size());
+    key.id = idOf(key.bytes);
     return key;
 }
 

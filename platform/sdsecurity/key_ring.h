@@ -30,10 +30,6 @@ struct WipingAllocator {
 };
 using SecretBytes = std::vector<unsigned char, WipingAllocator<unsigned char>>;
 
-// Whether OpenSSL may be called. The first call keeps it usable for static destructors; where the host was first to use
-// OpenSSL, its clean-up at exit comes before them, and calls from then on would crash.
-bool cryptoReady();
-
 constexpr std::size_t kKeyIdSize = 8;
 constexpr std::size_t kKeySize = 32;
 using KeyId = std::array<unsigned char, kKeyIdSize>;
@@ -44,8 +40,8 @@ struct Key {
     SecretBytes bytes;  // kKeySize of them
 };
 
-// A fresh random key, or nothing where the system's random generator fails.
-std::optional<Key> makeKey();
+// A fresh random key. Throws CryptoFailure.
+Key makeKey();
 
 struct KeyRing {
     std::vector<Key> keys;  // at least one, no two of the same id; the last one seals
@@ -60,7 +56,7 @@ constexpr std::size_t kMaxRingText = 16UL * 1024;
 
 // Reads a ring's text; docs/security.md has the grammar. Any bytes are safe.
 // Returns nothing, with the reason (which quotes nothing of the text), where it is not exactly what formatKeyRing
-// makes.
+// makes. Throws CryptoFailure.
 std::optional<KeyRing> parseKeyRing(std::string_view text, std::string& reason);
 SecretBytes formatKeyRing(const KeyRing& ring);
 

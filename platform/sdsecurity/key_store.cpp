@@ -38,9 +38,11 @@ bool KeyStore::useDescriptor(int descriptor) {
         LOG(7, AT "%s: %s", HERE, kHandedOver, read.reason.c_str());
         return false;
     }
+    auto ring = std::make_shared<const KeyRing>(std::move(read.ring));
+    Place handedOver{Place::Kind::HandedOver, "", kHandedOver, ""};
     const std::lock_guard lock(mMutex);
-    mPlace = Place{Place::Kind::HandedOver, "", kHandedOver, ""};
-    mRing = std::make_shared<const KeyRing>(std::move(read.ring));
+    mPlace = std::move(handedOver);
+    mRing = std::move(ring);
     mCounter.reset("");
     return true;
 }
@@ -67,10 +69,11 @@ KeyStore::Place KeyStore::defaultPlace() {
 // Decided at the first use: the environment may change later, the ring must not.
 const KeyStore::Place& KeyStore::place() {
     if (mPlace) return *mPlace;
-    mPlace = credentialsPlace();
-    if (!mPlace && mToldFolder.empty()) mPlace = defaultPlace();
-    if (!mPlace) mPlace = Place{Place::Kind::Folder, mToldFolder, mToldFolder + '/' + kFileName, ""};
-    mCounter.reset(mPlace->folder);
+    std::optional<Place> found = credentialsPlace();
+    if (!found && mToldFolder.empty()) found = defaultPlace();
+    if (!found) found = Place{Place::Kind::Folder, mToldFolder, mToldFolder + '/' + kFileName, ""};
+    mCounter.reset(found->folder);
+    mPlace = std::move(found);
     return *mPlace;
 }
 
@@ -90,29 +93,34 @@ bool KeyStore::update(bool makeIfAbsent) {
         mRing = std::make_shared<const KeyRing>(std::move(found.ring));
         return true;
     }
+    if (found.state == KeyRingState::Absent && makeIfAbsent && !place().folder.empty()) {
+        found.reason = makeRing();
+        if (found.reason.empty()) return true;
+    }
     if (mRing) {
         LOG(6, AT "%s: %s; going on with the keys in memory", HERE, place().path.c_str(), found.reason.c_str());
         return true;
     }
-    if (found.state == KeyRingState::Absent && makeIfAbsent && !place().folder.empty()) found.reason = makeRing();
-    if (mRing) return true;
     LOG(7, AT "%s: %s", HERE, place().path.c_str(), found.reason.c_str());
     return false;
 }
 
-// Returns why there is still no ring, or "".
+// Makes the file, with the keys in memory where there are any. Returns why there is still no ring, or "".
 std::string KeyStore::makeRing() {
     std::string reason;
-    if (!makeFolder(place().folder, place().kind == Place::Kind::DefaultFolder, reason)) return reason;
-    const std::optional<LockedFolder> folder = LockedFolder::lock(place().folder, reason);
-    if (!folder) return reason;
-    RingRead found = read();  // another process may have been first
+    // A folder that went with its ring is not made anew: its databases are gone, too.
+    if (!mRing && !makeFolder(place().folder, place().kind == Place::Kind::DefaultFolder, reason)) return reason;
+    const std::optional<LockedFolder> folder = LockedFolder::lock(place().folder, kSealWait, reason);
+    RingRead found = read();  // another process may have been first, and have held the lock for that
     if (found.state == KeyRingState::Broken) return found.reason;
     if (found.state == KeyRingState::Absent) {
-        std::optional<Key> key = makeKey();
-        if (!key) return "no random bytes for a key";
-        found.ring.keys.push_back(std::move(*key));
+        if (!folder) return reason;
+        if (mRing)
+            found.ring = *mRing;
+        else
+            found.ring.keys.push_back(makeKey());
         if (!folder->create(kFileName, formatKeyRing(found.ring), reason)) return reason;
+        if (mRing) LOG(6, AT "%s: the key ring was gone; it is written again from memory", HERE, place().path.c_str());
     }
     mRing = std::make_shared<const KeyRing>(std::move(found.ring));
     return "";
@@ -122,13 +130,11 @@ std::string KeyStore::makeRing() {
 std::string KeyStore::addKey() {
     if (place().folder.empty()) return "it is not for this process to write";
     std::string reason;
-    const std::optional<LockedFolder> folder = LockedFolder::lock(place().folder, reason);
+    const std::optional<LockedFolder> folder = LockedFolder::lock(place().folder, kRotateWait, reason);
     if (!folder) return reason;
     RingRead found = read();
     if (found.state != KeyRingState::Usable) return found.reason;
-    std::optional<Key> key = makeKey();
-    if (!key) return "no random bytes for a key";
-    found.ring.keys.push_back(std::move(*key));
+    found.ring.keys.push_back(makeKey());
     const SecretBytes text = formatKeyRing(found.ring);
     if (text.size() > kMaxRingText) return "it is full";
     if (!folder->replace(kFileName, text, reason)) return reason;
@@ -157,9 +163,25 @@ std::shared_ptr<const KeyRing> KeyStore::ringToOpen(const KeyId& id) {
 SDSecurity::KeyRingStatus KeyStore::check() {
     const std::lock_guard lock(mMutex);
     if (place().kind == Place::Kind::HandedOver) return {KeyRingState::Usable, place().path};
-    const RingRead found = read();
+    RingRead found = read();
+    if (found.state == KeyRingState::Usable) mRing = std::make_shared<const KeyRing>(std::move(found.ring));
     if (found.reason.empty()) return {found.state, place().path};
     return {found.state, place().path + ": " + found.reason};
+}
+
+SDSecurity::KeyUse KeyStore::use() {
+    const std::lock_guard lock(mMutex);
+    if (place().folder.empty()) return SDSecurity::KeyUse::Fine;
+    const RingRead found = read();
+    if (found.state != KeyRingState::Usable) return SDSecurity::KeyUse::Fine;
+    return storedUse(place().folder, found.ring.current().id);
+}
+
+Key KeyStore::keyToTry() {
+    const std::lock_guard lock(mMutex);
+    if (mRing) return mRing->current();
+    const RingRead found = read();
+    return found.state == KeyRingState::Usable ? found.ring.current() : makeKey();
 }
 
 bool KeyStore::rotate() {

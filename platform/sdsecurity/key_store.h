@@ -15,7 +15,8 @@ namespace sd::security {
 
 // A usable ring is kept in memory and read again only when a block of seals is used up or an envelope names a key that
 // it does not hold: another process may have rotated. A ring that is broken or absent is looked at by every operation,
-// so that a repair needs no restart. Any thread.
+// so that a repair needs no restart. Where the file is gone, the next block puts what is in memory there again: a new
+// ring would strand what was sealed before. Any thread. Operations throw CryptoFailure.
 class KeyStore {
 public:
     // "" is the default folder.
@@ -27,7 +28,11 @@ public:
     // A ring that holds the key. Null with a line logged.
     std::shared_ptr<const KeyRing> ringToOpen(const KeyId& id);
 
+    // A key like that which will seal next: where there is no ring yet, one that is then forgotten.
+    Key keyToTry();
+
     SDSecurity::KeyRingStatus check();
+    SDSecurity::KeyUse use();
     bool rotate();
 
 private:

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <string_view>
 #include <system_error>
 #include <thread>
@@ -18,8 +17,6 @@ using KeyRingState = SDSecurity::KeyRingState;
 
 // One lock for everything in the folder that is written. It has a file of its own, since the others are replaced.
 constexpr char kLockName[] = "sdsecurity.lock";
-// A holder needs milliseconds; one that was stopped meanwhile shall not hold up others for ever.
-constexpr std::chrono::seconds kLockWait{5};
 constexpr std::chrono::milliseconds kLockRetry{5};
 
 FileRead broken(const std::string& reason) {
@@ -117,7 +114,8 @@ RingRead parseRing(const FileRead& file) {
     return read;
 }
 
-std::optional<LockedFolder> LockedFolder::lock(const std::string& path, std::string& reason) {
+std::optional<LockedFolder> LockedFolder::lock(const std::string& path, std::chrono::milliseconds wait,
+                                               std::string& reason) {
     const auto fail = [&reason](const std::string& why) {
         reason = why;
         return std::nullopt;
@@ -130,7 +128,9 @@ std::optional<LockedFolder> LockedFolder::lock(const std::string& path, std::str
     UniqueFd file(::openat(folder.get(), kLockName, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0600));
     if (!file) return fail(systemError(std::string("open ") + kLockName));
     if (::fchmod(file.get(), 0600) != 0) return fail(systemError("fchmod"));
-    if (!lockWithin(file.get(), kLockWait)) return fail(systemError(std::string("lock ") + kLockName));
+    if (!lockWithin(file.get(), wait))
+        return fail(errno == EWOULDBLOCK ? std::string("another process holds ") + kLockName
+                                         : systemError(std::string("lock ") + kLockName));
     return LockedFolder(std::move(folder), std::move(file));
 }
 

@@ -1,6 +1,7 @@
 // The files of the security layer: read with suspicion, written whole or not at all.
 #pragma once
 
+#include <chrono>
 #include <optional>
 #include <string>
 #include <utility>
@@ -49,12 +50,18 @@ struct RingRead {
 };
 RingRead parseRing(const FileRead& file);
 
+// How long the lock of a folder is waited for; a holder needs milliseconds. All who call a service wait for its seals;
+// who rotates can wait for a holder that is held up itself.
+inline constexpr std::chrono::milliseconds kSealWait{200};
+inline constexpr std::chrono::milliseconds kRotateWait{5000};
+
 // A folder of the effective user, held against all other processes that would write there. One that belongs to
 // somebody else is refused: a run as root would leave files there that its owner can't read.
 class LockedFolder {
 public:
-    // Returns nothing, with the reason, where the lock can't be had within a few seconds.
-    static std::optional<LockedFolder> lock(const std::string& path, std::string& reason);
+    // Returns nothing, with the reason, where the lock can't be had in that time.
+    static std::optional<LockedFolder> lock(const std::string& path, std::chrono::milliseconds wait,
+                                            std::string& reason);
     LockedFolder(LockedFolder&&) noexcept = default;
     LockedFolder& operator=(LockedFolder&&) = delete;
     ~LockedFolder();

@@ -5,6 +5,7 @@
 #include <mutex>
 #include <optional>
 
+#include "platform/sdsecurity/crypto.h"
 #include "platform/sdsecurity/envelope.h"
 #include "platform/sdsecurity/key_store.h"
 #include "platform/sdsecurity/log.h"
@@ -35,7 +36,7 @@ struct SDSecurity::State {
 };
 
 SDSecurity::SDSecurity() : mState(std::make_unique<State>()) {
-    (void)security::cryptoReady();
+    guarded(__func__, false, [] { return security::demandCrypto(), true; });
 }
 SDSecurity::~SDSecurity() = default;
 
@@ -49,7 +50,8 @@ std::string SDSecurity::FastEncrypt(const std::string& plain) {
         const auto ring = mState->keys.ringToSeal();
         if (!ring) return "";
         const std::optional<std::string> text = security::sealEnvelope(ring->current(), plain);
-        if (!text) LOG(7, AT "sealing %zu bytes failed", kSource, "FastEncrypt", __LINE__, plain.size());
+        if (!text)
+            LOG(7, AT "a value of %zu bytes is too long to be sealed", kSource, "FastEncrypt", __LINE__, plain.size());
         return text.value_or("");
     });
 }
@@ -99,8 +101,26 @@ bool SDSecurity::SetKeyRingDescriptor(int descriptor) {
 }
 
 SDSecurity::KeyRingStatus SDSecurity::CheckKeyRing() {
-    return guarded(__func__, KeyRingStatus{KeyRingState::Broken, "out of memory"},
-                   [&] { return mState->keys.check(); });
+    try {
+        return mState->keys.check();
+    } catch (const std::exception& error) {
+        return {KeyRingState::Broken, error.what()};
+    }
+}
+
+SDSecurity::KeyUse SDSecurity::CheckKeyUse() {
+    return guarded(__func__, KeyUse::Fine, [&] { return mState->keys.use(); });
+}
+
+std::string SDSecurity::SelfTest() {
+    try {
+        const security::Key key = mState->keys.keyToTry();
+        const auto envelope = security::parseEnvelope(security::sealEnvelope(key, __func__).value());
+        const bool same = envelope && security::openEnvelope(key, *envelope) == __func__;
+        return same ? "" : "what was sealed does not open again";
+    } catch (const std::exception& error) {
+        return error.what();
+    }
 }
 
 bool SDSecurity::RotateKey() {

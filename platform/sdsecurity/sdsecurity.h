@@ -54,8 +54,23 @@ public:
         std::string detail;  // the ring's path and, where it is broken, the reason; no key material
     };
 
-    // Looks at the ring without making or changing it.
+    // Looks at the ring without making or changing it. One that can be used is kept in memory, and written again where
+    // its file is gone when the next value is sealed.
     KeyRingStatus CheckKeyRing();
+
+    enum class KeyUse {
+        Fine,
+        HalfUsed,  // it has sealed half of the values that it is good for, or more
+        UsedUp,    // it seals no more
+    };
+    // How far the key that seals is used up, as the count beside its ring tells; RotateKey helps. Fine without a ring,
+    // and with one that was handed over, which each process counts by itself.
+    KeyUse CheckKeyUse();
+
+    // Seals a text and opens it again, with the key that seals, or with a fresh one where there is no ring yet. Makes,
+    // changes and counts nothing. Returns why that can't be done, or "". A host that begins with it learns of a missing
+    // cipher before it is called, and finds OpenSSL set up from then on.
+    std::string SelfTest();
 
     // Adds a fresh key to the ring, with which everything is sealed from now on; values sealed earlier still open.
     // Returns false, with a line logged and the ring as it was, when the ring can't be written.

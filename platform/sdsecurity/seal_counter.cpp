@@ -57,17 +57,17 @@ Counts readCounts(const std::string& path, std::string& reason) {
     return counts.value_or(Counts{});
 }
 
-// Adds `block` to what the file says, or to `known` where that is more. Returns the new count, or nothing.
+// Adds `owed` to what the file says, or to `known` where that is more. Returns the new count, or nothing.
 std::optional<std::uint64_t> addToFile(const std::string& folder, const KeyId& id, std::uint64_t known,
-                                       std::uint64_t block, std::string& reason) {
-    const std::optional<LockedFolder> locked = LockedFolder::lock(folder, reason);
+                                       std::uint64_t owed, std::string& reason) {
+    const std::optional<LockedFolder> locked = LockedFolder::lock(folder, kSealWait, reason);
     if (!locked) return std::nullopt;
     std::string damage;
     Counts counts = readCounts(folder + '/' + kFileName, damage);
     if (!damage.empty()) LOG(6, AT "%s/%s: %s; counting from here", HERE, folder.c_str(), kFileName, damage.c_str());
     std::uint64_t& count = counts[toHex(id)];
     count = std::max(count, known);
-    if (count < kMaxSeals) count += block;
+    if (count < kMaxSeals) count += owed;
     const std::uint64_t total = count;
     if (!locked->replace(kFileName, formatCounts(counts), reason)) return std::nullopt;
     return total;
@@ -81,33 +81,44 @@ void SealCounter::reset(const std::string& folder) {
 }
 
 bool SealCounter::reserve(const KeyId& id) {
-    if (mId != id) mBlock = mTotal = 0;
+    if (mId != id) mBlock = mStored = mOwed = 0;
     mId = id;
     mLeft = 0;
-    if (mTotal < kMaxSeals) {
+    if (mStored + mOwed < kMaxSeals) {
         mBlock = std::clamp(mBlock * 2, kFirstBlock, kLargestBlock);
-        mTotal = addBlock(id);
+        mOwed += mBlock;
+        store(id);
     }
+    const std::uint64_t total = mStored + mOwed;
     const std::string key = toHex(id);
-    if (mTotal >= kMaxSeals) {
+    if (total >= kMaxSeals) {
         LOG(7, AT "key %s is used up, sealing more would endanger every value: rotate the ring", HERE, key.c_str());
         return false;
     }
-    if (mTotal >= kWarnFrom)
+    if (total >= kWarnFrom)
         LOG(6, AT "key %s has sealed half of what is safe or more (%llu): rotate the ring", HERE, key.c_str(),
-            static_cast<unsigned long long>(mTotal));
+            static_cast<unsigned long long>(total));
     mLeft = mBlock;
     return true;
 }
 
-std::uint64_t SealCounter::addBlock(const KeyId& id) {
-    if (mFolder.empty()) return mTotal + mBlock;
+void SealCounter::store(const KeyId& id) {
+    if (mFolder.empty()) return;
     std::string reason;
-    const std::optional<std::uint64_t> total = addToFile(mFolder, id, mTotal, mBlock, reason);
+    const std::optional<std::uint64_t> total = addToFile(mFolder, id, mStored, mOwed, reason);
     if (!total && !mStoreFailed)
         LOG(6, AT "%s/%s: %s; counting in memory", HERE, mFolder.c_str(), kFileName, reason.c_str());
     mStoreFailed = !total;
-    return total.value_or(mTotal + mBlock);
+    if (!total) return;
+    mStored = *total;
+    mOwed = 0;
+}
+
+SDSecurity::KeyUse storedUse(const std::string& folder, const KeyId& id) {
+    std::string damage;
+    const std::uint64_t count = readCounts(folder + '/' + kFileName, damage)[toHex(id)];
+    if (count >= kMaxSeals) return SDSecurity::KeyUse::UsedUp;
+    return count >= kWarnFrom ? SDSecurity::KeyUse::HalfUsed : SDSecurity::KeyUse::Fine;
 }
 
 }  // namespace sd::security

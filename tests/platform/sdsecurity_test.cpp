@@ -3,12 +3,16 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <openssl/crypto.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -20,6 +24,7 @@
 #include "tests/support/support.h"
 
 using State = sd::SDSecurity::KeyRingState;
+using Use = sd::SDSecurity::KeyUse;
 using test::readFile;
 using test::writeFile;
 
@@ -36,6 +41,16 @@ const std::string kEnvelope = "v13EvHVH4144egoaKjpKWmp6ipqquWeQ9eRbxtzQbFBlq8RzU
 const std::string kEnvelopeOfNothing = "v1B/n9Z9qpV26goaKjpKWmp6ipqqv1Dj6Nz01Q29OtUk0QlEsQ";  // by the second key
 const std::string kPlain("pass\0word", 9);
 const std::string kSecret = "top secret";
+
+// The n-th allocation from here on that OpenSSL makes fails; 0: none does.
+int failingAllocation = 0;
+bool fails() {
+    return failingAllocation > 0 && --failingAllocation == 0;
+}
+const int kAllocationsCounted = ::CRYPTO_set_mem_functions(
+    [](std::size_t size, const char*, int) { return fails() ? nullptr : std::malloc(size); },
+    [](void* old, std::size_t size, const char*, int) { return fails() ? nullptr : std::realloc(old, size); },
+    [](void* old, const char*, int) { std::free(old); });
 
 unsigned modeOf(const std::string& path) {
     struct stat status {};
@@ -218,6 +233,43 @@ TEST_F(SecurityTest, NeverTouchesARingThatItCanNotUse) {
     }
 }
 
+TEST_F(SecurityTest, KeepsNoFailureAndTakesNoneForDamage) {
+    ASSERT_EQ(kAllocationsCounted, 1);
+    writeRing(kRing);
+    EXPECT_EQ(state(), State::Usable);
+    for (int n = 1; n <= 60; ++n) {
+        SCOPED_TRACE(n);
+        inProcesses(1, [&](int) {
+            security.SetKeyRingFolder(folder.path());
+            failingAllocation = n;
+            (void)(open(kEnvelope) + seal("x"));
+            failingAllocation = 0;
+            const bool toldFalsely = log.has("changed after") || log.has("does not match");
+            return !toldFalsely && open(kEnvelope) == kPlain && open(seal("x")) == "x";
+        });
+    }
+}
+
+TEST_F(SecurityTest, SealsBesideAProcessThatHoldsTheLock) {
+    writeRing(kHeader + kFirstLine);
+    const int lock = ::open((folder / "sdsecurity.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    ASSERT_EQ(::flock(lock, LOCK_EX), 0);
+    const auto began = std::chrono::steady_clock::now();
+    EXPECT_EQ(open(seal("x")), "x");
+    EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(2));
+    ::close(lock);
+    for (int i = 0; i < 256; ++i) seal("x");
+    EXPECT_EQ(readFile(count).substr(17), "768\n") << "what was counted in memory, too";
+}
+
+TEST_F(SecurityTest, PutsTheRingThatTheStartLookedAtBackInItsPlace) {
+    writeRing(kRing);
+    EXPECT_EQ(state(), State::Usable);
+    std::filesystem::remove(ring);
+    EXPECT_EQ(open(seal("x")), "x");
+    EXPECT_EQ(readFile(ring), kRing);
+}
+
 TEST_F(SecurityTest, RotatesAndStillOpensWhatWasSealedBefore) {
     const std::string early = seal("early");
     const std::string oldRing = readFile(ring);
@@ -261,8 +313,10 @@ TEST_F(SecurityTest, CountsSealsOfAllProcessesAndAsksForRotationInTime) {
     };
     EXPECT_TRUE(counted(kFirstLine.substr(0, 17) + "2147483000\n"));
     EXPECT_FALSE(log.has("rotate"));
+    EXPECT_EQ(security.CheckKeyUse(), Use::Fine);
     EXPECT_TRUE(counted(kFirstLine.substr(0, 17) + "2147483647\n"));
     EXPECT_EQ(log.count("rotate the ring", 6), 1);
+    EXPECT_EQ(security.CheckKeyUse(), Use::HalfUsed);
     for (const char* damage : {"rubbish", "dc4bc7547e35e387 -1\n", "dc4bc7547e35e387 9999999999999999999999\n"}) {
         EXPECT_TRUE(counted(damage));
         EXPECT_EQ(log.count(count, 6), 1) << damage;
@@ -273,6 +327,7 @@ TEST_F(SecurityTest, CountsSealsOfAllProcessesAndAsksForRotationInTime) {
 
     EXPECT_FALSE(counted(kFirstLine.substr(0, 17) + "4294967290\n"));
     EXPECT_EQ(log.count("used up", 7), 1);
+    EXPECT_EQ(security.CheckKeyUse(), Use::UsedUp);
     EXPECT_TRUE(security.RotateKey());
     EXPECT_EQ(open(seal("x")), "x");
     std::filesystem::remove(count);

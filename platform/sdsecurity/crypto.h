@@ -1,0 +1,30 @@
+// What this layer takes from OpenSSL and from the kernel.
+#pragma once
+
+#include <openssl/evp.h>
+
+#include <cstddef>
+#include <stdexcept>
+
+namespace sd::security {
+
+// OpenSSL could not do its work; memory may have run out. It is thrown, so that it never passes for a wrong value or a
+// damaged ring, and nothing of it is kept: the next operation may succeed.
+struct CryptoFailure : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// Throws where a call of OpenSSL has failed.
+void demand(bool done);
+
+// To be called before OpenSSL is. The first call keeps it usable for static destructors; where the host was first to
+// use OpenSSL, its clean-up at exit comes before them, and calls from then on would crash: then it throws.
+void demandCrypto();
+
+// AES-256-GCM.
+const EVP_CIPHER* sealingCipher();
+
+// From the kernel: a generator of OpenSSL that could not be set up once fails for the rest of the process.
+void fillRandomly(unsigned char* bytes, std::size_t size);
+
+}  // namespace sd::security
