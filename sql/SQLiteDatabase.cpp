@@ -64,6 +64,11 @@ bool SQLiteDatabase::executeCommand(const std::string& sql) {
     return SQLiteStatement(*this, sql).executeCommand();
 }
 
+bool SQLiteDatabase::isDetached() const {
+    int moved = 0;  // SQLite looks at the path anew, and compares what stands there with the file that it has open
+    return mHandle && sqlite3_file_control(mHandle, nullptr, SQLITE_FCNTL_HAS_MOVED, &moved) == SQLITE_OK && moved != 0;
+}
+
 int SQLiteDatabase::close() {
     int result = 0;
     if (mHandle) {

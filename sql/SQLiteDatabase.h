@@ -31,6 +31,10 @@ public:
     // Closes the connection and returns SQLite's result, 0 when there was nothing to close.
     int close();
 
+    // Whether the path leads to the open file no more: it was moved, removed or replaced, or its folder was. What is
+    // written to it then is gone when the path is opened again.
+    bool isDetached() const;
+
     // The connection for the statements on it; null when it is not open.
     sqlite3* handle() const { return mHandle; }
 

@@ -140,6 +140,11 @@ void SQLiteTable::genSelectStatement(const TableRow& where, const TableRow& colu
 }
 
 bool SQLiteTable::executeStatement(const std::string& sql, const TableRow& row) {
+    if (mDb.isDetached()) {
+        LOG(7, AT "the database file of %s was moved, removed or replaced: a change would be lost at the next start",
+            HERE, mName.c_str());
+        return false;
+    }
     SQLiteStatement statement(mDb, sql);
     if (statement.prepare() != 0) return false;
     for (size_t i = 0; i < row.size(); ++i) {

@@ -55,7 +55,8 @@ public:
     void genRemoveStatement(const TableRow& row, std::string& out);  // likewise for an empty row
     void genSelectStatement(const TableRow& where, const TableRow& columns, std::string& out);
 
-    // Runs a statement that yields no rows with the row's fields as parameters 1, 2, ...
+    // Runs a statement that yields no rows with the row's fields as parameters 1, 2, ... False, with a line logged, on
+    // a detached database.
     bool executeStatement(const std::string& sql, const TableRow& row);
 
     SQLiteDatabase& database() const { return mDb; }

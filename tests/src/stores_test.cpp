@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <filesystem>
 #include <stdexcept>
 
 #include "libsdconfig/sdconfig.h"
@@ -209,6 +210,21 @@ TEST_F(StoresTest, ASetIsOneCommitThatHappensOrNot) {
     sqlite3_busy_timeout(mConfig->handle(), 5000);
     EXPECT_EQ(mConfig->GetSecure_v3("kept"), "value");
     EXPECT_TRUE(mConfig->SetSecure("kept", "new"));
+}
+
+TEST_F(StoresTest, NothingIsWrittenToAFileThatIsNotInItsPlaceAnyMore) {
+    const std::string away = folder() + ".away";
+    EXPECT_TRUE(mConfig->SetSecure("k", "kept"));
+    std::filesystem::rename(folder(), away);
+    std::filesystem::copy(away, folder());
+    EXPECT_FALSE(mConfig->SetSecure("k", "lost"));
+    EXPECT_FALSE(mConfig->DeleteSecure("k"));
+    EXPECT_FALSE(mPolicies->SetPolicyWithUri("k", {{"lost", 9}}));
+    EXPECT_GE(mLog.count("was moved, removed or replaced", 7), 3);
+    EXPECT_EQ(mConfig->GetSecure("k"), "kept");
+    std::filesystem::remove_all(folder());
+    std::filesystem::rename(away, folder());
+    EXPECT_TRUE(mConfig->SetSecure("k", "new"));
 }
 
 TEST_F(StoresTest, PoliciesAreKeptSealedWithTheirPriority) {
