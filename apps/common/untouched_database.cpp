@@ -63,6 +63,10 @@ struct FileState {
     }
 };
 
+// A log that is no longer than its header holds nothing. SQLite, kept from making an index anew, would try to read it
+// for ten seconds: whoever is killed between the header and the first commit leaves one.
+constexpr off_t kLogHeaderBytes = 32;
+
 struct DatabaseFiles {
     FileState database;
     FileState log;
@@ -70,6 +74,7 @@ struct DatabaseFiles {
 
     explicit DatabaseFiles(const std::string& path)
         : database(path), log(path + "-wal"), hasIndex(FileState(path + "-shm").exists) {}
+    bool hasLog() const { return log.exists && log.size > kLogHeaderBytes; }
     bool operator!=(const DatabaseFiles& other) const { return !(*this == other); }
     bool operator==(const DatabaseFiles& other) const {
         return database == other.database && log == other.log && hasIndex == other.hasIndex;
@@ -155,13 +160,13 @@ private:
         const DatabaseFiles before(mPath);
         const std::string uri = uriOf(mPath) + "?mode=ro";
         constexpr int kFlags = SQLITE_OPEN_READONLY | SQLITE_OPEN_URI;
-        if (before.log.exists && before.hasIndex) {
+        if (before.hasLog() && before.hasIndex) {
             Reading reading(uri + "&readonly_shm=1", kFlags, kSystemName);
             problem = problemOf(reading);
             const DatabaseFiles after(mPath);
-            return reading.ok() || (after.log.exists && after.hasIndex);
+            return reading.ok() || (after.hasLog() && after.hasIndex);
         }
-        if (before.log.exists) return readCopy(before, problem);
+        if (before.hasLog()) return readCopy(before, problem);
         Reading reading(uri + (mLogMode ? "&immutable=1" : ""), kFlags, kSystemName);
         problem = problemOf(reading);
         return DatabaseFiles(mPath) == before;
