@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <iterator>
 
 #include "apps/common/data_reader.h"
@@ -120,8 +121,9 @@ std::vector<Finding> accessFindings(const std::string& path, const std::string& 
     std::vector<Finding> findings;
     if (status.st_uid != owner)
         findings.push_back({path, path + " belongs to user " + std::to_string(status.st_uid),
-                            "give it to user " + std::to_string(owner) + " with chown"});
-    if (status.st_mode & kOthers) findings.push_back({path, "others may get at " + path, "chmod " + mode + " " + path});
+                            "chown " + std::to_string(owner) + " " + shellWord(path)});
+    if (status.st_mode & kOthers)
+        findings.push_back({path, "others may get at " + path, "chmod " + mode + " " + shellWord(path)});
     return findings;
 }
 
@@ -157,10 +159,19 @@ bool belongsToAnother(const std::string& folder) {
     return ::stat(folder.c_str(), &status) == 0 && status.st_uid != ::geteuid();
 }
 
+bool isDataFolder(const std::string& folder) {
+    std::error_code ignored;
+    const auto holds = [&](const char* file) { return std::filesystem::exists(folder + "/" + file, ignored); };
+    return holds(kSecureLayout.file) || holds(kPolicyLayout.file) || holds(kRingFile);
+}
+
 DataCheck checkData(const std::string& folder, const Stop& stop) {
     struct stat status {};
     if (::stat(folder.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
         return {{{folder, "there is no folder " + folder, "name the folder that holds sdconfig.db"}}};
+    if (!isDataFolder(folder))
+        return {{{folder, folder + " is no data folder: it holds neither a database nor a key ring",
+                  "name the folder that holds sdconfig.db"}}};
     DataCheck result;
     append(result.findings, folderAccessFindings(folder, status.st_uid));
     std::size_t sealed = 0;
@@ -175,6 +186,7 @@ DataCheck checkData(const std::string& folder, const Stop& stop) {
         if (belongsToAnother(folder)) finding->next = kRunAsThat;
         result.findings.push_back(std::move(*finding));
     }
+    if (auto finding = keyUseFinding(folder)) result.findings.push_back(std::move(*finding));
     return result;
 }
 

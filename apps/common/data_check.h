@@ -28,6 +28,9 @@ struct DataCheck {
     std::size_t policies = 0;
 };
 
+// Whether it holds a database or a key ring.
+bool isDataFolder(const std::string& folder);
+
 // Both databases, the key ring, and who else can get at the files.
 DataCheck checkData(const std::string& folder, const Stop& stop = nullptr);
 

@@ -1,14 +1,17 @@
 #include "apps/common/data_folder_lock.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <charconv>
 #include <cstring>
+#include <fstream>
 
 #include "apps/common/data_files.h"
+#include "apps/common/escaped.h"
 
 namespace apps {
 
@@ -21,21 +24,6 @@ constexpr int kOpenFlags = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 // them from its first statement to its end.
 constexpr off_t kDatabaseLocks = 0x40000000;
 constexpr off_t kDatabaseLocksLength = 512;
-
-class Descriptor {
-public:
-    explicit Descriptor(int value) : mValue(value) {}
-    ~Descriptor() {
-        if (mValue >= 0) ::close(mValue);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return mValue; }
-    int release() { return std::exchange(mValue, -1); }
-
-private:
-    int mValue;
-};
 
 struct flock writeLock(off_t start, off_t length) {
     struct flock lock {};
@@ -55,16 +43,36 @@ bool isRegular(int descriptor) {
     return ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
 }
 
-std::string inUse(const std::string& what, pid_t process) {
+// The command that ends the process; where it is a unit, that of the unit and of the socket which would start it again.
+std::string howToEnd(pid_t process) {
+    std::ifstream file("/proc/" + std::to_string(process) + "/cgroup");
+    std::string group;
+    while (std::getline(file, group))
+        if (group.find("/sdconfigd.service") != std::string::npos)
+            return std::string("systemctl ") + (group.find("/user@") == std::string::npos ? "" : "--user ") +
+                   "stop sdconfigd.socket sdconfigd.service";
+    return "kill " + std::to_string(process);
+}
+
+Finding inUse(const std::string& path, const std::string& kind, pid_t process) {
     const std::string by = process > 0 ? "process " + std::to_string(process) : "another process";
-    return what + " is in use by " + by + ", which has to end first";
+    return {path, kind + path + " is in use by " + by + ", which has to end first",
+            process > 0 ? howToEnd(process) : "find it with: fuser -v " + shellWord(path)};
+}
+
+Finding folderInUse(const std::string& folder, pid_t process) {
+    return inUse(folder, "the data folder ", process);
+}
+
+Finding unlockable(const std::string& path, const std::string& what) {
+    return {path, what, "see that the folder can be written"};
 }
 
 // Whether the path still leads to the file.
 bool standsAt(const std::string& path, int descriptor) {
     struct stat there {};
     struct stat opened {};
-    return ::lstat(path.c_str(), &there) == 0 && ::fstat(descriptor, &opened) == 0 && there.st_dev == opened.st_dev &&
+    return ::stat(path.c_str(), &there) == 0 && ::fstat(descriptor, &opened) == 0 && there.st_dev == opened.st_dev &&
            there.st_ino == opened.st_ino;
 }
 
@@ -82,49 +90,53 @@ bool writeProcess(int descriptor) {
            ::pwrite(descriptor, text.data(), text.size(), 0) == static_cast<ssize_t>(text.size());
 }
 
-std::string lockedBy(const std::string& folder) {
+std::optional<Finding> lockedBy(const std::string& folder) {
     const Descriptor file(::open(lockPath(folder).c_str(), O_RDONLY | kOpenFlags));
-    if (file.get() < 0 || !isRegular(file.get())) return "";
+    if (file.get() < 0 || !isRegular(file.get())) return std::nullopt;
     struct flock lock = writeLock(0, 0);
-    if (::fcntl(file.get(), F_OFD_GETLK, &lock) < 0 || lock.l_type == F_UNLCK) return "";
-    return inUse("the data folder " + folder, readProcess(file.get()));
+    if (::fcntl(file.get(), F_OFD_GETLK, &lock) < 0 || lock.l_type == F_UNLCK) return std::nullopt;
+    return folderInUse(folder, readProcess(file.get()));
 }
 
-std::string databaseUsedBy(const std::string& database) {
+std::optional<Finding> databaseUsedBy(const std::string& database) {
     const Descriptor file(::open(database.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    if (file.get() < 0) return "";
+    if (file.get() < 0) return std::nullopt;
     struct flock lock = writeLock(kDatabaseLocks, kDatabaseLocksLength);
-    if (::fcntl(file.get(), F_GETLK, &lock) < 0 || lock.l_type == F_UNLCK) return "";
-    return inUse("the database " + database, lock.l_pid);
+    if (::fcntl(file.get(), F_GETLK, &lock) < 0 || lock.l_type == F_UNLCK) return std::nullopt;
+    return inUse(database, "the database ", lock.l_pid);
 }
 
 }  // namespace
 
-DataFolderLock::~DataFolderLock() {
-    if (mDescriptor >= 0) ::close(mDescriptor);
-}
-
-std::string DataFolderLock::take(const std::string& folder) {
+std::optional<Finding> DataFolderLock::take(const std::string& folder) {
     const std::string path = lockPath(folder);
     for (;;) {
+        Descriptor held(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (held.get() < 0) return unlockable(folder, "can't open " + folder + ": " + std::strerror(errno));
+        if (::flock(held.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+            const std::optional<Finding> user = usedBy(folder);
+            return user ? user : folderInUse(folder, 0);
+        }
         Descriptor file(::open(path.c_str(), O_RDWR | O_CREAT | kOpenFlags, 0600));
-        if (file.get() < 0) return "can't open " + path + ": " + std::strerror(errno);
-        if (!isRegular(file.get())) return path + " is not a regular file";
+        if (file.get() < 0) return unlockable(path, "can't open " + path + ": " + std::strerror(errno));
+        if (!isRegular(file.get())) return Finding{path, path + " is not a regular file", "rm -r " + shellWord(path)};
         struct flock lock = writeLock(0, 0);
         if (::fcntl(file.get(), F_OFD_SETLK, &lock) < 0) {
-            if (errno == EAGAIN || errno == EACCES) return inUse("the data folder " + folder, readProcess(file.get()));
-            return "can't lock " + path + ": " + std::strerror(errno);
+            if (errno == EAGAIN || errno == EACCES) return folderInUse(folder, readProcess(file.get()));
+            return unlockable(path, "can't lock " + path + ": " + std::strerror(errno));
         }
-        if (!standsAt(path, file.get())) continue;  // another folder was put in this one's place meanwhile
-        (void)writeProcess(file.get());             // on a full disk only the number is missing
-        mDescriptor = file.release();
-        return "";
+        // Something else was put in the place of one meanwhile.
+        if (!standsAt(folder, held.get()) || !standsAt(path, file.get())) continue;
+        (void)writeProcess(file.get());  // on a full disk only the number is missing
+        mFolder = std::move(held);
+        mFile = std::move(file);
+        return std::nullopt;
     }
 }
 
-std::string usedBy(const std::string& folder) {
-    const std::string folderUser = lockedBy(folder);
-    return folderUser.empty() ? databaseUsedBy(folder + "/sdconfig.db") : folderUser;
+std::optional<Finding> usedBy(const std::string& folder) {
+    const std::optional<Finding> user = lockedBy(folder);
+    return user ? user : databaseUsedBy(folder + "/sdconfig.db");
 }
 
 }  // namespace apps

@@ -1,6 +1,7 @@
 #include "apps/common/database_check.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -30,6 +31,19 @@ constexpr char kStrangeObject[] = R"(
         AND sql IS NOT 'CREATE TABLE sqlite_stat4(tbl,idx,neq,nlt,ndlt,sample)'
     LIMIT 1)";
 
+Finding refusal(const std::string& file, const std::string& what, const std::string& next) {
+    return {file, what, next, std::nullopt, true};
+}
+
+// What makes a ring that can't be used one that can.
+std::string ringRemedy(const std::string& path) {
+    struct stat status {};
+    const bool openToOthers = ::lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
+                              (status.st_uid == ::geteuid() || status.st_uid == 0) && (status.st_mode & 077) != 0;
+    return openToOthers ? "chmod 600 " + shellWord(path)
+                        : "make it a plain file of the service's user and of mode 0600, or restore it from a backup";
+}
+
 Statement prepare(sqlite3* db, const std::string& sql) {
     sqlite3_stmt* statement = nullptr;
     sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr);
@@ -54,8 +68,8 @@ std::optional<Finding> orphanedLog(const std::string& path) {
         return std::filesystem::exists(file, ignored) && std::filesystem::file_size(file, ignored) > 0;
     };
     if (holdsBytes(path) || !holdsBytes(path + "-wal")) return std::nullopt;
-    return Finding{path, "the database " + path + " is missing or empty beside its log",
-                   std::string(kRestore) + ", or move " + path + "-wal away to begin anew"};
+    return refusal(path, "the database " + path + " is missing or empty beside its log",
+                   std::string(kRestore) + ", or move " + path + "-wal away to begin anew");
 }
 
 // A log in use can begin anew while it is read; damage is there twice.
@@ -74,7 +88,7 @@ std::optional<Finding> versionFinding(const std::string& version, const std::str
     const auto number = [](const std::string& text) { return std::strtol(text.c_str(), nullptr, 10); };
     if (number(version) > number(sd::kDatabaseVersion)) return Finding{path, what, "use the programs that wrote it"};
     const std::string folder = std::filesystem::path(path).parent_path();
-    return Finding{path, what, "carry it over with: sdconfig upgrade " + folder};
+    return Finding{path, what, "carry it over with: sdconfig upgrade " + shellWord(folder)};
 }
 
 }  // namespace
@@ -85,7 +99,7 @@ std::optional<Finding> irregularFile(const std::string& path) {
     for (const std::string& file : files) {
         struct stat status {};
         if (::stat(file.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
-            return Finding{file, file + " is not a regular file", "move it away, or put the file itself in its place"};
+            return refusal(file, file + " is not a regular file", "move it away, or put the file itself in its place");
     }
     return std::nullopt;
 }
@@ -95,10 +109,10 @@ std::optional<Finding> logDamage(const std::string& path) {
     const std::string log = path + "-wal";
     const std::optional<uint64_t> place = lastingDamage(log);
     if (!place) return std::nullopt;
-    return Finding{log,
+    return refusal(log,
                    "the log " + log + " is damaged at byte " + std::to_string(*place) +
                        ", and values that were stored stand behind that",
-                   std::string(kRestore) + ", or move the log away to go on with what the database holds without it"};
+                   std::string(kRestore) + ", or move the log away to go on with what the database holds without it");
 }
 
 std::optional<Finding> strangeObject(sqlite3* db, const std::string& path) {
@@ -112,8 +126,8 @@ std::optional<Finding> integrityDamage(sqlite3* db, const std::string& path) {
     std::string told = firstText(db, "PRAGMA integrity_check(1)").value_or(sqlite3_errmsg(db));
     if (told == "ok") return std::nullopt;
     std::replace(told.begin(), told.end(), '\n', ' ');
-    return Finding{path, "the database " + path + " is damaged (" + told + ")",
-                   std::string(kRestore) + ", or recover what can be read with sqlite3's .recover"};
+    return refusal(path, "the database " + path + " is damaged (" + told + ")",
+                   std::string(kRestore) + ", or recover what can be read with sqlite3's .recover");
 }
 
 bool yieldsRow(sqlite3* db, const std::string& sql) {
@@ -147,13 +161,24 @@ std::optional<Finding> ringFinding(const std::string& folder, bool sealedRows) {
     const auto ring = sd::SDSecurity::GetInstance()->CheckKeyRing();
     const std::string path = folder + "/" + kRingFile;
     if (ring.state == State::Broken)
-        return Finding{path, "the key ring can't be used: " + ring.detail,
-                       "make it a plain file of the service's user and of mode 0600, or restore it from a backup"};
+        return refusal(path, "the key ring can't be used: " + ring.detail, ringRemedy(path));
     if (ring.state == State::Absent && sealedRows)
-        return Finding{path,
+        return refusal(path,
                        "the databases in " + folder + " hold sealed values but the key ring " + path + " is missing",
-                       "restore it from the same backup"};
+                       "restore it from the same backup");
     return std::nullopt;
+}
+
+std::optional<Finding> keyUseFinding(const std::string& folder) {
+    using Use = sd::SDSecurity::KeyUse;
+    const Use use = sd::SDSecurity::GetInstance()->CheckKeyUse();
+    if (use == Use::Fine) return std::nullopt;
+    const std::string path = folder + "/" + kRingFile;
+    return Finding{path,
+                   "the key that seals in " + path +
+                       (use == Use::UsedUp ? " is used up, and nothing more can be set"
+                                           : " has sealed half of the values that it is good for, or more"),
+                   "sdconfigd --rotate-key --data-dir " + shellWord(folder)};
 }
 
 }  // namespace apps

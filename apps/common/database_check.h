@@ -40,4 +40,7 @@ std::vector<Finding> layoutFindings(sqlite3* db, const DatabaseLayout& layout, c
 // Why the key ring, which the security layer knows, doesn't serve a folder that holds sealed rows, or none.
 std::optional<Finding> ringFinding(const std::string& folder, bool sealedRows);
 
+// Whether the key that seals wants to be replaced; a service starts all the same.
+std::optional<Finding> keyUseFinding(const std::string& folder);
+
 }  // namespace apps

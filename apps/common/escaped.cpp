@@ -1,5 +1,9 @@
 #include "apps/common/escaped.h"
 
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+
 namespace apps {
 
 std::string escaped(const std::string& text) {
@@ -16,6 +20,14 @@ std::string escaped(const std::string& text) {
         }
     }
     return out;
+}
+
+std::string shellWord(const std::string& text) {
+    const auto plain = [](unsigned char c) { return std::isalnum(c) || c >= 0x80 || std::strchr("/._-+:,@%=", c); };
+    if (!text.empty() && std::all_of(text.begin(), text.end(), plain)) return text;
+    std::string word = "'";
+    for (const char c : text) c == '\'' ? word += "'\\''" : word += c;
+    return word + "'";
 }
 
 }  // namespace apps

@@ -11,6 +11,7 @@ struct Finding {
     std::string what;                               // for a person, with the path or the key
     std::string next;                               // what to do about it
     std::optional<std::string> key = std::nullopt;  // of the row, where it is about one
+    bool refusesStart = false;                      // whether no service starts on the folder as it is
 };
 
 }  // namespace apps

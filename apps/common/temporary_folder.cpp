@@ -1,5 +1,7 @@
 #include "apps/common/temporary_folder.h"
 
+#include <sys/stat.h>
+
 #include <cstdlib>
 #include <filesystem>
 
@@ -7,7 +9,8 @@ namespace apps {
 
 TemporaryFolder::TemporaryFolder(const std::string& start) {
     std::string name = start + "XXXXXX";
-    if (::mkdtemp(name.data())) mPath = name;
+    // The mode is not left to the umask.
+    if (::mkdtemp(name.data()) && ::chmod(name.c_str(), 0700) == 0) mPath = name;
 }
 
 TemporaryFolder::~TemporaryFolder() {

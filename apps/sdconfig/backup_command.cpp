@@ -1,4 +1,6 @@
 // backup: both databases of a data folder and its key ring in one file, while the service runs or not.
+#include <sys/stat.h>
+
 #include <filesystem>
 #include <optional>
 
@@ -97,6 +99,7 @@ Problem write(const Request& request, const std::string& folder, Keys keys, cons
 }  // namespace
 
 int backupData(const Request& request, Service& service) {
+    ::umask(0077);  // what SQLite makes on the way can be read again, and by nobody else
     const DataAccess access = accessFolder(request, service);
     if (!access.reader) return access.exitCode;
     const std::string& folder = access.reader->folder();

@@ -4,25 +4,17 @@
 #include <string>
 
 #include "apps/common/data_folder.h"
+#include "apps/common/served_folder.h"
 #include "apps/sdconfig/messages.h"
 #include "apps/sdconfig/service.h"
 
 namespace cli {
 
-namespace {
-
-bool isSameFolder(const std::string& one, const std::string& other) {
-    std::error_code failure;
-    return std::filesystem::equivalent(one, other, failure);
-}
-
-}  // namespace
-
 DataAccess findData(const Request& request, const Service& service) {
     DataAccess access;
     const bool running = service.listening();
     const std::string ofService = running ? service.dataFolder() : "";
-    if (!request.dataDir.empty() && !ofService.empty() && !isSameFolder(request.dataDir, ofService)) {
+    if (!request.dataDir.empty() && !ofService.empty() && !apps::isSameFolder(request.dataDir, ofService)) {
         access.ofService = ofService;
         return access;
     }

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "apps/common/escaped.h"
 #include "apps/sdconfig/doctor_checks.h"
 #include "apps/sdconfig/messages.h"
 #include "apps/sdconfig/service.h"
@@ -45,7 +46,7 @@ Check checkSocketFolder(const std::string& path) {
         return {kFolder, path + " is not there yet; the service makes it", ""};
     const std::string foreign = S_ISLNK(status.st_mode) ? path + " is a symbolic link" : notOurs(path);
     if (!foreign.empty()) return {kFolder, foreign, "remove it; the service makes a new one"};
-    if (isOpenTo(kOthers, path)) return {kFolder, "others may get at " + path, "chmod 700 " + path};
+    if (isOpenTo(kOthers, path)) return {kFolder, "others may get at " + path, "chmod 700 " + apps::shellWord(path)};
     return {kFolder, path, ""};
 }
 
@@ -61,7 +62,8 @@ Check checkRuntimeFolder() {
         return checkSocketFolder("/tmp/sdbus-" + user);
     }
     std::string problem = runtime[0] == '/' ? notOurs(runtime) : "XDG_RUNTIME_DIR is no absolute path";
-    if (problem.empty() && isOpenTo(kOthersWrite, runtime)) problem = "others may write to " + runtime;
+    if (problem.empty() && isOpenTo(kOthersWrite, runtime))
+        return {kFolder, "others may write to " + runtime, "chmod 700 " + apps::shellWord(runtime)};
     if (problem.empty()) return checkSocketFolder(runtime + "/sdbus");
     return {kFolder, problem, "set XDG_RUNTIME_DIR to a folder of yours that has mode 0700"};
 }
@@ -69,15 +71,16 @@ Check checkRuntimeFolder() {
 Check checkSocket(const std::string& path, const struct stat& status, bool listening) {
     if (!S_ISSOCK(status.st_mode)) return {kSocket, path + " is no socket", "move it away"};
     if (status.st_uid != ::geteuid() && status.st_uid != 0)
-        return {kSocket, path + " belongs to user " + std::to_string(status.st_uid), "remove it"};
-    if (status.st_mode & kOthers) return {kSocket, "others may get at " + path, "chmod 600 " + path};
+        return {kSocket, path + " belongs to user " + std::to_string(status.st_uid), "rm " + apps::shellWord(path)};
+    if (status.st_mode & kOthers) return {kSocket, "others may get at " + path, "chmod 600 " + apps::shellWord(path)};
     if (!listening)
-        return {kSocket, path + " was left by a service that was killed; the next one replaces it", howToStart()};
+        return {kSocket, path + " was left by a service that was killed; the next one replaces it", howToStart(),
+                Turn::Last};
     return {kSocket, path, ""};
 }
 
 Check checkService(const Service& service, const Probe& probe) {
-    if (!probe.listening) return {kService, "it is not running", howToStart()};
+    if (!probe.listening) return {kService, "it is not running", howToStart(), Turn::Last};
     const int id = service.processId();
     const std::string process = id > 0 ? "process " + std::to_string(id) : "whoever listens there";
     if (!probe.answered) return {kService, process + " " + probe.how.what, probe.how.next};
@@ -88,6 +91,7 @@ Check checkService(const Service& service, const Probe& probe) {
 
 Checks checkBus(const Service& service, const Probe& probe) {
     Checks checks{checkRuntimeFolder()};
+    checks.front().turn = Turn::First;
     const std::string path = service.socketPath();
     struct stat status {};
     if (!path.empty() && ::lstat(path.c_str(), &status) == 0)

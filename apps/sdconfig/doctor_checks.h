@@ -11,10 +11,14 @@ namespace cli {
 class Service;
 struct Probe;
 
+// What has to be mended first, since no service can be reached or started before, and what starting one mends.
+enum class Turn { Any, First, Last };
+
 struct Check {
     std::string name;  // what was looked at
     std::string what;  // what was seen
     std::string next;  // what to do about it; "": it is as it should be
+    Turn turn = Turn::Any;
 
     bool ok() const { return next.empty(); }
 };

@@ -17,6 +17,15 @@ void append(Checks& all, Checks more) {
     std::move(more.begin(), more.end(), std::back_inserter(all));
 }
 
+// A start that can't help before something else is mended is no advice.
+void holdBackStarts(Checks& checks) {
+    const auto first = std::find_if(checks.begin(), checks.end(),
+                                    [](const Check& check) { return !check.ok() && check.turn == Turn::First; });
+    if (first == checks.end()) return;
+    for (Check& check : checks)
+        if (!check.ok() && check.turn == Turn::Last) check.next = "first mend the " + first->name;
+}
+
 std::string lineOf(const Check& check) {
     const std::string seen = ": " + check.name + ": " + escaped(check.what);
     if (check.ok()) return coloured("ok", Colour::Good) + seen + "\n";
@@ -40,6 +49,7 @@ int diagnoseService(const Request& request, Service& service) {
     checks.push_back(checkEnvironment(service));
     checks.push_back(checkUnits(service.processId() != 0));
     append(checks, checkDataFolder(access));
+    holdBackStarts(checks);
 
     const bool ok = std::all_of(checks.begin(), checks.end(), [](const Check& check) { return check.ok(); });
     std::string text;

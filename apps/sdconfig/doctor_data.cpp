@@ -5,7 +5,9 @@
 #include <filesystem>
 
 #include "apps/common/data_check.h"
+#include "apps/common/served_folder.h"
 #include "apps/sdconfig/doctor_checks.h"
+#include "apps/sdconfig/messages.h"
 #include "platform/sdsecurity/sdsecurity.h"
 
 namespace cli {
@@ -29,7 +31,8 @@ bool isThere(const std::string& path) {
 Checks checkFolder(const std::string& folder) {
     const apps::DataCheck data = apps::checkData(folder);
     Checks checks;
-    for (const apps::Finding& finding : data.findings) checks.push_back({kFolder, finding.what, finding.next});
+    for (const apps::Finding& finding : data.findings)
+        checks.push_back({kFolder, finding.what, finding.next, finding.refusesStart ? Turn::First : Turn::Any});
     if (checks.empty())
         checks.push_back(
             {kFolder,
@@ -61,11 +64,15 @@ Check checkRoom(const std::string& folder) {
 Checks checkDataFolder(const DataAccess& access) {
     if (!access.ofService.empty())
         return {{kFolder, "the running service keeps its data in " + access.ofService, "leave out --data-dir"}};
+    if (!access.reader && apps::isServedDataGone())
+        return {{kFolder, "the databases were removed beneath the running service, which refuses every change",
+                 "take down what it still answers, and " + howToRestart()}};
     if (!access.reader)
         return {{kFolder, "the system does not tell where the service keeps its data", "name it with --data-dir"}};
     const std::string& folder = access.reader->folder();
-    Checks checks = isThere(folder) ? checkFolder(folder)
-                                    : Checks{{kFolder, folder + " is not there yet; the service makes it", ""}};
+    Checks checks = apps::isDataFolder(folder)
+                        ? checkFolder(folder)
+                        : Checks{{kFolder, folder + " holds no data yet; the service makes it", ""}};
     checks.push_back(checkRoom(folder));
     return checks;
 }

@@ -45,7 +45,8 @@ Check failedUnit(const std::string& name, const std::string& result) {
     const std::string command = systemctl();
     return {kUnits, name + " failed (" + result + ")",
             "mend what it tells: " + command + " status " + kServiceUnit + "; then: " + command + " reset-failed " +
-                kServiceUnit + "; " + command + " start " + kSocketUnit};
+                kServiceUnit + "; " + command + " start " + kSocketUnit,
+            Turn::Last};
 }
 
 }  // namespace
@@ -66,7 +67,7 @@ Check checkUnits(bool served) {
     const std::string seen = std::string(kSocketUnit) + " is " + socket["ActiveState"] + ", " + socket["UnitFileState"];
     // A service that was started by hand does without the socket's unit.
     if (active ? lasts : served) return {kUnits, seen, ""};
-    return {kUnits, seen, systemctl() + " enable --now " + kSocketUnit};
+    return {kUnits, seen, systemctl() + " enable --now " + kSocketUnit, Turn::Last};
 }
 
 }  // namespace cli

@@ -61,8 +61,7 @@ FolderSwap replace(const std::string& ready, const std::string& place) {
     const std::string lockFile = place + "/" + apps::kLockFile;
     const bool hadLockFile = fs::exists(lockFile, ignored);
     apps::DataFolderLock lock;
-    if (const std::string problem = lock.take(place); !problem.empty())
-        return {{problem, "see that the folder is free and can be written"}, ""};
+    if (const auto problem = lock.take(place)) return {{problem->what, problem->next}, ""};
     FolderSwap swap = exchange(ready, place);
     if (swap.problem && !hadLockFile) fs::remove(lockFile, ignored);
     dropIfEmpty(swap.old);

@@ -5,7 +5,7 @@
 
 #include <filesystem>
 
-#include "apps/common/data_files.h"
+#include "apps/common/data_check.h"
 #include "apps/common/data_folder_lock.h"
 #include "apps/sdconfig/folder_swap.h"
 
@@ -15,13 +15,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-bool isDataFolder(const std::string& folder) {
-    std::error_code ignored;
-    for (const apps::DatabaseLayout* layout : apps::kLayouts)
-        if (fs::exists(fs::path(folder) / layout->file, ignored)) return true;
-    return fs::exists(fs::path(folder) / apps::kRingFile, ignored);
-}
-
 // Whoever owns a folder decides what stands in it. The superuser does so anyway.
 bool isSomebodyElses(const std::string& folder) {
     struct stat status {};
@@ -30,7 +23,7 @@ bool isSomebodyElses(const std::string& folder) {
 
 Problem unfitContent(const std::string& folder, bool force) {
     if (!holdsAnything(folder)) return {};
-    if (!isDataFolder(folder))
+    if (!apps::isDataFolder(folder))
         return {folder + " is not empty and no data folder: it has neither a database nor a key ring",
                 "name another one"};
     if (!force)
@@ -49,7 +42,7 @@ Problem unfitPlace(const std::string& folder, bool force) {
     if (!S_ISDIR(status.st_mode)) return {folder + " is not a folder", "name another one"};
     // The files made here would be ours, and the service of the other user could not use them.
     if (status.st_uid != ::geteuid()) return {folder + " belongs to another user", kRestoreAsThat};
-    if (const std::string user = apps::usedBy(folder); !user.empty()) return {user, "repeat it then"};
+    if (const auto user = apps::usedBy(folder)) return {user->what, user->next};
     return unfitContent(folder, force);
 }
 

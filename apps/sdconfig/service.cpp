@@ -3,10 +3,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <mutex>
 #include <thread>
 
+#include "apps/common/served_folder.h"
 #include "apps/common/smallest_call.h"
 #include "platform/sdbus/sdbus.h"
 #include "platform/velmarlog/velmarlog.h"
@@ -22,8 +22,6 @@ using Clock = std::chrono::steady_clock;
 // As long as the facade itself would wait for a service to appear.
 constexpr auto kStartGrace = 1000ms;
 constexpr auto kStartPoll = 50ms;
-
-constexpr char kPolicyDatabase[] = "dmhelper.db";
 
 constexpr int kAllLines = 5;
 constexpr int kWarningLines = 6;
@@ -194,19 +192,8 @@ int Service::processId() const {
     return mBus->serviceProcess(sd::protocol::kServiceName);
 }
 
-// A service that was told another folder than we would assume has its files open all the same. Where systemd listens in
-// its place, the first call starts it.
 std::string Service::dataFolder() const {
-    namespace fs = std::filesystem;
-    if (processId() == 0) (void)probe();
-    std::error_code failure;
-    const fs::path descriptors = "/proc/" + std::to_string(processId()) + "/fd";
-    for (fs::directory_iterator entry(descriptors, failure), end; !failure && entry != end; entry.increment(failure)) {
-        std::error_code gone;
-        const fs::path target = fs::read_symlink(entry->path(), gone);
-        if (!gone && target.filename() == kPolicyDatabase) return target.parent_path();
-    }
-    return "";
+    return apps::servedFolder();
 }
 
 std::string Service::socketPath() const {

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <optional>
 #include <utility>
 
 #include "apps/common/data_folder_lock.h"
@@ -128,15 +129,15 @@ int finish(const Request& request, const UpgradePlan& plan, const Outcome& outco
 }  // namespace
 
 int upgradeDatabase(const Request& request, Service& /*service*/) {
+    ::umask(0077);  // what is made here is the user's alone, and can be read by the user
     const std::string folder = std::filesystem::absolute(request.key).lexically_normal();
     const std::string database = folder + "/sdconfig.db";
     if (const int code = checkFolder(request, folder, database)) return code;
 
     apps::DataFolderLock lock;
-    std::string problem = apps::usedBy(folder);
-    if (problem.empty() && !request.dryRun) problem = lock.take(folder);
-    if (!problem.empty())
-        return notUpgraded(request, problem, "see that the folder is free and can be written, and repeat it");
+    std::optional<apps::Finding> problem = apps::usedBy(folder);
+    if (!problem && !request.dryRun) problem = lock.take(folder);
+    if (problem) return notUpgraded(request, problem->what, problem->next);
 
     sd::SDSecurity::GetInstance()->SetKeyRingFolder(folder);
     const UpgradePlan plan = planUpgrade(folder, request.force);

@@ -68,8 +68,8 @@ Descriptor::~Descriptor() {
 UnfinishedFile::UnfinishedFile(const std::string& target)
     : mTarget(target),
       mPath(target + ".XXXXXX"),
-      mFile(::mkostemp(mPath.data(), O_CLOEXEC)),  // mode 0600
-      mFailure(mFile.get() < 0 ? errno : 0) {}
+      mFile(::mkostemp(mPath.data(), O_CLOEXEC)),
+      mFailure(mFile.get() < 0 || !setMode(0600) ? errno : 0) {}  // the mode is not left to the umask
 
 UnfinishedFile::~UnfinishedFile() {
     if (mFile.get() >= 0 && !mInPlace) ::unlink(mPath.c_str());

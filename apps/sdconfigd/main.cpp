@@ -16,7 +16,9 @@
 
 #include "apps/common/data_folder.h"
 #include "apps/common/data_folder_lock.h"
+#include "apps/common/database_check.h"
 #include "apps/common/escaped.h"
+#include "apps/common/served_folder.h"
 #include "apps/common/smallest_call.h"
 #include "apps/common/upgrader.h"
 #include "apps/common/usage.h"
@@ -37,6 +39,7 @@ enum ExitCode { kDone = 0, kFailed = 1, kWrongUse = 2 };
 
 struct Options {
     std::string dataDir;
+    bool dataDirNamed = false;
     std::string productDir;
     std::string constants;
     int logLevel = 6;
@@ -111,8 +114,11 @@ std::string prepare(const Options& options, apps::DataFolderLock& lock) {
     for (const auto& [name, value] : constants) security.RegisterString(name, value);
     security.SetKeyRingFolder(dataDir);
     if (std::string problem = makeDataFolder(dataDir); !problem.empty()) return problem;
-    if (std::string problem = lock.take(dataDir); !problem.empty()) return problem;
+    if (const auto problem = lock.take(dataDir)) return problem->what + ": " + problem->next;
+    if (const std::string problem = security.SelfTest(); !problem.empty())
+        return "nothing can be sealed or opened: " + problem;
     if (std::string problem = preflight(dataDir); !problem.empty()) return problem;
+    if (const auto used = apps::keyUseFinding(dataDir)) tell(used->what + ": " + used->next);
     if (options.upgrade)
         if (std::string problem = upgrade(dataDir); !problem.empty()) return problem;
     if (!options.productDir.empty()) sd::SDConfig::setVelmarDataPath(std::filesystem::absolute(options.productDir));
@@ -142,7 +148,7 @@ void waitForEnd(const sigset_t& endSignals) {
 }
 
 // Serves until SIGTERM, SIGINT or SIGHUP, which every thread has blocked.
-int serve(const Options& options, const sigset_t& endSignals) {
+int serve(const sigset_t& endSignals) {
     SDBusSerivceManager& bus = *SDBusSerivceManager::initSync(-1);
     sd::SDConfigService* const service = sd::SDConfigService::GetInstance();
     if (const std::string problem = checkTables(sd::SDConfig::getDataPath()); !problem.empty()) return fail(problem);
@@ -150,7 +156,7 @@ int serve(const Options& options, const sigset_t& endSignals) {
     if (const std::string problem = bus.registrationFailure(kName); !problem.empty()) return fail(problem);
 
     sd_notify(0, "READY=1");
-    tell("ready on " + bus.socketPath(kName) + ", data in " + options.dataDir);
+    tell("ready on " + bus.socketPath(kName) + ", data in " + sd::SDConfig::getDataPath());
     ::malloc_trim(0);  // the stores held all their keys for a moment, to count them
     waitForEnd(endSignals);
     sd_notify(0, "STOPPING=1");
@@ -165,13 +171,29 @@ int run(const Options& options, const sigset_t& endSignals) {
                     std::to_string(holder) + "; end that one first");
     apps::DataFolderLock lock;
     if (const std::string problem = prepare(options, lock); !problem.empty()) return fail(problem);
-    return serve(options, endSignals);
+    return serve(endSignals);
+}
+
+// Makes `folder` the one whose ring is meant: the running service's, where there is one. Returns a line for a person,
+// or
+// "".
+std::string chooseFolder(const Options& options, std::string& folder) {
+    folder = std::filesystem::absolute(options.dataDir).lexically_normal();
+    if (!SDBusSerivceManager::initSync(-1)->isServiceRegistered(kName)) return "";
+    const std::string served = apps::servedFolder();
+    if (!options.dataDirNamed) folder = served;
+    if (folder.empty()) return "the system does not tell where the running service keeps its data; say it: --data-dir";
+    if (served.empty() || apps::isSameFolder(folder, served)) return "";
+    return "the running service keeps its data in " + served + ": leave out --data-dir to rotate that key ring, or " +
+           "stop the service first";
 }
 
 // Running services take the new key up by themselves.
 int rotateKey(const Options& options) {
+    std::string folder;
+    if (const std::string problem = chooseFolder(options, folder); !problem.empty()) return fail(problem);
     sd::SDSecurity& security = *sd::SDSecurity::GetInstance();
-    security.SetKeyRingFolder(std::filesystem::absolute(options.dataDir).lexically_normal());
+    security.SetKeyRingFolder(folder);
     const auto ring = security.CheckKeyRing();
     if (ring.state == sd::SDSecurity::KeyRingState::Absent)
         return fail(ring.detail + "; the first value that is sealed makes it");
@@ -201,6 +223,7 @@ int main(int argc, char** argv) {
     declareOptions(app, options);
     try {
         app.parse(argc, argv);
+        options.dataDirNamed = app.count("--data-dir") > 0;
         velmarLogSetLevel(options.logLevel);
         if (options.dataDir.empty()) return fail("there is no data folder; name one with --data-dir");
         return options.rotateKey ? rotateKey(options) : run(options, endSignals);

@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <utility>
+#include <vector>
 
 #include "apps/common/database_check.h"
 #include "apps/common/sqlite_handles.h"
@@ -73,13 +75,7 @@ std::string checkDatabase(const std::string& path, const apps::DatabaseLayout& l
     return "";  // closing rolls the empty transaction back
 }
 
-}  // namespace
-
-std::string makeDataFolder(const std::string& dataFolder) {
-    return makeFolder(dataFolder);
-}
-
-std::string preflight(const std::string& dataFolder) {
+std::string problemOf(const std::string& dataFolder) {
     Findings findings;
     for (const apps::DatabaseLayout* layout : apps::kLayouts)
         if (std::string problem = checkDatabase(dataFolder + "/" + layout->file, *layout, findings); !problem.empty())
@@ -92,6 +88,26 @@ std::string preflight(const std::string& dataFolder) {
         return "the database " + findings.emptied + " is there but empty, though values were sealed in " + dataFolder +
                ": restore the folder from a backup, or remove the file to begin anew";
     return "";
+}
+
+}  // namespace
+
+std::string makeDataFolder(const std::string& dataFolder) {
+    return makeFolder(dataFolder);
+}
+
+std::string preflight(const std::string& dataFolder) {
+    namespace fs = std::filesystem;
+    std::vector<std::string> absent;
+    for (const apps::DatabaseLayout* layout : apps::kLayouts)
+        if (std::string path = dataFolder + "/" + layout->file; !fs::exists(fs::symlink_status(path)))
+            absent.push_back(std::move(path));
+    std::string problem = problemOf(dataFolder);
+    // The next start would take an empty database for one that was emptied.
+    std::error_code ignored;
+    for (const std::string& path : absent)
+        if (!problem.empty()) fs::remove(path, ignored);
+    return problem;
 }
 
 std::string checkTables(const std::string& dataFolder) {

@@ -93,7 +93,7 @@ TEST_F(BackupTest, ARunningServiceIsBackedUpBetweenItsWrites) {
     EXPECT_EQ(readFile(path("file")).find(readFile(path("data/sdsecurity.keys")).substr(18)), std::string::npos);
     EXPECT_EQ(cli({"check"}).exitCode, 0) << "in the middle of the log";
     expectUnchanged([&] { return restore("data", {"--force"}); },
-                    "is in use by process " + std::to_string(service.pid()));
+                    "which has to end first; nothing was changed; kill " + std::to_string(service.pid()));
     service.kill(SIGTERM);
     service.wait();
 
@@ -109,6 +109,9 @@ TEST_F(BackupTest, NothingButAWholeBackupIsRestored) {
     fill();
     EXPECT_EQ(backup().exitCode, 0);
     expectUnchanged([&] { return backup(); }, "--force");
+    run({"sh", "-c", "umask 0777; echo open sesame | \"$0\" backup \"$1\" \"$2\" --force", SDCONFIG_CLI, path("file"),
+         path("data")});
+    EXPECT_EQ(fs::status(path("file")).permissions(), fs::perms(0600));
     expectUnchanged([&] { return restore("new", {}, "open sesam\n"); }, "the passphrase does not open");
     expectUnchanged([&] { return restore("data"); }, "is not empty");
     expectUnchanged([&] { return restore("run/..", {"--force"}); }, "no data folder");
@@ -179,7 +182,9 @@ TEST_F(BackupTest, CheckNamesEachFaultAndWhatToDo) {
         return "sqlite3 " + folder + "/" + file + " \"" + text + "\"";
     };
     const std::tuple<std::string, std::string, std::string> cases[] = {
-        {"chmod 640 sdsecurity.keys", "others may read or write it", "mode 0600"},
+        {"chmod 640 sdsecurity.keys", "others may read or write it", "chmod 600 " + folder + "/sdsecurity.keys"},
+        {"echo $(tail -n 1 sdsecurity.keys | cut -c 1-16) 4294967296 > sdsecurity.count", "is used up",
+         "sdconfigd --rotate-key --data-dir " + folder},
         {"chmod 644 sdconfig.db", "others may get at " + database, "chmod 600 " + database},
         {"chmod 755 .", "others may get at " + folder, "chmod 700"},
         {"mv dmhelper.db x; ln -s x dmhelper.db", "is a symbolic link", "put the file itself in its place"},
@@ -203,6 +208,7 @@ TEST_F(BackupTest, CheckNamesEachFaultAndWhatToDo) {
         expectFinding(folder, what, next);
     }
     EXPECT_THAT(cli({"check"}).out, HasSubstr(path("home/sdconfig") + "; next: name the folder"));
+    expectFinding(path("etc"), "is no data folder", "name the folder");
 }
 
 }  // namespace

@@ -325,6 +325,10 @@ TEST_F(CliTest, TellsWhatIsWrongAndWhatToType) {
     const auto socket = json::parse(cli({"doctor", "--json"}).out)["checks"][1];
     EXPECT_EQ(socket["ok"], false);
     EXPECT_THAT(socket["what"], HasSubstr("left by a service that was killed"));
+    fs::rename(path("data"), path("home/sdconfig"));
+    fs::permissions(path("home/sdconfig/sdsecurity.keys"), fs::perms::all);
+    expectDoctor(1, "next: chmod 600 " + path("home/sdconfig/sdsecurity.keys"));
+    expectDoctor(1, "problem: service: it is not running; next: first mend the data folder\n");
     for (const char* noColour : {"", "1"}) {
         const ScopedEnv colours("NO_COLOR", noColour);
         TerminalProcess terminal({"env", "TERM=xterm", SDCONFIG_CLI, "doctor"}, environment());

@@ -154,6 +154,11 @@ TEST_F(DaemonTest, RefusesWhatItCannotServe) {
     expectRefusal("sdconfig.db-journal is not a regular file");
     std::filesystem::remove(path("data/sdconfig.db-journal"));
 
+    writeFile(path("openssl.cnf"), "openssl_conf = a\n[a]\nproviders = b\n[b]\nnull = c\n[c]\nactivate = 1\n");
+    {
+        const ScopedEnv withoutCiphers("OPENSSL_CONF", path("openssl.cnf").c_str());
+        expectRefusal("nothing can be sealed or opened: OpenSSL failed");
+    }
     expectRefusal(path("constants") + " is not a folder", {"--data-dir", path("constants")});
     writeFile(path("constants"), "# names\nname=value\nnonsense\n");
     expectRefusal(path("constants") + ":3: expected a line of the form name=value", {"--constants", path("constants")});
@@ -187,13 +192,19 @@ TEST_F(DaemonTest, RefusesSealedRowsWithoutTheirRing) {
     std::filesystem::remove(socketPath());
     expectRefusal("there is no key ring", {"--rotate-key"});
     expectRefusal("hold sealed values but the key ring " + ring);
+    for (const char* file : {"dmhelper.db", "dmhelper.db-wal", "dmhelper.db-shm"})
+        std::filesystem::remove(path("data/") + file);
     writeFile(ring, "damaged");
     expectRefusal("the key ring can't be used: " + ring);
     EXPECT_EQ(readFile(ring), "damaged");
+    EXPECT_FALSE(std::filesystem::exists(path("data/dmhelper.db"))) << "the next start would take it for emptied";
     std::filesystem::rename(ring + ".away", ring);
     const std::string before = readFile(ring);
     const Process service = startService();
-    EXPECT_EQ(run({SDCONFIGD, "--rotate-key", "--data-dir", path("data")}, environment()).exitCode, 0);
+    const Result other = run({SDCONFIGD, "--rotate-key", "--data-dir", path("etc")}, environment());
+    EXPECT_EQ(other.exitCode, 1);
+    EXPECT_THAT(other.err, HasSubstr("the running service keeps its data in " + path("data")));
+    EXPECT_EQ(run({SDCONFIGD, "--rotate-key"}, environment()).exitCode, 0);
     EXPECT_THAT(readFile(ring), AllOf(StartsWith(before), Not(before)));
     EXPECT_EQ(cli({"secure", "get", "k"}).out, "v\n");
 }

@@ -103,6 +103,15 @@ TEST_F(UpgradeTest, CopiesOnceAndKeepsTheFileAsItWas) {
     EXPECT_EQ(cli({"secure", "get", "token"}).out + cli({"secure", "get", "sd.ui.theme"}).out, "tok\ndark\n");
 }
 
+TEST_F(UpgradeTest, OneThatWasKilledIsRepeated) {
+    query(mDatabase, kUsedSince);
+    dropWhatIsLost();
+    shell("{ echo 'SELECT 1 FROM config;'; echo '.shell kill -9 $PPID'; } | sqlite3 sdconfig.db");
+    writeFile(mDatabase + "-wal", std::string(32, 'x'));  // killed at its first sync: there is its header alone
+    EXPECT_EQ(cli({"list", "--data-dir", path("data")}).exitCode, 0);
+    EXPECT_EQ(upgrade().exitCode, 0);
+}
+
 TEST_F(UpgradeTest, OnlyForceCopiesWhereNothingWasSealedYet) {
     dropWhatIsLost();
     const auto before = files();
@@ -197,7 +206,10 @@ TEST_F(UpgradeTest, KeepsOffADatabaseThatIsInUse) {
         Environment other = environment();
         other["XDG_RUNTIME_DIR"] = path("home");
         std::filesystem::permissions(path("home"), std::filesystem::perms::owner_all);
-        expectRefusal(run({SDCONFIGD, "--log-level", "8", "--data-dir", path("data")}, other), holder);
+        for (const char* how : {"", ", which has to end first: kill "}) {
+            expectRefusal(run({SDCONFIGD, "--log-level", "8", "--data-dir", path("data")}, other), holder + how);
+            std::filesystem::remove(path("data/sdconfigd.lock"));  // the folder itself is held, too
+        }
         EXPECT_EQ(cli({"status"}).exitCode, 0);
     }
     // Some other program with an idle connection, which takes no part in the service's lock.
