@@ -9,6 +9,7 @@
 
 #include "libsdconfig/dmconfig.h"
 #include "libsdconfig/sdconfig.h"
+#include "libsdconfig/sdconfig_text.h"
 
 namespace {
 
@@ -22,7 +23,7 @@ public:
 
     void readAgain(const std::string& key) {
         const std::lock_guard lock(mMutex);
-        const std::string value = sd::SDConfig::GetInstance()->GetSecure(key);
+        const std::string value = sd::textAsSet(sd::SDConfig::GetInstance()->GetSecure(key));
         if (mPrinted && value == mValue) return;
         mPrinted = true;
         mValue = value;

@@ -3,6 +3,7 @@
 
 #include "libsdconfig/dmconfig.h"
 #include "libsdconfig/sdconfig.h"
+#include "libsdconfig/sdconfig_text.h"
 
 namespace {
 
@@ -24,7 +25,7 @@ int main() {
     // Sealed and on the disk when the call returns true.
     const char password[] = "example.password";
     if (!config.SetSecure(password, "correct horse")) return fail("the secure value was not stored");
-    std::printf("secure value: %s\n", config.GetSecure(password).c_str());
+    std::printf("secure value: %s\n", sd::textAsSet(config.GetSecure(password)).c_str());
 
     // Above 5 a policy overrides the local value, and gives way to it again when it is deleted.
     if (!policies.SetPolicyWithUri(password, {{"from the administrator", 10}})) return fail("the policy was not set");

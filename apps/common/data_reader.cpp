@@ -3,6 +3,7 @@
 #include <charconv>
 #include <filesystem>
 
+#include "libsdconfig/sdconfig_text.h"
 #include "libsdconfig/sdconfig_types.h"
 #include "platform/sdsecurity/sdsecurity.h"
 #include "src/sdconfig_policy_text.h"
@@ -60,9 +61,9 @@ bool DataReader::hasPolicies() const {
 
 std::optional<std::string> DataReader::secureValue(const Row& row) {
     if (row.value.empty()) return "";
-    std::string value = sd::SDSecurity::GetInstance()->FastDecrypt(row.value);
+    const std::string value = sd::SDSecurity::GetInstance()->FastDecrypt(row.value);
     if (value.empty()) return std::nullopt;
-    return value;
+    return sd::textAsSet(value);
 }
 
 std::optional<Policy> DataReader::policy(const Row& row) {
@@ -71,7 +72,7 @@ std::optional<Policy> DataReader::policy(const Row& row) {
     const auto [value, priorityText] = sd::splitPolicyText(text);
     const std::optional<int> priority = decimal(priorityText);
     if (!priority) return std::nullopt;
-    return Policy{value == sd::kNullValue ? "" : value, *priority};
+    return Policy{value == sd::kNullValue ? "" : sd::textAsSet(value), *priority};
 }
 
 std::string DataReader::ringProblem() {

@@ -27,8 +27,8 @@ public:
     std::string secureRows(std::vector<Row>& rows, const std::optional<std::string>& key = std::nullopt) const;
     std::string policyRows(std::vector<Row>& rows, const std::optional<std::string>& key = std::nullopt) const;
 
-    // What a row holds, opened with the key ring; "" for an empty row. Nothing when it can't be opened, or is no
-    // policy.
+    // What a row holds, opened with the key ring, as it was set; "" for an empty row. Nothing when it can't be opened,
+    // or is no policy.
     static std::optional<std::string> secureValue(const Row& row);
     static std::optional<Policy> policy(const Row& row);
 

@@ -155,11 +155,10 @@ constexpr Group kGroups[] = {
 constexpr char kSetSecureNotes[] =
     "Without VALUE the value is read from standard input up to its end, less one final newline; at a terminal it is\n"
     "asked for and not shown. A VALUE on the command line is visible to every user of the machine in the list of\n"
-    "processes and stays in the shell's history: prefer standard input. Bytes outside ASCII read back as two each.\n";
+    "processes and stays in the shell's history: prefer standard input.\n";
 
 constexpr char kSetPolicyNotes[] =
-    "A value can't contain \"&&&\", end with \"&\", be \"null_value\", or hold characters beyond U+00FF: the store\n"
-    "would not give it back.\n";
+    "A value can't contain \"&&&\", end with \"&\", or be \"null_value\": the store would not give it back.\n";
 
 constexpr char kApplyNotes[] =
     "FILE holds {\"URI\": {\"value\": \"text\", \"priority\": 7}, ...}. It is checked whole before anything is sent.\n"

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "apps/sdconfig/letter_case.h"
+#include "libsdconfig/sdconfig_text.h"
 
 namespace cli {
 
@@ -39,7 +40,7 @@ Effective weigh(const Layers& layers) {
 Effective answered(const sd::PolicyMap& policy) {
     if (policy.empty()) return {"", sd::kLocalPriority, Origin::UnsetOrHidden};
     const auto& [text, priority] = *policy.begin();
-    const std::string value = text == sd::kNullValue ? "" : text;
+    const std::string value = text == sd::kNullValue ? "" : sd::textAsSet(text);
     if (isStrong(priority)) return {value, priority, Origin::StrongPolicy};
     if (priority < sd::kLocalPriority) return {value, priority, Origin::WeakPolicy};
     return {value, priority, value.empty() ? Origin::UnsetOrHidden : Origin::LocalOrPolicy};

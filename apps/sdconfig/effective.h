@@ -39,7 +39,7 @@ struct Effective {
 
 Effective weigh(const Layers& layers);
 
-// What the service's answer to a look-up of the key tells of its origin.
+// What the service's answer to a look-up of the key tells of its origin, and the value as it was set.
 Effective answered(const sd::PolicyMap& policy);
 
 // Whether the service's answer is what the layers give: whether they are the service's, and as they are now.

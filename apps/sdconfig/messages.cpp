@@ -365,10 +365,6 @@ int unfitSecret(const Request& request, const std::string& problem) {
                 "nothing was changed; an empty value is given as \"\"; see: sdconfig secure set --help");
 }
 
-void noteReencoding() {
-    note("the value has bytes outside ASCII: each of them reads back as two");
-}
-
 int notPrinted(const std::string& reason) {
     return fail(kRefused, "printing the result", reason, "check where standard output goes");
 }

@@ -126,7 +126,6 @@ int tooManyArguments(const std::string& command);
 // Input.
 int emptyName(const Request& request, const std::string& argument);
 int unfitSecret(const Request& request, const std::string& problem);
-void noteReencoding();
 
 int notPrinted(const std::string& reason);
 

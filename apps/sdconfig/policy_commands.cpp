@@ -110,7 +110,7 @@ int setPolicy(const Request& request, Service& service) {
         return unfitPolicy(request, {"VALUE " + unfit, "give another value, or \"\" for none"});
     if (const int code = service.require()) return code;
     const auto [done, code] = service.call("SetPolicyWithUri key", request.key, [&, p = *priority] {
-        return policies().SetPolicyWithUri(request.key, {{policyBytes(request.value), p}});
+        return policies().SetPolicyWithUri(request.key, {{request.value, p}});
     });
     return code ? code : printChange(request, uriObject(request), done);
 }

@@ -195,6 +195,7 @@ std::string unfitForFile(const PolicyEntry& entry) {
     if (const std::string unfit = unfitUri(entry.uri); !unfit.empty()) return "its URI " + unfit;
     if (!fitsJson(entry.uri)) return "its URI is not UTF-8";
     if (entry.priority < 0 || entry.priority > kHighestPriority) return "its priority is beyond 0 to 127";
+    if (!fitsJson(entry.value)) return "its value is not UTF-8";
     const std::string unfit = unfitPolicyValue(entry.value);
     return unfit.empty() ? "" : "its value " + unfit;
 }

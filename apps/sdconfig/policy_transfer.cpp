@@ -12,7 +12,6 @@
 #include "apps/sdconfig/output.h"
 #include "apps/sdconfig/policy_file.h"
 #include "apps/sdconfig/policy_preview.h"
-#include "apps/sdconfig/policy_value.h"
 #include "apps/sdconfig/service.h"
 #include "apps/sdconfig/stored_policies.h"
 #include "apps/sdconfig/whole_file.h"
@@ -35,7 +34,7 @@ using Iterator = std::vector<PolicyEntry>::const_iterator;
 
 int sendChunk(Service& service, Iterator begin, Iterator end) {
     sd::PolicyList list;
-    for (auto entry = begin; entry != end; ++entry) list[entry->uri] = {{policyBytes(entry->value), entry->priority}};
+    for (auto entry = begin; entry != end; ++entry) list[entry->uri] = {{entry->value, entry->priority}};
     // Its boolean is about the last policy alone: what became of each is read back.
     return service.call("SetPolicyList(", [&] { return sd::DMConfig::GetInstance()->SetPolicyList(list); }).exitCode;
 }

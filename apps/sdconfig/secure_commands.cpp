@@ -1,12 +1,11 @@
 // secure get, set and delete: values that are sealed at rest.
-#include <algorithm>
-
 #include "apps/sdconfig/commands.h"
 #include "apps/sdconfig/messages.h"
 #include "apps/sdconfig/output.h"
 #include "apps/sdconfig/secret_input.h"
 #include "apps/sdconfig/service.h"
 #include "libsdconfig/sdconfig.h"
+#include "libsdconfig/sdconfig_text.h"
 
 namespace cli {
 
@@ -20,17 +19,13 @@ SecretInput secretOf(const Request& request) {
     return input;
 }
 
-bool hasNonAscii(const std::string& value) {
-    return std::any_of(value.begin(), value.end(), [](char c) { return static_cast<unsigned char>(c) > 0x7f; });
-}
-
 }  // namespace
 
 int getSecure(const Request& request, Service& service) {
     if (const int code = service.require()) return code;
     const auto [value, code] = service.call("GetSecure the key", request.key,
                                             [&] { return sd::SDConfig::GetInstance()->GetSecure(request.key); });
-    return code ? code : printValue(request, "key", value, unset);
+    return code ? code : printValue(request, "key", sd::textAsSet(value), unset);
 }
 
 // The service comes first: nobody types a secret to learn then that there was none to take it.
@@ -38,7 +33,6 @@ int setSecure(const Request& request, Service& service) {
     if (const int code = service.require()) return code;
     const SecretInput secret = secretOf(request);
     if (!secret.problem.empty()) return unfitSecret(request, secret.problem);
-    if (hasNonAscii(secret.value)) noteReencoding();
     const auto [done, code] = service.call("setsecure the key", request.key, [&, &value = secret.value] {
         return sd::SDConfig::GetInstance()->SetSecure(request.key, value);
     });

@@ -6,6 +6,7 @@
 #include "apps/sdconfig/messages.h"
 #include "apps/sdconfig/service.h"
 #include "libsdconfig/dmconfig.h"
+#include "libsdconfig/sdconfig_text.h"
 #include "src/sdconfig_protocol.h"
 
 namespace cli {
@@ -30,7 +31,7 @@ std::vector<StoredPolicy> fromList(const sd::PolicyList& list) {
     std::vector<StoredPolicy> all;
     for (const auto& [uri, policy] : list) {
         const auto& [value, priority] = *policy.begin();
-        all.push_back({uri, apps::Policy{value == sd::kNullValue ? "" : value, priority}});
+        all.push_back({uri, apps::Policy{value == sd::kNullValue ? "" : sd::textAsSet(value), priority}});
     }
     return all;
 }

@@ -21,6 +21,7 @@
 #include "apps/sdconfig/signal_pipe.h"
 #include "libsdconfig/dmconfig.h"
 #include "libsdconfig/sdconfig.h"
+#include "libsdconfig/sdconfig_text.h"
 #include "src/sdconfig_helpers.h"
 #include "src/sdconfig_protocol.h"
 
@@ -144,7 +145,16 @@ private:
     int take(const Change& change) {
         if (change.value.empty())
             if (const auto now = current(change.key)) return tellIfNew(*now);
-        return tellIfNew(change);
+        return tellIfNew(asSet(change));
+    }
+
+    // A property's event calls itself strong, as a strong policy's does, and its value is as it was set already. What
+    // gives no text when it is undone was none that the stores had made of a text.
+    static Change asSet(Change change) {
+        std::string value = sd::textAsSet(change.value);
+        const bool isProperty = change.strong && !fitsJson(value) && !policies().isStrongControl(change.key);
+        if (!isProperty) change.value = std::move(value);
+        return change;
     }
 
     int tell(const Change& change) {

@@ -47,26 +47,25 @@ TEST_F(PolicyTest, OneAtATime) {
     expect({"policy", "get", "k"}, 0, "local\n");
     EXPECT_EQ(cli({"policy", "strong", "k"}).out, "not strong\n");
     EXPECT_EQ(cli({"policy", "strong", "k"}).exitCode, 1);
-    expect({"policy", "set", "m", "caf\xc3\xa9", "0"}, 0, "");  // reads back as it was, unlike a secure value
-    expect({"policy", "get", "m"}, 0, "caf\xc3\xa9\n");
+    expect({"policy", "set", "m", "caf\xc3\xa9 \xe2\x82\xac", "0"}, 0, "");
+    expect({"policy", "get", "m"}, 0, "caf\xc3\xa9 \xe2\x82\xac\n");
     expect({"policy", "set", "empty", "", "127"}, 0, "");
     expect({"policy", "get", "empty"}, 1, "");
     expect({"policy", "list"}, 0,
            "empty\t127\t\tin force\nk\t5\ton\thidden by a local value\n"
-           "m\t0\tcaf\xc3\xa9\tin force, as a default\n");
+           "m\t0\tcaf\xc3\xa9 \xe2\x82\xac\tin force, as a default\n");
     EXPECT_EQ(json::parse(cli({"policy", "list", "--json"}).out)["policies"][1],
               json::parse(R"({"uri": "k", "readable": true, "value": "on", "priority": 5, "in_force": false,
                               "origin": "local"})"));
     TerminalProcess terminal(cliCommand({"policy", "list"}), environment());
-    EXPECT_TRUE(terminal.waitForScreen("k      5         on     hidden by a local value")) << terminal.screen();
+    EXPECT_TRUE(terminal.waitForScreen("k      5         on      hidden by a local value")) << terminal.screen();
 
     query(path("data/dmhelper.db"), "UPDATE dmhelperconfig SET value = 'v1damage' WHERE key = 'empty'");
     EXPECT_THAT(cli({"policy", "list"}).out, HasSubstr("empty\t-\t(can't be read)\tnot in force\nk\t5\t"));
     expect({"policy", "delete", "k"}, 0, "");
     expect({"policy", "delete", "k", "--json"}, 0, "{\"uri\":\"k\",\"done\":true}\n");
 
-    for (const char* value : {"a&&&b", "a&", "null_value", "\xe2\x82\xac", "\xff"})
-        expect({"policy", "set", "k", value, "7"}, 2, "");
+    for (const char* value : {"a&&&b", "a&", "null_value"}) expect({"policy", "set", "k", value, "7"}, 2, "");
     for (const char* priority : {"128", "-1", "5.5", "1e9", "", "7 "})
         expect({"policy", "set", "k", "on", priority}, 2, "");
     EXPECT_EQ(rowCount(), "2");

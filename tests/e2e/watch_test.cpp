@@ -51,10 +51,13 @@ TEST_F(WatchTest, PrintsEveryChangeUntilItIsInterrupted) {
     cli({"policy", "set", "k", "weak", "5"});
     cli({"policy", "set", "k", "two\nlines", "6"});
     cli({"policy", "delete", "k"});
-    cli({"set", "theme", "dark"});
+    cli({"policy", "set", "theme", "gr\xc3\xbcn", "6"});  // a strong policy and a property make the same event
+    cli({"policy", "delete", "theme"});
+    cli({"set", "theme", "gr\xc3\xbcn"});
     cli({"delete", "theme"});
     cli({"set", "[a,b]", "{}"});
-    expectOut(text, "k local\nk two\\x0alines\nk local\ntheme dark\ntheme \n[a,b] {}\n");
+    expectOut(text,
+              "k local\nk two\\x0alines\nk local\ntheme gr\xc3\xbcn\ntheme \ntheme gr\xc3\xbcn\ntheme \n[a,b] {}\n");
     expectOut(objects,
               "{\"key\":\"k\",\"value\":\"local\",\"strong\":false}\n"
               "{\"key\":\"k\",\"value\":\"two\\nlines\",\"strong\":true}\n"
