@@ -34,8 +34,7 @@ bool isAbsence(int error) {
 }
 
 // Checks the folder, so that no link leads us to somebody else's socket, and who listens.
-Connected connectChecked(const RuntimeFolder& place, const std::string& service, PeerIdentity& owner,
-                         std::string& why) {
+Connected connectIn(const RuntimeFolder& place, const std::string& service, PeerIdentity& owner, std::string& why) {
     UniqueFd folder;
     const auto result = place.open(RuntimeFolder::Missing::Leave, folder, why);
     if (result == RuntimeFolder::Result::Unfit) return {UniqueFd(), EACCES};
@@ -50,6 +49,18 @@ Connected connectChecked(const RuntimeFolder& place, const std::string& service,
     if (isTrustedUser(owner.user)) return connected;
     why = "its socket belongs to user " + std::to_string(owner.user);
     return {UniqueFd(), EACCES};
+}
+
+// In the first folder where somebody listens; where nobody does, the first failure that was told counts.
+Connected connectChecked(const RuntimeFolder& place, const std::string& service, PeerIdentity& owner,
+                         std::string& why) {
+    Connected first = connectIn(place, service, owner, why);
+    if (first.fd || first.error == EAGAIN || !place.next()) return first;
+    std::string whyElse;
+    Connected other = connectIn(*place.next(), service, owner, whyElse);
+    if (!other.fd && other.error != EAGAIN && !why.empty()) return first;
+    why = whyElse;
+    return other;
 }
 
 // The service is nobody that we greet, and we take no descriptors.

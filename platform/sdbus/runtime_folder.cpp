@@ -48,36 +48,44 @@ bool identifyPeer(int fd, PeerIdentity& identity) {
 
 RuntimeFolder RuntimeFolder::fromEnvironment() {
     const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-    if (runtime && *runtime) return {runtime, "sdbus", true};
-    return {"/tmp", "sdbus-" + std::to_string(::geteuid()), false};
+    if (runtime && *runtime) return {runtime, "sdbus", Parent::Ours};
+    return {"/tmp", "sdbus-" + std::to_string(::geteuid()), Parent::Everybodys};
 }
 
-bool RuntimeFolder::openParent(UniqueFd& parent, std::string& why) const {
+RuntimeFolder RuntimeFolder::forClient(const std::string& userFolders) {
+    RuntimeFolder first = fromEnvironment();
+    if (first.mKind == Parent::Ours) return first;
+    const std::string session = userFolders + "/" + std::to_string(::geteuid());
+    first.mNext = std::make_shared<const RuntimeFolder>(RuntimeFolder(session, "sdbus", Parent::OursIfThere));
+    return first;
+}
+
+RuntimeFolder::Result RuntimeFolder::openParent(UniqueFd& parent, std::string& why) const {
     if (mParent[0] != '/') {
         why = "XDG_RUNTIME_DIR is not an absolute path";
-        return false;
+        return Result::Unfit;
     }
     parent.reset(::open(mParent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!parent) {
         why = failed("cannot open the runtime folder", mParent);
-        return false;
+        return errno == ENOENT && mKind == Parent::OursIfThere ? Result::Absent : Result::Unfit;
     }
     struct stat status {};
     if (::fstat(parent.get(), &status) < 0) {
         why = failed("cannot examine the runtime folder", mParent);
-        return false;
+        return Result::Unfit;
     }
-    if (!mParentIsOurs) return true;
+    if (mKind == Parent::Everybodys) return Result::Open;
     if (status.st_uid != ::geteuid()) {
         why = "the runtime folder " + mParent + " belongs to user " + std::to_string(status.st_uid) + ", not to user " +
               std::to_string(::geteuid());
-        return false;
+        return Result::Unfit;
     }
     if (status.st_mode & (S_IWGRP | S_IWOTH)) {
         why = "others may write to the runtime folder " + mParent;
-        return false;
+        return Result::Unfit;
     }
-    return true;
+    return Result::Open;
 }
 
 bool RuntimeFolder::isFit(int folder, std::string& why) const {
@@ -99,7 +107,7 @@ bool RuntimeFolder::isFit(int folder, std::string& why) const {
 
 RuntimeFolder::Result RuntimeFolder::open(Missing missing, UniqueFd& folder, std::string& why) const {
     UniqueFd parent;
-    if (!openParent(parent, why)) return Result::Unfit;
+    if (const Result result = openParent(parent, why); result != Result::Open) return result;
     const bool created = missing == Missing::Create && ::mkdirat(parent.get(), mName.c_str(), 0700) == 0;
     if (!created && missing == Missing::Create && errno != EEXIST) {
         why = failed("cannot create the folder", path());
@@ -118,6 +126,14 @@ RuntimeFolder::Result RuntimeFolder::open(Missing missing, UniqueFd& folder, std
     if (!isFit(opened.get(), why)) return Result::Unfit;
     folder = std::move(opened);
     return Result::Open;
+}
+
+bool RuntimeFolder::holdsSocket(const std::string& service) const {
+    UniqueFd folder;
+    std::string why;
+    struct stat status {};
+    return open(Missing::Leave, folder, why) == Result::Open &&
+           ::fstatat(folder.get(), service.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISSOCK(status.st_mode);
 }
 
 Connected connectTo(const std::string& path) {

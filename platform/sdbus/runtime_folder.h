@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <memory>
 #include <string>
 
 #include "platform/sdbus/handles.h"
@@ -28,6 +29,13 @@ public:
     // $XDG_RUNTIME_DIR/sdbus, or where that variable is unset or empty, /tmp/sdbus-<effective user>.
     static RuntimeFolder fromEnvironment();
 
+    // The same, and where that variable is unset or empty, <userFolders>/<effective user>/sdbus behind it: who runs for
+    // a user outside of a session (cron, a command over ssh) looks for the session's services, too.
+    static RuntimeFolder forClient(const std::string& userFolders = "/run/user");
+
+    // Where else a client looks; null: nowhere.
+    const RuntimeFolder* next() const { return mNext.get(); }
+
     enum class Missing { Create, Leave };
     enum class Result { Open, Absent, Unfit };
     // Opens the folder after it has passed its checks: it is ours, nobody else may enter it, no link led to it.
@@ -37,15 +45,20 @@ public:
     std::string path() const { return mParent + "/" + mName; }
     std::string socketPath(const std::string& service) const { return path() + "/" + service; }
 
+    // Whether the service's socket stands there, in a folder that passes its checks.
+    bool holdsSocket(const std::string& service) const;
+
 private:
-    RuntimeFolder(std::string parent, std::string name, bool parentIsOurs)
-        : mParent(std::move(parent)), mName(std::move(name)), mParentIsOurs(parentIsOurs) {}
-    bool openParent(UniqueFd& parent, std::string& why) const;
+    enum class Parent { Everybodys, Ours, OursIfThere };
+    RuntimeFolder(std::string parent, std::string name, Parent kind)
+        : mParent(std::move(parent)), mName(std::move(name)), mKind(kind) {}
+    Result openParent(UniqueFd& parent, std::string& why) const;
     bool isFit(int folder, std::string& why) const;
 
     std::string mParent;
     std::string mName;
-    bool mParentIsOurs;  // else it is /tmp, which everybody writes to
+    Parent mKind;
+    std::shared_ptr<const RuntimeFolder> mNext;
 };
 
 // A non-blocking, close-on-exec Unix stream socket connected to `path`, or the errno of why not. Does not wait.

@@ -77,7 +77,7 @@ void SDBusEventCallback::operator()(std::shared_ptr<SDBusMessage> event) const {
 // ---- The client's view ----
 
 struct SDBusProxyInterface::State {
-    explicit State(std::string name) : place(RuntimeFolder::fromEnvironment()), service(std::move(name)) {}
+    explicit State(std::string name) : place(RuntimeFolder::forClient()), service(std::move(name)) {}
 
     // The listener to use in this process: a child that was forked begins with none.
     std::shared_ptr<EventListener> ensureListener() {
@@ -288,7 +288,7 @@ SDBusSerivceManager* SDBusSerivceManager::initSync(int) {
 }
 
 bool SDBusSerivceManager::isServiceRegistered(const std::string& service) {
-    return sdbus::isServiceName(service) && sdbus::isServiceReachable(RuntimeFolder::fromEnvironment(), service);
+    return sdbus::isServiceName(service) && sdbus::isServiceReachable(RuntimeFolder::forClient(), service);
 }
 
 std::shared_ptr<SDBusProxyInterface> SDBusSerivceManager::getServiceProxyInterface(const std::string& service,
@@ -342,17 +342,35 @@ std::string SDBusSerivceManager::registrationFailure(const std::string& service)
 
 int SDBusSerivceManager::serviceProcess(const std::string& service) {
     if (!sdbus::isServiceName(service)) return 0;
-    const RuntimeFolder place = RuntimeFolder::fromEnvironment();
-    sdbus::UniqueFd folder;
-    std::string why;
-    const bool isOpen = place.open(RuntimeFolder::Missing::Leave, folder, why) == RuntimeFolder::Result::Open;
-    return isOpen ? sdbus::lockHolder(folder.get(), service) : 0;
+    const RuntimeFolder place = RuntimeFolder::forClient();
+    for (const RuntimeFolder* one = &place; one; one = one->next()) {
+        sdbus::UniqueFd folder;
+        std::string why;
+        if (one->open(RuntimeFolder::Missing::Leave, folder, why) != RuntimeFolder::Result::Open) continue;
+        if (const pid_t holder = sdbus::lockHolder(folder.get(), service)) return holder;
+    }
+    return 0;
 }
 
 std::string SDBusSerivceManager::socketPath(const std::string& service) {
-    const RuntimeFolder place = RuntimeFolder::fromEnvironment();
+    if (!sdbus::isServiceName(service)) return "";
+    const RuntimeFolder place = RuntimeFolder::forClient();
+    for (const RuntimeFolder* one = &place; one; one = one->next())
+        if (one->holdsSocket(service)) return one->socketPath(service);
     sdbus::UniqueFd folder;
     std::string why;
     const bool unfit = place.open(RuntimeFolder::Missing::Leave, folder, why) == RuntimeFolder::Result::Unfit;
-    return unfit || !sdbus::isServiceName(service) ? std::string() : place.socketPath(service);
+    return unfit ? "" : place.socketPath(service);
+}
+
+std::string SDBusSerivceManager::lookedAt(const std::string& service) {
+    const RuntimeFolder place = RuntimeFolder::forClient();
+    std::string seen;
+    for (const RuntimeFolder* one = &place; one; one = one->next()) {
+        sdbus::UniqueFd folder;
+        std::string why;
+        const bool unfit = one->open(RuntimeFolder::Missing::Leave, folder, why) == RuntimeFolder::Result::Unfit;
+        seen += (seen.empty() ? "" : ", ") + (unfit ? why : "nothing listens on " + one->socketPath(service));
+    }
+    return seen;
 }

@@ -176,6 +176,9 @@ public:
     // Where the service's socket stands, or would; "" when there is no fit runtime folder.
     std::string socketPath(const std::string& service);
 
+    // Where a service that nobody reaches was looked for, or why not: a line for a person.
+    std::string lookedAt(const std::string& service);
+
     SDBusSerivceManager(const SDBusSerivceManager&) = delete;
     SDBusSerivceManager& operator=(const SDBusSerivceManager&) = delete;
 

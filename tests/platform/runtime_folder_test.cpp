@@ -1,0 +1,52 @@
+// Where a client looks for its user's services when the environment names no folder.
+#include "platform/sdbus/runtime_folder.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "platform/sdbus/client_connection.h"
+#include "platform/sdbus/socket_address.h"
+#include "tests/support/support.h"
+
+namespace test {
+
+namespace fs = std::filesystem;
+
+TEST(RuntimeFolderTest, AClientLooksIntoTheSessionsFolder) {
+    constexpr char kService[] = "runtime-folder-test";
+    const TempDir users;
+    const std::string session = users / std::to_string(::geteuid());
+    std::string why;
+    const auto reaches = [&] {
+        const ScopedEnv unset("XDG_RUNTIME_DIR", nullptr);
+        sdbus::ClientConnection::Failure failure;
+        const auto place = sdbus::RuntimeFolder::forClient(users.path());
+        const bool reached = sdbus::ClientConnection::open(place, kService, failure) != nullptr;
+        why = failure.why;
+        return reached;
+    };
+    EXPECT_FALSE(reaches());
+    EXPECT_EQ(why, "") << "a user without a session is nothing to tell of";
+
+    fs::create_directories(session + "/sdbus");
+    for (const std::string& folder : {session, session + "/sdbus"}) fs::permissions(folder, fs::perms::owner_all);
+    sdbus::SocketAddress address;
+    ASSERT_TRUE(address.set(session + "/sdbus/" + kService));
+    const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(::bind(listener, address.get(), address.size()), 0);
+    ASSERT_EQ(::listen(listener, 8), 0);
+    EXPECT_TRUE(reaches());
+    fs::permissions(session, fs::perms::all);
+    EXPECT_FALSE(reaches());
+    EXPECT_THAT(why, testing::HasSubstr("others may write to the runtime folder " + session));
+    const ScopedEnv named("XDG_RUNTIME_DIR", users.path().c_str());
+    EXPECT_EQ(sdbus::RuntimeFolder::forClient(users.path()).next(), nullptr);
+    ::close(listener);
+}
+
+}  // namespace test
