@@ -38,6 +38,10 @@ public:
     // Properties are not listed: empty.
     std::map<std::string, std::string> ListProperty();
 
+    // What the files defined and what was set since, for tools that read in their own process. What it has of the keys
+    // of isSpecialKeyInBuildProp is not what GetProperty answers with.
+    const std::map<std::string, std::string>& cached() const { return mCache; }
+
     // Reads the files; true when the last of them could be read.
     bool initProperties();
 

@@ -11,6 +11,7 @@
 #include "apps/sdconfig/commands.h"
 #include "apps/sdconfig/messages.h"
 #include "apps/sdconfig/output.h"
+#include "apps/sdconfig/suggestion.h"
 #include "src/sdconfig_helpers.h"
 
 namespace cli {
@@ -24,6 +25,8 @@ struct Argument {
     bool mayBeEmpty = false;
     std::vector<std::string> Request::*intoAll = nullptr;  // where several may stand
     std::string (*fault)(const std::string&) = nullptr;    // what is wrong with it, or ""
+    bool Request::*fromInput =
+        nullptr;  // where "-" stands for standard input: whether it does, as it doesn't behind --
 };
 
 struct Flag {
@@ -40,6 +43,7 @@ struct ValueOption {
     const char* help;
     const char* needs;  // the flag without which it makes no sense; "": none
     std::string Request::*into;
+    bool Request::*given = nullptr;  // where it may be empty: whether it was there
 };
 
 // Commands with a first word in common.
@@ -97,8 +101,14 @@ constexpr Argument checked(Argument argument, std::string (*fault)(const std::st
 constexpr Argument kKey = checked({"KEY", "The key, never empty", &Request::key}, tooLong);
 constexpr Argument kName{"NAME", "The constant's name", &Request::key};
 constexpr Argument kValue{"VALUE", "The value; \"\" for an empty one", &Request::value, nullptr, true};
-constexpr Argument kSecret{"VALUE", "The value; left out, it is read from standard input", &Request::value,
-                           &Request::valueGiven, true};
+constexpr Argument kSecret{"VALUE",
+                           "The value; left out, or -, it is read from standard input",
+                           &Request::value,
+                           &Request::valueGiven,
+                           true,
+                           nullptr,
+                           nullptr,
+                           &Request::valueFromInput};
 constexpr Argument kText{"TEXT", "The content", &Request::text, nullptr, true};
 constexpr Argument kSignature{"SIGNATURE", "What \"sign\" printed for it", &Request::signature, nullptr, true};
 
@@ -130,7 +140,21 @@ constexpr Argument kPriority{"PRIORITY", "0 to 127; above 5 it overrides the loc
 constexpr Argument kWrittenFile{"FILE", "Takes the policies in the place of what it held; - is standard output",
                                 &Request::file};
 constexpr Argument kReadFile{"FILE", "A file of policies; - is standard input", &Request::file};
-constexpr Argument kKeys = checked({"KEY", "The keys, 122 at most", nullptr, nullptr, false, &Request::keys}, tooLong);
+constexpr Argument kKeys = checked({"KEY", "The keys, 122 at most; \"a.b.*\" is all that begin with \"a.b.\"", nullptr,
+                                    nullptr, false, &Request::keys},
+                                   tooLong);
+constexpr Argument kSomeKeys = checked({"KEY", "The keys", nullptr, nullptr, false, &Request::keys}, tooLong);
+constexpr Argument kProperties =
+    checked({"KEY", "The keys; \"a.b.*\" is all that begin with \"a.b.\"; left out, all that can be listed", nullptr,
+             &Request::keysGiven, false, &Request::keys},
+            tooLong);
+constexpr Argument kListed = checked({"KEY", "Of these alone; \"a.b.*\" is all that begin with \"a.b.\"", nullptr,
+                                      &Request::keysGiven, false, &Request::keys},
+                                     tooLong);
+constexpr Argument kPairs = checked(
+    {"KEY=VARIABLE", "A key, and the variable that gets its value", nullptr, nullptr, false, &Request::keys}, tooLong);
+constexpr ValueOption kDefault{
+    "--default", "VALUE", "Print it instead of what is unset", "", &Request::fallback, &Request::fallbackGiven};
 constexpr Argument kDataOf = checked({"DATA-DIR", kWhichFolder, &Request::key, &Request::keyGiven}, notAFolder);
 constexpr Argument kBackup{"FILE", "The backup", &Request::file};
 constexpr Argument kMadeBackup = checked(kBackup, notAFile);
@@ -148,14 +172,31 @@ constexpr Flag kIgnoreKeys{"--without-keys", "Leave the backup's key ring out, a
                            &Request::withoutKeys};
 
 constexpr Group kGroups[] = {
-    {"secure", "Values that are sealed at rest: get, set, delete", "sdconfig secure get mail.password"},
+    {"secure", "Values that are sealed at rest: get, set, delete, exec", "sdconfig secure get mail.password"},
     {"policy", "Policies: set, get, delete, list, strong, clear, export, apply", "sdconfig policy list"},
 };
 
 constexpr char kSetSecureNotes[] =
-    "Without VALUE the value is read from standard input up to its end, less one final newline; at a terminal it is\n"
+    "Without VALUE, and of \"-\", the value is read from standard input up to its end, less one final newline; at a "
+    "terminal it is\n"
     "asked for and not shown. A VALUE on the command line is visible to every user of the machine in the list of\n"
-    "processes and stays in the shell's history: prefer standard input.\n";
+    "processes and stays in the shell's history: prefer standard input. The value \"-\" itself is given as -- -.\n";
+
+constexpr char kExecNotes[] =
+    "Runs the program behind -- with the secure values in its environment, where its user's processes and root can "
+    "read\n"
+    "them, and in no list of processes. Where a value is missing nothing is run, with exit code 1; else the exit code "
+    "is\n"
+    "the program's, 126 where it can't be run, or 127 where there is none.\n";
+
+constexpr char kGetNotes[] =
+    "One key's value, else a line KEY=VALUE each. What is missing is told on standard error, with exit code 1. Listed "
+    "are\n"
+    "the keys of the build.prop files, with the values that the service has now; not those that were set at run "
+    "time.\n";
+
+constexpr char kGetSecureNotes[] =
+    "One key's value, else a line KEY=VALUE each. What is missing is told on standard error, with exit code 1.\n";
 
 constexpr char kSetPolicyNotes[] =
     "A value can't contain \"&&&\", end with \"&\", or be \"null_value\": the store would not give it back.\n";
@@ -193,7 +234,15 @@ constexpr char kRestoreNotes[] =
 
 const std::vector<Command>& commands() {
     static const std::vector<Command> all{
-        {"", "get", "Prints a property", "sdconfig get sd.ui.theme", {kKey}, {kLocal}, {kProductDir}, getProperty},
+        {"",
+         "get",
+         "Prints properties",
+         "sdconfig get sd.ui.theme",
+         {kProperties},
+         {kLocal},
+         {kProductDir, kDefault},
+         getProperty,
+         kGetNotes},
         {"",
          "set",
          "Sets a property, until the service stops",
@@ -203,7 +252,15 @@ const std::vector<Command>& commands() {
          {},
          setProperty},
         {"", "delete", "Deletes a property", "sdconfig delete sd.ui.theme", {kKey}, {}, {}, deleteProperty},
-        {"secure", "get", "Prints a secure value", "sdconfig secure get mail.password", {kKey}, {}, {}, getSecure},
+        {"secure",
+         "get",
+         "Prints secure values",
+         "sdconfig secure get mail.password",
+         {kSomeKeys},
+         {},
+         {kDefault},
+         getSecure,
+         kGetSecureNotes},
         {"secure",
          "set",
          "Stores a secure value",
@@ -221,6 +278,15 @@ const std::vector<Command>& commands() {
          {},
          {},
          deleteSecure},
+        {"secure",
+         "exec",
+         "Runs a program with secure values in its environment",
+         "sdconfig secure exec mail.password=PASSWORD -- fetchmail",
+         {kPairs},
+         {},
+         {},
+         executeWithSecrets,
+         kExecNotes},
         {"policy",
          "set",
          "Sets a policy",
@@ -300,8 +366,8 @@ const std::vector<Command>& commands() {
         {"",
          "list",
          "Prints the keys of the secure values and of the policies",
-         "sdconfig list",
-         {},
+         "sdconfig list 'velmar.proxy.*'",
+         {kListed},
          {kShow},
          {kDataDir},
          listKeys},
@@ -380,7 +446,7 @@ const std::vector<Command>& commands() {
 }
 
 constexpr char kFooter[] =
-    "--json and -v go with every command. Put -- before a key or a value that begins with a dash.\n"
+    "--json, -v and --user go with every command. Put -- before a key or a value that begins with a dash.\n"
     "Exit codes: 0 done, 1 unset or refused, 2 wrong use, 3 no service.";
 
 // What a help ends with.
@@ -403,16 +469,54 @@ bool holdsEmpty(const Request& request, const Argument& argument) {
     return std::any_of(all.begin(), all.end(), [](const std::string& one) { return one.empty(); });
 }
 
-// The parser takes "[a,b]" and "{}" for lists. A zero byte, which no argument holds, keeps it from that.
+// The parser takes "[a,b]" and "{}" for lists. A zero byte, which no argument holds, keeps it from that, and marks a
+// "-" behind "--" as nothing but a dash.
 std::vector<std::string> protectedArguments(int argc, char** argv) {
     std::vector<std::string> arguments(argv + 1, argv + argc);
-    for (std::string& argument : arguments)
-        if (!argument.empty() && std::strchr("[{", argument.front())) argument += '\0';
+    bool isVerbatim = false;
+    for (std::string& argument : arguments) {
+        if ((!argument.empty() && std::strchr("[{", argument.front())) || (isVerbatim && argument == "-"))
+            argument += '\0';
+        isVerbatim = isVerbatim || argument == "--";
+    }
     return arguments;
 }
 
 std::string unprotected(const std::string& argument) {
     return argument.substr(0, argument.find('\0'));
+}
+
+bool isExecute(const std::vector<std::string>& arguments) {
+    std::vector<std::string> words;
+    for (auto at = arguments.begin(); at != arguments.end() && words.size() < 2; ++at) {
+        if (at->empty() || at->front() != '-')
+            words.push_back(*at);
+        else if (*at == "--user" && at + 1 != arguments.end())
+            ++at;
+    }
+    return words == std::vector<std::string>{"secure", "exec"};
+}
+
+// Behind "--" of "secure exec" stands another program, with options of its own.
+std::vector<std::string> takeProgram(std::vector<std::string>& arguments) {
+    const auto mark = std::find(arguments.begin(), arguments.end(), "--");
+    if (mark == arguments.end() || !isExecute(arguments)) return {};
+    std::vector<std::string> program;
+    std::transform(mark + 1, arguments.end(), std::back_inserter(program), unprotected);
+    arguments.erase(mark, arguments.end());
+    return program;
+}
+
+// The command that somebody may have meant by `word`: one with a name like it, else another group's of that very name.
+std::string meantCommand(const CLI::App& group, const std::string& groupName, const std::string& word) {
+    std::vector<std::string> names;
+    for (const CLI::App* one : group.get_subcommands([](const CLI::App*) { return true; }))
+        names.push_back(one->get_name());
+    const std::string near = nearest(word, names);
+    if (!near.empty()) return groupName.empty() ? near : groupName + " " + near;
+    const auto same =
+        std::find_if(commands().begin(), commands().end(), [&](const Command& one) { return one.name == word; });
+    return same == commands().end() ? "" : nameOf(*same);
 }
 
 // The option's name alone: what follows it may be a secret.
@@ -429,12 +533,22 @@ CommandLine::CommandLine()
     mApp->add_flag("--json", mRequest.json, "Print one JSON object on one line");
     mApp->add_flag("-v,--verbose", mRequest.verbose,
                    "Show the library's log on standard error (it can hold the values in question)");
+    mApp->add_option("--user", mRequest.user, "Act as this user, whose service root may use")
+        ->type_name("NAME")
+        ->check(apps::notEmpty);
     mApp->require_subcommand(1);
-    mApp->fallthrough();  // so that --json and -v are good at any place
+    mApp->fallthrough();  // so that these are good at any place
     mApp->footer(footer("", "sdconfig set sd.ui.theme dark"));
     for (const Group& group : kGroups)
         mApp->add_subcommand(group.name, group.help)->require_subcommand(1)->footer(footer("", group.example));
     for (const Command& command : commands()) add(command);
+    addHelp();
+}
+
+void CommandLine::addHelp() {
+    CLI::App* app = mApp->add_subcommand("help", "Prints the help of a command");
+    app->footer(footer("", "sdconfig help policy set"));
+    app->add_option("COMMAND", mHelpOn, "The command")->type_name("");
 }
 
 CommandLine::~CommandLine() = default;
@@ -447,7 +561,13 @@ void CommandLine::add(const Command& command) {
         CLI::Option* option = argument.intoAll
                                   ? app->add_option(argument.name, mRequest.*argument.intoAll, argument.help)
                                   : app->add_option(argument.name, mRequest.*argument.into, argument.help);
-        option->required(argument.given == nullptr)->type_name("")->transform(unprotected);
+        const auto fromInput = argument.fromInput;
+        option->required(argument.given == nullptr)
+            ->type_name("")
+            ->transform([this, fromInput](const std::string& text) {
+                if (fromInput) mRequest.*fromInput = text == "-";
+                return unprotected(text);
+            });
         if (argument.fault) option->check(argument.fault);
     }
     for (const Flag& flag : command.flags) {
@@ -456,7 +576,8 @@ void CommandLine::add(const Command& command) {
     }
     for (const ValueOption& value : command.options) {
         CLI::Option* option = app->add_option(value.name, mRequest.*value.into, value.help)->type_name(value.type);
-        option->transform(unprotected)->check(std::string(value.type) == "DIR" ? notAFolder : apps::notEmpty);
+        option->transform(unprotected);
+        if (!value.given) option->check(std::string(value.type) == "DIR" ? notAFolder : apps::notEmpty);
         if (value.needs[0]) option->needs(app->get_option(value.needs));
     }
     app->callback([this, app, &command] {
@@ -464,17 +585,21 @@ void CommandLine::add(const Command& command) {
         mRequest.command = nameOf(command);
         for (const Argument& argument : command.arguments)
             if (argument.given) mRequest.*argument.given = app->count(argument.name) > 0;
+        for (const ValueOption& value : command.options)
+            if (value.given) mRequest.*value.given = app->count(value.name) > 0;
     });
 }
 
 std::optional<int> CommandLine::parse(int argc, char** argv) {
     try {
         std::vector<std::string> arguments = protectedArguments(argc, argv);
+        mRequest.program = takeProgram(arguments);
         std::reverse(arguments.begin(), arguments.end());  // as the parser wants them
         mApp->parse(std::move(arguments));
     } catch (const CLI::ParseError& error) {
         return error.get_exit_code() == 0 ? printHelp(error) : wrongUse(error);
     }
+    if (!mCommand) return printHelpOf(mHelpOn);
     for (const Argument& argument : mCommand->arguments)
         if (!argument.mayBeEmpty && holdsEmpty(mRequest, argument)) return emptyName(mRequest, argument.name);
     return std::nullopt;
@@ -484,6 +609,20 @@ int CommandLine::printHelp(const CLI::ParseError& help) const {
     std::ostringstream text;
     mApp->exit(help, text, text);
     return printText(text.str());
+}
+
+int CommandLine::printHelpOf(const std::vector<std::string>& words) const {
+    const CLI::App* app = mApp.get();
+    std::string command;
+    for (const std::string& word : words) {
+        if (app->get_subcommands([](const CLI::App*) { return true; }).empty()) return tooManyArguments(command);
+        const auto named = app->get_subcommands([&word](const CLI::App* one) { return one->get_name() == word; });
+        if (named.empty()) return unknownCommand(command, word, meantCommand(*app, command, word));
+        app = named.front();
+        command += (command.empty() ? "" : " ") + word;
+    }
+    const std::string name = mApp->get_name() + (command.empty() ? "" : " " + command);
+    return printText(app->get_formatter()->make_help(app, name, CLI::AppFormatMode::Normal));
 }
 
 int CommandLine::run(Service& service) const {
@@ -507,7 +646,8 @@ int CommandLine::wrongUse(const CLI::ParseError& error) const {
         const bool missing = commandExpected && error.get_name() == "RequiredError";
         return misused(command, missing ? "a command is missing" : apps::usageProblem(error));
     }
-    return commandExpected ? unknownCommand(command, extras.front()) : tooManyArguments(command);
+    if (!commandExpected) return tooManyArguments(command);
+    return unknownCommand(command, extras.front(), meantCommand(*deepest, command, extras.front()));
 }
 
 }  // namespace cli

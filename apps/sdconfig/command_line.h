@@ -3,6 +3,8 @@
 
 #include <memory>
 #include <optional>
+#include <string>
+#include <vector>
 
 #include "apps/sdconfig/request.h"
 
@@ -32,12 +34,15 @@ public:
 
 private:
     void add(const Command& command);
+    void addHelp();
     int printHelp(const CLI::ParseError& help) const;  // or the version
+    int printHelpOf(const std::vector<std::string>& words) const;
     int wrongUse(const CLI::ParseError& error) const;
 
     std::unique_ptr<CLI::App> mApp;
     Request mRequest;
-    const Command* mCommand = nullptr;
+    std::vector<std::string> mHelpOn;
+    const Command* mCommand = nullptr;  // null: help
 };
 
 }  // namespace cli

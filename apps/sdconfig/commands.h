@@ -17,6 +17,9 @@ int getSecure(const Request& request, Service& service);
 int setSecure(const Request& request, Service& service);
 int deleteSecure(const Request& request, Service& service);
 
+// secure_exec_command.cpp
+int executeWithSecrets(const Request& request, Service& service);
+
 // policy_commands.cpp
 int setPolicy(const Request& request, Service& service);
 int getPolicy(const Request& request, Service& service);

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "apps/common/escaped.h"
+#include "apps/sdconfig/acting_user.h"
 #include "apps/sdconfig/doctor_checks.h"
 #include "apps/sdconfig/messages.h"
 #include "apps/sdconfig/service.h"
@@ -55,16 +56,17 @@ Check checkRuntimeFolder() {
     const char* const variable = std::getenv("XDG_RUNTIME_DIR");
     const std::string runtime = variable ? variable : "";
     if (runtime.empty()) {
-        const std::string usual = "/run/user/" + user;
-        if (isFolder(usual))
-            return {kFolder, "XDG_RUNTIME_DIR is not set, and the services of a session are in " + usual,
-                    "export XDG_RUNTIME_DIR=" + usual};
-        return checkSocketFolder("/tmp/sdbus-" + user);
+        const std::string session = "/run/user/" + user;
+        const std::string without = "/tmp/sdbus-" + user;
+        return checkSocketFolder(isFolder(session) && !isFolder(without) ? session + "/sdbus" : without);
     }
     std::string problem = runtime[0] == '/' ? notOurs(runtime) : "XDG_RUNTIME_DIR is no absolute path";
     if (problem.empty() && isOpenTo(kOthersWrite, runtime))
         return {kFolder, "others may write to " + runtime, "chmod 700 " + apps::shellWord(runtime)};
     if (problem.empty()) return checkSocketFolder(runtime + "/sdbus");
+    const std::string owner = ownerOfRuntimeFolder();
+    if (!owner.empty())
+        return {kFolder, problem, "act as that user with: sdconfig --user " + apps::shellWord(owner) + " doctor"};
     return {kFolder, problem, "set XDG_RUNTIME_DIR to a folder of yours that has mode 0700"};
 }
 

@@ -64,7 +64,7 @@ std::string inWords(const Effective& effective, const std::optional<apps::Policy
                    ": there is no local value to outweigh it";
         case Origin::EmptyRow:
             return "an empty local row hides the " + (policy ? ofPriority(policy->priority) : "policy") +
-                   "; to let it through, set a local value and delete that";
+                   "; deleting it lets that through: sdconfig secure delete";
         case Origin::Unset:
             return "neither a policy nor a local value";
         case Origin::LocalOrPolicy:

@@ -73,8 +73,13 @@ Effective withoutPolicy(Layers layers) {
     return weigh(layers);
 }
 
+// Whole, unlike in a message.
+std::string inQuotes(const std::string& value) {
+    return '"' + shownInLine(value) + '"';
+}
+
 std::string hidden(const std::string& value, bool show) {
-    return show ? quoted(value) : "set (--show shows it)";
+    return show ? inQuotes(value) : "set (--show shows it)";
 }
 
 std::string policyText(const Layers& layers, bool show) {
@@ -163,11 +168,13 @@ PropertyOrigin propertyOrigin(const Findings& found) {
 std::string propertyWords(const Findings& found) {
     switch (propertyOrigin(found)) {
         case PropertyOrigin::File:
-            return "set: " + (found.fromFiles.file.empty() ? "a build.prop file" : found.fromFiles.file) + " gives it";
+            return "set: " + (found.fromFiles.file.empty() ? "a build.prop file" : shownInLine(found.fromFiles.file)) +
+                   " gives it";
         case PropertyOrigin::Service:
             return "set: since the service started, or by a product's build.prop that --product-dir would name";
         case PropertyOrigin::Deleted:
-            return "not set: " + found.fromFiles.file + " gives it a value, but the service has none (any more)";
+            return "not set: " + shownInLine(found.fromFiles.file) +
+                   " gives it a value, but the service has none (any more)";
         default:
             return "not set";
     }
@@ -176,7 +183,7 @@ std::string propertyWords(const Findings& found) {
 std::string propertyText(const Request& request, const Findings& found) {
     const std::string value = found.property.value_or(found.fromFiles.value);
     std::string text = "property: " + propertyWords(found) + "\n";
-    if (!value.empty()) text += "  value: " + quoted(value) + "\n";
+    if (!value.empty()) text += "  value: " + inQuotes(value) + "\n";
     if (!isReadOnlyKey(request.key)) return text;
     return text + (value.empty() ? "  read-only once it has a value\n" : "  read-only\n");
 }

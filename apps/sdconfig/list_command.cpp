@@ -3,6 +3,8 @@
 
 #include "apps/sdconfig/commands.h"
 #include "apps/sdconfig/data_access.h"
+#include "apps/sdconfig/key_pattern.h"
+#include "apps/sdconfig/letter_case.h"
 #include "apps/sdconfig/messages.h"
 #include "apps/sdconfig/output.h"
 #include "apps/sdconfig/service.h"
@@ -23,13 +25,20 @@ void sortByKey(std::vector<apps::Row>& rows) {
     std::sort(rows.begin(), rows.end(), [](const auto& one, const auto& other) { return one.key < other.key; });
 }
 
+// These keys don't tell upper from lower case.
+bool isWanted(const std::string& key, const Request& request) {
+    return request.keys.empty() ||
+           std::any_of(request.keys.begin(), request.keys.end(),
+                       [&](const std::string& pattern) { return fits(folded(key), folded(pattern)); });
+}
+
 void addSecure(const apps::Row& row, bool show, Listing& listing) {
     Object object;
     addBytes(object, "key", row.key);
-    listing.text += "secure\t" + escaped(row.key);
+    listing.text += "secure\t" + shownInLine(row.key);
     if (show) {
         const auto value = apps::DataReader::secureValue(row);
-        listing.text += "\t" + (value ? escaped(*value) : kUnreadable);
+        listing.text += "\t" + (value ? shownInLine(*value) : kUnreadable);
         object["readable"] = value.has_value();
         if (value) addBytes(object, "value", *value);
         listing.complete = listing.complete && value;
@@ -41,10 +50,10 @@ void addSecure(const apps::Row& row, bool show, Listing& listing) {
 void addPolicy(const apps::Row& row, bool show, Listing& listing) {
     Object object;
     addBytes(object, "uri", row.key);
-    listing.text += "policy\t" + escaped(row.key);
+    listing.text += "policy\t" + shownInLine(row.key);
     if (show) {
         const auto policy = apps::DataReader::policy(row);
-        listing.text += policy ? "\t" + std::to_string(policy->priority) + "\t" + escaped(policy->value)
+        listing.text += policy ? "\t" + std::to_string(policy->priority) + "\t" + shownInLine(policy->value)
                                : "\t-\t" + std::string(kUnreadable);
         object["readable"] = policy.has_value();
         if (policy) {
@@ -84,8 +93,10 @@ int listKeys(const Request& request, Service& service) {
     sortByKey(secure);
     sortByKey(policies);
     Listing listing;
-    for (const apps::Row& row : secure) addSecure(row, request.show, listing);
-    for (const apps::Row& row : policies) addPolicy(row, request.show, listing);
+    for (const apps::Row& row : secure)
+        if (isWanted(row.key, request)) addSecure(row, request.show, listing);
+    for (const apps::Row& row : policies)
+        if (isWanted(row.key, request)) addPolicy(row, request.show, listing);
     const int printed = print(request, listing.text, listing.object);
     return listing.complete ? printed : valuesUnreadable(request, apps::DataReader::ringProblem());
 }

@@ -3,6 +3,7 @@
 
 #include <exception>
 
+#include "apps/sdconfig/acting_user.h"
 #include "apps/sdconfig/command_line.h"
 #include "apps/sdconfig/messages.h"
 #include "apps/sdconfig/service.h"
@@ -23,6 +24,8 @@ int main(int argc, char** argv) try {
     occupyStandardDescriptors();
     cli::CommandLine line;
     if (const auto exitCode = line.parse(argc, argv)) return *exitCode;
+    if (!line.request().user.empty())
+        if (const int code = cli::actAs(line.request().user)) return code;
     cli::Service service(line.request());
     return line.run(service);
 } catch (const std::exception& error) {

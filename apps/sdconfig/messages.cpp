@@ -2,9 +2,12 @@
 
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <string_view>
 
 #include "apps/common/system_service.h"
+#include "apps/sdconfig/acting_user.h"
 
 namespace cli {
 
@@ -16,8 +19,11 @@ constexpr std::size_t kMaxLine = 2000;
 
 constexpr char kSeeVersions[] = "see whether its version is another: sdconfig doctor";
 
+// Between two characters of UTF-8.
 std::string cut(std::string_view text, std::size_t most) {
-    return text.size() <= most ? std::string(text) : std::string(text.substr(0, most)) + "...";
+    if (text.size() <= most) return std::string(text);
+    while (most > 0 && (static_cast<unsigned char>(text[most]) & 0xc0u) == 0x80u) --most;
+    return std::string(text.substr(0, most)) + "...";
 }
 
 // In one write, so that lines of several processes don't mix. Where standard error itself is gone nobody can be told.
@@ -67,20 +73,26 @@ std::string quoted(const std::string& text) {
     return '"' + cut(escaped(text), kMaxQuoted) + '"';
 }
 
+std::string asArgument(const std::string& text) {
+    return (!text.empty() && text.front() == '-' ? "-- " : "") + shellWord(text);
+}
+
 std::string attempt(const Request& request) {
-    return request.key.empty() ? request.command : request.command + " " + quoted(request.key);
+    const std::string& key = request.key.empty() && request.keys.size() == 1 ? request.keys.front() : request.key;
+    return key.empty() ? request.command : request.command + " " + quoted(key);
 }
 
 std::string attemptOnFile(const Request& request) {
     return request.command + " " + quoted(request.file);
 }
 
-int notRunning(const std::string& tried, const std::string& socketPath) {
+int notRunning(const std::string& tried, const std::string& socketPath, const std::string& lookedAt) {
+    const std::string what = "the service is not running (" + lookedAt + ")";
+    if (const std::string owner = ownerOfRuntimeFolder(); !owner.empty())
+        return fail(kNoService, tried, what, "use the service of that user with: sdconfig --user " + shellWord(owner));
     if (socketPath.empty())
-        return fail(kNoService, tried, "there is no fit runtime folder to look for the service in",
-                    "set XDG_RUNTIME_DIR to a folder that is yours and has mode 0700");
-    return fail(kNoService, tried, "the service is not running (nothing listens on " + socketPath + ")",
-                howToStart() + "; where it ends again, sdconfig doctor tells why");
+        return fail(kNoService, tried, what, "set XDG_RUNTIME_DIR to a folder that is yours and has mode 0700");
+    return fail(kNoService, tried, what, howToStart() + "; where it ends again, sdconfig doctor tells why");
 }
 
 int noAnswer(const std::string& tried, const Problem& problem, const std::string& socketPath) {
@@ -97,14 +109,20 @@ int answerUnreadable(const std::string& tried) {
 }
 
 int unset(const Request& request) {
-    const char* const command = request.command == "get" ? "set KEY VALUE" : "secure set KEY";
+    const bool isProperty = request.command == "get";
     return fail(kRefused, attempt(request), "not set, or set to nothing",
-                std::string("give it a value with: sdconfig ") + command);
+                std::string("give it a value with: sdconfig ") + (isProperty ? "set " : "secure set ") +
+                    asArgument(request.key) + (isProperty ? " VALUE" : ""));
 }
 
 int unsetHere(const Request& request) {
     return fail(kRefused, attempt(request), "no build.prop file that can be read here gives it a value",
                 "leave out --local to ask the service, or name the product's folder with --product-dir");
+}
+
+int nothingBegins(const Request& request) {
+    return fail(kRefused, attempt(request), "no property that can be listed begins so",
+                "name a key whole to ask for one that was set at run time");
 }
 
 int noSuchConst(const Request& request) {
@@ -116,10 +134,30 @@ int notSigned(const Request& request) {
     return fail(kRefused, attempt(request), "the service gave no signature", seeItsLog());
 }
 
+void noteOutweighed(const std::string& key) {
+    note(
+        "a policy above priority 5 overrides what was set, which shows once the policy is gone; see: sdconfig "
+        "explain " +
+        asArgument(key));
+}
+
+void noteLetThrough(int priority) {
+    note("an empty local row hid the policy of priority " + std::to_string(priority) + ", which is in force now");
+}
+
+void noteProperty(const std::string& key) {
+    note("policies govern secure values, not properties: sdconfig get " + asArgument(key) +
+         " goes on printing the property");
+}
+
+void noteListedProperties() {
+    note("properties that no build.prop file here defines are not listed; ask for one by its key");
+}
+
 int setRefused(const Request& request) {
     if (readOnly(request.key))
         return fail(kRefused, attempt(request), "a key that begins with \"ro.\" is read-only once it has a value",
-                    "see what it holds with: sdconfig get KEY");
+                    "see what it holds with: sdconfig get " + asArgument(request.key));
     return fail(kRefused, attempt(request), "the service refused the value", seeItsLog());
 }
 
@@ -136,7 +174,7 @@ int secureWriteRefused(const Request& request) {
 
 int policyUnset(const Request& request) {
     return fail(kRefused, attempt(request), "neither a policy nor a local secure value gives it a value",
-                "see why with: sdconfig explain KEY");
+                "see why with: sdconfig explain " + asArgument(request.key));
 }
 
 int policyRefused(const Request& request) {
@@ -253,7 +291,7 @@ int notUpgraded(const Request& request, const std::string& problem, const std::s
 int upgradeNeedsForce(const Request& request) {
     return fail(kRefused, attempt(request),
                 "nothing was ever copied in this database, and its version would be stamped without copying",
-                "copy everything with: sdconfig upgrade --force DATA-DIR");
+                "copy everything with: sdconfig upgrade --force " + asArgument(request.key));
 }
 
 int upgradeFailed(const Request& request, const std::string& backup) {
@@ -314,8 +352,9 @@ void noteNotSealed(std::size_t count) {
         "; they were deleted since, or a copying was cut off: copy everything with: sdconfig upgrade --force DATA-DIR");
 }
 
-void noteWatching(std::size_t keys) {
-    note("watching " + std::to_string(keys) + (keys == 1 ? " key" : " keys") + "; Ctrl-C ends it");
+void noteWatching(std::size_t keys, bool more) {
+    note("watching " + std::to_string(keys) + (keys == 1 ? " key" : " keys") + (more ? " and those to come" : "") +
+         "; Ctrl-C ends it");
 }
 
 void noteServiceLost() {
@@ -343,8 +382,9 @@ int misused(const std::string& command, const std::string& happened) {
     return failUse(command, happened, "");
 }
 
-int unknownCommand(const std::string& command, const std::string& word) {
-    return failUse(command, "there is no command " + quoted(word), "");
+int unknownCommand(const std::string& command, const std::string& word, const std::string& meant) {
+    return failUse(command, "there is no command " + quoted(word),
+                   meant.empty() ? "" : "did you mean: sdconfig " + meant + "? ");
 }
 
 int unknownOption(const std::string& command, const std::string& option) {
@@ -360,9 +400,18 @@ int emptyName(const Request& request, const std::string& argument) {
     return failUse(request.command, argument + " is empty", "");
 }
 
-int unfitSecret(const Request& request, const std::string& problem) {
-    return fail(kUsage, attempt(request), problem,
-                "nothing was changed; an empty value is given as \"\"; see: sdconfig secure set --help");
+int unfitSecret(const Request& request, const Problem& problem) {
+    return fail(kUsage, attempt(request), problem.what, "nothing was changed; " + problem.next);
+}
+
+int notExecuted(const Request& request, const std::string& program, int problem) {
+    const bool absent = problem == ENOENT;
+    const bool tooLarge = problem == E2BIG;
+    return fail(absent ? kNoProgram : kNotExecutable, request.command,
+                quoted(program) + " can't be run: " + std::strerror(problem),
+                absent     ? "check its spelling, and PATH"
+                : tooLarge ? "a variable takes less than 128 KiB: give it longer values through a pipe"
+                           : "see what it is with: file " + shellWord(program));
 }
 
 int notPrinted(const std::string& reason) {

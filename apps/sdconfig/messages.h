@@ -15,6 +15,8 @@ enum ExitCode : int {
     kRefused = 1,    // unset, not valid, or refused by the service
     kUsage = 2,      // the command line or the input is wrong
     kNoService = 3,  // no service, or no answer from it
+    kNotExecutable = 126,
+    kNoProgram = 127,
 };
 
 struct Problem {
@@ -36,16 +38,21 @@ int fail(ExitCode code, const std::string& tried, const std::string& happened, c
 void note(const std::string& text);
 
 using apps::escaped;
+using apps::shellWord;
 
 // `text` in quotation marks, escaped, and cut where it is long.
 std::string quoted(const std::string& text);
+
+// `text` as a word of a command that a person is to type, also where it begins with a dash.
+std::string asArgument(const std::string& text);
 
 // What the request tries, with its key where it has one: secure get "k".
 std::string attempt(const Request& request);
 std::string attemptOnFile(const Request& request);  // with its file: backup "f"
 
 // The service.
-int notRunning(const std::string& tried, const std::string& socketPath);
+// lookedAt: where the service was looked for.
+int notRunning(const std::string& tried, const std::string& socketPath, const std::string& lookedAt);
 int noAnswer(const std::string& tried, const Problem& problem, const std::string& socketPath);
 int callUnanswered(const std::string& tried);  // this call only
 int answerUnreadable(const std::string& tried);
@@ -53,8 +60,15 @@ int answerUnreadable(const std::string& tried);
 // What a command found.
 int unset(const Request& request);
 int unsetHere(const Request& request);
+int nothingBegins(const Request& request);
 int noSuchConst(const Request& request);
 int notSigned(const Request& request);
+
+// What a success leaves as it was, or hidden.
+void noteOutweighed(const std::string& key);
+void noteLetThrough(int priority);
+void noteProperty(const std::string& key);
+void noteListedProperties();
 
 // Refused writes.
 int setRefused(const Request& request);
@@ -91,7 +105,7 @@ int valuesUnreadable(const Request& request, const std::string& problem);
 
 // Watching.
 int notRegistered(const Request& request);
-void noteWatching(std::size_t keys);
+void noteWatching(std::size_t keys, bool more);  // more: and those to come of a pattern
 void noteServiceLost();
 void noteServiceHangs(const std::string& how);
 void noteRestarted(bool registered);  // or another client was faster
@@ -119,13 +133,14 @@ void noteNoRing(const std::string& folder);
 
 // Wrong use. command: the command as far as it was understood, "" for none.
 int misused(const std::string& command, const std::string& happened);
-int unknownCommand(const std::string& command, const std::string& word);
+int unknownCommand(const std::string& command, const std::string& word, const std::string& meant);  // "": no idea
 int unknownOption(const std::string& command, const std::string& option);
 int tooManyArguments(const std::string& command);
 
 // Input.
 int emptyName(const Request& request, const std::string& argument);
-int unfitSecret(const Request& request, const std::string& problem);
+int unfitSecret(const Request& request, const Problem& problem);
+int notExecuted(const Request& request, const std::string& program, int problem);  // as env(1): 126 or 127
 
 int notPrinted(const std::string& reason);
 

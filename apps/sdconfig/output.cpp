@@ -5,7 +5,10 @@
 
 #include <cerrno>
 #include <cstring>
+#include <optional>
 
+#include "apps/common/escaped.h"
+#include "apps/sdconfig/key_pattern.h"
 #include "apps/sdconfig/messages.h"
 
 namespace cli {
@@ -17,6 +20,23 @@ std::string base64(const std::string& bytes) {
     ::EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
                       reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()));
     return text;
+}
+
+bool isTerminal() {
+    static const bool sIs = ::isatty(STDOUT_FILENO) != 0;
+    return sIs;
+}
+
+std::string lineOf(const Object& object) {
+    return apps::escapedInJson(object.dump()) + "\n";
+}
+
+Object valueObject(const char* keyName, const std::string& key, bool set, const std::optional<std::string>& value) {
+    Object object;
+    addBytes(object, keyName, key);
+    object["set"] = set;
+    value ? addBytes(object, "value", *value) : void(object["value"] = nullptr);
+    return object;
 }
 
 }  // namespace
@@ -55,18 +75,48 @@ int printText(const std::string& text) {
 }
 
 int print(const Request& request, const std::string& text, const Object& object) {
-    return printText(request.json ? object.dump() + "\n" : text);
+    return printText(request.json ? lineOf(object) : text);
+}
+
+std::string shown(const std::string& text) {
+    return isTerminal() ? escaped(text) : text;
+}
+
+std::string shownInLine(const std::string& text) {
+    if (isTerminal()) return escaped(text);
+    std::string line;
+    for (const char c : text) line += c == '\n' || c == '\t' ? escaped({c}) : std::string(1, c);
+    return line;
 }
 
 int printValue(const Request& request, const char* keyName, const std::string& value,
                int (*whenUnset)(const Request&)) {
     const bool set = !value.empty();
-    Object object;
-    addBytes(object, keyName, request.key);
-    object["set"] = set;
-    set ? addBytes(object, "value", value) : void(object["value"] = nullptr);
-    const int printed = print(request, set ? value + "\n" : "", object);
+    const Object object = valueObject(keyName, request.key, set, set ? std::optional(value) : std::nullopt);
+    const int printed = print(request, set ? shown(value) + "\n" : "", object);
     return set ? printed : whenUnset(request);
+}
+
+int printValues(const Request& request, const std::vector<Lookup>& found, int (*whenUnset)(const Request&)) {
+    const bool alone = request.keys.size() == 1 && !isPattern(request.keys.front());
+    std::string text;
+    std::vector<std::string> unset;
+    for (const auto& [key, value] : found) {
+        std::optional<std::string> result = value;
+        if (value.empty()) result = request.fallbackGiven ? std::optional(request.fallback) : std::nullopt;
+        if (!result) unset.push_back(key);
+        if (request.json)
+            text += lineOf(valueObject("key", key, !value.empty(), result));
+        else if (result)
+            text += alone ? shown(*result) + "\n" : shownInLine(key) + "=" + shownInLine(*result) + "\n";
+    }
+    int code = printText(text);
+    for (const std::string& key : unset) {
+        Request one = request;
+        one.key = key;
+        code = whenUnset(one);
+    }
+    return code;
 }
 
 int printDone(const Request& request, bool done, int (*whenRefused)(const Request&)) {

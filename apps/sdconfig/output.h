@@ -3,6 +3,7 @@
 
 #include <nlohmann/json.hpp>
 #include <string>
+#include <vector>
 
 #include "apps/sdconfig/request.h"
 
@@ -23,8 +24,23 @@ void addBytes(Object& object, const std::string& name, const std::string& bytes)
 int print(const Request& request, const std::string& text, const Object& object);
 int printText(const std::string& text);
 
+// A key or a value as standard output shows it: exact, but at a terminal escaped.
+std::string shown(const std::string& text);
+
+// The same as part of a line: newlines and tabs, which would make other lines and fields of it, are escaped everywhere.
+std::string shownInLine(const std::string& text);
+
 // What a look-up found. keyName: what the key is called in JSON. An empty value is told as unset, by `whenUnset`.
 int printValue(const Request& request, const char* keyName, const std::string& value, int (*whenUnset)(const Request&));
+
+// What look-ups of the request's keys found: the value of a key that was named alone, else a line KEY=VALUE each; in
+// JSON an object a line. What is unset has the request's fallback for a value, else it is told by `whenUnset`, and
+// makes the exit code kRefused.
+struct Lookup {
+    std::string key;
+    std::string value;  // "": unset
+};
+int printValues(const Request& request, const std::vector<Lookup>& found, int (*whenUnset)(const Request&));
 
 // Whether a write was done: in text nothing, as there is nothing to read; a refusal is told by `whenRefused`.
 int printDone(const Request& request, bool done, int (*whenRefused)(const Request&));

@@ -10,6 +10,7 @@
 #include "apps/sdconfig/stored_policies.h"
 #include "apps/sdconfig/table.h"
 #include "libsdconfig/dmconfig.h"
+#include "libsdconfig/sdconfig.h"
 #include "src/sdconfig_protocol.h"
 
 namespace cli {
@@ -82,10 +83,17 @@ std::string stateOf(const Listed& listed) {
     }
 }
 
+// Whether there is a property of that key, and no local secure value that the service would tell of.
+bool isOnlyProperty(const std::string& key) {
+    const Effective effective = answered(policies().GetPolicyWithUri(key));
+    const bool mayBeLocal = effective.origin == Origin::LocalOrPolicy;
+    return !mayBeLocal && !sd::SDConfig::GetInstance()->GetProperty(key).empty();
+}
+
 Fields listedFields(const Listed& listed) {
     const auto& [uri, policy] = listed.stored;
-    return {escaped(uri), policy ? std::to_string(policy->priority) : "-",
-            policy ? escaped(policy->value) : "(can't be read)", stateOf(listed)};
+    return {shownInLine(uri), policy ? std::to_string(policy->priority) : "-",
+            policy ? shownInLine(policy->value) : "(can't be read)", stateOf(listed)};
 }
 
 // One call deletes all, and has 5 s for it. What would take longer is deleted one by one before it.
@@ -109,10 +117,13 @@ int setPolicy(const Request& request, Service& service) {
     if (const std::string unfit = unfitPolicyValue(request.value); !unfit.empty())
         return unfitPolicy(request, {"VALUE " + unfit, "give another value, or \"\" for none"});
     if (const int code = service.require()) return code;
+    const bool onlyProperty = isOnlyProperty(request.key);
     const auto [done, code] = service.call("SetPolicyWithUri key", request.key, [&, p = *priority] {
         return policies().SetPolicyWithUri(request.key, {{request.value, p}});
     });
-    return code ? code : printChange(request, uriObject(request), done);
+    if (code) return code;
+    if (done && onlyProperty) noteProperty(request.key);
+    return printChange(request, uriObject(request), done);
 }
 
 int getPolicy(const Request& request, Service& service) {
@@ -126,7 +137,7 @@ int getPolicy(const Request& request, Service& service) {
     object["set"] = set;
     set ? addBytes(object, "value", effective.value) : void(object["value"] = nullptr);
     object["priority"] = effective.priority;
-    const int printed = print(request, set ? effective.value + "\n" : "", object);
+    const int printed = print(request, set ? shown(effective.value) + "\n" : "", object);
     return set ? printed : policyUnset(request);
 }
 

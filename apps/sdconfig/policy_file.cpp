@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 
+#include "apps/common/escaped.h"
 #include "apps/sdconfig/letter_case.h"
 #include "apps/sdconfig/messages.h"
 #include "apps/sdconfig/output.h"
@@ -206,7 +207,7 @@ std::string composePolicyFile(const std::vector<PolicyEntry>& entries) {
         const nlohmann::ordered_json policy{{"value", entry.value}, {"priority", entry.priority}};
         text += (text.size() > 1 ? ",\n    " : "\n    ") + json(entry.uri).dump() + ": " + policy.dump();
     }
-    return text + (entries.empty() ? "}\n" : "\n}\n");
+    return apps::escapedInJson(text) + (entries.empty() ? "}\n" : "\n}\n");
 }
 
 }  // namespace cli

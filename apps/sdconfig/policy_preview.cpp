@@ -62,7 +62,7 @@ Object sideObject(const Effective& side, bool show) {
 
 std::string changeText(const PlannedPolicy& planned, const Change& change, bool show) {
     const std::string before = sideText(change.before, show);
-    const std::string begin = escaped(planned.uri) + ": " + before;
+    const std::string begin = shownInLine(planned.uri) + ": " + before;
     const std::string end = (planned.policy ? ": " : ": deleted, since the file doesn't name it: ") + change.why + "\n";
     if (!change.after) return "? " + begin + " -> ?" + end;
     if (!change.differs()) return "= " + begin + end;

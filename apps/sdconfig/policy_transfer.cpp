@@ -151,7 +151,7 @@ int report(const Request& request, const std::vector<Result>& results) {
     Object object{{"policies", Object::array()}};
     for (const auto& [uri, outcome] : results) {
         const auto which = static_cast<std::size_t>(outcome);
-        text += escaped(uri) + ": " + kText[which] + "\n";
+        text += shownInLine(uri) + ": " + kText[which] + "\n";
         Object one;
         addBytes(one, "uri", uri);
         one["outcome"] = kName[which];

@@ -47,4 +47,13 @@ FileValue propertyFromFiles(const std::string& key, const std::string& productDi
     return result;
 }
 
+std::set<std::string> keysInFiles(const std::string& productDir) {
+    sd::SDConfig::setVelmarDataPath(productDir);
+    const sd::SDPropertyInf reader;
+    // Those of isSpecialKeyInBuildProp, which the reader takes from the file each time and doesn't keep.
+    std::set<std::string> keys{"ro.sd.build.version", "ro.sd.product.channel", "ro.velmar.switch.env"};
+    for (const auto& [key, value] : reader.cached()) keys.insert(key);
+    return keys;
+}
+
 }  // namespace cli

@@ -1,6 +1,7 @@
 // Which build.prop file gives a property its value.
 #pragma once
 
+#include <set>
 #include <string>
 
 namespace cli {
@@ -12,6 +13,9 @@ struct FileValue {
 
 // By the reader and the order of the service. productDir: the product's data folder, "" for none.
 FileValue propertyFromFiles(const std::string& key, const std::string& productDir);
+
+// The keys that the files define.
+std::set<std::string> keysInFiles(const std::string& productDir);
 
 // Keys that begin with "ro." keep the first value that they get.
 bool isReadOnlyKey(const std::string& key);

@@ -12,13 +12,19 @@ struct Request {
     std::string key;  // or a policy's URI, or a data folder
     bool keyGiven = false;
     std::vector<std::string> keys;
+    bool keysGiven = false;
     std::string value;
     bool valueGiven = false;
+    bool valueFromInput = false;  // the value was given as "-"
+    std::string fallback;         // instead of what is unset
+    bool fallbackGiven = false;
+    std::vector<std::string> program;  // with its arguments
     std::string text;
     std::string signature;
     std::string priority;
     std::string file;     // "-": standard input or output
     std::string execute;  // "": nothing
+    std::string user;     // whom root acts for; "": for itself
 
     bool local = false;
     std::string productDir;

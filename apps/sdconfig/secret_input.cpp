@@ -22,8 +22,10 @@ constexpr std::size_t kMaxLineBytes = 64u << 10;
 // What the kernel's line editing takes of one line; it drops the rest without a word.
 constexpr std::size_t kMaxTerminalLine = 4095;
 
-SecretInput problem(const std::string& text) {
-    return {"", text};
+constexpr char kRepeat[] = "repeat it";
+
+SecretInput problem(const std::string& text, const std::string& next = kRepeat) {
+    return {"", text, next};
 }
 
 SecretInput systemProblem(const std::string& what) {
@@ -31,9 +33,9 @@ SecretInput systemProblem(const std::string& what) {
 }
 
 SecretInput withoutFinalNewline(std::string text) {
-    if (text.empty()) return problem("nothing came on standard input");
+    if (text.empty()) return problem("nothing came on standard input", "an empty value is given as \"\"");
     if (text.back() == '\n') text.pop_back();
-    return {std::move(text), ""};
+    return {std::move(text), "", ""};
 }
 
 SecretInput readToEnd(int descriptor) {
@@ -45,7 +47,8 @@ SecretInput readToEnd(int descriptor) {
         if (count < 0) return systemProblem("standard input can't be read");
         if (count == 0) return withoutFinalNewline(std::move(text));
         text.append(buffer.data(), static_cast<std::size_t>(count));
-        if (text.size() > kMaxSecretBytes + 1) return problem("the value is longer than 16 MiB");
+        if (text.size() > kMaxSecretBytes + 1)
+            return problem("the value is longer than 16 MiB", "keep it in a file, and its key here");
     }
 }
 
@@ -61,7 +64,7 @@ SecretInput readFirstLine(int descriptor) {
         if (count > 0) line += byte;
         if (count == 0 || byte == '\n') return withoutFinalNewline(std::move(line));
     }
-    return problem("the first line is longer than 64 KiB");
+    return problem("the first line is longer than 64 KiB", "take a shorter one");
 }
 
 // The terminal without echo, for the life of the object.
@@ -134,7 +137,7 @@ SecretInput readFromTerminal(int terminal, const std::string& prompt) {
     }
     if (end == LineEnd::Failed) return systemProblem("the terminal can't be read without echo");
     if (line.size() >= kMaxTerminalLine)
-        return problem("a terminal takes less than 4095 bytes a line; send a longer value through a pipe");
+        return problem("a terminal takes less than 4095 bytes a line", "send a longer value through a pipe");
     return withoutFinalNewline(std::move(line));
 }
 

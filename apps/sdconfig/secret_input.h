@@ -8,6 +8,7 @@ namespace cli {
 struct SecretInput {
     std::string value;
     std::string problem;  // for a person, where there is no value; else ""
+    std::string next;     // what to do about it
 };
 
 // prompt: shown on standard error, where standard input is a terminal.

@@ -1,9 +1,13 @@
 // secure get, set and delete: values that are sealed at rest.
 #include "apps/sdconfig/commands.h"
+#include "apps/sdconfig/data_access.h"
+#include "apps/sdconfig/effective.h"
 #include "apps/sdconfig/messages.h"
 #include "apps/sdconfig/output.h"
 #include "apps/sdconfig/secret_input.h"
+#include "apps/sdconfig/secure_values.h"
 #include "apps/sdconfig/service.h"
+#include "libsdconfig/dmconfig.h"
 #include "libsdconfig/sdconfig.h"
 #include "libsdconfig/sdconfig_text.h"
 
@@ -12,38 +16,78 @@ namespace cli {
 namespace {
 
 SecretInput secretOf(const Request& request) {
-    if (request.valueGiven) return {request.value, ""};
+    if (request.valueGiven && !request.valueFromInput) return {request.value, "", ""};
     SecretInput input = readSecret("Value of " + quoted(request.key) + " (not shown): ");
     // The store keeps a value up to its first zero byte; half a secret is worse than none.
-    if (input.value.find('\0') != std::string::npos) return {"", "the value has a zero byte, which can't be stored"};
+    if (input.value.find('\0') != std::string::npos)
+        return {"", "the value has a zero byte, which can't be stored", "encode it as text, in base64 for example"};
     return input;
+}
+
+Answer<bool> store(const std::string& key, const std::string& value, Service& service) {
+    return service.call("setsecure the key", key, [&] { return sd::SDConfig::GetInstance()->SetSecure(key, value); });
+}
+
+Answer<bool> remove(const std::string& key, Service& service) {
+    return service.call("DeleteSecure the key", key, [&] { return sd::SDConfig::GetInstance()->DeleteSecure(key); });
+}
+
+// The policy that an empty local row hides, where the data folder tells of one.
+std::optional<apps::Policy> hiddenPolicy(const Request& request, const Service& service) {
+    const DataAccess access = findData(request, service);
+    StoredLayers stored;
+    if (!access.reader || !stored.read(*access.reader, request.key).empty()) return std::nullopt;
+    const Layers layers = stored.of(request.key);
+    const bool isHidden = layers.row == Layers::Row::Empty && weigh(layers).origin == Origin::EmptyRow;
+    return isHidden && !layers.policy->value.empty() ? layers.policy : std::nullopt;
+}
+
+// The store takes an empty row for none and leaves it where it is; one with a value goes. The policy's own is given to
+// it for that moment, so that nobody reads a value that is not the one in force afterwards.
+int letThrough(const Request& request, const apps::Policy& policy, Service& service) {
+    for (const auto& [done, code] : {store(request.key, policy.value, service), remove(request.key, service)})
+        if (code || !done) return code ? code : printDone(request, false, secureWriteRefused);
+    noteLetThrough(policy.priority);
+    return printDone(request, true, secureWriteRefused);
 }
 
 }  // namespace
 
+int readSecureValues(const std::vector<std::string>& keys, Service& service, std::vector<Lookup>& found) {
+    for (const std::string& key : keys) {
+        const auto [value, code] = service.call(
+            "GetSecure the key", key, [&, &name = key] { return sd::SDConfig::GetInstance()->GetSecure(name); });
+        if (code) return code;
+        found.push_back({key, sd::textAsSet(value)});
+    }
+    return kDone;
+}
+
 int getSecure(const Request& request, Service& service) {
     if (const int code = service.require()) return code;
-    const auto [value, code] = service.call("GetSecure the key", request.key,
-                                            [&] { return sd::SDConfig::GetInstance()->GetSecure(request.key); });
-    return code ? code : printValue(request, "key", sd::textAsSet(value), unset);
+    std::vector<Lookup> found;
+    const int code = readSecureValues(request.keys, service, found);
+    return code ? code : printValues(request, found, unset);
 }
 
 // The service comes first: nobody types a secret to learn then that there was none to take it.
 int setSecure(const Request& request, Service& service) {
     if (const int code = service.require()) return code;
     const SecretInput secret = secretOf(request);
-    if (!secret.problem.empty()) return unfitSecret(request, secret.problem);
-    const auto [done, code] = service.call("setsecure the key", request.key, [&, &value = secret.value] {
-        return sd::SDConfig::GetInstance()->SetSecure(request.key, value);
-    });
-    return code ? code : printDone(request, done, secureWriteRefused);
+    if (!secret.problem.empty()) return unfitSecret(request, {secret.problem, secret.next});
+    const auto [done, code] = store(request.key, secret.value, service);
+    if (code) return code;
+    if (done && sd::DMConfig::GetInstance()->isStrongControl(request.key)) noteOutweighed(request.key);
+    return printDone(request, done, secureWriteRefused);
 }
 
 int deleteSecure(const Request& request, Service& service) {
     if (const int code = service.require()) return code;
-    const auto [done, code] = service.call("DeleteSecure the key", request.key,
-                                           [&] { return sd::SDConfig::GetInstance()->DeleteSecure(request.key); });
-    return code ? code : printDone(request, done, secureWriteRefused);
+    const auto [done, code] = remove(request.key, service);
+    if (code) return code;
+    if (done)
+        if (const auto policy = hiddenPolicy(request, service)) return letThrough(request, *policy, service);
+    return printDone(request, done, secureWriteRefused);
 }
 
 }  // namespace cli

@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <thread>
 
@@ -145,7 +147,7 @@ Probe Service::probe() const {
 // does not answer. One call made before it keeps a hung service from holding up the user for more than those 5 s.
 int Service::require() {
     const Probe found = appears() ? probe() : Probe{};
-    if (!found.listening) return notRunning(attempt(mRequest), socketPath());
+    if (!found.listening) return notRunning(attempt(mRequest), socketPath(), lookedAt());
     if (!found.answered) return noAnswer(attempt(mRequest), found.how, socketPath());
     return kDone;
 }
@@ -171,7 +173,7 @@ int Service::endCall(bool failureValue) {
     if (mLog->unreadable()) return answerUnreadable(attempt(mRequest));
     if (!failureValue || !mLog->failed()) return kDone;
     const Probe after = probe();
-    if (!after.listening) return notRunning(attempt(mRequest), socketPath());
+    if (!after.listening) return notRunning(attempt(mRequest), socketPath(), lookedAt());
     if (!after.answered) return noAnswer(attempt(mRequest), after.how, socketPath());
     return callUnanswered(attempt(mRequest));
 }
@@ -196,8 +198,38 @@ std::string Service::dataFolder() const {
     return apps::servedFolder();
 }
 
+// A relative path is one from the folder in which the service was started.
+std::string Service::productFolder() const {
+    namespace fs = std::filesystem;
+    static constexpr char kOption[] = "--product-dir";
+    const fs::path process = "/proc/" + std::to_string(processId());
+    std::ifstream arguments(process / "cmdline");
+    std::string folder;
+    for (std::string argument; std::getline(arguments, argument, '\0');) {
+        if (argument == kOption)
+            std::getline(arguments, folder, '\0');
+        else if (argument.compare(0, sizeof kOption, std::string(kOption) + "=") == 0)
+            folder = argument.substr(sizeof kOption);
+    }
+    std::error_code failure;
+    const fs::path started = fs::read_symlink(process / "cwd", failure);
+    return folder.empty() ? "" : (started / folder).string();
+}
+
 std::string Service::socketPath() const {
     return mBus->socketPath(sd::protocol::kServiceName);
+}
+
+std::string Service::lookedAt() const {
+    return mBus->lookedAt(sd::protocol::kServiceName);
+}
+
+void Service::listen(const std::string& event, std::function<void(const std::string&)> hear) {
+    if (!mEvents) mEvents = mBus->getServiceProxyInterface(sd::protocol::kServiceName, SDBusSameUser, 1);
+    const auto callback = [heard = std::move(hear)](const std::shared_ptr<SDBusMessage>& message) {
+        heard(message->getString(0));
+    };
+    (void)mEvents->addEventListener(event, new SDBusEventCallback(callback), SDBusSameUser);  // it goes on trying
 }
 
 }  // namespace cli

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -9,6 +10,7 @@
 #include "apps/sdconfig/messages.h"
 #include "apps/sdconfig/request.h"
 
+class SDBusProxyInterface;
 class SDBusSerivceManager;
 
 namespace cli {
@@ -67,9 +69,15 @@ public:
     // Whether somebody listens, without waiting or a word.
     bool listening() const;
 
-    int processId() const;           // 0: unknown
-    std::string dataFolder() const;  // where the service has its databases open; "": it can't be told
+    int processId() const;              // 0: unknown
+    std::string dataFolder() const;     // where the service has its databases open; "": it can't be told
+    std::string productFolder() const;  // the --product-dir that it was started with; "": none, or it can't be told
     std::string socketPath() const;
+    std::string lookedAt() const;  // where it was looked for, for a person
+
+    // Has `hear` called, on a thread of the bus, with the first text of each event of the name, to the end of this
+    // object.
+    void listen(const std::string& event, std::function<void(const std::string&)> hear);
 
 private:
     static std::string failureWords(const std::string& name, const std::string& argument);
@@ -80,6 +88,7 @@ private:
     const Request& mRequest;
     std::shared_ptr<LogWatch> mLog;
     SDBusSerivceManager* mBus = nullptr;
+    std::shared_ptr<SDBusProxyInterface> mEvents;
 };
 
 }  // namespace cli

@@ -25,7 +25,7 @@ std::string statusText(const Service& service, const Probe& probe) {
     return std::string(probe.answered ? "running\n" : "running, not answering\n") +
            "pid: " + (pid > 0 ? std::to_string(pid) : "unknown") + "\n" +
            (probe.answered ? "round trip: " + std::to_string(probe.roundTrip.count()) + " us\n" : "") +
-           "socket: " + service.socketPath() + "\n";
+           "socket: " + shownInLine(service.socketPath()) + "\n";
 }
 
 }  // namespace
@@ -45,7 +45,7 @@ int signText(const Request& request, Service& service) {
     if (signature.empty() && !request.text.empty()) return notSigned(request);
     Object object;
     addBytes(object, "signature", signature);
-    return print(request, signature + "\n", object);
+    return print(request, shown(signature) + "\n", object);
 }
 
 int verifyText(const Request& request, Service& service) {
@@ -61,7 +61,7 @@ int verifyText(const Request& request, Service& service) {
 int showStatus(const Request& request, Service& service) {
     const Probe probe = service.probe();
     const int printed = print(request, statusText(service, probe), statusObject(service, probe));
-    if (!probe.listening) return notRunning(request.command, service.socketPath());
+    if (!probe.listening) return notRunning(request.command, service.socketPath(), service.lookedAt());
     if (!probe.answered) return noAnswer(request.command, probe.how, service.socketPath());
     return printed;
 }

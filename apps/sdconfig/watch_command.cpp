@@ -7,16 +7,22 @@
 #include <array>
 #include <chrono>
 #include <csignal>
+#include <cstddef>
+#include <iterator>
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 
 #include "apps/sdconfig/change_queue.h"
 #include "apps/sdconfig/command_runner.h"
 #include "apps/sdconfig/commands.h"
+#include "apps/sdconfig/data_access.h"
 #include "apps/sdconfig/effective.h"
+#include "apps/sdconfig/key_pattern.h"
 #include "apps/sdconfig/messages.h"
 #include "apps/sdconfig/output.h"
+#include "apps/sdconfig/property_files.h"
 #include "apps/sdconfig/service.h"
 #include "apps/sdconfig/signal_pipe.h"
 #include "libsdconfig/dmconfig.h"
@@ -34,6 +40,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr auto kCheckEvery = 1000ms;
 constexpr auto kMostForUnregistering = 5000ms;
+constexpr auto kMostKeysOfACall = static_cast<std::size_t>(sd::protocol::kMaxElements);
 
 sd::DMConfig& policies() {
     return *sd::DMConfig::GetInstance();
@@ -53,6 +60,18 @@ public:
         const std::lock_guard lock(mMutex);
         if (!mChanges.push({key, value, flag})) ++mLeftOut;
         (void)::eventfd_write(mArrived, 1);
+    }
+
+    // A key of which nobody knew.
+    void onKey(const std::string& key) {
+        const std::lock_guard lock(mMutex);
+        if (!mKeys.push({key, "", false})) ++mLeftOut;
+        (void)::eventfd_write(mArrived, 1);
+    }
+
+    std::optional<Change> takeKey() {
+        const std::lock_guard lock(mMutex);
+        return mKeys.pop();
     }
 
     std::optional<Change> take() {
@@ -75,6 +94,7 @@ private:
     const int mArrived;
     std::mutex mMutex;
     ChangeQueue mChanges;
+    ChangeQueue mKeys;  // without values
     std::size_t mLeftOut = 0;
 };
 
@@ -92,18 +112,25 @@ public:
           // The reader of our output may leave, too.
           mSignals({SIGINT, SIGTERM, SIGHUP, SIGPIPE}),
           mRunner(request.execute) {
-        for (const std::string& key : request.keys) mKnown[key];
-        for (const auto& [key, value] : mKnown) mKeys.push_back(key);
+        for (const std::string& key : request.keys) {
+            if (isPattern(key))
+                mPatterns.push_back(key);
+            else
+                add(key);
+        }
     }
 
     int run() {
-        for (const std::string& key : mKeys) mUnregistered[key] = &mInbox;
+        if (!mPatterns.empty()) {
+            hearOfKeys();
+            for (const std::string& key : keysThatFit()) add(key);
+        }
         const auto answer = mService.call("RegisterListenersWithList(", [&] { return registerAgain(); });
         if (answer.exitCode) return answer.exitCode;
         if (!answer.result) return notRegistered(mRequest);
         mProcess = mService.processId();
         for (auto& [key, value] : mKnown) value = current(key);
-        noteWatching(mKeys.size());
+        noteWatching(mKeys.size(), !mPatterns.empty());
         int code = kDone;
         while (code == kDone && !interrupted()) code = step();
         unregister();
@@ -112,6 +139,44 @@ public:
     }
 
 private:
+    void add(const std::string& key) {
+        if (!mKnown.try_emplace(key).second) return;
+        mKeys.push_back(key);
+        mUnregistered[key] = &mInbox;
+    }
+
+    // The keys that a pattern stands for: the stored ones, and the properties that files define. Others come as events.
+    std::set<std::string> keysThatFit() const {
+        std::set<std::string> keys = keysInFiles(mService.productFolder());
+        std::vector<apps::Row> rows;
+        if (const DataAccess access = findData(mRequest, mService); access.reader) {
+            (void)access.reader->secureRows(rows);
+            for (const apps::Row& row : rows) keys.insert(row.key);
+            (void)access.reader->policyRows(rows);
+            for (const apps::Row& row : rows) keys.insert(row.key);
+        }
+        for (auto key = keys.begin(); key != keys.end();)
+            key = fitsAny(*key, mPatterns) ? std::next(key) : keys.erase(key);
+        return keys;
+    }
+
+    // Every client may hear of changes of secure values and policies, registered or not.
+    void hearOfKeys() {
+        const auto hear = [&inbox = mInbox, patterns = mPatterns](const std::string& key) {
+            if (fitsAny(key, patterns)) inbox.onKey(key);
+        };
+        for (const char* event : {sd::protocol::kSdconfigChanged, sd::protocol::kPolicyChanged})
+            mService.listen(event, hear);
+    }
+
+    int takeKey(const std::string& key) {
+        if (mKnown.count(key) != 0) return kDone;
+        add(key);
+        (void)registerAgain();  // where it fails, the next check sees to it
+        const auto now = current(key);
+        return now ? tellIfNew(*now) : static_cast<int>(kDone);
+    }
+
     // Waits for whatever comes first: a signal, a change, the end of a command, or the time for a check.
     bool interrupted() {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(mNextCheck - Clock::now());
@@ -128,6 +193,8 @@ private:
 
     int step() {
         mInbox.drain();
+        while (const auto key = mInbox.takeKey())
+            if (const int code = takeKey(key->key)) return code;
         while (const auto change = mInbox.take())
             if (const int code = take(*change)) return code;
         if (const std::size_t count = mInbox.takeLeftOut()) {
@@ -164,7 +231,7 @@ private:
         addBytes(object, "key", change.key);
         addBytes(object, "value", change.value);
         object["strong"] = change.strong;
-        return print(mRequest, escaped(change.key) + " " + escaped(change.value) + "\n", object);
+        return print(mRequest, shownInLine(change.key) + " " + shownInLine(change.value) + "\n", object);
     }
 
     int tellIfNew(const Change& now) {
@@ -199,6 +266,8 @@ private:
             restarted ? noteRestarted(registered) : noteRegisteredAgain();
             // The bus layer takes up to half a second to have events sent to it again, so this is done twice.
             mReadings = 2;
+            if (!mPatterns.empty())
+                for (const std::string& key : keysThatFit()) mInbox.onKey(key);
         }
         mLost = false;
         if (mAnswers) mHangs = false;
@@ -208,7 +277,7 @@ private:
     // Whether keys had no registration any more and have one now. A key that another client keeps registered is left
     // alone: taking a registration of ours back would take that client's.
     bool registerMissing() {
-        mAnswers = mUnregistered.empty() && policies().IsAllConfigsAlreadyListened(mKeys);
+        mAnswers = mUnregistered.empty() && allRegistered();
         if (mAnswers || signalled()) return false;
         // Each call on a service that hangs takes 5 s: one more of them is enough.
         const Probe probe = mService.probe();
@@ -223,11 +292,24 @@ private:
         return !mUnregistered.empty() && registerAgain();
     }
 
+    bool allRegistered() const {
+        for (auto key = mKeys.begin(); key != mKeys.end();) {
+            const auto end = key + std::min<std::ptrdiff_t>(mKeys.end() - key, kMostKeysOfACall);
+            if (!policies().IsAllConfigsAlreadyListened({key, end})) return false;
+            key = end;
+        }
+        return !mKeys.empty() || mService.probe().answered;
+    }
+
     // Registering one by one would send nothing: the client remembers a key that it registered once.
     bool registerAgain() {
-        const bool registered = policies().RegisterListenersWithList(mUnregistered, true);
-        if (registered) mUnregistered.clear();
-        return registered;
+        while (!mUnregistered.empty()) {
+            const auto count = std::min(mUnregistered.size(), kMostKeysOfACall);
+            const auto end = std::next(mUnregistered.begin(), static_cast<std::ptrdiff_t>(count));
+            if (!policies().RegisterListenersWithList({mUnregistered.begin(), end}, true)) return false;
+            mUnregistered.erase(mUnregistered.begin(), end);
+        }
+        return true;
     }
 
     // Tells of what changed while nothing was heard.
@@ -254,6 +336,7 @@ private:
     SignalPipe mSignals;
     CommandRunner mRunner;
     Inbox& mInbox = inbox();
+    std::vector<std::string> mPatterns;
     std::vector<std::string> mKeys;
     std::map<std::string, std::optional<Change>> mKnown;  // the last value that was seen
     sd::DMConfig::ListenerList mUnregistered;
@@ -268,7 +351,7 @@ private:
 }  // namespace
 
 int watchKeys(const Request& request, Service& service) {
-    if (request.keys.size() > static_cast<std::size_t>(sd::protocol::kMaxElements))
+    if (request.keys.size() > kMostKeysOfACall)
         return misused(request.command, "more than 122 keys are more than one call takes");
     if (const int code = service.require()) return code;
     return Watch(request, service).run();

@@ -2,7 +2,8 @@
 
 _sdconfig_options() { # COMMAND: those of its own
     case $1 in
-        get) echo --local --product-dir ;;
+        get) echo --local --product-dir --default ;;
+        "secure get") echo --default ;;
         "policy list" | "policy export") echo --data-dir ;;
         "policy clear") echo --yes ;;
         "policy apply") echo --dry-run --show --prune --yes --data-dir ;;
@@ -14,7 +15,7 @@ _sdconfig_options() { # COMMAND: those of its own
         backup | restore) echo --force --without-keys ;;
         "") echo --version ;;
     esac
-    echo --json --verbose --help
+    echo --json --verbose --user --help
 }
 
 _sdconfig_keys() { # KIND: of the lines of "sdconfig list" that match it
@@ -25,13 +26,14 @@ _sdconfig_arguments() { # COMMAND NUMBER: what its NUMBERth argument may be, fro
     case $1:$2 in
         :0)
             printf '%s\n' get set delete secure policy explain watch list upgrade doctor check backup restore const \
-                sign verify status
+                sign verify status help
             ;;
-        secure:0) printf '%s\n' get set delete ;;
+        secure:0) printf '%s\n' get set delete exec ;;
         policy:0) printf '%s\n' set get delete list strong clear export apply ;;
-        "secure get:0" | "secure set:0" | "secure delete:0") _sdconfig_keys secure ;;
+        "secure get:"* | "secure set:0" | "secure delete:0") _sdconfig_keys secure ;;
+        "secure exec:"*) _sdconfig_keys secure | sed "s/\$/=/" ;;
         "policy set:0" | "policy get:0" | "policy delete:0" | "policy strong:0") _sdconfig_keys policy ;;
-        explain:0 | watch:*) _sdconfig_keys "secure|policy" ;;
+        explain:0 | watch:* | list:*) _sdconfig_keys "secure|policy" ;;
     esac
 }
 
@@ -43,17 +45,28 @@ _sdconfig_paths() { # COMMAND NUMBER: whether its NUMBERth argument is a "file" 
 }
 
 _sdconfig() {
-    local word=${COMP_WORDS[COMP_CWORD]} command="" number=0 i
+    local word=${COMP_WORDS[COMP_CWORD]} command="" number=0 help="" i
     COMPREPLY=()
     case ${COMP_WORDS[COMP_CWORD - 1]} in
         --data-dir | --product-dir) compopt -o filenames; mapfile -t COMPREPLY < <(compgen -d -- "$word"); return ;;
+        --user) mapfile -t COMPREPLY < <(compgen -u -- "$word"); return ;;
         --exec) mapfile -t COMPREPLY < <(compgen -c -- "$word"); return ;;
     esac
     for ((i = 1; i < COMP_CWORD; i++)); do
         case ${COMP_WORDS[i]} in
-            --data-dir | --product-dir | --exec) ((++i)) ;;
+            --data-dir | --product-dir | --exec | --default | --user) ((++i)) ;;
+            --)
+                if [[ $command == "secure exec" ]]; then
+                    mapfile -t COMPREPLY < <(compgen -c -- "$word")
+                    return
+                fi
+                ;;
             -*) ;;
             *)
+                if [[ -z $command && ${COMP_WORDS[i]} == help ]]; then
+                    help=help
+                    continue
+                fi
                 case $command in
                     "") command=${COMP_WORDS[i]} ;;
                     secure | policy) command+=" ${COMP_WORDS[i]}" ;;
@@ -63,9 +76,14 @@ _sdconfig() {
         esac
     done
     if [[ $word == -* ]]; then
-        mapfile -t COMPREPLY < <(compgen -W "$(_sdconfig_options "$command")" -- "$word")
+        mapfile -t COMPREPLY < <(compgen -W "$(_sdconfig_options "${help:-$command}")" -- "$word")
         return
     fi
+    case ${help:+$command:$number} in
+        "" | :0 | secure:0 | policy:0) ;;
+        *) return ;;  # the help of this one
+    esac
+    [[ $command != "secure exec" ]] || compopt -o nospace
     case $(_sdconfig_paths "$command" "$number") in
         file) compopt -o filenames; mapfile -t COMPREPLY < <(compgen -f -- "$word") ;;
         directory) compopt -o filenames; mapfile -t COMPREPLY < <(compgen -d -- "$word") ;;

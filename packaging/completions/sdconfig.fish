@@ -11,7 +11,7 @@ function __sdconfig_place
             continue
         end
         switch $word
-            case --data-dir --product-dir --exec
+            case --data-dir --product-dir --exec --default --user
                 set skip yes
             case '-*'
             case '*'
@@ -43,6 +43,7 @@ end
 complete -c sdconfig -f
 complete -c sdconfig -l json -d 'Print one JSON object on one line'
 complete -c sdconfig -s v -l verbose -d 'Show the log of the library on standard error'
+complete -c sdconfig -l user -x -a '(__fish_complete_users)' -d 'Act as this user'
 complete -c sdconfig -s h -l help -d 'Print the help'
 complete -c sdconfig -n '__sdconfig_in ""' -l version -d 'Print the version'
 
@@ -63,10 +64,12 @@ complete -c sdconfig -n '__sdconfig_at ":0"' -a const -d 'Print a constant of th
 complete -c sdconfig -n '__sdconfig_at ":0"' -a sign -d 'Print the signature of a text'
 complete -c sdconfig -n '__sdconfig_at ":0"' -a verify -d 'Tell whether a signature fits a text'
 complete -c sdconfig -n '__sdconfig_at ":0"' -a status -d 'Tell whether the service is there'
+complete -c sdconfig -n '__sdconfig_at ":0"' -a help -d 'Print the help of a command'
 
 complete -c sdconfig -n '__sdconfig_at secure:0' -a get -d 'Print a secure value'
 complete -c sdconfig -n '__sdconfig_at secure:0' -a set -d 'Store a secure value'
 complete -c sdconfig -n '__sdconfig_at secure:0' -a delete -d 'Delete a secure value'
+complete -c sdconfig -n '__sdconfig_at secure:0' -a exec -d 'Run a program with secure values in its environment'
 
 complete -c sdconfig -n '__sdconfig_at policy:0' -a set -d 'Set a policy'
 complete -c sdconfig -n '__sdconfig_at policy:0' -a get -d 'Print the value in force'
@@ -77,14 +80,17 @@ complete -c sdconfig -n '__sdconfig_at policy:0' -a clear -d 'Delete all policie
 complete -c sdconfig -n '__sdconfig_at policy:0' -a export -d 'Write the stored policies to a file'
 complete -c sdconfig -n '__sdconfig_at policy:0' -a apply -d 'Set the policies of a file'
 
-complete -c sdconfig -n '__sdconfig_at "secure get:0" "secure set:0" "secure delete:0"' -a '(__sdconfig_keys secure)'
+complete -c sdconfig -n '__sdconfig_at "secure set:0" "secure delete:0"; or __sdconfig_in "secure get"' \
+    -a '(__sdconfig_keys secure)'
 complete -c sdconfig -n '__sdconfig_at "policy set:0" "policy get:0" "policy delete:0" "policy strong:0"' \
     -a '(__sdconfig_keys policy)'
-complete -c sdconfig -n '__sdconfig_at explain:0; or __sdconfig_in watch' -a '(__sdconfig_keys "secure|policy")'
+complete -c sdconfig -n '__sdconfig_in "secure exec"' -a '(__sdconfig_keys secure | string replace -r \'$\' =)'
+complete -c sdconfig -n '__sdconfig_at explain:0; or __sdconfig_in watch list' -a '(__sdconfig_keys "secure|policy")'
 complete -c sdconfig -n '__sdconfig_at "policy export:0" "policy apply:0" backup:0 restore:0' -F
 complete -c sdconfig -n '__sdconfig_at upgrade:0 check:0 backup:1 restore:1' -a '(__fish_complete_directories)'
 
 complete -c sdconfig -n '__sdconfig_in get' -l local -d 'Read the build.prop files in this process'
+complete -c sdconfig -n '__sdconfig_in get "secure get"' -l default -x -d 'Print it instead of what is unset'
 complete -c sdconfig -n '__sdconfig_in get explain' -l product-dir -xa '(__fish_complete_directories)' \
     -d 'The data folder of the product'
 complete -c sdconfig -n '__sdconfig_in explain list doctor "policy list" "policy export" "policy apply"' -l data-dir \

@@ -122,7 +122,13 @@ TEST_F(CliTest, SecureValuesConstantsAndSignatures) {
     EXPECT_EQ(object(cli({"secure", "get", "token", "--json"})),
               json::parse(R"({"key":"token","set":true,"value":"line 1\nline 2\n"})"));
 
-    expectError(cli({"secure", "set", "token"}, std::string("half\0value", 10)), kUsage, "zero byte");
+    expectOut(cli({"secure", "set", "dash", "-"}, "from a pipe\n"), "");
+    expectOut(cli({"secure", "get", "dash"}), "from a pipe\n");
+    expectOut(cli({"secure", "set", "dash", "--", "-"}), "");
+    expectOut(cli({"secure", "get", "dash"}), "-\n");
+
+    expectError(cli({"secure", "set", "token"}, std::string("half\0value", 10)), kUsage,
+                "zero byte, which can't be stored; nothing was changed; encode it");
     expectError(cli({"secure", "set", "token"}), kUsage, "nothing came on standard input");
     expectError(cli({"secure", "set", "token"}, std::string((16 << 20) + 2, 'x')), kUsage, "longer than 16 MiB");
     expectOut(cli({"secure", "get", "token"}), "line 1\nline 2\n\n");
@@ -134,13 +140,102 @@ TEST_F(CliTest, SecureValuesConstantsAndSignatures) {
     }
     expectOut(cli({"secure", "delete", "token"}), "");
     expectOut(cli({"secure", "delete", "token"}), "");
-    expectError(cli({"secure", "get", "token"}), kRefused, "not set");
+    expectError(cli({"secure", "get", "my token"}), kRefused,
+                "not set, or set to nothing; give it a value with: sdconfig secure set 'my token'\n");
     expectOut(cli({"const", "region"}), "north\n");
     expectError(cli({"const", "planet"}), kRefused, "no such constant");
     expectOut(cli({"sign", "some text"}), "some text\n");
     EXPECT_EQ(object(cli({"sign", "x", "--json"})), json::parse(R"({"signature":"x"})"));
     expectOut(cli({"verify", "some text", "some text"}), "valid\n");
     EXPECT_THAT(cli({"-v", "secure", "get", "k"}).err, HasSubstr("5 sdconfig: sdconfig_sdbus GetInstance("));
+}
+
+TEST_F(CliTest, SeveralKeysAndPatterns) {
+    writeFile(path("etc/build.prop"), "a.one=1\na.two=2\nb=3\nro.sd.build.version=7\n");
+    const Process service = startService();
+    cli({"set", "a.two", "two\nlines"});
+    cli({"set", "a.later", "x"});
+    cli({"delete", "b"});
+    expectOut(cli({"get", "b", "a.later", "--default", "none"}), "b=none\na.later=x\n");
+    expectOut(cli({"get", "b", "--default", ""}), "\n");
+    expectError(cli({"get", "a.one", "b"}), kRefused, "get \"b\": not set", "a.one=1\n");
+    expectError(cli({"get", "a.*"}), kDone, "not listed", "a.one=1\na.two=two\\x0alines\n");
+    EXPECT_THAT(cli({"get"}).out,
+                AllOf(HasSubstr("a.one=1\n"), HasSubstr("ro.sd.build.version=7\n"), Not(HasSubstr("b="))));
+    expectOut(cli({"get", "b*", "--local", "--product-dir", path("product")}), "b=3\n");
+    expectOut(cli({"secure", "set", "k", "v"}), "");
+    const Result objects = cli({"secure", "get", "k", "none", "--json"});
+    EXPECT_EQ(objects.exitCode, kRefused);
+    EXPECT_EQ(objects.out,
+              "{\"key\":\"k\",\"set\":true,\"value\":\"v\"}\n{\"key\":\"none\",\"set\":false,\"value\":null}\n");
+    cli({"policy", "set", "Kite", "x", "6"});
+    expectOut(cli({"list", "k*"}), "secure\tk\npolicy\tKite\n");
+    expectOut(cli({"list", "kite"}), "policy\tKite\n");
+}
+
+TEST_F(CliTest, RunsAProgramWithSecrets) {
+    const Process service = startService();
+    cli({"secure", "set", "a=b", "first"});
+    cli({"secure", "set", "two", "gr\xc3\xbcn"});
+    expectOut(
+        cli({"secure", "exec", "a=b=ONE", "two=TWO", "--", "sh", "-c", "echo $ONE $TWO $@", "sh", "--json", "--", "["}),
+        "first gr\xc3\xbcn --json -- [\n");
+    EXPECT_EQ(cli({"secure", "exec", "two=TWO", "--", "sh", "-c", "exit 9"}).exitCode, 9);
+    expectError(cli({"secure", "exec", "two=TWO", "none=X", "--", "touch", path("run")}), kRefused,
+                "\"none\": not set");
+    expectError(cli({"secure", "exec", "two=TWO", "--", "/nowhere"}), 127, "No such file");
+    expectError(cli({"secure", "exec", "two=TWO", "--", path("etc")}), 126, "Permission denied");
+    expectError(cli({"secure", "exec", "two=2", "--", "true"}), kUsage, "name of a variable");
+    expectError(cli({"secure", "exec", "two=TWO"}), kUsage, "a program is missing");
+}
+
+TEST_F(CliTest, SuccessesThatHideSomethingSaySo) {
+    writeFile(path("etc/build.prop"), "theme=dark\n");
+    const Process service = startService();
+    expectError(cli({"policy", "set", "theme", "light", "6"}), kDone, "policies govern secure values, not properties");
+    expectOut(cli({"policy", "set", "k", "weak", "5"}), "");
+    expectOut(cli({"secure", "set", "k", ""}), "");
+    expectError(cli({"secure", "delete", "k"}), kDone, "hid the policy of priority 5, which is in force now");
+    expectOut(cli({"secure", "get", "k"}), "weak\n");
+    EXPECT_EQ(query(path("data/sdconfig.db"), "SELECT count(*) FROM secure_v3 WHERE key = 'k'")[0][0], "0");
+    expectOut(cli({"policy", "set", "k", "strong", "6"}), "");
+    expectError(cli({"secure", "set", "k", "mine"}), kDone, "above priority 5 overrides what was set");
+}
+
+TEST_F(CliTest, WhatActsOnATerminalIsEscapedThereAlone) {
+    const Process service = startService();
+    const std::string value = "\x1b[2J \xc2\x9b \xe2\x80\xae \xff gr\xc3\xbcn";
+    const std::string escaped = "\\x1b[2J \\xc2\\x9b \\xe2\\x80\\xae \\xff gr\xc3\xbcn";
+    for (const char* key : {"k", "\x1bk"}) cli({"secure", "set", key, value});
+    cli({"policy", "set", "\x1bk", "p\x7f", "3"});
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{"secure", "get", "k"}, value + "\n"},
+        {{"secure", "get", "k", "\x1bk"}, "k=" + value + "\n\x1bk=" + value + "\n"},
+        {{"list", "k", "\x1bk", "--show"},
+         "secure\t\x1bk\t" + value + "\nsecure\tk\t" + value + "\npolicy\t\x1bk\t3\tp\x7f\n"},
+        {{"policy", "list"}, "\x1bk\t3\tp\x7f\thidden by a local value\n"},
+    };
+    for (const auto& [arguments, out] : cases) {
+        EXPECT_EQ(cli(arguments).out, out);
+        TerminalProcess terminal(cliCommand(arguments), environment());
+        EXPECT_EQ(terminal.wait(), kDone);
+        EXPECT_THAT(terminal.screen(), AllOf(Not(HasSubstr("\x1b")), Not(HasSubstr("\x7f")), Not(HasSubstr("\xff"))));
+    }
+    TerminalProcess terminal(cliCommand({"explain", "k", "--show"}), environment());
+    EXPECT_TRUE(terminal.waitForScreen("\"" + escaped + "\""));
+    EXPECT_THAT(cli({"secure", "get", "k\xc2\x9b\xff"}).err, HasSubstr("\"k\\xc2\\x9b\\xff\""));
+    EXPECT_THAT(cli({"get", "k\x7f", "--json"}).out, HasSubstr("\"k\\u007f\""));
+}
+
+TEST_F(CliTest, ActsForAnotherUserAsRootAlone) {
+    if (::geteuid() != 0)
+        return expectError(cli({"--user", "nobody", "status"}), kRefused, "only root may act as another");
+    ASSERT_EQ(::chown(path("run").c_str(), 65534, 65534), 0);
+    expectError(cli({"status"}), kNoService,
+                "run belongs to user 65534, not to user 0); use the service of that user with: sdconfig --user nobody",
+                "not running\n");
+    EXPECT_THAT(cli({"status", "--user", "nobody"}).err, HasSubstr("nothing listens on /tmp/sdbus-65534/sdconfig, "));
+    expectError(cli({"--user", "no one", "status"}), kUsage, "no such user");
 }
 
 TEST_F(CliTest, StatusFollowsTheService) {
@@ -241,8 +336,11 @@ TEST_F(CliTest, WrongUseIsOneLineThatSaysWhatToDo) {
         const char* told;
     } cases[] = {
         {{}, "sdconfig --help"},
-        {{"secure", "sett", "k"}, "no command \"sett\""},
-        {{"get"}, "KEY is required; see: sdconfig get --help"},
+        {{"secure", "sett", "k"},
+         "no command \"sett\"; did you mean: sdconfig secure set? see: sdconfig secure --help"},
+        {{"apply", "f"}, "did you mean: sdconfig policy apply?"},
+        {{"help", "polcy"}, "did you mean: sdconfig policy?"},
+        {{"delete"}, "KEY is required; see: sdconfig delete --help"},
         {{"get", ""}, "KEY is empty"},
         {{"set", "k"}, "VALUE is required"},
         {{"set", "k", "two", "words"}, "quotation marks"},
@@ -268,6 +366,8 @@ TEST_F(CliTest, WrongUseIsOneLineThatSaysWhatToDo) {
         EXPECT_THAT(result.err, Not(HasSubstr("secret")));
     }
     EXPECT_THAT(cli({"secure", "set", "--help"}).out, HasSubstr("visible to every user"));
+    expectOut(cli({"help", "secure", "set"}), cli({"secure", "set", "--help"}).out);
+    expectOut(cli({"help"}), cli({"--help"}).out);
     EXPECT_THAT(cli({"restore", "--help"}).out, HasSubstr("\nExample: sdconfig restore "));
     EXPECT_THAT(shell("$CLI --help >/dev/full"), AllOf(StartsWith("1 sdconfig: "), HasSubstr("No space left")));
     EXPECT_THAT(cli({"--version"}).out, StartsWith("sdconfig "));

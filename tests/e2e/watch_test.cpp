@@ -73,6 +73,19 @@ TEST_F(WatchTest, PrintsEveryChangeUntilItIsInterrupted) {
     EXPECT_EQ(run({"sh", "-c", "exec " SDCONFIG_CLI " watch $(seq 123)"}, environment()).exitCode, 2);
 }
 
+TEST_F(WatchTest, APatternTakesKeysThatComeLater) {
+    Process service = startService();
+    for (int i = 0; i < 125; ++i) client().SetSecure("many." + std::to_string(i), "1");  // more than one call takes
+    Process process = watch({"k.*", "many.*"});
+    cli({"secure", "set", "other", "1"});
+    cli({"secure", "set", "k.new", "1"});
+    expectOut(process, "k.new 1\n");
+    cli({"policy", "set", "k.new", "2", "6"});
+    cli({"secure", "set", "many.99", "2"});
+    expectOut(process, "k.new 1\nk.new 2\nmany.99 2\n");
+    expectEnds(process, SIGINT);
+}
+
 TEST_F(WatchTest, OutlivesAKilledServiceAndMissesNothing) {
     Process service = startService();
     Process first = watch({"k", "other"});
