@@ -10,7 +10,8 @@ namespace sd {
 
 // Sealing is AES-256-GCM with a fresh random nonce a value, under the current key of a key ring: one file,
 // "sdsecurity.keys", that the first seal makes. docs/security.md tells the formats and what they protect against.
-// All operations may be called from any thread; none throws.
+// All operations may be called from any thread; none throws. A child that is forked off a process with threads leaves
+// them alone, as it does the stores, until it has called exec(): it asks the service like any other process.
 class SDSECURITY_API SDSecurity {
 public:
     // The process's one instance. It is never destroyed, so static destructors may still use it.
