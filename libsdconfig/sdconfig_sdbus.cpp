@@ -75,8 +75,12 @@ private:
 };
 
 SDConfigClient::Process* SDConfigClient::Process::sCurrent = [] {
-    (void)::pthread_atfork([] { sCurrent->mGuard.lock(); }, [] { sCurrent->mGuard.unlock(); },
-                           [] { sCurrent = new Process(sCurrent); });
+    const auto release = [] { sCurrent->mGuard.unlock(); };
+    const auto beginAnew = [] {
+        sCurrent->mGuard.unlock();
+        sCurrent = new Process(sCurrent);
+    };
+    (void)::pthread_atfork([] { sCurrent->mGuard.lock(); }, release, beginAnew);
     return new Process;
 }();
 
@@ -85,7 +89,7 @@ std::shared_ptr<SDConfigClient> SDConfigClient::GetInstance() {
 }
 
 std::shared_ptr<SDConfigClient> SDConfigClient::Process::get() {
-    std::shared_ptr<SDConfigClient> client;  // goes after the lock, where it goes
+    std::shared_ptr<SDConfigClient> client;  // outlives the lock: to destroy it takes a while
     std::unique_lock lock(mGuard);
     if (mReady || mEnded) return mReady ? mClient : nullptr;
     if (mConnecting == std::this_thread::get_id()) return nullptr;  // a log sink that calls from inside
