@@ -83,7 +83,7 @@ std::string shellWord(const std::string& text) {
     const auto plain = [](unsigned char c) { return std::isalnum(c) || c >= 0x80 || std::strchr("/._-+:,@%=", c); };
     const bool visible = escaped(text) == text;
     if (!text.empty() && visible && std::all_of(text.begin(), text.end(), plain)) return text;
-    std::string word = visible ? "'" : "$'";  // in the latter "\\x0a" is a newline
+    std::string word = visible ? "'" : "$'";  // in the latter "\x0a" is a newline
     for (const char c : text) {
         if (c == '\'')
             word += visible ? "'\\''" : "\\'";
