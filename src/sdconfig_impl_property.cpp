@@ -4,8 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -26,6 +28,14 @@ constexpr char kSource[] = "src/sdconfig_impl";
 
 constexpr int kSlowPropertyMs = 301;
 constexpr size_t kLineBuffer = 1024;
+constexpr char kLastFile[] = "/velmar/etc/build.prop";
+
+int sAbsentFileLevel = 7;
+
+// Of a file that could not be read. `level`: of the line where it is there.
+int levelFor(const std::string& path, int level = 7) {
+    return ::access(path.c_str(), F_OK) != 0 && errno == ENOENT ? std::min(level, sAbsentFileLevel) : level;
+}
 
 struct CloseFile {
     void operator()(std::FILE* file) const { std::fclose(file); }
@@ -79,29 +89,34 @@ SDPropertyInf* SDPropertyInf::GetInstance() {
 SDPropertyInf::SDPropertyInf() {
     LOG(5, AT "init property data", HERE);
     mBuildFile = SDConfig::getVelmarDataPath();
-    if (!initProperties()) LOG(7, AT "failed to init properties", HERE);
+    if (!initProperties()) LOG(levelFor(kLastFile), AT "failed to init properties", HERE);
+}
+
+void SDPropertyInf::SetAbsentFileLevel(int level) {
+    sAbsentFileLevel = level;
 }
 
 bool SDPropertyInf::initProperties() {
     if (!mBuildFile.empty()) {
         mBuildFile += "/../etc/build.prop";
-        if (!readPropertyFile(mBuildFile)) LOG(6, AT "failed to init properties from %s", HERE, mBuildFile.c_str());
+        if (!readPropertyFile(mBuildFile))
+            LOG(levelFor(mBuildFile, 6), AT "failed to init properties from %s", HERE, mBuildFile.c_str());
     }
     readPropertyFile("/etc/build.prop");
-    return readPropertyFile("/velmar/etc/build.prop");
+    return readPropertyFile(kLastFile);
 }
 
 bool SDPropertyInf::readPropertyFile(std::string path) {
     std::string unused;
-    const bool read = fileOperate(std::move(path), true, unused, "");
-    if (!read) LOG(7, AT "readPropertyFile failed", HERE);
+    const bool read = fileOperate(path, true, unused, "");
+    if (!read) LOG(levelFor(path), AT "readPropertyFile failed", HERE);
     return read;
 }
 
 bool SDPropertyInf::fileOperate(std::string path, bool load, std::string& value, std::string key) {
     const File file = openRegularFile(path);
     if (!file) {
-        LOG(7, AT "can not find filename %s", HERE, path.c_str());
+        LOG(levelFor(path), AT "can not find filename %s", HERE, path.c_str());
         return false;
     }
     char line[kLineBuffer];
@@ -123,7 +138,7 @@ std::string SDPropertyInf::GetProperty(const std::string& key) {
     const Stopwatch watch;
     if (isSpecialKeyInBuildProp(key)) {
         std::string value;
-        if (!fileOperate(mBuildFile, false, value, key)) LOG(7, AT "fileOperate failed", HERE);
+        if (!fileOperate(mBuildFile, false, value, key)) LOG(levelFor(mBuildFile), AT "fileOperate failed", HERE);
         if (const int ms = watch.elapsedMs(); ms >= kSlowPropertyMs)
             LOG(6, AT "GetProperty in prop %s takes %d ms", HERE, key.c_str(), ms);
         return value;

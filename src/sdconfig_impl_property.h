@@ -24,6 +24,10 @@ public:
 
     SDPropertyInf();
 
+    // The level of the lines about build.prop files that aren't there, 7 untold: for a host that knows that there are
+    // none. Before the first use.
+    static void SetAbsentFileLevel(int level);
+
     // The value of the key, or "". The three keys of isSpecialKeyInBuildProp are read from the first file every time,
     // so that an update of the product shows at once.
     std::string GetProperty(const std::string& key);

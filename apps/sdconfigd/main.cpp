@@ -2,6 +2,7 @@
 #include <malloc.h>
 #include <sys/stat.h>
 #include <systemd/sd-daemon.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <QTextCodec>
@@ -28,6 +29,7 @@
 #include "platform/sdbus/sdbus.h"
 #include "platform/sdsecurity/sdsecurity.h"
 #include "platform/velmarlog/velmarlog.h"
+#include "src/sdconfig_impl_property.h"
 #include "src/sdconfig_protocol.h"
 #include "src/sdconfig_service_sdbus.h"
 
@@ -99,6 +101,22 @@ std::string upgrade(const std::string& dataDir) {
     return "";
 }
 
+// Returns a line for a person, or "".
+std::string useProduct(const std::string& folder) {
+    if (folder.empty()) return "";
+    const std::filesystem::path product = std::filesystem::absolute(folder);
+    std::error_code failure;
+    if (!std::filesystem::is_directory(product, failure)) return "--product-dir names no folder: " + product.string();
+    sd::SDConfig::setVelmarDataPath(product);
+    return "";
+}
+
+bool mayHaveBuildProp() {
+    const auto isThere = [](const char* file) { return ::access(file, F_OK) == 0; };
+    return !sd::SDConfig::getVelmarDataPath().empty() || isThere("/etc/build.prop") ||
+           isThere("/velmar/etc/build.prop");
+}
+
 // Tells the library and the layers below it where everything is, and takes the data folder. Returns a line for a
 // person, or "".
 std::string prepare(const Options& options, apps::DataFolderLock& lock) {
@@ -106,6 +124,7 @@ std::string prepare(const Options& options, apps::DataFolderLock& lock) {
     if (!options.constants.empty())
         if (std::string problem = readConstantsFile(options.constants, constants); !problem.empty()) return problem;
 
+    if (std::string problem = useProduct(options.productDir); !problem.empty()) return problem;
     const std::string dataDir = std::filesystem::absolute(options.dataDir).lexically_normal();
     sd::SDConfig::setDataPath(dataDir);
     if (sd::SDConfig::getDataPathUtf8() != dataDir) return "the path of the data folder is not valid UTF-8";
@@ -121,7 +140,6 @@ std::string prepare(const Options& options, apps::DataFolderLock& lock) {
     if (const auto used = apps::keyUseFinding(dataDir)) tell(used->what + ": " + used->next);
     if (options.upgrade)
         if (std::string problem = upgrade(dataDir); !problem.empty()) return problem;
-    if (!options.productDir.empty()) sd::SDConfig::setVelmarDataPath(std::filesystem::absolute(options.productDir));
     return "";
 }
 
@@ -152,11 +170,15 @@ int serve(const sigset_t& endSignals) {
     SDBusSerivceManager& bus = *SDBusSerivceManager::initSync(-1);
     sd::SDConfigService* const service = sd::SDConfigService::GetInstance();
     if (const std::string problem = checkTables(sd::SDConfig::getDataPath()); !problem.empty()) return fail(problem);
+    const bool buildProp = mayHaveBuildProp();
+    // Each client asks for the product's version at its start, and error lines would tell each time what is told below.
+    if (!buildProp) sd::SDPropertyInf::SetAbsentFileLevel(5);
     service->Start();
     if (const std::string problem = bus.registrationFailure(kName); !problem.empty()) return fail(problem);
 
     sd_notify(0, "READY=1");
     tell("ready on " + bus.socketPath(kName) + ", data in " + sd::SDConfig::getDataPath());
+    if (!buildProp) tell("there is no build.prop, so the product's properties are unset; see --product-dir");
     ::malloc_trim(0);  // the stores held all their keys for a moment, to count them
     waitForEnd(endSignals);
     sd_notify(0, "STOPPING=1");

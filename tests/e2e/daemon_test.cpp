@@ -168,6 +168,17 @@ TEST_F(DaemonTest, RefusesWhatItCannotServe) {
     EXPECT_THAT(wrong.err, HasSubstr("see sdconfigd --help"));
 }
 
+TEST_F(DaemonTest, TellsOnceThatThereIsNoBuildProp) {
+    expectRefusal("--product-dir names no folder: " + path("nowhere"), {"--product-dir", path("nowhere")});
+    for (const char* file : {"/etc/build.prop", "/velmar/etc/build.prop"})
+        if (std::filesystem::exists(file)) GTEST_SKIP() << "this machine has " << file;
+    Process service = Process::start({SDCONFIGD, "--data-dir", path("data")}, environment());
+    ASSERT_TRUE(service.waitForErr("sdconfigd: ready on "));
+    EXPECT_EQ(cli({"secure", "set", "k", "v"}).exitCode, 0);
+    EXPECT_TRUE(service.waitForErr("there is no build.prop"));
+    EXPECT_THAT(service.err(), ::testing::Not(HasSubstr(" E ")));
+}
+
 TEST_F(DaemonTest, AFullDiskCostsNothingAndIsTold) {
     if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
         GTEST_SKIP() << "a small disk of one's own takes a privilege";
