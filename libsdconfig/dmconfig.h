@@ -37,7 +37,8 @@ public:
 
     static DMConfig* GetInstance();
 
-    // Sets a policy: a map of one entry, the value to its priority. False, with nothing sent, for any other map.
+    // Sets a policy: a map of one entry, the value to its priority. False, with nothing sent, for any other map. URIs
+    // and values have the limits of secure values (sdconfig.h).
     bool SetPolicyWithUri(const std::string& uri, const PolicyMap& policy);
 
     // Sets a list of policies, each a map of one entry. Returns whether the last one was stored.

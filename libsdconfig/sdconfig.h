@@ -26,7 +26,8 @@ public:
     static SDConfig* GetInstance();
 
     // Plain properties: what the build.prop files define, and what was set since the service started. Keys compare
-    // exactly. Keys that begin with "ro." can be given a value once, while they read as empty, and never be deleted.
+    // exactly. Keys that begin with "ro." can be given a value once, while they read as empty, and never be deleted. A
+    // key is at most 64 KiB long, a value 16 MiB; setting longer ones is refused, with a line in the service's log.
     // local: read the build.prop files in this process, without the service; it works while the service is down.
     std::string GetProperty(const std::string& key, bool local = false);
     bool SetProperty(const std::string& key, const std::string& value);
@@ -39,7 +40,8 @@ public:
     // Secure values, sealed at rest. Keys compare without regard to letter case. A value is read as Latin-1 up to its
     // first zero byte and kept as UTF-8: ASCII comes back as it was, every other byte as two; textAsSet
     // (libsdconfig/sdconfig_text.h) makes one of them again. A policy of a priority above 5 hides the stored value. An
-    // empty value and an absent key read the same.
+    // empty value and an absent key read the same. The limits are those of properties, of a
+    // value for what stands before its first zero byte; a key that holds a zero byte is refused, too.
     bool SetSecure(const std::string& key, const std::string& value);
     std::string GetSecure(const std::string& key);
     bool DeleteSecure(const std::string& key);  // deleting an absent key succeeds

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstring>
 #include <optional>
 #include <string>
 
@@ -21,8 +22,8 @@ inline bool holdsZeroByte(const std::string& key) {
     return key.find('\0') != std::string::npos;
 }
 
-// The longest key and value that are kept. The service has one thread, and all clients wait while it seals, stores and
-// reads back a value: 16 MiB take it a second.
+// The longest key and value that are kept; of a value counts what stands before its first zero byte. The service has
+// one thread, and all clients wait while it seals, stores and reads back a value: 16 MiB take it a second.
 inline constexpr std::size_t kKeyBytesMax = std::size_t{64} << 10;
 inline constexpr std::size_t kValueBytesMax = std::size_t{16} << 20;
 
@@ -30,7 +31,7 @@ inline constexpr std::size_t kValueBytesMax = std::size_t{16} << 20;
 inline const char* keepingProblem(const std::string& key, const std::string& value) {
     if (holdsZeroByte(key)) return "holds a zero byte";
     if (key.size() > kKeyBytesMax) return "is longer than 64 KiB";
-    return value.size() > kValueBytesMax ? "has a value longer than 16 MiB" : nullptr;
+    return std::strlen(value.c_str()) > kValueBytesMax ? "has a value longer than 16 MiB" : nullptr;
 }
 
 // Reads the bytes up to the first zero byte as Latin-1 and returns them as UTF-8.

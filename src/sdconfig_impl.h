@@ -70,7 +70,7 @@ public:
 
     // Stamps the file with the current version while secure_v3 is empty.
     bool upgradeDB();
-    bool isNewInstall();  // whether secure_v3 is empty
+    bool isNewInstall();  // whether secure_v3 is empty, or can't be read
     std::string getDBVersion(data::SQLiteTable& table);
     bool setDBVersion(data::SQLiteTable& table, std::string version);  // in place of the old one, in one commit
 

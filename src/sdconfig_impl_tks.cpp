@@ -1,5 +1,6 @@
 #include "src/sdconfig_impl_tks.h"
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdlib>
@@ -9,6 +10,7 @@
 
 #include "platform/velmarlog/log_line.h"
 #include "sdtks/sdtks.h"
+#include "src/sdconfig_helpers.h"
 #include "src/sdconfig_key_value_table.h"
 #include "src/sdconfig_legacy_piece.h"
 
@@ -26,9 +28,82 @@ constexpr std::size_t kPieceSize = 32;
 constexpr std::size_t kPieceBuffer = 256;
 constexpr std::size_t kBuiltInBuffer = 128;
 
+// How far a copy came. What can't be kept does not keep the rest from being copied; a store that fails does.
+enum class Copied { All, WhatCanBeKept, NotAll };
+
 // 0 for what is no number.
 long versionNumber(const std::string& version) {
     return std::strtol(version.c_str(), nullptr, 10);
+}
+
+bool keysToCopy(data::SQLiteTable& table, const char* caller, std::vector<std::string>& keys) {
+    if (!key_value::keys(table, keys)) {
+        LOG(7, AT "upgrade failed, get keyList error", HERE_AS(caller));
+        return false;
+    }
+    for (const std::string& key : keys) LOG(5, AT "key = %s", HERE_AS(caller), key.c_str());
+    return true;
+}
+
+// source: the key of the row that the log names.
+Copied copyValue(SDConfigImplTKS& store, const std::string& key, const std::string& value, const char* caller,
+                 const std::string& source) {
+    if (store.SetSecure_v3(key, value)) return Copied::All;
+    LOG(7, AT "upgrade failed, key = %s", HERE_AS(caller), source.c_str());
+    return keepingProblem(key, value) ? Copied::WhatCanBeKept : Copied::NotAll;
+}
+
+Copied copySettings(SDConfigImplTKS& store, data::SQLiteTable& config) {
+    constexpr char kCaller[] = "upgradeConfig_to3";
+    LOG(5, AT "upgrade config to 3.", HERE_AS(kCaller));
+    std::vector<std::string> keys;
+    if (!keysToCopy(config, kCaller, keys)) return Copied::NotAll;
+    Copied result = Copied::All;
+    for (const std::string& key : keys) {
+        result = std::max(result, copyValue(store, key, store.GetConfig_v2(key), kCaller, key));
+        if (result == Copied::NotAll) break;
+    }
+    return result;
+}
+
+Copied copySecureValues(SDConfigImplTKS& store, const std::vector<std::string>& keys) {
+    constexpr char kCaller[] = "upgradeSecure_to3";
+    Copied result = Copied::All;
+    std::set<std::string> handled;
+    for (const std::string& key : keys) {
+        LOG(5, AT "before strip key = %s", HERE_AS(kCaller), key.c_str());
+        const std::size_t at = key.find('@');
+        if (at == std::string::npos) {
+            LOG(6, AT "key %s, format is not right", HERE_AS(kCaller), key.c_str());
+            continue;
+        }
+        const std::string name = key.substr(0, at);
+        if (!handled.insert(name).second) continue;
+        const std::string value = store.SDTksGetSecure(name);
+        if (value.empty()) LOG(6, AT "key = %s, value is empty", HERE_AS(kCaller), key.c_str());
+        result = std::max(result, copyValue(store, name, value, kCaller, key));
+        if (result == Copied::NotAll) break;
+    }
+    return result;
+}
+
+// The client's identifier decides where there is one: that it could be copied makes up for a value that could not.
+bool copyClientId(SDConfigImplTKS& store, bool result) {
+    constexpr char kCaller[] = "upgradeSecure_to3";
+    const std::string value = store.GetConfig_v2(kClientId);
+    if (value.empty()) return result;
+    // Those who read logs know the line by these words, though the value is anything but empty.
+    LOG(6, AT "velmar.client.id's value is empty", HERE_AS(kCaller));
+    if (store.SetSecure_v3(kClientId, value)) return true;
+    LOG(7, AT "upgrade failed, key = velmar.client.id", HERE_AS(kCaller));
+    return false;
+}
+
+// The secure values follow the settings unless the store itself failed.
+bool copyEverything(SDConfigImplTKS& store, data::SQLiteTable& config) {
+    const Copied settings = copySettings(store, config);
+    const bool secure = settings != Copied::NotAll && store.upgradeSecure_to3();
+    return secure && settings == Copied::All;
 }
 
 }  // namespace
@@ -60,7 +135,9 @@ bool SDConfigImplTKS::upgradeDB() {
     } else {
         LOG(5, AT "latestDBVersion=%s, upgradeDbVersion=%s", HERE, mLatestVersion.c_str(), version.c_str());
         LOG(5, AT "upgrade from 1 to 3", HERE);
-        result = copyEverything() && setDBVersion(mDbInforTable, mLatestVersion);
+        const bool copied = copyEverything(*this, mConfigTable);
+        if (!copied) LOG(7, AT "upgrade from 1 to 3 failed", HERE);
+        result = copied && setDBVersion(mDbInforTable, mLatestVersion);
     }
     const std::chrono::duration<double> elapsed = std::chrono::system_clock::now() - start;
     LOG(5, AT "upgradeDB takes %.4lf s", HERE, elapsed.count());
@@ -68,71 +145,15 @@ bool SDConfigImplTKS::upgradeDB() {
     return result;
 }
 
-bool SDConfigImplTKS::copyEverything() {
-    const bool copied = upgradeConfig_to3() && upgradeSecure_to3();
-    if (!copied) LOG(7, AT "upgrade from 1 to 3 failed", HERE_AS("upgradeDB"));
-    return copied;
-}
-
-bool SDConfigImplTKS::keysToCopy(data::SQLiteTable& table, const char* caller, std::vector<std::string>& keys) {
-    if (!key_value::keys(table, keys)) {
-        LOG(7, AT "upgrade failed, get keyList error", HERE_AS(caller));
-        return false;
-    }
-    for (const std::string& key : keys) LOG(5, AT "key = %s", HERE_AS(caller), key.c_str());
-    return true;
-}
-
 bool SDConfigImplTKS::upgradeConfig_to3() {
-    LOG(5, AT "upgrade config to 3.", HERE);
-    std::vector<std::string> keys;
-    if (!keysToCopy(mConfigTable, __func__, keys)) return false;
-    for (const std::string& key : keys) {
-        if (SetSecure_v3(key, GetConfig_v2(key))) continue;
-        LOG(7, AT "upgrade failed, key = %s", HERE, key.c_str());
-        return false;
-    }
-    return true;
+    return copySettings(*this, mConfigTable) == Copied::All;
 }
 
 bool SDConfigImplTKS::upgradeSecure_to3() {
     LOG(5, AT "upgrade secure to 3.", HERE);
     std::vector<std::string> keys;
     if (!keysToCopy(mSecureTable, __func__, keys)) return false;
-    return copyClientId(copySecureValues(keys));
-}
-
-bool SDConfigImplTKS::copySecureValues(const std::vector<std::string>& keys) {
-    constexpr char kCaller[] = "upgradeSecure_to3";
-    std::set<std::string> handled;
-    for (const std::string& key : keys) {
-        LOG(5, AT "before strip key = %s", HERE_AS(kCaller), key.c_str());
-        const std::size_t at = key.find('@');
-        if (at == std::string::npos) {
-            LOG(6, AT "key %s, format is not right", HERE_AS(kCaller), key.c_str());
-            continue;
-        }
-        const std::string name = key.substr(0, at);
-        if (!handled.insert(name).second) continue;
-        const std::string value = SDTksGetSecure(name);
-        if (value.empty()) LOG(6, AT "key = %s, value is empty", HERE_AS(kCaller), key.c_str());
-        if (SetSecure_v3(name, value)) continue;
-        LOG(7, AT "upgrade failed, key = %s", HERE_AS(kCaller), key.c_str());
-        return false;
-    }
-    return true;
-}
-
-// The client's identifier decides where there is one: that it could be copied makes up for a value that could not.
-bool SDConfigImplTKS::copyClientId(bool result) {
-    constexpr char kCaller[] = "upgradeSecure_to3";
-    const std::string value = GetConfig_v2(kClientId);
-    if (value.empty()) return result;
-    // Those who read logs know the line by these words, though the value is anything but empty.
-    LOG(6, AT "velmar.client.id's value is empty", HERE_AS(kCaller));
-    if (SetSecure_v3(kClientId, value)) return true;
-    LOG(7, AT "upgrade failed, key = velmar.client.id", HERE_AS(kCaller));
-    return false;
+    return copyClientId(*this, copySecureValues(*this, keys) == Copied::All);
 }
 
 std::string SDConfigImplTKS::GetConfig_v2(const std::string& key) {

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <string>
-#include <vector>
 
 #include "libsdconfig/sdconfig_export.h"
 #include "src/sdconfig_impl.h"
@@ -22,17 +21,20 @@ public:
     explicit SDConfigImplTKS(const std::string& dbPath);
     ~SDConfigImplTKS();
 
-    // Whether config, secure and secure_v3 are all empty.
+    // Whether config, secure and secure_v3 are all empty, or can't be read.
     bool isNewInstall();
 
     // Stamps a new install. Copies everything where the file's version is below the current one, and then stamps it.
-    // False when a row could not be copied or the file not be stamped: the version is as it was then, rows that were
-    // copied stay, and the next start tries again. config and secure keep all their rows. One at a time in a process.
+    // False when a row could not be copied (but see upgradeSecure_to3) or the file not be stamped: the version is as it
+    // was then, rows that were copied stay, and the next start tries again. config and secure keep all their rows. One
+    // at a time in a process.
     bool upgradeDB();
 
-    // Copy all settings, or all values of the secure table and the client's identifier, into secure_v3, where they
-    // replace rows of the same key. False at the first row that can't be read or stored; the second is true all the
-    // same when it could copy an identifier.
+    // Copy all settings, or all values of the secure table and then the client's identifier, into secure_v3, where they
+    // replace rows of the same key. A row that can't be kept, for its key is longer than 64 KiB or its value than 16
+    // MiB, is logged and the others are copied; the first that can't be stored for another reason ends the copy. False
+    // in both cases; the second is true all the same when there is an identifier and it could be copied. A row that
+    // can't be read counts as an empty one.
     bool upgradeConfig_to3();
     bool upgradeSecure_to3();
 
@@ -54,12 +56,6 @@ public:
     // As the base class has them.
     std::string SignRequest(const std::string& request);
     bool VerifyRequest(const std::string& request, const std::string& signature);
-
-private:
-    bool copyEverything();
-    bool keysToCopy(data::SQLiteTable& table, const char* caller, std::vector<std::string>& keys);
-    bool copySecureValues(const std::vector<std::string>& keys);
-    bool copyClientId(bool result);
 };
 
 }  // namespace sd

@@ -26,10 +26,11 @@ bool remove(data::SQLiteTable& table, const std::string& key);
 bool replace(data::SQLiteTable& table, const std::string& key, const std::string& value,
              const std::function<void()>& removeOld);
 
-// Appends the keys of all rows, in the order of the rows. False when the table can't be read.
+// Appends the keys of all rows, in the order of the rows; a row that can't be read ends them. False when the table
+// can't be read at all.
 bool keys(data::SQLiteTable& table, std::vector<std::string>& result);
 
-// How many rows there are; 0 when the table can't be read.
+// How many rows there are, up to the first that can't be read; 0 when the table can't be read at all.
 std::size_t count(data::SQLiteTable& table);
 
 }  // namespace sd::key_value

@@ -18,7 +18,7 @@ bool SDConfigInterface::RegisterListener(const std::string& key, bool flag) {
 }
 
 void SDConfigInterface::countRegistration(const std::string& key, bool flag) {
-    if (key.size() > kKeyBytesMax) return;  // nothing of that name can change
+    if (key.size() > kKeyBytesMax) return;  // nothing of that name is ever kept
     ++mListenerCounts[key];
     mListenerFlags[key] = flag;
 }

@@ -19,8 +19,11 @@ public:
     // comes first and stamps such a file, so that the upgrade then leaves it alone.
     bool leftBehind() { return !isNewInstall() && SDConfigImpl::isNewInstall(); }
 
-    // The upgrade's copies, whatever the version says.
-    bool copyAll() { return upgradeConfig_to3() && upgradeSecure_to3() && setDBVersion(mDbInforTable, mLatestVersion); }
+    // The upgrade's copies, whatever the version says; the secure values also after settings that could not be copied.
+    bool copyAll() {
+        const bool settings = upgradeConfig_to3();
+        return upgradeSecure_to3() && settings && setDBVersion(mDbInforTable, mLatestVersion);
+    }
 
 private:
     static long number(const std::string& version) { return std::strtol(version.c_str(), nullptr, 10); }

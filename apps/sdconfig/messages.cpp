@@ -299,6 +299,13 @@ int upgradeFailed(const Request& request, const std::string& backup) {
                 "see why with -v, and repeat it with --force");
 }
 
+int rowsUnfit(const Request& request, std::size_t count, const std::string& backup) {
+    const std::string kept = backup.empty() ? "" : "; the database as it was is " + backup;
+    return fail(kRefused, attempt(request),
+                "keys or values that are too long to be kept: " + std::to_string(count) + kept,
+                "standard output names them: shorten or delete their rows, and repeat it");
+}
+
 int rowsLost(const Request& request, std::size_t count) {
     return fail(kRefused, attempt(request), "rows whose content can't be carried over: " + std::to_string(count),
                 "standard output names them, and upgrade.md (see \"man sdconfig\") the reasons; all others are fine");

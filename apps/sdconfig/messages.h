@@ -116,6 +116,7 @@ void noteLeftOut(std::size_t changes);
 int notUpgraded(const Request& request, const std::string& problem, const std::string& next);  // nothing was changed
 int upgradeNeedsForce(const Request& request);
 int upgradeFailed(const Request& request, const std::string& backup);
+int rowsUnfit(const Request& request, std::size_t count, const std::string& backup);  // backup: "" in a dry run
 int rowsLost(const Request& request, std::size_t count);
 void noteNotSealed(std::size_t count);
 

@@ -46,6 +46,7 @@ std::string textOf(const LegacyEntry& entry, bool copying) {
     if (entry.rows > 1) text += ", " + std::to_string(entry.rows) + " pieces";
     if (entry.replaces && copying) text += ", replaces what is sealed";
     if (!entry.replaces && !copying) text += ", not in secure_v3";
+    if (!entry.problem.empty()) return text + ", not carried over: it " + entry.problem + "\n";
     for (std::size_t i = 0; i < entry.lost.size(); ++i)
         text += (i == 0 ? ", not carried over: " : " ") + escaped(entry.lost[i]);
     return text + "\n";
@@ -60,6 +61,7 @@ std::string textOf(const std::string& title, const std::vector<LegacyEntry>& ent
 std::string conclusion(const Request& request, const UpgradePlan& plan, const Outcome& outcome) {
     if (plan.step == UpgradeStep::Nothing) return "nothing to do\n";
     if (plan.step == UpgradeStep::NeedsForce) return "";
+    if (request.dryRun && plan.unfit() > 0) return "all others would be copied\n";
     if (request.dryRun) return copies(plan.step) ? "would be copied and get version 3\n" : "would get version 3\n";
     return (outcome.backup.empty() ? "" : "kept a copy: " + outcome.backup + "\n") +
            (outcome.done ? "upgraded to version 3\n" : "");
@@ -120,6 +122,7 @@ bool carryOver(const std::string& database, UpgradeStep step) {
 int finish(const Request& request, const UpgradePlan& plan, const Outcome& outcome) {
     const int printed = print(request, report(request, plan, outcome), reportObject(request, plan, outcome));
     if (plan.step == UpgradeStep::NeedsForce) return upgradeNeedsForce(request);
+    if (copies(plan.step) && plan.unfit() > 0) return rowsUnfit(request, plan.unfit(), outcome.backup);
     if (!request.dryRun && !outcome.done) return upgradeFailed(request, outcome.backup);
     if (const std::size_t count = plan.missing(); plan.step == UpgradeStep::Nothing && count > 0) noteNotSealed(count);
     const std::size_t lost = copies(plan.step) ? plan.lostRows() : 0;

@@ -75,7 +75,8 @@ std::vector<std::string> lostPieces(const std::string& name, std::vector<std::st
 void planSettings(const std::vector<Row>& config, const Values& sealed, UpgradePlan& plan) {
     for (const auto& [key, value] : config) {
         LegacyEntry entry{key, 1, {}, sealed.count(key) > 0};
-        if (hasZeroByte(value)) entry.lost.push_back(key);
+        if (const char* const problem = sd::keepingProblem(key, value)) entry.problem = problem;
+        if (hasZeroByte(value) || !entry.problem.empty()) entry.lost.push_back(key);
         plan.settings.push_back(std::move(entry));
     }
 }
@@ -94,19 +95,20 @@ void planSecure(const std::vector<Row>& rows, const Values& sealed, UpgradePlan&
         if (ofName.empty()) names.push_back(row.key.substr(0, at));
         ofName.push_back(row.key);
     }
-    for (const std::string& name : names)
-        plan.secure.push_back({name, keys[name].size(), lostPieces(name, keys[name], secure), sealed.count(name) > 0});
+    for (const std::string& name : names) {
+        LegacyEntry entry{name, keys[name].size(), lostPieces(name, keys[name], secure), sealed.count(name) > 0};
+        if (const char* const problem = sd::keepingProblem(name, "")) {
+            entry.problem = problem;
+            entry.lost = keys[name];
+        }
+        plan.secure.push_back(std::move(entry));
+    }
 }
 
-// The store's copying would end there.
-std::string tooLarge(const UpgradePlan& plan, const std::vector<Row>& config) {
-    for (const auto& [key, value] : config)
-        if (const char* const why = sd::keepingProblem(key, value))
-            return "the key " + quoted(key) + " of the table config " + why;
-    for (const LegacyEntry& entry : plan.secure)
-        if (const char* const why = sd::keepingProblem(entry.name, ""))
-            return "the name " + quoted(entry.name) + " in the table secure " + why;
-    return "";
+template <class Condition>
+std::size_t countEntries(const UpgradePlan& plan, Condition condition) {
+    return static_cast<std::size_t>(std::count_if(plan.settings.begin(), plan.settings.end(), condition) +
+                                    std::count_if(plan.secure.begin(), plan.secure.end(), condition));
 }
 
 UpgradeStep nextStep(const UpgradePlan& plan, bool force) {
@@ -153,12 +155,12 @@ std::size_t UpgradePlan::lostRows() const {
                            std::accumulate(settings.begin(), settings.end(), nameless.size(), add), add);
 }
 
+std::size_t UpgradePlan::unfit() const {
+    return countEntries(*this, [](const LegacyEntry& entry) { return !entry.problem.empty(); });
+}
+
 std::size_t UpgradePlan::missing() const {
-    std::size_t count = 0;
-    for (const auto* entries : {&settings, &secure})
-        for (const LegacyEntry& entry : *entries)
-            if (!entry.replaces) ++count;
-    return count;
+    return countEntries(*this, [](const LegacyEntry& entry) { return !entry.replaces; });
 }
 
 UpgradePlan planUpgrade(const std::string& folder, bool force) {
@@ -184,8 +186,6 @@ UpgradePlan planUpgrade(const std::string& folder, bool force) {
     planSettings(tables.rows["config"], valuesOf(sealed), plan);
     planSecure(tables.rows["secure"], valuesOf(sealed), plan);
     plan.step = nextStep(plan, force);
-    if (copies(plan.step)) plan.problem = tooLarge(plan, tables.rows["config"]);
-    plan.next = "shorten or delete that row";
     return plan;
 }
 

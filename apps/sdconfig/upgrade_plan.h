@@ -13,6 +13,7 @@ struct LegacyEntry {
     std::size_t rows = 1;
     std::vector<std::string> lost;  // keys of rows that hold something that is not carried over
     bool replaces = false;          // secure_v3 has a row of that key
+    std::string problem = {};       // why nothing of it can be kept; else ""
 };
 
 enum class UpgradeStep {
@@ -36,6 +37,7 @@ struct UpgradePlan {
     UpgradeStep step = UpgradeStep::Nothing;
 
     std::size_t lostRows() const;
+    std::size_t unfit() const;    // entries of which nothing can be kept
     std::size_t missing() const;  // names that secure_v3 lacks
 };
 

@@ -133,6 +133,9 @@ TEST_F(StoresTest, SecureValuesAndKeysOfAnyBytes) {
     const std::string large(16 << 20, 'x');
     ASSERT_TRUE(mConfig->SetSecure("large", large));
     EXPECT_EQ(mConfig->GetSecure("large"), large);
+    EXPECT_TRUE(mConfig->SetSecure("cut", std::string("cut\0", 4) + large)) << "as long as what is kept of it";
+    EXPECT_FALSE(mConfig->SetSecure("cut", large + "x"));
+    EXPECT_EQ(mConfig->GetSecure("cut"), "cut");
 }
 
 TEST_F(StoresTest, OnlyIdentityValuesAreLogged) {
