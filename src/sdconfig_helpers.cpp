@@ -17,4 +17,8 @@ std::optional<std::string> sealedText(const std::string& utf8Text) {
     return envelope;
 }
 
+bool isUnopenable(const std::string& stored) {
+    return !stored.empty() && SDSecurity::GetInstance()->FastDecrypt(stored).empty();
+}
+
 }  // namespace sd

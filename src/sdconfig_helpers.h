@@ -40,6 +40,9 @@ std::string latin1ToUtf8(const std::string& bytes);
 // What is stored of a text: its envelope, "" for an empty one; nothing when the security layer could not seal it.
 std::optional<std::string> sealedText(const std::string& utf8Text);
 
+// Whether there is a stored text, and the security layer can't open it.
+bool isUnopenable(const std::string& stored);
+
 // Measures an operation for its timing line.
 class Stopwatch {
 public:

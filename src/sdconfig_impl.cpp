@@ -183,6 +183,10 @@ bool SDConfigImpl::DeleteSecure_v3(const std::string& key) {
     return deleteValueFromDatabase(mSecureV3Table, key);
 }
 
+bool SDConfigImpl::isUnopenable_v3(const std::string& key) {
+    return isUnopenable(getValueFromDatabaseTable(mSecureV3Table, key));
+}
+
 bool SDConfigImpl::isKeyInDB(std::string key) {
     std::vector<std::string> keys;
     key_value::keys(mSecureV3Table, keys);

@@ -52,6 +52,9 @@ public:
     std::string GetSecure_v3(const std::string& key);
     bool DeleteSecure_v3(const std::string& key);
 
+    // Whether secure_v3 has a text for the key that can't be opened: it reads as "".
+    bool isUnopenable_v3(const std::string& key);
+
     // Whether secure_v3 has a row of exactly this key, letter case included, empty or not.
     bool isKeyInDB(std::string key);
 

@@ -125,6 +125,11 @@ PolicyMap SDConfigDmHelper::GetPolicyWithUri(const std::string& uri) {
     return effective;
 }
 
+bool SDConfigDmHelper::isUnopenable(const std::string& uri) {
+    if (sd::isUnopenable(getValueFromDatabaseTable(mDmHelperTable, uri))) return true;
+    return SDConfigImpl::GetInstance()->isUnopenable_v3(uri) && !isStrongControl(uri);
+}
+
 bool SDConfigDmHelper::DeletePolicyWithUri(const std::string& uri) {
     if (getValueFromDatabaseTable(mDmHelperTable, uri).empty()) return true;
     return deleteValueFromDatabase(mDmHelperTable, uri);

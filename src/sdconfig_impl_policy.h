@@ -47,6 +47,10 @@ public:
     // there is neither.
     PolicyMap GetPolicyWithUri(const std::string& uri);
 
+    // Of a URI whose effective value is empty: whether it is that because the row that decides, the policy's or the
+    // local secure value's, is there and can't be opened.
+    bool isUnopenable(const std::string& uri);
+
     // True for an absent policy too.
     bool DeletePolicyWithUri(const std::string& uri);
 

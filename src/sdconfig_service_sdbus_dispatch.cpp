@@ -196,7 +196,11 @@ bool SDConfigInterface::getSecure(Call& call) {
     const std::string key = call.request->getString(0);
     const std::string value = call.config.GetSecure(key);
     call.logIfSlow();
-    replyText(call, value);
+    const auto reply = makeReply(call);
+    reply->appendCString(value.c_str());
+    // So that a caller does not take what can't be read for unset, and write over it.
+    if (value.empty() && call.policies.isUnopenable(key)) reply->appendBool(true);
+    sendMessage(reply);
     if (isIdentityKey(key)) LOG(5, AT "key is %s, value is %s", DISPATCH, key.c_str(), value.c_str());
     return true;
 }

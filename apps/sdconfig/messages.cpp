@@ -115,6 +115,11 @@ int unset(const Request& request) {
                     asArgument(request.key) + (isProperty ? " VALUE" : ""));
 }
 
+int unopenable(const Request& request) {
+    return fail(kRefused, attempt(request), "something is stored, and it can't be opened",
+                "see what is wrong with: sdconfig check");
+}
+
 int unsetHere(const Request& request) {
     return fail(kRefused, attempt(request), "no build.prop file that can be read here gives it a value",
                 "leave out --local to ask the service, or name the product's folder with --product-dir");

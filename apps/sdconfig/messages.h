@@ -59,6 +59,7 @@ int answerUnreadable(const std::string& tried);
 
 // What a command found.
 int unset(const Request& request);
+int unopenable(const Request& request);  // something is stored, but not under a key of the ring
 int unsetHere(const Request& request);
 int nothingBegins(const Request& request);
 int noSuchConst(const Request& request);

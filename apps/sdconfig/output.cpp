@@ -97,7 +97,8 @@ int printValue(const Request& request, const char* keyName, const std::string& v
     return set ? printed : whenUnset(request);
 }
 
-int printValues(const Request& request, const std::vector<Lookup>& found, int (*whenUnset)(const Request&)) {
+int printValues(const Request& request, const std::vector<Lookup>& found,
+                const std::function<int(const Request&)>& whenUnset) {
     const bool alone = request.keys.size() == 1 && !isPattern(request.keys.front());
     std::string text;
     std::vector<std::string> unset;

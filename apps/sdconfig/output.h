@@ -1,6 +1,7 @@
 // What goes to standard output: plain text, or one JSON object on one line.
 #pragma once
 
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -40,7 +41,8 @@ struct Lookup {
     std::string key;
     std::string value;  // "": unset
 };
-int printValues(const Request& request, const std::vector<Lookup>& found, int (*whenUnset)(const Request&));
+int printValues(const Request& request, const std::vector<Lookup>& found,
+                const std::function<int(const Request&)>& whenUnset);
 
 // Whether a write was done: in text nothing, as there is nothing to read; a refusal is told by `whenRefused`.
 int printDone(const Request& request, bool done, int (*whenRefused)(const Request&));

@@ -66,8 +66,10 @@ int readSecureValues(const std::vector<std::string>& keys, Service& service, std
 int getSecure(const Request& request, Service& service) {
     if (const int code = service.require()) return code;
     std::vector<Lookup> found;
-    const int code = readSecureValues(request.keys, service, found);
-    return code ? code : printValues(request, found, unset);
+    if (const int code = readSecureValues(request.keys, service, found)) return code;
+    return printValues(request, found, [&service](const Request& one) {
+        return service.isUnopenable(one.key) ? unopenable(one) : unset(one);
+    });
 }
 
 // The service comes first: nobody types a secret to learn then that there was none to take it.

@@ -186,6 +186,14 @@ int Service::requireCount(const char* method) const {
     return noAnswer(attempt(mRequest), howItFailed(*reply), socketPath());
 }
 
+bool Service::isUnopenable(const std::string& key) const {
+    const auto proxy = mBus->getServiceProxyInterface(sd::protocol::kServiceName, SDBusSameUser, 1);
+    auto call = proxy->makeMethodCallMessage(sd::protocol::kGetSecure);
+    call->appendString(key);
+    const auto reply = proxy->callWithReplyBlocking(std::move(call), sd::protocol::kCallTimeoutMs);
+    return reply->signature() == "sb" && reply->getString(0).empty() && reply->getBool(1);
+}
+
 bool Service::listening() const {
     return mBus->isServiceRegistered(sd::protocol::kServiceName);
 }

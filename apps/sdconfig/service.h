@@ -66,6 +66,9 @@ public:
     // kNoService, after telling so. For a list that read as empty: a list without a count reads so, too.
     int requireCount(const char* method) const;
 
+    // Of a secure value that reads as "": whether it does because what is stored of it can't be opened.
+    bool isUnopenable(const std::string& key) const;
+
     // Whether somebody listens, without waiting or a word.
     bool listening() const;
 

@@ -5,6 +5,7 @@
 #include <type_traits>
 
 #include "libsdconfig/sdconfig.h"
+#include "libsdconfig/sdconfig_types.h"
 #include "platform/sdbus/sdbus.h"
 #include "platform/sdsecurity/sdsecurity.h"
 #include "src/sdconfig_interface.h"
@@ -146,6 +147,44 @@ TEST_F(ServiceTest, SecureValuesChangeRowsAndTellOfIt) {
     EXPECT_TRUE(mLog.has("DeleteSecure error, key is fence", 7));
     test::query(configFile(), "DROP TRIGGER no");
     EXPECT_EQ(text("GET_SECURE", "fence"), "up");
+}
+
+TEST_F(ServiceTest, AnEmptyAnswerTellsOfWhatCannotBeOpened) {
+    const struct {
+        const char* what;
+        const char* local;  // null: no row
+        PolicyMap policy;
+        bool breakLocal;
+        bool breakPolicy;
+        const char* signature;
+    } cases[] = {
+        {"nothing is stored", nullptr, {}, false, false, "s"},
+        {"stored empty", "", {}, false, false, "s"},
+        {"sound", "v", {{"w", 6}}, false, false, "s"},
+        {"local", "v", {}, true, false, "sb"},
+        {"policy", nullptr, {{"w", 6}}, false, true, "sb"},
+        {"policy over a local value", "v", {{"w", 6}}, false, true, "s"},
+        {"local beneath a strong policy without a value", "v", {{"", 6}}, true, false, "s"},
+        {"local beneath a weak policy without a value", "v", {{"", 3}}, true, false, "sb"},
+        {"a priority that never reads back", nullptr, {{"w", -4}}, false, false, "s"},
+    };
+    for (const auto& one : cases) {
+        SCOPED_TRACE(one.what);
+        test::query(configFile(), "DELETE FROM secure_v3");
+        test::query(policyFile(), "DELETE FROM dmhelperconfig");
+        if (one.local) {
+            EXPECT_TRUE(ok("SET_SECURE", "k", one.local));
+        }
+        for (const auto& [value, priority] : one.policy) {
+            const bool stored = ok("SET_POLICY", "k", value, priority);
+            EXPECT_TRUE(stored);
+        }
+        if (one.breakLocal) test::query(configFile(), "UPDATE secure_v3 SET value = substr(value, 5)");
+        if (one.breakPolicy) test::query(policyFile(), "UPDATE dmhelperconfig SET value = substr(value, 5)");
+        const Message reply = call("GET_SECURE", "K");
+        EXPECT_EQ(reply->signature(), one.signature);
+        EXPECT_EQ(reply->getBool(1), std::string(one.signature) == "sb");
+    }
 }
 
 TEST_F(ServiceTest, ListenersHearOfPropertiesAndOfTheFlagIfTheyAsked) {
