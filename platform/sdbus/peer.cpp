@@ -5,7 +5,9 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 
+#include "platform/sdbus/contained.h"
 #include "platform/sdbus/log.h"
 #include "platform/sdbus/service.h"
 #include "platform/sdbus/service_loop.h"
@@ -16,8 +18,9 @@ namespace {
 
 constexpr char kSource[] = "platform/sdbus/peer";
 
-// So that one client that floods us does not hold up the others.
+// So that one client that floods us does not hold up the others: the turn ends with the message that reaches either.
 constexpr int kMessagesPerTurn = 16;
+constexpr std::chrono::milliseconds kTurnLimit{50};
 
 // What a message takes in a queue besides its arguments: its header and sd-bus' bookkeeping.
 constexpr std::size_t kMessageOverhead = 1024;
@@ -66,7 +69,7 @@ int Peer::start(UniqueFd fd) {
         static_cast<Peer*>(peer)->process();
         return 0;
     };
-    const auto onRest = [](sd_event_source*, void* peer) {
+    const auto onRest = [](sd_event_source*, uint64_t, void* peer) {
         static_cast<Peer*>(peer)->process();
         return 0;
     };
@@ -74,13 +77,22 @@ int Peer::start(UniqueFd fd) {
     sd_event_source* source = nullptr;
     if ((r = sd_event_add_io(event, &source, number, EPOLLIN, onReadiness, this)) < 0) return r;
     mReadiness.reset(source);
-    if ((r = sd_event_add_defer(event, &source, onRest, this)) < 0) return r;
+    // A timer that goes off at once takes its turn behind what is pending already. A deferred source would come before
+    // everything else, again and again.
+    constexpr uint64_t kAccuracy = 1;
+    if ((r = sd_event_add_time_relative(event, &source, CLOCK_MONOTONIC, 0, kAccuracy, onRest, this)) < 0) return r;
     mRest.reset(source);
     return sd_event_source_set_enabled(source, SD_EVENT_OFF);
 }
 
-void Peer::process() {
-    const auto self = shared_from_this();
+void Peer::process() noexcept {
+    const auto self = weak_from_this().lock();
+    if (!self || contained("the turn of a client", [this] { takeTurn(); })) return;
+    mProcessing = false;
+    contained("closing a client", [this] { close(); });
+}
+
+void Peer::takeTurn() {
     if (!mBus || mProcessing) return;
     mProcessing = true;
     const int r = processMessages();
@@ -102,15 +114,21 @@ void Peer::process() {
 // that would find nothing is saved on every call. Not before sd-bus has caught up with what came along with the
 // handshake: it reads that ahead, and from then on message by message.
 int Peer::processMessages() {
-    for (int i = 0; i < kMessagesPerTurn; ++i) {
+    const auto end = Clock::now() + kTurnLimit;
+    for (int i = 0; i < kMessagesPerTurn && Clock::now() < end; ++i) {
         const int r = sd_bus_process(mBus.get(), nullptr);
         if (r == 0 && mReady) mCaughtUp = true;
         if (r <= 0 || !isOpen()) return r;
         uint64_t left = 0;
         if (mCaughtUp && sd_bus_get_n_queued_read(mBus.get(), &left) >= 0 && left == 0) return r;
     }
-    (void)sd_event_source_set_enabled(mRest.get(), SD_EVENT_ONESHOT);
+    processRestLater();
     return 1;
+}
+
+void Peer::processRestLater() {
+    (void)sd_event_source_set_time_relative(mRest.get(), 0);
+    (void)sd_event_source_set_enabled(mRest.get(), SD_EVENT_ONESHOT);
 }
 
 void Peer::settleQueue() {
@@ -125,7 +143,7 @@ void Peer::rearm() {
     uint64_t timeout = UINT64_MAX;
     if (events < 0 || sd_bus_get_timeout(mBus.get(), &timeout) < 0) return close();
     (void)sd_event_source_set_io_events(mReadiness.get(), static_cast<uint32_t>(events));
-    if (timeout == 0) (void)sd_event_source_set_enabled(mRest.get(), SD_EVENT_ONESHOT);
+    if (timeout == 0) processRestLater();
 }
 
 bool Peer::send(sd_bus_message* message, std::size_t bytes) {

@@ -32,8 +32,8 @@ public:
     Peer(const Peer&) = delete;
     Peer& operator=(const Peer&) = delete;
 
-    // Does what the connection has to do, a bounded share of it.
-    void process();
+    // Does what the connection has to do, a bounded share of it. Throws nothing: a peer for which that fails is closed.
+    void process() noexcept;
 
     // False when the client is gone, or cut off for what it has not read.
     bool send(sd_bus_message* message, std::size_t bytes);
@@ -56,7 +56,9 @@ private:
     int start(UniqueFd fd);
     static int onMessage(sd_bus_message* message, void* peer, sd_bus_error* error);
     bool isOpen() const { return mBus && !mDoomed && sd_bus_is_open(mBus.get()) > 0; }
+    void takeTurn();
     int processMessages();
+    void processRestLater();
     void settleQueue();
     void rearm();
 

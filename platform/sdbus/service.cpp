@@ -11,6 +11,7 @@
 #include <exception>
 #include <future>
 
+#include "platform/sdbus/contained.h"
 #include "platform/sdbus/log.h"
 #include "platform/sdbus/names.h"
 #include "platform/sdbus/runtime_folder.h"
@@ -54,7 +55,7 @@ void setTimer(sd_event_source* timer, std::chrono::microseconds in) {
 template <void (Service::*member)()>
 int addTimer(sd_event* event, Service* service, SourcePtr& timer) {
     const auto onTime = [](sd_event_source*, uint64_t, void* self) {
-        (static_cast<Service*>(self)->*member)();
+        contained("a timer of the service", [self] { (static_cast<Service*>(self)->*member)(); });
         return 0;
     };
     constexpr uint64_t kAccuracy = 1000;
@@ -99,7 +100,7 @@ int Service::watch() {
     if (r >= 0) r = addTimer<&Service::finishStop>(event, this, mStopTimer);
     if (r < 0) return r;
     const auto onReadiness = [](sd_event_source*, int, uint32_t, void* self) {
-        static_cast<Service*>(self)->acceptPeers();
+        contained("taking a client", [self] { static_cast<Service*>(self)->acceptPeers(); });
         return 0;
     };
     sd_event_source* source = nullptr;
@@ -255,12 +256,9 @@ int Service::take(Peer& peer, sd_bus_message* message) {
     uint8_t type = 0;
     if (sd_bus_message_get_type(message, &type) < 0 || type != SD_BUS_MESSAGE_METHOD_CALL) return 1;
     if (mStopping) return 1;
-    try {
-        return takeCall(peer, message);
-    } catch (const std::exception& error) {
-        LOG(7, AT "a call can't be taken: %s", HERE, error.what());
-        return 1;
-    }
+    int result = 1;
+    contained("taking a call", [&] { result = takeCall(peer, message); });
+    return result;
 }
 
 int Service::takeCall(Peer& peer, sd_bus_message* call) {

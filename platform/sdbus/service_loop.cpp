@@ -4,10 +4,11 @@
 #include <sys/eventfd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
-#include <exception>
 #include <future>
 
+#include "platform/sdbus/contained.h"
 #include "platform/sdbus/log.h"
 #include "platform/sdbus/threads.h"
 
@@ -42,7 +43,7 @@ bool ServiceLoop::start(std::string& why) {
     if (r >= 0) {
         sd_event_source* source = nullptr;
         const auto onWake = [](sd_event_source*, int, uint32_t, void* self) {
-            static_cast<ServiceLoop*>(self)->runTasks();
+            contained("the service loop", [self] { static_cast<ServiceLoop*>(self)->runTasks(); });
             return 0;
         };
         r = sd_event_add_io(event, &source, mWake.get(), EPOLLIN, onWake, this);
@@ -64,8 +65,15 @@ bool ServiceLoop::start(std::string& why) {
 }
 
 void ServiceLoop::run() {
+    constexpr std::chrono::milliseconds kMemoryPause{10};
     int r = 0;
-    while (r >= 0) r = sd_event_run(mEvent.get(), UINT64_MAX);
+    while (r >= 0) {
+        r = sd_event_run(mEvent.get(), UINT64_MAX);
+        if (r != -ENOMEM) continue;
+        LOG(7, AT "the service loop is short of memory", HERE);
+        std::this_thread::sleep_for(kMemoryPause);
+        r = 0;
+    }
     LOG(7, AT "the service loop ended: %s", HERE, std::strerror(-r));
     const std::lock_guard lock(mMutex);
     mEnded = true;
@@ -82,11 +90,7 @@ void ServiceLoop::runTasks() {
         mTaskBytes = 0;
     }
     for (Task& task : tasks) {
-        try {
-            task();
-        } catch (const std::exception& error) {
-            LOG(7, AT "a task of the service loop threw: %s", HERE, error.what());
-        }
+        contained("a task of the service loop", task);
         task = nullptr;
     }
 }

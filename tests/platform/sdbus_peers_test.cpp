@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <future>
@@ -184,6 +185,43 @@ TEST_F(HostileTest, PingsWithoutEndAreCutOff) {
     }
     EXPECT_TRUE(waitUntil([&] { return mLog.has("it does not read its answers", 6); }));
     EXPECT_EQ(call(proxyTo(), "ECHO", "after it")->getString(0), "after it");
+}
+
+// A call of a method with a name of four letters, without arguments.
+std::string rawCall(const std::string& method) {
+    using namespace std::string_literals;
+    return "l\x01\0\x01\0\0\0\0\x01\0\0\0\x1d\0\0\0"s + "\x01\x01o\0\x01\0\0\0/\0\0\0\0\0\0\0"s +
+           "\x03\x01s\0\4\0\0\0"s + method + "\0\0\0\0"s;
+}
+
+TEST_F(HostileTest, SlowCallsInOnePieceLetOthersInBetween) {
+    std::promise<void> waits;
+    const auto go = waits.get_future().share();
+    Heard handled;
+    TestService service([&, go](TestService& self, const std::shared_ptr<SDBusMessage>& call) {
+        handled.add(call->methodName());
+        if (call->methodName() == "SLOW") {
+            go.wait();
+            std::this_thread::sleep_for(std::chrono::milliseconds(60));
+        }
+        return TestService::echo(self, call);
+    });
+    const RawClient other = rawClient();
+    const int fd = connectTo(socket());
+    std::string bytes("\0AUTH EXTERNAL\r\nDATA\r\nBEGIN\r\n", 29);
+    for (int i = 0; i < 16; ++i) bytes += rawCall("SLOW");
+    EXPECT_EQ(::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+    ASSERT_TRUE(waitUntil([&] { return !handled.all().empty(); }));
+    sd_bus_message* quick = nullptr;
+    ASSERT_GE(sd_bus_message_new_method_call(other.get(), &quick, nullptr, "/", "sdbus.Service", "QUICK"), 0);
+    EXPECT_GE(sd_bus_send(other.get(), quick, nullptr), 0);
+    sd_bus_message_unref(quick);
+    EXPECT_GE(sd_bus_flush(other.get()), 0);
+    waits.set_value();
+    ASSERT_TRUE(waitUntil([&] { return handled.all().size() == 17; }, kLongMs));
+    const auto order = handled.all();
+    EXPECT_LT(std::find(order.begin(), order.end(), "QUICK") - order.begin(), 4);
+    ::close(fd);
 }
 
 TEST_F(HostileTest, TooManySubscriptionsAreRefusedAtOnce) {
