@@ -154,9 +154,10 @@ bool SDConfigImpl::SetSecure_v3(const std::string& key, const std::string& value
 
 std::string SDConfigImpl::GetSecure(const std::string& key) {
     const Stopwatch watch;
-    const PolicyMap policy = SDConfigDmHelper::GetInstance().GetPolicyWithUri(key);
+    PolicyMap policy = SDConfigDmHelper::GetInstance().GetPolicyWithUri(key);
     std::string value;
-    if (policy.size() == 1 && policy.begin()->first != kNullValue) value = policy.begin()->first;
+    if (policy.size() == 1 && policy.begin()->first != kNullValue)
+        value = std::move(policy.extract(policy.begin()).key());  // not a copy of what may be 16 MiB
     if (const int ms = watch.elapsedMs(); ms >= kSlowSecureMs)
         LOG(6, AT "GetSecure %s takes %d ms", HERE, key.c_str(), ms);
     return value;
@@ -185,6 +186,10 @@ bool SDConfigImpl::DeleteSecure_v3(const std::string& key) {
 
 bool SDConfigImpl::isUnopenable_v3(const std::string& key) {
     return isUnopenable(getValueFromDatabaseTable(mSecureV3Table, key));
+}
+
+std::size_t SDConfigImpl::storedBytes_v3(const std::string& key) {
+    return getValueFromDatabaseTable(mSecureV3Table, key).size();
 }
 
 bool SDConfigImpl::isKeyInDB(std::string key) {

@@ -1,6 +1,7 @@
 // The configuration store: plain and secure values in sdconfig.db, constants and request signing.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 #include "libsdconfig/sdconfig_export.h"
@@ -52,8 +53,10 @@ public:
     std::string GetSecure_v3(const std::string& key);
     bool DeleteSecure_v3(const std::string& key);
 
-    // Whether secure_v3 has a text for the key that can't be opened: it reads as "".
-    bool isUnopenable_v3(const std::string& key);
+    // For the service, and not exported. Whether secure_v3 has a text for the key that can't be opened and so reads as
+    // "", and how long the text is, sealed as it stands.
+    [[gnu::visibility("hidden")]] bool isUnopenable_v3(const std::string& key);
+    [[gnu::visibility("hidden")]] std::size_t storedBytes_v3(const std::string& key);
 
     // Whether secure_v3 has a row of exactly this key, letter case included, empty or not.
     bool isKeyInDB(std::string key);

@@ -27,8 +27,10 @@ bool isDecimal(const std::string& text) {
     return std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
-PolicyMap policyOf(const std::string& value, int priority) {
-    return {{value.empty() ? kNullValue : value, priority}};
+PolicyMap policyOf(std::string value, int priority) {
+    PolicyMap policy;
+    policy.emplace(value.empty() ? kNullValue : std::move(value), priority);
+    return policy;
 }
 
 }  // namespace
@@ -90,7 +92,7 @@ PolicyMap SDConfigDmHelper::GetPolicyFromDMtable(const std::string& uri) {
     const std::string text = SDSecurity::GetInstance()->FastDecrypt(encrypted);
     if (text.empty()) return {};
 
-    const auto [value, priorityText] = splitPolicyText(text);
+    auto [value, priorityText] = splitPolicyText(text);
     if (!isDecimal(priorityText)) {
         LOG(7, AT "valueWithPriority data format", HERE);
         return {};
@@ -101,24 +103,23 @@ PolicyMap SDConfigDmHelper::GetPolicyFromDMtable(const std::string& uri) {
 
     if (const int ms = watch.elapsedMs(); ms >= kSlowPolicyMs)
         LOG(6, AT "GetPolicyFromDMtable %s takes %d ms", HERE, uri.c_str(), ms);
-    return policyOf(value, priority);
+    return policyOf(std::move(value), priority);
 }
 
 PolicyMap SDConfigDmHelper::GetPolicyWithUri(const std::string& uri) {
     const Stopwatch watch;
-    const PolicyMap policy = GetPolicyFromDMtable(uri);
+    PolicyMap policy = GetPolicyFromDMtable(uri);
     if (policy.size() >= 2) {
         LOG(7, AT "format is error, size is %zu", HERE, policy.size());
         return {};
     }
-    const std::string value = policy.empty() || policy.begin()->first == kNullValue ? "" : policy.begin()->first;
     const int priority = policy.empty() ? kNoPriority : policy.begin()->second;
 
     SDConfigImpl& config = *SDConfigImpl::GetInstance();
-    const std::string local = config.GetSecure_v3(uri);
+    std::string local = config.GetSecure_v3(uri);
     // A strong policy, or a weak one with no local value and no row that says there is none.
     const bool policyWins = priority > kLocalPriority || (!policy.empty() && local.empty() && !config.isKeyInDB(uri));
-    PolicyMap effective = policyWins ? policyOf(value, priority) : policyOf(local, kLocalPriority);
+    PolicyMap effective = policyWins ? std::move(policy) : policyOf(std::move(local), kLocalPriority);
 
     if (const int ms = watch.elapsedMs(); ms >= kSlowWeighingMs)
         LOG(6, AT "GetPolicyWithUri %s takes %d ms", HERE, uri.c_str(), ms);
@@ -128,6 +129,10 @@ PolicyMap SDConfigDmHelper::GetPolicyWithUri(const std::string& uri) {
 bool SDConfigDmHelper::isUnopenable(const std::string& uri) {
     if (sd::isUnopenable(getValueFromDatabaseTable(mDmHelperTable, uri))) return true;
     return SDConfigImpl::GetInstance()->isUnopenable_v3(uri) && !isStrongControl(uri);
+}
+
+std::size_t SDConfigDmHelper::storedBytes(const std::string& uri) {
+    return getValueFromDatabaseTable(mDmHelperTable, uri).size() + SDConfigImpl::GetInstance()->storedBytes_v3(uri);
 }
 
 bool SDConfigDmHelper::DeletePolicyWithUri(const std::string& uri) {

@@ -1,6 +1,7 @@
 // The policy store: device-management policies in dmhelper.db, and how they weigh against local secure values.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 #include "libsdconfig/sdconfig_export.h"
@@ -47,9 +48,11 @@ public:
     // there is neither.
     PolicyMap GetPolicyWithUri(const std::string& uri);
 
-    // Of a URI whose effective value is empty: whether it is that because the row that decides, the policy's or the
-    // local secure value's, is there and can't be opened.
-    bool isUnopenable(const std::string& uri);
+    // For the service, and not exported. Of a URI whose effective value is empty: whether it is that because the row
+    // that decides, the policy's or the local secure value's, is there and can't be opened. And what has to be read to
+    // tell the effective value: the sealed texts of both.
+    [[gnu::visibility("hidden")]] bool isUnopenable(const std::string& uri);
+    [[gnu::visibility("hidden")]] std::size_t storedBytes(const std::string& uri);
 
     // True for an absent policy too.
     bool DeletePolicyWithUri(const std::string& uri);

@@ -29,7 +29,7 @@ bool create(data::SQLiteTable& table) {
 std::string get(data::SQLiteTable& table, const std::string& key) {
     std::vector<data::TableRow> rows;
     if (!table.select(field(table, kKey, key), field(table, kValue), rows) || rows.empty()) return "";
-    return rows.front().front().text;
+    return std::move(rows.front().front().text);
 }
 
 bool set(data::SQLiteTable& table, const std::string& key, const std::string& value) {

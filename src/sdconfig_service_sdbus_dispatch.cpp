@@ -24,10 +24,38 @@ constexpr char kSource[] = "src/sdconfig_service_sdbus";
 constexpr int kSlowCallMs = 500;
 constexpr int kPriorityUnknown = -1;
 
+// The most that one call about several policies may work through, so that others are answered within a second: the keys
+// and values of a list that is set, one policy of any size among them, and what is stored under its keys, or under
+// those that are asked for. Stored texts are longer than what they hold.
+constexpr std::size_t kListBytesMax = kKeyBytesMax + kValueBytesMax;
+constexpr std::size_t kStoredBytesMax = std::size_t{96} << 20;
+
 std::vector<std::string> readKeys(SDBusMessage& message, int count) {
     std::vector<std::string> keys;
     for (int i = 1; i <= count; ++i) keys.push_back(message.getString(i));
     return keys;
+}
+
+// An element of a list of policies.
+struct Triple {
+    std::string key;
+    std::string value;
+    int priority;
+};
+
+std::vector<Triple> readTriples(SDBusMessage& message, int count) {
+    std::vector<Triple> triples;
+    for (int at = 1; at < 3 * count; at += 3)
+        triples.push_back({message.getString(at), message.getString(at + 1), message.getInt(at + 2)});
+    return triples;
+}
+
+// Whether the elements have more than `most` bytes together. Looks no further than that.
+template <class Elements, class Bytes>
+bool isBeyond(std::size_t most, const Elements& elements, Bytes bytesOf) {
+    std::size_t sum = 0;
+    return std::any_of(elements.begin(), elements.end(),
+                       [&](const auto& element) { return (sum += bytesOf(element)) > most; });
 }
 
 }  // namespace
@@ -134,10 +162,10 @@ void SDConfigInterface::replyText(const Call& call, const std::string& value) {
 
 // Nothing when the policy store's answer doesn't hold exactly one entry.
 std::optional<SDConfigInterface::Effective> SDConfigInterface::readBack(const Call& call, const std::string& key) {
-    const PolicyMap effective = call.policies.GetPolicyWithUri(key);
+    PolicyMap effective = call.policies.GetPolicyWithUri(key);
     if (effective.size() != 1) return std::nullopt;
-    const auto& [value, priority] = *effective.begin();
-    return Effective{value == kNullValue ? "" : value, priority};
+    auto only = effective.extract(effective.begin());
+    return Effective{only.key() == kNullValue ? "" : std::move(only.key()), only.mapped()};
 }
 
 // ---- Properties ----
@@ -371,11 +399,16 @@ bool SDConfigInterface::setPolicyList(Call& call) {
         LOG(6, AT "trim DM element from %d to %d", DISPATCH, count, protocol::kMaxElements);
         count = protocol::kMaxElements;
     }
+    const std::vector<Triple> triples = readTriples(*call.request, count);
+    if (isBeyond(kListBytesMax, triples, [](const Triple& one) { return one.key.size() + one.value.size(); }) ||
+        isBeyond(kStoredBytesMax, triples, [&](const Triple& one) { return call.policies.storedBytes(one.key); })) {
+        LOG(7, AT "set policylist refused: its values, or those in their place, are too long together", DISPATCH);
+        replyBool(call, false);
+        return true;
+    }
     bool ok = false;  // also the answer where there is nothing to write
-    for (int i = 0; i < count; ++i) {
-        const int at = 3 * i + 1;
-        const PolicyChange change = writePolicy(call, call.request->getString(at), call.request->getString(at + 1),
-                                                call.request->getInt(at + 2));
+    for (const Triple& one : triples) {
+        const PolicyChange change = writePolicy(call, one.key, one.value, one.priority);
         if (!change.ok) LOG(7, AT "set policylist failed", DISPATCH);
         if (!announcePolicy(call, change, nullptr)) return false;
         ok = change.ok;
@@ -456,8 +489,14 @@ bool SDConfigInterface::getPolicies(Call& call) {
         sendMessage(reply);
         return false;
     }
+    const std::vector<std::string> keys = readKeys(*call.request, count);
+    if (isBeyond(kStoredBytesMax, keys, [&](const std::string& key) { return call.policies.storedBytes(key); })) {
+        // No answer, as to every question whose answer can't be sent.
+        LOG(7, AT "DM_GET_POLICIES refused: what is stored under its keys is too long together", DISPATCH);
+        return false;
+    }
     reply->appendInt8(static_cast<int8_t>(count));
-    for (const std::string& key : readKeys(*call.request, count)) {
+    for (const std::string& key : keys) {
         const Effective latest = readBack(call, key).value_or(Effective{"", kPriorityUnknown});
         reply->appendString(key);
         reply->appendString(latest.value);

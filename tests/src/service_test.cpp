@@ -187,6 +187,20 @@ TEST_F(ServiceTest, AnEmptyAnswerTellsOfWhatCannotBeOpened) {
     }
 }
 
+TEST_F(ServiceTest, CallsAboutTooMuchAtOnceAreRefusedWhole) {
+    const std::string half(std::size_t{9} << 20, 'x');
+    EXPECT_FALSE(ok("SET_POLICYLIST", 3, "a", "v", 9, "b", half, 9, "c", half, 9));
+    EXPECT_EQ(test::query(policyFile(), "SELECT key FROM dmhelperconfig").size(), 0u);
+    EXPECT_EQ(mLog.count("set policylist refused", 7), 1);
+
+    const std::string most(std::size_t{16} << 20, 'x');
+    EXPECT_TRUE(ok("SET_POLICYLIST", 1, "a", most, 3)) << "as long as one policy may be";
+    EXPECT_EQ(call("DM_GET_POLICIES", 2, "a", "a")->getString(5).size(), most.size());
+    EXPECT_TRUE(silent("DM_GET_POLICIES", 5, "a", "a", "a", "a", "a"));
+    EXPECT_EQ(mLog.count("DM_GET_POLICIES refused", 7), 1);
+    EXPECT_FALSE(ok("SET_POLICYLIST", 5, "a", "", 3, "a", "", 3, "a", "", 3, "a", "", 3, "a", "", 3));
+}
+
 TEST_F(ServiceTest, ListenersHearOfPropertiesAndOfTheFlagIfTheyAsked) {
     Events events;
     EXPECT_TRUE(ok("REG_LISTENER", "asked", true));
