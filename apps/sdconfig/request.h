@@ -10,15 +10,15 @@ struct Request {
     std::string command;  // as typed: "get", "secure set"
 
     std::string key;  // or a policy's URI, or a data folder
-    bool keyGiven = false;
     std::vector<std::string> keys;
-    bool keysGiven = false;
     std::string value;
+    std::string fallback;              // instead of what is unset
+    std::vector<std::string> program;  // with its arguments
+    bool keyGiven = false;
+    bool keysGiven = false;
     bool valueGiven = false;
     bool valueFromInput = false;  // the value was given as "-"
-    std::string fallback;         // instead of what is unset
     bool fallbackGiven = false;
-    std::vector<std::string> program;  // with its arguments
     std::string text;
     std::string signature;
     std::string priority;

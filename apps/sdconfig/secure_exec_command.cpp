@@ -40,6 +40,7 @@ std::string split(const std::vector<std::string>& pairs, std::vector<std::string
 int execute(const Request& request) {
     std::vector<std::string> words = request.program;
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string& word : words) arguments.push_back(word.data());
     arguments.push_back(nullptr);
     ::execvp(arguments.front(), arguments.data());
