@@ -40,8 +40,8 @@ public:
     // Secure values, sealed at rest. Keys compare without regard to letter case. A value is read as Latin-1 up to its
     // first zero byte and kept as UTF-8: ASCII comes back as it was, every other byte as two; textAsSet
     // (libsdconfig/sdconfig_text.h) makes one of them again. A policy of a priority above 5 hides the stored value. An
-    // empty value and an absent key read the same. The limits are those of properties, of a
-    // value for what stands before its first zero byte; a key that holds a zero byte is refused, too.
+    // empty value and an absent key read the same. The limits are those of properties, of a value for what stands
+    // before its first zero byte; a key that holds a zero byte is refused, too.
     bool SetSecure(const std::string& key, const std::string& value);
     std::string GetSecure(const std::string& key);
     bool DeleteSecure(const std::string& key);  // deleting an absent key succeeds

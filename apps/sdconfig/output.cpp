@@ -97,25 +97,26 @@ int printValue(const Request& request, const char* keyName, const std::string& v
     return set ? printed : whenUnset(request);
 }
 
-int printValues(const Request& request, const std::vector<Lookup>& found,
-                const std::function<int(const Request&)>& whenUnset) {
+int printValues(const Request& request, const std::vector<Lookup>& found, int (*whenUnset)(const Request&)) {
     const bool alone = request.keys.size() == 1 && !isPattern(request.keys.front());
     std::string text;
-    std::vector<std::string> unset;
-    for (const auto& [key, value] : found) {
+    std::vector<Lookup> missing;
+    for (const Lookup& lookup : found) {
+        const auto& [key, value, isUnopenable] = lookup;
+        const bool fallsBack = request.fallbackGiven && !isUnopenable;
         std::optional<std::string> result = value;
-        if (value.empty()) result = request.fallbackGiven ? std::optional(request.fallback) : std::nullopt;
-        if (!result) unset.push_back(key);
+        if (value.empty()) result = fallsBack ? std::optional(request.fallback) : std::nullopt;
+        if (!result) missing.push_back(lookup);
         if (request.json)
             text += lineOf(valueObject("key", key, !value.empty(), result));
         else if (result)
             text += alone ? shown(*result) + "\n" : shownInLine(key) + "=" + shownInLine(*result) + "\n";
     }
     int code = printText(text);
-    for (const std::string& key : unset) {
+    for (const Lookup& lookup : missing) {
         Request one = request;
-        one.key = key;
-        code = whenUnset(one);
+        one.key = lookup.key;
+        code = lookup.isUnopenable ? unopenable(one) : whenUnset(one);
     }
     return code;
 }

@@ -1,7 +1,6 @@
 // What goes to standard output: plain text, or one JSON object on one line.
 #pragma once
 
-#include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -36,13 +35,13 @@ int printValue(const Request& request, const char* keyName, const std::string& v
 
 // What look-ups of the request's keys found: the value of a key that was named alone, else a line KEY=VALUE each; in
 // JSON an object a line. What is unset has the request's fallback for a value, else it is told by `whenUnset`, and
-// makes the exit code kRefused.
+// makes the exit code kRefused, as does what can't be opened.
 struct Lookup {
     std::string key;
-    std::string value;  // "": unset
+    std::string value;  // "": unset, or
+    bool isUnopenable = false;
 };
-int printValues(const Request& request, const std::vector<Lookup>& found,
-                const std::function<int(const Request&)>& whenUnset);
+int printValues(const Request& request, const std::vector<Lookup>& found, int (*whenUnset)(const Request&));
 
 // Whether a write was done: in text nothing, as there is nothing to read; a refusal is told by `whenRefused`.
 int printDone(const Request& request, bool done, int (*whenRefused)(const Request&));

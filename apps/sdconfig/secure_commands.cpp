@@ -58,7 +58,7 @@ int readSecureValues(const std::vector<std::string>& keys, Service& service, std
         const auto [value, code] = service.call(
             "GetSecure the key", key, [&, &name = key] { return sd::SDConfig::GetInstance()->GetSecure(name); });
         if (code) return code;
-        found.push_back({key, sd::textAsSet(value)});
+        found.push_back({key, sd::textAsSet(value), value.empty() && service.isUnopenable(key)});
     }
     return kDone;
 }
@@ -66,10 +66,8 @@ int readSecureValues(const std::vector<std::string>& keys, Service& service, std
 int getSecure(const Request& request, Service& service) {
     if (const int code = service.require()) return code;
     std::vector<Lookup> found;
-    if (const int code = readSecureValues(request.keys, service, found)) return code;
-    return printValues(request, found, [&service](const Request& one) {
-        return service.isUnopenable(one.key) ? unopenable(one) : unset(one);
-    });
+    const int code = readSecureValues(request.keys, service, found);
+    return code ? code : printValues(request, found, unset);
 }
 
 // The service comes first: nobody types a secret to learn then that there was none to take it.

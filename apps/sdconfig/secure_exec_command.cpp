@@ -63,7 +63,7 @@ int executeWithSecrets(const Request& request, Service& service) {
         Request one = request;
         one.key = found[i].key;
         if (found[i].value.empty())
-            code = unset(one);
+            code = found[i].isUnopenable ? unopenable(one) : unset(one);
         else if (::setenv(variables[i].c_str(), found[i].value.c_str(), 1) != 0)
             return notExecuted(request, request.program.front(), errno);
     }
