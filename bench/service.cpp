@@ -68,7 +68,8 @@ void makeData(const std::string& folder, const std::string& sdconfigd, int secur
 }
 
 std::vector<std::string> serviceCommand(const std::string& sdconfigd, const std::string& dataFolder) {
-    return {sdconfigd, "--data-dir", dataFolder, "--product-dir", dataFolder, "--log-level", "8"};
+    const std::string product = std::filesystem::path(dataFolder).parent_path();  // has no build.prop, but is there
+    return {sdconfigd, "--data-dir", dataFolder, "--product-dir", product, "--log-level", "8"};
 }
 
 Service::Service(const Workplace& place, const std::string& name, const std::string& sdconfigd, int secureValues)
