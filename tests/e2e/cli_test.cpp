@@ -392,6 +392,7 @@ TEST_F(CliTest, ResultsThatCanNotBeWritten) {
 }
 
 TEST_F(CliTest, AsksForASecretWithoutEcho) {
+    if (const std::string problem = terminalProblem(); !problem.empty()) GTEST_SKIP() << problem;
     const Process service = startService();
     const std::pair<std::string, int> cases[] = {
         {"hunter2\n", kDone},
@@ -435,6 +436,10 @@ TEST_F(CliTest, TellsWhatIsWrongAndWhatToType) {
     fs::permissions(path("home/sdconfig/sdsecurity.keys"), fs::perms::all);
     expectDoctor(1, "next: chmod 600 " + path("home/sdconfig/sdsecurity.keys"));
     expectDoctor(1, "problem: service: it is not running; next: first mend the data folder\n");
+}
+
+TEST_F(CliTest, ColoursItsWordsAtATerminalThatWantsIt) {
+    if (const std::string problem = terminalProblem(); !problem.empty()) GTEST_SKIP() << problem;
     for (const char* noColour : {"", "1"}) {
         const ScopedEnv colours("NO_COLOR", noColour);
         TerminalProcess terminal({"env", "TERM=xterm", SDCONFIG_CLI, "doctor"}, environment());

@@ -1,38 +1,17 @@
 #include "tests/platform/sdbus_support.h"
 
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <cstring>
 #include <filesystem>
-#include <iostream>
 #include <stdexcept>
 
 namespace test {
 
-// Not a test but the program of startService(): this binary, started for it alone.
-TEST(ServiceProcess, DISABLED_Main) {
-    sigset_t ends;
-    sigemptyset(&ends);
-    sigaddset(&ends, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &ends, nullptr);
-    if (const char* handedOver = std::getenv("TEST_LISTEN_AT")) {
-        ASSERT_EQ(::dup2(listenAt(handedOver), 3), 3);
-        ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1);
-        ::setenv("LISTEN_FDS", "1", 1);
-    }
-    static auto* const sService = new TestService;  // unregistered by exit()
-    std::cerr << (sService->isRegistered() ? "serving" : bus().registrationFailure(kService)) << std::endl;
-    int signal = 0;
-    sigwait(&ends, &signal);
-}
-
 Process startService(const Environment& environment) {
-    Process process = Process::start(
-        {"/proc/self/exe", "--gtest_filter=ServiceProcess.*", "--gtest_also_run_disabled_tests"}, environment);
+    Process process = Process::start({SDBUS_TEST_SERVICE}, environment);
     if (!process.waitForErr("serving")) throw std::runtime_error("no service: " + process.err());
     return process;
 }

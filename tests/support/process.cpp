@@ -153,6 +153,14 @@ Result run(const std::vector<std::string>& arguments, const Environment& environ
     return {exitCode, process.out(), process.err()};
 }
 
+std::string terminalProblem() {
+    int master = -1, slave = -1;
+    if (::openpty(&master, &slave, nullptr, nullptr, nullptr) != 0)
+        return std::string("there are no terminals, as of /dev/pts: ") + std::strerror(errno);
+    for (const int end : {master, slave}) ::close(end);
+    return "";
+}
+
 TerminalProcess::TerminalProcess(const std::vector<std::string>& arguments, const Environment& environment) {
     const ExecPlan plan(arguments, environment);
     std::array<char, 64> name{};

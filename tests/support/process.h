@@ -62,6 +62,9 @@ struct Result {
 Result run(const std::vector<std::string>& arguments, const Environment& environment = {},
            const std::string& input = "", int limitMs = kProcessLimitMs);
 
+// Why there can be no TerminalProcess here; "" where there can.
+std::string terminalProblem();
+
 // A process whose standard descriptors are a terminal of its own.
 class TerminalProcess {
 public:
