@@ -1,7 +1,9 @@
 // check, backup and restore: what is told of a data folder, and what a backup gives back, or refuses to.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
@@ -97,7 +99,18 @@ TEST_F(BackupTest, ARunningServiceIsBackedUpBetweenItsWrites) {
     service.kill(SIGTERM);
     service.wait();
 
+    const int renames = ::inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+    ::inotify_add_watch(renames, path(".").c_str(), IN_MOVED_FROM | IN_MOVED_TO);
     EXPECT_EQ(restore("data", {"--force"}).exitCode, 0);
+    alignas(inotify_event) char events[4096];
+    const inotify_event* event = nullptr;
+    for (ssize_t at = 0, end = ::read(renames, events, sizeof events); at < end;
+         at += static_cast<ssize_t>(sizeof *event + event->len)) {
+        event = reinterpret_cast<const inotify_event*>(events + at);
+        if (event->len > 0 && std::string(event->name) == "data") break;
+    }
+    ::close(renames);
+    EXPECT_TRUE(event && event->mask & IN_MOVED_TO) << "for a moment there was no folder";
     EXPECT_EQ(cli({"check", path("data")}).exitCode, 0);
     const Process next = startService();
     std::map<std::string, int> values;

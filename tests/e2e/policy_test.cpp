@@ -71,6 +71,20 @@ TEST_F(PolicyTest, OneAtATime) {
     EXPECT_EQ(rowCount(), "2");
 }
 
+TEST_F(PolicyTest, WhatTheServiceRefusesIsTold) {
+    const Process service = startService();
+    expect({"policy", "set", "k", "on", "6"}, 0, "");
+    for (const char* change : {"INSERT", "DELETE"})
+        query(path("data/dmhelper.db"), std::string("CREATE TRIGGER no") + change + " BEFORE " + change +
+                                            " ON dmhelperconfig BEGIN SELECT RAISE(ABORT, 'no'); END");
+    writeFile(path("policies.json"), R"({"new": {"value": "on", "priority": 6}})");
+    expect({"policy", "set", "new", "on", "6"}, 1, "");
+    expect({"policy", "delete", "k"}, 1, "");
+    expect({"policy", "clear", "--yes"}, 1, "");
+    expect({"policy", "apply", path("policies.json")}, 1, "new: not stored\n");
+    EXPECT_EQ(rowCount(), "1");
+}
+
 TEST_F(PolicyTest, ClearAsks) {
     if (const std::string problem = terminalProblem(); !problem.empty()) GTEST_SKIP() << problem;
     const Process service = startService();

@@ -96,9 +96,12 @@ TEST_F(UpgradeTest, CopiesOnceAndKeepsTheFileAsItWas) {
     EXPECT_EQ(std::filesystem::status(backup).permissions(), std::filesystem::perms(0600));
     EXPECT_EQ(query(backup, "SELECT value FROM dbinfor UNION ALL SELECT count(*) FROM secure_v3"),
               (Rows{{"2"}, {"1"}}));
-    const auto before = files();
-    EXPECT_THAT(upgrade().out, EndsWith("nothing to do\n"));
-    EXPECT_EQ(files(), before);
+    for (const char* version : {"3", "10"}) {
+        query(mDatabase, std::string("UPDATE dbinfor SET value = ") + version);
+        const auto before = files();
+        EXPECT_THAT(upgrade().out, EndsWith("nothing to do\n")) << version;
+        EXPECT_EQ(files(), before);
+    }
     const Process service = startService();
     EXPECT_EQ(cli({"secure", "get", "token"}).out + cli({"secure", "get", "sd.ui.theme"}).out, "tok\ndark\n");
 }

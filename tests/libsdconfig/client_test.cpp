@@ -57,7 +57,8 @@ TEST_F(ClientTest, StartUpTasksMoveTheLockScreenDataAndSetPowerDefaults) {
     mService.values = {{"ro.sd.build.version", "1.2"},
                        {"ro.sd.user.lockscreen.data", R"({"user": {"pin": "x"}})"},
                        {"config.device.batteryBrightness", "75"},
-                       {"config.device.chargeBrightness", "7.5"}};
+                       {"config.device.chargeBrightness", "7.5"},
+                       {"config.device.chargeDimDisplayTime", "-1"}};
     serve();
     mConfig->VerifyRequest("content", "sign");
     EXPECT_THAT(
@@ -66,13 +67,14 @@ TEST_F(ClientTest, StartUpTasksMoveTheLockScreenDataAndSetPowerDefaults) {
                     "GET_SECURE ro.sd.user.lockscreen.data ", R"(SET_SECURE sd.device.lockscreen.data {"pin": "x"})",
                     "DEL_SECURE ro.sd.user.lockscreen.data ", "GET_SECURE config.device.batteryBrightness ",
                     "GET_SECURE config.device.chargeBrightness ", "SET_SECURE config.device.chargeBrightness 80",
-                    "GET_SECURE config.device.chargeDimDisplayTime ", "GET_SECURE config.device.batteryDimDisplayTime ",
-                    "GET_SECURE config.device.chargeLidCloseAction ", "GET_SECURE config.device.batteryLidCloseAction ",
-                    "VERIFY_SIGN content sign"));
+                    "GET_SECURE config.device.chargeDimDisplayTime ",
+                    "SET_SECURE config.device.chargeDimDisplayTime 15",
+                    "GET_SECURE config.device.batteryDimDisplayTime ", "GET_SECURE config.device.chargeLidCloseAction ",
+                    "GET_SECURE config.device.batteryLidCloseAction ", "VERIFY_SIGN content sign"));
     EXPECT_TRUE(mLog.has("printProductInfo(1032): ProductInfo build.version: 1.2", 5));
     EXPECT_FALSE(mLog.has("ProductInfo product.mode"));
     EXPECT_TRUE(mLog.has(R"(i = 0, first element is user, secend element is {"pin": "x"})", 5));
-    EXPECT_EQ(mLog.count(" is nullptr", 6), 1);
+    EXPECT_EQ(mLog.count(" is nullptr", 6), 2);
     EXPECT_TRUE(mLog.has("wpowerConfigInit", 6));
 }
 

@@ -4,12 +4,16 @@
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <csignal>
+#include <filesystem>
 #include <future>
+#include <optional>
 #include <stdexcept>
 #include <vector>
 
@@ -31,8 +35,8 @@ public:
                                        }),
                                        SDBusSameUser);
     }
-    bool waitFor(const std::string& text) {
-        return waitUntil([&] { return !all().empty() && all().back() == text; });
+    bool waitFor(const std::string& text, int limitMs = 5000) {
+        return waitUntil([&] { return !all().empty() && all().back() == text; }, limitMs);
     }
 };
 
@@ -71,6 +75,19 @@ TEST_F(EventTest, ReachWhoAskedForThemInOrder) {
     ASSERT_TRUE(mSeen.waitFor("B=fence"));
     EXPECT_THAT(mSeen.all(), ElementsAre(".sdconfigChanged=1", "B=2", ".sdconfigChanged=", "B=fence"));
     EXPECT_FALSE(service.publish(std::string(300, 'x'), ""));
+}
+
+TEST_F(EventTest, ArriveAgainWhenTheServiceIsBack) {
+    const auto proxy = proxyTo();
+    std::optional<TestService> service(std::in_place);
+    ASSERT_TRUE(mSeen.listen(proxy, "E"));
+    for (const char* round : {"1", "2"}) {
+        service.emplace();
+        EXPECT_TRUE(
+            waitUntil([&] { return service->publish("E", round) && mSeen.waitFor(std::string("E=") + round, 20); }));
+    }
+    EXPECT_EQ(mLog.count("service unit can't be reached: its events are lost until it is back", 6), 2);
+    EXPECT_EQ(mLog.count("service unit is back: its events arrive again", 5), 2);
 }
 
 TEST_F(EventTest, MayUseTheirOwnProxyAndDestroyIt) {
@@ -232,6 +249,35 @@ TEST_F(HostileTest, TooManySubscriptionsAreRefusedAtOnce) {
     for (const char* more : {"1", "2", "3"}) EXPECT_FALSE(mSeen.listen(proxy, more));
     EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(2));
     EXPECT_FALSE(subscribe(rawClient(), std::string(300, 'x')));
+}
+
+// A service, and what comes and goes with it, in a process that lives on.
+TEST_F(PeersTest, LeaveNoDescriptorBehind) {
+    const auto open = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+    const auto round = [this] {
+        TestService service;
+        const auto proxy = proxyTo();
+        EXPECT_EQ(call(proxy, "ECHO", "a")->getString(0), "a");
+        EXPECT_TRUE(mSeen.listen(proxy, "E"));
+        rawClient();
+        ::close(connectTo(socket()));
+    };
+    round();
+    const auto before = open();
+    for (int i = 0; i < 10; ++i) round();
+    EXPECT_TRUE(waitUntil([&] { return open() <= before; })) << open() << " of " << before;
+}
+
+TEST_F(PeersTest, AChildThatLivesOnHoldsNoConnection) {
+    std::optional<TestService> service(std::in_place);
+    const RawClient client = rawClient();
+    ASSERT_TRUE(subscribe(client, "E"));
+    const pid_t child = ::fork();
+    if (child == 0) ::pause();
+    service.reset();
+    EXPECT_TRUE(isClosed(sd_bus_get_fd(client.get())));
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
 }
 
 // Accepting goes on when a descriptor is free again, and does not spin until then.

@@ -225,11 +225,12 @@ TEST_F(CallTest, HoldsUpNoOtherThread) {
             int right = 0;
             for (int n = 0; n < 100; ++n) {
                 const std::string text = std::to_string(i) + "." + std::to_string(n);
-                if (call(proxy, "ECHO", text)->getString(0) == text) ++right;
+                right += call(proxy, "ECHO", text)->getString(0) == text;
+                for (int look = 0; look < 200; ++look) right += bus().isServiceRegistered(kService);  // idle ones serve
             }
             return right;
         });
-    for (auto& thread : threads) EXPECT_EQ(thread.get(), 100);
+    for (auto& thread : threads) EXPECT_EQ(thread.get(), 20100);
 }
 
 TEST_F(CallTest, WorksInAForkedChildAndAfterIt) {
@@ -279,6 +280,23 @@ TEST_F(CallTest, TakesWhatOtherClientsSend) {
     EXPECT_THAT(seen.all(), testing::ElementsAre("vw", "pq"));
     EXPECT_FALSE(answers("_hex_41", ""));
     EXPECT_TRUE(mLog.has("the method's name is malformed", 6));
+    EXPECT_EQ(sd_bus_can_send(client.get(), SD_BUS_TYPE_UNIX_FD), 0) << "it would hold them";
+    // A debugging tool takes it for a message bus and asks for a name first.
+    sd_bus_message* hello = nullptr;
+    const char* name = "";
+    constexpr char kDBus[] = "org.freedesktop.DBus";
+    sd_bus_call_method(client.get(), kDBus, "/org/freedesktop/DBus", kDBus, "Hello", nullptr, &hello, nullptr);
+    EXPECT_TRUE(hello && sd_bus_message_read(hello, "s", &name) > 0 && name[0] == ':') << name;
+    sd_bus_message_unref(hello);
+}
+
+TEST_F(CallTest, ACrowdAtTheDoorIsNoAbsence) {
+    const int listener = listenAt(socket());
+    ASSERT_EQ(::listen(listener, 0), 0);
+    const int crowd = connectTo(socket());  // there is room for one
+    EXPECT_TRUE(bus().isServiceRegistered(kService));
+    EXPECT_EQ(call(proxyTo(), "ECHO", "", 50)->getErrorType(), SDBusTimeout);
+    for (const int end : {crowd, listener}) ::close(end);
 }
 
 // ---- Who may serve ----

@@ -2,11 +2,13 @@
 #include "platform/sdsecurity/sdsecurity.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <openssl/crypto.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -27,6 +29,19 @@ using State = sd::SDSecurity::KeyRingState;
 using Use = sd::SDSecurity::KeyUse;
 using test::readFile;
 using test::writeFile;
+using testing::ElementsAre;
+
+namespace {
+
+std::vector<std::string> sSynced;  // by the path that each had then
+
+}  // namespace
+
+// Stands in for the system's.
+extern "C" __attribute__((visibility("default"))) int fsync(int descriptor) {
+    sSynced.push_back(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(descriptor)));
+    return static_cast<int>(::syscall(SYS_fsync, descriptor));
+}
 
 namespace {
 
@@ -152,7 +167,9 @@ TEST_F(SecurityTest, MakesTheRingAtTheFirstSealAlone) {
     EXPECT_FALSE(security.RotateKey());
     EXPECT_EQ(state(), State::Absent);
     EXPECT_FALSE(std::filesystem::exists(ring));
+    sSynced.clear();
     EXPECT_NE(seal("x"), "");
+    EXPECT_THAT(sSynced, ElementsAre(ring + ".new", folder.path(), count + ".new", folder.path())) << "before it seals";
     EXPECT_EQ(state(), State::Usable);
     for (const auto& file : std::filesystem::directory_iterator(folder.path()))
         EXPECT_EQ(modeOf(file.path()), 0600U) << file.path();
@@ -285,7 +302,10 @@ TEST_F(SecurityTest, RotatesAndStillOpensWhatWasSealedBefore) {
     EXPECT_EQ(open(early), "early");
     EXPECT_EQ(seal("").substr(0, 12), late.substr(0, 12));
 
-    int keys = 2;
+    sSynced.clear();
+    EXPECT_TRUE(security.RotateKey());
+    EXPECT_THAT(sSynced, ElementsAre(ring + ".new", folder.path())) << "whole before it is the ring";
+    int keys = 3;
     while (security.RotateKey()) ++keys;
     EXPECT_EQ(keys, 199) << "which make 16 KiB";
     EXPECT_TRUE(log.has("it is full", 7));

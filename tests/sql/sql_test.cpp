@@ -46,8 +46,6 @@ TEST_F(SqlTest, StatementsRefuseWhatIsNotOneCommand) {
     EXPECT_TRUE(mLog.has("sqlite3_prepare_v2 failed: tail: CREATE TABLE b(x)", 7));
     EXPECT_EQ(test::query(mPath, "SELECT name FROM sqlite_master"), Rows{});
 
-    EXPECT_FALSE(db.executeCommand("SELECT 1"));
-    EXPECT_TRUE(mLog.has("executeCommand failed: step failed", 7));
     EXPECT_FALSE(db.executeCommand("nonsense"));
     EXPECT_TRUE(mLog.has("sqlite3_prepare_v2 failed (1)\nnonsense\nnear \"nonsense\": syntax error", 7));
     EXPECT_TRUE(mLog.has("executeCommand failed: prepare failed", 7));
@@ -84,6 +82,12 @@ TEST_F(SqlTest, RemovesNoMoreThanItWasToldAndTellsAFailure) {
         mLog.has("SQLiteTable::insert failed to execute statement /DELETE FROM t WHERE key=? COLLATE NOCASE/ "
                  "error /not now/",
                  7));
+    std::string sql;
+    table.genInsertStatement({{0, std::string(300, 'c'), 1, "", "", 0}}, sql);
+    EXPECT_EQ(sql, "INSERT OR REPLACE INTO t (" + std::string(255, 'c') + ") VALUES(?)");
+    EXPECT_FALSE(db.executeCommand("SELECT 1"));
+    EXPECT_TRUE(mLog.has("executeCommand failed: step failed", 7));
+    EXPECT_EQ(db.close(), 0) << "a failed command left its statement open";
 }
 
 }  // namespace

@@ -4,11 +4,13 @@
 
 #include <filesystem>
 #include <stdexcept>
+#include <tuple>
 
 #include "libsdconfig/sdconfig.h"
 #include "platform/sdsecurity/sdsecurity.h"
 #include "src/sdconfig_impl.h"
 #include "src/sdconfig_impl_policy.h"
+#include "src/sdconfig_impl_property.h"
 #include "tests/support/support.h"
 
 namespace sd {
@@ -130,18 +132,40 @@ TEST_F(StoresTest, SecureValuesAndKeysOfAnyBytes) {
     EXPECT_EQ(test::query(mConfigFile, "SELECT count(*) FROM secure_v3"), Rows{{"7"}});
     EXPECT_EQ(test::query(mConfigFile, "PRAGMA integrity_check"), Rows{{"ok"}});
 
-    const std::string large(16 << 20, 'x');
-    ASSERT_TRUE(mConfig->SetSecure("large", large));
-    EXPECT_EQ(mConfig->GetSecure("large"), large);
-    EXPECT_TRUE(mConfig->SetSecure("cut", std::string("cut\0", 4) + large)) << "as long as what is kept of it";
-    EXPECT_FALSE(mConfig->SetSecure("cut", large + "x"));
+    test::query(mConfigFile, "INSERT INTO secure_v3(key) VALUES('null')");  // a foreign hand's: it has no value
+    test::query(mPolicyFile, "INSERT INTO dmhelperconfig(value) VALUES('no key')");
+    EXPECT_EQ(mConfig->GetSecure("null"), "");
+    EXPECT_EQ(mPolicies->GetAllKeys(), (PolicyList{{"", {}}}));
+}
+
+TEST_F(StoresTest, WhatIsKeptEndsAtItsLimits) {
+    SDPropertyInf properties;
+    const std::string key(64 << 10, 'k'), value(16 << 20, 'x');
+    for (const auto& [k, v, kept] : {std::tuple{key, value, true}, {key + "k", "", false}, {"k", value + "x", false}}) {
+        EXPECT_EQ(mConfig->SetSecure(k, v), kept);
+        EXPECT_EQ(mConfig->GetSecure(k) == v && !v.empty(), kept);
+        EXPECT_EQ(mPolicies->SetPolicyWithUri(k, {{v, 9}}), kept);
+        EXPECT_EQ(properties.SetProperty(k, v), kept);
+    }
+    EXPECT_TRUE(mConfig->SetSecure("cut", std::string("cut\0", 4) + value)) << "as long as what is kept of it";
     EXPECT_EQ(mConfig->GetSecure("cut"), "cut");
+    EXPECT_EQ(mLog.count("a property is longer than what is kept", 7), 2);
+}
+
+TEST_F(StoresTest, KeysAreClassifiedExactly) {
+    const char* keys[] = {"ro.sd.keepAliveToken",       "ro.sd.uuid",          "encryptedPassword",
+                          "velmar.proxy.http.password", "ro.sd.build.version", "ro.sd.product.channel",
+                          "ro.velmar.switch.env",       "RO.sd.uuid",          "ro.sd.build.versio"};
+    std::string classes;
+    for (const char* key : keys) classes += isKeyInTPM(key) ? 'T' : isSpecialKeyInBuildProp(key) ? 'B' : '-';
+    EXPECT_EQ(classes, "TTTTBBB--");
 }
 
 TEST_F(StoresTest, OnlyIdentityValuesAreLogged) {
-    for (const char* key : {"ro.sd.uuid", "ro.sd.client.id", "ro.sd.uuid.other"}) mConfig->SetSecure(key, "canary");
+    for (const char* key : {"RO.sd.uuid", "ro.sd.Client.id", "ro.sd.uuid", "ro.sd.client.id", "ro.sd.uuid.other"})
+        mConfig->SetSecure(key, "canary");
     mConfig->GetSecure("ro.sd.uuid");
-    mConfig->GetSecure("ro.sd.uuid.other");
+    for (const char* key : {"ro.sd.UUID", "ro.sd.uuid.other"}) mConfig->GetSecure(key);
     EXPECT_EQ(mLog.count("key is ro.sd.uuid, utf8Value is canary, encrypted is v1", 5), 1);
     EXPECT_EQ(mLog.count("key is ro.sd.client.id, utf8Value is canary", 5), 1);
     EXPECT_EQ(mLog.count("key is ro.sd.uuid, encrypted is v1", 5), 1);

@@ -37,6 +37,12 @@ protected:
 
 TEST_F(TksTest, CarriesEveryRowOverOnce) {
     useSince();
+    query("UPDATE dbinfor SET value = '10'");
+    SDConfigImplTKS{mFile};
+    EXPECT_EQ(query("SELECT value FROM dbinfor UNION ALL SELECT count(*) FROM secure_v3"), (Rows{{"10"}, {"1"}}))
+        << "a later version is left alone";
+    query("UPDATE dbinfor SET value = '2'");
+    mLog.clear();
     const Rows legacy = query("SELECT * FROM config UNION ALL SELECT * FROM secure");
     std::optional<SDConfigImplTKS> store(mFile);
     const std::pair<const char*, std::string> values[] = {
@@ -135,6 +141,8 @@ TEST_F(TksTest, AccessorsOfTheEarlierLayout) {
     EXPECT_TRUE(store.SetSecure_v2("mail", kSeventy));
     EXPECT_EQ(query("SELECT key, length(value) FROM secure WHERE key LIKE 'mail%' ORDER BY id"),
               (Rows{{"mail@@0", "65"}, {"mail@@1", "65"}, {"mail@@2", "25"}}));
+    EXPECT_TRUE(store.SetSecure_v2(std::string(300, 'n'), "cut"));
+    EXPECT_EQ(query("SELECT max(length(key)) FROM secure"), Rows{{"255"}});
     EXPECT_TRUE(store.SetSecure_v2("MAIL", "short"));
     EXPECT_EQ(store.GetSecure_v2("mail"), "short");
     EXPECT_TRUE(store.SetSecure_v2("mail", ""));
