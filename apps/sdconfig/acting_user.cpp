@@ -17,6 +17,11 @@ namespace {
 
 constexpr char kRuntime[] = "XDG_RUNTIME_DIR";
 
+std::string& actedFor() {
+    static std::string sName;
+    return sName;
+}
+
 // What says of root where its files are, or its session; in the user's name it would lead astray.
 constexpr const char* kLeaking[] = {"XDG_DATA_HOME",  "XDG_CONFIG_HOME",          "XDG_STATE_HOME",
                                     "XDG_CACHE_HOME", "DBUS_SESSION_BUS_ADDRESS", "CREDENTIALS_DIRECTORY"};
@@ -37,13 +42,18 @@ bool takeIdentity(const passwd& user) {
     return isUser && isGroup && (user.pw_uid == 0 || ::setuid(0) != 0);
 }
 
+// A folder of the user's that was given stays, as when the service was started by hand with it.
+bool takeRuntimeFolder(uid_t user) {
+    const char* const given = std::getenv(kRuntime);
+    if (given && isFolderOf(user, given)) return true;
+    const std::string session = "/run/user/" + std::to_string(user);
+    return isFolderOf(user, session) ? ::setenv(kRuntime, session.c_str(), 1) == 0 : ::unsetenv(kRuntime) == 0;
+}
+
 bool takeEnvironment(const passwd& user) {
     for (const char* name : kLeaking) ::unsetenv(name);
-    const std::string session = "/run/user/" + std::to_string(user.pw_uid);
-    const bool isSet =
-        isFolderOf(user.pw_uid, session) ? ::setenv(kRuntime, session.c_str(), 1) == 0 : ::unsetenv(kRuntime) == 0;
-    return isSet && ::setenv("HOME", user.pw_dir, 1) == 0 && ::setenv("USER", user.pw_name, 1) == 0 &&
-           ::setenv("LOGNAME", user.pw_name, 1) == 0;
+    return takeRuntimeFolder(user.pw_uid) && ::setenv("HOME", user.pw_dir, 1) == 0 &&
+           ::setenv("USER", user.pw_name, 1) == 0 && ::setenv("LOGNAME", user.pw_name, 1) == 0;
 }
 
 }  // namespace
@@ -55,8 +65,14 @@ int actAs(const std::string& name) {
     errno = 0;
     const passwd* const user = ::getpwnam(name.c_str());
     if (!user) return fail(kUsage, tried, errno ? std::strerror(errno) : "there is no such user", "see: getent passwd");
-    if (takeIdentity(*user) && takeEnvironment(*user)) return kDone;
-    return fail(kRefused, tried, std::strerror(errno), "nothing was done");
+    if (!takeIdentity(*user) || !takeEnvironment(*user))
+        return fail(kRefused, tried, std::strerror(errno), "nothing was done");
+    actedFor() = name;
+    return kDone;
+}
+
+const std::string& actedUser() {
+    return actedFor();
 }
 
 std::string ownerOfRuntimeFolder() {

@@ -9,6 +9,9 @@ namespace cli {
 // where it isn't kDone, that was told.
 int actAs(const std::string& name);
 
+// Whom actAs() made this process act for; "" for itself.
+const std::string& actedUser();
+
 // The name of the user to whom $XDG_RUNTIME_DIR belongs, where that is another one and this process is root's; else "".
 std::string ownerOfRuntimeFolder();
 

@@ -85,7 +85,7 @@ Problem BackupWriter::addDigest(const std::string& copy) {
 
 Problem BackupWriter::addRing(const SecretText& passphrase) {
     const std::optional<SecretText> ring = readRingText(mFolder + "/" + apps::kRingFile);
-    if (!ring) return {"the key ring can't be read: " + std::string(std::strerror(errno)), "see: sdconfig check"};
+    if (!ring) return {"the key ring can't be read: " + std::string(std::strerror(errno)), "see: " + typed("check")};
     mManifest.ring = sealRing(*ring, passphrase, contextOf(mManifest));
     if (!mManifest.ring) return {"the key ring can't be sealed", "see that 256 MiB of memory are free"};
     return {};

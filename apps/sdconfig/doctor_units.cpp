@@ -4,6 +4,7 @@
 #include <memory>
 #include <sstream>
 
+#include "apps/common/system_service.h"
 #include "apps/sdconfig/doctor_checks.h"
 #include "apps/sdconfig/messages.h"
 
@@ -30,8 +31,8 @@ std::string outputOf(const std::string& command) {
 
 // Lines NAME=VALUE; none where no manager answers.
 Properties propertiesOf(const std::string& unit) {
-    std::istringstream lines(outputOf("timeout 5 " + systemctl() +
-                                      " show --property=LoadState,ActiveState,UnitFileState,Result " + unit +
+    std::istringstream lines(outputOf(std::string("timeout 5 systemctl ") + (apps::isSystemService() ? "" : "--user ") +
+                                      "show --property=LoadState,ActiveState,UnitFileState,Result " + unit +
                                       " 2>/dev/null"));
     Properties properties;
     for (std::string line; std::getline(lines, line);) {

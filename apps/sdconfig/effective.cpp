@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "apps/sdconfig/letter_case.h"
+#include "apps/sdconfig/messages.h"
 #include "libsdconfig/sdconfig_text.h"
 
 namespace cli {
@@ -51,7 +52,7 @@ bool agree(const Layers& layers, const Effective& answer) {
     return stored.value == answer.value && stored.priority == answer.priority;
 }
 
-std::string inWords(const Effective& effective, const std::optional<apps::Policy>& policy) {
+std::string inWords(const std::string& key, const Effective& effective, const std::optional<apps::Policy>& policy) {
     switch (effective.origin) {
         case Origin::StrongPolicy:
             return "a " + ofPriority(effective.priority) + (effective.value.empty() ? " that sets no value" : "") +
@@ -64,7 +65,7 @@ std::string inWords(const Effective& effective, const std::optional<apps::Policy
                    ": there is no local value to outweigh it";
         case Origin::EmptyRow:
             return "an empty local row hides the " + (policy ? ofPriority(policy->priority) : "policy") +
-                   "; deleting it lets that through: sdconfig secure delete";
+                   "; deleting it lets that through: " + typed("secure delete ") + asArgument(key);
         case Origin::Unset:
             return "neither a policy nor a local value";
         case Origin::LocalOrPolicy:

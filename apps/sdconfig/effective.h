@@ -46,7 +46,7 @@ Effective answered(const sd::PolicyMap& policy);
 bool agree(const Layers& layers, const Effective& answer);
 
 // The origin in words, without a value. policy: what stands there, whether it is in force or not.
-std::string inWords(const Effective& effective, const std::optional<apps::Policy>& policy);
+std::string inWords(const std::string& key, const Effective& effective, const std::optional<apps::Policy>& policy);
 
 // The origin in JSON.
 const char* nameOf(Origin origin);

@@ -112,7 +112,7 @@ std::string secureText(const Request& request, const Findings& found) {
     const Effective& effective = found.effective;
     const auto policy = found.layers ? found.layers->policy : std::nullopt;
     std::string text = std::string("secure value: ") + (effective.value.empty() ? "not set" : "set") + ": " +
-                       inWords(effective, policy) + "\n";
+                       inWords(request.key, effective, policy) + "\n";
     if (!effective.value.empty()) text += "  value: " + hidden(effective.value, request.show) + "\n";
     if (!found.layers) return text + "  policy, local value: the data folder would tell\n";
     text += "  policy: " + policyText(*found.layers, request.show) + "\n";

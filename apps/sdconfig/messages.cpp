@@ -17,8 +17,6 @@ namespace {
 constexpr std::size_t kMaxQuoted = 200;
 constexpr std::size_t kMaxLine = 2000;
 
-constexpr char kSeeVersions[] = "see whether its version is another: sdconfig doctor";
-
 // Between two characters of UTF-8.
 std::string cut(std::string_view text, std::size_t most) {
     if (text.size() <= most) return std::string(text);
@@ -38,8 +36,16 @@ int failUse(const std::string& command, const std::string& happened, const std::
                 hint + "see: sdconfig" + space + command + " --help");
 }
 
+std::string seeVersions() {
+    return "see whether its version is another: " + typed("doctor");
+}
+
+// Root's "journalctl --user" shows root's own services alone.
 std::string seeItsLog() {
-    return std::string("its log tells why: journalctl ") + (apps::isSystemService() ? "" : "--user ") + "-u sdconfigd";
+    const std::string user = actedUser().empty()
+                                 ? "--user -u sdconfigd"
+                                 : "_UID=" + std::to_string(::geteuid()) + " _SYSTEMD_USER_UNIT=sdconfigd.service";
+    return "its log tells why: journalctl " + (apps::isSystemService() ? "-u sdconfigd" : user);
 }
 
 bool readOnly(const std::string& key) {
@@ -57,12 +63,18 @@ void note(const std::string& text) {
     printLine("note: " + text);
 }
 
+std::string typed(const std::string& words) {
+    return "sdconfig " + (actedUser().empty() ? "" : "--user " + shellWord(actedUser()) + " ") + words;
+}
+
 std::string systemctl() {
-    return apps::isSystemService() ? "systemctl" : "systemctl --user";
+    if (apps::isSystemService()) return "systemctl";
+    return "systemctl --user" + (actedUser().empty() ? "" : " --machine=" + shellWord(actedUser() + "@"));
 }
 
 std::string howToStart() {
-    return "start it with: " + systemctl() + " start sdconfigd, or: sdconfigd";
+    const std::string by = actedUser().empty() ? "" : "runuser -u " + shellWord(actedUser()) + " -- ";
+    return "start it with: " + systemctl() + " start sdconfigd, or: " + by + "sdconfigd";
 }
 
 std::string howToRestart() {
@@ -89,35 +101,35 @@ std::string attemptOnFile(const Request& request) {
 int notRunning(const std::string& tried, const std::string& socketPath, const std::string& lookedAt) {
     const std::string what = "the service is not running (" + lookedAt + ")";
     if (const std::string owner = ownerOfRuntimeFolder(); !owner.empty())
-        return fail(kNoService, tried, what, "use the service of that user with: sdconfig --user " + shellWord(owner));
+        return fail(kNoService, tried, what, "use the service of that user: repeat it with --user " + shellWord(owner));
     if (socketPath.empty())
         return fail(kNoService, tried, what, "set XDG_RUNTIME_DIR to a folder that is yours and has mode 0700");
-    return fail(kNoService, tried, what, howToStart() + "; where it ends again, sdconfig doctor tells why");
+    return fail(kNoService, tried, what, howToStart() + "; where it ends again, this tells why: " + typed("doctor"));
 }
 
 int noAnswer(const std::string& tried, const Problem& problem, const std::string& socketPath) {
     return fail(kNoService, tried, "the service on " + socketPath + " " + problem.what, problem.next);
 }
 
-int callUnanswered(const std::string& tried) {
-    return fail(kNoService, tried, "the service gave this call no answer, though it answers others",
-                std::string(kSeeVersions) + "; " + seeItsLog());
+int callUnanswered(const Request& request) {
+    return fail(kNoService, attempt(request), "the service gave this call no answer, though it answers others",
+                seeVersions() + "; " + seeItsLog());
 }
 
 int answerUnreadable(const std::string& tried) {
-    return fail(kNoService, tried, "the service's answer is none that this version can read", kSeeVersions);
+    return fail(kNoService, tried, "the service's answer is none that this version can read", seeVersions());
 }
 
 int unset(const Request& request) {
     const bool isProperty = request.command == "get";
     return fail(kRefused, attempt(request), "not set, or set to nothing",
-                std::string("give it a value with: sdconfig ") + (isProperty ? "set " : "secure set ") +
-                    asArgument(request.key) + (isProperty ? " VALUE" : ""));
+                "give it a value with: " + typed(isProperty ? "set " : "secure set ") + asArgument(request.key) +
+                    (isProperty ? " VALUE" : ""));
 }
 
 int unopenable(const Request& request) {
     return fail(kRefused, attempt(request), "something is stored, and it can't be opened",
-                "see what is wrong with: sdconfig check");
+                "see what is wrong with: " + typed("check"));
 }
 
 int unsetHere(const Request& request) {
@@ -140,10 +152,22 @@ int notSigned(const Request& request) {
 }
 
 void noteOutweighed(const std::string& key) {
-    note(
-        "a policy above priority 5 overrides what was set, which shows once the policy is gone; see: sdconfig "
-        "explain " +
-        asArgument(key));
+    note("a policy above priority 5 overrides what was set, which shows once the policy is gone; see: " +
+         typed("explain ") + asArgument(key));
+}
+
+void noteHides(const std::string& key, int priority) {
+    note("the empty value hides the policy of priority " + std::to_string(priority) +
+         "; this lets it through: " + typed("secure delete ") + asArgument(key));
+}
+
+void noteHidden(const std::string& key, bool byValue) {
+    note(std::string(byValue ? "the local secure value outweighs" : "an empty local row hides") +
+         " this policy, which is not above priority 5; see: " + typed("explain ") + asArgument(key));
+}
+
+void noteStaysInForce(const std::string& key) {
+    note("a policy above priority 5 gives the key its value as before; see: " + typed("explain ") + asArgument(key));
 }
 
 void noteLetThrough(int priority) {
@@ -151,8 +175,8 @@ void noteLetThrough(int priority) {
 }
 
 void noteProperty(const std::string& key) {
-    note("policies govern secure values, not properties: sdconfig get " + asArgument(key) +
-         " goes on printing the property");
+    note("policies govern secure values, not properties; this goes on printing the property: " + typed("get ") +
+         asArgument(key));
 }
 
 void noteListedProperties() {
@@ -162,7 +186,7 @@ void noteListedProperties() {
 int setRefused(const Request& request) {
     if (readOnly(request.key))
         return fail(kRefused, attempt(request), "a key that begins with \"ro.\" is read-only once it has a value",
-                    "see what it holds with: sdconfig get " + asArgument(request.key));
+                    "see what it holds with: " + typed("get ") + asArgument(request.key));
     return fail(kRefused, attempt(request), "the service refused the value", seeItsLog());
 }
 
@@ -179,7 +203,7 @@ int secureWriteRefused(const Request& request) {
 
 int policyUnset(const Request& request) {
     return fail(kRefused, attempt(request), "neither a policy nor a local secure value gives it a value",
-                "see why with: sdconfig explain " + asArgument(request.key));
+                "see why with: " + typed("explain ") + asArgument(request.key));
 }
 
 int policyRefused(const Request& request) {
@@ -296,7 +320,7 @@ int notUpgraded(const Request& request, const std::string& problem, const std::s
 int upgradeNeedsForce(const Request& request) {
     return fail(kRefused, attempt(request),
                 "nothing was ever copied in this database, and its version would be stamped without copying",
-                "copy everything with: sdconfig upgrade --force " + asArgument(request.key));
+                "copy everything with: " + typed("upgrade --force ") + asArgument(request.key));
 }
 
 int upgradeFailed(const Request& request, const std::string& backup) {
@@ -343,7 +367,7 @@ void noteKeysHandedOver(const std::string& ring) {
 }
 
 void noteRowsUnreadable(std::size_t count) {
-    note("values that can't be opened or used: " + std::to_string(count) + "; see: sdconfig check DATA-DIR");
+    note("values that can't be opened or used: " + std::to_string(count) + "; see: " + typed("check DATA-DIR"));
 }
 
 int notRestored(const Request& request, const Problem& problem) {
@@ -359,9 +383,9 @@ void noteNoRing(const std::string& folder) {
 }
 
 void noteNotSealed(std::size_t count) {
-    note(
-        "names of the earlier layout that secure_v3 lacks: " + std::to_string(count) +
-        "; they were deleted since, or a copying was cut off: copy everything with: sdconfig upgrade --force DATA-DIR");
+    note("names of the earlier layout that secure_v3 lacks: " + std::to_string(count) +
+         "; they were deleted since, or a copying was cut off: copy everything with: " +
+         typed("upgrade --force DATA-DIR"));
 }
 
 void noteWatching(std::size_t keys, bool more) {

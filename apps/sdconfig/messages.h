@@ -26,7 +26,10 @@ struct Problem {
     explicit operator bool() const { return !what.empty(); }
 };
 
-// The command that reaches the manager of the service, with the option that it takes.
+// "sdconfig" and `words`, a command and what follows it, as a person types it to act for the same user.
+std::string typed(const std::string& words);
+
+// The same for the command that reaches the manager of the service.
 std::string systemctl();
 
 // What to do about a service that isn't there, and one that is not well.
@@ -54,7 +57,7 @@ std::string attemptOnFile(const Request& request);  // with its file: backup "f"
 // lookedAt: where the service was looked for.
 int notRunning(const std::string& tried, const std::string& socketPath, const std::string& lookedAt);
 int noAnswer(const std::string& tried, const Problem& problem, const std::string& socketPath);
-int callUnanswered(const std::string& tried);  // this call only
+int callUnanswered(const Request& request);  // this call only
 int answerUnreadable(const std::string& tried);
 
 // What a command found.
@@ -67,6 +70,9 @@ int notSigned(const Request& request);
 
 // What a success leaves as it was, or hidden.
 void noteOutweighed(const std::string& key);
+void noteHides(const std::string& key, int priority);
+void noteHidden(const std::string& key, bool byValue);  // by a local value, or by an empty local row
+void noteStaysInForce(const std::string& key);
 void noteLetThrough(int priority);
 void noteProperty(const std::string& key);
 void noteListedProperties();

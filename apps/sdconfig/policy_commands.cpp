@@ -6,11 +6,11 @@
 #include "apps/sdconfig/messages.h"
 #include "apps/sdconfig/output.h"
 #include "apps/sdconfig/policy_value.h"
+#include "apps/sdconfig/property_clash.h"
 #include "apps/sdconfig/service.h"
 #include "apps/sdconfig/stored_policies.h"
 #include "apps/sdconfig/table.h"
 #include "libsdconfig/dmconfig.h"
-#include "libsdconfig/sdconfig.h"
 #include "src/sdconfig_protocol.h"
 
 namespace cli {
@@ -83,11 +83,10 @@ std::string stateOf(const Listed& listed) {
     }
 }
 
-// Whether there is a property of that key, and no local secure value that the service would tell of.
-bool isOnlyProperty(const std::string& key) {
-    const Effective effective = answered(policies().GetPolicyWithUri(key));
-    const bool mayBeLocal = effective.origin == Origin::LocalOrPolicy;
-    return !mayBeLocal && !sd::SDConfig::GetInstance()->GetProperty(key).empty();
+// What comes back instead of a policy is local.
+void noteWhereHidden(const Request& request, int priority) {
+    const Effective now = answered(policies().GetPolicyWithUri(request.key));
+    if (now.value != request.value || now.priority != priority) noteHidden(request.key, !now.value.empty());
 }
 
 Fields listedFields(const Listed& listed) {
@@ -117,12 +116,13 @@ int setPolicy(const Request& request, Service& service) {
     if (const std::string unfit = unfitPolicyValue(request.value); !unfit.empty())
         return unfitPolicy(request, {"VALUE " + unfit, "give another value, or \"\" for none"});
     if (const int code = service.require()) return code;
-    const bool onlyProperty = isOnlyProperty(request.key);
+    const bool onlyProperty = isOnlyProperty(request.key, answered(policies().GetPolicyWithUri(request.key)));
     const auto [done, code] = service.call("SetPolicyWithUri key", request.key, [&, p = *priority] {
         return policies().SetPolicyWithUri(request.key, {{request.value, p}});
     });
     if (code) return code;
     if (done && onlyProperty) noteProperty(request.key);
+    if (done) noteWhereHidden(request, *priority);
     return printChange(request, uriObject(request), done);
 }
 

@@ -30,7 +30,7 @@ Change changeOf(const PlannedPolicy& planned, Layers layers) {
     layers.policy = planned.policy;
     layers.policyUnreadable = false;
     change.after = weigh(layers);
-    change.why = inWords(*change.after, layers.policy);
+    change.why = inWords(planned.uri, *change.after, layers.policy);
     return change;
 }
 

@@ -12,6 +12,7 @@
 #include "apps/sdconfig/output.h"
 #include "apps/sdconfig/policy_file.h"
 #include "apps/sdconfig/policy_preview.h"
+#include "apps/sdconfig/property_clash.h"
 #include "apps/sdconfig/service.h"
 #include "apps/sdconfig/stored_policies.h"
 #include "apps/sdconfig/whole_file.h"
@@ -48,6 +49,22 @@ int sendAll(const std::vector<PolicyEntry>& entries, Service& service) {
             return code;
         }
     }
+    return kDone;
+}
+
+std::vector<std::string> urisOf(const std::vector<PolicyEntry>& entries) {
+    std::vector<std::string> uris;
+    uris.reserve(entries.size());
+    for (const PolicyEntry& entry : entries) uris.push_back(entry.uri);
+    return uris;
+}
+
+// Returns the exit code.
+int noteProperties(const std::vector<PolicyEntry>& entries, Service& service) {
+    std::map<std::string, Effective> now;
+    if (const int code = readEffective(urisOf(entries), service, now)) return code;
+    for (const auto& [uri, effective] : now)
+        if (isOnlyProperty(uri, effective)) noteProperty(uri);
     return kDone;
 }
 
@@ -97,11 +114,8 @@ Outcome outcomeOf(const PolicyEntry& entry, const Effective& now) {
 // Adds what became of the entries, which were sent. Returns the exit code.
 int readBack(const Request& request, const std::vector<PolicyEntry>& entries, Service& service,
              std::vector<Result>& results) {
-    std::vector<std::string> uris;
-    uris.reserve(entries.size());
-    for (const PolicyEntry& entry : entries) uris.push_back(entry.uri);
     std::map<std::string, Effective> now;
-    if (const int code = readEffective(uris, service, now)) return code;
+    if (const int code = readEffective(urisOf(entries), service, now)) return code;
     const auto asLocal = [&](const PolicyEntry& entry) { return readsAsLocal(entry, now.at(entry.uri)); };
     Stored stored;
     if (std::any_of(entries.begin(), entries.end(), asLocal))
@@ -215,7 +229,7 @@ int exportPolicies(const Request& request, Service& service) {
             entries.push_back(entry);
         } else if (problem.empty()) {
             problem = "the policy of " + quoted(one.uri) + " is left out: " + unfit;
-            next = "set or delete that one, and repeat it";
+            next = "set it anew, or delete it with: " + typed("policy delete ") + asArgument(one.uri);
         }
     }
     if (const int code = putFile(request, entries, problem.empty())) return code;
@@ -234,6 +248,7 @@ int applyPolicies(const Request& request, Service& service) {
     std::vector<std::string> surplus;
     if (request.prune)
         if (const int code = findSurplus(request, file.entries, service, surplus)) return code;
+    if (const int code = noteProperties(file.entries, service)) return code;
     if (request.dryRun) return preview(request, file.entries, surplus, service);
     if (!surplus.empty() && !confirmed(request, pruneQuestion(surplus.size()))) return notConfirmed(request);
     return apply(request, file.entries, surplus, service);

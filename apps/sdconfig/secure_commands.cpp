@@ -32,23 +32,35 @@ Answer<bool> remove(const std::string& key, Service& service) {
     return service.call("DeleteSecure the key", key, [&] { return sd::SDConfig::GetInstance()->DeleteSecure(key); });
 }
 
-// The policy that an empty local row hides, where the data folder tells of one.
-std::optional<apps::Policy> hiddenPolicy(const Request& request, const Service& service) {
+// Nothing of the key where the data folder can't be read.
+Layers storedLayers(const Request& request, const Service& service) {
     const DataAccess access = findData(request, service);
     StoredLayers stored;
-    if (!access.reader || !stored.read(*access.reader, request.key).empty()) return std::nullopt;
-    const Layers layers = stored.of(request.key);
-    const bool isHidden = layers.row == Layers::Row::Empty && weigh(layers).origin == Origin::EmptyRow;
-    return isHidden && !layers.policy->value.empty() ? layers.policy : std::nullopt;
+    const bool known = access.reader && stored.read(*access.reader, request.key).empty();
+    return known ? stored.of(request.key) : Layers();
 }
 
-// The store takes an empty row for none and leaves it where it is; one with a value goes. The policy's own is given to
-// it for that moment, so that nobody reads a value that is not the one in force afterwards.
-int letThrough(const Request& request, const apps::Policy& policy, Service& service) {
-    for (const auto& [done, code] : {store(request.key, policy.value, service), remove(request.key, service)})
-        if (code || !done) return code ? code : printDone(request, false, secureWriteRefused);
-    noteLetThrough(policy.priority);
-    return printDone(request, true, secureWriteRefused);
+// The policy that an empty local row hides.
+std::optional<apps::Policy> hiddenPolicy(const Layers& layers) {
+    return weigh(layers).origin == Origin::EmptyRow ? layers.policy : std::nullopt;
+}
+
+// The store takes an empty row for none and leaves it where it is; one with a value goes. A policy's own is given to it
+// for that moment, so that nobody reads a value that is not the one in force afterwards.
+Answer<bool> removeEmptyRow(const std::string& key, const std::optional<apps::Policy>& policy, Service& service) {
+    const bool hasValue = policy && !policy->value.empty();
+    const Answer<bool> stored = store(key, hasValue ? policy->value : "deleted", service);
+    return stored.result && !stored.exitCode ? remove(key, service) : stored;
+}
+
+Answer<bool> removeWhole(const Request& request, Service& service) {
+    const Answer<bool> removed = remove(request.key, service);
+    if (!removed.result || removed.exitCode) return removed;
+    const Layers left = storedLayers(request, service);
+    if (left.row != Layers::Row::Empty) return removed;
+    const Answer<bool> emptied = removeEmptyRow(request.key, left.policy, service);
+    if (const auto policy = hiddenPolicy(left); policy && emptied.result) noteLetThrough(policy->priority);
+    return emptied;
 }
 
 }  // namespace
@@ -78,15 +90,16 @@ int setSecure(const Request& request, Service& service) {
     const auto [done, code] = store(request.key, secret.value, service);
     if (code) return code;
     if (done && sd::DMConfig::GetInstance()->isStrongControl(request.key)) noteOutweighed(request.key);
+    if (done && secret.value.empty())
+        if (const auto policy = hiddenPolicy(storedLayers(request, service))) noteHides(request.key, policy->priority);
     return printDone(request, done, secureWriteRefused);
 }
 
 int deleteSecure(const Request& request, Service& service) {
     if (const int code = service.require()) return code;
-    const auto [done, code] = remove(request.key, service);
+    const auto [done, code] = removeWhole(request, service);
     if (code) return code;
-    if (done)
-        if (const auto policy = hiddenPolicy(request, service)) return letThrough(request, *policy, service);
+    if (done && sd::DMConfig::GetInstance()->isStrongControl(request.key)) noteStaysInForce(request.key);
     return printDone(request, done, secureWriteRefused);
 }
 

@@ -175,7 +175,8 @@ int Service::endCall(bool failureValue) {
     const Probe after = probe();
     if (!after.listening) return notRunning(attempt(mRequest), socketPath(), lookedAt());
     if (!after.answered) return noAnswer(attempt(mRequest), after.how, socketPath());
-    return callUnanswered(attempt(mRequest));
+    // That is also how it tells that a deletion of a secure value failed.
+    return mRequest.command == "secure delete" ? secureWriteRefused(mRequest) : callUnanswered(mRequest);
 }
 
 int Service::requireCount(const char* method) const {

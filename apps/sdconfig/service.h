@@ -28,7 +28,7 @@ struct Probe {
 template <class Result>
 struct Answer {
     Result result;
-    int exitCode;  // kDone where the service answered; else kNoService, and the failure was told
+    int exitCode;  // kDone where the service answered; else the failure was told
 };
 
 class Service {

@@ -43,7 +43,7 @@ TEST_F(PolicyTest, OneAtATime) {
     expect({"policy", "get", "k"}, 0, "on\n");
     expect({"policy", "get", "k", "--json"}, 0, "{\"uri\":\"k\",\"set\":true,\"value\":\"on\",\"priority\":6}\n");
     expect({"policy", "strong", "k"}, 0, "strong\n");
-    expect({"policy", "set", "k", "on", "5"}, 0, "");
+    EXPECT_THAT(cli({"policy", "set", "k", "on", "5"}).err, HasSubstr("the local secure value outweighs this policy"));
     expect({"policy", "get", "k"}, 0, "local\n");
     EXPECT_EQ(cli({"policy", "strong", "k"}).out, "not strong\n");
     EXPECT_EQ(cli({"policy", "strong", "k"}).exitCode, 1);
