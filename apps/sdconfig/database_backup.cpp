@@ -5,10 +5,13 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <filesystem>
 
 #include "apps/common/sqlite_handles.h"
 #include "apps/sdconfig/dated_name.h"
+#include "apps/sdconfig/whole_file.h"
 
 namespace cli {
 
@@ -30,15 +33,22 @@ std::string takeExclusively(sqlite3* db) {
     return result == SQLITE_OK ? "" : sqlite3_errmsg(db);
 }
 
-// Makes an empty file that was not there. Returns its path, or "" with errno set.
-std::string createNew(const std::string& database) {
+std::string unfinishedName(const std::string& database) {
+    return database + ".backup.unfinished";
+}
+
+// A copy that was not finished, with its journal.
+void removeUnfinished(const std::string& database) {
+    const std::string path = unfinishedName(database);
+    for (const std::string& file : {path, path + "-journal"}) ::unlink(file.c_str());
+}
+
+// Gives the copy the first free name of its own. Returns that, or "" with errno set.
+std::string putInPlace(const std::string& unfinished, const std::string& database) {
     for (int count = 1; count <= kMostDatedNames; ++count) {
         std::string path = datedName(database, count) + ".backup";
-        const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-        if (file < 0 && errno == EEXIST) continue;
-        if (file < 0) return "";
-        ::close(file);
-        return path;
+        if (::renameat2(AT_FDCWD, unfinished.c_str(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE) == 0) return path;
+        if (errno != EEXIST) return "";
     }
     return "";
 }
@@ -58,12 +68,20 @@ Backup keepBackup(const std::string& database) {
     const Database source = openExisting(database);
     if (std::string why = takeExclusively(source.get()); !why.empty())
         return {"", database + " can't be written: " + why};
-    const std::string path = createNew(database);
-    if (path.empty()) return {"", "no copy of " + database + " can be made beside it: " + std::strerror(errno)};
-    const std::string why = copyInto(source.get(), path);
-    if (why.empty()) return {path, ""};
-    ::unlink(path.c_str());
-    return {"", "no copy of " + database + " can be kept as " + path + ": " + why};
+    removeUnfinished(database);  // of a process that was killed; the database is ours alone
+    const std::string unfinished = unfinishedName(database);
+    const int file = ::open(unfinished.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (file < 0) return {"", "no copy of " + database + " can be made beside it: " + std::strerror(errno)};
+    ::close(file);
+    std::string why = copyInto(source.get(), unfinished);
+    const std::string path = why.empty() ? putInPlace(unfinished, database) : "";
+    if (why.empty() && path.empty()) why = std::strerror(errno);
+    if (!why.empty()) {
+        removeUnfinished(database);
+        return {"", "no copy of " + database + " can be kept: " + why};
+    }
+    syncFolder(std::filesystem::path(path).parent_path());
+    return {path, ""};
 }
 
 }  // namespace cli

@@ -112,7 +112,10 @@ TEST_F(UpgradeTest, OneThatWasKilledIsRepeated) {
     shell("{ echo 'SELECT 1 FROM config;'; echo '.shell kill -9 $PPID'; } | sqlite3 sdconfig.db");
     writeFile(mDatabase + "-wal", std::string(32, 'x'));  // killed at its first sync: there is its header alone
     EXPECT_EQ(cli({"list", "--data-dir", path("data")}).exitCode, 0);
+    const std::string leftover = mDatabase + ".backup.unfinished";
+    for (const char* end : {"", "-journal"}) writeFile(leftover + end, "half");
     EXPECT_EQ(upgrade().exitCode, 0);
+    EXPECT_FALSE(std::filesystem::exists(leftover) || std::filesystem::exists(leftover + "-journal"));
 }
 
 TEST_F(UpgradeTest, OnlyForceCopiesWhereNothingWasSealedYet) {
