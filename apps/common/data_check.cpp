@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -165,13 +166,33 @@ bool isDataFolder(const std::string& folder) {
     return holds(kSecureLayout.file) || holds(kPolicyLayout.file) || holds(kRingFile);
 }
 
-DataCheck checkData(const std::string& folder, const Stop& stop) {
+std::optional<Finding> folderFinding(const std::string& folder) {
+    static constexpr char kName[] = "name the folder that holds sdconfig.db";
     struct stat status {};
     if (::stat(folder.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
-        return {{{folder, "there is no folder " + folder, "name the folder that holds sdconfig.db"}}};
-    if (!isDataFolder(folder))
-        return {{{folder, folder + " is no data folder: it holds neither a database nor a key ring",
-                  "name the folder that holds sdconfig.db"}}};
+        return Finding{folder, "there is no folder " + folder, kName};
+    if (isDataFolder(folder)) return std::nullopt;
+    return Finding{folder, folder + " is no data folder: it holds neither a database nor a key ring", kName};
+}
+
+std::string remedyFor(const std::string& folder) {
+    if (folderFinding(folder)) return "";
+    for (const DatabaseLayout* layout : kLayouts)
+        if (const DatabaseCheck check = checkDatabase(folder + "/" + layout->file, *layout); !check.damage.empty())
+            return check.damage.front().next;
+    return "";
+}
+
+bool holdsSealedValues(const std::string& folder) {
+    return std::any_of(kLayouts.begin(), kLayouts.end(), [&](const DatabaseLayout* layout) {
+        return checkDatabase(folder + "/" + layout->file, *layout).sealed > 0;
+    });
+}
+
+DataCheck checkData(const std::string& folder, const Stop& stop) {
+    if (const auto finding = folderFinding(folder)) return {{*finding}};
+    struct stat status {};
+    ::stat(folder.c_str(), &status);
     DataCheck result;
     append(result.findings, folderAccessFindings(folder, status.st_uid));
     std::size_t sealed = 0;

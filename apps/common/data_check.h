@@ -1,6 +1,7 @@
 // A data folder looked at as a whole, whether the service runs or not. Creates and changes nothing in it.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -28,8 +29,15 @@ struct DataCheck {
     std::size_t policies = 0;
 };
 
-// Whether it holds a database or a key ring.
+// Whether it holds a database or a key ring; and what to say where it does not.
 bool isDataFolder(const std::string& folder);
+std::optional<Finding> folderFinding(const std::string& folder);
+
+// What to do about the first database of the folder that can't be read as it is; "" where there is none.
+std::string remedyFor(const std::string& folder);
+
+// Whether a value of the folder takes the key ring.
+bool holdsSealedValues(const std::string& folder);
 
 // Both databases, the key ring, and who else can get at the files.
 DataCheck checkData(const std::string& folder, const Stop& stop = nullptr);

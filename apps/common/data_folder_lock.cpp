@@ -8,10 +8,10 @@
 #include <cerrno>
 #include <charconv>
 #include <cstring>
-#include <fstream>
 
 #include "apps/common/data_files.h"
 #include "apps/common/escaped.h"
+#include "apps/common/process.h"
 
 namespace apps {
 
@@ -41,17 +41,6 @@ std::string lockPath(const std::string& folder) {
 bool isRegular(int descriptor) {
     struct stat status {};
     return ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
-}
-
-// The command that ends the process; where it is a unit, that of the unit and of the socket which would start it again.
-std::string howToEnd(pid_t process) {
-    std::ifstream file("/proc/" + std::to_string(process) + "/cgroup");
-    std::string group;
-    while (std::getline(file, group))
-        if (group.find("/sdconfigd.service") != std::string::npos)
-            return std::string("systemctl ") + (group.find("/user@") == std::string::npos ? "" : "--user ") +
-                   "stop sdconfigd.socket sdconfigd.service";
-    return "kill " + std::to_string(process);
 }
 
 Finding inUse(const std::string& path, const std::string& kind, pid_t process) {

@@ -1,7 +1,10 @@
 // Which data folder the running service serves.
 #pragma once
 
+#include <optional>
 #include <string>
+
+#include "apps/common/finding.h"
 
 namespace apps {
 
@@ -9,8 +12,9 @@ namespace apps {
 // Where systemd listens in its place, a call starts it.
 std::string servedFolder();
 
-// Whether the running service's databases were removed beneath it: it has them open, and refuses every change.
-bool isServedDataGone();
+// That the running service's data was removed, moved or replaced beneath it: it has the files open, and refuses every
+// change. `next` ends where the words on a restart of the service belong.
+std::optional<Finding> displacedData();
 
 // Whether both paths lead to one folder.
 bool isSameFolder(const std::string& one, const std::string& other);

@@ -53,7 +53,7 @@ int finish(const Request& request, const std::string& folder, Keys keys, const B
     object["policies"] = writer.count(1);
     object["keys"] = nameOf(keys);
     object["done"] = true;
-    if (writer.unreadable() > 0) noteRowsUnreadable(writer.unreadable());
+    if (writer.unreadable() > 0) noteRowsUnreadable(writer.unreadable(), folder);
     return print(request,
                  "backed up " + escaped(folder) + ": secure values " + std::to_string(writer.count(0)) + ", policies " +
                      std::to_string(writer.count(1)) + ", key ring " + nameOf(keys) + "\n",
@@ -103,6 +103,7 @@ int backupData(const Request& request, Service& service) {
     const DataAccess access = accessFolder(request, service);
     if (!access.reader) return access.exitCode;
     const std::string& folder = access.reader->folder();
+    if (const auto finding = apps::folderFinding(folder)) return notBackedUp(request, {finding->what, finding->next});
     std::string file;
     if (const Problem problem = chooseFile(request, folder, file)) return notBackedUp(request, problem);
 

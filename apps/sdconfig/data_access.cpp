@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <string>
 
+#include "apps/common/data_check.h"
 #include "apps/common/data_folder.h"
 #include "apps/common/served_folder.h"
 #include "apps/sdconfig/messages.h"
@@ -36,8 +37,15 @@ DataAccess accessFolder(const Request& request, const Service& service) {
         access.reader.emplace(folderNamed(request.key));
     else
         access = accessData(request, service);
-    if (!access.reader) access.exitCode = noDataFolder(request);
+    if (!access.reader && !access.exitCode)
+        access.exitCode = noDataFolder(request, problemOfData(access, kFolderUntold));
     return access;
+}
+
+Problem problemOfData(const DataAccess& access, const std::string& what) {
+    if (access.reader) return {what, apps::remedyFor(access.reader->folder())};
+    const auto displaced = apps::displacedData();
+    return displaced ? Problem{displaced->what, displaced->next + howToRestart()} : Problem{what, ""};
 }
 
 std::string folderNamed(const std::string& path) {

@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "apps/common/data_reader.h"
+#include "apps/sdconfig/messages.h"
 #include "apps/sdconfig/request.h"
 
 namespace cli {
@@ -25,6 +26,11 @@ DataAccess accessData(const Request& request, const Service& service);  // tells
 // The same for a command whose argument is the folder: the one that was named counts, whoever serves it. Without a
 // reader it was told why.
 DataAccess accessFolder(const Request& request, const Service& service);
+
+// What hindered reading the data, and what to do about it; "" where its folder doesn't tell.
+Problem problemOfData(const DataAccess& access, const std::string& what);
+
+inline constexpr char kFolderUntold[] = "the system does not tell where the service keeps its data";
 
 // The folder of that path, without links and a slash at the end.
 std::string folderNamed(const std::string& path);

@@ -62,13 +62,11 @@ Check checkRoom(const std::string& folder) {
 }  // namespace
 
 Checks checkDataFolder(const DataAccess& access) {
+    if (const auto displaced = apps::displacedData())
+        return {{kFolder, displaced->what, displaced->next + howToRestart()}};
     if (!access.ofService.empty())
         return {{kFolder, "the running service keeps its data in " + access.ofService, "leave out --data-dir"}};
-    if (!access.reader && apps::isServedDataGone())
-        return {{kFolder, "the databases were removed beneath the running service, which refuses every change",
-                 "take down what it still answers, and " + howToRestart()}};
-    if (!access.reader)
-        return {{kFolder, "the system does not tell where the service keeps its data", "name it with --data-dir"}};
+    if (!access.reader) return {{kFolder, kFolderUntold, "name it with --data-dir"}};
     const std::string& folder = access.reader->folder();
     Checks checks = apps::isDataFolder(folder)
                         ? checkFolder(folder)

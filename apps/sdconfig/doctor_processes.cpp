@@ -2,8 +2,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <optional>
 
+#include "apps/common/process.h"
 #include "apps/sdconfig/doctor_checks.h"
 #include "apps/sdconfig/messages.h"
 #include "apps/sdconfig/service.h"
@@ -14,9 +14,6 @@ namespace {
 
 constexpr char kVersions[] = "versions";
 constexpr char kEnvironment[] = "environment";
-
-// What the system adds to the path of a file that a process uses and that has another one in its place by now.
-constexpr char kReplaced[] = " (deleted)";
 
 bool endsWith(const std::string& text, const std::string& end) {
     return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
@@ -36,7 +33,7 @@ std::string loadedLibrary(const std::string& process) {
 
 // The file's name ends in it.
 std::string versionOf(std::string library) {
-    if (endsWith(library, kReplaced)) library.resize(library.size() - sizeof kReplaced + 1);
+    if (endsWith(library, apps::kRemoved)) library.resize(library.size() - sizeof apps::kRemoved + 1);
     const std::string before = "/libsdconfig.so.";
     const std::size_t at = library.rfind(before);
     return at == std::string::npos ? "unknown" : library.substr(at + before.size());
@@ -45,14 +42,7 @@ std::string versionOf(std::string library) {
 bool wasReplaced(const std::string& process, const std::string& library) {
     std::error_code failure;
     const std::string program = std::filesystem::read_symlink(procFile(process, "exe"), failure);
-    return endsWith(program, kReplaced) || endsWith(library, kReplaced);
-}
-
-std::optional<std::string> variableOf(const std::string& process, const std::string& name) {
-    std::ifstream environment(procFile(process, "environ"));
-    for (std::string entry; std::getline(environment, entry, '\0');)
-        if (entry.compare(0, name.size() + 1, name + "=") == 0) return entry.substr(name.size() + 1);
-    return std::nullopt;
+    return endsWith(program, apps::kRemoved) || endsWith(library, apps::kRemoved);
 }
 
 }  // namespace
@@ -88,7 +78,7 @@ Check checkEnvironment(const Service& service) {
     }
     if (seen.empty()) seen = "no variable names a folder";
     const char* const own = std::getenv("CREDENTIALS_DIRECTORY");
-    const auto ofService = variableOf(std::to_string(service.processId()), "CREDENTIALS_DIRECTORY");
+    const auto ofService = apps::variableOf(service.processId(), "CREDENTIALS_DIRECTORY");
     if (ofService && (!own || *ofService != own))
         return {kEnvironment, "the service has a key ring handed over in " + *ofService + ", this program has not",
                 "repeat it with CREDENTIALS_DIRECTORY=" + *ofService};

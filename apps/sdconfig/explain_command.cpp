@@ -53,7 +53,7 @@ int gather(const Request& request, Service& service, Findings& found) {
     if (probe.listening)
         if (const int code = askService(request, service, found)) return code;
     const std::string problem = readData(request, access, found);
-    if (!problem.empty() && !probe.listening) return nothingToReadFrom(request, problem);
+    if (!problem.empty() && !probe.listening) return nothingToReadFrom(request, problemOfData(access, problem));
     if (!problem.empty()) noteDataNotRead(problem);
     found.fromFiles = propertyFromFiles(request.key, request.productDir);
 

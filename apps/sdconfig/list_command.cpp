@@ -85,10 +85,11 @@ int listKeys(const Request& request, Service& service) {
     if (access.exitCode) return access.exitCode;
     std::vector<apps::Row> secure;
     std::vector<apps::Row> policies;
-    const std::string problem = access.reader ? readRows(*access.reader, secure, policies)
-                                              : "the system does not tell where the service keeps its data";
-    if (!problem.empty())
-        return service.listening() ? dataUnreadable(request, problem) : nothingToReadFrom(request, problem);
+    const std::string problem = access.reader ? readRows(*access.reader, secure, policies) : kFolderUntold;
+    if (!problem.empty()) {
+        const Problem told = problemOfData(access, problem);
+        return service.listening() ? dataUnreadable(request, told) : nothingToReadFrom(request, told);
+    }
 
     sortByKey(secure);
     sortByKey(policies);

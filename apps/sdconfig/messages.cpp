@@ -6,8 +6,11 @@
 #include <cstring>
 #include <string_view>
 
+#include "apps/common/process.h"
 #include "apps/common/system_service.h"
 #include "apps/sdconfig/acting_user.h"
+#include "platform/sdbus/sdbus.h"
+#include "src/sdconfig_protocol.h"
 
 namespace cli {
 
@@ -40,8 +43,16 @@ std::string seeVersions() {
     return "see whether its version is another: " + typed("doctor");
 }
 
+// The service of this environment where a person started it, without systemd; else 0.
+int processByHand() {
+    const int process = SDBusSerivceManager::initSync(-1)->serviceProcess(sd::protocol::kServiceName);
+    return process > 0 && !apps::isServiceUnit(process) ? process : 0;
+}
+
 // Root's "journalctl --user" shows root's own services alone.
 std::string seeItsLog() {
+    if (const int process = processByHand())
+        return "its log tells why; where that goes: readlink /proc/" + std::to_string(process) + "/fd/2";
     const std::string user = actedUser().empty()
                                  ? "--user -u sdconfigd"
                                  : "_UID=" + std::to_string(::geteuid()) + " _SYSTEMD_USER_UNIT=sdconfigd.service";
@@ -78,7 +89,10 @@ std::string howToStart() {
 }
 
 std::string howToRestart() {
-    return "restart it with: " + systemctl() + " restart sdconfigd";
+    if (const int process = processByHand())
+        return "end the service with: " + apps::howToEnd(process) +
+               "; then start it with: " + apps::howToStartAgain(process);
+    return "restart the service with: " + systemctl() + " restart sdconfigd";
 }
 
 std::string quoted(const std::string& text) {
@@ -277,8 +291,9 @@ void noteWithoutService(const std::string& folder) {
     note("the service is not running; this was read from " + folder);
 }
 
-int dataUnreadable(const Request& request, const std::string& problem) {
-    return fail(kRefused, attempt(request), problem, "name the service's data folder with --data-dir");
+int dataUnreadable(const Request& request, const Problem& problem) {
+    return fail(kRefused, attempt(request), problem.what,
+                problem.next.empty() ? "name the service's data folder with --data-dir" : problem.next);
 }
 
 int otherDataFolder(const Request& request, const std::string& folder) {
@@ -286,9 +301,11 @@ int otherDataFolder(const Request& request, const std::string& folder) {
                 "leave out --data-dir, or stop the service to look into another folder");
 }
 
-int nothingToReadFrom(const Request& request, const std::string& problem) {
-    return fail(kNoService, attempt(request), "the service is not running, and its data can't be read: " + problem,
-                howToStart() + (request.dataDir.empty() ? "; or name the folder of its data with --data-dir" : ""));
+int nothingToReadFrom(const Request& request, const Problem& problem) {
+    const std::string start =
+        howToStart() + (request.dataDir.empty() ? "; or name the folder of its data with --data-dir" : "");
+    return fail(kNoService, attempt(request), "the service is not running, and its data can't be read: " + problem.what,
+                problem.next.empty() ? start : problem.next);
 }
 
 void noteDataNotRead(const std::string& problem) {
@@ -344,9 +361,9 @@ Problem interrupted() {
     return {"it was interrupted", "repeat it"};
 }
 
-int noDataFolder(const Request& request) {
-    return fail(kRefused, request.command, "the system does not tell where the service keeps its data",
-                "name the folder as DATA-DIR");
+int noDataFolder(const Request& request, const Problem& problem) {
+    return fail(kRefused, request.command, problem.what,
+                problem.next.empty() ? "name the folder as DATA-DIR" : problem.next);
 }
 
 int notChecked(const Request& request) {
@@ -366,8 +383,9 @@ void noteKeysHandedOver(const std::string& ring) {
     note("the key ring is handed over by the system (" + ring + ") and left out; keep a copy of it");
 }
 
-void noteRowsUnreadable(std::size_t count) {
-    note("values that can't be opened or used: " + std::to_string(count) + "; see: " + typed("check DATA-DIR"));
+void noteRowsUnreadable(std::size_t count, const std::string& folder) {
+    note("values that can't be opened or used: " + std::to_string(count) +
+         "; see: " + typed("check " + asArgument(folder)));
 }
 
 int notRestored(const Request& request, const Problem& problem) {
@@ -382,10 +400,10 @@ void noteNoRing(const std::string& folder) {
     note("no key ring opens the sealed values; put it into " + folder + " before the service starts");
 }
 
-void noteNotSealed(std::size_t count) {
+void noteNotSealed(std::size_t count, const std::string& folder) {
     note("names of the earlier layout that secure_v3 lacks: " + std::to_string(count) +
          "; they were deleted since, or a copying was cut off: copy everything with: " +
-         typed("upgrade --force DATA-DIR"));
+         typed("upgrade --force " + asArgument(folder)));
 }
 
 void noteWatching(std::size_t keys, bool more) {

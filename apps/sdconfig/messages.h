@@ -102,9 +102,9 @@ void noteListCut();
 void noteWithoutService(const std::string& folder);
 
 // The data folder.
-int dataUnreadable(const Request& request, const std::string& problem);
+int dataUnreadable(const Request& request, const Problem& problem);
 int otherDataFolder(const Request& request, const std::string& folder);
-int nothingToReadFrom(const Request& request, const std::string& problem);
+int nothingToReadFrom(const Request& request, const Problem& problem);
 void noteDataNotRead(const std::string& problem);
 void noteNoDatabase(const std::string& folder, const char* what);
 void noteContradiction(const std::string& folder);
@@ -125,16 +125,16 @@ int upgradeNeedsForce(const Request& request);
 int upgradeFailed(const Request& request, const std::string& backup);
 int rowsUnfit(const Request& request, std::size_t count, const std::string& backup);  // backup: "" in a dry run
 int rowsLost(const Request& request, std::size_t count);
-void noteNotSealed(std::size_t count);
+void noteNotSealed(std::size_t count, const std::string& folder);
 
 // Backups.
 Problem interrupted();
-int noDataFolder(const Request& request);
+int noDataFolder(const Request& request, const Problem& problem);
 int notChecked(const Request& request);
 int notBackedUp(const Request& request, const Problem& problem);
 void noteKeysLeftOut();
 void noteKeysHandedOver(const std::string& ring);
-void noteRowsUnreadable(std::size_t count);
+void noteRowsUnreadable(std::size_t count, const std::string& folder);
 int notRestored(const Request& request, const Problem& problem);  // nothing was changed
 void noteUnproven();
 void noteNoRing(const std::string& folder);

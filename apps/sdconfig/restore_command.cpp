@@ -130,7 +130,7 @@ private:
 
     int finish(const std::string& old) const {
         if (mKeys != Keys::Restored) noteUnproven();
-        if (mUnreadable > 0) noteRowsUnreadable(mUnreadable);
+        if (mUnreadable > 0) noteRowsUnreadable(mUnreadable, mFolder);
         if (mLacksRing) noteNoRing(mFolder);
         Object object;
         addBytes(object, "folder", mFolder);

@@ -3,11 +3,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
 #include <mutex>
 #include <thread>
 
+#include "apps/common/process.h"
 #include "apps/common/served_folder.h"
 #include "apps/common/smallest_call.h"
 #include "platform/sdbus/sdbus.h"
@@ -207,22 +206,8 @@ std::string Service::dataFolder() const {
     return apps::servedFolder();
 }
 
-// A relative path is one from the folder in which the service was started.
 std::string Service::productFolder() const {
-    namespace fs = std::filesystem;
-    static constexpr char kOption[] = "--product-dir";
-    const fs::path process = "/proc/" + std::to_string(processId());
-    std::ifstream arguments(process / "cmdline");
-    std::string folder;
-    for (std::string argument; std::getline(arguments, argument, '\0');) {
-        if (argument == kOption)
-            std::getline(arguments, folder, '\0');
-        else if (argument.compare(0, sizeof kOption, std::string(kOption) + "=") == 0)
-            folder = argument.substr(sizeof kOption);
-    }
-    std::error_code failure;
-    const fs::path started = fs::read_symlink(process / "cwd", failure);
-    return folder.empty() ? "" : (started / folder).string();
+    return apps::pathOption(processId(), "--product-dir");
 }
 
 std::string Service::socketPath() const {

@@ -41,7 +41,7 @@ StoredPolicies withoutService(const Request& request, const Service& service) {
     const DataAccess access = accessData(request, service);
     if ((result.exitCode = access.exitCode) != kDone) return result;
     if (const std::string problem = readAll(access, result); !problem.empty())
-        result.exitCode = nothingToReadFrom(request, problem);
+        result.exitCode = nothingToReadFrom(request, problemOfData(access, problem));
     else
         noteWithoutService(access.reader->folder());
     return result;

@@ -124,7 +124,8 @@ int finish(const Request& request, const UpgradePlan& plan, const Outcome& outco
     if (plan.step == UpgradeStep::NeedsForce) return upgradeNeedsForce(request);
     if (copies(plan.step) && plan.unfit() > 0) return rowsUnfit(request, plan.unfit(), outcome.backup);
     if (!request.dryRun && !outcome.done) return upgradeFailed(request, outcome.backup);
-    if (const std::size_t count = plan.missing(); plan.step == UpgradeStep::Nothing && count > 0) noteNotSealed(count);
+    if (const std::size_t count = plan.missing(); plan.step == UpgradeStep::Nothing && count > 0)
+        noteNotSealed(count, request.key);
     const std::size_t lost = copies(plan.step) ? plan.lostRows() : 0;
     return lost > 0 ? rowsLost(request, lost) : printed;
 }

@@ -222,6 +222,7 @@ TEST_F(BackupTest, CheckNamesEachFaultAndWhatToDo) {
     }
     EXPECT_THAT(cli({"check"}).out, HasSubstr(path("home/sdconfig") + "; next: name the folder"));
     expectFinding(path("etc"), "is no data folder", "name the folder");
+    EXPECT_THAT(cli({"backup", path("file"), path("etc")}).err, HasSubstr("is no data folder"));
 }
 
 }  // namespace

@@ -435,7 +435,14 @@ TEST_F(CliTest, TellsWhatIsWrongAndWhatToType) {
         fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write);
     }
     fs::remove(path("sdconfigd"));
-    expectDoctor(1, "replaced since; next: restart it with: systemctl --user restart sdconfigd\n");
+    expectDoctor(1,
+                 "replaced since; next: end the service with: kill " + std::to_string(service.pid()) + "; then start");
+    fs::rename(path("data"), path("away"));
+    expectDoctor(1, "was moved to " + path("away") + " or replaced beneath the running service");
+    fs::copy(path("away"), path("data"));
+    expectDoctor(1, "was moved to " + path("away") + " or replaced beneath the running service");
+    fs::remove_all(path("away"));
+    expectError(cli({"list"}), kRefused, "removed beneath the running service");
     service.kill(SIGKILL);
     service.wait();
     expectDoctor(1, "problem: service: it is not running; next: start it with: systemctl --user start sdconfigd");

@@ -121,7 +121,7 @@ TEST_F(ExplainTest, ReadsTheDataInEveryStateAndLeavesNoTrace) {
     EXPECT_THAT(cli({"list", "--show", "--data-dir", data}).err, HasSubstr("the key ring can't be used"));
     EXPECT_FALSE(std::filesystem::exists(data + "/sdsecurity.keys"));
     query(data + "/dmhelper.db", "DROP TABLE dmhelperconfig");
-    expectListFails(data, "lacks its table dmhelperconfig");
+    expectListFails(data, "lacks its table dmhelperconfig; restore the folder");
     writeFile(data + "/sdconfig.db", std::string(8192, 'x'));
     expectListFails(data, "is not a database");
     std::filesystem::remove(data + "/sdconfig.db");
