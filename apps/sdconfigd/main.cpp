@@ -15,6 +15,7 @@
 #include <map>
 #include <string>
 
+#include "apps/common/data_check.h"
 #include "apps/common/data_folder.h"
 #include "apps/common/data_folder_lock.h"
 #include "apps/common/database_check.h"
@@ -54,9 +55,9 @@ void tell(const std::string& text) {
     std::fprintf(stderr, "sdconfigd: %s\n", apps::escaped(text).c_str());
 }
 
-int fail(const std::string& problem) {
+int fail(const std::string& problem, ExitCode code = kFailed) {
     tell(problem);
-    return kFailed;
+    return code;
 }
 
 void declareOptions(CLI::App& app, Options& options) {
@@ -106,7 +107,9 @@ std::string useProduct(const std::string& folder) {
     if (folder.empty()) return "";
     const std::filesystem::path product = std::filesystem::absolute(folder);
     std::error_code failure;
-    if (!std::filesystem::is_directory(product, failure)) return "--product-dir names no folder: " + product.string();
+    if (!std::filesystem::is_directory(product, failure))
+        return "--product-dir names no folder: " + product.string() +
+               "; name the product's data folder, or leave it out";
     sd::SDConfig::setVelmarDataPath(product);
     return "";
 }
@@ -117,20 +120,24 @@ bool mayHaveBuildProp() {
            isThere("/velmar/etc/build.prop");
 }
 
-// Tells the library and the layers below it where everything is, and takes the data folder. Returns a line for a
-// person, or "".
-std::string prepare(const Options& options, apps::DataFolderLock& lock) {
+// Returns a line for a person, or "".
+std::string useConstants(const std::string& path) {
+    if (path.empty()) return "";
     std::map<std::string, std::string> constants;
-    if (!options.constants.empty())
-        if (std::string problem = readConstantsFile(options.constants, constants); !problem.empty()) return problem;
+    if (const std::string problem = readConstantsFile(path, constants); !problem.empty())
+        return problem + "; name a file of lines name=value with --constants, or leave it out";
+    for (const auto& [name, value] : constants) sd::SDSecurity::GetInstance()->RegisterString(name, value);
+    return "";
+}
 
-    if (std::string problem = useProduct(options.productDir); !problem.empty()) return problem;
+// Tells the library and the layers below it where the data is, and takes the data folder. Returns a line for a person,
+// or "".
+std::string prepare(const Options& options, apps::DataFolderLock& lock) {
     const std::string dataDir = std::filesystem::absolute(options.dataDir).lexically_normal();
     sd::SDConfig::setDataPath(dataDir);
     if (sd::SDConfig::getDataPathUtf8() != dataDir) return "the path of the data folder is not valid UTF-8";
 
     sd::SDSecurity& security = *sd::SDSecurity::GetInstance();
-    for (const auto& [name, value] : constants) security.RegisterString(name, value);
     security.SetKeyRingFolder(dataDir);
     if (std::string problem = makeDataFolder(dataDir); !problem.empty()) return problem;
     if (const auto problem = lock.take(dataDir)) return problem->what + ": " + problem->next;
@@ -191,6 +198,8 @@ int run(const Options& options, const sigset_t& endSignals) {
     if (const int holder = SDBusSerivceManager::initSync(-1)->serviceProcess(kName))
         return fail("the service \"" + std::string(kName) + "\" is already running as process " +
                     std::to_string(holder) + "; end that one first");
+    if (const std::string problem = useConstants(options.constants); !problem.empty()) return fail(problem, kWrongUse);
+    if (const std::string problem = useProduct(options.productDir); !problem.empty()) return fail(problem, kWrongUse);
     apps::DataFolderLock lock;
     if (const std::string problem = prepare(options, lock); !problem.empty()) return fail(problem);
     return serve(endSignals);
@@ -217,9 +226,10 @@ int rotateKey(const Options& options) {
     sd::SDSecurity& security = *sd::SDSecurity::GetInstance();
     security.SetKeyRingFolder(folder);
     const auto ring = security.CheckKeyRing();
-    if (ring.state == sd::SDSecurity::KeyRingState::Absent)
-        return fail(ring.detail + "; the first value that is sealed makes it");
-    if (ring.state == sd::SDSecurity::KeyRingState::Broken) return fail("the key ring can't be used: " + ring.detail);
+    const bool absent = ring.state == sd::SDSecurity::KeyRingState::Absent;
+    if (const auto finding = apps::ringFinding(folder, absent && apps::holdsSealedValues(folder)))
+        return fail(finding->what + ": " + finding->next);
+    if (absent) return fail(ring.detail + "; the first value that is sealed makes it");
     if (!security.RotateKey()) return fail("the key ring could not be changed; the line above tells why");
     tell("a new key seals from now on; what was sealed before still opens; back up " + ring.detail);
     return kDone;

@@ -55,12 +55,12 @@ private:
 
 class DaemonTest : public Sandbox {
 protected:
-    // A start that fails: exit 1 and one line that holds `told`.
-    void expectRefusal(const std::string& told, const std::vector<std::string>& options = {}) {
+    // A start that fails: one line that holds `told`.
+    void expectRefusal(const std::string& told, const std::vector<std::string>& options = {}, int exitCode = 1) {
         std::vector<std::string> arguments{SDCONFIGD, "--log-level", "8", "--data-dir", path("data")};
         arguments.insert(arguments.end(), options.begin(), options.end());
         const Result result = run(arguments, environment());
-        EXPECT_EQ(result.exitCode, 1);
+        EXPECT_EQ(result.exitCode, exitCode);
         EXPECT_THAT(result.err, HasSubstr(told));
         EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
         EXPECT_FALSE(std::filesystem::exists(socketPath()));
@@ -161,15 +161,17 @@ TEST_F(DaemonTest, RefusesWhatItCannotServe) {
     }
     expectRefusal(path("constants") + " is not a folder", {"--data-dir", path("constants")});
     writeFile(path("constants"), "# names\nname=value\nnonsense\n");
-    expectRefusal(path("constants") + ":3: expected a line of the form name=value", {"--constants", path("constants")});
-    expectRefusal("missing\\x0a: No such file or directory", {"--constants", path("missing\n")});
+    expectRefusal(path("constants") + ":3: expected a line of the form name=value", {"--constants", path("constants")},
+                  2);
+    expectRefusal("missing\\x0a: No such file or directory", {"--constants", path("missing\n")}, 2);
     const Result wrong = run({SDCONFIGD, "--log-level", "9"}, environment());
     EXPECT_EQ(wrong.exitCode, 2);
     EXPECT_THAT(wrong.err, HasSubstr("see sdconfigd --help"));
 }
 
 TEST_F(DaemonTest, TellsOnceThatThereIsNoBuildProp) {
-    expectRefusal("--product-dir names no folder: " + path("nowhere"), {"--product-dir", path("nowhere")});
+    expectRefusal("--product-dir names no folder: " + path("nowhere") + "; name ", {"--product-dir", path("nowhere")},
+                  2);
     for (const char* file : {"/etc/build.prop", "/velmar/etc/build.prop"})
         if (std::filesystem::exists(file)) GTEST_SKIP() << "this machine has " << file;
     Process service = Process::start({SDCONFIGD, "--data-dir", path("data")}, environment());
@@ -201,7 +203,7 @@ TEST_F(DaemonTest, RefusesSealedRowsWithoutTheirRing) {
     }
     std::filesystem::rename(ring, ring + ".away");
     std::filesystem::remove(socketPath());
-    expectRefusal("there is no key ring", {"--rotate-key"});
+    expectRefusal("hold sealed values but the key ring " + ring, {"--rotate-key"});
     expectRefusal("hold sealed values but the key ring " + ring);
     for (const char* file : {"dmhelper.db", "dmhelper.db-wal", "dmhelper.db-shm"})
         std::filesystem::remove(path("data/") + file);
