@@ -42,7 +42,7 @@ std::string defaultDataFolder() {
 }
 
 std::string dataFolderOf(pid_t service) {
-    const std::string named = pathOption(service, "--data-dir");
+    std::string named = pathOption(service, "--data-dir");
     if (!named.empty()) return named;
     const std::string dataHome = variableOf(service, "XDG_DATA_HOME").value_or("");
     return usualFolder(dataHome.c_str(), variableOf(service, "HOME").value_or("").c_str());

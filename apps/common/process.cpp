@@ -71,10 +71,10 @@ std::string howToEnd(pid_t process) {
     return std::string("systemctl ") + (isUsers ? "--user " : "") + "stop sdconfigd.socket sdconfigd.service";
 }
 
-std::string howToStartAgain(pid_t process) {
+std::string howToStartAgain(pid_t process, const std::string& by) {
     std::string command;
     for (const std::string& argument : argumentsOf(process))
-        command += (command.empty() ? "" : " ") + shellWord(argument);
+        command += (command.empty() ? by : " ") + shellWord(argument);
     std::error_code failure;
     const fs::path folder = fs::read_symlink(procFile(process, "cwd"), failure);
     return fs::equivalent(folder, ".", failure) ? command : "cd " + shellWord(folder) + " && " + command;

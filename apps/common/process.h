@@ -26,7 +26,7 @@ bool isServiceUnit(pid_t process);
 // start it again.
 std::string howToEnd(pid_t process);
 
-// The command that starts it again as it was started; its paths may be relative ones.
-std::string howToStartAgain(pid_t process);
+// The command that starts it again as it was started; its paths may be relative ones. by: what the command begins with.
+std::string howToStartAgain(pid_t process, const std::string& by);
 
 }  // namespace apps

@@ -43,6 +43,11 @@ std::string seeVersions() {
     return "see whether its version is another: " + typed("doctor");
 }
 
+// What a command begins with that has to run as the user for whom root acts.
+std::string byActedUser() {
+    return actedUser().empty() ? "" : "runuser -u " + shellWord(actedUser()) + " -- ";
+}
+
 // The service of this environment where a person started it, without systemd; else 0.
 int processByHand() {
     const int process = SDBusSerivceManager::initSync(-1)->serviceProcess(sd::protocol::kServiceName);
@@ -84,14 +89,13 @@ std::string systemctl() {
 }
 
 std::string howToStart() {
-    const std::string by = actedUser().empty() ? "" : "runuser -u " + shellWord(actedUser()) + " -- ";
-    return "start it with: " + systemctl() + " start sdconfigd, or: " + by + "sdconfigd";
+    return "start it with: " + systemctl() + " start sdconfigd, or: " + byActedUser() + "sdconfigd";
 }
 
 std::string howToRestart() {
     if (const int process = processByHand())
         return "end the service with: " + apps::howToEnd(process) +
-               "; then start it with: " + apps::howToStartAgain(process);
+               "; then start it with: " + apps::howToStartAgain(process, byActedUser());
     return "restart the service with: " + systemctl() + " restart sdconfigd";
 }
 
