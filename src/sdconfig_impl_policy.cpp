@@ -1,11 +1,13 @@
 #include "src/sdconfig_impl_policy.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <vector>
 
 #include "libsdconfig/sdconfig.h"
 #include "platform/sdsecurity/sdsecurity.h"
 #include "platform/velmarlog/log_line.h"
+#include "sql/SQLiteTransaction.h"
 #include "src/sdconfig_helpers.h"
 #include "src/sdconfig_impl.h"
 #include "src/sdconfig_key_value_table.h"
@@ -146,17 +148,26 @@ bool SDConfigDmHelper::isStrongControl(const std::string& uri) {
 }
 
 PolicyList SDConfigDmHelper::GetAllKeys() {
+    return *allKeysWithin(SIZE_MAX);
+}
+
+std::optional<PolicyList> SDConfigDmHelper::allKeysWithin(std::size_t bytes) {
+    constexpr char kCaller[] = "GetAllKeys";
     PolicyList list;
     std::vector<std::string> uris;
     if (!key_value::keys(mDmHelperTable, uris)) {
-        LOG(5, AT "mDmHelperTable is empty()", HERE);
+        LOG(5, AT "mDmHelperTable is empty()", HERE_AS(kCaller));
         return list;
     }
     for (const std::string& uri : uris) {
         PolicyMap policy = GetPolicyFromDMtable(uri);
         if (policy.size() >= 2) {
-            LOG(5, AT "format is error, size is %zu", HERE, policy.size());
+            LOG(5, AT "format is error, size is %zu", HERE_AS(kCaller), policy.size());
             return list;
+        }
+        for (const auto& [value, priority] : policy) {
+            if (value.size() > bytes) return std::nullopt;
+            bytes -= value.size();
         }
         list[uri] = std::move(policy);
     }
@@ -169,12 +180,13 @@ bool SDConfigDmHelper::ClearAllKeys() {
         LOG(5, AT "mDmHelperTable is empty()", HERE);
         return true;
     }
-    for (const std::string& uri : uris) {
-        if (DeletePolicyWithUri(uri)) continue;
-        LOG(7, AT "DeletePolicyWithUri failed", HERE);
-        return false;
-    }
-    return true;
+    if (uris.empty()) return true;
+    // A commit for each would hold up everybody for as long as the disk takes, times their number.
+    data::SQLiteTransaction transaction(mDatabase);
+    const auto remove = [this](const std::string& uri) { return DeletePolicyWithUri(uri); };
+    const bool deleted = transaction.isActive() && std::all_of(uris.begin(), uris.end(), remove);
+    if (!deleted) LOG(7, AT "DeletePolicyWithUri failed", HERE);
+    return transaction.commit() && deleted;
 }
 
 std::string SDConfigDmHelper::getValueFromDatabaseTable(data::SQLiteTable& table, const std::string& key) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 
 #include "libsdconfig/sdconfig_export.h"
@@ -54,6 +55,9 @@ public:
     [[gnu::visibility("hidden")]] bool isUnopenable(const std::string& uri);
     [[gnu::visibility("hidden")]] std::size_t storedBytes(const std::string& uri);
 
+    // The same: GetAllKeys, but nothing where the values have more bytes together. Looks no further than that.
+    [[gnu::visibility("hidden")]] std::optional<PolicyList> allKeysWithin(std::size_t bytes);
+
     // True for an absent policy too.
     bool DeletePolicyWithUri(const std::string& uri);
 
@@ -63,7 +67,7 @@ public:
     // Every stored URI with its policy, an empty map where it can't be read.
     PolicyList GetAllKeys();
 
-    // Deletes all policies; stops at the first that can't be deleted.
+    // Deletes all policies, in one durable commit; stops at the first that can't be deleted, and those before it are gone.
     bool ClearAllKeys();
 
     std::string getValueFromDatabaseTable(data::SQLiteTable& table, const std::string& key);

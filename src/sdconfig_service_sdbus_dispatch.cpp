@@ -29,6 +29,7 @@ constexpr int kPriorityUnknown = -1;
 // those that are asked for. Stored texts are longer than what they hold.
 constexpr std::size_t kListBytesMax = kKeyBytesMax + kValueBytesMax;
 constexpr std::size_t kStoredBytesMax = std::size_t{96} << 20;
+constexpr std::size_t kAnswerBytesMax = kStoredBytesMax / 4 * 3;  // of values, which is what so much holds
 
 std::vector<std::string> readKeys(SDBusMessage& message, int count) {
     std::vector<std::string> keys;
@@ -454,15 +455,19 @@ bool SDConfigInterface::isStrongControl(Call& call) {
 
 // Announces at most 122 policies but writes them all: readers go by the count.
 bool SDConfigInterface::listPolicies(Call& call) {
-    const PolicyList all = call.policies.GetAllKeys();
-    int count = static_cast<int>(all.size());
+    const auto all = call.policies.allKeysWithin(kAnswerBytesMax);
+    if (!all) {
+        LOG(7, AT "DM_LIST refused: its values are too long together", DISPATCH);  // no answer, as below
+        return false;
+    }
+    int count = static_cast<int>(all->size());
     if (count > protocol::kMaxElements) {
         LOG(6, AT "trim DM element from %d to %d", DISPATCH, count, protocol::kMaxElements);
         count = protocol::kMaxElements;
     }
     const auto reply = makeReply(call);
     reply->appendInt8(static_cast<int8_t>(count));
-    for (const auto& [uri, policy] : all) {
+    for (const auto& [uri, policy] : *all) {
         reply->appendString(uri);
         for (const auto& [value, priority] : policy) {
             reply->appendString(value);

@@ -184,8 +184,8 @@ int serve(const sigset_t& endSignals) {
     if (const std::string problem = bus.registrationFailure(kName); !problem.empty()) return fail(problem);
 
     sd_notify(0, "READY=1");
-    tell("ready on " + bus.socketPath(kName) + ", data in " + sd::SDConfig::getDataPath());
     if (!buildProp) tell("there is no build.prop, so the product's properties are unset; see --product-dir");
+    tell("ready on " + bus.socketPath(kName) + ", data in " + sd::SDConfig::getDataPath());
     ::malloc_trim(0);  // the stores held all their keys for a moment, to count them
     waitForEnd(endSignals);
     sd_notify(0, "STOPPING=1");

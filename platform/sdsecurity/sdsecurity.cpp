@@ -52,7 +52,7 @@ std::string SDSecurity::FastEncrypt(const std::string& plain) {
         const std::optional<std::string> text = security::sealEnvelope(ring->current(), plain);
         if (!text)
             LOG(7, AT "a value of %zu bytes is too long to be sealed", kSource, "FastEncrypt", __LINE__, plain.size());
-        return text.value_or("");
+        return text ? std::move(*text) : "";
     });
 }
 
@@ -69,7 +69,7 @@ std::string SDSecurity::FastDecrypt(const std::string& cipher) {
         if (!plain)
             LOG(7, AT "an envelope of %zu bytes was changed after it was sealed", kSource, "FastDecrypt", __LINE__,
                 cipher.size());
-        return plain.value_or("");
+        return plain ? std::move(*plain) : "";
     });
 }
 

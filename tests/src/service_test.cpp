@@ -197,6 +197,11 @@ TEST_F(ServiceTest, CallsAboutTooMuchAtOnceAreRefusedWhole) {
     EXPECT_TRUE(silent("DM_GET_POLICIES", 5, "a", "a", "a", "a", "a"));
     EXPECT_EQ(mLog.count("DM_GET_POLICIES refused", 7), 1);
     EXPECT_FALSE(ok("SET_POLICYLIST", 5, "a", "", 3, "a", "", 3, "a", "", 3, "a", "", 3, "a", "", 3));
+    for (const char* copy : {"b", "c", "d", "e"})
+        test::query(policyFile(), std::string("INSERT INTO dmhelperconfig (key, value) SELECT '") + copy +
+                                      "', value FROM dmhelperconfig WHERE key = 'a'");
+    EXPECT_TRUE(silent("DM_LIST"));
+    EXPECT_EQ(mLog.count("DM_LIST refused", 7), 1);
 }
 
 TEST_F(ServiceTest, ListenersHearOfPropertiesAndOfTheFlagIfTheyAsked) {
