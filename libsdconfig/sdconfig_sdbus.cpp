@@ -1,6 +1,7 @@
 // The client's connection: found, made and kept once a process, and the events that come over it.
 #include <pthread.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -21,6 +22,7 @@ constexpr char kSource[] = "sdconfig_sdbus";
 constexpr char kGetInstance[] = "GetInstance";  // in whose name its helpers log
 
 constexpr int kServiceChecks = 11;
+constexpr int kLeastTimeoutMs = 500;  // for a call after this process itself stood still
 constexpr std::chrono::milliseconds kServiceCheckPause{100};
 constexpr std::chrono::milliseconds kConnectPause{10};
 
@@ -183,7 +185,8 @@ SDConfigClient::Answer SDConfigClient::send(const std::shared_ptr<SDBusMessage>&
     // What the subscription waited counts: a service that hangs costs the first call no more than any other.
     const auto silence = std::chrono::steady_clock::now() - mHeardOf;
     const auto silentMs = std::chrono::duration_cast<std::chrono::milliseconds>(silence).count();
-    Answer answer(mProxy->callWithReplyBlocking(call, protocol::kCallTimeoutMs - static_cast<int>(silentMs)));
+    const auto leftMs = std::max<long>(protocol::kCallTimeoutMs - silentMs, kLeastTimeoutMs);
+    Answer answer(mProxy->callWithReplyBlocking(call, static_cast<int>(leftMs)));
     mAnswers = answer.hasCome();
     mHeardOf = std::chrono::steady_clock::now();
     return answer;

@@ -139,12 +139,15 @@ void SQLiteTable::genSelectStatement(const TableRow& where, const TableRow& colu
                          : fragment(" FROM %s WHERE %s=? COLLATE NOCASE", mName.c_str(), where.front().name.c_str());
 }
 
+bool SQLiteTable::isInPlace() const {
+    if (!mDb.isDetached()) return true;
+    LOG(7, AT "the database file of %s was moved, removed or replaced: a change would be lost at the next start", HERE,
+        mName.c_str());
+    return false;
+}
+
 bool SQLiteTable::executeStatement(const std::string& sql, const TableRow& row) {
-    if (mDb.isDetached()) {
-        LOG(7, AT "the database file of %s was moved, removed or replaced: a change would be lost at the next start",
-            HERE, mName.c_str());
-        return false;
-    }
+    if (!isInPlace()) return false;
     SQLiteStatement statement(mDb, sql);
     if (statement.prepare() != 0) return false;
     for (size_t i = 0; i < row.size(); ++i) {

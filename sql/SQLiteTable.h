@@ -59,6 +59,9 @@ public:
     // a detached database.
     bool executeStatement(const std::string& sql, const TableRow& row);
 
+    // Whether a change would last: false, with a line, where the file that is open stands at its path no more.
+    bool isInPlace() const;
+
     SQLiteDatabase& database() const { return mDb; }
 
 private:

@@ -137,6 +137,7 @@ bool SDConfigImpl::SetSecure_v3(const std::string& key, const std::string& value
         LOG(7, AT "the key %s %s", HERE, key.c_str(), problem);
         return false;
     }
+    if (!mSecureV3Table.isInPlace()) return false;  // nor is a key ring made in a folder that isn't ours any more
     const std::string utf8Value = latin1ToUtf8(value);
     // Sealed before anything is locked: neither another process nor a key ring that can't be used has to wait for it.
     const auto encrypted = sealedText(utf8Value);
@@ -184,18 +185,12 @@ bool SDConfigImpl::DeleteSecure_v3(const std::string& key) {
     return deleteValueFromDatabase(mSecureV3Table, key);
 }
 
-bool SDConfigImpl::isUnopenable_v3(const std::string& key) {
-    return isUnopenable(getValueFromDatabaseTable(mSecureV3Table, key));
-}
-
 std::size_t SDConfigImpl::storedBytes_v3(const std::string& key) {
     return getValueFromDatabaseTable(mSecureV3Table, key).size();
 }
 
 bool SDConfigImpl::isKeyInDB(std::string key) {
-    std::vector<std::string> keys;
-    key_value::keys(mSecureV3Table, keys);
-    return std::find(keys.begin(), keys.end(), key) != keys.end();
+    return key_value::hasKey(mSecureV3Table, key);
 }
 
 std::string SDConfigImpl::GetConst(const std::string& name) {

@@ -53,9 +53,7 @@ public:
     std::string GetSecure_v3(const std::string& key);
     bool DeleteSecure_v3(const std::string& key);
 
-    // For the service, and not exported. Whether secure_v3 has a text for the key that can't be opened and so reads as
-    // "", and how long the text is, sealed as it stands.
-    [[gnu::visibility("hidden")]] bool isUnopenable_v3(const std::string& key);
+    // For the service, and not exported. How long the text is that secure_v3 has for the key, sealed as it stands.
     [[gnu::visibility("hidden")]] std::size_t storedBytes_v3(const std::string& key);
 
     // Whether secure_v3 has a row of exactly this key, letter case included, empty or not.

@@ -75,6 +75,7 @@ bool SDConfigDmHelper::SetPolicyWithUri(const std::string& uri, const PolicyMap&
         LOG(7, AT "the key %s %s", HERE, uri.c_str(), problem);
         return false;
     }
+    if (!mDmHelperTable.isInPlace()) return false;
     // Sealed before anything is locked, as a secure value is.
     const auto encrypted = sealedText(latin1ToUtf8(composePolicyText(value, priority)));
     if (!encrypted) {
@@ -130,7 +131,9 @@ PolicyMap SDConfigDmHelper::GetPolicyWithUri(const std::string& uri) {
 
 bool SDConfigDmHelper::isUnopenable(const std::string& uri) {
     if (sd::isUnopenable(getValueFromDatabaseTable(mDmHelperTable, uri))) return true;
-    return SDConfigImpl::GetInstance()->isUnopenable_v3(uri) && !isStrongControl(uri);
+    const PolicyMap policy = GetPolicyFromDMtable(uri);
+    const bool isStrong = !policy.empty() && policy.begin()->second > kLocalPriority;
+    return !isStrong && SDConfigImpl::GetInstance()->storedBytes_v3(uri) > 0;  // what can be opened is never empty
 }
 
 std::size_t SDConfigDmHelper::storedBytes(const std::string& uri) {

@@ -67,7 +67,7 @@ public:
     // Every stored URI with its policy, an empty map where it can't be read.
     PolicyList GetAllKeys();
 
-    // Deletes all policies, in one durable commit; stops at the first that can't be deleted, and those before it are gone.
+    // Deletes all policies, in one durable commit; stops at the first that can't be deleted, with those before it gone.
     bool ClearAllKeys();
 
     std::string getValueFromDatabaseTable(data::SQLiteTable& table, const std::string& key);

@@ -57,6 +57,12 @@ bool keys(data::SQLiteTable& table, std::vector<std::string>& result) {
     return true;
 }
 
+bool hasKey(data::SQLiteTable& table, const std::string& key) {
+    std::vector<data::TableRow> rows;
+    return table.select(field(table, kKey, key), field(table, kKey), rows) && !rows.empty() &&
+           rows.front().front().text == key;
+}
+
 std::size_t count(data::SQLiteTable& table) {
     std::vector<data::TableRow> rows;
     return table.select({}, field(table, kKey), rows) ? rows.size() : 0;

@@ -30,6 +30,9 @@ bool replace(data::SQLiteTable& table, const std::string& key, const std::string
 // can't be read at all.
 bool keys(data::SQLiteTable& table, std::vector<std::string>& result);
 
+// Whether there is a row of exactly this key, letter case included.
+bool hasKey(data::SQLiteTable& table, const std::string& key);
+
 // How many rows there are, up to the first that can't be read; 0 when the table can't be read at all.
 std::size_t count(data::SQLiteTable& table);
 

@@ -353,7 +353,8 @@ int rowsUnfit(const Request& request, std::size_t count, const std::string& back
     const std::string kept = backup.empty() ? "" : "; the database as it was is " + backup;
     return fail(kRefused, attempt(request),
                 "keys or values that are too long to be kept: " + std::to_string(count) + kept,
-                "standard output names them: shorten or delete their rows, and repeat it");
+                "standard output names them: shorten or delete their rows, and repeat it before anything is set anew: "
+                "each time, what was copied takes the place of newer values");
 }
 
 int rowsLost(const Request& request, std::size_t count) {

@@ -15,6 +15,8 @@ using KeyRingState = SDSecurity::KeyRingState;
 
 constexpr char kSource[] = "platform/sdsecurity/key_store";
 constexpr char kFileName[] = "sdsecurity.keys";
+// One call may seal many values: while another process holds the folder's lock, one of them waits for it.
+constexpr std::chrono::seconds kSealPause{5};
 constexpr char kHandedOver[] = "a ring handed over by the host";
 
 // The variable's value where it is an absolute path, else "": relative ones have no meaning here.
@@ -89,7 +91,10 @@ RingRead KeyStore::read() {
 bool KeyStore::update(bool makeIfAbsent) {
     if (place().kind == Place::Kind::HandedOver) return true;
     RingRead found = read();
-    if (found.state == KeyRingState::Usable) {
+    // A rotation keeps the key that seals. Where it is gone the folder was exchanged beneath the process.
+    const bool isForeign = mRing && found.state == KeyRingState::Usable && !found.ring.find(mRing->current().id);
+    if (isForeign) found.reason = "another key ring stands there";
+    if (found.state == KeyRingState::Usable && !isForeign) {
         mRing = std::make_shared<const KeyRing>(std::move(found.ring));
         return true;
     }
@@ -110,7 +115,10 @@ std::string KeyStore::makeRing() {
     std::string reason;
     // A folder that went with its ring is not made anew: its databases are gone, too.
     if (!mRing && !makeFolder(place().folder, place().kind == Place::Kind::DefaultFolder, reason)) return reason;
-    const std::optional<LockedFolder> folder = LockedFolder::lock(place().folder, kSealWait, reason);
+    const auto now = std::chrono::steady_clock::now();
+    const auto wait = now < mWaitAgain ? std::chrono::milliseconds(0) : kSealWait;
+    const std::optional<LockedFolder> folder = LockedFolder::lock(place().folder, wait, reason);
+    if (!folder) mWaitAgain = now + kSealPause;
     RingRead found = read();  // another process may have been first, and have held the lock for that
     if (found.state == KeyRingState::Broken) return found.reason;
     if (found.state == KeyRingState::Absent) {

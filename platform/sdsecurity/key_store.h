@@ -1,6 +1,7 @@
 // Where this process has its key ring from, and when it looks at it again.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -55,6 +56,7 @@ private:
     std::string mToldFolder;
     std::optional<Place> mPlace;
     std::shared_ptr<const KeyRing> mRing;
+    std::chrono::steady_clock::time_point mWaitAgain{};  // for the folder's lock, to make a ring
     SealCounter mCounter;
 };
 

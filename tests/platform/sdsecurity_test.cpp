@@ -268,10 +268,11 @@ TEST_F(SecurityTest, KeepsNoFailureAndTakesNoneForDamage) {
 }
 
 TEST_F(SecurityTest, SealsBesideAProcessThatHoldsTheLock) {
-    writeRing(kHeader + kFirstLine);
     const int lock = ::open((folder / "sdsecurity.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     ASSERT_EQ(::flock(lock, LOCK_EX), 0);
     const auto began = std::chrono::steady_clock::now();
+    for (int i = 0; i < 122; ++i) EXPECT_EQ(seal("x"), "") << "there is no ring yet, and none can be made";
+    writeRing(kHeader + kFirstLine);
     EXPECT_EQ(open(seal("x")), "x");
     EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(2));
     ::close(lock);
@@ -285,6 +286,9 @@ TEST_F(SecurityTest, PutsTheRingThatTheStartLookedAtBackInItsPlace) {
     std::filesystem::remove(ring);
     EXPECT_EQ(open(seal("x")), "x");
     EXPECT_EQ(readFile(ring), kRing);
+    writeFile(ring, kHeader + kFirstLine);  // another one, with another folder
+    for (int i = 0; i < 300; ++i) EXPECT_EQ(open(seal("x")), "x");
+    EXPECT_EQ(log.count("another key ring stands there", 6), 1);
 }
 
 TEST_F(SecurityTest, RotatesAndStillOpensWhatWasSealedBefore) {

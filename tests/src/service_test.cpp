@@ -201,6 +201,7 @@ TEST_F(ServiceTest, CallsAboutTooMuchAtOnceAreRefusedWhole) {
         test::query(policyFile(), std::string("INSERT INTO dmhelperconfig (key, value) SELECT '") + copy +
                                       "', value FROM dmhelperconfig WHERE key = 'a'");
     EXPECT_TRUE(silent("DM_LIST"));
+    EXPECT_TRUE(ok("SET_PROPERTY", "next", "call"));  // is answered when the one before is done
     EXPECT_EQ(mLog.count("DM_LIST refused", 7), 1);
 }
 
