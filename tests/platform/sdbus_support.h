@@ -29,9 +29,15 @@ class TestService : public SDBusServiceInterface {
 public:
     using Handler = std::function<bool(TestService&, const std::shared_ptr<SDBusMessage>&)>;
 
-    explicit TestService(Handler handler = echo, const std::string& name = kService) : mHandler(std::move(handler)) {
-        mRegistered = bus().registerServiceInterface(name, this, SDBusSameUser, 1);
+    explicit TestService(Handler handler = echo, std::string name = kService)
+        : mHandler(std::move(handler)), mName(std::move(name)) {
+        mRegistered = bus().registerServiceInterface(mName, this, SDBusSameUser, 1);
     }
+    ~TestService() override {  // a handler may be at work, and wants the whole object
+        if (mRegistered) bus().unregisterServiceInterface(mName);
+    }
+    TestService(const TestService&) = delete;
+    TestService& operator=(const TestService&) = delete;
     bool isRegistered() const { return mRegistered; }
     bool handleMethodCall(std::shared_ptr<SDBusMessage> call) override { return mHandler(*this, call); }
 
@@ -51,6 +57,7 @@ public:
 
 private:
     Handler mHandler;
+    const std::string mName;
     bool mRegistered = false;
 };
 
