@@ -35,6 +35,8 @@ std::string DataReader::rowsOf(const DatabaseLayout& layout, const std::optional
                                std::vector<Row>& rows) const {
     const std::string path = mFolder + "/" + layout.file;
     const std::string table = layout.sealedTable;
+    rows.clear();
+    if (mMissingIsEmpty && !isThere(path) && (hasSecure() || hasPolicies())) return "";
     Tables tables = readTables(path, {table}, key);
     if (!tables.problem.empty()) return tables.problem;
     const auto found = tables.rows.find(table);

@@ -22,6 +22,10 @@ public:
     // opened.
     explicit DataReader(const std::string& folder);
 
+    // Makes one database that is not there, beside the other, read as one without rows. Not for a folder that is in
+    // use: its service still has what was deleted.
+    void takeMissingForEmpty() { mMissingIsEmpty = true; }
+
     // Puts the rows of secure values, or of policies, into `rows`. key: only the row of that key, whatever its letter
     // case. Returns a line for a person, with the path, or "".
     std::string secureRows(std::vector<Row>& rows, const std::optional<std::string>& key = std::nullopt) const;
@@ -46,6 +50,7 @@ private:
                        std::vector<Row>& rows) const;
 
     std::string mFolder;
+    bool mMissingIsEmpty = false;
 };
 
 }  // namespace apps

@@ -12,7 +12,7 @@ std::string usageProblem(const CLI::ParseError& error) {
     const std::string name = told.substr(0, told.find_first_of(": "));
     const auto says = [&told](const char* words) { return told.find(words) != std::string::npos; };
     if (says("flag override")) return "--" + name + " takes no value";
-    return name + (says(" missing") ? " needs a value that is not empty" : " takes one value, and once");
+    return name + (says(" missing") ? " needs a value" : " takes one value, and once");
 }
 
 std::string notEmpty(const std::string& value) {

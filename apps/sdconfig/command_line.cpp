@@ -122,10 +122,11 @@ constexpr Flag kDryRun{"--dry-run", "Send nothing; print what would change, and 
 constexpr ValueOption kProductDir{"--product-dir", "DIR",
                                   "With --local: the product's data folder; DIR/../etc/build.prop is read", "--local",
                                   &Request::productDir};
-constexpr ValueOption kProductFiles{"--product-dir", "DIR",
-                                    "The product's data folder, as the service was told it; DIR/../etc/build.prop is "
-                                    "read",
-                                    "", &Request::productDir};
+constexpr ValueOption kProductFiles{
+    "--product-dir", "DIR",
+    "The product's data folder, whose ../etc/build.prop is read; left out, it is the one "
+    "that the running service was told",
+    "", &Request::productDir};
 constexpr char kWhichFolder[] =
     "The service's data folder; left out, it is where the running service has its data, else the one that sdconfigd "
     "takes";
@@ -152,7 +153,7 @@ constexpr Argument kListed = checked({"KEY", "Of these alone; \"a.b.*\" is all t
                                       &Request::keysGiven, false, &Request::keys},
                                      tooLong);
 constexpr Argument kPairs = checked(
-    {"KEY=VARIABLE", "A key, and the variable that gets its value", nullptr, nullptr, false, &Request::keys}, tooLong);
+    {"KEY=VARIABLE", "A key, and the variable that gets its value", nullptr, nullptr, false, &Request::pairs}, tooLong);
 constexpr ValueOption kDefault{
     "--default", "VALUE", "Print it instead of what is unset", "", &Request::fallback, &Request::fallbackGiven};
 constexpr Argument kDataOf = checked({"DATA-DIR", kWhichFolder, &Request::key, &Request::keyGiven}, notAFolder);

@@ -21,8 +21,15 @@ DataAccess findData(const Request& request, const Service& service) {
     }
     std::string folder = request.dataDir.empty() ? ofService : request.dataDir;
     if (folder.empty() && !running) folder = apps::defaultDataFolder();
-    if (!folder.empty()) access.reader.emplace(std::filesystem::absolute(folder).lexically_normal());
+    if (folder.empty()) return access;
+    access.reader.emplace(std::filesystem::absolute(folder).lexically_normal());
+    if (!running) access.reader->takeMissingForEmpty();
     return access;
+}
+
+void noteMissingDatabases(const apps::DataReader& reader) {
+    if (!reader.hasSecure()) noteNoDatabase(reader.folder(), "secure values");
+    if (!reader.hasPolicies()) noteNoDatabase(reader.folder(), "policies");
 }
 
 DataAccess accessData(const Request& request, const Service& service) {

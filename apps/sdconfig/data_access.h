@@ -23,6 +23,9 @@ struct DataAccess {
 DataAccess findData(const Request& request, const Service& service);    // tells nothing
 DataAccess accessData(const Request& request, const Service& service);  // tells
 
+// Tells which of the two databases the folder lacks.
+void noteMissingDatabases(const apps::DataReader& reader);
+
 // The same for a command whose argument is the folder: the one that was named counts, whoever serves it. Without a
 // reader it was told why.
 DataAccess accessFolder(const Request& request, const Service& service);

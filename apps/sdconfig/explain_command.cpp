@@ -21,6 +21,7 @@ struct Findings {
     Effective effective{"", sd::kLocalPriority, Origin::Unset};
 
     std::optional<std::string> property;  // the service's
+    std::string productDir;               // "": none, or it isn't known
     FileValue fromFiles;
 };
 
@@ -55,7 +56,10 @@ int gather(const Request& request, Service& service, Findings& found) {
     const std::string problem = readData(request, access, found);
     if (!problem.empty() && !probe.listening) return nothingToReadFrom(request, problemOfData(access, problem));
     if (!problem.empty()) noteDataNotRead(problem);
-    found.fromFiles = propertyFromFiles(request.key, request.productDir);
+    if (problem.empty() && !probe.listening) noteMissingDatabases(*access.reader);
+    const bool ofService = request.productDir.empty() && probe.listening;
+    found.productDir = ofService ? service.productFolder() : request.productDir;
+    found.fromFiles = propertyFromFiles(request.key, found.productDir);
 
     found.effective = found.layers ? weigh(*found.layers) : *found.answer;
     if (found.layers && found.answer && !agree(*found.layers, *found.answer)) {
@@ -171,7 +175,8 @@ std::string propertyWords(const Findings& found) {
             return "set: " + (found.fromFiles.file.empty() ? "a build.prop file" : shownInLine(found.fromFiles.file)) +
                    " gives it";
         case PropertyOrigin::Service:
-            return "set: since the service started, or by a product's build.prop that --product-dir would name";
+            return std::string("set: since the service started") +
+                   (found.productDir.empty() ? ", or by a product's build.prop that --product-dir would name" : "");
         case PropertyOrigin::Deleted:
             return "not set: " + shownInLine(found.fromFiles.file) +
                    " gives it a value, but the service has none (any more)";

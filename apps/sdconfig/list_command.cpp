@@ -72,10 +72,8 @@ std::string readRows(const apps::DataReader& reader, std::vector<apps::Row>& sec
     const bool hasPolicies = reader.hasPolicies();
     std::string problem = hasSecure || !hasPolicies ? reader.secureRows(secure) : "";
     if (problem.empty() && hasPolicies) problem = reader.policyRows(policies);
-    if (!problem.empty()) return problem;
-    if (!hasSecure) noteNoDatabase(reader.folder(), "secure values");
-    if (!hasPolicies) noteNoDatabase(reader.folder(), "policies");
-    return "";
+    if (problem.empty()) noteMissingDatabases(reader);
+    return problem;
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include "apps/common/process.h"
 #include "apps/common/system_service.h"
 #include "apps/sdconfig/acting_user.h"
+#include "apps/sdconfig/key_pattern.h"
 #include "platform/sdbus/sdbus.h"
 #include "src/sdconfig_protocol.h"
 
@@ -19,6 +20,9 @@ namespace {
 // A key or a path is told whole in all sane cases; a line for a person ends somewhere.
 constexpr std::size_t kMaxQuoted = 200;
 constexpr std::size_t kMaxLine = 2000;
+
+constexpr char kOtherwiseThanHere[] =
+    "leave out --local to ask the service, or name the product's folder with --product-dir";
 
 // Between two characters of UTF-8.
 std::string cut(std::string_view text, std::size_t most) {
@@ -140,6 +144,10 @@ int answerUnreadable(const std::string& tried) {
 
 int unset(const Request& request) {
     const bool isProperty = request.command == "get";
+    if (!isProperty && isPattern(request.key))
+        return fail(
+            kRefused, attempt(request), "not set, or set to nothing",
+            "a key is named whole here; those that begin so are shown by: " + typed("list ") + asArgument(request.key));
     return fail(kRefused, attempt(request), "not set, or set to nothing",
                 "give it a value with: " + typed(isProperty ? "set " : "secure set ") + asArgument(request.key) +
                     (isProperty ? " VALUE" : ""));
@@ -152,12 +160,13 @@ int unopenable(const Request& request) {
 
 int unsetHere(const Request& request) {
     return fail(kRefused, attempt(request), "no build.prop file that can be read here gives it a value",
-                "leave out --local to ask the service, or name the product's folder with --product-dir");
+                kOtherwiseThanHere);
 }
 
-int nothingBegins(const Request& request) {
-    return fail(kRefused, attempt(request), "no property that can be listed begins so",
-                "name a key whole to ask for one that was set at run time");
+int nothingListed(const Request& request) {
+    return fail(kRefused, attempt(request),
+                std::string("no property that can be listed ") + (request.key.empty() ? "is set" : "begins so"),
+                request.local ? kOtherwiseThanHere : "name a key whole to ask for one that was set at run time");
 }
 
 int noSuchConst(const Request& request) {

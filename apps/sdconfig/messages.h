@@ -64,7 +64,7 @@ int answerUnreadable(const std::string& tried);
 int unset(const Request& request);
 int unopenable(const Request& request);  // something is stored, but not under a key of the ring
 int unsetHere(const Request& request);
-int nothingBegins(const Request& request);
+int nothingListed(const Request& request);  // key: the pattern, "" for all
 int noSuchConst(const Request& request);
 int notSigned(const Request& request);
 

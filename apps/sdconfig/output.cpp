@@ -8,7 +8,6 @@
 #include <optional>
 
 #include "apps/common/escaped.h"
-#include "apps/sdconfig/key_pattern.h"
 #include "apps/sdconfig/messages.h"
 
 namespace cli {
@@ -97,8 +96,8 @@ int printValue(const Request& request, const char* keyName, const std::string& v
     return set ? printed : whenUnset(request);
 }
 
-int printValues(const Request& request, const std::vector<Lookup>& found, int (*whenUnset)(const Request&)) {
-    const bool alone = request.keys.size() == 1 && !isPattern(request.keys.front());
+int printValues(const Request& request, bool alone, const std::vector<Lookup>& found,
+                int (*whenUnset)(const Request&)) {
     std::string text;
     std::vector<Lookup> missing;
     for (const Lookup& lookup : found) {

@@ -33,7 +33,7 @@ std::string shownInLine(const std::string& text);
 // What a look-up found. keyName: what the key is called in JSON. An empty value is told as unset, by `whenUnset`.
 int printValue(const Request& request, const char* keyName, const std::string& value, int (*whenUnset)(const Request&));
 
-// What look-ups of the request's keys found: the value of a key that was named alone, else a line KEY=VALUE each; in
+// What look-ups of the request's keys found: the value of one that stands alone, else a line KEY=VALUE each; in
 // JSON an object a line. What is unset has the request's fallback for a value, else it is told by `whenUnset`, and
 // makes the exit code kRefused, as does what can't be opened.
 struct Lookup {
@@ -41,7 +41,7 @@ struct Lookup {
     std::string value;  // "": unset, or
     bool isUnopenable = false;
 };
-int printValues(const Request& request, const std::vector<Lookup>& found, int (*whenUnset)(const Request&));
+int printValues(const Request& request, bool alone, const std::vector<Lookup>& found, int (*whenUnset)(const Request&));
 
 // Whether a write was done: in text nothing, as there is nothing to read; a refusal is told by `whenRefused`.
 int printDone(const Request& request, bool done, int (*whenRefused)(const Request&));

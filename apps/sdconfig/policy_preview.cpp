@@ -63,7 +63,9 @@ Object sideObject(const Effective& side, bool show) {
 std::string changeText(const PlannedPolicy& planned, const Change& change, bool show) {
     const std::string before = sideText(change.before, show);
     const std::string begin = shownInLine(planned.uri) + ": " + before;
-    const std::string end = (planned.policy ? ": " : ": deleted, since the file doesn't name it: ") + change.why + "\n";
+    const std::string deleted = ": deleted, since the file doesn't name it";
+    const std::string leaves = change.after ? ", which leaves " : "; ";
+    const std::string end = (planned.policy ? ": " : deleted + leaves) + change.why + "\n";
     if (!change.after) return "? " + begin + " -> ?" + end;
     if (!change.differs()) return "= " + begin + end;
     return "~ " + begin + " -> " + sideText(*change.after, show) + end;

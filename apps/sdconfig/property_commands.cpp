@@ -37,6 +37,7 @@ int readListed(const std::string& pattern, const std::set<std::string>& listed, 
 
 int printProperties(const Request& request, const std::set<std::string>& listed, const Reading& read,
                     int (*whenUnset)(const Request&)) {
+    const bool alone = request.keys.size() == 1 && !isPattern(request.keys.front());
     std::vector<Lookup> found;
     int missing = kDone;
     for (const std::string& key : request.keys.empty() ? std::vector<std::string>{"*"} : request.keys) {
@@ -44,13 +45,13 @@ int printProperties(const Request& request, const std::set<std::string>& listed,
         std::string value;
         if (const int code = isPattern(key) ? readListed(key, listed, read, found) : read(key, value)) return code;
         Request one = request;
-        one.key = key;
+        if (!request.keys.empty()) one.key = key;
         if (!isPattern(key))
             found.push_back({key, value});
         else if (found.size() == before)
-            missing = nothingBegins(one);
+            missing = nothingListed(one);
     }
-    const int printed = printValues(request, found, whenUnset);
+    const int printed = printValues(request, alone, found, whenUnset);
     return printed ? printed : missing;
 }
 

@@ -13,6 +13,7 @@ struct Request {
     std::vector<std::string> keys;
     std::string value;
     std::string fallback;              // instead of what is unset
+    std::vector<std::string> pairs;    // KEY=VARIABLE
     std::vector<std::string> program;  // with its arguments
     bool keyGiven = false;
     bool keysGiven = false;

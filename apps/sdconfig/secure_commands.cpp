@@ -79,7 +79,7 @@ int getSecure(const Request& request, Service& service) {
     if (const int code = service.require()) return code;
     std::vector<Lookup> found;
     const int code = readSecureValues(request.keys, service, found);
-    return code ? code : printValues(request, found, unset);
+    return code ? code : printValues(request, found.size() == 1, found, unset);
 }
 
 // The service comes first: nobody types a secret to learn then that there was none to take it.

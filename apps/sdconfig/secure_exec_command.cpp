@@ -53,7 +53,7 @@ int executeWithSecrets(const Request& request, Service& service) {
     if (request.program.empty()) return misused(request.command, "a program is missing behind --");
     std::vector<std::string> keys;
     std::vector<std::string> variables;
-    if (const std::string problem = split(request.keys, keys, variables); !problem.empty())
+    if (const std::string problem = split(request.pairs, keys, variables); !problem.empty())
         return misused(request.command, problem);
     if (const int code = service.require()) return code;
     std::vector<Lookup> found;

@@ -40,10 +40,12 @@ StoredPolicies withoutService(const Request& request, const Service& service) {
     StoredPolicies result;
     const DataAccess access = accessData(request, service);
     if ((result.exitCode = access.exitCode) != kDone) return result;
-    if (const std::string problem = readAll(access, result); !problem.empty())
+    if (const std::string problem = readAll(access, result); !problem.empty()) {
         result.exitCode = nothingToReadFrom(request, problemOfData(access, problem));
-    else
-        noteWithoutService(access.reader->folder());
+        return result;
+    }
+    noteWithoutService(access.reader->folder());
+    noteMissingDatabases(*access.reader);
     return result;
 }
 

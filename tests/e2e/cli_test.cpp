@@ -166,6 +166,11 @@ TEST_F(CliTest, SeveralKeysAndPatterns) {
     EXPECT_THAT(cli({"get"}).out,
                 AllOf(HasSubstr("a.one=1\n"), HasSubstr("ro.sd.build.version=7\n"), Not(HasSubstr("b="))));
     expectOut(cli({"get", "b*", "--local", "--product-dir", path("product")}), "b=3\n");
+    expectError(cli({"get", "--local"}), kRefused, "get: no property that can be listed is set; leave out --local");
+    cli({"secure", "set", "c*", "1\\x0a\n2"});
+    expectOut(cli({"secure", "get", "c*"}), "1\\x0a\n2\n");
+    expectOut(cli({"secure", "get", "c*", "c*"}), "c*=1\\x0a\\x0a2\nc*=1\\x0a\\x0a2\n");
+    expectError(cli({"secure", "get", "d*"}), kRefused, "a key is named whole here");
     expectOut(cli({"secure", "set", "k", "v"}), "");
     const Result objects = cli({"secure", "get", "k", "none", "--json"});
     EXPECT_EQ(objects.exitCode, kRefused);

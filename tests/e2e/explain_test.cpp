@@ -115,6 +115,10 @@ TEST_F(ExplainTest, ReadsTheDataInEveryStateAndLeavesNoTrace) {
     EXPECT_EQ(cli({"explain", "k"}).exitCode, 3);  // no service, and no data in the usual folder
     EXPECT_EQ(cli({"policy", "list"}).exitCode, 3);
     EXPECT_THAT(cli({"policy", "list", "--data-dir", data}).err, HasSubstr("not running; this was read from " + data));
+    std::filesystem::rename(data + "/dmhelper.db", path("away"));
+    EXPECT_THAT(cli({"policy", "list", "--data-dir", data}).err, HasSubstr("has no database of policies"));
+    expectRead("without policies", data);
+    std::filesystem::rename(path("away"), data + "/dmhelper.db");
     expectListFails(path("etc"), path("etc/sdconfig.db") + " is not there");
     std::filesystem::rename(data + "/sdsecurity.keys", path("ring"));
     EXPECT_THAT(cli({"list", "--data-dir", data}).out, HasSubstr("secure\tk\n"));
@@ -145,7 +149,7 @@ TEST_F(ExplainTest, TellsTheFileOfAProperty) {
     EXPECT_EQ(property("volume")["origin"], "file");
     cli({"delete", "volume"});
     EXPECT_EQ(property("volume")["origin"], "deleted");
-    EXPECT_EQ(explain("ro.sd.model")["property"]["origin"], "service");  // this process does not know the folder
+    EXPECT_EQ(explain("ro.sd.model")["property"]["origin"], "file");  // the service's folder is known
     EXPECT_THAT(cli({"explain", "ro.sd.model"}).out, HasSubstr("read-only"));
 }
 

@@ -186,7 +186,9 @@ TEST_F(PolicyTest, PruningMakesTheFileTheWholeTruth) {
     const std::string file = path("p.json");
     writeFile(file, R"({"URI7": {"value": "new", "priority": 6}, "added": {"value": "new", "priority": 6}})");
     const Result preview = cli({"policy", "apply", file, "--prune", "--dry-run"});
-    EXPECT_THAT(preview.out, HasSubstr("~ uri8: \"8\" -> (no value): deleted, since the file doesn't name it: "));
+    EXPECT_THAT(
+        preview.out,
+        HasSubstr("~ uri8: \"8\" -> (no value): deleted, since the file doesn't name it, which leaves neither "));
     EXPECT_EQ(std::count(preview.out.begin(), preview.out.end(), '\n'), 301);
     expect({"policy", "apply", file, "--prune"}, 2, "");
     {
