@@ -49,7 +49,7 @@ std::string SDSecurity::FastEncrypt(const std::string& plain) {
     return guarded(__func__, std::string(), [&]() -> std::string {
         const auto ring = mState->keys.ringToSeal();
         if (!ring) return "";
-        const std::optional<std::string> text = security::sealEnvelope(ring->current(), plain);
+        std::optional<std::string> text = security::sealEnvelope(ring->current(), plain);
         if (!text)
             LOG(7, AT "a value of %zu bytes is too long to be sealed", kSource, "FastEncrypt", __LINE__, plain.size());
         return text ? std::move(*text) : "";
@@ -65,7 +65,7 @@ std::string SDSecurity::FastDecrypt(const std::string& cipher) {
         }
         const auto ring = mState->keys.ringToOpen(envelope->keyId);
         if (!ring) return "";
-        const std::optional<std::string> plain = security::openEnvelope(*ring->find(envelope->keyId), *envelope);
+        std::optional<std::string> plain = security::openEnvelope(*ring->find(envelope->keyId), *envelope);
         if (!plain)
             LOG(7, AT "an envelope of %zu bytes was changed after it was sealed", kSource, "FastDecrypt", __LINE__,
                 cipher.size());
