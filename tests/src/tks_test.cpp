@@ -38,7 +38,7 @@ protected:
 TEST_F(TksTest, CarriesEveryRowOverOnce) {
     useSince();
     query("UPDATE dbinfor SET value = '10'");
-    SDConfigImplTKS{mFile};
+    const SDConfigImplTKS upgraded{mFile};
     EXPECT_EQ(query("SELECT value FROM dbinfor UNION ALL SELECT count(*) FROM secure_v3"), (Rows{{"10"}, {"1"}}))
         << "a later version is left alone";
     query("UPDATE dbinfor SET value = '2'");
