@@ -1,8 +1,8 @@
 #include "apps/sdconfig/colour.h"
 
-#include <unistd.h>
-
 #include <cstdlib>
+
+#include "apps/sdconfig/output.h"
 
 namespace cli {
 
@@ -14,7 +14,7 @@ std::string variable(const char* name) {
 }
 
 bool isWanted() {
-    return ::isatty(STDOUT_FILENO) && variable("NO_COLOR").empty() && variable("TERM") != "dumb";
+    return isTerminal() && variable("NO_COLOR").empty() && variable("TERM") != "dumb";
 }
 
 }  // namespace

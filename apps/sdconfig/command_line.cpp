@@ -25,8 +25,8 @@ struct Argument {
     bool mayBeEmpty = false;
     std::vector<std::string> Request::*intoAll = nullptr;  // where several may stand
     std::string (*fault)(const std::string&) = nullptr;    // what is wrong with it, or ""
-    bool Request::*fromInput =
-        nullptr;  // where "-" stands for standard input: whether it does, as it doesn't behind --
+    // Where "-" stands for standard input: whether it does, as it doesn't behind --.
+    bool Request::*fromInput = nullptr;
 };
 
 struct Flag {
@@ -178,22 +178,21 @@ constexpr Group kGroups[] = {
 };
 
 constexpr char kSetSecureNotes[] =
-    "Without VALUE, and of \"-\", the value is read from standard input up to its end, less one final newline; at a "
-    "terminal it is\n"
-    "asked for and not shown. A VALUE on the command line is visible to every user of the machine in the list of\n"
-    "processes and stays in the shell's history: prefer standard input. The value \"-\" itself is given as -- -.\n";
+    "Without VALUE, or where it is \"-\", the value is read from standard input up to its end, less one final "
+    "newline;\n"
+    "at a terminal it is asked for and not shown. A VALUE on the command line is visible to every user of the machine\n"
+    "in the list of processes and stays in the shell's history: prefer standard input. The value \"-\" itself is "
+    "given\n"
+    "as -- -.\n";
 
 constexpr char kExecNotes[] =
-    "Runs the program behind -- with the secure values in its environment, where its user's processes and root can "
-    "read\n"
-    "them, and in no list of processes. Where a value is missing nothing is run, with exit code 1; else the exit code "
-    "is\n"
-    "the program's, 126 where it can't be run, or 127 where there is none.\n";
+    "Runs the program behind -- with the secure values in its environment, where its user's processes and root can\n"
+    "read them, and in no list of processes. Where a value is missing nothing is run, with exit code 1; else the exit\n"
+    "code is the program's, 126 where it can't be run, or 127 where there is none.\n";
 
 constexpr char kGetNotes[] =
-    "One key's value, else a line KEY=VALUE each. What is missing is told on standard error, with exit code 1. Listed "
-    "are\n"
-    "the keys of the build.prop files, with the values that the service has now; not those that were set at run "
+    "One key's value, else a line KEY=VALUE each. What is missing is told on standard error, with exit code 1. Listed\n"
+    "are the keys of the build.prop files, with the values that the service has now; not those that were set at run\n"
     "time.\n";
 
 constexpr char kGetSecureNotes[] =

@@ -10,6 +10,7 @@
 #include "apps/common/system_service.h"
 #include "apps/sdconfig/acting_user.h"
 #include "apps/sdconfig/key_pattern.h"
+#include "apps/sdconfig/property_files.h"
 #include "platform/sdbus/sdbus.h"
 #include "src/sdconfig_protocol.h"
 
@@ -66,10 +67,6 @@ std::string seeItsLog() {
                                  ? "--user -u sdconfigd"
                                  : "_UID=" + std::to_string(::geteuid()) + " _SYSTEMD_USER_UNIT=sdconfigd.service";
     return "its log tells why: journalctl " + (apps::isSystemService() ? "-u sdconfigd" : user);
-}
-
-bool readOnly(const std::string& key) {
-    return key.compare(0, 3, "ro.") == 0;
 }
 
 }  // namespace
@@ -211,14 +208,14 @@ void noteListedProperties() {
 }
 
 int setRefused(const Request& request) {
-    if (readOnly(request.key))
+    if (isReadOnlyKey(request.key))
         return fail(kRefused, attempt(request), "a key that begins with \"ro.\" is read-only once it has a value",
                     "see what it holds with: " + typed("get ") + asArgument(request.key));
     return fail(kRefused, attempt(request), "the service refused the value", seeItsLog());
 }
 
 int deleteRefused(const Request& request) {
-    if (readOnly(request.key))
+    if (isReadOnlyKey(request.key))
         return fail(kRefused, attempt(request), "a key that begins with \"ro.\" is read-only and can't be deleted",
                     "use a key without \"ro.\" for what has to change");
     return fail(kRefused, attempt(request), "it is not set", "there is nothing to delete; check the key's spelling");

@@ -21,11 +21,6 @@ std::string base64(const std::string& bytes) {
     return text;
 }
 
-bool isTerminal() {
-    static const bool sIs = ::isatty(STDOUT_FILENO) != 0;
-    return sIs;
-}
-
 std::string lineOf(const Object& object) {
     return apps::escapedInJson(object.dump()) + "\n";
 }
@@ -39,6 +34,11 @@ Object valueObject(const char* keyName, const std::string& key, bool set, const 
 }
 
 }  // namespace
+
+bool isTerminal() {
+    static const bool sIs = ::isatty(STDOUT_FILENO) != 0;
+    return sIs;
+}
 
 // The library that prints decides what it can print.
 bool fitsJson(const std::string& bytes) {

@@ -12,6 +12,9 @@ namespace cli {
 // Keeps the order in which the names were added, so that the output is steady.
 using Object = nlohmann::ordered_json;
 
+// Whether standard output is one.
+bool isTerminal();
+
 // Whether JSON can hold `bytes` as a text: whether they are valid UTF-8.
 bool fitsJson(const std::string& bytes);
 

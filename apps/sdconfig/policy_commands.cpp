@@ -1,7 +1,6 @@
 // policy set, get, delete, list, strong and clear.
 #include "apps/sdconfig/commands.h"
 #include "apps/sdconfig/confirmation.h"
-#include "apps/sdconfig/data_access.h"
 #include "apps/sdconfig/effective.h"
 #include "apps/sdconfig/messages.h"
 #include "apps/sdconfig/output.h"
@@ -11,7 +10,6 @@
 #include "apps/sdconfig/stored_policies.h"
 #include "apps/sdconfig/table.h"
 #include "libsdconfig/dmconfig.h"
-#include "src/sdconfig_protocol.h"
 
 namespace cli {
 
@@ -95,17 +93,6 @@ Fields listedFields(const Listed& listed) {
             policy ? shownInLine(policy->value) : "(can't be read)", stateOf(listed)};
 }
 
-// One call deletes all, and has 5 s for it. What would take longer is deleted one by one before it.
-int deleteMany(const Request& request, Service& service) {
-    const DataAccess access = findData(request, service);
-    std::vector<apps::Row> rows;
-    if (!access.reader || !access.reader->policyRows(rows).empty()) return kDone;
-    std::vector<std::string> uris;
-    uris.reserve(rows.size());
-    for (const apps::Row& row : rows) uris.push_back(row.key);
-    return uris.size() > sd::protocol::kMaxElements ? deletePolicies(uris, service) : kDone;
-}
-
 }  // namespace
 
 int setPolicy(const Request& request, Service& service) {
@@ -175,7 +162,6 @@ int clearPolicies(const Request& request, Service& service) {
     if (!canConfirm(request)) return notAskable(request, "all policies");
     if (const int code = service.require()) return code;
     if (!confirmed(request, "Delete all policies?")) return notConfirmed(request);
-    if (const int code = deleteMany(request, service)) return code;
     const auto [done, code] = service.call("ClearAllKeys(", [&] { return policies().ClearAllKeys(); });
     return code ? code : printChange(request, Object(), done);
 }

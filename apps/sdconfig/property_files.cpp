@@ -25,10 +25,6 @@ bool defines(sd::SDPropertyInf& reader, const std::string& file, const std::stri
 
 }  // namespace
 
-bool isReadOnlyKey(const std::string& key) {
-    return key.compare(0, 3, "ro.") == 0;
-}
-
 FileValue propertyFromFiles(const std::string& key, const std::string& productDir) {
     std::vector<std::string> files;  // in the order in which they are read
     if (!productDir.empty()) files.push_back(productDir + "/../etc/build.prop");

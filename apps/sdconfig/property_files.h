@@ -18,6 +18,8 @@ FileValue propertyFromFiles(const std::string& key, const std::string& productDi
 std::set<std::string> keysInFiles(const std::string& productDir);
 
 // Keys that begin with "ro." keep the first value that they get.
-bool isReadOnlyKey(const std::string& key);
+inline bool isReadOnlyKey(const std::string& key) {
+    return key.compare(0, 3, "ro.") == 0;
+}
 
 }  // namespace cli

@@ -1,9 +1,9 @@
 #include "apps/sdconfig/table.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstddef>
+
+#include "apps/sdconfig/output.h"
 
 namespace cli {
 
@@ -45,7 +45,7 @@ std::string withTabs(const Fields& line) {
 }  // namespace
 
 std::string table(const Fields& headings, const std::vector<Fields>& lines) {
-    const bool columns = ::isatty(STDOUT_FILENO) != 0 && !lines.empty();
+    const bool columns = isTerminal() && !lines.empty();
     const std::vector<std::size_t> widths = widthsOf(headings, lines);
     std::string text = columns ? inColumns(headings, widths) : "";
     for (const Fields& line : lines) text += columns ? inColumns(line, widths) : withTabs(line);
