@@ -10,10 +10,12 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <iterator>
 #include <memory>
 #include <vector>
 
+#include "base/shared_library.h"
 #include "platform/velmarlog/log_line.h"
 #include "sdtks_constants.h"
 
@@ -47,76 +49,118 @@ unsigned char* bytes(char* text) {
     return reinterpret_cast<unsigned char*>(text);
 }
 
+// The EVP interface that OpenSSL 3 wants in place of AES_* takes whole blocks only; stored texts can end within one.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+
+// What this cipher takes from OpenSSL.
+struct OpenSslApi {
+    const SharedLibrary library{OPENSSL_SONAME};
+    LOADED(library, AES_set_encrypt_key);
+    LOADED(library, AES_set_decrypt_key);
+    LOADED(library, AES_cbc_encrypt);
+    LOADED(library, BIO_new);
+    LOADED(library, BIO_new_mem_buf);
+    LOADED(library, BIO_f_base64);
+    LOADED(library, BIO_s_mem);
+    LOADED(library, BIO_set_flags);
+    LOADED(library, BIO_push);
+    LOADED(library, BIO_write);
+    LOADED(library, BIO_read);
+    LOADED(library, BIO_ctrl);
+    LOADED(library, BIO_free_all);
+};
+
+#pragma GCC diagnostic pop
+
+// OpenSSL, loaded with the first value; null, with a line logged, where that can't be done.
+const OpenSslApi* openssl() {
+    try {
+        static const OpenSslApi sApi;
+        return &sApi;
+    } catch (const std::exception& failure) {
+        LOG(7, AT "%s", HERE, failure.what());
+        return nullptr;
+    }
+}
+
 struct FreeBioChain {
-    void operator()(BIO* bio) const { BIO_free_all(bio); }
+    const OpenSslApi* api;
+    void operator()(BIO* bio) const { api->BIO_free_all(bio); }
 };
 using BioChain = std::unique_ptr<BIO, FreeBioChain>;
 
 // A base64 filter in front of `memory`, which it owns; null where memory ran out.
-BioChain base64Filter(BIO* memory, int flags) {
-    BioChain chain(memory);
-    BIO* const filter = memory ? BIO_new(BIO_f_base64()) : nullptr;
-    if (!filter) return nullptr;
-    BIO_set_flags(filter, flags);
-    BIO_push(filter, chain.release());
-    return BioChain(filter);
+BioChain base64Filter(const OpenSslApi& api, BIO* memory, int flags) {
+    BioChain chain(memory, {&api});
+    BIO* const filter = memory ? api.BIO_new(api.BIO_f_base64()) : nullptr;
+    if (!filter) return {nullptr, {&api}};
+    api.BIO_set_flags(filter, flags);
+    api.BIO_push(filter, chain.release());
+    return {filter, {&api}};
 }
 
 std::string base64(const char* data, std::size_t length) {
-    const BioChain chain = base64Filter(BIO_new(BIO_s_mem()), 0);
+    const OpenSslApi* const api = openssl();
+    if (!api) return "";
+    const BioChain chain = base64Filter(*api, api->BIO_new(api->BIO_s_mem()), 0);
+    if (!chain || api->BIO_write(chain.get(), data, static_cast<int>(length)) <= 0 ||
+        api->BIO_ctrl(chain.get(), BIO_CTRL_FLUSH, 0, nullptr) <= 0)
+        return "";
     BUF_MEM* memory = nullptr;
-    if (!chain || BIO_write(chain.get(), data, static_cast<int>(length)) <= 0 || BIO_flush(chain.get()) <= 0) return "";
-    BIO_get_mem_ptr(chain.get(), &memory);
+    api->BIO_ctrl(chain.get(), BIO_C_GET_BUF_MEM_PTR, 0, &memory);
     return memory ? std::string(memory->data, memory->length) : "";
 }
 
 // The number of decoded bytes in `out`, 0 or less where there are none. A text of more than `out` holds is cut.
 int unbase64(const char* text, std::array<char, kMaxDecoded>& out) {
     const std::size_t length = std::strlen(text);
-    if (length > INT_MAX) return -1;
-    const BioChain chain = base64Filter(BIO_new_mem_buf(text, static_cast<int>(length)), BIO_FLAGS_BASE64_NO_NL);
-    return chain ? BIO_read(chain.get(), out.data(), static_cast<int>(out.size())) : -1;
+    const OpenSslApi* const api = openssl();
+    if (!api || length > INT_MAX) return -1;
+    BIO* const memory = api->BIO_new_mem_buf(text, static_cast<int>(length));
+    const BioChain chain = base64Filter(*api, memory, BIO_FLAGS_BASE64_NO_NL);
+    return chain ? api->BIO_read(chain.get(), out.data(), static_cast<int>(out.size())) : -1;
 }
 
 }  // namespace
 
 const std::map<std::string, std::string> SDTks::sKeys;
 
-// The EVP interface that OpenSSL 3 wants in place of AES_* takes whole blocks only; stored texts can end within one.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-
 bool aes_encrypt_strong(const char* in, int length, char* out, unsigned long* outLength) {
     if (!in || !out || !outLength || length < 0) return false;
+    const OpenSslApi* const api = openssl();
+    if (!api) return false;
     const auto plain = static_cast<std::size_t>(length);
     const std::size_t padded = plain / kBlock * kBlock + kBlock;
     std::vector<unsigned char> work(padded, static_cast<unsigned char>(padded - plain));
     std::copy_n(in, plain, work.begin());
 
     AES_KEY key;
-    if (AES_set_encrypt_key(kLegacyKey, kKeyBits, &key) != 0) {
+    if (api->AES_set_encrypt_key(kLegacyKey, kKeyBits, &key) != 0) {
         std::fputs("Unable to set encryption key in AES\n", stderr);
         return false;
     }
     Iv iv = freshIv();
-    AES_cbc_encrypt(work.data(), bytes(out), padded, &key, iv.data(), AES_ENCRYPT);
+    api->AES_cbc_encrypt(work.data(), bytes(out), padded, &key, iv.data(), AES_ENCRYPT);
     *outLength = padded;
     return true;
 }
 
 bool aes_decrypt_strong(char* in, unsigned long length, char* out, int* outLength) {
     if (!in || !out || !outLength || length == 0 || length > INT_MAX - kMaxBeyond) return false;
+    const OpenSslApi* const api = openssl();
+    if (!api) return false;
     AES_KEY key;
-    if (AES_set_decrypt_key(kLegacyKey, kKeyBits, &key) != 0) return false;
+    if (api->AES_set_decrypt_key(kLegacyKey, kKeyBits, &key) != 0) return false;
 
     Iv iv = freshIv();
     const std::size_t whole = length / kBlock * kBlock;
-    AES_cbc_encrypt(bytes(in), bytes(out), whole, &key, iv.data(), AES_DECRYPT);
+    api->AES_cbc_encrypt(bytes(in), bytes(out), whole, &key, iv.data(), AES_DECRYPT);
     if (whole < length) {
         // The cipher reads a whole block even where less is left.
         std::array<unsigned char, kBlock> last{};
         std::copy_n(in + whole, length - whole, last.begin());
-        AES_cbc_encrypt(last.data(), bytes(out) + whole, length - whole, &key, iv.data(), AES_DECRYPT);
+        api->AES_cbc_encrypt(last.data(), bytes(out) + whole, length - whole, &key, iv.data(), AES_DECRYPT);
     }
 
     const auto padding = static_cast<signed char>(out[length - 1]);
@@ -124,8 +168,6 @@ bool aes_decrypt_strong(char* in, unsigned long length, char* out, int* outLengt
     *outLength = static_cast<int>(length) - padding;
     return true;
 }
-
-#pragma GCC diagnostic pop
 
 std::string SDTks::Encrypt(const std::string& plain) {
     if (plain.empty() || plain.size() > kMaxPlain) return "";

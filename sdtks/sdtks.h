@@ -13,14 +13,15 @@ namespace sd {
 // and 16 padding bytes, each of which is their number, fill the last block. Any thread.
 
 // Enciphers `length` bytes into `out`, which must hold them rounded down to blocks of 16, and 16 more; `outLength`
-// becomes that number. False, with `outLength` unchanged, for a null pointer, a negative length or an unfit key.
+// becomes that number. False, with `outLength` unchanged, for a null pointer, a negative length, an unfit key, or where
+// OpenSSL can't be loaded.
 SDTKS_API bool aes_encrypt_strong(const char* in, int length, char* out, unsigned long* outLength);
 
 // Deciphers `length` bytes into `out`, which must hold as many. Bytes of the last block that are missing count as 0.
 // Only the last padding byte is looked at. One of 128 and more passes, as a negative number: `outLength` is then larger
 // than `length`, and only `length` bytes were written.
-// False, with `outLength` unchanged, for a null pointer, no bytes or more than an int counts, an unfit key, or a
-// padding of 0 or of 17 to 127.
+// False, with `outLength` unchanged, for a null pointer, no bytes or more than an int counts, an unfit key, a padding of
+// 0 or of 17 to 127, or where OpenSSL can't be loaded.
 SDTKS_API bool aes_decrypt_strong(char* in, unsigned long length, char* out, int* outLength);
 
 class SDTKS_API SDTks {

@@ -1,12 +1,12 @@
 #include "sql/SQLiteDatabase.h"
 
-#include <sqlite3.h>
-
 #include <cerrno>
 #include <cstring>
+#include <exception>
 
 #include "platform/velmarlog/log_line.h"
 #include "sql/SQLiteStatement.h"
+#include "sql/sqlite_api.h"
 
 namespace sd::data {
 
@@ -22,6 +22,18 @@ int db_busy_handler(void* /*connection*/, int count) {
     return 1;
 }
 
+// SQLite's result; `problem` tells why it is not SQLITE_OK.
+int connect(const std::string& path, sqlite3*& handle, std::string& problem) {
+    try {
+        const int result = sqlite().open(path.c_str(), &handle);
+        problem = std::strerror(errno);
+        return result;
+    } catch (const std::exception& failure) {
+        problem = failure.what();
+        return SQLITE_CANTOPEN;
+    }
+}
+
 }  // namespace
 
 SQLiteDatabase::SQLiteDatabase(const std::string& path) : mHandle(nullptr), mResult(0) {
@@ -33,22 +45,22 @@ SQLiteDatabase::~SQLiteDatabase() {
 }
 
 void SQLiteDatabase::open(const std::string& path) {
-    mResult = sqlite3_open(path.c_str(), &mHandle);
+    std::string problem;
+    mResult = connect(path, mHandle, problem);
     if (mResult != SQLITE_OK) {
-        const int osError = errno;
         LOG(7, AT "SQLiteDatabase: failed to open sqlite3 db:%s, error code = %d", HERE, path.c_str(), mResult);
-        LOG(7, AT "error msg is %s", HERE, std::strerror(osError));
+        LOG(7, AT "error msg is %s", HERE, problem.c_str());
         // What sqlite3_open allocated is deliberately not closed: a failed connection is dropped as it is.
         mHandle = nullptr;
         return;
     }
 
-    mResult = sqlite3_busy_handler(mHandle, db_busy_handler, mHandle);
+    mResult = sqlite().busyHandler(mHandle, db_busy_handler, mHandle);
     if (mResult != SQLITE_OK)
         LOG(7, AT "SQLiteDatabase: failed to set busy handler:%s, error code = %d", HERE, path.c_str(), mResult);
 
     // The time-out replaces the handler: SQLite itself sleeps and retries until the time is up.
-    mResult = sqlite3_busy_timeout(mHandle, kBusyTimeoutMs);
+    mResult = sqlite().busyTimeout(mHandle, kBusyTimeoutMs);
     if (mResult == SQLITE_OK)
         LOG(5, AT "SQLiteDatabase: set busy timeout to %d", HERE, kBusyTimeoutMs);
     else
@@ -56,7 +68,7 @@ void SQLiteDatabase::open(const std::string& path) {
 
     // 5 KiB of page cache: a connection's memory matters more here than re-reading a page.
     for (const char* pragma : {"PRAGMA cache_size = -5;", "PRAGMA synchronous = FULL;", "PRAGMA journal_mode = WAL;"})
-        sqlite3_exec(mHandle, pragma, nullptr, nullptr, nullptr);
+        sqlite().exec(mHandle, pragma, nullptr, nullptr, nullptr);
 }
 
 bool SQLiteDatabase::executeCommand(const std::string& sql) {
@@ -66,13 +78,13 @@ bool SQLiteDatabase::executeCommand(const std::string& sql) {
 
 bool SQLiteDatabase::isDetached() const {
     int moved = 0;  // SQLite looks at the path anew, and compares what stands there with the file that it has open
-    return mHandle && sqlite3_file_control(mHandle, nullptr, SQLITE_FCNTL_HAS_MOVED, &moved) == SQLITE_OK && moved != 0;
+    return mHandle && sqlite().fileControl(mHandle, nullptr, SQLITE_FCNTL_HAS_MOVED, &moved) == SQLITE_OK && moved != 0;
 }
 
 int SQLiteDatabase::close() {
     int result = 0;
     if (mHandle) {
-        result = sqlite3_close(mHandle);
+        result = sqlite().close(mHandle);
         mHandle = nullptr;
     }
     mResult = 0;

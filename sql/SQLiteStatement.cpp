@@ -1,9 +1,8 @@
 #include "sql/SQLiteStatement.h"
 
-#include <sqlite3.h>
-
 #include "platform/velmarlog/log_line.h"
 #include "sql/SQLiteDatabase.h"
+#include "sql/sqlite_api.h"
 
 namespace sd::data {
 
@@ -22,9 +21,9 @@ int SQLiteStatement::prepare() {
     const char* tail = nullptr;
     // SQLite saves a copy of the text when the length counts its final zero byte.
     const int length = static_cast<int>(mSql.size() + 1);
-    const int result = sqlite3_prepare_v2(mDb.handle(), mSql.c_str(), length, &mHandle, &tail);
+    const int result = sqlite().prepare(mDb.handle(), mSql.c_str(), length, &mHandle, &tail);
     if (result != SQLITE_OK)
-        LOG(7, AT "sqlite3_prepare_v2 failed (%i)\n%s\n%s", HERE, result, mSql.c_str(), sqlite3_errmsg(mDb.handle()));
+        LOG(7, AT "sqlite3_prepare_v2 failed (%i)\n%s\n%s", HERE, result, mSql.c_str(), sqlite().errmsg(mDb.handle()));
     if (tail && *tail != '\0') {
         LOG(7, AT "sqlite3_prepare_v2 failed: tail:%s", HERE, tail);
         return 1;
@@ -37,16 +36,16 @@ int SQLiteStatement::step() {
         LOG(7, AT "step failed: no statement", HERE);
         return 0;
     }
-    const int result = sqlite3_step(mHandle);
+    const int result = sqlite().step(mHandle);
     if (result != SQLITE_ROW && result != SQLITE_DONE)
         LOG(7, AT "sqlite3_step failed (%i)\nQuery - %s\nError - %s", HERE, result, mSql.c_str(),
-            sqlite3_errmsg(mDb.handle()));
+            sqlite().errmsg(mDb.handle()));
     return result;
 }
 
 void SQLiteStatement::finalize() {
     if (!mHandle) return;
-    sqlite3_finalize(mHandle);
+    sqlite().finalize(mHandle);
     mHandle = nullptr;
 }
 
@@ -62,20 +61,20 @@ bool SQLiteStatement::executeCommand() {
 }
 
 int SQLiteStatement::bindText(int index, const std::string& value) {
-    return sqlite3_bind_text(mHandle, index, value.data(), static_cast<int>(value.size()), SQLITE_TRANSIENT);
+    return sqlite().bindText(mHandle, index, value.data(), static_cast<int>(value.size()), SQLITE_TRANSIENT);
 }
 
 int SQLiteStatement::bindInt(int index, int value) {
-    return sqlite3_bind_int(mHandle, index, value);
+    return sqlite().bindInt(mHandle, index, value);
 }
 
 int SQLiteStatement::getColumnInt(int column) {
-    return mHandle ? sqlite3_column_int(mHandle, column) : 0;
+    return mHandle ? sqlite().columnInt(mHandle, column) : 0;
 }
 
 std::string SQLiteStatement::getColumnText(int column) {
     if (!mHandle) return "";
-    const unsigned char* text = sqlite3_column_text(mHandle, column);
+    const unsigned char* text = sqlite().columnText(mHandle, column);
     return text ? reinterpret_cast<const char*>(text) : "";
 }
 

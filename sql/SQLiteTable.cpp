@@ -1,7 +1,5 @@
 #include "sql/SQLiteTable.h"
 
-#include <sqlite3.h>
-
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
@@ -9,6 +7,7 @@
 #include "platform/velmarlog/log_line.h"
 #include "sql/SQLiteDatabase.h"
 #include "sql/SQLiteStatement.h"
+#include "sql/sqlite_api.h"
 
 namespace sd::data {
 
@@ -160,7 +159,7 @@ bool SQLiteTable::executeStatement(const std::string& sql, const TableRow& row) 
     const bool done = statement.executeCommand();
     if (!done)
         LOG(7, AT "SQLiteTable::insert failed to execute statement /%s/ error /%s/", HERE, sql.c_str(),
-            sqlite3_errmsg(mDb.handle()));
+            sqlite().errmsg(mDb.handle()));
     return done;
 }
 

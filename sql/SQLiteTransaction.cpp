@@ -1,9 +1,8 @@
 #include "sql/SQLiteTransaction.h"
 
-#include <sqlite3.h>
-
 #include "sql/SQLiteDatabase.h"
 #include "sql/SQLiteStatement.h"
+#include "sql/sqlite_api.h"
 
 namespace sd::data {
 
@@ -15,7 +14,7 @@ SQLiteTransaction::~SQLiteTransaction() {
 }
 
 bool SQLiteTransaction::isActive() const {
-    return mBegun && sqlite3_get_autocommit(mDb.handle()) == 0;
+    return mBegun && sqlite().getAutocommit(mDb.handle()) == 0;
 }
 
 bool SQLiteTransaction::commit() {

@@ -1,7 +1,5 @@
 #include "platform/sdsecurity/crypto.h"
 
-#include <openssl/crypto.h>
-#include <openssl/err.h>
 #include <sys/random.h>
 
 #include <cerrno>
@@ -11,22 +9,31 @@ namespace sd::security {
 namespace {
 
 const EVP_CIPHER* fetchCipher() {
-    const EVP_CIPHER* const cipher = ::EVP_CIPHER_fetch(nullptr, "AES-256-GCM", nullptr);
+    const EVP_CIPHER* const cipher = openssl().EVP_CIPHER_fetch(nullptr, "AES-256-GCM", nullptr);
     demand(cipher != nullptr);
     return cipher;
 }
 
 }  // namespace
 
+const OpenSslApi& openssl() {
+    try {
+        static const OpenSslApi sApi;
+        return sApi;
+    } catch (const LibraryFailure& failure) {
+        throw CryptoFailure(failure.what());
+    }
+}
+
 void demand(bool done) {
     if (done) return;
-    const char* const reason = ::ERR_reason_error_string(::ERR_peek_last_error());
-    ::ERR_clear_error();
+    const char* const reason = openssl().ERR_reason_error_string(openssl().ERR_peek_last_error());
+    openssl().ERR_clear_error();
     throw CryptoFailure(std::string("OpenSSL failed: ") + (reason ? reason : "no reason given"));
 }
 
 void demandCrypto() {
-    demand(::OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr) == 1);
+    demand(openssl().OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr) == 1);
 }
 
 // Fetched once and never given back: a fetch a value takes a fifth of the time that sealing 64 bytes does. A static

@@ -1,15 +1,15 @@
 // What this layer takes from OpenSSL and from the kernel.
 #pragma once
 
-#include <openssl/evp.h>
-
 #include <cstddef>
 #include <stdexcept>
 
+#include "platform/sdsecurity/openssl_api.h"
+
 namespace sd::security {
 
-// OpenSSL could not do its work; memory may have run out. It is thrown, so that it never passes for a wrong value or a
-// damaged ring, and nothing of it is kept: the next operation may succeed.
+// OpenSSL could not be loaded or could not do its work; memory may have run out. It is thrown, so that it never passes
+// for a wrong value or a damaged ring, and nothing of it is kept: the next operation may succeed.
 struct CryptoFailure : std::runtime_error {
     using std::runtime_error::runtime_error;
 };

@@ -1,7 +1,5 @@
 #include "platform/sdsecurity/envelope.h"
 
-#include <openssl/evp.h>
-
 #include <algorithm>
 #include <array>
 #include <memory>
@@ -23,7 +21,7 @@ constexpr std::size_t base64Size(std::size_t size) {
 }
 
 struct FreeContext {
-    void operator()(EVP_CIPHER_CTX* context) const { ::EVP_CIPHER_CTX_free(context); }
+    void operator()(EVP_CIPHER_CTX* context) const { openssl().EVP_CIPHER_CTX_free(context); }
 };
 using Context = std::unique_ptr<EVP_CIPHER_CTX, FreeContext>;
 
@@ -37,8 +35,8 @@ std::array<unsigned char, kVersion.size() + kKeyIdSize> associatedData(const Key
 std::string toText(const std::vector<unsigned char>& bytes) {
     std::string text(kVersion.size() + base64Size(bytes.size()), '\0');
     kVersion.copy(text.data(), kVersion.size());
-    ::EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data() + kVersion.size()), bytes.data(),
-                      static_cast<int>(bytes.size()));
+    openssl().EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data() + kVersion.size()), bytes.data(),
+                              static_cast<int>(bytes.size()));
     return text;
 }
 
@@ -48,13 +46,13 @@ std::string toText(const std::vector<unsigned char>& bytes) {
 bool fromBase64(const std::string& text, std::vector<unsigned char>& bytes) {
     const auto* const base64 = reinterpret_cast<const unsigned char*>(text.data() + kVersion.size());
     const auto size = static_cast<int>(bytes.size());
-    if (::EVP_DecodeBlock(bytes.data(), base64, size / 3 * 4) != size) return false;
+    if (openssl().EVP_DecodeBlock(bytes.data(), base64, size / 3 * 4) != size) return false;
     const std::size_t padding = text.size() - std::min(text.find('='), text.size());
     if (padding > 2) return false;
     bytes.resize(bytes.size() - padding);
     const std::size_t last = 3 - padding;
     std::array<unsigned char, 5> group{};
-    ::EVP_EncodeBlock(group.data(), bytes.data() + bytes.size() - last, static_cast<int>(last));
+    openssl().EVP_EncodeBlock(group.data(), bytes.data() + bytes.size() - last, static_cast<int>(last));
     return std::equal(group.begin(), group.end() - 1, text.end() - 4, text.end(),
                       [](unsigned char one, char other) { return one == static_cast<unsigned char>(other); });
 }
@@ -70,16 +68,18 @@ std::optional<std::string> sealEnvelope(const Key& key, const std::string& plain
     unsigned char* const text = bytes.data() + kTextAt;
     fillRandomly(nonce, kNonceSize);
     const auto data = associatedData(key.id);
-    const Context context(::EVP_CIPHER_CTX_new());
+    const Context context(openssl().EVP_CIPHER_CTX_new());
     int length = 0;
     demand(context != nullptr);
-    demand(::EVP_EncryptInit_ex2(context.get(), sealingCipher(), key.bytes.data(), nonce, nullptr) == 1);
-    demand(::EVP_EncryptUpdate(context.get(), nullptr, &length, data.data(), static_cast<int>(data.size())) == 1);
-    demand(::EVP_EncryptUpdate(context.get(), text, &length, reinterpret_cast<const unsigned char*>(plain.data()),
-                               static_cast<int>(plain.size())) == 1);
-    demand(::EVP_EncryptFinal_ex(context.get(), text + plain.size(), &length) == 1);
-    demand(::EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_AEAD_GET_TAG, static_cast<int>(kTagSize),
-                                 text + plain.size()) == 1);
+    demand(openssl().EVP_EncryptInit_ex2(context.get(), sealingCipher(), key.bytes.data(), nonce, nullptr) == 1);
+    demand(openssl().EVP_EncryptUpdate(context.get(), nullptr, &length, data.data(), static_cast<int>(data.size())) ==
+           1);
+    demand(openssl().EVP_EncryptUpdate(context.get(), text, &length,
+                                       reinterpret_cast<const unsigned char*>(plain.data()),
+                                       static_cast<int>(plain.size())) == 1);
+    demand(openssl().EVP_EncryptFinal_ex(context.get(), text + plain.size(), &length) == 1);
+    demand(openssl().EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_AEAD_GET_TAG, static_cast<int>(kTagSize),
+                                         text + plain.size()) == 1);
     return toText(bytes);
 }
 
@@ -103,16 +103,18 @@ std::optional<std::string> openEnvelope(const Key& key, const Envelope& envelope
     std::array<unsigned char, kTagSize> tag{};
     std::copy_n(text + plain.size(), tag.size(), tag.begin());
     const auto data = associatedData(envelope.keyId);
-    const Context context(::EVP_CIPHER_CTX_new());
+    const Context context(openssl().EVP_CIPHER_CTX_new());
     int length = 0;
     demand(context != nullptr);
-    demand(::EVP_DecryptInit_ex2(context.get(), sealingCipher(), key.bytes.data(), nonce, nullptr) == 1);
-    demand(::EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_AEAD_SET_TAG, static_cast<int>(tag.size()), tag.data()) == 1);
-    demand(::EVP_DecryptUpdate(context.get(), nullptr, &length, data.data(), static_cast<int>(data.size())) == 1);
-    demand(::EVP_DecryptUpdate(context.get(), out, &length, text, static_cast<int>(plain.size())) == 1);
-    if (::EVP_DecryptFinal_ex(context.get(), out + plain.size(), &length) == 1) return plain;
+    demand(openssl().EVP_DecryptInit_ex2(context.get(), sealingCipher(), key.bytes.data(), nonce, nullptr) == 1);
+    demand(openssl().EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_AEAD_SET_TAG, static_cast<int>(tag.size()),
+                                         tag.data()) == 1);
+    demand(openssl().EVP_DecryptUpdate(context.get(), nullptr, &length, data.data(), static_cast<int>(data.size())) ==
+           1);
+    demand(openssl().EVP_DecryptUpdate(context.get(), out, &length, text, static_cast<int>(plain.size())) == 1);
+    if (openssl().EVP_DecryptFinal_ex(context.get(), out + plain.size(), &length) == 1) return plain;
     // The tag does not fit: what stands there was decrypted but is not what was sealed.
-    ::OPENSSL_cleanse(plain.data(), plain.size());
+    openssl().OPENSSL_cleanse(plain.data(), plain.size());
     return std::nullopt;
 }
 

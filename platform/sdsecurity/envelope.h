@@ -17,7 +17,7 @@ struct Envelope {
     std::vector<unsigned char> bytes;  // everything that the base64 holds
 };
 
-// Sealing and opening throw CryptoFailure.
+// All throw CryptoFailure.
 
 // Returns nothing where `plain` is too long.
 std::optional<std::string> sealEnvelope(const Key& key, const std::string& plain);

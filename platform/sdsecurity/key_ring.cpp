@@ -1,7 +1,5 @@
 #include "platform/sdsecurity/key_ring.h"
 
-#include <openssl/evp.h>
-
 #include <algorithm>
 
 #include "platform/sdsecurity/crypto.h"
@@ -40,7 +38,8 @@ KeyId idOf(const SecretBytes& key) {
     SecretBytes labelled(kIdLabel.begin(), kIdLabel.end());
     labelled.insert(labelled.end(), key.begin(), key.end());
     std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
-    demand(::EVP_Digest(labelled.data(), labelled.size(), digest.data(), nullptr, ::EVP_sha256(), nullptr) == 1);
+    demand(openssl().EVP_Digest(labelled.data(), labelled.size(), digest.data(), nullptr, openssl().EVP_sha256(),
+                                nullptr) == 1);
     KeyId id{};
     std::copy_n(digest.begin(), id.size(), id.begin());
     return id;

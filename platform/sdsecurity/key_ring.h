@@ -1,10 +1,9 @@
 // Keys, the ring that holds them, and the ring's text.
 #pragma once
 
-#include <openssl/crypto.h>
-
 #include <array>
 #include <cstddef>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <string>
@@ -22,7 +21,7 @@ struct WipingAllocator {
     WipingAllocator(const WipingAllocator<U>& /*other*/) {}
     T* allocate(std::size_t count) { return std::allocator<T>().allocate(count); }
     void deallocate(T* first, std::size_t count) {
-        ::OPENSSL_cleanse(first, count * sizeof(T));
+        ::explicit_bzero(first, count * sizeof(T));
         std::allocator<T>().deallocate(first, count);
     }
     friend bool operator==(const WipingAllocator& /*a*/, const WipingAllocator& /*b*/) { return true; }

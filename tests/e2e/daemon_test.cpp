@@ -159,6 +159,11 @@ TEST_F(DaemonTest, RefusesWhatItCannotServe) {
         const ScopedEnv withoutCiphers("OPENSSL_CONF", path("openssl.cnf").c_str());
         expectRefusal("nothing can be sealed or opened: OpenSSL failed");
     }
+    writeFile(path(OPENSSL_SONAME), "no library");
+    {
+        const ScopedEnv withoutOpenSsl("LD_LIBRARY_PATH", path("").c_str());
+        expectRefusal("nothing can be sealed or opened: " + path(OPENSSL_SONAME) + ": file too short");
+    }
     expectRefusal(path("constants") + " is not a folder", {"--data-dir", path("constants")});
     writeFile(path("constants"), "# names\nname=value\nnonsense\n");
     expectRefusal(path("constants") + ":3: expected a line of the form name=value", {"--constants", path("constants")},
