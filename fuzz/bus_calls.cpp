@@ -4,6 +4,7 @@
 #include <array>
 #include <set>
 
+#include "base/text.h"
 #include "fuzz/served.h"
 #include "platform/sdbus/names.h"
 #include "platform/sdbus/utf8.h"

@@ -5,10 +5,10 @@
 #include <optional>
 #include <stdexcept>
 
+#include "base/text.h"
 #include "fuzz/support.h"
 #include "libsdconfig/sdconfig.h"
 #include "platform/sdsecurity/sdsecurity.h"
-#include "src/sdconfig_helpers.h"
 #include "src/sdconfig_impl_policy.h"
 #include "src/sdconfig_key_value_table.h"
 

@@ -1,7 +1,9 @@
 // Where the data lies.
-#include <QCoreApplication>
-#include <QString>
+#include <cstddef>
+#include <utility>
 
+#include "base/standard_folders.h"
+#include "base/text.h"
 #include "libsdconfig/data_path.h"
 #include "libsdconfig/sdconfig.h"
 #include "platform/velmarlog/log_line.h"
@@ -15,12 +17,16 @@ constexpr char kSource[] = "sdconfig_sdbus";
 
 constexpr char kFallbackHome[] = "~";
 
-std::string applicationHomePath(const StandardLocations& locations) {
-    const QStringList entries = locations(QStandardPaths::HomeLocation);
-    for (int i = 0; i < entries.size(); ++i) {
-        std::string home = entries[i].toUtf8().toStdString();
-        LOG(5, AT "home[%d]=%s", HERE_AT(161), i, home.c_str());
-        if (!home.empty()) return home;
+StandardFolders ownFolders() {
+    const FolderVariables variables = ownFolderVariables();
+    const std::string application = programName();
+    return {dataFolders(variables, application), {homeFolder(variables)}, application};
+}
+
+std::string applicationHomePath(const std::vector<std::string>& folders) {
+    for (std::size_t i = 0; i < folders.size(); ++i) {
+        LOG(5, AT "home[%d]=%s", HERE_AT(161), static_cast<int>(i), folders[i].c_str());
+        if (!folders[i].empty()) return folders[i];
     }
     LOG(5, AT "using fallback home=%s", HERE_AT(168), kFallbackHome);
     return kFallbackHome;
@@ -28,21 +34,19 @@ std::string applicationHomePath(const StandardLocations& locations) {
 
 }  // namespace
 
-std::string applicationDataPath(const StandardLocations& locations) {
-    const QStringList entries = locations(QStandardPaths::AppDataLocation);
-    for (int i = 0; i < entries.size(); ++i) {
-        std::string data = entries[i].toUtf8().toStdString();
-        LOG(5, AT "data[%d]=%s", HERE_AT(185), i, data.c_str());
-        if (!data.empty()) return data;
+std::string applicationDataPath(const StandardFolders& folders) {
+    for (std::size_t i = 0; i < folders.data.size(); ++i) {
+        LOG(5, AT "data[%d]=%s", HERE_AT(185), static_cast<int>(i), folders.data[i].c_str());
+        if (!folders.data[i].empty()) return folders.data[i];
     }
-    std::string home = applicationHomePath(locations);
+    std::string home = applicationHomePath(folders.home);
     if (home.empty()) home = kFallbackHome;
-    std::string data = home + "/" + QCoreApplication::applicationName().toUtf8().toStdString();
+    const std::string data = home + "/" + folders.application;
     LOG(5, AT "using fallback data=%s", HERE_AT(197), data.c_str());
     return data;
 }
 
-std::string SDConfig::dataPath = applicationDataPath(&QStandardPaths::standardLocations);
+std::string SDConfig::dataPath = applicationDataPath(ownFolders());
 std::string SDConfig::velmarDataPath;
 
 bool SDConfig::setDataPath(std::string path) {
@@ -56,7 +60,7 @@ std::string SDConfig::getDataPath() {
 }
 
 std::string SDConfig::getDataPathUtf8() {
-    return QString::fromLocal8Bit(dataPath.c_str()).toUtf8().toStdString();
+    return localToUtf8(dataPath);
 }
 
 bool SDConfig::setVelmarDataPath(std::string path) {

@@ -1,14 +1,8 @@
 #include "src/sdconfig_helpers.h"
 
-#include <QString>
-
 #include "platform/sdsecurity/sdsecurity.h"
 
 namespace sd {
-
-std::string latin1ToUtf8(const std::string& bytes) {
-    return QString::fromLatin1(bytes.c_str()).toUtf8().toStdString();
-}
 
 std::optional<std::string> sealedText(const std::string& utf8Text) {
     if (utf8Text.empty()) return "";

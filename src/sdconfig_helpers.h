@@ -34,9 +34,6 @@ inline const char* keepingProblem(const std::string& key, const std::string& val
     return std::strlen(value.c_str()) > kValueBytesMax ? "has a value longer than 16 MiB" : nullptr;
 }
 
-// Reads the bytes up to the first zero byte as Latin-1 and returns them as UTF-8.
-std::string latin1ToUtf8(const std::string& bytes);
-
 // What is stored of a text: its envelope, "" for an empty one; nothing when the security layer could not seal it.
 std::optional<std::string> sealedText(const std::string& utf8Text);
 

@@ -4,6 +4,7 @@
 #include <array>
 #include <vector>
 
+#include "base/text.h"
 #include "libsdconfig/sdconfig.h"
 #include "libsdconfig/sdconfig_types.h"
 #include "platform/sdsecurity/sdsecurity.h"

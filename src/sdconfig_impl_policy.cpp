@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "base/text.h"
 #include "libsdconfig/sdconfig.h"
 #include "platform/sdsecurity/sdsecurity.h"
 #include "platform/velmarlog/log_line.h"

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <QTextCodec>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -246,7 +245,6 @@ int main(int argc, char** argv) {
     pthread_sigmask(SIG_BLOCK, &endSignals, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
     ::umask(0077);  // nothing that the service makes is anybody else's business
-    QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));  // paths are bytes, whatever the locale
 
     Options options;
     options.dataDir = apps::defaultDataFolder();

@@ -2,11 +2,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <QCoreApplication>
 #include <chrono>
 #include <functional>
 #include <future>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "libsdconfig/data_path.h"
 #include "libsdconfig/lockscreen_entries.h"
@@ -182,12 +183,8 @@ TEST_F(ClientTest, FailuresLookAlikeAndAreLoggedOnce) {
 
 TEST(DataPathTest, TheFirstFolderThatIsNotEmpty) {
     test::LogCapture log;
-    QCoreApplication::setApplicationName("app");
-    const auto path = [](QStringList data, QStringList home) {
-        return applicationDataPath([=](QStandardPaths::StandardLocation location) {
-            return location == QStandardPaths::AppDataLocation ? data : home;
-        });
-    };
+    using Folders = std::vector<std::string>;
+    const auto path = [](const Folders& data, const Folders& home) { return applicationDataPath({data, home, "app"}); };
     EXPECT_EQ(path({"", "/data"}, {"/home"}), "/data");
     EXPECT_TRUE(log.has("sdconfig_sdbus applicationDataPath(185): data[1]=/data", 5) && !log.has("home["));
     EXPECT_EQ(path({""}, {"", "/home"}), "/home/app");
@@ -195,7 +192,6 @@ TEST(DataPathTest, TheFirstFolderThatIsNotEmpty) {
     EXPECT_EQ(path({}, {}), "~/app");
     EXPECT_TRUE(log.has("applicationHomePath(168): using fallback home=~", 5));
     EXPECT_TRUE(log.has("applicationDataPath(197): using fallback data=~/app", 5));
-    QCoreApplication::setApplicationName("");
 
     const std::string old = SDConfig::getDataPath();
     EXPECT_TRUE(SDConfig::setDataPath("/new"));
