@@ -47,3 +47,29 @@ function(sd_test name)
     endif()
     gtest_discover_tests(${name} PROPERTIES TIMEOUT ${TEST_TIMEOUT} DISCOVERY_TIMEOUT 60)
 endfunction()
+
+# A room of the programs: a static library of a folder in apps/, named by it. It includes what it may know and nothing
+# else, or the build stops.
+# SOURCES its files; ROOMS the rooms of apps/ that it may know; LIBRARY the folders of the library that it may know;
+# LINKS what its users link, too; USES the libraries that they never meet.
+function(sd_app_room folder)
+    cmake_parse_arguments(ROOM "" "" "SOURCES;ROOMS;LIBRARY;LINKS;USES" ${ARGN})
+    string(REPLACE "/" "_" name ${folder})
+    list(TRANSFORM ROOM_ROOMS PREPEND apps/ OUTPUT_VARIABLE known)
+    list(APPEND known apps/${folder} ${ROOM_LIBRARY})
+    set(targets ${ROOM_ROOMS})
+    list(TRANSFORM targets REPLACE "/" "_")
+    list(TRANSFORM targets PREPEND sd_app_)
+    list(TRANSFORM ROOM_SOURCES PREPEND ${PROJECT_SOURCE_DIR}/apps/${folder}/)
+    file(GLOB headers CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/apps/${folder}/*.h)
+
+    set(checked ${CMAKE_CURRENT_BINARY_DIR}/${name}.includes)
+    add_custom_command(OUTPUT ${checked}
+        COMMAND ${CMAKE_COMMAND} "-DFILES=${ROOM_SOURCES};${headers}" "-DKNOWN=${known}" -DSTAMP=${checked}
+            -P ${PROJECT_SOURCE_DIR}/cmake/check_includes.cmake
+        DEPENDS ${ROOM_SOURCES} ${headers} ${PROJECT_SOURCE_DIR}/cmake/check_includes.cmake VERBATIM)
+    add_library(sd_app_${name} STATIC ${ROOM_SOURCES} ${checked})
+    set_target_properties(sd_app_${name} PROPERTIES LINKER_LANGUAGE CXX)
+    target_include_directories(sd_app_${name} PUBLIC ${PROJECT_SOURCE_DIR})
+    target_link_libraries(sd_app_${name} PUBLIC ${targets} ${ROOM_LINKS} PRIVATE ${ROOM_USES} sd_warnings)
+endfunction()

@@ -1,13 +1,13 @@
 // The policy file of the command line: hostile texts, and that what is exported can be imported.
-#include "apps/sdconfig/policy_file.h"
+#include "apps/sdconfig/policy/policy_file.h"
 
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <algorithm>
 #include <set>
 
-#include "apps/sdconfig/letter_case.h"
-#include "apps/sdconfig/policy_value.h"
+#include "apps/sdconfig/request/letter_case.h"
+#include "apps/sdconfig/policy/policy_value.h"
 #include "fuzz/support.h"
 
 namespace {

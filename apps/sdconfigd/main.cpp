@@ -14,15 +14,15 @@
 #include <map>
 #include <string>
 
-#include "apps/common/data_check.h"
-#include "apps/common/data_folder.h"
-#include "apps/common/data_folder_lock.h"
-#include "apps/common/database_check.h"
 #include "apps/common/escaped.h"
-#include "apps/common/served_folder.h"
 #include "apps/common/smallest_call.h"
-#include "apps/common/upgrader.h"
 #include "apps/common/usage.h"
+#include "apps/data/data_check.h"
+#include "apps/data/data_folder.h"
+#include "apps/data/data_folder_lock.h"
+#include "apps/data/database_check.h"
+#include "apps/data/served_folder.h"
+#include "apps/data/upgrader.h"
 #include "apps/sdconfigd/constants_file.h"
 #include "apps/sdconfigd/preflight.h"
 #include "libsdconfig/sdconfig.h"

@@ -9,8 +9,8 @@
 #include <utility>
 #include <vector>
 
-#include "apps/common/database_check.h"
-#include "apps/common/sqlite_handles.h"
+#include "apps/data/database_check.h"
+#include "apps/data/sqlite_handles.h"
 #include "platform/sdsecurity/sdsecurity.h"
 
 namespace {

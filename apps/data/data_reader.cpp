@@ -1,0 +1,86 @@
+#include "apps/data/data_reader.h"
+
+#include <charconv>
+#include <filesystem>
+
+#include "libsdconfig/sdconfig_text.h"
+#include "libsdconfig/sdconfig_types.h"
+#include "platform/sdsecurity/sdsecurity.h"
+#include "src/sdconfig_policy_text.h"
+
+namespace apps {
+
+namespace {
+
+bool isThere(const std::string& path) {
+    std::error_code failure;
+    return std::filesystem::exists(path, failure) || (failure && failure != std::errc::no_such_file_or_directory);
+}
+
+std::optional<int> decimal(const std::string& text) {
+    int number = 0;
+    const char* const end = text.data() + text.size();
+    const auto [stop, failure] = std::from_chars(text.data(), end, number);
+    if (failure != std::errc() || stop != end || number < 0) return std::nullopt;
+    return number;
+}
+
+}  // namespace
+
+DataReader::DataReader(const std::string& folder) : mFolder(folder) {
+    sd::SDSecurity::GetInstance()->SetKeyRingFolder(folder);
+}
+
+std::string DataReader::rowsOf(const DatabaseLayout& layout, const std::optional<std::string>& key,
+                               std::vector<Row>& rows) const {
+    const std::string path = mFolder + "/" + layout.file;
+    const std::string table = layout.sealedTable;
+    rows.clear();
+    if (mMissingIsEmpty && !isThere(path) && (hasSecure() || hasPolicies())) return "";
+    Tables tables = readTables(path, {table}, key);
+    if (!tables.problem.empty()) return tables.problem;
+    const auto found = tables.rows.find(table);
+    if (found == tables.rows.end()) return path + " lacks its table " + table;
+    rows = std::move(found->second);
+    return "";
+}
+
+std::string DataReader::secureRows(std::vector<Row>& rows, const std::optional<std::string>& key) const {
+    return rowsOf(kSecureLayout, key, rows);
+}
+
+std::string DataReader::policyRows(std::vector<Row>& rows, const std::optional<std::string>& key) const {
+    return rowsOf(kPolicyLayout, key, rows);
+}
+
+bool DataReader::hasSecure() const {
+    return isThere(mFolder + "/" + kSecureLayout.file);
+}
+
+bool DataReader::hasPolicies() const {
+    return isThere(mFolder + "/" + kPolicyLayout.file);
+}
+
+std::optional<std::string> DataReader::secureValue(const Row& row) {
+    if (row.value.empty()) return "";
+    const std::string value = sd::SDSecurity::GetInstance()->FastDecrypt(row.value);
+    if (value.empty()) return std::nullopt;
+    return sd::textAsSet(value);
+}
+
+std::optional<Policy> DataReader::policy(const Row& row) {
+    const std::string text = sd::SDSecurity::GetInstance()->FastDecrypt(row.value);
+    if (text.empty()) return std::nullopt;
+    const auto [value, priorityText] = sd::splitPolicyText(text);
+    const std::optional<int> priority = decimal(priorityText);
+    if (!priority) return std::nullopt;
+    return Policy{value == sd::kNullValue ? "" : sd::textAsSet(value), *priority};
+}
+
+std::string DataReader::ringProblem() {
+    const auto ring = sd::SDSecurity::GetInstance()->CheckKeyRing();
+    const bool usable = ring.state == sd::SDSecurity::KeyRingState::Usable;
+    return usable ? "" : "the key ring can't be used: " + ring.detail;
+}
+
+}  // namespace apps

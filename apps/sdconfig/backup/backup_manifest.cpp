@@ -1,0 +1,75 @@
+#include "apps/sdconfig/backup/backup_manifest.h"
+
+#include <sstream>
+
+#include "apps/data/data_files.h"
+#include "apps/sdconfig/backup/hex.h"
+
+namespace cli {
+
+namespace {
+
+constexpr std::string_view kFirstLine = "sdconfig-backup 1\n";
+constexpr std::string_view kSum = "sum ";
+constexpr std::size_t kDigestDigits = 64;
+
+std::string ringLine(const SealedRing& ring) {
+    std::ostringstream line;
+    line << "keys scrypt " << ring.cost << ' ' << SealedRing::kBlockSize << ' ' << SealedRing::kParallel << ' '
+         << toHex(ring.salt) << ' ' << toHex(ring.nonce) << ' ' << toHex(ring.bytes) << '\n';
+    return line.str();
+}
+
+// The words are taken as they come: what they should be is told by writing them again.
+std::optional<SealedRing> readRing(std::istream& line) {
+    SealedRing ring;
+    std::string word;
+    std::string salt;
+    std::string nonce;
+    std::string bytes;
+    if (!(line >> ring.cost >> word >> word >> salt >> nonce >> bytes)) return std::nullopt;
+    ring.salt = fromHex(salt);
+    ring.nonce = fromHex(nonce);
+    ring.bytes = fromHex(bytes);
+    const bool fits = ring.cost >= SealedRing::kLeastCost && ring.cost <= SealedRing::kMostCost &&
+                      ring.salt.size() == SealedRing::kSaltBytes && ring.nonce.size() == SealedRing::kNonceBytes &&
+                      ring.bytes.size() > SealedRing::kTagBytes;
+    return fits ? std::optional(ring) : std::nullopt;
+}
+
+}  // namespace
+
+std::string contextOf(const BackupManifest& manifest) {
+    std::ostringstream text;
+    text << kFirstLine;
+    for (std::size_t i = 0; i < apps::kLayouts.size(); ++i)
+        text << "database " << apps::kLayouts[i]->file << ' ' << manifest.databases[i].size << ' '
+             << manifest.databases[i].digest << '\n';
+    return text.str();
+}
+
+std::string formatManifest(const BackupManifest& manifest) {
+    const std::string text = contextOf(manifest) + (manifest.ring ? ringLine(*manifest.ring) : "keys none\n");
+    return text + std::string(kSum) + digestOf(text) + "\n";
+}
+
+std::optional<BackupManifest> parseManifest(std::string_view text, std::size_t& length) {
+    const std::size_t sum = text.substr(0, kMaxManifest).find("\n" + std::string(kSum));
+    if (sum == std::string_view::npos) return std::nullopt;
+    length = sum + 1 + kSum.size() + kDigestDigits + 1;
+    std::istringstream words{std::string(text.substr(0, sum))};
+    std::string word;
+    words >> word >> word;
+    BackupManifest manifest;
+    for (std::size_t i = 0; i < apps::kLayouts.size(); ++i) {
+        BackupManifest::Database database{};
+        words >> word >> word >> database.size >> database.digest;
+        manifest.databases.push_back(database);
+    }
+    words >> word >> word;
+    if (word != "none" && !(manifest.ring = readRing(words))) return std::nullopt;
+    if (formatManifest(manifest) != text.substr(0, length)) return std::nullopt;
+    return manifest;
+}
+
+}  // namespace cli

@@ -1,0 +1,35 @@
+// The first lines of a backup: what follows them, and the key ring. docs/security.md has the format.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "apps/sdconfig/backup/backup_seal.h"
+
+namespace cli {
+
+struct BackupManifest {
+    struct Database {
+        std::uint64_t size;
+        std::string digest;  // in hexadecimal
+    };
+    std::vector<Database> databases;  // one for each of apps::kLayouts, in that order
+    std::optional<SealedRing> ring;
+};
+
+// The bound of a manifest: a key ring has 16 KiB at most.
+inline constexpr std::size_t kMaxManifest = std::size_t{64} << 10;
+
+// What a sealed ring is bound to: everything but itself.
+std::string contextOf(const BackupManifest& manifest);
+
+std::string formatManifest(const BackupManifest& manifest);
+
+// Reads a manifest at the beginning of `text`, of which `length` bytes are it then. Any bytes are safe. Returns nothing
+// where it is not exactly what formatManifest makes.
+std::optional<BackupManifest> parseManifest(std::string_view text, std::size_t& length);
+
+}  // namespace cli

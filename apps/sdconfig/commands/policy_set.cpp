@@ -1,0 +1,46 @@
+// policy set: a policy of a key.
+#include "apps/sdconfig/commands/commands.h"
+#include "apps/sdconfig/policy/change_output.h"
+#include "apps/sdconfig/policy/effective.h"
+#include "apps/sdconfig/policy/policy_value.h"
+#include "apps/sdconfig/policy/property_clash.h"
+#include "apps/sdconfig/service/service.h"
+#include "apps/sdconfig/terminal/messages.h"
+#include "apps/sdconfig/terminal/output.h"
+#include "libsdconfig/dmconfig.h"
+
+namespace cli {
+
+namespace {
+
+sd::DMConfig& policies() {
+    return *sd::DMConfig::GetInstance();
+}
+
+// What comes back instead of a policy is local.
+void noteWhereHidden(const Request& request, int priority) {
+    const Effective now = answered(policies().GetPolicyWithUri(request.key));
+    if (now.value != request.value || now.priority != priority) noteHidden(request.key, !now.value.empty());
+}
+
+}  // namespace
+
+int setPolicy(const Request& request, Service& service) {
+    const auto priority = parsePriority(request.priority);
+    if (!priority)
+        return unfitPolicy(request, {"PRIORITY has to be a whole number from 0 to 127",
+                                     "above 5 it overrides whatever is set locally, from 0 to 5 it is a default"});
+    if (const std::string unfit = unfitPolicyValue(request.value); !unfit.empty())
+        return unfitPolicy(request, {"VALUE " + unfit, "give another value, or \"\" for none"});
+    if (const int code = service.require()) return code;
+    const bool onlyProperty = isOnlyProperty(request.key, answered(policies().GetPolicyWithUri(request.key)));
+    const auto [done, code] = service.call("SetPolicyWithUri key", request.key, [&, p = *priority] {
+        return policies().SetPolicyWithUri(request.key, {{request.value, p}});
+    });
+    if (code) return code;
+    if (done && onlyProperty) noteProperty(request.key);
+    if (done) noteWhereHidden(request, *priority);
+    return printPolicyChange(request, uriObject(request), done);
+}
+
+}  // namespace cli

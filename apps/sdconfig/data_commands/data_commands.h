@@ -1,0 +1,24 @@
+// The commands that look into the data folder, a file and a function each: it does what the request asks, prints, and
+// returns the exit code.
+#pragma once
+
+#include "apps/sdconfig/request/request.h"
+
+namespace cli {
+
+class Service;
+
+int deleteSecure(const Request& request, Service& service);
+int listPolicies(const Request& request, Service& service);
+int exportPolicies(const Request& request, Service& service);
+int applyPolicies(const Request& request, Service& service);
+int explainKey(const Request& request, Service& service);
+int watchKeys(const Request& request, Service& service);
+int listKeys(const Request& request, Service& service);
+int upgradeDatabase(const Request& request, Service& service);
+int checkFolder(const Request& request, Service& service);
+int diagnoseService(const Request& request, Service& service);
+int backupData(const Request& request, Service& service);
+int restoreData(const Request& request, Service& service);
+
+}  // namespace cli

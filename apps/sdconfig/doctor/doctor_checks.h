@@ -1,0 +1,41 @@
+// What "doctor" looks at, an area a file. Nothing is created or changed, and no value is told.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "apps/sdconfig/reading/data_access.h"
+
+namespace cli {
+
+class Service;
+struct Probe;
+
+// What has to be mended first, since no service can be reached or started before, and what starting one mends.
+enum class Turn { Any, First, Last };
+
+struct Check {
+    std::string name;  // what was looked at
+    std::string what;  // what was seen
+    std::string next;  // what to do about it; "": it is as it should be
+    Turn turn = Turn::Any;
+
+    bool ok() const { return next.empty(); }
+};
+
+using Checks = std::vector<Check>;
+
+// doctor_bus.cpp: where the service is looked for, and whether it is there.
+Checks checkBus(const Service& service, const Probe& probe);
+
+// doctor_processes.cpp: what the service runs on, beside this program.
+Check checkVersions(const Service& service);
+Check checkEnvironment(const Service& service);
+
+// doctor_units.cpp: what systemd makes of the service. served: whether there is one.
+Check checkUnits(bool served);
+
+// doctor_data.cpp: the folder, its key ring, and the room that is left.
+Checks checkDataFolder(const DataAccess& access);
+
+}  // namespace cli

@@ -1,0 +1,387 @@
+#include "apps/sdconfig/line/command_table.h"
+
+#include <filesystem>
+
+#include "apps/common/usage.h"
+#include "apps/sdconfig/terminal/messages.h"
+#include "src/sdconfig_helpers.h"
+
+namespace cli {
+
+namespace {
+
+using FileType = std::filesystem::file_type;
+
+// What is not there, or is something else.
+std::string notOfType(FileType wanted, const std::string& path) {
+    if (path.empty()) return apps::notEmpty(path);
+    std::error_code failure;
+    const FileType found = std::filesystem::status(path, failure).type();
+    const bool isFolder = wanted == FileType::directory;
+    if (found == wanted) return "";
+    if (found == FileType::not_found) return (isFolder ? "there is no folder " : "there is no file ") + quoted(path);
+    if (found == FileType::none) return quoted(path) + ": " + failure.message();
+    return quoted(path) + (isFolder ? " is no folder" : " is no regular file");
+}
+
+std::string notAFolder(const std::string& path) {
+    return notOfType(FileType::directory, path);
+}
+
+std::string notAFile(const std::string& path) {
+    return notOfType(FileType::regular, path);
+}
+
+std::string tooLong(const std::string& key) {
+    return key.size() > sd::kKeyBytesMax ? "it is longer than 64 KiB, and nothing of such a name is kept" : "";
+}
+
+constexpr Argument checked(Argument argument, std::string (*fault)(const std::string&)) {
+    argument.fault = fault;
+    return argument;
+}
+
+constexpr Argument kKey = checked({"KEY", "The key, never empty", &Request::key}, tooLong);
+constexpr Argument kName{"NAME", "The constant's name", &Request::key};
+constexpr Argument kValue{"VALUE", "The value; \"\" for an empty one", &Request::value, nullptr, true};
+constexpr Argument kSecret{"VALUE",
+                           "The value; left out, or -, it is read from standard input",
+                           &Request::value,
+                           &Request::valueGiven,
+                           true,
+                           nullptr,
+                           nullptr,
+                           &Request::valueFromInput};
+constexpr Argument kText{"TEXT", "The content", &Request::text, nullptr, true};
+constexpr Argument kSignature{"SIGNATURE", "What \"sign\" printed for it", &Request::signature, nullptr, true};
+
+constexpr Flag kLocal{"--local", "Read the build.prop files in this process, without the service", &Request::local};
+constexpr Flag kShow{"--show", "Show values, which can be secrets", &Request::show};
+constexpr Flag kShowChanges{"--show", "With --dry-run: show values, which can be secrets", &Request::show, "--dry-run"};
+constexpr Flag kYes{"--yes", "Don't ask", &Request::yes};
+constexpr Flag kPrune{"--prune", "Delete the policies that FILE doesn't name; asks first", &Request::prune};
+constexpr Flag kYesPrune{"--yes", "With --prune: don't ask", &Request::yes, "--prune"};
+constexpr Flag kDryRun{"--dry-run", "Send nothing; print what would change, and why", &Request::dryRun};
+constexpr ValueOption kProductDir{"--product-dir",
+                                  "DIR",
+                                  "With --local: the product's data folder; DIR/../etc/build.prop is read",
+                                  "--local",
+                                  &Request::productDir,
+                                  notAFolder};
+constexpr ValueOption kProductFiles{
+    "--product-dir",
+    "DIR",
+    "The product's data folder, whose ../etc/build.prop is read; left out, it is the one "
+    "that the running service was told",
+    "",
+    &Request::productDir,
+    notAFolder};
+constexpr char kWhichFolder[] =
+    "The service's data folder; left out, it is where the running service has its data, else the one that sdconfigd "
+    "takes";
+constexpr ValueOption kDataDir{"--data-dir", "DIR", kWhichFolder, "", &Request::dataDir, notAFolder};
+constexpr ValueOption kExecute{
+    "--exec",          "CMD",         "Run \"sh -c CMD\" for each change, with SDCONFIG_KEY and SDCONFIG_VALUE set", "",
+    &Request::execute, apps::notEmpty};
+
+constexpr Argument kUri =
+    checked({"URI", "The configuration key that the policy governs, never empty", &Request::key}, tooLong);
+constexpr Argument kPriority{"PRIORITY", "0 to 127; above 5 it overrides the local secure value", &Request::priority};
+constexpr Argument kWrittenFile{"FILE", "Takes the policies in the place of what it held; - is standard output",
+                                &Request::file};
+constexpr Argument kReadFile{"FILE", "A file of policies; - is standard input", &Request::file};
+constexpr Argument kKeys = checked({"KEY", "The keys, 122 at most; \"a.b.*\" is all that begin with \"a.b.\"", nullptr,
+                                    nullptr, false, &Request::keys},
+                                   tooLong);
+constexpr Argument kSomeKeys = checked({"KEY", "The keys", nullptr, nullptr, false, &Request::keys}, tooLong);
+constexpr Argument kProperties =
+    checked({"KEY", "The keys; \"a.b.*\" is all that begin with \"a.b.\"; left out, all that can be listed", nullptr,
+             &Request::keysGiven, false, &Request::keys},
+            tooLong);
+constexpr Argument kListed = checked({"KEY", "Of these alone; \"a.b.*\" is all that begin with \"a.b.\"", nullptr,
+                                      &Request::keysGiven, false, &Request::keys},
+                                     tooLong);
+constexpr Argument kPairs = checked(
+    {"KEY=VARIABLE", "A key, and the variable that gets its value", nullptr, nullptr, false, &Request::pairs}, tooLong);
+constexpr ValueOption kDefault{"--default",
+                               "VALUE",
+                               "Print it instead of what is unset",
+                               "",
+                               &Request::fallback,
+                               nullptr,
+                               &Request::fallbackGiven};
+constexpr Argument kDataOf = checked({"DATA-DIR", kWhichFolder, &Request::key, &Request::keyGiven}, notAFolder);
+constexpr Argument kBackup{"FILE", "The backup", &Request::file};
+constexpr Argument kMadeBackup = checked(kBackup, notAFile);
+constexpr Argument kRestored{"DATA-DIR", "The folder that the data is put into", &Request::key};
+constexpr Argument kDataFolder =
+    checked({"DATA-DIR", "The folder of the database and the key ring", &Request::key}, notAFolder);
+constexpr Flag kReport{"--dry-run", "Change nothing; print what the database holds and what would be copied",
+                       &Request::dryRun};
+constexpr Flag kForce{"--force", "Copy, whatever version the database says it has", &Request::force};
+
+constexpr Flag kOverwrite{"--force", "Put it in the place of a file that is there", &Request::force};
+constexpr Flag kReplace{"--force", "Put it in the place of what is there, which is kept beside it", &Request::force};
+constexpr Flag kLeaveOutKeys{"--without-keys", "Leave the key ring out", &Request::withoutKeys};
+constexpr Flag kIgnoreKeys{"--without-keys", "Leave the backup's key ring out, and restore what no key ring opens, too",
+                           &Request::withoutKeys};
+
+constexpr char kSetSecureNotes[] =
+    "Without VALUE, or where it is \"-\", the value is read from standard input up to its end, less one final "
+    "newline;\n"
+    "at a terminal it is asked for and not shown. A VALUE on the command line is visible to every user of the machine\n"
+    "in the list of processes and stays in the shell's history: prefer standard input. The value \"-\" itself is "
+    "given\n"
+    "as -- -.\n";
+
+constexpr char kExecNotes[] =
+    "Runs the program behind -- with the secure values in its environment, where its user's processes and root can\n"
+    "read them, and in no list of processes. Where a value is missing nothing is run, with exit code 1; else the exit\n"
+    "code is the program's, 126 where it can't be run, or 127 where there is none.\n";
+
+constexpr char kGetNotes[] =
+    "One key's value, else a line KEY=VALUE each. What is missing is told on standard error, with exit code 1. Listed\n"
+    "are the keys of the build.prop files, with the values that the service has now; not those that were set at run\n"
+    "time.\n";
+
+constexpr char kGetSecureNotes[] =
+    "One key's value, else a line KEY=VALUE each. What is missing is told on standard error, with exit code 1.\n";
+
+constexpr char kSetPolicyNotes[] =
+    "A value can't contain \"&&&\", end with \"&\", or be \"null_value\": the store would not give it back.\n";
+
+constexpr char kApplyNotes[] =
+    "FILE holds {\"URI\": {\"value\": \"text\", \"priority\": 7}, ...}. It is checked whole before anything is sent.\n"
+    "With --prune it is the whole truth: once all of it is stored, policies that it doesn't name are deleted.\n";
+
+constexpr char kWatchNotes[] =
+    "A line a change, KEY and value, until it is interrupted. It goes on through restarts of the service. Values are\n"
+    "printed, secrets too. One CMD runs at a time, in the order of the changes, with an empty standard input.\n";
+
+constexpr char kUpgradeNotes[] =
+    "Settings and secure values of version 2 are copied to sealed values; those of the same key are replaced. A copy "
+    "of\n"
+    "the database is kept beside it first.\n";
+
+constexpr char kCheckNotes[] =
+    "A line a finding, with what to do about it. Nothing is created or changed, and the service may run. Exit code 1\n"
+    "where there are findings.\n";
+
+constexpr char kDoctorNotes[] =
+    "A line each for folders, socket, service, versions, environment, units and data: \"ok\" or \"problem\". Nothing "
+    "is\n"
+    "changed; where systemd listens in the service's place, the service is started. Exit code 1 where there are "
+    "problems.\n";
+
+constexpr char kBackupNotes[] =
+    "FILE gets both databases, each as it stood at one moment, and the key ring, sealed under a passphrase: the first\n"
+    "line of standard input; at a terminal it is asked for twice and not shown. The service may run.\n";
+
+constexpr char kRestoreNotes[] =
+    "The backup is checked whole before it takes the place of DATA-DIR. The passphrase is the first line of standard\n"
+    "input; at a terminal it is asked for and not shown. No service may run on DATA-DIR.\n";
+
+}  // namespace
+
+const std::vector<Group>& groups() {
+    static const std::vector<Group> all{
+        {"secure", "Values that are sealed at rest: get, set, delete, exec", "sdconfig secure get mail.password"},
+        {"policy", "Policies: set, get, delete, list, strong, clear, export, apply", "sdconfig policy list"},
+    };
+    return all;
+}
+
+const std::vector<Command>& commands() {
+    static const std::vector<Command> all{
+        {"",
+         "get",
+         "Prints properties",
+         "sdconfig get sd.ui.theme",
+         {kProperties},
+         {kLocal},
+         {kProductDir, kDefault},
+         kGetNotes},
+        {"",
+         "set",
+         "Sets a property, until the service stops",
+         "sdconfig set sd.ui.theme dark",
+         {kKey, kValue},
+         {},
+         {}},
+        {"", "delete", "Deletes a property", "sdconfig delete sd.ui.theme", {kKey}, {}, {}},
+        {"secure",
+         "get",
+         "Prints secure values",
+         "sdconfig secure get mail.password",
+         {kSomeKeys},
+         {},
+         {kDefault},
+         kGetSecureNotes},
+        {"secure",
+         "set",
+         "Stores a secure value",
+         "pass show mail | sdconfig secure set mail.password",
+         {kKey, kSecret},
+         {},
+         {},
+         kSetSecureNotes},
+        {"secure",
+         "delete",
+         "Deletes a secure value; one that isn't there is no error",
+         "sdconfig secure delete mail.password",
+         {kKey},
+         {},
+         {}},
+        {"secure",
+         "exec",
+         "Runs a program with secure values in its environment",
+         "sdconfig secure exec mail.password=PASSWORD -- fetchmail",
+         {kPairs},
+         {},
+         {},
+         kExecNotes},
+        {"policy",
+         "set",
+         "Sets a policy",
+         "sdconfig policy set wlan.enabled off 6",
+         {kUri, kValue, kPriority},
+         {},
+         {},
+         kSetPolicyNotes},
+        {"policy",
+         "get",
+         "Prints the value in force: the policy's or the local one",
+         "sdconfig policy get wlan.enabled",
+         {kUri},
+         {},
+         {}},
+        {"policy",
+         "delete",
+         "Deletes a policy; one that isn't there is no error",
+         "sdconfig policy delete wlan.enabled",
+         {kUri},
+         {},
+         {}},
+        {"policy",
+         "list",
+         "Prints the stored policies: URI, priority, value, and whether it is in force",
+         "sdconfig policy list --json",
+         {},
+         {},
+         {kDataDir}},
+        {"policy",
+         "strong",
+         "Tells whether a policy overrides the local value",
+         "sdconfig policy strong wlan.enabled",
+         {kUri},
+         {},
+         {}},
+        {"policy", "clear", "Deletes all policies", "sdconfig policy clear --yes", {}, {kYes}, {}},
+        {"policy",
+         "export",
+         "Writes the stored policies to a file",
+         "sdconfig policy export fleet.json",
+         {kWrittenFile},
+         {},
+         {kDataDir}},
+        {"policy",
+         "apply",
+         "Sets the policies of a file",
+         "sdconfig policy apply fleet.json --dry-run",
+         {kReadFile},
+         {kDryRun, kShowChanges, kPrune, kYesPrune},
+         {kDataDir},
+         kApplyNotes},
+        {"",
+         "explain",
+         "Tells where a key's value comes from",
+         "sdconfig explain wlan.enabled --show",
+         {kKey},
+         {kShow},
+         {kDataDir, kProductFiles}},
+        {"",
+         "watch",
+         "Prints changes of keys as they happen",
+         "sdconfig watch sd.ui.theme --exec 'notify-send \"$SDCONFIG_VALUE\"'",
+         {kKeys},
+         {},
+         {kExecute},
+         kWatchNotes},
+        {"",
+         "list",
+         "Prints the keys of the secure values and of the policies",
+         "sdconfig list 'velmar.proxy.*'",
+         {kListed},
+         {kShow},
+         {kDataDir}},
+        {"",
+         "upgrade",
+         "Carries an earlier version's database over, while no service runs on it",
+         "sdconfig upgrade ~/.local/share/sdconfig --dry-run",
+         {kDataFolder},
+         {kReport, kForce},
+         {},
+         kUpgradeNotes},
+        {"",
+         "doctor",
+         "Tells what is wrong with the service, and what to type next",
+         "sdconfig doctor",
+         {},
+         {},
+         {kDataDir},
+         kDoctorNotes},
+        {"",
+         "check",
+         "Looks for faults in the data folder",
+         "sdconfig check ~/.local/share/sdconfig",
+         {kDataOf},
+         {},
+         {},
+         kCheckNotes},
+        {"",
+         "backup",
+         "Writes the data folder to a file",
+         "pass show sdconfig-backup | sdconfig backup /backups/sdconfig.monday",
+         {kBackup, kDataOf},
+         {kOverwrite, kLeaveOutKeys},
+         {},
+         kBackupNotes},
+        {"",
+         "restore",
+         "Puts a backup in the place of a data folder",
+         "sdconfig restore /backups/sdconfig.monday ~/.local/share/sdconfig --force",
+         {kMadeBackup, kRestored},
+         {kReplace, kIgnoreKeys},
+         {},
+         kRestoreNotes},
+        {"", "const", "Prints a constant of the service", "sdconfig const region", {kName}, {}, {}},
+        {"",
+         "sign",
+         "Prints the signature of a text, which in this version is the text itself",
+         "sdconfig sign \"some text\"",
+         {kText},
+         {},
+         {}},
+        {"",
+         "verify",
+         "Tells whether a signature fits a text, as in this version each does",
+         "sdconfig verify \"some text\" \"$signature\"",
+         {kText, kSignature},
+         {},
+         {}},
+        {"",
+         "status",
+         "Tells whether the service is there, and how fast it answers",
+         "sdconfig status --json",
+         {},
+         {},
+         {}},
+    };
+    return all;
+}
+
+std::string nameOf(const Command& command) {
+    return command.group[0] ? std::string(command.group) + " " + command.name : command.name;
+}
+
+}  // namespace cli

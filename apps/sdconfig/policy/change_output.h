@@ -1,0 +1,15 @@
+// How commands on policies show whose policy they changed.
+#pragma once
+
+#include "apps/sdconfig/request/request.h"
+#include "apps/sdconfig/terminal/output.h"
+
+namespace cli {
+
+// The request's key, as the URI of a policy.
+Object uriObject(const Request& request);
+
+// Prints that the change was done, or tells that it was refused. Returns the exit code.
+int printPolicyChange(const Request& request, Object object, bool done);
+
+}  // namespace cli

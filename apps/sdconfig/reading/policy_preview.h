@@ -1,0 +1,28 @@
+// What changes of policies would bring about: the effective values before and after, and why.
+#pragma once
+
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "apps/sdconfig/policy/effective.h"
+#include "apps/sdconfig/request/request.h"
+
+namespace cli {
+
+class Service;
+
+// What is to become of a policy.
+struct PlannedPolicy {
+    std::string uri;
+    std::optional<apps::Policy> policy;  // nothing: it is deleted
+};
+
+// Asks the service for the effective values of the URIs. Returns the exit code.
+int readEffective(const std::vector<std::string>& uris, Service& service, std::map<std::string, Effective>& result);
+
+// Prints the difference and changes nothing. Returns the exit code.
+int previewPolicies(const Request& request, const std::vector<PlannedPolicy>& plan, Service& service);
+
+}  // namespace cli

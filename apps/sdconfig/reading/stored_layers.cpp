@@ -1,0 +1,56 @@
+#include "apps/sdconfig/reading/stored_layers.h"
+
+#include <utility>
+#include <vector>
+
+#include "apps/sdconfig/reading/data_access.h"
+#include "apps/sdconfig/request/letter_case.h"
+
+namespace cli {
+
+namespace {
+
+std::map<std::string, apps::Row> byKey(std::vector<apps::Row> rows) {
+    std::map<std::string, apps::Row> all;
+    for (apps::Row& row : rows) {
+        std::string key = folded(row.key);
+        all.emplace(std::move(key), std::move(row));
+    }
+    return all;
+}
+
+}  // namespace
+
+std::string StoredLayers::read(const apps::DataReader& reader, const std::optional<std::string>& key) {
+    std::vector<apps::Row> secure;
+    std::vector<apps::Row> policies;
+    if (std::string problem = reader.secureRows(secure, key); !problem.empty()) return problem;
+    if (std::string problem = reader.policyRows(policies, key); !problem.empty()) return problem;
+    mSecure = byKey(std::move(secure));
+    mPolicies = byKey(std::move(policies));
+    return "";
+}
+
+Layers StoredLayers::of(const std::string& key) const {
+    Layers layers;
+    if (const auto found = mPolicies.find(folded(key)); found != mPolicies.end() && !found->second.value.empty()) {
+        layers.policy = apps::DataReader::policy(found->second);
+        layers.policyUnreadable = !layers.policy;
+    }
+    if (const auto found = mSecure.find(folded(key)); found != mSecure.end()) {
+        const auto value = apps::DataReader::secureValue(found->second);
+        layers.row = !value ? Layers::Row::Unreadable : value->empty() ? Layers::Row::Empty : Layers::Row::Value;
+        layers.rowHidesPolicy = found->second.key == key;
+        layers.local = value.value_or("");
+    }
+    return layers;
+}
+
+Layers storedLayers(const Request& request, const Service& service) {
+    const DataAccess access = findData(request, service);
+    StoredLayers stored;
+    const bool known = access.reader && stored.read(*access.reader, request.key).empty();
+    return known ? stored.of(request.key) : Layers();
+}
+
+}  // namespace cli

@@ -1,0 +1,32 @@
+// What the data folder holds of secure keys.
+#pragma once
+
+#include <map>
+#include <optional>
+#include <string>
+
+#include "apps/data/data_reader.h"
+#include "apps/sdconfig/policy/effective.h"
+#include "apps/sdconfig/request/request.h"
+
+namespace cli {
+
+class Service;
+
+// The layers of keys, from the rows of both databases.
+class StoredLayers {
+public:
+    // Returns what hindered the reading, or "". key: that key alone.
+    std::string read(const apps::DataReader& reader, const std::optional<std::string>& key = std::nullopt);
+
+    Layers of(const std::string& key) const;
+
+private:
+    std::map<std::string, apps::Row> mSecure;  // by the key without letter case
+    std::map<std::string, apps::Row> mPolicies;
+};
+
+// Those of the request's key; nothing of it where the data folder can't be read.
+Layers storedLayers(const Request& request, const Service& service);
+
+}  // namespace cli

@@ -1,0 +1,17 @@
+// Secure values as they were set.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "apps/sdconfig/service/service.h"
+#include "apps/sdconfig/terminal/output.h"
+
+namespace cli {
+
+// Asks the service for each key. Returns the exit code.
+int readSecureValues(const std::vector<std::string>& keys, Service& service, std::vector<Lookup>& found);
+
+Answer<bool> storeSecure(const std::string& key, const std::string& value, Service& service);
+
+}  // namespace cli

@@ -1,0 +1,28 @@
+#include "apps/sdconfig/terminal/colour.h"
+
+#include <cstdlib>
+
+#include "apps/sdconfig/terminal/output.h"
+
+namespace cli {
+
+namespace {
+
+std::string variable(const char* name) {
+    const char* const value = std::getenv(name);
+    return value ? value : "";
+}
+
+bool isWanted() {
+    return isTerminal() && variable("NO_COLOR").empty() && variable("TERM") != "dumb";
+}
+
+}  // namespace
+
+std::string coloured(const std::string& word, Colour colour) {
+    static const bool sWanted = isWanted();
+    if (!sWanted) return word;
+    return (colour == Colour::Good ? "\x1b[32m" : "\x1b[31m") + word + "\x1b[0m";
+}
+
+}  // namespace cli

@@ -1,0 +1,12 @@
+# Stops where one of FILES includes a header of this tree from a folder that is none of KNOWN; else touches STAMP.
+cmake_minimum_required(VERSION 3.25)
+foreach(file ${FILES})
+    file(STRINGS ${file} lines REGEX "^#include \"")
+    foreach(line ${lines})
+        string(REGEX REPLACE "^#include \"([^\"]*)/[^/\"]*\".*" "\\1" folder "${line}")
+        if(NOT folder IN_LIST KNOWN)
+            message(FATAL_ERROR "${file}: its room may not know ${folder}")
+        endif()
+    endforeach()
+endforeach()
+file(TOUCH ${STAMP})
