@@ -1,12 +1,15 @@
 #include "base/standard_folders.h"
 
 #include <pwd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
+#include <cstring>
+#include <utility>
 
 namespace sd {
 
@@ -51,10 +54,15 @@ std::string homeFolder(const FolderVariables& variables) {
     return isAbsolute(variables.home) ? variables.home : homeOfUser();
 }
 
-std::string userDataFolder(const FolderVariables& variables, const std::string& application) {
-    if (isAbsolute(variables.dataHome)) return within(variables.dataHome, application);
+std::string userDataFolder(const FolderVariables& variables) {
+    if (isAbsolute(variables.dataHome)) return variables.dataHome;
     const std::string home = homeFolder(variables);
-    return home.empty() ? "" : within(within(home, ".local/share"), application);
+    return home.empty() ? "" : within(home, ".local/share");
+}
+
+std::string userDataFolder(const FolderVariables& variables, const std::string& application) {
+    const std::string data = userDataFolder(variables);
+    return data.empty() ? "" : within(data, application);
 }
 
 std::vector<std::string> dataFolders(const FolderVariables& variables, const std::string& application) {
@@ -72,6 +80,16 @@ std::vector<std::string> dataFolders(const FolderVariables& variables, const std
         begin = end + 1;
     }
     return folders;
+}
+
+std::string makeFolder(const std::string& folder) {
+    struct stat status {};
+    if (::stat(folder.c_str(), &status) == 0) return S_ISDIR(status.st_mode) ? "" : folder + " is not a folder";
+    const std::size_t above = folder.find_last_of('/');
+    if (above != std::string::npos && above > 0)
+        if (std::string problem = makeFolder(folder.substr(0, above)); !problem.empty()) return problem;
+    if (::mkdir(folder.c_str(), 0700) == 0 || errno == EEXIST) return "";
+    return "can't make the folder " + folder + ": " + std::strerror(errno);
 }
 
 }  // namespace sd

@@ -23,12 +23,17 @@ std::string programName();
 // HOME, else what the system's list of users has for this user; "" where that has none either.
 std::string homeFolder(const FolderVariables& variables);
 
-// An application's data folder of the user: in XDG_DATA_HOME, else in ~/.local/share. "" where there is no home folder
-// either.
+// The user's folder of all applications' data: XDG_DATA_HOME, else ~/.local/share; "" where there is no home folder
+// either. And an application's folder in it.
+std::string userDataFolder(const FolderVariables& variables);
 std::string userDataFolder(const FolderVariables& variables, const std::string& application);
 
 // The application's data folders, the user's first and then the system's: in each of XDG_DATA_DIRS, or in
 // /usr/local/share and /usr/share where that is empty. None is there twice, none need exist.
 std::vector<std::string> dataFolders(const FolderVariables& variables, const std::string& application);
+
+// Makes the folder, and those above it that are missing, for nobody else than the user. Returns "", or why it could
+// not: a line for a person.
+std::string makeFolder(const std::string& folder);
 
 }  // namespace sd

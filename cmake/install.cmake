@@ -12,6 +12,7 @@ install(TARGETS sdconfig sdbus sdsecurity velmarlog EXPORT sdconfig-targets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT libraries NAMELINK_COMPONENT development)
 
 set(headers
+    base/sdconfig_export.h base/sdconfig_types.h
     libsdconfig/sdconfig.h libsdconfig/dmconfig.h libsdconfig/sdconfig_client.h
     libsdconfig/sdconfig_export.h libsdconfig/sdconfig_text.h libsdconfig/sdconfig_types.h
     src/sdconfig_impl.h src/sdconfig_impl_property.h src/sdconfig_impl_policy.h src/sdconfig_impl_tks.h

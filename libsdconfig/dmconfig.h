@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "libsdconfig/sdconfig_export.h"
-#include "libsdconfig/sdconfig_types.h"
+#include "base/sdconfig_export.h"
+#include "base/sdconfig_types.h"
 
 namespace sd {
 

@@ -4,7 +4,7 @@
 #include <map>
 #include <string>
 
-#include "libsdconfig/sdconfig_export.h"
+#include "base/sdconfig_export.h"
 
 namespace sd {
 
@@ -53,8 +53,10 @@ public:
     std::string SignRequest(const std::string& content);
     bool VerifyRequest(const std::string& content, const std::string& sign);
 
-    // The folder of the databases, in the local 8-bit encoding. Untold, it is the application's data folder. The stores
-    // take it when they are first used and don't follow later changes. Setting it always returns true.
+    // The folder of the databases, in the local 8-bit encoding. Untold, it is the data folder of an application of the
+    // program's name, ~/.local/share/PROGRAM as a rule; the stores make it, or take the data that an earlier version
+    // put into the folder above (docs/library-guide.md). They take it when they are first used and don't follow later
+    // changes. Setting it always returns true.
     static bool setDataPath(std::string path);
     static std::string getDataPath();
     static std::string getDataPathUtf8();
@@ -69,8 +71,8 @@ public:
 private:
     SDConfig() = default;
 
-    static std::string dataPath;
-    static std::string velmarDataPath;
+    static std::string& dataPath;
+    static std::string& velmarDataPath;
 };
 
 }  // namespace sd

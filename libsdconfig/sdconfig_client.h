@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "base/sdconfig_export.h"
 #include "libsdconfig/dmconfig.h"
-#include "libsdconfig/sdconfig_export.h"
 #include "platform/sdbus/sdbus.h"
 
 namespace sd {

@@ -1,4 +1,4 @@
-// Marks what libsdconfig.so offers to its users; everything else in it is hidden.
+// Under the name that users of the library include.
 #pragma once
 
-#define SDCONFIG_API __attribute__((visibility("default")))
+#include "base/sdconfig_export.h"

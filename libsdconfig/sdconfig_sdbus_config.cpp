@@ -3,10 +3,10 @@
 
 #include <algorithm>
 
+#include "base/limits.h"
 #include "libsdconfig/sdconfig_client.h"
 #include "libsdconfig/with_client.h"
 #include "platform/velmarlog/log_line.h"
-#include "src/sdconfig_helpers.h"
 #include "src/sdconfig_impl_property.h"
 #include "src/sdconfig_protocol.h"
 

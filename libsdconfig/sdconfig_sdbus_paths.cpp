@@ -2,6 +2,7 @@
 #include <cstddef>
 #include <utility>
 
+#include "base/data_paths.h"
 #include "base/standard_folders.h"
 #include "base/text.h"
 #include "libsdconfig/data_path.h"
@@ -46,12 +47,13 @@ std::string applicationDataPath(const StandardFolders& folders) {
     return data;
 }
 
-std::string SDConfig::dataPath = applicationDataPath(ownFolders());
-std::string SDConfig::velmarDataPath;
+std::string& SDConfig::dataPath = dataPaths().data = applicationDataPath(ownFolders());
+std::string& SDConfig::velmarDataPath = dataPaths().velmar;
 
 bool SDConfig::setDataPath(std::string path) {
     if (path != dataPath) LOG(6, AT "new db path from datapath %s to path %s", HERE, path.c_str(), dataPath.c_str());
     dataPath = std::move(path);
+    dataPaths().isTold = true;
     return true;
 }
 

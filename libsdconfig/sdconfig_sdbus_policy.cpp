@@ -1,12 +1,12 @@
 // The device-management facade, the requests behind it, and the client's listeners.
 #include <cstdint>
 
+#include "base/limits.h"
 #include "libsdconfig/dmconfig.h"
 #include "libsdconfig/listener_map.h"
 #include "libsdconfig/sdconfig_client.h"
 #include "libsdconfig/with_client.h"
 #include "platform/velmarlog/log_line.h"
-#include "src/sdconfig_helpers.h"
 #include "src/sdconfig_protocol.h"
 
 namespace sd {

@@ -4,14 +4,14 @@
 #include <array>
 #include <vector>
 
+#include "base/sdconfig_types.h"
 #include "base/text.h"
-#include "libsdconfig/sdconfig.h"
-#include "libsdconfig/sdconfig_types.h"
 #include "platform/sdsecurity/sdsecurity.h"
 #include "platform/velmarlog/log_line.h"
 #include "src/sdconfig_helpers.h"
 #include "src/sdconfig_impl_policy.h"
 #include "src/sdconfig_key_value_table.h"
+#include "src/sdconfig_store_folder.h"
 
 namespace sd {
 
@@ -42,8 +42,7 @@ bool isSpecialKeyInBuildProp(std::string key) {
 }
 
 SDConfigImpl* SDConfigImpl::GetInstance() {
-    static const std::string dataPath = SDConfig::getDataPathUtf8();
-    static const std::string dbPath = dataPath + "/sdconfig.db";
+    static const std::string dbPath = storeFolder() + "/" + kConfigFile;
     static SDConfigImpl instance(dbPath);
     return &instance;
 }

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <string>
 
-#include "libsdconfig/sdconfig_export.h"
+#include "base/sdconfig_export.h"
 #include "sql/SQLiteDatabase.h"
 #include "sql/SQLiteTable.h"
 
@@ -28,7 +28,7 @@ SDCONFIG_API bool isSpecialKeyInBuildProp(std::string key);
 // key and an empty value both read as "".
 class SDCONFIG_API SDConfigImpl : public data::SQLiteDatabase {
 public:
-    // The process's store in the data folder (SDConfig::getDataPathUtf8), opened on first use and kept to the end.
+    // The process's store in the data folder (SDConfig::setDataPath), opened on first use and kept to the end.
     static SDConfigImpl* GetInstance();
 
     // Opens the file, creates what is missing and stamps a new one with the current version. A file that can't be

@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "base/text.h"
-#include "libsdconfig/sdconfig.h"
 #include "platform/sdsecurity/sdsecurity.h"
 #include "platform/velmarlog/log_line.h"
 #include "sql/SQLiteTransaction.h"
@@ -13,6 +12,7 @@
 #include "src/sdconfig_impl.h"
 #include "src/sdconfig_key_value_table.h"
 #include "src/sdconfig_policy_text.h"
+#include "src/sdconfig_store_folder.h"
 
 namespace sd {
 
@@ -39,8 +39,7 @@ PolicyMap policyOf(std::string value, int priority) {
 }  // namespace
 
 SDConfigDmHelper& SDConfigDmHelper::GetInstance() {
-    static const std::string dataPath = SDConfig::getDataPathUtf8();
-    static const std::string dbPath = dataPath + "/dmhelper.db";
+    static const std::string dbPath = storeFolder() + "/" + kPolicyFile;
     static SDConfigDmHelper instance(dbPath);
     return instance;
 }

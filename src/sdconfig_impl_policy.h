@@ -5,8 +5,8 @@
 #include <optional>
 #include <string>
 
-#include "libsdconfig/sdconfig_export.h"
-#include "libsdconfig/sdconfig_types.h"
+#include "base/sdconfig_export.h"
+#include "base/sdconfig_types.h"
 #include "sql/SQLiteDatabase.h"
 #include "sql/SQLiteTable.h"
 

@@ -14,7 +14,7 @@
 #include <optional>
 #include <utility>
 
-#include "libsdconfig/sdconfig.h"
+#include "base/data_paths.h"
 #include "platform/velmarlog/log_line.h"
 #include "src/sdconfig_helpers.h"
 #include "src/sdconfig_impl.h"
@@ -88,7 +88,7 @@ SDPropertyInf* SDPropertyInf::GetInstance() {
 
 SDPropertyInf::SDPropertyInf() {
     LOG(5, AT "init property data", HERE);
-    mBuildFile = SDConfig::getVelmarDataPath();
+    mBuildFile = dataPaths().velmar;
     if (!initProperties()) LOG(levelFor(kLastFile), AT "failed to init properties", HERE);
 }
 

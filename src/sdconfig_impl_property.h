@@ -4,7 +4,7 @@
 #include <map>
 #include <string>
 
-#include "libsdconfig/sdconfig_export.h"
+#include "base/sdconfig_export.h"
 
 namespace sd {
 

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "libsdconfig/sdconfig_export.h"
+#include "base/sdconfig_export.h"
 #include "src/sdconfig_impl.h"
 
 namespace sd {

@@ -6,6 +6,7 @@
 #include "src/sdconfig_impl_policy.h"
 #include "src/sdconfig_interface.h"
 #include "src/sdconfig_protocol.h"
+#include "src/sdconfig_store_folder.h"
 
 namespace sd {
 
@@ -19,6 +20,7 @@ public:
     void Start() override {
         SDBusSerivceManager* manager = SDBusSerivceManager::initSync(-1);
         LOG(5, AT "sdconfig service name=%s", HERE, protocol::kServiceName);
+        if (!isStoreFolderKnown()) return;  // the stores have told why
         manager->registerServiceInterface(protocol::kServiceName, &mInterface, SDBusSameUser, 1);
     }
 

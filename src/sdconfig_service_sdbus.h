@@ -1,7 +1,7 @@
 // The configuration service, as its host process sees it.
 #pragma once
 
-#include "libsdconfig/sdconfig_export.h"
+#include "base/sdconfig_export.h"
 
 namespace sd {
 
@@ -14,7 +14,9 @@ public:
     virtual ~SDConfigService();
 
     // Registers the service under "sdconfig"; from then on calls are answered, on the bus layer's own thread. Whether
-    // the name could be had is for SDBusSerivceManager::registrationFailure to tell.
+    // the name could be had is for SDBusSerivceManager::registrationFailure to tell. Where no data folder was told, and
+    // both the application's and the place of earlier versions hold data, it is not asked for: a level-7 line has said
+    // what to do.
     virtual void Start() = 0;
 
     // Does nothing yet: the service ends with its process, or by SDBusSerivceManager::unregisterServiceInterface.

@@ -2,7 +2,7 @@
 #include <algorithm>
 #include <cstdint>
 
-#include "libsdconfig/sdconfig_types.h"
+#include "base/sdconfig_types.h"
 #include "platform/velmarlog/log_line.h"
 #include "src/sdconfig_helpers.h"
 #include "src/sdconfig_impl.h"

@@ -25,6 +25,7 @@
 #include "apps/data/upgrader.h"
 #include "apps/sdconfigd/constants_file.h"
 #include "apps/sdconfigd/preflight.h"
+#include "base/standard_folders.h"
 #include "libsdconfig/sdconfig.h"
 #include "platform/sdbus/sdbus.h"
 #include "platform/sdsecurity/sdsecurity.h"
@@ -138,7 +139,7 @@ std::string prepare(const Options& options, apps::DataFolderLock& lock) {
 
     sd::SDSecurity& security = *sd::SDSecurity::GetInstance();
     security.SetKeyRingFolder(dataDir);
-    if (std::string problem = makeDataFolder(dataDir); !problem.empty()) return problem;
+    if (std::string problem = sd::makeFolder(dataDir); !problem.empty()) return problem;
     if (const auto problem = lock.take(dataDir)) return problem->what + ": " + problem->next;
     if (const std::string problem = security.SelfTest(); !problem.empty())
         return "nothing can be sealed or opened: " + problem;

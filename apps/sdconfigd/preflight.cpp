@@ -1,10 +1,7 @@
 #include "apps/sdconfigd/preflight.h"
 
 #include <sqlite3.h>
-#include <sys/stat.h>
 
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <utility>
 #include <vector>
@@ -18,16 +15,6 @@ namespace {
 constexpr int kBusyTimeoutMs = 5000;
 
 using apps::Database;
-
-std::string makeFolder(const std::filesystem::path& folder) {
-    struct stat status {};
-    if (::stat(folder.c_str(), &status) == 0)
-        return S_ISDIR(status.st_mode) ? "" : folder.string() + " is not a folder";
-    if (folder.has_parent_path() && folder.parent_path() != folder)
-        if (std::string problem = makeFolder(folder.parent_path()); !problem.empty()) return problem;
-    if (::mkdir(folder.c_str(), 0700) == 0 || errno == EEXIST) return "";
-    return "can't make the folder " + folder.string() + ": " + std::strerror(errno);
-}
 
 std::string problemWith(sqlite3* db, const std::string& path) {
     return "can't open the database " + path + ": " + sqlite3_errmsg(db);
@@ -91,10 +78,6 @@ std::string problemOf(const std::string& dataFolder) {
 }
 
 }  // namespace
-
-std::string makeDataFolder(const std::string& dataFolder) {
-    return makeFolder(dataFolder);
-}
 
 std::string preflight(const std::string& dataFolder) {
     namespace fs = std::filesystem;

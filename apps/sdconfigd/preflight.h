@@ -3,13 +3,10 @@
 
 #include <string>
 
-// Makes the data folder (0700, parents too) if it is missing. Returns a line for a person, with the path and the
-// reason, or "" when all is well.
-std::string makeDataFolder(const std::string& dataFolder);
-
 // Opens both databases in the folder for writing, looks for damage in them and their logs, and sees to it that sealed
 // rows come with a key ring that can open them, and a ring with tables. Changes no file that is there, and where it
-// refuses leaves none that it made. The security layer must know the folder already. Returns as makeDataFolder does.
+// refuses leaves none that it made. The security layer must know the folder already.
+// Returns a line for a person, with the path and the reason, or "" when all is well.
 std::string preflight(const std::string& dataFolder);
 
 // Whether the stores, once opened, have all their tables: a disk that has no room for them is told by this alone.

@@ -1,0 +1,58 @@
+#include "src/sdconfig_store_folder.h"
+
+#include <unistd.h>
+
+#include "base/data_paths.h"
+#include "base/standard_folders.h"
+#include "base/text.h"
+#include "platform/velmarlog/log_line.h"
+
+namespace sd {
+
+namespace {
+
+constexpr char kTag[] = "sdconfig";
+constexpr char kSource[] = "src/sdconfig_store_folder";
+
+constexpr char kNoFolder[] = "/dev/null";  // a file: nothing is below it, and nothing can be made there
+
+bool holdsData(const std::string& folder) {
+    for (const char* file : {kConfigFile, kPolicyFile})
+        if (::access((localToUtf8(folder) + "/" + file).c_str(), F_OK) == 0) return true;
+    return false;
+}
+
+// False where it can't be known.
+bool settleFolder() {
+    std::string& data = dataPaths().data;
+    const std::string earlier = userDataFolder(ownFolderVariables());
+    if (earlier.empty() || !holdsData(earlier)) {
+        if (const std::string problem = makeFolder(localToUtf8(data)); !problem.empty())
+            LOG(7, AT "%s", HERE, problem.c_str());
+        return true;
+    }
+    if (holdsData(data)) {
+        LOG(7,
+            AT
+            "both %s and %s, the place of earlier versions, hold data, and neither is used: move one's %s and %s "
+            "away, or name the folder with SDConfig::setDataPath",
+            HERE, data.c_str(), earlier.c_str(), kConfigFile, kPolicyFile);
+        return false;
+    }
+    LOG(6, AT "there is no data in %s, so that of an earlier version is used: %s", HERE, data.c_str(), earlier.c_str());
+    data = earlier;
+    return true;
+}
+
+}  // namespace
+
+bool isStoreFolderKnown() {
+    static const bool known = dataPaths().isTold || settleFolder();
+    return known || dataPaths().isTold;
+}
+
+std::string storeFolder() {
+    return isStoreFolderKnown() ? localToUtf8(dataPaths().data) : kNoFolder;
+}
+
+}  // namespace sd
