@@ -1,0 +1,109 @@
+// Text of other encodings against iconv's, in the locales in which programs run; and the user's standard folders.
+#include <gtest/gtest.h>
+#include <iconv.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <clocale>
+#include <filesystem>
+#include <optional>
+
+#include "base/standard_folders.h"
+#include "base/text.h"
+#include "tests/support/process.h"
+#include "tests/support/support.h"
+
+namespace sd {
+namespace {
+
+const std::string kReplacement = "\xEF\xBF\xBD";
+
+// Nothing where the bytes are none of the encoding.
+std::optional<std::string> byIconv(const char* encoding, std::string bytes) {
+    const iconv_t converter = ::iconv_open("UTF-8", encoding);
+    std::string utf8(bytes.size() * 4, '\0');
+    char* from = bytes.data();
+    char* to = utf8.data();
+    std::size_t fromLeft = bytes.size(), toLeft = utf8.size();
+    const bool converted = ::iconv(converter, &from, &fromLeft, &to, &toLeft) == 0;
+    ::iconv_close(converter);
+    utf8.resize(utf8.size() - toLeft);
+    return converted ? std::optional(utf8) : std::nullopt;
+}
+
+// Every byte but zero, and every pair, with ASCII around.
+void expectAsIconv(const char* encoding, const std::function<std::string(const std::string&)>& toUtf8) {
+    for (int first = 0; first < 256; ++first) {
+        for (int second = 1; second < 256; ++second) {
+            std::string bytes =
+                "a" + std::string(first != 0, static_cast<char>(first)) + static_cast<char>(second) + "z";
+            const std::string utf8 = toUtf8(bytes);
+            if (const auto expected = byIconv(encoding, bytes))
+                ASSERT_EQ(utf8, *expected) << first << " " << second;
+            else
+                ASSERT_NE(utf8.find(kReplacement), std::string::npos) << first << " " << second;
+        }
+    }
+}
+
+TEST(TextTest, Latin1AsIconvHasIt) {
+    expectAsIconv("ISO-8859-1", latin1ToUtf8);
+    EXPECT_EQ(latin1ToUtf8(std::string("gr\xFCn\0z", 6)), "gr\xC3\xBCn");
+}
+
+TEST(TextTest, TheLocalesEncodingAsIconvHasIt) {
+    const test::TempDir locales;
+    for (const auto& [language, encoding] : {std::pair("de_DE", "ISO-8859-1"), std::pair("ja_JP", "EUC-JP")})
+        if (const auto made = test::run(
+                {"localedef", "-i", language, "-f", encoding, locales / (language + std::string(".") + encoding)});
+            made.exitCode > 1)
+            GTEST_SKIP() << "localedef needs the package locales: " << made.err;
+    const test::ScopedEnv path("LOCPATH", locales.path().c_str());
+
+    for (const auto& [locale, encoding] :
+         {std::pair("C", "UTF-8"), std::pair("C.UTF-8", "UTF-8"), std::pair("de_DE.ISO-8859-1", "ISO-8859-1"),
+          std::pair("ja_JP.EUC-JP", "EUC-JP")}) {
+        SCOPED_TRACE(locale);
+        ASSERT_STREQ(std::setlocale(LC_CTYPE, locale), locale);
+        expectAsIconv(encoding, localToUtf8);
+        EXPECT_EQ(localToUtf8(std::string("plain\0text", 10)), "plain");
+        EXPECT_EQ(std::setlocale(LC_CTYPE, nullptr), std::string(locale));
+    }
+    EXPECT_EQ(localToUtf8("\x8F\xB0\xEC"), byIconv("EUC-JP", "\x8F\xB0\xEC"));  // three bytes a character
+    std::setlocale(LC_CTYPE, "C");
+    const std::string valid = "\xC3\xBC \xE6\x97\xA5 \xF0\x9F\x94\x91 \xF4\x8F\xBF\xBF";
+    EXPECT_EQ(localToUtf8(valid), valid);
+    const std::string twice = kReplacement + kReplacement, thrice = twice + kReplacement;
+    EXPECT_EQ(localToUtf8("a\xE6\x97"), "a" + twice);                        // cut off
+    EXPECT_EQ(localToUtf8("\xED\xA0\x80z"), thrice + "z");                   // half of a pair
+    EXPECT_EQ(localToUtf8("\xF4\x90\x80\x80"), thrice + kReplacement);       // beyond Unicode
+    EXPECT_EQ(localToUtf8("\xC0\xAF\xE6\x97\xA5"), twice + "\xE6\x97\xA5");  // longer than need be
+}
+
+TEST(StandardFoldersTest, FollowTheConvention) {
+    using Folders = std::vector<std::string>;
+    const std::string user = ::getpwuid(::geteuid())->pw_dir;
+    const struct {
+        FolderVariables variables;
+        Folders folders;
+    } cases[] = {
+        {{"/h", "", ""}, {"/h/.local/share/app", "/usr/local/share/app", "/usr/share/app"}},
+        {{"/h/", "/d/", "/a/:/b"}, {"/d/app", "/a/app", "/b/app"}},
+        {{"/h", "relative", ":relative:/a::/a/:/h/.local/share"}, {"/h/.local/share/app", "/a/app"}},
+        {{"relative", "", ":"}, {user + "/.local/share/app"}},
+        {{"/", "/", "/"}, {"/app"}},
+    };
+    for (const auto& [variables, folders] : cases) EXPECT_EQ(dataFolders(variables, "app"), folders);
+    EXPECT_EQ(homeFolder({"", "/d", ""}), user);
+    EXPECT_EQ(homeFolder({"/h", "", ""}), "/h");
+    EXPECT_EQ(programName(), "base_test");
+
+    const test::TempDir folder;
+    test::writeFile(folder / "file", "");
+    EXPECT_EQ(makeFolder(folder / "a/b"), "");
+    EXPECT_TRUE(std::filesystem::is_directory(folder / "a/b"));
+    EXPECT_EQ(makeFolder(folder / "file/b"), folder / "file is not a folder");
+}
+
+}  // namespace
+}  // namespace sd

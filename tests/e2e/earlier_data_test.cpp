@@ -1,0 +1,57 @@
+// Where a host's data lies that tells no folder, and that of one which an earlier version served.
+#include <sys/stat.h>
+
+#include "tests/e2e/sandbox.h"
+
+namespace test {
+namespace {
+
+class EarlierDataTest : public Sandbox {
+protected:
+    Result host(std::vector<std::string> arguments = {}) const {
+        arguments.insert(arguments.begin(), PLAIN_HOST);
+        return run(arguments, environment());
+    }
+
+    const std::string mEarlier = path("home");
+    const std::string mOwn = path("home/plain_host");
+};
+
+TEST_F(EarlierDataTest, IsUsedUntilTheProgramHasItsOwn) {
+    const Result fresh = host();
+    EXPECT_EQ(fresh.out, mOwn + ": \n") << fresh.err;
+    struct stat made {};
+    ASSERT_EQ(::stat(mOwn.c_str(), &made), 0);
+    EXPECT_EQ(made.st_mode & 0777u, 0700u);
+    std::filesystem::remove_all(mOwn);
+
+    EXPECT_EQ(host({mEarlier, "earlier"}).out, mEarlier + ": earlier\n");
+    const Result found = host();
+    EXPECT_EQ(found.out, mEarlier + ": earlier\n");
+    EXPECT_NE(found.err.find("W sdconfig: src/sdconfig_store_folder"), std::string::npos) << found.err;
+    EXPECT_NE(found.err.find("no data in " + mOwn + ", so that of an earlier version is used: " + mEarlier + "\n"),
+              std::string::npos);
+    EXPECT_FALSE(std::filesystem::exists(mOwn));
+}
+
+TEST_F(EarlierDataTest, IsNotGuessedAtWhereBothHoldData) {
+    host({mEarlier});
+    std::filesystem::remove(mEarlier + "/sdconfig.db");  // policies alone are data, too
+    std::filesystem::create_directory(mOwn);
+    EXPECT_EQ(host({mOwn, "own"}).out, mOwn + ": own\n");
+
+    const Result refused = host();
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_NE(refused.err.find("E sdconfig: src/sdconfig_store_folder"), std::string::npos) << refused.err;
+    EXPECT_NE(refused.err.find("both " + mOwn + " and " + mEarlier + ", the place of earlier versions, hold data"),
+              std::string::npos);
+    EXPECT_NE(refused.err.find("name the folder with SDConfig::setDataPath"), std::string::npos);
+    EXPECT_FALSE(std::filesystem::exists(mEarlier + "/sdconfig.db"));
+
+    EXPECT_EQ(host({mOwn}).out, mOwn + ": own\n");
+    std::filesystem::remove(mEarlier + "/dmhelper.db");
+    EXPECT_EQ(host().out, mOwn + ": own\n");
+}
+
+}  // namespace
+}  // namespace test
