@@ -5,9 +5,22 @@ include(CMakePackageConfigHelpers)
 
 # Found relative to where things lie, so that any prefix works without LD_LIBRARY_PATH.
 set_target_properties(sdconfig sdbus sdsecurity velmarlog PROPERTIES INSTALL_RPATH "$ORIGIN")
-set_target_properties(sdconfigd sdconfig_cli PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+set(data_program_dir ${CMAKE_INSTALL_LIBEXECDIR}/sdconfig)  # the second program's, which the first one starts
+foreach(program_dir ${CMAKE_INSTALL_BINDIR} ${data_program_dir})
+    cmake_path(ABSOLUTE_PATH program_dir BASE_DIRECTORY /)
+    file(RELATIVE_PATH to_libraries ${program_dir} /${CMAKE_INSTALL_LIBDIR})
+    list(APPEND rpaths $ORIGIN/${to_libraries})
+endforeach()
+list(GET rpaths 0 program_rpath)
+list(GET rpaths 1 data_program_rpath)
+set_target_properties(sdconfigd PROPERTIES INSTALL_RPATH "${program_rpath}")
+set_target_properties(sdconfig_data PROPERTIES INSTALL_RPATH "${data_program_rpath}")
+if(NOT SDCONFIG_LAYERS_INSIDE)
+    set_target_properties(sdconfig_cli PROPERTIES INSTALL_RPATH "${program_rpath}")
+endif()
 
 install(TARGETS sdconfigd sdconfig_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT programs)
+install(TARGETS sdconfig_data RUNTIME DESTINATION ${data_program_dir} COMPONENT programs)
 install(TARGETS sdconfig sdbus sdsecurity velmarlog EXPORT sdconfig-targets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT libraries NAMELINK_COMPONENT development)
 

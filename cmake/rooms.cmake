@@ -25,16 +25,19 @@ function(sd_room name)
     target_link_libraries(sd_${name} PUBLIC ${ROOM_ROOMS} PRIVATE ${ROOM_USES} sd_warnings)
 endfunction()
 
-# A platform layer: a shared library of its own behind one header, NAME/NAME.h.
+# A platform layer: a shared library of its own behind one header, NAME/NAME.h; and NAME_objects, what it is made of.
 # SOURCES its files; LAYERS the layers that it builds on; USES the libraries that its users never meet.
 function(sd_platform_layer name)
     cmake_parse_arguments(LAYER "" "" "SOURCES;LAYERS;USES" ${ARGN})
-    add_library(${name} ${layer_kind} ${LAYER_SOURCES})
+    add_library(${name}_objects OBJECT ${LAYER_SOURCES})
+    target_include_directories(${name}_objects PRIVATE ${PROJECT_SOURCE_DIR})
+    target_link_libraries(${name}_objects PRIVATE ${LAYER_USES} sd_warnings)
+    add_library(${name} ${layer_kind} $<TARGET_OBJECTS:${name}_objects>)
     add_library(sdconfig::${name} ALIAS ${name})
     set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
     target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
         $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/sdconfig>)
-    target_link_libraries(${name} PRIVATE ${LAYER_LAYERS} ${LAYER_USES} $<BUILD_INTERFACE:sd_warnings>)
+    target_link_libraries(${name} PRIVATE ${LAYER_LAYERS} ${LAYER_USES})
 endfunction()
 
 # A test program: one a file or two; USES what it links besides GoogleTest and the shared pieces of tests/support.
@@ -71,5 +74,5 @@ function(sd_app_room folder)
     add_library(sd_app_${name} STATIC ${ROOM_SOURCES} ${checked})
     set_target_properties(sd_app_${name} PROPERTIES LINKER_LANGUAGE CXX)
     target_include_directories(sd_app_${name} PUBLIC ${PROJECT_SOURCE_DIR})
-    target_link_libraries(sd_app_${name} PUBLIC ${targets} ${ROOM_LINKS} PRIVATE ${ROOM_USES} sd_warnings)
+    target_link_libraries(sd_app_${name} PUBLIC ${targets} sd_app_library ${ROOM_LINKS} PRIVATE ${ROOM_USES} sd_warnings)
 endfunction()

@@ -1,7 +1,5 @@
 #include "src/sdconfig_impl.h"
 
-#include <algorithm>
-#include <array>
 #include <vector>
 
 #include "base/sdconfig_types.h"
@@ -23,23 +21,7 @@ constexpr char kSource[] = "src/sdconfig_impl";
 constexpr char kVersionKey[] = "dbVersion";
 constexpr int kSlowSecureMs = 100;
 
-// One ordered table for both classifying functions: each looks at its own range.
-constexpr std::array<const char*, 7> kClassifiedKeys = {
-    "ro.sd.keepAliveToken",       "ro.sd.uuid",          "encryptedPassword",
-    "velmar.proxy.http.password", "ro.sd.build.version", "ro.sd.product.channel",
-    "ro.velmar.switch.env",
-};
-constexpr auto kFirstBuildPropKey = kClassifiedKeys.begin() + 4;
-
 }  // namespace
-
-bool isKeyInTPM(std::string key) {
-    return std::find(kClassifiedKeys.begin(), kFirstBuildPropKey, key) != kFirstBuildPropKey;
-}
-
-bool isSpecialKeyInBuildProp(std::string key) {
-    return std::find(kFirstBuildPropKey, kClassifiedKeys.end(), key) != kClassifiedKeys.end();
-}
 
 SDConfigImpl* SDConfigImpl::GetInstance() {
     static const std::string dbPath = storeFolder() + "/" + kConfigFile;

@@ -22,6 +22,7 @@ int clearPolicies(const Request& request, Service& service);
 int getConst(const Request& request, Service& service);
 int signText(const Request& request, Service& service);
 int verifyText(const Request& request, Service& service);
+int watchKeys(const Request& request, Service& service);
 int showStatus(const Request& request, Service& service);
 
 }  // namespace cli

@@ -13,7 +13,7 @@ int listPolicies(const Request& request, Service& service);
 int exportPolicies(const Request& request, Service& service);
 int applyPolicies(const Request& request, Service& service);
 int explainKey(const Request& request, Service& service);
-int watchKeys(const Request& request, Service& service);
+int watchPatterns(const Request& request, Service& service);
 int listKeys(const Request& request, Service& service);
 int upgradeDatabase(const Request& request, Service& service);
 int checkFolder(const Request& request, Service& service);

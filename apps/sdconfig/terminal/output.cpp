@@ -1,8 +1,8 @@
 #include "apps/sdconfig/terminal/output.h"
 
-#include <openssl/evp.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <optional>
@@ -15,9 +15,15 @@ namespace cli {
 namespace {
 
 std::string base64(const std::string& bytes) {
-    std::string text((bytes.size() + 2) / 3 * 4, '\0');
-    ::EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
-                      reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()));
+    static constexpr char kDigits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string text;
+    for (std::size_t at = 0; at < bytes.size(); at += 3) {
+        const std::size_t count = std::min<std::size_t>(3, bytes.size() - at);
+        unsigned bits = 0;
+        for (std::size_t i = 0; i < 3; ++i)
+            bits = bits << 8 | (i < count ? static_cast<unsigned char>(bytes[at + i]) : 0u);
+        for (std::size_t i = 0; i < 4; ++i) text += i <= count ? kDigits[bits >> (18 - 6 * i) & 63u] : '=';
+    }
     return text;
 }
 

@@ -1,4 +1,5 @@
-// watch: prints changes of keys as they happen, through restarts of the service. docs/listeners.md has the recipe.
+#include "apps/sdconfig/watch/watch.h"
+
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -14,10 +15,8 @@
 #include <optional>
 #include <set>
 
-#include "apps/sdconfig/data_commands/data_commands.h"
 #include "apps/sdconfig/policy/effective.h"
 #include "apps/sdconfig/properties/property_files.h"
-#include "apps/sdconfig/reading/data_access.h"
 #include "apps/sdconfig/request/key_pattern.h"
 #include "apps/sdconfig/service/service.h"
 #include "apps/sdconfig/terminal/messages.h"
@@ -106,9 +105,10 @@ Inbox& inbox() {
 
 class Watch {
 public:
-    Watch(const Request& request, Service& service)
+    Watch(const Request& request, Service& service, StoredKeys storedKeys)
         : mRequest(request),
           mService(service),
+          mStoredKeys(std::move(storedKeys)),
           // The reader of our output may leave, too.
           mSignals({SIGINT, SIGTERM, SIGHUP, SIGPIPE}),
           mRunner(request.execute) {
@@ -148,13 +148,7 @@ private:
     // The keys that a pattern stands for: the stored ones, and the properties that files define. Others come as events.
     std::set<std::string> keysThatFit() const {
         std::set<std::string> keys = keysInFiles(mService.productFolder());
-        std::vector<apps::Row> rows;
-        if (const DataAccess access = findData(mRequest, mService); access.reader) {
-            (void)access.reader->secureRows(rows);
-            for (const apps::Row& row : rows) keys.insert(row.key);
-            (void)access.reader->policyRows(rows);
-            for (const apps::Row& row : rows) keys.insert(row.key);
-        }
+        keys.merge(mStoredKeys());
         for (auto key = keys.begin(); key != keys.end();)
             key = fitsAny(*key, mPatterns) ? std::next(key) : keys.erase(key);
         return keys;
@@ -333,6 +327,7 @@ private:
 
     const Request& mRequest;
     Service& mService;
+    const StoredKeys mStoredKeys;
     SignalPipe mSignals;
     CommandRunner mRunner;
     Inbox& mInbox = inbox();
@@ -350,11 +345,11 @@ private:
 
 }  // namespace
 
-int watchKeys(const Request& request, Service& service) {
+int watch(const Request& request, Service& service, StoredKeys storedKeys) {
     if (request.keys.size() > kMostKeysOfACall)
         return misused(request.command, "more than 122 keys are more than one call takes");
     if (const int code = service.require()) return code;
-    return Watch(request, service).run();
+    return Watch(request, service, std::move(storedKeys)).run();
 }
 
 }  // namespace cli

@@ -1,0 +1,12 @@
+// From the first program to the second.
+#pragma once
+
+#include "apps/sdconfig/request/request.h"
+
+namespace cli {
+
+// Becomes the second program, with the same arguments, descriptors and environment. It is looked for where this program
+// lies, and nowhere else. Returns where it can't be run: the exit code, after telling so.
+int handOver(const Request& request, char** argv);
+
+}  // namespace cli
