@@ -406,6 +406,39 @@ TEST_F(CliTest, ResultsThatCanNotBeWritten) {
     EXPECT_EQ(shell("trap '' PIPE; { $CLI get k; echo $? >&2; } | true"), "0 0\n");
 }
 
+// As after an installation: the first program in bin, what it hands over to where the installation puts that.
+TEST_F(CliTest, HandsOverToTheProgramOfItsOwnInstallation) {
+    std::filesystem::create_directories(path("bin"));
+    const std::string first = path("bin/sdconfig");
+    const std::string second = path("libexec/sdconfig/sdconfig-data");
+    std::filesystem::copy_file(SDCONFIG_CLI, first);
+    Environment variables = environment();
+    variables["PATH"] = path("elsewhere") + ":" + std::getenv("PATH");
+    const auto program = [&](const std::string& place, const std::string& script) {
+        std::filesystem::create_directories(std::filesystem::path(place).parent_path());
+        writeFile(place, "#!/bin/sh\n" + script + "\n");
+        std::filesystem::permissions(place, std::filesystem::perms::owner_all);
+    };
+    program(path("elsewhere/sdconfig-data"), "echo of the path");
+    expectError(run({first, "list", "a.*"}, variables), kRefused,
+                second + " can't be run: No such file or directory; it does this command's work: install sdconfig ");
+    expectError(run({first, "list", "--show=1"}, variables), kUsage, "list: --show takes no value");
+
+    program(second, R"(for i in 0 1 2; do [ -e /proc/$$/fd/$i ] || printf "no $i,"; done; echo "$*"; cat; exit 42)");
+    const std::vector<std::string> backup{first, "backup", "--json", "f", "--force", "--user", "nobody"};
+    const Result handed = run(backup, variables, "the passphrase\n");
+    EXPECT_EQ(handed.exitCode, 42);
+    EXPECT_EQ(handed.out, "backup --json f --force --user nobody\nthe passphrase\n");
+    const auto closed = [&](const std::string& command) {
+        return run({"sh", "-c", "exec \"$0\" " + command + " 0<&- 2>&-", first}, variables).out;
+    };
+    EXPECT_EQ(closed("watch 'a.*'"), "no 0,no 2,watch a.*\n");
+    EXPECT_EQ(closed("secure delete k"), "no 0,no 2,secure delete k\n");
+    EXPECT_EQ(closed("policy clear --yes"), "");  // is the first one's own
+    std::filesystem::permissions(second, std::filesystem::perms::none);
+    expectError(run({first, "doctor"}, variables), kRefused, second + " can't be run: Permission denied");
+}
+
 TEST_F(CliTest, AsksForASecretWithoutEcho) {
     if (const std::string problem = terminalProblem(); !problem.empty()) GTEST_SKIP() << problem;
     const Process service = startService();
