@@ -54,15 +54,10 @@ std::string homeFolder(const FolderVariables& variables) {
     return isAbsolute(variables.home) ? variables.home : homeOfUser();
 }
 
-std::string userDataFolder(const FolderVariables& variables) {
-    if (isAbsolute(variables.dataHome)) return variables.dataHome;
-    const std::string home = homeFolder(variables);
-    return home.empty() ? "" : within(home, ".local/share");
-}
-
 std::string userDataFolder(const FolderVariables& variables, const std::string& application) {
-    const std::string data = userDataFolder(variables);
-    return data.empty() ? "" : within(data, application);
+    if (isAbsolute(variables.dataHome)) return within(variables.dataHome, application);
+    const std::string home = homeFolder(variables);
+    return home.empty() ? "" : within(within(home, ".local/share"), application);
 }
 
 std::vector<std::string> dataFolders(const FolderVariables& variables, const std::string& application) {

@@ -23,9 +23,8 @@ std::string programName();
 // HOME, else what the system's list of users has for this user; "" where that has none either.
 std::string homeFolder(const FolderVariables& variables);
 
-// The user's folder of all applications' data: XDG_DATA_HOME, else ~/.local/share; "" where there is no home folder
-// either. And an application's folder in it.
-std::string userDataFolder(const FolderVariables& variables);
+// An application's data folder of the user: in XDG_DATA_HOME, else in ~/.local/share. "" where there is no home folder
+// either.
 std::string userDataFolder(const FolderVariables& variables, const std::string& application);
 
 // The application's data folders, the user's first and then the system's: in each of XDG_DATA_DIRS, or in

@@ -22,11 +22,18 @@ bool holdsData(const std::string& folder) {
     return false;
 }
 
+// Where earlier versions had the data of a host that told no folder: they took the variables as they are, and the root
+// folder for the home of a process without HOME.
+std::string earlierFolder() {
+    const FolderVariables variables = ownFolderVariables();
+    return variables.dataHome.empty() ? variables.home + "/.local/share" : variables.dataHome;
+}
+
 // False where it can't be known.
 bool settleFolder() {
     std::string& data = dataPaths().data;
-    const std::string earlier = userDataFolder(ownFolderVariables());
-    if (earlier.empty() || !holdsData(earlier)) {
+    const std::string earlier = earlierFolder();
+    if (!holdsData(earlier)) {
         if (const std::string problem = makeFolder(localToUtf8(data)); !problem.empty())
             LOG(7, AT "%s", HERE, problem.c_str());
         return true;
