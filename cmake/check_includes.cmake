@@ -1,7 +1,7 @@
 # Stops where one of FILES includes a header of this tree from a folder that is none of KNOWN; else touches STAMP.
 cmake_minimum_required(VERSION 3.25)
 foreach(file ${FILES})
-    file(STRINGS ${file} lines REGEX "^#include \"")
+    file(STRINGS ${file} lines REGEX "^#include \"[^\"]*/")
     foreach(line ${lines})
         string(REGEX REPLACE "^#include \"([^\"]*)/[^/\"]*\".*" "\\1" folder "${line}")
         if(NOT folder IN_LIST KNOWN)

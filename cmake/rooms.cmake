@@ -16,11 +16,31 @@ if(SDCONFIG_FUZZ)
     set(layer_kind STATIC)
 endif()
 
+# Puts into `stamp` a file for a room's sources, at whose making the build stops where one of FILES, or a header of `folder`,
+# includes another folder of the tree than this one and those of KNOWN.
+function(sd_checked_includes stamp folder)
+    cmake_parse_arguments(CHECK "" "" "FILES;KNOWN" ${ARGN})
+    string(REPLACE "/" "_" name ${folder})
+    set(checked ${CMAKE_CURRENT_BINARY_DIR}/${name}.includes)
+    file(GLOB headers CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${folder}/*.h)
+    add_custom_command(OUTPUT ${checked}
+        COMMAND ${CMAKE_COMMAND} "-DFILES=${CHECK_FILES};${headers}" "-DKNOWN=${folder};${CHECK_KNOWN}"
+            -DSTAMP=${checked} -P ${PROJECT_SOURCE_DIR}/cmake/check_includes.cmake
+        DEPENDS ${CHECK_FILES} ${headers} ${PROJECT_SOURCE_DIR}/cmake/check_includes.cmake VERBATIM)
+    set(${stamp} ${checked} PARENT_SCOPE)
+endfunction()
+
 # A room of libsdconfig: one object library, so that tests link the same objects, hidden symbols included.
-# SOURCES its files; ROOMS the rooms that it may know; USES the libraries that its users never meet.
+# SOURCES its files; ROOMS the rooms that it may know; USES the libraries that its users never meet. KNOWS, of one
+# room of a folder: which others the files there may include, or the build stops.
 function(sd_room name)
-    cmake_parse_arguments(ROOM "" "" "SOURCES;ROOMS;USES" ${ARGN})
-    add_library(sd_${name} OBJECT ${ROOM_SOURCES})
+    cmake_parse_arguments(ROOM "" "" "SOURCES;ROOMS;USES;KNOWS" ${ARGN})
+    if(ROOM_KNOWS)
+        cmake_path(RELATIVE_PATH CMAKE_CURRENT_SOURCE_DIR BASE_DIRECTORY ${PROJECT_SOURCE_DIR} OUTPUT_VARIABLE folder)
+        file(GLOB files CONFIGURE_DEPENDS *.cpp)
+        sd_checked_includes(checked ${folder} FILES ${files} KNOWN ${ROOM_KNOWS})
+    endif()
+    add_library(sd_${name} OBJECT ${ROOM_SOURCES} ${checked})
     target_include_directories(sd_${name} PUBLIC ${PROJECT_SOURCE_DIR})
     target_link_libraries(sd_${name} PUBLIC ${ROOM_ROOMS} PRIVATE ${ROOM_USES} sd_warnings)
 endfunction()
@@ -59,18 +79,11 @@ function(sd_app_room folder)
     cmake_parse_arguments(ROOM "" "" "SOURCES;ROOMS;LIBRARY;LINKS;USES" ${ARGN})
     string(REPLACE "/" "_" name ${folder})
     list(TRANSFORM ROOM_ROOMS PREPEND apps/ OUTPUT_VARIABLE known)
-    list(APPEND known apps/${folder} ${ROOM_LIBRARY})
     set(targets ${ROOM_ROOMS})
     list(TRANSFORM targets REPLACE "/" "_")
     list(TRANSFORM targets PREPEND sd_app_)
     list(TRANSFORM ROOM_SOURCES PREPEND ${PROJECT_SOURCE_DIR}/apps/${folder}/)
-    file(GLOB headers CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/apps/${folder}/*.h)
-
-    set(checked ${CMAKE_CURRENT_BINARY_DIR}/${name}.includes)
-    add_custom_command(OUTPUT ${checked}
-        COMMAND ${CMAKE_COMMAND} "-DFILES=${ROOM_SOURCES};${headers}" "-DKNOWN=${known}" -DSTAMP=${checked}
-            -P ${PROJECT_SOURCE_DIR}/cmake/check_includes.cmake
-        DEPENDS ${ROOM_SOURCES} ${headers} ${PROJECT_SOURCE_DIR}/cmake/check_includes.cmake VERBATIM)
+    sd_checked_includes(checked apps/${folder} FILES ${ROOM_SOURCES} KNOWN ${known} ${ROOM_LIBRARY})
     add_library(sd_app_${name} STATIC ${ROOM_SOURCES} ${checked})
     set_target_properties(sd_app_${name} PROPERTIES LINKER_LANGUAGE CXX)
     target_include_directories(sd_app_${name} PUBLIC ${PROJECT_SOURCE_DIR})
