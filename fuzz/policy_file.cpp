@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <set>
 
-#include "apps/sdconfig/request/letter_case.h"
 #include "apps/sdconfig/policy/policy_value.h"
+#include "apps/sdconfig/request/letter_case.h"
 #include "fuzz/support.h"
 
 namespace {

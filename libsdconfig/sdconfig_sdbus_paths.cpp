@@ -42,7 +42,7 @@ std::string applicationDataPath(const StandardFolders& folders) {
     }
     std::string home = applicationHomePath(folders.home);
     if (home.empty()) home = kFallbackHome;
-    const std::string data = home + "/" + folders.application;
+    std::string data = home + "/" + folders.application;
     LOG(5, AT "using fallback data=%s", HERE_AT(197), data.c_str());
     return data;
 }

@@ -20,8 +20,8 @@ SDTKS_API bool aes_encrypt_strong(const char* in, int length, char* out, unsigne
 // Deciphers `length` bytes into `out`, which must hold as many. Bytes of the last block that are missing count as 0.
 // Only the last padding byte is looked at. One of 128 and more passes, as a negative number: `outLength` is then larger
 // than `length`, and only `length` bytes were written.
-// False, with `outLength` unchanged, for a null pointer, no bytes or more than an int counts, an unfit key, a padding of
-// 0 or of 17 to 127, or where OpenSSL can't be loaded.
+// False, with `outLength` unchanged, for a null pointer, no bytes or more than an int counts, an unfit key, a padding
+// of 0 or of 17 to 127, or where OpenSSL can't be loaded.
 SDTKS_API bool aes_decrypt_strong(char* in, unsigned long length, char* out, int* outLength);
 
 class SDTKS_API SDTks {
