@@ -53,7 +53,8 @@ std::string unprotected(const std::string& argument) {
     return argument.substr(0, argument.find('\0'));
 }
 
-bool isExecute(const std::vector<std::string>& arguments) {
+// The first two words, which name a command, or begin with one.
+std::vector<std::string> commandWords(const std::vector<std::string>& arguments) {
     std::vector<std::string> words;
     for (auto at = arguments.begin(); at != arguments.end() && words.size() < 2; ++at) {
         if (at->empty() || at->front() != '-')
@@ -61,13 +62,24 @@ bool isExecute(const std::vector<std::string>& arguments) {
         else if (*at == "--user" && at + 1 != arguments.end())
             ++at;
     }
-    return words == std::vector<std::string>{"secure", "exec"};
+    return words;
+}
+
+// Null where no command is named.
+const Command* namedCommand(const std::vector<std::string>& arguments) {
+    const std::vector<std::string> words = commandWords(arguments);
+    const auto isNamed = [&words](const Command& command) {
+        if (!command.group[0]) return !words.empty() && words[0] == command.name;
+        return words.size() > 1 && words[0] == command.group && words[1] == command.name;
+    };
+    const auto named = std::find_if(commands().begin(), commands().end(), isNamed);
+    return named == commands().end() ? nullptr : &*named;
 }
 
 // Behind "--" of "secure exec" stands another program, with options of its own.
 std::vector<std::string> takeProgram(std::vector<std::string>& arguments) {
     const auto mark = std::find(arguments.begin(), arguments.end(), "--");
-    if (mark == arguments.end() || !isExecute(arguments)) return {};
+    if (mark == arguments.end() || commandWords(arguments) != std::vector<std::string>{"secure", "exec"}) return {};
     std::vector<std::string> program;
     std::transform(mark + 1, arguments.end(), std::back_inserter(program), unprotected);
     arguments.erase(mark, arguments.end());
@@ -93,8 +105,13 @@ std::string optionName(const std::string& argument) {
 
 }  // namespace
 
-CommandLine::CommandLine()
-    : mApp(std::make_unique<CLI::App>("Reads and writes the configuration of the desktop client.", "sdconfig")) {
+CommandLine::CommandLine() = default;
+CommandLine::~CommandLine() = default;
+
+void CommandLine::prepare() {
+    mRequest = Request();
+    mCommand = nullptr;
+    mApp = std::make_unique<CLI::App>("Reads and writes the configuration of the desktop client.", "sdconfig");
     mApp->option_defaults()->disable_flag_override();
     mApp->set_version_flag("--version", "sdconfig " SDCONFIG_VERSION, "Print the version");
     mApp->add_flag("--json", mRequest.json, "Print one JSON object on one line");
@@ -106,10 +123,24 @@ CommandLine::CommandLine()
     mApp->require_subcommand(1);
     mApp->fallthrough();  // so that these are good at any place
     mApp->footer(footer("", "sdconfig set sd.ui.theme dark"));
+}
+
+void CommandLine::prepareFor(const Command& command) {
+    prepare();
     for (const Group& group : groups())
-        mApp->add_subcommand(group.name, group.help)->require_subcommand(1)->footer(footer("", group.example));
+        if (command.group == std::string(group.name)) add(group);
+    add(command);
+}
+
+void CommandLine::prepareWhole() {
+    prepare();
+    for (const Group& group : groups()) add(group);
     for (const Command& command : commands()) add(command);
     addHelp();
+}
+
+void CommandLine::add(const Group& group) {
+    mApp->add_subcommand(group.name, group.help)->require_subcommand(1)->footer(footer("", group.example));
 }
 
 void CommandLine::addHelp() {
@@ -117,8 +148,6 @@ void CommandLine::addHelp() {
     app->footer(footer("", "sdconfig help policy set"));
     app->add_option("COMMAND", mHelpOn, "The command")->type_name("");
 }
-
-CommandLine::~CommandLine() = default;
 
 void CommandLine::add(const Command& command) {
     CLI::App& parent = command.group[0] ? *mApp->get_subcommand(command.group) : *mApp;
@@ -158,18 +187,33 @@ void CommandLine::add(const Command& command) {
 }
 
 std::optional<int> CommandLine::parse(int argc, char** argv) {
-    try {
-        std::vector<std::string> arguments = protectedArguments(argc, argv);
-        mRequest.program = takeProgram(arguments);
-        std::reverse(arguments.begin(), arguments.end());  // as the parser wants them
-        mApp->parse(std::move(arguments));
-    } catch (const CLI::ParseError& error) {
-        return error.get_exit_code() == 0 ? printHelp(error) : wrongUse(error);
+    std::vector<std::string> arguments = protectedArguments(argc, argv);
+    std::vector<std::string> program = takeProgram(arguments);
+    const Command* const named = namedCommand(arguments);
+    std::reverse(arguments.begin(), arguments.end());  // as the parser wants them
+    if (!named || !isRightFor(*named, arguments)) {
+        prepareWhole();
+        try {
+            mApp->parse(std::move(arguments));
+        } catch (const CLI::ParseError& error) {
+            return error.get_exit_code() == 0 ? printHelp(error) : wrongUse(error);
+        }
     }
     if (!mCommand) return printHelpOf(mHelpOn);
+    mRequest.program = std::move(program);
     for (const Argument& argument : mCommand->arguments)
         if (!argument.mayBeEmpty && holdsEmpty(mRequest, argument)) return emptyName(mRequest, argument.name);
     return std::nullopt;
+}
+
+bool CommandLine::isRightFor(const Command& command, std::vector<std::string> arguments) {
+    prepareFor(command);
+    try {
+        mApp->parse(std::move(arguments));
+    } catch (const CLI::ParseError&) {
+        return false;
+    }
+    return true;
 }
 
 int CommandLine::printHelp(const CLI::ParseError& help) const {

@@ -16,6 +16,7 @@ class ParseError;
 namespace cli {
 
 struct Command;
+struct Group;
 
 class CommandLine {
 public:
@@ -31,9 +32,16 @@ public:
     const Request& request() const { return mRequest; }
 
 private:
+    // To make a parser takes much of the time of a call, and most calls name a command and are right: for them that of
+    // the command is made. The whole one has the helps, and says what is wrong.
+    void prepareFor(const Command& command);
+    void prepareWhole();
+    void prepare();
+    void add(const Group& group);
     void add(const Command& command);
     void addHelp();
-    int printHelp(const CLI::ParseError& help) const;  // or the version
+    bool isRightFor(const Command& command, std::vector<std::string> arguments);  // help is not
+    int printHelp(const CLI::ParseError& help) const;                             // or the version
     int printHelpOf(const std::vector<std::string>& words) const;
     int wrongUse(const CLI::ParseError& error) const;
 

@@ -127,13 +127,16 @@ Service::Service(const Request& request) : mRequest(request), mLog(std::make_sha
 Service::~Service() = default;
 
 Probe Service::probe() const {
+    Probe first = probeOnce();  // connects as well
+    return first.answered ? probeOnce() : first;
+}
+
+Probe Service::probeOnce() const {
     Probe probe;
     if (!listening()) return probe;
     const auto proxy = mBus->getServiceProxyInterface(sd::protocol::kServiceName, SDBusSameUser, 1);
-    const auto call = [&proxy] { return apps::smallestCall(*proxy, sd::protocol::kCallTimeoutMs); };
-    auto reply = call();  // connects as well
     const auto began = Clock::now();
-    if (isAnswer(*reply)) reply = call();
+    const auto reply = apps::smallestCall(*proxy, sd::protocol::kCallTimeoutMs);
     probe.roundTrip = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - began);
     probe.answered = isAnswer(*reply);
     probe.listening = reply->getErrorType() != SDBusUnreachable || listening();
@@ -144,7 +147,7 @@ Probe Service::probe() const {
 // The facade's first call runs the client's start-up tasks, up to 16 calls of 5 s each where the service listens but
 // does not answer. One call made before it keeps a hung service from holding up the user for more than those 5 s.
 int Service::require() {
-    const Probe found = appears() ? probe() : Probe{};
+    const Probe found = appears() ? probeOnce() : Probe{};
     if (!found.listening) return notRunning(attempt(mRequest), socketPath(), lookedAt());
     if (!found.answered) return noAnswer(attempt(mRequest), found.how, socketPath());
     return kDone;

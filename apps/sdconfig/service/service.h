@@ -86,6 +86,7 @@ private:
     void beginCall(const std::string& words);
     int endCall(bool failureValue);
     bool appears() const;
+    Probe probeOnce() const;
 
     const Request& mRequest;
     std::shared_ptr<LogWatch> mLog;
