@@ -64,6 +64,7 @@ public:
 
 private:
     class Process;
+    using Clock = std::chrono::steady_clock;
 
     // An answer, or what came in its place.
     class Answer {
@@ -86,15 +87,19 @@ private:
     bool init();
     std::shared_ptr<SDBusMessage> makeCall(const char* method) const;
     Answer send(const std::shared_ptr<SDBusMessage>& call);
+    Answer sendWithin(const std::shared_ptr<SDBusMessage>& call, Clock::time_point begun);
     Answer request(const char* method, std::initializer_list<std::string> strings);
     Answer requestSecure(const std::string& key);
 
+    // Events come from the first registration on: the subscription is in force before the service knows of it.
+    void subscribe();
+    Answer sendRegistration(const std::shared_ptr<SDBusMessage>& call);
     bool unregister(const std::string& key, DMConfig::Listener* listener, bool flag);
 
     // Start-up tasks: every process runs them, so they may run any number of times. They end early when the service
     // stops answering: the key in hand is left alone, and the others to the next start-up of this client.
     static constexpr char kOldLockscreenKey[] = "ro.sd.user.lockscreen.data";
-    bool startUp(std::chrono::steady_clock::time_point begun);
+    bool startUp(Clock::time_point begun);
     void printProductInfo();
     void dataMigrate(const std::string& key);
     void wpowerConfigInit();
@@ -103,10 +108,11 @@ private:
     // Of the start-up, which one thread does before any other has the client.
     bool mStarted = false;
     bool mAnswers = true;  // whether the service answered the last request
-    std::chrono::steady_clock::time_point mHeardOf;
+    Clock::time_point mHeardOf;
     bool mMigrated = false;
     std::size_t mPowerChecked = 0;  // how many of the power defaults
 
+    std::once_flag mSubscription;
     std::mutex mRegistering;  // one listener registered or unregistered at a time, the call included
     const std::shared_ptr<ListenerMap> mListenerMap;  // shared with the event callback, which may outlive the client
     std::shared_ptr<SDBusProxyInterface> mProxy;

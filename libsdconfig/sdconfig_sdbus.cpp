@@ -151,7 +151,7 @@ bool SDConfigClient::awaitService() {
 
 // Makes the client unless that is done, and does what is left of its start-up.
 bool SDConfigClient::connect(std::shared_ptr<SDConfigClient>& client) {
-    const auto begun = std::chrono::steady_clock::now();
+    const auto begun = Clock::now();
     if (!client) client.reset(new SDConfigClient);
     return client->startUp(begun);
 }
@@ -169,11 +169,17 @@ bool SDConfigClient::init() {
         LOG(7, AT "initSync error", HERE_AT(287));
         return false;
     }
-    // The bus layer takes the callback over.
-    auto* callback = new SDBusEventCallback(
-        [listeners = mListenerMap](std::shared_ptr<SDBusMessage> event) { listeners->onEvent(*event); });
-    mProxy->addEventListener(protocol::kDmChanged, callback, SDBusSameUser);
     return true;
+}
+
+// A connection and a thread of their own, which a client without listeners does without.
+void SDConfigClient::subscribe() {
+    std::call_once(mSubscription, [this] {
+        // The bus layer takes the callback over.
+        auto* callback = new SDBusEventCallback(
+            [listeners = mListenerMap](std::shared_ptr<SDBusMessage> event) { listeners->onEvent(*event); });
+        mProxy->addEventListener(protocol::kDmChanged, callback, SDBusSameUser);
+    });
 }
 
 std::shared_ptr<SDBusMessage> SDConfigClient::makeCall(const char* method) const {
@@ -182,14 +188,23 @@ std::shared_ptr<SDBusMessage> SDConfigClient::makeCall(const char* method) const
 
 SDConfigClient::Answer SDConfigClient::send(const std::shared_ptr<SDBusMessage>& call) {
     if (mStarted) return Answer(mProxy->callWithReplyBlocking(call, protocol::kCallTimeoutMs));
-    // What the subscription waited counts: a service that hangs costs the first call no more than any other.
-    const auto silence = std::chrono::steady_clock::now() - mHeardOf;
-    const auto silentMs = std::chrono::duration_cast<std::chrono::milliseconds>(silence).count();
-    const auto leftMs = std::max<long>(protocol::kCallTimeoutMs - silentMs, kLeastTimeoutMs);
-    Answer answer(mProxy->callWithReplyBlocking(call, static_cast<int>(leftMs)));
+    Answer answer = sendWithin(call, mHeardOf);
     mAnswers = answer.hasCome();
-    mHeardOf = std::chrono::steady_clock::now();
+    mHeardOf = Clock::now();
     return answer;
+}
+
+// What was waited before counts: a service that hangs costs no call more than any other.
+SDConfigClient::Answer SDConfigClient::sendWithin(const std::shared_ptr<SDBusMessage>& call, Clock::time_point begun) {
+    const auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begun);
+    const auto leftMs = std::max<long>(protocol::kCallTimeoutMs - waited.count(), kLeastTimeoutMs);
+    return Answer(mProxy->callWithReplyBlocking(call, static_cast<int>(leftMs)));
+}
+
+SDConfigClient::Answer SDConfigClient::sendRegistration(const std::shared_ptr<SDBusMessage>& call) {
+    const auto begun = Clock::now();
+    subscribe();
+    return sendWithin(call, begun);
 }
 
 SDConfigClient::Answer SDConfigClient::request(const char* method, std::initializer_list<std::string> strings) {

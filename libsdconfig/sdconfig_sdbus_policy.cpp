@@ -153,7 +153,7 @@ bool SDConfigClient::RegisterListener(const std::string& key, DMConfig::Listener
     const auto call = makeCall(protocol::kRegisterListener);
     call->appendString(key);
     call->appendBool(flag);
-    const Answer answer = send(call);
+    const Answer answer = sendRegistration(call);
     if (!answer.ok()) {
         LOG(7, AT "error reply: type=%d, RegisterListener key : %s failed, ", HERE, answer.type(), key.c_str());
         return false;
@@ -192,7 +192,7 @@ bool SDConfigClient::RegisterListenersWithList(const DMConfig::ListenerList& lis
     call->appendInt8(narrowed(listeners.size()));
     for (const auto& [key, listener] : listeners) call->appendString(key);
     call->appendBool(flag);
-    const Answer answer = send(call);
+    const Answer answer = sendRegistration(call);
     if (!answer.ok()) {
         LOG(7, AT "error reply: type=%d, RegisterListenersWithList failed", HERE, answer.type());
         return false;

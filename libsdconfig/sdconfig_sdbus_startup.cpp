@@ -84,7 +84,7 @@ std::vector<std::pair<std::string, std::string>> lockscreenEntries(const std::st
 }
 
 // begun: since when the service has said nothing. False when it stops answering: then each task is done up to there.
-bool SDConfigClient::startUp(std::chrono::steady_clock::time_point begun) {
+bool SDConfigClient::startUp(Clock::time_point begun) {
     mHeardOf = begun;
     mAnswers = true;
     printProductInfo();  // every time: while it goes unanswered, no task gives up a key

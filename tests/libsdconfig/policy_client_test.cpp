@@ -2,8 +2,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
+#include <fstream>
 #include <functional>
 #include <future>
 #include <stdexcept>
@@ -36,6 +39,16 @@ protected:
         mService.tell("DM_CHANGED", "fence", "up", false);
         EXPECT_TRUE(test::waitUntil([&] { return !fence.all().empty(); }));
         mPolicies->UnRegisterListener("fence", &fence, true);
+    }
+
+    // How many the service has, by the kernel's list of sockets: each bears the path of the one that listens.
+    long connections() const {
+        const std::string path = " " + mManager->socketPath("sdconfig");
+        std::ifstream sockets("/proc/net/unix");
+        long count = 0;
+        for (std::string line; std::getline(sockets, line);)
+            if (line.size() > path.size() && line.compare(line.size() - path.size(), path.size(), path) == 0) ++count;
+        return count - 1;
     }
 
     DMConfig* mPolicies = DMConfig::GetInstance();
@@ -131,6 +144,44 @@ TEST_F(PolicyClientTest, ListenersHearInTheOrderOfRegistration) {
     mService.tell("DM_CHANGED", "new", "v", true);
     fence();
     EXPECT_EQ(order, "211") << "refused, and yet it hears";
+}
+
+TEST_F(PolicyClientTest, TheFirstRegistrationsSubscribeOnceAndBeforeTheyAreSent) {
+    connect();
+    EXPECT_EQ(connections(), 1) << "nobody listens yet";
+    mService.hold("DM_REGISTER_LISTERNER");
+    std::array<Recorder, 3> listeners;
+    std::vector<std::future<bool>> registrations;
+    const auto keyOf = [](size_t i) { return std::string(1, static_cast<char>('a' + i)); };
+    for (size_t i = 0; i < listeners.size(); ++i)
+        registrations.push_back(std::async(std::launch::async, [&, i] {
+            return mPolicies->RegisterListenersWithList({{keyOf(i), &listeners[i]}}, true);
+        }));
+    for (size_t i = 0; i < listeners.size(); ++i)
+        ASSERT_TRUE(mService.waitForCall("DM_REGISTER_LISTERNER 1 " + keyOf(i) + " "));
+    EXPECT_EQ(connections(), 4) << "a call of each, and one subscription";
+    mService.resume();
+    for (size_t i = 0; i < listeners.size(); ++i) {
+        EXPECT_TRUE(registrations[i].get());
+        mService.tell("DM_CHANGED", keyOf(i), "v", false);
+    }
+    for (Recorder& listener : listeners)
+        EXPECT_TRUE(test::waitUntil([&] { return listener.all().size() == 1; })) << "told once it was registered";
+}
+
+TEST_F(PolicyClientTest, AServiceThatHangsCostsARegistrationNoMoreThanAnyCall) {
+    connect();
+    Recorder listener;
+    mService.hang();
+    const auto started = std::chrono::steady_clock::now();
+    EXPECT_FALSE(mPolicies->RegisterListener("k", &listener, true));
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(5900));
+    mService.release();
+    EXPECT_TRUE(mPolicies->RegisterListener("k", &listener, true));
+    EXPECT_TRUE(test::waitUntil([&] {
+        mService.tell("DM_CHANGED", "k", "v", true);
+        return !listener.all().empty();
+    })) << "the subscription comes into force by itself";
 }
 
 TEST_F(PolicyClientTest, AListenerMayCallAnythingAndIsGoneOnceUnregistered) {
