@@ -104,6 +104,17 @@ bool SQLiteTable::select(const TableRow& where, const TableRow& columns, std::ve
     return true;
 }
 
+bool SQLiteTable::hasRow(const TableRow& columns) {
+    if (columns.empty()) return false;
+    std::string sql;
+    genSelectStatement({}, columns, sql);
+    SQLiteStatement statement(mDb, sql);
+    if (statement.prepare() != 0) return false;
+    const bool found = statement.step() == SQLITE_ROW;
+    statement.finalize();
+    return found;
+}
+
 void SQLiteTable::genCreateStatement(std::string& out) {
     if (mFields.empty()) return;
     out = fragment("CREATE TABLE IF NOT EXISTS %s(", mName.c_str());

@@ -49,6 +49,9 @@ public:
     // values set. False when there are no columns or the statement can't be prepared; a failure later on ends the rows.
     bool select(const TableRow& where, const TableRow& columns, std::vector<TableRow>& results);
 
+    // Whether select would yield a row of `columns` of all rows: reads no further than the first.
+    bool hasRow(const TableRow& columns);
+
     // The statements. A part of one that is longer than 255 characters is cut there.
     void genCreateStatement(std::string& out);  // leaves `out` alone while there are no definitions
     void genInsertStatement(const TableRow& row, std::string& out);

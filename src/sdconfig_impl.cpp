@@ -79,7 +79,7 @@ bool SDConfigImpl::upgradeDB() {
 }
 
 bool SDConfigImpl::isNewInstall() {
-    return getTableRecordCount(mSecureV3Table) == 0;
+    return key_value::isEmpty(mSecureV3Table);
 }
 
 std::string SDConfigImpl::getDBVersion(data::SQLiteTable& table) {

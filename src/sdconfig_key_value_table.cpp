@@ -63,6 +63,10 @@ bool hasKey(data::SQLiteTable& table, const std::string& key) {
            rows.front().front().text == key;
 }
 
+bool isEmpty(data::SQLiteTable& table) {
+    return !table.hasRow(field(table, kKey));
+}
+
 std::size_t count(data::SQLiteTable& table) {
     std::vector<data::TableRow> rows;
     return table.select({}, field(table, kKey), rows) ? rows.size() : 0;

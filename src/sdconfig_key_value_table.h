@@ -33,6 +33,9 @@ bool keys(data::SQLiteTable& table, std::vector<std::string>& result);
 // Whether there is a row of exactly this key, letter case included.
 bool hasKey(data::SQLiteTable& table, const std::string& key);
 
+// Whether there is no row, or none that can be read. Looks at the first one alone, whatever their number.
+bool isEmpty(data::SQLiteTable& table);
+
 // How many rows there are, up to the first that can't be read; 0 when the table can't be read at all.
 std::size_t count(data::SQLiteTable& table);
 

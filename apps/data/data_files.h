@@ -23,8 +23,14 @@ inline constexpr char kRingFile[] = "sdsecurity.keys";
 
 inline constexpr char kLockFile[] = "sdconfigd.lock";
 
-// What else stands there, or not, and is nobody else's business: how often keys have sealed, and locks.
-inline constexpr std::array kOtherFiles{"sdsecurity.count", "sdsecurity.lock", kLockFile};
+// That the last service ended as told and its databases were whole (apps/sdconfigd/clean_end.h).
+inline constexpr char kCleanEndFile[] = "sdconfigd.clean";
+
+// What else stands there, or not, and is nobody else's business: how often keys have sealed, locks, the mark.
+inline constexpr std::array kOtherFiles{"sdsecurity.count", "sdsecurity.lock", kLockFile, kCleanEndFile};
+
+// What a service leaves in a folder that holds no data.
+inline constexpr std::array kTraceFiles{kLockFile, kCleanEndFile};
 
 // What SQLite keeps beside a database: its log and the log's index, or the journal of one that has no log.
 inline constexpr std::array kDatabaseSuffixes{"-wal", "-shm", "-journal"};

@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <iostream>
 #include <map>
+#include <optional>
 #include <string>
 
 #include "apps/common/escaped.h"
@@ -23,6 +24,7 @@
 #include "apps/data/database_check.h"
 #include "apps/data/served_folder.h"
 #include "apps/data/upgrader.h"
+#include "apps/sdconfigd/clean_end.h"
 #include "apps/sdconfigd/constants_file.h"
 #include "apps/sdconfigd/preflight.h"
 #include "base/standard_folders.h"
@@ -130,9 +132,31 @@ std::string useConstants(const std::string& path) {
     return "";
 }
 
+// The data folder in this service's hands. Made before the stores, so that it is given up after their files are closed.
+class HeldFolder {
+public:
+    HeldFolder() = default;
+    ~HeldFolder() {
+        if (mEndedCleanly) CleanEndMark(mPath).write();
+    }
+    HeldFolder(const HeldFolder&) = delete;
+    HeldFolder& operator=(const HeldFolder&) = delete;
+
+    std::optional<apps::Finding> take(const std::string& path) {
+        mPath = path;
+        return mLock.take(path);
+    }
+    void noteCleanEnd() { mEndedCleanly = true; }
+
+private:
+    apps::DataFolderLock mLock;
+    std::string mPath;
+    bool mEndedCleanly = false;
+};
+
 // Tells the library and the layers below it where the data is, and takes the data folder. Returns a line for a person,
 // or "".
-std::string prepare(const Options& options, apps::DataFolderLock& lock) {
+std::string prepare(const Options& options, HeldFolder& folder) {
     const std::string dataDir = std::filesystem::absolute(options.dataDir).lexically_normal();
     sd::SDConfig::setDataPath(dataDir);
     if (sd::SDConfig::getDataPathUtf8() != dataDir) return "the path of the data folder is not valid UTF-8";
@@ -140,7 +164,7 @@ std::string prepare(const Options& options, apps::DataFolderLock& lock) {
     sd::SDSecurity& security = *sd::SDSecurity::GetInstance();
     security.SetKeyRingFolder(dataDir);
     if (std::string problem = sd::makeFolder(dataDir); !problem.empty()) return problem;
-    if (const auto problem = lock.take(dataDir)) return problem->what + ": " + problem->next;
+    if (const auto problem = folder.take(dataDir)) return problem->what + ": " + problem->next;
     if (const std::string problem = security.SelfTest(); !problem.empty())
         return "nothing can be sealed or opened: " + problem;
     if (std::string problem = preflight(dataDir); !problem.empty()) return problem;
@@ -186,7 +210,7 @@ int serve(const sigset_t& endSignals) {
     sd_notify(0, "READY=1");
     if (!buildProp) tell("there is no build.prop, so the product's properties are unset; see --product-dir");
     tell("ready on " + bus.socketPath(kName) + ", data in " + sd::SDConfig::getDataPath());
-    ::malloc_trim(0);  // the stores held all their keys for a moment, to count them
+    ::malloc_trim(0);  // what it took to look at the databases
     waitForEnd(endSignals);
     sd_notify(0, "STOPPING=1");
     bus.unregisterServiceInterface(kName);
@@ -200,9 +224,11 @@ int run(const Options& options, const sigset_t& endSignals) {
                     std::to_string(holder) + "; end that one first");
     if (const std::string problem = useConstants(options.constants); !problem.empty()) return fail(problem, kWrongUse);
     if (const std::string problem = useProduct(options.productDir); !problem.empty()) return fail(problem, kWrongUse);
-    apps::DataFolderLock lock;
-    if (const std::string problem = prepare(options, lock); !problem.empty()) return fail(problem);
-    return serve(endSignals);
+    static HeldFolder folder;
+    if (const std::string problem = prepare(options, folder); !problem.empty()) return fail(problem);
+    const int code = serve(endSignals);
+    if (code == kDone) folder.noteCleanEnd();
+    return code;
 }
 
 // Makes `folder` the one whose ring is meant: the running service's, where there is one. Returns a line for a person,

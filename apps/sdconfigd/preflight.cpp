@@ -8,9 +8,14 @@
 
 #include "apps/data/database_check.h"
 #include "apps/data/sqlite_handles.h"
+#include "apps/sdconfigd/clean_end.h"
 #include "platform/sdsecurity/sdsecurity.h"
+#include "platform/velmarlog/log_line.h"
 
 namespace {
+
+constexpr char kTag[] = "sdconfig";
+constexpr char kSource[] = "apps/sdconfigd/preflight";
 
 constexpr int kBusyTimeoutMs = 5000;
 
@@ -40,9 +45,12 @@ struct Findings {
     std::string emptied;  // a database that is there but lacks the table of its sealed rows
 };
 
+enum class Integrity { ToCheck, Known };
+
 // Opens the file as the store will, takes the write lock and looks for damage and for sealed rows in the table. Leaves
 // the file and its log as they are: a start that is refused must not have changed what is to be rescued.
-std::string checkDatabase(const std::string& path, const apps::DatabaseLayout& layout, Findings& findings) {
+std::string checkDatabase(const std::string& path, const apps::DatabaseLayout& layout, Integrity integrity,
+                          Findings& findings) {
     const bool wasThere = std::filesystem::exists(path);
     for (const auto look : {apps::irregularFile, apps::logDamage})
         if (const auto damage = look(path)) return lineOf(*damage);
@@ -52,7 +60,8 @@ std::string checkDatabase(const std::string& path, const apps::DatabaseLayout& l
     sqlite3_db_config(db.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
     if (sqlite3_exec(db.get(), "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK)
         return problemWith(db.get(), path);
-    if (const auto damage = apps::integrityDamage(db.get(), path)) return lineOf(*damage);
+    if (integrity == Integrity::ToCheck)
+        if (const auto damage = apps::integrityDamage(db.get(), path)) return lineOf(*damage);
     const std::string table = layout.sealedTable;
     const std::string rows = "SELECT 1 FROM " + table + " WHERE key <> '' AND value <> '' LIMIT 1";
     if (apps::hasTable(db.get(), table) && apps::yieldsRow(db.get(), rows)) findings.sealedRows = true;
@@ -62,11 +71,24 @@ std::string checkDatabase(const std::string& path, const apps::DatabaseLayout& l
     return "";  // closing rolls the empty transaction back
 }
 
-std::string problemOf(const std::string& dataFolder) {
+// Checking it takes most of the start among many keys. So a folder that is as the last service left it is taken for
+// what it was then.
+Integrity integrityBy(const CleanEndMark& mark) {
+    if (mark.agrees()) {
+        LOG(5, AT "the last service ended cleanly: the databases are not checked for damage again", HERE);
+        return Integrity::Known;
+    }
+    LOG(5, AT "%s: the databases are checked for damage", HERE,
+        mark.isThere() ? "something changed since the last service ended" : "no service ended cleanly here before");
+    return Integrity::ToCheck;
+}
+
+std::string problemOf(const std::string& dataFolder, Integrity integrity) {
     Findings findings;
-    for (const apps::DatabaseLayout* layout : apps::kLayouts)
-        if (std::string problem = checkDatabase(dataFolder + "/" + layout->file, *layout, findings); !problem.empty())
-            return problem;
+    for (const apps::DatabaseLayout* layout : apps::kLayouts) {
+        const std::string path = dataFolder + "/" + layout->file;
+        if (std::string problem = checkDatabase(path, *layout, integrity, findings); !problem.empty()) return problem;
+    }
 
     if (const auto finding = apps::ringFinding(dataFolder, findings.sealedRows)) return lineOf(*finding);
     // The first seal makes the ring, and comes after the tables. One that was handed over tells nothing.
@@ -85,7 +107,9 @@ std::string preflight(const std::string& dataFolder) {
     for (const apps::DatabaseLayout* layout : apps::kLayouts)
         if (std::string path = dataFolder + "/" + layout->file; !fs::exists(fs::symlink_status(path)))
             absent.push_back(std::move(path));
-    std::string problem = problemOf(dataFolder);
+    const CleanEndMark mark(dataFolder);
+    std::string problem = problemOf(dataFolder, integrityBy(mark));
+    if (problem.empty()) problem = mark.remove();
     // The next start would take an empty database for one that was emptied.
     std::error_code ignored;
     for (const std::string& path : absent)

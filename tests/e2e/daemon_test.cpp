@@ -263,6 +263,46 @@ TEST_F(DaemonTest, RefusesDamageAndLeavesItAsItIs) {
     refuse(database, damaged, "the database " + database + " is damaged (");
 }
 
+TEST_F(DaemonTest, ChecksTheDatabasesUnlessTheLastServiceEndedCleanlyAndNothingChanged) {
+    const std::string mark = path("data/sdconfigd.clean");
+    const auto startSays = [&](const std::string& told, int end = SIGTERM) {
+        Process service = startService({"--log-level", "5"});
+        EXPECT_THAT(service.err(), HasSubstr(told));
+        EXPECT_FALSE(std::filesystem::exists(mark)) << "it was to go before anything is served";
+        EXPECT_EQ(cli({"secure", "get", "k"}).exitCode, 0);
+        service.kill(end);
+        service.wait();
+    };
+    {
+        Process service = startService({"--log-level", "5"});
+        EXPECT_THAT(service.err(), HasSubstr("no service ended cleanly here before"));
+        EXPECT_EQ(cli({"secure", "set", "k", "v"}).exitCode, 0);
+        service.kill(SIGTERM);
+        EXPECT_EQ(service.wait(), 0);
+    }
+    EXPECT_EQ(mode("data/sdconfigd.clean"), 0600u);
+    startSays("the last service ended cleanly");
+    EXPECT_THAT(cli({"check", path("data")}).out, HasSubstr("secure values 7"));
+    startSays("the last service ended cleanly", SIGKILL);
+    startSays("no service ended cleanly here before");
+
+    // Each keeps names and sizes; the first keeps what the file holds and when it was written, too.
+    for (const std::string change : {
+             "touch -r $f t; head -c 16 $f | dd of=$f conv=notrunc; touch -r t $f",
+             "cp -p $f t; mv t $f",
+             "cp -p data/sdsecurity.keys t; mv t data/sdsecurity.keys",
+             "echo log >data/dmhelper.db-wal",
+             "sed -i s/cleanly/clearly/ data/sdconfigd.clean",
+         }) {
+        ASSERT_EQ(run({"sh", "-ec", "cd '" + path("") + "'; f=data/sdconfig.db; " + change}, {}).exitCode, 0) << change;
+        startSays("something changed since the last service ended");
+    }
+    startSays("the last service ended cleanly");
+    std::filesystem::remove(mark);
+    std::filesystem::create_directory(mark);
+    expectRefusal("can't remove " + mark);
+}
+
 TEST_F(DaemonTest, AClientLivesThroughAKillAndARestart) {
     const ScopedEnv runtime("XDG_RUNTIME_DIR", path("run").c_str());
     sd::SDConfig& config = *sd::SDConfig::GetInstance();

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -48,6 +49,10 @@ FolderSwap exchange(const std::string& ready, const std::string& place) {
     return {std::move(problem), ""};
 }
 
+bool isTrace(const fs::path& name) {
+    return std::find(apps::kTraceFiles.begin(), apps::kTraceFiles.end(), name) != apps::kTraceFiles.end();
+}
+
 // A folder that held nothing is not kept.
 void dropIfEmpty(std::string& old) {
     std::error_code ignored;
@@ -73,7 +78,7 @@ FolderSwap replace(const std::string& ready, const std::string& place) {
 bool holdsAnything(const std::string& folder) {
     std::error_code failure;
     for (fs::directory_iterator entry(folder, failure), end; !failure && entry != end; entry.increment(failure))
-        if (entry->path().filename() != apps::kLockFile) return true;
+        if (!isTrace(entry->path().filename())) return true;
     return static_cast<bool>(failure) && fs::exists(folder, failure);
 }
 

@@ -1,0 +1,31 @@
+// The mark that a service leaves in its data folder when it ends as told.
+#pragma once
+
+#include <string>
+
+// It describes the databases and the key ring as they stood when the last connection to them was closed, down to the
+// nanosecond of their last change. A start that finds all of that unchanged need not look through the databases for
+// damage again; after a kill or a power cut, and in a folder that was copied, restored, upgraded or edited, there is no
+// mark or it disagrees. It tells nothing of bits that change on the disk by themselves: that is for `sdconfig check`.
+class CleanEndMark {
+public:
+    explicit CleanEndMark(const std::string& dataFolder);
+
+    // Whether it is there and tells of the files as they stand. Not while this process has a database open: closing a
+    // file here would give up the locks of that connection.
+    bool agrees() const;
+
+    bool isThere() const;
+
+    // Has to be done before anything changes: a mark that outlived its time could be trusted one day. Returns a line
+    // for a person, or "" when none is there any more, whatever happens to the machine.
+    std::string remove() const;
+
+    // After the last connection is closed. Where it can't be written, or something is left over that it can't tell of,
+    // there is none: the next start checks everything.
+    void write() const;
+
+private:
+    const std::string mFolder;
+    const std::string mPath;
+};
