@@ -167,6 +167,7 @@ TEST_F(PolicyClientTest, TheFirstRegistrationsSubscribeOnceAndBeforeTheyAreSent)
     }
     for (Recorder& listener : listeners)
         EXPECT_TRUE(test::waitUntil([&] { return listener.all().size() == 1; })) << "told once it was registered";
+    for (size_t i = 0; i < listeners.size(); ++i) mPolicies->UnRegisterListener(keyOf(i), &listeners[i], true);
 }
 
 TEST_F(PolicyClientTest, AServiceThatHangsCostsARegistrationNoMoreThanAnyCall) {
@@ -182,6 +183,7 @@ TEST_F(PolicyClientTest, AServiceThatHangsCostsARegistrationNoMoreThanAnyCall) {
         mService.tell("DM_CHANGED", "k", "v", true);
         return !listener.all().empty();
     })) << "the subscription comes into force by itself";
+    EXPECT_TRUE(mPolicies->UnRegisterListener("k", &listener, true));
 }
 
 TEST_F(PolicyClientTest, AListenerMayCallAnythingAndIsGoneOnceUnregistered) {

@@ -205,7 +205,8 @@ def inject_one(syscall, error, number, results):
     with World() as world:
         trace = world.path("trace")
         files = ["sdconfig.db", "sdconfig.db-wal", "dmhelper.db", "dmhelper.db-wal", "sdsecurity.keys",
-                 "sdsecurity.count", "sdsecurity.keys.new", "sdsecurity.count.new", ""]
+                 "sdsecurity.count", "sdsecurity.keys.new", "sdsecurity.count.new", "sdconfigd.clean",
+                 "sdconfigd.clean.new", ""]
         path_options = [option for name in files for option in ("-P", world.path("data/" + name).rstrip("/"))]
         service = Service(world, ("--log-level", "6"),
                           ["strace", "-D", "-f", "-qq", "-o", trace, "-e", f"trace={syscall}", *path_options,
@@ -224,7 +225,8 @@ def inject_one(syscall, error, number, results):
             check(not failed, f"{failed} still fail when nothing is in the way")
             read_steps(client, stored, syscall)
             service.check_alive()
-            service.kill()
+            # An end by itself writes its mark, of which any call may fail, too.
+            service.kill() if number % 2 else service.stop()
         else:
             service.refusal()
             results["refused"] += 1
@@ -344,20 +346,29 @@ def make_templates(history):
     return templates
 
 
+def put_files(world, files):
+    for file, data in files.items():
+        with open(os.open(world.path("data/" + file), os.O_CREAT | os.O_WRONLY | os.O_TRUNC, 0o600), "wb") as copy:
+            copy.write(data)
+
+
 def damage_one(run, templates, history, seed):
     if run.is_over():
         return None
     rng = random.Random(seed)
-    files = dict(rng.choice(templates))
+    whole = rng.choice(templates)
+    files = dict(whole)
     name = rng.choice([name for name, data in files.items() if data])
     files[name], what = damaged_data(rng, files[name])
     if not files[name] and name.endswith("-wal"):
         del files[name]
     what = f"seed {seed}: {what} in {name}"
     with World() as world:
-        for file, data in files.items():
-            with open(os.open(world.path("data/" + file), os.O_CREAT | os.O_WRONLY, 0o600), "wb") as copy:
-                copy.write(data)
+        marked = not any(file.endswith("-wal") for file in whole) and rng.random() < 0.5
+        put_files(world, whole if marked else files)
+        if marked:
+            world.start().stop()  # leaves a mark beside them, which the damage makes void
+            put_files(world, {name: files[name]})
         service = Service(world, ("--log-level", "6"))
         try:
             if not service.settled():
