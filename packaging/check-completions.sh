@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Compares the completions of all three shells with what "--help" of the programs tells of commands and options.
+# Compares the completions of all three shells, and the manual of sdconfig, with what "--help" of the programs tells of
+# commands and options, which the table of commands tells.
 #     packaging/check-completions.sh SDCONFIG SDCONFIGD
 set -euo pipefail
 export LC_ALL=C
@@ -46,16 +47,32 @@ compare() { # WANTED WORD... LAST
     done
 }
 
+# What the manual shows of a command: its line and the lines that it is broken into.
+manual() { # COMMAND...
+    sed -nE "/^(.*, )?\*$*\*( |,|$)/,/^\t|^$/p" ../man/sdconfig.1.scd
+}
+look_up() { # COMMAND...
+    local entry option own
+    entry=$(manual "$@")
+    own=$("$program" "$@" --help | grep -oE '^ +(-[a-z],)?--[a-z-]+' | grep -oE -- '--[a-z-]+' | grep -v -- --help || true)
+    for option in $own; do grep -qF -- "*$option*" <<<"$entry" || entry=; done
+    [ -n "$entry" ] || { echo "packaging/man/sdconfig.1.scd: \"$*\" is not as its --help has it" >&2 && failed=1; }
+}
+
 compare "$(subcommands)" ""
 compare "$(options)" --
 for command in $(subcommands); do
     nested=$(subcommands "$command")
     if [ -z "$nested" ]; then
         compare "$(options "$command")" "$command" --
+        [ "$command" = help ] || look_up "$command"
         continue
     fi
     compare "$nested" "$command" ""
-    for second in $nested; do compare "$(options "$command" "$second")" "$command" "$second" --; done
+    for second in $nested; do
+        compare "$(options "$command" "$second")" "$command" "$second" --
+        look_up "$command" "$second"
+    done
 done
 
 program=sdconfigd

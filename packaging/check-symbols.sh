@@ -32,7 +32,7 @@ done
 closure() { ldd "$1" | sed -nE 's/^\s*(\S+).*/\1/p'; }
 needed=$(closure "$build/apps/sdconfig/sdconfig")
 if grep -E 'crypto\.so\.3|sqlite|Qt|icu|glib|libsdconfig|sdsecurity' <<<"$needed" || [ "$(wc -l <<<"$needed")" -gt 14 ]; then
-    echo "packaging/check-symbols.sh: sdconfig needs libraries that its second program is for:" $needed >&2
+    echo "packaging/check-symbols.sh: sdconfig needs libraries that its second program is for:" "${needed//$'\n'/ }" >&2
     failed=1
 fi
 if [ "$interface" = changed ]; then
