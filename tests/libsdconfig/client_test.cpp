@@ -186,6 +186,7 @@ TEST(DataPathTest, TheFirstFolderThatIsNotEmpty) {
     using Folders = std::vector<std::string>;
     const auto path = [](const Folders& data, const Folders& home) { return applicationDataPath({data, home, "app"}); };
     EXPECT_EQ(path({"", "/data"}, {"/home"}), "/data");
+    EXPECT_TRUE(log.has("sdconfig_sdbus applicationDataPath(185): data[0]=", 5));
     EXPECT_TRUE(log.has("sdconfig_sdbus applicationDataPath(185): data[1]=/data", 5) && !log.has("home["));
     EXPECT_EQ(path({""}, {"", "/home"}), "/home/app");
     EXPECT_TRUE(log.has("applicationHomePath(161): home[1]=/home", 5));
@@ -196,7 +197,12 @@ TEST(DataPathTest, TheFirstFolderThatIsNotEmpty) {
     const std::string old = SDConfig::getDataPath();
     EXPECT_TRUE(SDConfig::setDataPath("/new"));
     EXPECT_TRUE(log.has("setDataPath", 6) && log.has("new db path from datapath /new to path " + old, 6));
+    log.clear();
+    EXPECT_TRUE(SDConfig::setDataPath("/new") && log.lines().empty());
+    SDConfig::setDataPath("gr\xC3\xBCn");
+    EXPECT_EQ(SDConfig::getDataPathUtf8(), "gr\xC3\xBCn");
     SDConfig::setDataPath("");
+    EXPECT_EQ(SDConfig::getDataPathUtf8(), "");
 }
 
 }  // namespace
