@@ -20,6 +20,13 @@ namespace bench {
 
 namespace {
 
+constexpr char kLibraryPath[] = "LD_LIBRARY_PATH";
+
+std::optional<std::string> environmentValue(const char* name) {
+    const char* const value = std::getenv(name);
+    return value ? std::optional<std::string>(value) : std::nullopt;
+}
+
 cpu_set_t currentCpus() {
     cpu_set_t cpus;
     require(::sched_getaffinity(0, sizeof cpus, &cpus) == 0, "sched_getaffinity");
@@ -135,11 +142,24 @@ int Process::wait() {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+void Process::kill() {
+    if (mPid > 0) ::kill(mPid, SIGKILL);
+    wait();
+}
+
 double Process::residentKiB() const {
     std::ifstream status("/proc/" + std::to_string(mPid) + "/status");
     for (std::string line; std::getline(status, line);)
         if (line.compare(0, 6, "VmRSS:") == 0) return std::stod(line.substr(6));
     return 0;
+}
+
+WithLibraries::WithLibraries(const std::string& folder) : mBefore(environmentValue(kLibraryPath)) {
+    if (!folder.empty()) require(::setenv(kLibraryPath, folder.c_str(), 1) == 0, "setenv");
+}
+
+WithLibraries::~WithLibraries() {
+    mBefore ? ::setenv(kLibraryPath, mBefore->c_str(), 1) : ::unsetenv(kLibraryPath);
 }
 
 bool isInstalled(const std::string& program) {

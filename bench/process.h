@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -62,6 +63,8 @@ public:
     pid_t pid() const { return mPid; }
     // Waits until it ends by itself. Returns its exit code, -1 when a signal ended it.
     int wait();
+    // Ends it with SIGKILL, so that it leaves everything as it stands.
+    void kill();
     double residentKiB() const;
 
 private:
@@ -69,6 +72,18 @@ private:
 
     pid_t mPid;
     int mDescriptor;  // the pipe of its end, or of its standard error; -1
+};
+
+// While the object lives, programs that are started find these libraries first; "": those of this process.
+class WithLibraries {
+public:
+    explicit WithLibraries(const std::string& folder);
+    ~WithLibraries();
+    WithLibraries(const WithLibraries&) = delete;
+    WithLibraries& operator=(const WithLibraries&) = delete;
+
+private:
+    const std::optional<std::string> mBefore;
 };
 
 // Says on standard output what is left out where the program isn't installed.

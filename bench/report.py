@@ -21,9 +21,11 @@ PLOTS = [
     ("clients", "Calls a second by number of callers", "callers", "calls/s",
      ["calls from threads", "calls from processes"]),
     ("subscribers", "From a change until the last subscriber heard of it", "subscribers", "us, p50", ["subscribers"]),
-    ("start", "Start of sdconfigd by number of values", "values", "ms", ["start by number of values"]),
+    ("start", "Start of sdconfigd by number of values", "values", "ms",
+     ["start by number of values", "start after a kill by number of values"]),
 ]
-NAMES = {"size": "bus call", "subscribers": "sdconfigd", "start by number of values": "sdconfigd"}
+NAMES = {"size": "bus call", "subscribers": "sdconfigd", "start by number of values": "after a clean end",
+         "start after a kill by number of values": "after a kill"}
 FLOORED = {"size", "calls from threads", "calls from processes", "subscribers", "start by number of values"}
 
 
