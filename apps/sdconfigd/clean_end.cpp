@@ -16,10 +16,14 @@
 
 #include "apps/data/data_files.h"
 #include "apps/data/descriptor.h"
+#include "platform/velmarlog/log_line.h"
 
 namespace {
 
 using apps::Descriptor;
+
+constexpr char kTag[] = "sdconfig";
+constexpr char kSource[] = "apps/sdconfigd/clean_end";
 
 constexpr char kForm[] = "sdconfigd ended cleanly, form 1\n";
 constexpr std::size_t kBytesMax = 4096;
@@ -140,13 +144,14 @@ CleanEndMark::CleanEndMark(const std::string& dataFolder)
 
 bool CleanEndMark::agrees() const {
     const std::string mark = readMark(mPath);
-    if (mark.empty()) return false;
     const auto found = describe(mFolder);
-    return found && found->text == mark;
-}
-
-bool CleanEndMark::isThere() const {
-    return exists(mPath);
+    if (found && found->text == mark) {
+        LOG(5, AT "the last service ended cleanly: the databases are not checked for damage again", HERE);
+        return true;
+    }
+    LOG(5, AT "%s: the databases are checked for damage", HERE,
+        exists(mPath) ? "something changed since the last service ended" : "no service ended cleanly here before");
+    return false;
 }
 
 std::string CleanEndMark::remove() const {

@@ -11,13 +11,11 @@ class CleanEndMark {
 public:
     explicit CleanEndMark(const std::string& dataFolder);
 
-    // Whether it is there and tells of the files as they stand. Not while this process has a database open: closing a
-    // file here would give up the locks of that connection.
+    // Whether it is there and tells of the files as they stand; a line of level 5 says so. Not while this process has a
+    // database open: closing a file here would give up the locks of that connection.
     bool agrees() const;
 
-    bool isThere() const;
-
-    // Has to be done before anything changes: a mark that outlived its time could be trusted one day. Returns a line
+    // Has to be done before anything is served: a mark that outlived its time could be trusted one day. Returns a line
     // for a person, or "" when none is there any more, whatever happens to the machine.
     std::string remove() const;
 

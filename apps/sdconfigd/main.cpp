@@ -10,6 +10,7 @@
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
+#include <future>
 #include <iostream>
 #include <map>
 #include <optional>
@@ -146,12 +147,23 @@ public:
         mPath = path;
         return mLock.take(path);
     }
+    // What the mark of the last end says. It goes while the rest of the start is done, since that takes a sync of the
+    // disk; markRemoved waits for it, and returns a line for a person, or "".
+    Integrity takeMark() {
+        const CleanEndMark mark(mPath);
+        const bool agrees = mark.agrees();
+        mRemoval = std::async(std::launch::async, [mark] { return mark.remove(); });
+        return agrees ? Integrity::Known : Integrity::ToCheck;
+    }
+    std::string markRemoved() { return mRemoval.get(); }
+
     void noteCleanEnd() { mEndedCleanly = true; }
 
 private:
     apps::DataFolderLock mLock;
     std::string mPath;
     bool mEndedCleanly = false;
+    std::future<std::string> mRemoval;
 };
 
 // Tells the library and the layers below it where the data is, and takes the data folder. Returns a line for a person,
@@ -165,9 +177,10 @@ std::string prepare(const Options& options, HeldFolder& folder) {
     security.SetKeyRingFolder(dataDir);
     if (std::string problem = sd::makeFolder(dataDir); !problem.empty()) return problem;
     if (const auto problem = folder.take(dataDir)) return problem->what + ": " + problem->next;
+    const Integrity integrity = folder.takeMark();
     if (const std::string problem = security.SelfTest(); !problem.empty())
         return "nothing can be sealed or opened: " + problem;
-    if (std::string problem = preflight(dataDir); !problem.empty()) return problem;
+    if (std::string problem = preflight(dataDir, integrity); !problem.empty()) return problem;
     if (const auto used = apps::keyUseFinding(dataDir)) tell(used->what + ": " + used->next);
     if (options.upgrade)
         if (std::string problem = upgrade(dataDir); !problem.empty()) return problem;
@@ -197,13 +210,14 @@ void waitForEnd(const sigset_t& endSignals) {
 }
 
 // Serves until SIGTERM, SIGINT or SIGHUP, which every thread has blocked.
-int serve(const sigset_t& endSignals) {
+int serve(HeldFolder& folder, const sigset_t& endSignals) {
     SDBusSerivceManager& bus = *SDBusSerivceManager::initSync(-1);
     sd::SDConfigService* const service = sd::SDConfigService::GetInstance();
     if (const std::string problem = checkTables(sd::SDConfig::getDataPath()); !problem.empty()) return fail(problem);
     const bool buildProp = mayHaveBuildProp();
     // Each client asks for the product's version at its start, and error lines would tell each time what is told below.
     if (!buildProp) sd::SDPropertyInf::SetAbsentFileLevel(5);
+    if (const std::string problem = folder.markRemoved(); !problem.empty()) return fail(problem);
     service->Start();
     if (const std::string problem = bus.registrationFailure(kName); !problem.empty()) return fail(problem);
 
@@ -226,7 +240,7 @@ int run(const Options& options, const sigset_t& endSignals) {
     if (const std::string problem = useProduct(options.productDir); !problem.empty()) return fail(problem, kWrongUse);
     static HeldFolder folder;
     if (const std::string problem = prepare(options, folder); !problem.empty()) return fail(problem);
-    const int code = serve(endSignals);
+    const int code = serve(folder, endSignals);
     if (code == kDone) folder.noteCleanEnd();
     return code;
 }

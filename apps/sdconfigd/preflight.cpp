@@ -8,14 +8,9 @@
 
 #include "apps/data/database_check.h"
 #include "apps/data/sqlite_handles.h"
-#include "apps/sdconfigd/clean_end.h"
 #include "platform/sdsecurity/sdsecurity.h"
-#include "platform/velmarlog/log_line.h"
 
 namespace {
-
-constexpr char kTag[] = "sdconfig";
-constexpr char kSource[] = "apps/sdconfigd/preflight";
 
 constexpr int kBusyTimeoutMs = 5000;
 
@@ -45,8 +40,6 @@ struct Findings {
     std::string emptied;  // a database that is there but lacks the table of its sealed rows
 };
 
-enum class Integrity { ToCheck, Known };
-
 // Opens the file as the store will, takes the write lock and looks for damage and for sealed rows in the table. Leaves
 // the file and its log as they are: a start that is refused must not have changed what is to be rescued.
 std::string checkDatabase(const std::string& path, const apps::DatabaseLayout& layout, Integrity integrity,
@@ -71,18 +64,6 @@ std::string checkDatabase(const std::string& path, const apps::DatabaseLayout& l
     return "";  // closing rolls the empty transaction back
 }
 
-// Checking it takes most of the start among many keys. So a folder that is as the last service left it is taken for
-// what it was then.
-Integrity integrityBy(const CleanEndMark& mark) {
-    if (mark.agrees()) {
-        LOG(5, AT "the last service ended cleanly: the databases are not checked for damage again", HERE);
-        return Integrity::Known;
-    }
-    LOG(5, AT "%s: the databases are checked for damage", HERE,
-        mark.isThere() ? "something changed since the last service ended" : "no service ended cleanly here before");
-    return Integrity::ToCheck;
-}
-
 std::string problemOf(const std::string& dataFolder, Integrity integrity) {
     Findings findings;
     for (const apps::DatabaseLayout* layout : apps::kLayouts) {
@@ -101,15 +82,13 @@ std::string problemOf(const std::string& dataFolder, Integrity integrity) {
 
 }  // namespace
 
-std::string preflight(const std::string& dataFolder) {
+std::string preflight(const std::string& dataFolder, Integrity integrity) {
     namespace fs = std::filesystem;
     std::vector<std::string> absent;
     for (const apps::DatabaseLayout* layout : apps::kLayouts)
         if (std::string path = dataFolder + "/" + layout->file; !fs::exists(fs::symlink_status(path)))
             absent.push_back(std::move(path));
-    const CleanEndMark mark(dataFolder);
-    std::string problem = problemOf(dataFolder, integrityBy(mark));
-    if (problem.empty()) problem = mark.remove();
+    std::string problem = problemOf(dataFolder, integrity);
     // The next start would take an empty database for one that was emptied.
     std::error_code ignored;
     for (const std::string& path : absent)
