@@ -12,6 +12,11 @@ bool namesKeys(const cli::Request& request) {
     return std::none_of(request.keys.begin(), request.keys.end(), cli::isPattern);
 }
 
+// For another user the whole command is the second's, which could not become that user once more.
+bool actsForItself(const cli::Request& request) {
+    return request.user.empty();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -22,6 +27,7 @@ int main(int argc, char** argv) {
                                {"delete", cli::deleteProperty},
                                {"secure get", cli::getSecure},
                                {"secure set", cli::setSecure},
+                               {"secure delete", cli::deleteShownSecure, actsForItself},
                                {"secure exec", cli::executeWithSecrets},
                                {"policy set", cli::setPolicy},
                                {"policy get", cli::getPolicy},

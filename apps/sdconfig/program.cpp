@@ -36,7 +36,8 @@ int runProgram(int argc, char** argv, const std::vector<Run>& runs, int (*elsewh
     if (!request.user.empty())
         if (const int code = actAs(request.user)) return code;
     Service service(request);
-    return run->run(request, service);
+    const int code = run->run(request, service);
+    return code == kElsewhere ? elsewhere(request, argv) : code;
 } catch (const std::exception& error) {
     return fail(kRefused, "running", error.what(), "if it happens again, report it");
 }

@@ -17,8 +17,8 @@ struct Run {
     bool (*takes)(const Request&) = nullptr;  // where it is there for some requests: whether for this one
 };
 
-// Reads the command line and runs the command. elsewhere: what becomes of a request for which the program has none;
-// nothing was done before but reading the command line. Returns the exit code.
+// Reads the command line and runs the command. elsewhere: what becomes of a request for which the program has none, and
+// of one whose command returns kElsewhere. Returns the exit code.
 int runProgram(int argc, char** argv, const std::vector<Run>& runs, int (*elsewhere)(const Request&, char** argv));
 
 }  // namespace cli

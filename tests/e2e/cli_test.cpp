@@ -433,8 +433,12 @@ TEST_F(CliTest, HandsOverToTheProgramOfItsOwnInstallation) {
         return run({"sh", "-c", "exec \"$0\" " + command + " 0<&- 2>&-", first}, variables).out;
     };
     EXPECT_EQ(closed("watch 'a.*'"), "no 0,no 2,watch a.*\n");
-    EXPECT_EQ(closed("secure delete k"), "no 0,no 2,secure delete k\n");
-    EXPECT_EQ(closed("policy clear --yes"), "");  // is the first one's own
+    EXPECT_EQ(closed("policy list"), "no 0,no 2,policy list\n");
+    const Process service = startService();
+    expectOut(run({first, "secure", "set", "k", "v"}, variables), "");
+    expectOut(run({first, "secure", "delete", "k"}, variables), "");
+    EXPECT_EQ(run({first, "secure", "delete", "k"}, variables).exitCode, 42);  // an empty row may be there
+    expectError(run({first, "secure", "get", "k"}, variables), kRefused, "not set");
     std::filesystem::permissions(second, std::filesystem::perms::none);
     expectError(run({first, "doctor"}, variables), kRefused, second + " can't be run: Permission denied");
 }

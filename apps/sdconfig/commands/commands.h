@@ -13,6 +13,7 @@ int setProperty(const Request& request, Service& service);
 int deleteProperty(const Request& request, Service& service);
 int getSecure(const Request& request, Service& service);
 int setSecure(const Request& request, Service& service);
+int deleteShownSecure(const Request& request, Service& service);
 int executeWithSecrets(const Request& request, Service& service);
 int setPolicy(const Request& request, Service& service);
 int getPolicy(const Request& request, Service& service);

@@ -12,20 +12,16 @@ namespace cli {
 
 namespace {
 
-Answer<bool> remove(const std::string& key, Service& service) {
-    return service.call("DeleteSecure the key", key, [&] { return sd::SDConfig::GetInstance()->DeleteSecure(key); });
-}
-
 // The store takes an empty row for none and leaves it where it is; one with a value goes. A policy's own is given to it
 // for that moment, so that nobody reads a value that is not the one in force afterwards.
 Answer<bool> removeEmptyRow(const std::string& key, const std::optional<apps::Policy>& policy, Service& service) {
     const bool hasValue = policy && !policy->value.empty();
     const Answer<bool> stored = storeSecure(key, hasValue ? policy->value : "deleted", service);
-    return stored.result && !stored.exitCode ? remove(key, service) : stored;
+    return stored.result && !stored.exitCode ? removeSecure(key, service) : stored;
 }
 
 Answer<bool> removeWhole(const Request& request, Service& service) {
-    const Answer<bool> removed = remove(request.key, service);
+    const Answer<bool> removed = removeSecure(request.key, service);
     if (!removed.result || removed.exitCode) return removed;
     const Layers left = storedLayers(request, service);
     if (left.row != Layers::Row::Empty) return removed;
@@ -39,9 +35,7 @@ Answer<bool> removeWhole(const Request& request, Service& service) {
 int deleteSecure(const Request& request, Service& service) {
     if (const int code = service.require()) return code;
     const auto [done, code] = removeWhole(request, service);
-    if (code) return code;
-    if (done && sd::DMConfig::GetInstance()->isStrongControl(request.key)) noteStaysInForce(request.key);
-    return printDone(request, done, secureWriteRefused);
+    return code ? code : printRemoved(request, done);
 }
 
 }  // namespace cli

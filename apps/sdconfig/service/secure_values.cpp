@@ -1,5 +1,7 @@
 #include "apps/sdconfig/service/secure_values.h"
 
+#include "apps/sdconfig/terminal/messages.h"
+#include "libsdconfig/dmconfig.h"
 #include "libsdconfig/sdconfig.h"
 #include "libsdconfig/sdconfig_text.h"
 
@@ -17,6 +19,15 @@ int readSecureValues(const std::vector<std::string>& keys, Service& service, std
 
 Answer<bool> storeSecure(const std::string& key, const std::string& value, Service& service) {
     return service.call("setsecure the key", key, [&] { return sd::SDConfig::GetInstance()->SetSecure(key, value); });
+}
+
+Answer<bool> removeSecure(const std::string& key, Service& service) {
+    return service.call("DeleteSecure the key", key, [&] { return sd::SDConfig::GetInstance()->DeleteSecure(key); });
+}
+
+int printRemoved(const Request& request, bool done) {
+    if (done && sd::DMConfig::GetInstance()->isStrongControl(request.key)) noteStaysInForce(request.key);
+    return printDone(request, done, secureWriteRefused);
 }
 
 }  // namespace cli

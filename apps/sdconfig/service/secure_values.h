@@ -13,5 +13,9 @@ namespace cli {
 int readSecureValues(const std::vector<std::string>& keys, Service& service, std::vector<Lookup>& found);
 
 Answer<bool> storeSecure(const std::string& key, const std::string& value, Service& service);
+Answer<bool> removeSecure(const std::string& key, Service& service);
+
+// Whether the request's key was removed, and what gives it a value all the same. Returns the exit code.
+int printRemoved(const Request& request, bool done);
 
 }  // namespace cli

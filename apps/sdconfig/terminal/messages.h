@@ -19,6 +19,10 @@ enum ExitCode : int {
     kNoProgram = 127,
 };
 
+// What a command returns instead that only the other program can bring to its end. Nothing was printed, and nothing
+// done that can't be done again.
+constexpr int kElsewhere = -1;
+
 struct Problem {
     std::string what;  // for a person; "": there is none
     std::string next;  // what to do about it
