@@ -22,7 +22,8 @@ namespace {
 class Setting final : public QObject, private sd::DMConfig::Listener {
 public:
     Setting(std::string key, std::function<void(const QString&)> tell) : mKey(std::move(key)), mTell(std::move(tell)) {
-        mListens = sd::DMConfig::GetInstance()->RegisterListener(mKey, this, true);
+        // RegisterListener would tell the service of a key once a process, and objects of this class come and go.
+        mListens = sd::DMConfig::GetInstance()->RegisterListenersWithList({{mKey, this}}, true);
     }
 
     // When this call returns, onChanged runs no more, and what it left in the queue goes with the QObject.
