@@ -46,20 +46,16 @@ void append(std::string& utf8, char32_t character) {
 class Utf8WhereAscii {
 public:
     Utf8WhereAscii() {
-        if (std::strcmp(::nl_langinfo(CODESET), kNameOfAscii) != 0) return;
-        mUtf8 = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
-        if (mUtf8) mBefore = ::uselocale(mUtf8);
+        static const locale_t sUtf8 = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+        if (sUtf8 && std::strcmp(::nl_langinfo(CODESET), kNameOfAscii) == 0) mBefore = ::uselocale(sUtf8);
     }
     ~Utf8WhereAscii() {
-        if (!mUtf8) return;
-        ::uselocale(mBefore);
-        ::freelocale(mUtf8);
+        if (mBefore) ::uselocale(mBefore);
     }
     Utf8WhereAscii(const Utf8WhereAscii&) = delete;
     Utf8WhereAscii& operator=(const Utf8WhereAscii&) = delete;
 
 private:
-    locale_t mUtf8 = nullptr;
     locale_t mBefore = nullptr;
 };
 
