@@ -54,9 +54,9 @@ public:
     bool VerifyRequest(const std::string& content, const std::string& sign);
 
     // The folder of the databases, in the local 8-bit encoding. Untold, it is the data folder of an application of the
-    // program's name, ~/.local/share/PROGRAM as a rule; the stores make it, or take the data that an earlier version
-    // put into the folder above (docs/library-guide.md). They take it when they are first used and don't follow later
-    // changes. Setting it always returns true.
+    // program's name, ~/.local/share/PROGRAM as a rule, made when it is first asked for; or the folder above, where an
+    // earlier version put such data (docs/library-guide.md). The stores take it when they are first used and don't
+    // follow later changes. Setting it always returns true.
     static bool setDataPath(std::string path);
     static std::string getDataPath();
     static std::string getDataPathUtf8();

@@ -8,6 +8,7 @@
 #include "libsdconfig/data_path.h"
 #include "libsdconfig/sdconfig.h"
 #include "platform/velmarlog/log_line.h"
+#include "src/sdconfig_store_folder.h"
 
 namespace sd {
 
@@ -58,11 +59,12 @@ bool SDConfig::setDataPath(std::string path) {
 }
 
 std::string SDConfig::getDataPath() {
+    (void)settleDataPath();  // a host may open a store of its own there
     return dataPath;
 }
 
 std::string SDConfig::getDataPathUtf8() {
-    return localToUtf8(dataPath);
+    return localToUtf8(getDataPath());
 }
 
 bool SDConfig::setVelmarDataPath(std::string path) {

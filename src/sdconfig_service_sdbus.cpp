@@ -20,7 +20,7 @@ public:
     void Start() override {
         SDBusSerivceManager* manager = SDBusSerivceManager::initSync(-1);
         LOG(5, AT "sdconfig service name=%s", HERE, protocol::kServiceName);
-        if (!isStoreFolderKnown()) return;  // the stores have told why
+        if (!settleDataPath()) return;  // the stores have told why
         manager->registerServiceInterface(protocol::kServiceName, &mInterface, SDBusSameUser, 1);
     }
 

@@ -29,8 +29,7 @@ std::string earlierFolder() {
     return variables.dataHome.empty() ? variables.home + "/.local/share" : variables.dataHome;
 }
 
-// False where it can't be known.
-bool settleFolder() {
+bool findFolder() {
     std::string& data = dataPaths().data;
     const std::string earlier = earlierFolder();
     if (!holdsData(earlier)) {
@@ -53,13 +52,13 @@ bool settleFolder() {
 
 }  // namespace
 
-bool isStoreFolderKnown() {
-    static const bool known = dataPaths().isTold || settleFolder();
-    return known || dataPaths().isTold;
+bool settleDataPath() {
+    static const bool settled = dataPaths().isTold || findFolder();
+    return settled || dataPaths().isTold;
 }
 
 std::string storeFolder() {
-    return isStoreFolderKnown() ? localToUtf8(dataPaths().data) : kNoFolder;
+    return settleDataPath() ? localToUtf8(dataPaths().data) : kNoFolder;
 }
 
 }  // namespace sd

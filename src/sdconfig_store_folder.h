@@ -1,4 +1,4 @@
-// Where the stores of this process open their databases.
+// Where the data of this process lies.
 #pragma once
 
 #include <string>
@@ -8,17 +8,15 @@ namespace sd {
 inline constexpr char kConfigFile[] = "sdconfig.db";
 inline constexpr char kPolicyFile[] = "dmhelper.db";
 
-// The folder that the host told (SDConfig::setDataPath). Untold, it is the application's data folder, made where it is
-// missing; but a host of an earlier version that told none had its data in the folder above, and where that alone holds
-// data, it is used and becomes the process's data path. Both are named in a line of level 6 then.
+// Settles the data path, once a process, where none was told (SDConfig::setDataPath). It is the application's data
+// folder, made where it is missing; but a host of an earlier version that told none had its data in the folder above,
+// and where that alone holds data, that is the path from now on. A line of level 6 names both then.
 //
-// Where both hold data nobody can say which is meant: a line of level 7 tells what to do, and the path that comes back
-// is one at which nothing can be opened.
-//
-// UTF-8. Looks once a process, at its first call; what is told later counts all the same. Not for several threads.
-std::string storeFolder();
+// False where both hold data, for nobody can say which is meant; a line of level 7 has told what to do. A path that is
+// told later counts all the same.
+bool settleDataPath();
 
-// False where both hold data.
-bool isStoreFolderKnown();
+// Where the stores open their databases, in UTF-8: the settled path, or one at which nothing can be opened.
+std::string storeFolder();
 
 }  // namespace sd

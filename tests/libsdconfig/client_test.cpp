@@ -194,9 +194,9 @@ TEST(DataPathTest, TheFirstFolderThatIsNotEmpty) {
     EXPECT_TRUE(log.has("applicationHomePath(168): using fallback home=~", 5));
     EXPECT_TRUE(log.has("applicationDataPath(197): using fallback data=~/app", 5));
 
-    const std::string old = SDConfig::getDataPath();
+    SDConfig::setDataPath("/old");
     EXPECT_TRUE(SDConfig::setDataPath("/new"));
-    EXPECT_TRUE(log.has("setDataPath", 6) && log.has("new db path from datapath /new to path " + old, 6));
+    EXPECT_TRUE(log.has("setDataPath", 6) && log.has("new db path from datapath /new to path /old", 6));
     log.clear();
     EXPECT_TRUE(SDConfig::setDataPath("/new") && log.lines().empty());
     SDConfig::setDataPath("gr\xC3\xBCn");
