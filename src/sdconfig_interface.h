@@ -16,7 +16,8 @@ namespace sd {
 // The bus layer calls handleMethodCall on one thread, one call at a time; nothing else touches the stores.
 class SDConfigInterface : public SDBusServiceInterface {
 public:
-    // Opens both stores, so that their tables are there before the service is registered.
+    // Opens both stores, so that their tables are there before the service is registered; neither where nobody can say
+    // which folder they are in (settleDataPath).
     SDConfigInterface();
     ~SDConfigInterface() override;
 

@@ -20,7 +20,7 @@ public:
     void Start() override {
         SDBusSerivceManager* manager = SDBusSerivceManager::initSync(-1);
         LOG(5, AT "sdconfig service name=%s", HERE, protocol::kServiceName);
-        if (!settleDataPath()) return;  // the stores have told why
+        if (!settleDataPath()) return;
         manager->registerServiceInterface(protocol::kServiceName, &mInterface, SDBusSameUser, 1);
     }
 
@@ -40,6 +40,7 @@ SDConfigService* SDConfigService::GetInstance() {
 }
 
 SDConfigInterface::SDConfigInterface() : mManager(nullptr) {
+    if (!settleDataPath()) return;  // which told why; Start won't serve
     SDConfigImpl::GetInstance();
     SDConfigDmHelper::GetInstance();
 }

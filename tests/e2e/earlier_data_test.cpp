@@ -46,6 +46,7 @@ TEST_F(EarlierDataTest, IsNotGuessedAtWhereBothHoldData) {
     EXPECT_NE(refused.err.find("both " + mOwn + " and " + mEarlier + ", the place of earlier versions, hold data"),
               std::string::npos);
     EXPECT_NE(refused.err.find("name the folder with SDConfig::setDataPath"), std::string::npos);
+    EXPECT_EQ(refused.err.find("failed"), std::string::npos) << refused.err;
     EXPECT_FALSE(std::filesystem::exists(mEarlier + "/sdconfig.db"));
 
     EXPECT_EQ(host({mOwn}).out, mOwn + ": own\n");
