@@ -27,13 +27,13 @@ fs::path ownFolder() {
 
 int handOver(const Request& request, char** argv) {
     const fs::path folder = ownFolder();
+    if (folder.empty())
+        return fail(kRefused, attempt(request), "/proc does not tell where this program lies",
+                    "mount /proc, and repeat it");
     const fs::path installed = (folder / kInstalled).lexically_normal();
-    int problem = ENOENT;
-    if (!folder.empty()) {
-        ::execve(installed.c_str(), argv, environ);
-        problem = errno;
-        if (problem == ENOENT) ::execve((folder / kName).c_str(), argv, environ);
-    }
+    ::execve(installed.c_str(), argv, environ);
+    const int problem = errno;
+    if (problem == ENOENT) ::execve((folder / kName).c_str(), argv, environ);
     return fail(kRefused, attempt(request), installed.string() + " can't be run: " + std::strerror(problem),
                 "it does this command's work: install sdconfig " SDCONFIG_VERSION " again, whole");
 }
