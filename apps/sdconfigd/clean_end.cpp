@@ -61,7 +61,8 @@ struct File {
 
 std::string changeCounter(const File& database) {
     std::array<unsigned char, 4> bytes{};
-    (void)::pread(database.descriptor.get(), bytes.data(), bytes.size(), kChangeCounterAt);
+    const ssize_t count = ::pread(database.descriptor.get(), bytes.data(), bytes.size(), kChangeCounterAt);
+    if (count != static_cast<ssize_t>(bytes.size())) return " none";
     std::string text;
     for (const unsigned char byte : bytes) text += " " + std::to_string(byte);
     return text;
