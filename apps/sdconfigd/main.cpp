@@ -145,8 +145,11 @@ public:
 
     std::optional<apps::Finding> take(const std::string& path) {
         mPath = path;
+        mPreflight.emplace(path);
         return mLock.take(path);
     }
+    Preflight& preflight() { return *mPreflight; }
+
     // What the mark of the last end says. It goes while the rest of the start is done, since that takes a sync of the
     // disk; markRemoved waits for it, and returns a line for a person, or "".
     Integrity takeMark() {
@@ -164,6 +167,7 @@ private:
     std::string mPath;
     bool mEndedCleanly = false;
     std::future<std::string> mRemoval;
+    std::optional<Preflight> mPreflight;
 };
 
 // Tells the library and the layers below it where the data is, and takes the data folder. Returns a line for a person,
@@ -180,11 +184,11 @@ std::string prepare(const Options& options, HeldFolder& folder) {
     const Integrity integrity = folder.takeMark();
     if (const std::string problem = security.SelfTest(); !problem.empty())
         return "nothing can be sealed or opened: " + problem;
-    if (std::string problem = preflight(dataDir, integrity); !problem.empty()) return problem;
+    if (std::string problem = folder.preflight().check(integrity); !problem.empty()) return problem;
     if (const auto used = apps::keyUseFinding(dataDir)) tell(used->what + ": " + used->next);
-    if (options.upgrade)
-        if (std::string problem = upgrade(dataDir); !problem.empty()) return problem;
-    return "";
+    if (!options.upgrade) return "";
+    folder.preflight().close();
+    return upgrade(dataDir);
 }
 
 // Whether the service answers its own client: where its thread hangs it does not.
@@ -213,7 +217,9 @@ void waitForEnd(const sigset_t& endSignals) {
 int serve(HeldFolder& folder, const sigset_t& endSignals) {
     SDBusSerivceManager& bus = *SDBusSerivceManager::initSync(-1);
     sd::SDConfigService* const service = sd::SDConfigService::GetInstance();
-    if (const std::string problem = checkTables(sd::SDConfig::getDataPath()); !problem.empty()) return fail(problem);
+    const std::string problemOfTables = folder.preflight().checkTables();
+    folder.preflight().close();
+    if (!problemOfTables.empty()) return fail(problemOfTables);
     const bool buildProp = mayHaveBuildProp();
     // Each client asks for the product's version at its start, and error lines would tell each time what is told below.
     if (!buildProp) sd::SDPropertyInf::SetAbsentFileLevel(5);
