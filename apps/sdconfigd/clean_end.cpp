@@ -109,6 +109,17 @@ std::optional<Description> describe(const std::string& folder) {
     return description;
 }
 
+// Which files stand there as databases.
+std::string databasesIn(const std::string& folder) {
+    std::string identities;
+    for (const apps::DatabaseLayout* layout : apps::kLayouts) {
+        struct stat status {};
+        if (::stat((folder + "/" + layout->file).c_str(), &status) != 0) return "";
+        identities += std::to_string(status.st_dev) + " " + std::to_string(status.st_ino) + " ";
+    }
+    return identities;
+}
+
 // Its own text, whole; "" where it is none of this user's files.
 std::string readMark(const std::string& path) {
     File file(path);
@@ -163,7 +174,12 @@ std::string CleanEndMark::remove() const {
     return syncFolder(mFolder) ? "" : "can't sync the folder " + mFolder + ": " + std::strerror(errno);
 }
 
+void CleanEndMark::noteServed() {
+    mServed = databasesIn(mFolder);
+}
+
 void CleanEndMark::write() const {
+    if (mServed.empty() || databasesIn(mFolder) != mServed) return;
     const auto description = describe(mFolder);
     if (!description) return;
     const std::string unfinished = mPath + ".new";

@@ -19,6 +19,9 @@ public:
     // for a person, or "" when none is there any more, whatever happens to the machine.
     std::string remove() const;
 
+    // Once the stores have the databases open: a mark is written of these alone, and of none that took their place.
+    void noteServed();
+
     // After the last connection is closed. Where it can't be written, or something is left over that it can't tell of,
     // there is none: the next start checks everything.
     void write() const;
@@ -26,4 +29,5 @@ public:
 private:
     const std::string mFolder;
     const std::string mPath;
+    std::string mServed;  // the files
 };

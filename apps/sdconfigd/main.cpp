@@ -138,13 +138,13 @@ class HeldFolder {
 public:
     HeldFolder() = default;
     ~HeldFolder() {
-        if (mEndedCleanly) CleanEndMark(mPath).write();
+        if (mEndedCleanly) mMark->write();
     }
     HeldFolder(const HeldFolder&) = delete;
     HeldFolder& operator=(const HeldFolder&) = delete;
 
     std::optional<apps::Finding> take(const std::string& path) {
-        mPath = path;
+        mMark.emplace(path);
         mPreflight.emplace(path);
         return mLock.take(path);
     }
@@ -153,20 +153,20 @@ public:
     // What the mark of the last end says. It goes while the rest of the start is done, since that takes a sync of the
     // disk; markRemoved waits for it, and returns a line for a person, or "".
     Integrity takeMark() {
-        const CleanEndMark mark(mPath);
-        const bool agrees = mark.agrees();
-        mRemoval = std::async(std::launch::async, [mark] { return mark.remove(); });
+        const bool agrees = mMark->agrees();
+        mRemoval = std::async(std::launch::async, [this] { return mMark->remove(); });
         return agrees ? Integrity::Known : Integrity::ToCheck;
     }
     std::string markRemoved() { return mRemoval.get(); }
 
+    void noteServed() { mMark->noteServed(); }
     void noteCleanEnd() { mEndedCleanly = true; }
 
 private:
     apps::DataFolderLock mLock;
-    std::string mPath;
+    std::optional<CleanEndMark> mMark;
+    std::future<std::string> mRemoval;  // goes before the mark, whose removal it waits for
     bool mEndedCleanly = false;
-    std::future<std::string> mRemoval;
     std::optional<Preflight> mPreflight;
 };
 
@@ -223,6 +223,7 @@ int serve(HeldFolder& folder, const sigset_t& endSignals) {
     const bool buildProp = mayHaveBuildProp();
     // Each client asks for the product's version at its start, and error lines would tell each time what is told below.
     if (!buildProp) sd::SDPropertyInf::SetAbsentFileLevel(5);
+    folder.noteServed();
     if (const std::string problem = folder.markRemoved(); !problem.empty()) return fail(problem);
     service->Start();
     if (const std::string problem = bus.registrationFailure(kName); !problem.empty()) return fail(problem);

@@ -297,8 +297,15 @@ TEST_F(DaemonTest, ChecksTheDatabasesUnlessTheLastServiceEndedCleanlyAndNothingC
         ASSERT_EQ(run({"sh", "-ec", "cd '" + path("") + "'; f=data/sdconfig.db; " + change}, {}).exitCode, 0) << change;
         startSays("something changed since the last service ended");
     }
-    startSays("the last service ended cleanly");
-    std::filesystem::remove(mark);
+    {
+        Process service = startService({"--log-level", "5"});
+        EXPECT_THAT(service.err(), HasSubstr("the last service ended cleanly"));
+        std::filesystem::copy_file(path("data/sdconfig.db"), path("t"));
+        std::filesystem::rename(path("t"), path("data/sdconfig.db"));
+        service.kill(SIGTERM);
+        EXPECT_EQ(service.wait(), 0);
+    }
+    EXPECT_FALSE(std::filesystem::exists(mark)) << "nobody looked at what took the database's place";
     std::filesystem::create_directory(mark);
     expectRefusal("can't remove " + mark);
 }
