@@ -87,6 +87,11 @@ Copied copySecureValues(SDConfigImplTKS& store, const std::vector<std::string>& 
     return result;
 }
 
+// Without its library the cipher takes every value for an empty one, and the upgrade would end as one that succeeded.
+bool hasCipher() {
+    return !SDTks::Encrypt("any").empty();
+}
+
 // The client's identifier decides where there is one: that it could be copied makes up for a value that could not.
 bool copyClientId(SDConfigImplTKS& store, bool result) {
     constexpr char kCaller[] = "upgradeSecure_to3";
@@ -153,6 +158,7 @@ bool SDConfigImplTKS::upgradeSecure_to3() {
     LOG(5, AT "upgrade secure to 3.", HERE);
     std::vector<std::string> keys;
     if (!keysToCopy(mSecureTable, __func__, keys)) return false;
+    if (!hasCipher()) return false;
     return copyClientId(*this, copySecureValues(*this, keys) == Copied::All);
 }
 

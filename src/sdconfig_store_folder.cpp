@@ -1,6 +1,6 @@
 #include "src/sdconfig_store_folder.h"
 
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include "base/data_paths.h"
 #include "base/standard_folders.h"
@@ -17,9 +17,17 @@ constexpr char kSource[] = "src/sdconfig_store_folder";
 constexpr char kNoFolder[] = "/dev/null";  // a file: nothing is below it, and nothing can be made there
 
 bool holdsData(const std::string& folder) {
+    struct stat status {};
     for (const char* file : {kConfigFile, kPolicyFile})
-        if (::access((localToUtf8(folder) + "/" + file).c_str(), F_OK) == 0) return true;
+        if (::lstat((localToUtf8(folder) + "/" + file).c_str(), &status) == 0) return true;
     return false;
+}
+
+bool isSameFolder(const std::string& one, const std::string& other) {
+    struct stat first {};
+    struct stat second {};
+    return ::stat(localToUtf8(one).c_str(), &first) == 0 && ::stat(localToUtf8(other).c_str(), &second) == 0 &&
+           first.st_dev == second.st_dev && first.st_ino == second.st_ino;
 }
 
 // Where earlier versions had the data of a host that told no folder: they took the variables as they are, and the root
@@ -32,7 +40,9 @@ std::string earlierFolder() {
 bool findFolder() {
     std::string& data = dataPaths().data;
     const std::string earlier = earlierFolder();
+    if (isSameFolder(data, earlier)) return true;
     if (!holdsData(earlier)) {
+        if (data.front() != '/') return true;  // below the "~" of a user without a home: not for us to make
         if (const std::string problem = makeFolder(localToUtf8(data)); !problem.empty())
             LOG(7, AT "%s", HERE, problem.c_str());
         return true;

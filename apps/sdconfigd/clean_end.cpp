@@ -1,11 +1,13 @@
 #include "apps/sdconfigd/clean_end.h"
 
 #include <fcntl.h>
+#include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
@@ -37,6 +39,15 @@ constexpr off_t kChangeCounterAt = 24;
 // A file system tells the time in steps of some milliseconds, an old one in seconds, for which there is no waiting.
 constexpr int kStampings = 20;
 constexpr std::chrono::milliseconds kStampPause{10};
+
+// Whether a database may be damaged, or nobody would have told.
+std::atomic<bool> sMayBeDamaged{true};
+
+// SQLite's log, which any thread writes.
+void noteDamage(void* /*context*/, int code, const char* /*text*/) {
+    const int kind = code & 0xff;
+    if (kind == SQLITE_CORRUPT || kind == SQLITE_NOTADB || kind == SQLITE_IOERR) sMayBeDamaged = true;
+}
 
 using Nanoseconds = int64_t;
 
@@ -154,6 +165,10 @@ bool syncFolder(const std::string& path) {
 CleanEndMark::CleanEndMark(const std::string& dataFolder)
     : mFolder(dataFolder), mPath(dataFolder + "/" + apps::kCleanEndFile) {}
 
+void CleanEndMark::watchForDamage() {
+    sMayBeDamaged = sqlite3_config(SQLITE_CONFIG_LOG, noteDamage, nullptr) != SQLITE_OK;
+}
+
 bool CleanEndMark::agrees() const {
     const std::string mark = readMark(mPath);
     const auto found = describe(mFolder);
@@ -179,7 +194,7 @@ void CleanEndMark::noteServed() {
 }
 
 void CleanEndMark::write() const {
-    if (mServed.empty() || databasesIn(mFolder) != mServed) return;
+    if (sMayBeDamaged || mServed.empty() || databasesIn(mFolder) != mServed) return;
     const auto description = describe(mFolder);
     if (!description) return;
     const std::string unfinished = mPath + ".new";

@@ -5,11 +5,15 @@
 
 // It describes the databases and the key ring as they stood when the last connection to them was closed, down to the
 // nanosecond of their last change. A start that finds all of that unchanged need not look through the databases for
-// damage again; after a kill or a power cut, and in a folder that was copied, restored, upgraded or edited, there is no
-// mark or it disagrees. It tells nothing of bits that change on the disk by themselves: that is for `sdconfig check`.
+// damage again; after a kill or a power cut, after damage that SQLite met, and in a folder that was copied, restored,
+// upgraded or edited, there is no mark or it disagrees. It tells nothing of bits that change on the disk by themselves:
+// that is for `sdconfig check`.
 class CleanEndMark {
 public:
     explicit CleanEndMark(const std::string& dataFolder);
+
+    // Before the process opens its first database: a mark is left only where SQLite met no damage from then on.
+    static void watchForDamage();
 
     // Whether it is there and tells of the files as they stand; a line of level 5 says so. Not while this process has a
     // database open: closing a file here would give up the locks of that connection.
@@ -22,8 +26,8 @@ public:
     // Once the stores have the databases open: a mark is written of these alone, and of none that took their place.
     void noteServed();
 
-    // After the last connection is closed. Where it can't be written, or something is left over that it can't tell of,
-    // there is none: the next start checks everything.
+    // After the last connection is closed. Where it can't be written, something is left over that it can't tell of, or
+    // SQLite met damage, there is none: the next start checks everything.
     void write() const;
 
 private:

@@ -245,6 +245,7 @@ int run(const Options& options, const sigset_t& endSignals) {
                     std::to_string(holder) + "; end that one first");
     if (const std::string problem = useConstants(options.constants); !problem.empty()) return fail(problem, kWrongUse);
     if (const std::string problem = useProduct(options.productDir); !problem.empty()) return fail(problem, kWrongUse);
+    CleanEndMark::watchForDamage();
     static HeldFolder folder;
     if (const std::string problem = prepare(options, folder); !problem.empty()) return fail(problem);
     const int code = serve(folder, endSignals);

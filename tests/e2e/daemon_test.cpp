@@ -308,6 +308,16 @@ TEST_F(DaemonTest, ChecksTheDatabasesUnlessTheLastServiceEndedCleanlyAndNothingC
     EXPECT_FALSE(std::filesystem::exists(mark)) << "nobody looked at what took the database's place";
     std::filesystem::create_directory(mark);
     expectRefusal("can't remove " + mark);
+    std::filesystem::remove(mark);
+
+    const std::string database = path("data/sdconfig.db");
+    Process service = startService();
+    const std::string damage = "dd if=/dev/zero of='" + database + "' bs=4096 seek=1 count=9 conv=notrunc";
+    ASSERT_EQ(run({"sh", "-c", damage}, {}).exitCode, 0);
+    EXPECT_NE(cli({"secure", "get", "k"}).exitCode, 0);
+    service.kill(SIGTERM);
+    EXPECT_EQ(service.wait(), 0);
+    expectRefusal("the database " + database + " is damaged (");
 }
 
 TEST_F(DaemonTest, AClientLivesThroughAKillAndARestart) {

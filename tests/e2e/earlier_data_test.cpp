@@ -32,6 +32,8 @@ TEST_F(EarlierDataTest, IsUsedUntilTheProgramHasItsOwn) {
     EXPECT_NE(found.err.find("no data in " + mOwn + ", so that of an earlier version is used: " + mEarlier + "\n"),
               std::string::npos);
     EXPECT_FALSE(std::filesystem::exists(mOwn));
+    std::filesystem::create_directory_symlink(".", mOwn);
+    EXPECT_EQ(host().out, mOwn + ": earlier\n") << "both are the same folder";
 }
 
 TEST_F(EarlierDataTest, IsNotGuessedAtWhereBothHoldData) {
