@@ -43,5 +43,6 @@ private:
 }  // namespace sd
 
 // A pointer to the function that a header of the library declares, under another name or under its own.
+// NOLINTNEXTLINE(bugprone-macro-parentheses): the name is declared
 #define LOADED_AS(name, library, function) decltype(&::function) name = (library).find<decltype(&::function)>(#function)
 #define LOADED(library, function) LOADED_AS(function, library, function)
