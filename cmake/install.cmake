@@ -29,7 +29,7 @@ set(headers
     libsdconfig/sdconfig.h libsdconfig/dmconfig.h libsdconfig/sdconfig_client.h
     libsdconfig/sdconfig_export.h libsdconfig/sdconfig_text.h libsdconfig/sdconfig_types.h
     src/sdconfig_impl.h src/sdconfig_impl_property.h src/sdconfig_impl_policy.h src/sdconfig_impl_tks.h
-    src/sdconfig_service_sdbus.h src/sdconfig_protocol.h
+    src/sdconfig_key_classes.h src/sdconfig_service_sdbus.h src/sdconfig_protocol.h
     sql/SQLiteDatabase.h sql/SQLiteTable.h sdtks/sdtks.h
     platform/sdbus/sdbus.h platform/sdsecurity/sdsecurity.h platform/velmarlog/velmarlog.h)
 foreach(header ${headers})

@@ -23,8 +23,8 @@ if(SDCONFIG_FUZZ)
     set(layer_kind STATIC)
 endif()
 
-# Puts into `stamp` a file for a room's sources, at whose making the build stops where one of FILES, or a header of `folder`,
-# includes another folder of the tree than this one and those of KNOWN.
+# Puts into `stamp` a file for a room's sources, at whose making the build stops where one of FILES, or a header of
+# `folder`, includes a header of the tree that KNOWN doesn't name, from a folder that it doesn't name either.
 function(sd_checked_includes stamp folder)
     cmake_parse_arguments(CHECK "" "" "FILES;KNOWN" ${ARGN})
     string(REPLACE "/" "_" name ${folder})
@@ -39,7 +39,7 @@ endfunction()
 
 # A room of libsdconfig: one object library, so that tests link the same objects, hidden symbols included.
 # SOURCES its files; ROOMS the rooms that it may know; USES the libraries that its users never meet. KNOWS, of one
-# room of a folder: which others the files there may include, or the build stops.
+# room of a folder: which others, and which headers, the files there may include, or the build stops.
 function(sd_room name)
     cmake_parse_arguments(ROOM "" "" "SOURCES;ROOMS;USES;KNOWS" ${ARGN})
     if(ROOM_KNOWS)
@@ -85,8 +85,8 @@ endfunction()
 
 # A room of the programs: a static library of a folder in apps/, named by it. It includes what it may know and nothing
 # else, or the build stops.
-# SOURCES its files; ROOMS the rooms of apps/ that it may know; LIBRARY the folders of the library that it may know;
-# LINKS what its users link, too; USES the libraries that they never meet.
+# SOURCES its files; ROOMS the rooms of apps/ that it may know; LIBRARY the folders and headers of the library that it
+# may know; LINKS what its users link, too; USES the libraries that they never meet.
 function(sd_app_room folder)
     cmake_parse_arguments(ROOM "" "" "SOURCES;ROOMS;LIBRARY;LINKS;USES" ${ARGN})
     string(REPLACE "/" "_" name ${folder})

@@ -7,14 +7,9 @@
 #include "base/sdconfig_export.h"
 #include "sql/SQLiteDatabase.h"
 #include "sql/SQLiteTable.h"
+#include "src/sdconfig_key_classes.h"
 
 namespace sd {
-
-// A key that is kept in the device's protected storage, where there is one. Exact comparison.
-SDCONFIG_API bool isKeyInTPM(std::string key);
-
-// A key that is always read from the product's build.prop. Exact comparison.
-SDCONFIG_API bool isSpecialKeyInBuildProp(std::string key);
 
 // The object is itself the connection to sdconfig.db, with four tables of one form (id, key, value):
 //   dbinfor    the file's own version, under "dbVersion"

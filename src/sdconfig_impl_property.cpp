@@ -17,7 +17,7 @@
 #include "base/data_paths.h"
 #include "platform/velmarlog/log_line.h"
 #include "src/sdconfig_helpers.h"
-#include "src/sdconfig_impl.h"
+#include "src/sdconfig_key_classes.h"
 
 namespace sd {
 

@@ -1,7 +1,7 @@
+#include "src/sdconfig_key_classes.h"
+
 #include <algorithm>
 #include <array>
-
-#include "src/sdconfig_impl.h"
 
 namespace sd {
 

@@ -18,18 +18,17 @@ constexpr char kInstalled[] = SDCONFIG_DATA_PROGRAM;  // from the folder of this
 constexpr char kName[] = "sdconfig-data";             // beside it, where it was built
 
 // The folder alone counts: of a file that was replaced since, as an upgrade does, the system adds that to its name.
+// Where there is no /proc, or this program lies outside of the root folder, it is where the installation puts it.
 fs::path ownFolder() {
     std::error_code failure;
-    return fs::read_symlink("/proc/self/exe", failure).parent_path();
+    const fs::path own = fs::read_symlink("/proc/self/exe", failure);
+    return own.is_absolute() ? own.parent_path() : SDCONFIG_PROGRAM_DIR;
 }
 
 }  // namespace
 
 int handOver(const Request& request, char** argv) {
     const fs::path folder = ownFolder();
-    if (folder.empty())
-        return fail(kRefused, attempt(request), "/proc does not tell where this program lies",
-                    "mount /proc, and repeat it");
     const fs::path installed = (folder / kInstalled).lexically_normal();
     ::execve(installed.c_str(), argv, environ);
     const int problem = errno;

@@ -4,7 +4,7 @@
 
 #include "apps/common/usage.h"
 #include "apps/sdconfig/terminal/messages.h"
-#include "src/sdconfig_helpers.h"
+#include "base/limits.h"
 
 namespace cli {
 

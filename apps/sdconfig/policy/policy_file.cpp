@@ -11,7 +11,7 @@
 #include "apps/sdconfig/request/letter_case.h"
 #include "apps/sdconfig/terminal/messages.h"
 #include "apps/sdconfig/terminal/output.h"
-#include "src/sdconfig_helpers.h"
+#include "base/limits.h"
 
 namespace cli {
 

@@ -4,8 +4,8 @@
 
 #include "apps/sdconfig/request/read_only_key.h"
 #include "libsdconfig/sdconfig.h"
-#include "src/sdconfig_impl.h"
 #include "src/sdconfig_impl_property.h"
+#include "src/sdconfig_key_classes.h"
 
 namespace cli {
 

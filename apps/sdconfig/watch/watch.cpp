@@ -27,7 +27,6 @@
 #include "libsdconfig/dmconfig.h"
 #include "libsdconfig/sdconfig.h"
 #include "libsdconfig/sdconfig_text.h"
-#include "src/sdconfig_helpers.h"
 #include "src/sdconfig_protocol.h"
 
 namespace cli {
