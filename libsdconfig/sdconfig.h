@@ -54,7 +54,7 @@ public:
     bool VerifyRequest(const std::string& content, const std::string& sign);
 
     // The folder of the databases, in the local 8-bit encoding. Untold, it is the data folder of an application of the
-    // program's name, ~/.local/share/PROGRAM as a rule, made when it is first asked for; or the folder above, where an
+    // program's name, ~/.local/share/PROGRAM as a rule, which the stores make; or the folder above, where an
     // earlier version put such data (docs/library-guide.md). The stores take it when they are first used and don't
     // follow later changes. Setting it always returns true.
     static bool setDataPath(std::string path);

@@ -41,12 +41,7 @@ bool findFolder() {
     std::string& data = dataPaths().data;
     const std::string earlier = earlierFolder();
     if (isSameFolder(data, earlier)) return true;
-    if (!holdsData(earlier)) {
-        if (data.front() != '/') return true;  // below the "~" of a user without a home: not for us to make
-        if (const std::string problem = makeFolder(localToUtf8(data)); !problem.empty())
-            LOG(7, AT "%s", HERE, problem.c_str());
-        return true;
-    }
+    if (!holdsData(earlier)) return true;
     if (holdsData(data)) {
         LOG(7,
             AT
@@ -60,6 +55,12 @@ bool findFolder() {
     return true;
 }
 
+// Of the application's own folder. One below the "~" of a user without a home is not for us to make.
+void makeMissing(const std::string& folder) {
+    if (folder.empty() || folder.front() != '/') return;
+    if (const std::string problem = makeFolder(folder); !problem.empty()) LOG(7, AT "%s", HERE, problem.c_str());
+}
+
 }  // namespace
 
 bool settleDataPath() {
@@ -68,7 +69,10 @@ bool settleDataPath() {
 }
 
 std::string storeFolder() {
-    return settleDataPath() ? localToUtf8(dataPaths().data) : kNoFolder;
+    if (!settleDataPath()) return kNoFolder;
+    std::string folder = localToUtf8(dataPaths().data);
+    if (!dataPaths().isTold) makeMissing(folder);
+    return folder;
 }
 
 }  // namespace sd
