@@ -5,7 +5,7 @@
 
 namespace {
 
-int isOfTheFirst(const cli::Request& request, char** /*argv*/) {
+int refuse(const cli::Request& request, char** /*argv*/) {
     return cli::fail(cli::kUsage, cli::attempt(request), "this program has no such command",
                      "type it as: " + cli::typed(request.command));
 }
@@ -28,5 +28,5 @@ int main(int argc, char** argv) {
                                {"backup", cli::backupData},
                                {"restore", cli::restoreData},
                            },
-                           isOfTheFirst);
+                           refuse);
 }

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <exception>
 
-#include "apps/sdconfig/line/command_line.h"
+#include "apps/sdconfig/command_line/command_line.h"
 #include "apps/sdconfig/service/service.h"
 #include "apps/sdconfig/terminal/acting_user.h"
 #include "apps/sdconfig/terminal/messages.h"

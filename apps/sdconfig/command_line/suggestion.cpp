@@ -1,4 +1,4 @@
-#include "apps/sdconfig/line/suggestion.h"
+#include "apps/sdconfig/command_line/suggestion.h"
 
 #include <algorithm>
 #include <cstddef>

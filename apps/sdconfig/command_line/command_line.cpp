@@ -1,4 +1,4 @@
-#include "apps/sdconfig/line/command_line.h"
+#include "apps/sdconfig/command_line/command_line.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "apps/common/usage.h"
-#include "apps/sdconfig/line/command_table.h"
-#include "apps/sdconfig/line/suggestion.h"
+#include "apps/sdconfig/command_line/command_table.h"
+#include "apps/sdconfig/command_line/suggestion.h"
 #include "apps/sdconfig/terminal/messages.h"
 #include "apps/sdconfig/terminal/output.h"
 

@@ -1,4 +1,4 @@
-#include "apps/sdconfig/line/command_table.h"
+#include "apps/sdconfig/command_line/command_table.h"
 
 #include <filesystem>
 
