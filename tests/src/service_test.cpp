@@ -53,7 +53,7 @@ protected:
 
     template <typename... Arguments>
     Message call(const std::string& method, const Arguments&... arguments) {
-        return send(5000, method, arguments...);
+        return send(30000, method, arguments...);  // 16 MiB take seconds where a sanitizer looks on
     }
     template <typename... Arguments>
     Message send(int timeoutMs, const std::string& method, const Arguments&... arguments) {
