@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """Writes the first inputs of the fuzz targets into corpus/: those of a line each by hand, the binary ones composed."""
-import base64, hashlib, json, pathlib, struct
+import base64, hashlib, hmac, json, pathlib, struct
 
 here = pathlib.Path(__file__).parent / "corpus"
 
@@ -29,11 +29,20 @@ def legacy_cipher():
 def envelope():
     for length in (36, 37, 48):
         put("envelope", f"frame_{length}", b"v1" + base64.b64encode(bytes(range(length))))
+        put("envelope", f"bound_{length + 8}", b"v2" + base64.b64encode(bytes(range(length + 8))))
     put("envelope", "plain", "\0\x02Acorrect horse")
 
 
 def ring_line(key):
     return f"{hashlib.sha256(b'sdsecurity key id v1' + key).hexdigest()[:16]} {key.hex()}\n"
+
+
+def ring_2(form, *keys):
+    """Keys of a state and a time each."""
+    lines = "".join(ring_line(key).replace(" ", f" {state} {made} ") for key, state, made in keys)
+    text = f"sdsecurity-keys 2\nform {form}\n{lines}"
+    secret = hashlib.sha256(b"sdsecurity ring sum v2" + b"".join(key for key, _, _ in keys)).digest()
+    return f"{text}sum {hmac.new(secret, text.encode(), 'sha256').hexdigest()}\n"
 
 
 def key_ring():
@@ -42,7 +51,11 @@ def key_ring():
     put("key_ring", "two", "sdsecurity-keys 1\n" + ring_line(one) + ring_line(two))
     put("key_ring", "twice", "sdsecurity-keys 1\n" + ring_line(one) * 2)
     put("key_ring", "wrong_id", "sdsecurity-keys 1\n" + ring_line(one).replace(" 00", " 01"))
-    put("key_ring", "composed", b"\0\x1aA" + one + two)
+    put("key_ring", "composed", b"\0\x1aA" + one + b"\2\1" + two + b"\1\0")
+    put("key_ring", "states", ring_2(1, (one, "disabled", "- -"), (two, "sealing", "1764100000 1.1.0")))
+    put("key_ring", "bound", ring_2(2, (one, "sealing", "1764100000 1.1.0")))
+    put("key_ring", "two_seal", ring_2(2, (one, "sealing", "- -"), (two, "sealing", "- -")))
+    put("key_ring", "no_need", ring_2(1, (one, "opening", "- -"), (two, "sealing", "- -")))
 
 
 def policy_text():

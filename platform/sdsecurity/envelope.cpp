@@ -6,15 +6,28 @@
 #include <string_view>
 
 #include "platform/sdsecurity/crypto.h"
+#include "platform/sdsecurity/sip_hash.h"
 
 namespace sd::security {
 namespace {
 
-constexpr std::string_view kVersion = "v1";
+using OpenResult = SDSecurity::OpenResult;
+
+constexpr std::string_view kUnbound = "v1";
+constexpr std::string_view kBound = "v2";
+constexpr std::size_t kVersionSize = kBound.size();
+constexpr std::size_t kMarkSize = sizeof(std::uint64_t);
 constexpr std::size_t kNonceSize = 12;
 constexpr std::size_t kTagSize = 16;
-constexpr std::size_t kTextAt = kKeyIdSize + kNonceSize;
-constexpr std::size_t kFrameSize = kTextAt + kTagSize;
+
+// Where the parts of an envelope stand.
+struct Frame {
+    explicit Frame(bool isBound) : nonceAt(kKeyIdSize + (isBound ? kMarkSize : 0)) {}
+
+    const std::size_t nonceAt;
+    const std::size_t textAt = nonceAt + kNonceSize;
+    const std::size_t size = textAt + kTagSize;  // with a text of no bytes
+};
 
 constexpr std::size_t base64Size(std::size_t size) {
     return (size + 2) / 3 * 4;
@@ -25,17 +38,49 @@ struct FreeContext {
 };
 using Context = std::unique_ptr<EVP_CIPHER_CTX, FreeContext>;
 
-// What the tag covers besides the cipher text: an envelope can't pass for one of another version or key.
-std::array<unsigned char, kVersion.size() + kKeyIdSize> associatedData(const KeyId& id) {
-    std::array<unsigned char, kVersion.size() + kKeyIdSize> data{};
-    std::copy(id.begin(), id.end(), std::copy(kVersion.begin(), kVersion.end(), data.begin()));
+void appendBigEndian(std::uint64_t number, std::string& data) {
+    for (unsigned shift = 64; shift > 0; shift -= 8) data.push_back(static_cast<char>(number >> (shift - 8)));
+}
+
+// The length goes first, so that no two rows have the same data.
+void appendName(std::string_view name, std::string& data) {
+    appendBigEndian(name.size(), data);
+    data += name;
+}
+
+// What the tag covers besides the cipher text: an envelope can't pass for one of another version, key or row.
+std::string associatedData(const KeyId& id, const SDSecurityRow* row) {
+    std::string data(row ? kBound : kUnbound);
+    if (row)
+        data.reserve(kVersionSize + kKeyIdSize + 3 * sizeof(std::uint64_t) + row->database.size() + row->table.size() +
+                     row->key.size());
+    data.append(id.begin(), id.end());
+    if (!row) return data;
+    appendName(row->database, data);
+    appendName(row->table, data);
+    const std::size_t keyAt = data.size() + sizeof(std::uint64_t);
+    appendName(row->key, data);
+    // As the key's column compares, so that a row has one name in whatever letter case it is asked for.
+    std::transform(data.begin() + static_cast<std::ptrdiff_t>(keyAt), data.end(),
+                   data.begin() + static_cast<std::ptrdiff_t>(keyAt),
+                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
     return data;
 }
 
-std::string toText(const std::vector<unsigned char>& bytes) {
-    std::string text(kVersion.size() + base64Size(bytes.size()), '\0');
-    kVersion.copy(text.data(), kVersion.size());
-    openssl().EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data() + kVersion.size()), bytes.data(),
+using RowMark = std::array<unsigned char, kMarkSize>;
+
+// Tells an envelope of another row from a changed one, which the tag alone can't; it protects nothing.
+RowMark rowMark(const Key& key, const std::string& data) {
+    RowMark mark{};
+    const std::uint64_t hash = sipHash(key.rowMarkKey.data(), data);
+    for (std::size_t i = 0; i < mark.size(); ++i) mark[i] = static_cast<unsigned char>(hash >> (8 * i));
+    return mark;
+}
+
+std::string toText(std::string_view version, const std::vector<unsigned char>& bytes) {
+    std::string text(kVersionSize + base64Size(bytes.size()), '\0');
+    version.copy(text.data(), kVersionSize);
+    openssl().EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data() + kVersionSize), bytes.data(),
                               static_cast<int>(bytes.size()));
     return text;
 }
@@ -44,7 +89,7 @@ std::string toText(const std::vector<unsigned char>& bytes) {
 // OpenSSL's decoder trims blanks, which tells by its length, and takes padding anywhere and stray bits in the last
 // group of characters; one value shall have one text.
 bool fromBase64(const std::string& text, std::vector<unsigned char>& bytes) {
-    const auto* const base64 = reinterpret_cast<const unsigned char*>(text.data() + kVersion.size());
+    const auto* const base64 = reinterpret_cast<const unsigned char*>(text.data() + kVersionSize);
     const auto size = static_cast<int>(bytes.size());
     if (openssl().EVP_DecodeBlock(bytes.data(), base64, size / 3 * 4) != size) return false;
     const std::size_t padding = text.size() - std::min(text.find('='), text.size());
@@ -59,63 +104,85 @@ bool fromBase64(const std::string& text, std::vector<unsigned char>& bytes) {
 
 }  // namespace
 
-std::optional<std::string> sealEnvelope(const Key& key, const std::string& plain) {
+std::optional<std::string> sealEnvelope(const Key& key, const std::string& plain, const SDSecurityRow* row) {
     if (plain.size() > kMaxPlain) return std::nullopt;
+    const std::string data = associatedData(key.id, row);
+    if (data.size() > kMaxPlain) return std::nullopt;
     demandCrypto();
-    std::vector<unsigned char> bytes(kFrameSize + plain.size());
-    std::copy(key.id.begin(), key.id.end(), bytes.begin());
-    unsigned char* const nonce = bytes.data() + kKeyIdSize;
-    unsigned char* const text = bytes.data() + kTextAt;
+    const Frame frame(row != nullptr);
+    std::vector<unsigned char> bytes(frame.size + plain.size());
+    const auto markAt = std::copy(key.id.begin(), key.id.end(), bytes.begin());
+    if (row) {
+        const RowMark mark = rowMark(key, data);
+        std::copy(mark.begin(), mark.end(), markAt);
+    }
+    unsigned char* const nonce = bytes.data() + frame.nonceAt;
+    unsigned char* const text = bytes.data() + frame.textAt;
     fillRandomly(nonce, kNonceSize);
-    const auto data = associatedData(key.id);
     const Context context(openssl().EVP_CIPHER_CTX_new());
     int length = 0;
     demand(context != nullptr);
     demand(openssl().EVP_EncryptInit_ex2(context.get(), sealingCipher(), key.bytes.data(), nonce, nullptr) == 1);
-    demand(openssl().EVP_EncryptUpdate(context.get(), nullptr, &length, data.data(), static_cast<int>(data.size())) ==
-           1);
+    demand(openssl().EVP_EncryptUpdate(context.get(), nullptr, &length,
+                                       reinterpret_cast<const unsigned char*>(data.data()),
+                                       static_cast<int>(data.size())) == 1);
     demand(openssl().EVP_EncryptUpdate(context.get(), text, &length,
                                        reinterpret_cast<const unsigned char*>(plain.data()),
                                        static_cast<int>(plain.size())) == 1);
     demand(openssl().EVP_EncryptFinal_ex(context.get(), text + plain.size(), &length) == 1);
     demand(openssl().EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_AEAD_GET_TAG, static_cast<int>(kTagSize),
                                          text + plain.size()) == 1);
-    return toText(bytes);
+    return toText(row ? kBound : kUnbound, bytes);
 }
 
 std::optional<Envelope> parseEnvelope(const std::string& text) {
-    if (text.compare(0, kVersion.size(), kVersion) != 0) return std::nullopt;
-    const std::size_t size = text.size() - kVersion.size();
-    if (size % 4 != 0 || size < base64Size(kFrameSize) || size > base64Size(kFrameSize + kMaxPlain))
+    const bool isBound = text.compare(0, kVersionSize, kBound) == 0;
+    if (!isBound && text.compare(0, kVersionSize, kUnbound) != 0) return std::nullopt;
+    const Frame frame(isBound);
+    const std::size_t size = text.size() - kVersionSize;
+    if (size % 4 != 0 || size < base64Size(frame.size) || size > base64Size(frame.size + kMaxPlain))
         return std::nullopt;
-    Envelope envelope{{}, std::vector<unsigned char>(size / 4 * 3)};
-    if (!fromBase64(text, envelope.bytes) || envelope.bytes.size() < kFrameSize) return std::nullopt;
+    Envelope envelope{isBound, {}, std::vector<unsigned char>(size / 4 * 3)};
+    if (!fromBase64(text, envelope.bytes) || envelope.bytes.size() < frame.size) return std::nullopt;
     std::copy_n(envelope.bytes.begin(), kKeyIdSize, envelope.keyId.begin());
     return envelope;
 }
 
-std::optional<std::string> openEnvelope(const Key& key, const Envelope& envelope) {
+OpenResult openEnvelope(const Key& key, const Envelope& envelope, const SDSecurityRow* row, std::string& plain) {
     demandCrypto();
-    const unsigned char* const nonce = envelope.bytes.data() + kKeyIdSize;
-    const unsigned char* const text = envelope.bytes.data() + kTextAt;
-    std::string plain(envelope.bytes.size() - kFrameSize, '\0');
-    auto* const out = reinterpret_cast<unsigned char*>(plain.data());
+    const Frame frame(envelope.isBound);
+    const unsigned char* const nonce = envelope.bytes.data() + frame.nonceAt;
+    const unsigned char* const text = envelope.bytes.data() + frame.textAt;
+    if (envelope.isBound && !row) return OpenResult::OtherRow;
+    const std::string data = associatedData(envelope.keyId, envelope.isBound ? row : nullptr);
+    if (data.size() > kMaxPlain) return OpenResult::OtherRow;  // nothing was sealed for it
+    std::string opened(envelope.bytes.size() - frame.size, '\0');
+    auto* const out = reinterpret_cast<unsigned char*>(opened.data());
     std::array<unsigned char, kTagSize> tag{};
-    std::copy_n(text + plain.size(), tag.size(), tag.begin());
-    const auto data = associatedData(envelope.keyId);
+    std::copy_n(text + opened.size(), tag.size(), tag.begin());
     const Context context(openssl().EVP_CIPHER_CTX_new());
     int length = 0;
     demand(context != nullptr);
     demand(openssl().EVP_DecryptInit_ex2(context.get(), sealingCipher(), key.bytes.data(), nonce, nullptr) == 1);
     demand(openssl().EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_AEAD_SET_TAG, static_cast<int>(tag.size()),
                                          tag.data()) == 1);
-    demand(openssl().EVP_DecryptUpdate(context.get(), nullptr, &length, data.data(), static_cast<int>(data.size())) ==
-           1);
-    demand(openssl().EVP_DecryptUpdate(context.get(), out, &length, text, static_cast<int>(plain.size())) == 1);
-    if (openssl().EVP_DecryptFinal_ex(context.get(), out + plain.size(), &length) == 1) return plain;
-    // The tag does not fit: what stands there was decrypted but is not what was sealed.
-    openssl().OPENSSL_cleanse(plain.data(), plain.size());
-    return std::nullopt;
+    demand(openssl().EVP_DecryptUpdate(context.get(), nullptr, &length,
+                                       reinterpret_cast<const unsigned char*>(data.data()),
+                                       static_cast<int>(data.size())) == 1);
+    demand(openssl().EVP_DecryptUpdate(context.get(), out, &length, text, static_cast<int>(opened.size())) == 1);
+    const bool fits = openssl().EVP_DecryptFinal_ex(context.get(), out + opened.size(), &length) == 1;
+    bool isMarked = true;
+    if (envelope.isBound) {
+        const RowMark mark = rowMark(key, data);
+        isMarked = std::equal(mark.begin(), mark.end(), envelope.bytes.begin() + kKeyIdSize);
+    }
+    if (fits && isMarked) {
+        plain = std::move(opened);
+        return OpenResult::Done;
+    }
+    // What stands there was decrypted but is not what was sealed.
+    openssl().OPENSSL_cleanse(opened.data(), opened.size());
+    return fits || isMarked ? OpenResult::Changed : OpenResult::OtherRow;
 }
 
 }  // namespace sd::security

@@ -1,17 +1,43 @@
 #include "platform/sdsecurity/key_ring.h"
 
 #include <algorithm>
+#include <charconv>
+#include <ctime>
+#include <iterator>
 
 #include "platform/sdsecurity/crypto.h"
 
 namespace sd::security {
 namespace {
 
-constexpr std::string_view kHeader = "sdsecurity-keys 1\n";
+constexpr std::string_view kName = "sdsecurity-keys ";
+constexpr std::string_view kHeader1 = "sdsecurity-keys 1\n";
+constexpr std::string_view kHeader2 = "sdsecurity-keys 2\n";
+constexpr std::string_view kAnyForm = "form 1\n";
+constexpr std::string_view kBoundForm = "form 2\n";
+constexpr std::string_view kSum = "sum ";
+constexpr std::string_view kUnknown = "-";
+
 constexpr std::string_view kIdLabel = "sdsecurity key id v1";
+constexpr std::string_view kRowMarkLabel = "sdsecurity row mark v2";
+constexpr std::string_view kSumLabel = "sdsecurity ring sum v2";
+
 constexpr std::string_view kDigits = "0123456789abcdef";
-constexpr std::size_t kKeyAt = 2 * kKeyIdSize + 1;
-constexpr std::size_t kLineSize = kKeyAt + 2 * kKeySize;
+constexpr std::size_t kIdDigits = 2 * kKeyIdSize;
+constexpr std::size_t kKeyDigits = 2 * kKeySize;
+constexpr std::size_t kDigestSize = 32;
+constexpr std::size_t kSumLine = kSum.size() + 2 * kDigestSize + 1;
+constexpr std::size_t kMaxVersion = 32;
+constexpr std::size_t kMaxLine = 160;  // of a key, with all its fields at their longest
+
+using Digest = std::array<unsigned char, kDigestSize>;
+
+struct StateName {
+    KeyState state;
+    std::string_view name;
+};
+constexpr StateName kStates[] = {
+    {KeyState::Sealing, "sealing"}, {KeyState::Opening, "opening"}, {KeyState::Disabled, "disabled"}};
 
 template <class Bytes, class Text>
 void appendHex(const Bytes& bytes, Text& text) {
@@ -21,9 +47,14 @@ void appendHex(const Bytes& bytes, Text& text) {
     }
 }
 
-// `text` holds two digits a byte of `bytes`; lower case only, so that a ring has one text.
+void append(SecretBytes& text, std::string_view more) {
+    text.insert(text.end(), more.begin(), more.end());
+}
+
+// Lower case only, so that a ring has one text.
 template <class Bytes>
 bool readHex(std::string_view text, Bytes& bytes) {
+    if (text.size() != 2 * bytes.size()) return false;
     for (std::size_t i = 0; i < bytes.size(); ++i) {
         const std::size_t high = kDigits.find(text[2 * i]);
         const std::size_t low = kDigits.find(text[2 * i + 1]);
@@ -33,23 +64,153 @@ bool readHex(std::string_view text, Bytes& bytes) {
     return true;
 }
 
-KeyId idOf(const SecretBytes& key) {
+// What is derived from key material, each purpose under a label of its own.
+Digest derived(std::string_view label, const SecretBytes& secret) {
     demandCrypto();
-    SecretBytes labelled(kIdLabel.begin(), kIdLabel.end());
-    labelled.insert(labelled.end(), key.begin(), key.end());
-    std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+    SecretBytes labelled(label.begin(), label.end());
+    labelled.insert(labelled.end(), secret.begin(), secret.end());
+    Digest digest{};
     demand(openssl().EVP_Digest(labelled.data(), labelled.size(), digest.data(), nullptr, openssl().EVP_sha256(),
                                 nullptr) == 1);
-    KeyId id{};
-    std::copy_n(digest.begin(), id.size(), id.begin());
-    return id;
+    return digest;
 }
 
-// Returns why the line can't be used, or null.
-const char* parseKey(std::string_view line, Key& key) {
-    if (line.size() != kLineSize || line[2 * kKeyIdSize] != ' ') return "is no key line";
-    if (!readHex(line, key.id) || !readHex(line.substr(kKeyAt), key.bytes)) return "is not hexadecimal";
-    return idOf(key.bytes) == key.id ? nullptr : "holds a key that does not match its id";
+// Over a ring's text up to here, under all its keys: what was damaged or edited by hand shows.
+Digest sumOf(const KeyRing& ring, std::string_view text) {
+    SecretBytes all;
+    for (const Key& key : ring.keys) all.insert(all.end(), key.bytes.begin(), key.bytes.end());
+    Digest secret = derived(kSumLabel, all);
+    Digest sum{};
+    const bool done = openssl().HMAC(openssl().EVP_sha256(), secret.data(), static_cast<int>(secret.size()),
+                                     reinterpret_cast<const unsigned char*>(text.data()), text.size(), sum.data(),
+                                     nullptr) != nullptr;
+    openssl().OPENSSL_cleanse(secret.data(), secret.size());
+    demand(done);
+    return sum;
+}
+
+bool isPlainFirst(const KeyRing& ring) {
+    const auto isPlain = [](const Key& key) {
+        return key.state == KeyState::Opening && key.made == 0 && key.version.empty();
+    };
+    const Key& last = ring.keys.back();
+    return !ring.requiresBoundForm && std::all_of(ring.keys.begin(), ring.keys.end() - 1, isPlain) &&
+           last.state == KeyState::Sealing && last.made == 0 && last.version.empty();
+}
+
+void appendFields(const Key& key, SecretBytes& text) {
+    const auto* const state = std::find_if(std::begin(kStates), std::end(kStates),
+                                           [&](const StateName& one) { return one.state == key.state; });
+    append(text, state->name);
+    append(text, " ");
+    append(text, key.made == 0 ? std::string(kUnknown) : std::to_string(key.made));
+    append(text, " ");
+    append(text, key.version.empty() ? kUnknown : std::string_view(key.version));
+    append(text, " ");
+}
+
+bool readState(std::string_view field, KeyState& state) {
+    const auto* const found =
+        std::find_if(std::begin(kStates), std::end(kStates), [&](const StateName& one) { return one.name == field; });
+    if (found == std::end(kStates)) return false;
+    state = found->state;
+    return true;
+}
+
+bool readTime(std::string_view field, std::int64_t& seconds) {
+    if (field == kUnknown) return true;
+    const char* const end = field.data() + field.size();
+    const auto [stop, failure] = std::from_chars(field.data(), end, seconds);
+    return failure == std::errc() && stop == end && seconds > 0 && field.front() != '0';
+}
+
+bool readVersion(std::string_view field, std::string& version) {
+    if (field == kUnknown) return true;
+    version = field;
+    constexpr std::string_view kCharacters = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ.+~";
+    return !field.empty() && field.size() <= kMaxVersion &&
+           field.find_first_not_of(kCharacters) == std::string_view::npos;
+}
+
+// The text up to the blank, without which there is none; both go.
+std::string_view takeField(std::string_view& line) {
+    const std::size_t end = line.find(' ');
+    if (end == std::string_view::npos) return {};
+    const std::string_view field = line.substr(0, end);
+    line.remove_prefix(end + 1);
+    return field;
+}
+
+// Read a line of a key. Return why it can't be used, or null.
+using ParseKey = const char* (*)(std::string_view line, Key& key);
+
+const char* parseIdAndBytes(std::string_view id, std::string_view bytes, Key& key) {
+    KeyId told{};
+    SecretBytes secret(kKeySize);
+    if (id.size() != kIdDigits || bytes.size() != kKeyDigits) return "is no key line";
+    if (!readHex(id, told) || !readHex(bytes, secret)) return "is not hexadecimal";
+    key = keyOf(std::move(secret));
+    return key.id == told ? nullptr : "holds a key that does not match its id";
+}
+
+const char* parseKey1(std::string_view line, Key& key) {
+    const std::string_view id = takeField(line);
+    return parseIdAndBytes(id, line, key);
+}
+
+const char* parseKey2(std::string_view line, Key& key) {
+    const std::string_view id = takeField(line);
+    const std::string_view state = takeField(line);
+    const std::string_view made = takeField(line);
+    const std::string_view version = takeField(line);
+    if (const char* why = parseIdAndBytes(id, line, key)) return why;
+    if (!readState(state, key.state)) return "holds an unknown state";
+    if (!readTime(made, key.made)) return "holds no time";
+    return readVersion(version, key.version) ? nullptr : "holds no version";
+}
+
+// Puts the keys of the lines into the ring. first: the number of the first line. Returns why that can't be done, or "".
+std::string parseKeys(std::string_view text, std::size_t first, ParseKey parse, KeyRing& ring) {
+    while (!text.empty()) {
+        const std::string line = "line " + std::to_string(first + ring.keys.size());
+        const std::size_t end = text.find('\n');
+        if (end == std::string_view::npos) return line + " is cut short";
+        if (ring.keys.size() == kMaxKeys) return "it holds more than " + std::to_string(kMaxKeys) + " keys";
+        Key key;
+        if (const char* why = parse(text.substr(0, end), key)) return line + ' ' + why;
+        if (ring.find(key.id)) return line + " repeats a key";
+        ring.keys.push_back(std::move(key));
+        text.remove_prefix(end + 1);
+    }
+    return ring.keys.empty() ? "it holds no key" : "";
+}
+
+std::string parseFormat1(std::string_view text, KeyRing& ring) {
+    std::string why = parseKeys(text.substr(kHeader1.size()), 2, parseKey1, ring);
+    if (why.empty()) ring.keys.back().state = KeyState::Sealing;
+    return why;
+}
+
+std::string parseFormat2(std::string_view text, KeyRing& ring) {
+    if (text.size() < kHeader2.size() + kAnyForm.size() + kSumLine) return "it is cut short";
+    const std::string_view form = text.substr(kHeader2.size(), kAnyForm.size());
+    ring.requiresBoundForm = form == kBoundForm;
+    if (!ring.requiresBoundForm && form != kAnyForm) return "line 2 holds no form";
+    const std::string_view summed = text.substr(0, text.size() - kSumLine);
+    const std::string_view last = text.substr(summed.size());
+    if (last.substr(0, kSum.size()) != kSum || last.back() != '\n' || summed.back() != '\n')
+        return "its last line holds no sum";
+    std::string why = parseKeys(summed.substr(kHeader2.size() + kAnyForm.size()), 3, parseKey2, ring);
+    if (!why.empty()) return why;
+    const auto sealing = std::count_if(ring.keys.begin(), ring.keys.end(),
+                                       [](const Key& key) { return key.state == KeyState::Sealing; });
+    if (sealing != 1) return sealing == 0 ? "no key of it seals" : "more than one key of it seals";
+    Digest told{};
+    const Digest sum = sumOf(ring, summed);
+    if (!readHex(last.substr(kSum.size(), 2 * kDigestSize), told) ||
+        openssl().CRYPTO_memcmp(told.data(), sum.data(), sum.size()) != 0)
+        return "its sum does not fit: it was damaged or edited";
+    return isPlainFirst(ring) ? "it holds nothing that takes this format" : "";
 }
 
 }  // namespace
@@ -60,11 +221,35 @@ std::string toHex(const KeyId& id) {
     return text;
 }
 
-Key makeKey() {
-    Key key{{}, SecretBytes(kKeySize)};
-    fillRandomly(key.bytes.data(), key.bytes.size());
-    key.id = idOf(key.bytes);
+std::optional<KeyId> keyIdOf(std::string_view digits) {
+    KeyId id{};
+    return readHex(digits, id) ? std::optional<KeyId>(id) : std::nullopt;
+}
+
+Key keyOf(SecretBytes bytes) {
+    Key key;
+    const Digest id = derived(kIdLabel, bytes);
+    std::copy_n(id.begin(), key.id.size(), key.id.begin());
+    Digest mark = derived(kRowMarkLabel, bytes);
+    key.rowMarkKey.assign(mark.begin(), mark.begin() + kRowMarkKeySize);
+    openssl().OPENSSL_cleanse(mark.data(), mark.size());
+    key.bytes = std::move(bytes);
     return key;
+}
+
+Key makeKey() {
+    SecretBytes bytes(kKeySize);
+    fillRandomly(bytes.data(), bytes.size());
+    Key key = keyOf(std::move(bytes));
+    key.state = KeyState::Sealing;
+    key.made = std::time(nullptr);
+    key.version = SDCONFIG_VERSION;
+    return key;
+}
+
+const Key& KeyRing::current() const {
+    // From the end, where the newest stands.
+    return *std::find_if(keys.rbegin(), keys.rend(), [](const Key& key) { return key.state == KeyState::Sealing; });
 }
 
 const Key* KeyRing::find(const KeyId& id) const {
@@ -72,37 +257,45 @@ const Key* KeyRing::find(const KeyId& id) const {
     return found == keys.end() ? nullptr : &*found;
 }
 
+void KeyRing::add(Key key) {
+    for (Key& earlier : keys)
+        if (earlier.state == KeyState::Sealing) earlier.state = KeyState::Opening;
+    keys.push_back(std::move(key));
+}
+
 std::optional<KeyRing> parseKeyRing(std::string_view text, std::string& reason) {
-    const auto fail = [&reason](const std::string& why) {
-        reason = why;
-        return std::nullopt;
-    };
-    if (text.size() > kMaxRingText) return fail("it is larger than " + std::to_string(kMaxRingText) + " bytes");
-    if (text.substr(0, kHeader.size()) != kHeader) return fail("its first line is not that of a key ring");
     KeyRing ring;
-    for (text.remove_prefix(kHeader.size()); !text.empty();) {
-        const std::string line = "line " + std::to_string(ring.keys.size() + 2);
-        const std::size_t end = text.find('\n');
-        if (end == std::string_view::npos) return fail(line + " is cut short");
-        Key key{{}, SecretBytes(kKeySize)};
-        if (const char* why = parseKey(text.substr(0, end), key)) return fail(line + ' ' + why);
-        if (ring.find(key.id)) return fail(line + " repeats a key");
-        ring.keys.push_back(std::move(key));
-        text.remove_prefix(end + 1);
-    }
-    if (ring.keys.empty()) return fail("it holds no key");
-    return ring;
+    if (text.size() > kMaxRingText)
+        reason = "it is larger than " + std::to_string(kMaxRingText) + " bytes";
+    else if (text.substr(0, kHeader1.size()) == kHeader1)
+        reason = parseFormat1(text, ring);
+    else if (text.substr(0, kHeader2.size()) == kHeader2)
+        reason = parseFormat2(text, ring);
+    else if (text.substr(0, kName.size()) == kName)
+        reason = "it is in a format of a later version";
+    else
+        reason = "its first line is not that of a key ring";
+    return reason.empty() ? std::optional<KeyRing>(std::move(ring)) : std::nullopt;
 }
 
 SecretBytes formatKeyRing(const KeyRing& ring) {
-    SecretBytes text(kHeader.begin(), kHeader.end());
-    text.reserve(kHeader.size() + ring.keys.size() * (kLineSize + 1));
+    const bool first = ring.keys.empty() || isPlainFirst(ring);
+    SecretBytes text;
+    text.reserve(kHeader2.size() + kAnyForm.size() + ring.keys.size() * kMaxLine + kSumLine);
+    append(text, first ? kHeader1 : kHeader2);
+    if (!first) append(text, ring.requiresBoundForm ? kBoundForm : kAnyForm);
     for (const Key& key : ring.keys) {
         appendHex(key.id, text);
-        text.push_back(' ');
+        append(text, " ");
+        if (!first) appendFields(key, text);
         appendHex(key.bytes, text);
-        text.push_back('\n');
+        append(text, "\n");
     }
+    if (first) return text;
+    const Digest sum = sumOf(ring, {reinterpret_cast<const char*>(text.data()), text.size()});
+    append(text, kSum);
+    appendHex(sum, text);
+    append(text, "\n");
     return text;
 }
 

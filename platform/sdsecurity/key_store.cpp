@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <utility>
@@ -23,6 +24,22 @@ constexpr char kHandedOver[] = "a ring handed over by the host";
 std::string folderFrom(const char* variable) {
     const char* const value = std::getenv(variable);
     return value && *value == '/' ? value : "";
+}
+
+// Nothing was sealed yet: no value in a row can be of the unbound form.
+KeyRing newRing() {
+    KeyRing ring;
+    ring.add(makeKey());
+    ring.requiresBoundForm = true;
+    return ring;
+}
+
+// The key of the ring with that id, unless it seals. Returns why there is none, or "".
+std::string findToChange(KeyRing& ring, const std::string& id, std::vector<Key>::iterator& key) {
+    const std::optional<KeyId> wanted = keyIdOf(id);
+    key = std::find_if(ring.keys.begin(), ring.keys.end(), [&](const Key& one) { return one.id == wanted; });
+    if (key == ring.keys.end()) return "no such key in it";
+    return key->state == KeyState::Sealing ? "that key seals: rotate the ring first" : "";
 }
 
 }  // namespace
@@ -123,10 +140,7 @@ std::string KeyStore::makeRing() {
     if (found.state == KeyRingState::Broken) return found.reason;
     if (found.state == KeyRingState::Absent) {
         if (!folder) return reason;
-        if (mRing)
-            found.ring = *mRing;
-        else
-            found.ring.keys.push_back(makeKey());
+        found.ring = mRing ? *mRing : newRing();
         if (!folder->create(kFileName, formatKeyRing(found.ring), reason)) return reason;
         if (mRing) LOG(6, AT "%s: the key ring was gone; it is written again from memory", HERE, place().path.c_str());
     }
@@ -134,20 +148,28 @@ std::string KeyStore::makeRing() {
     return "";
 }
 
-// Returns why the ring has no new key, or "".
-std::string KeyStore::addKey() {
+std::string KeyStore::edited(const Edit& edit) {
     if (place().folder.empty()) return "it is not for this process to write";
     std::string reason;
     const std::optional<LockedFolder> folder = LockedFolder::lock(place().folder, kRotateWait, reason);
     if (!folder) return reason;
     RingRead found = read();
     if (found.state != KeyRingState::Usable) return found.reason;
-    found.ring.keys.push_back(makeKey());
+    const SecretBytes before = formatKeyRing(found.ring);
+    reason = edit(found.ring);
+    if (!reason.empty()) return reason;
     const SecretBytes text = formatKeyRing(found.ring);
-    if (text.size() > kMaxRingText) return "it is full";
-    if (!folder->replace(kFileName, text, reason)) return reason;
+    if (text != before && !folder->replace(kFileName, text, reason)) return reason;
     mRing = std::make_shared<const KeyRing>(std::move(found.ring));
     return "";
+}
+
+// toBe: what was to become of the ring or of a key, for the line that tells that it did not.
+bool KeyStore::change(const char* toBe, const Edit& edit) {
+    const std::lock_guard lock(mMutex);
+    const std::string reason = edited(edit);
+    if (!reason.empty()) LOG(7, AT "%s: can't %s: %s", HERE, place().path.c_str(), toBe, reason.c_str());
+    return reason.empty();
 }
 
 std::shared_ptr<const KeyRing> KeyStore::ringToSeal() {
@@ -159,12 +181,19 @@ std::shared_ptr<const KeyRing> KeyStore::ringToSeal() {
     return mRing;
 }
 
-std::shared_ptr<const KeyRing> KeyStore::ringToOpen(const KeyId& id) {
+std::shared_ptr<const KeyRing> KeyStore::ringToOpen(const KeyId& id, SDSecurity::OpenResult& why) {
     const std::lock_guard lock(mMutex);
-    if (mRing && mRing->find(id)) return mRing;
+    const auto found = [&] { return mRing ? mRing->find(id) : nullptr; };
+    const auto opens = [&] { return found() && found()->state != KeyState::Disabled; };
+    if (opens()) return mRing;
+    why = SDSecurity::OpenResult::RingUnusable;
     if (!update(false)) return nullptr;
-    if (mRing->find(id)) return mRing;
-    LOG(7, AT "%s: no key %s in it", HERE, place().path.c_str(), toHex(id).c_str());
+    if (opens()) return mRing;
+    why = found() ? SDSecurity::OpenResult::KeyDisabled : SDSecurity::OpenResult::KeyMissing;
+    if (found())
+        LOG(7, AT "%s: key %s is disabled", HERE, place().path.c_str(), toHex(id).c_str());
+    else
+        LOG(7, AT "%s: no key %s in it", HERE, place().path.c_str(), toHex(id).c_str());
     return nullptr;
 }
 
@@ -192,11 +221,64 @@ Key KeyStore::keyToTry() {
     return found.state == KeyRingState::Usable ? found.ring.current() : makeKey();
 }
 
-bool KeyStore::rotate() {
+std::vector<SDSecurity::KeyInfo> KeyStore::keys() {
     const std::lock_guard lock(mMutex);
-    const std::string reason = addKey();
-    if (!reason.empty()) LOG(7, AT "%s: can't be rotated: %s", HERE, place().path.c_str(), reason.c_str());
-    return reason.empty();
+    RingRead found{KeyRingState::Usable, {}, ""};
+    if (place().kind == Place::Kind::HandedOver)
+        found.ring = *mRing;
+    else
+        found = read();
+    if (found.state != KeyRingState::Usable) LOG(7, AT "%s: %s", HERE, place().path.c_str(), found.reason.c_str());
+    SealCounts counts;
+    if (!place().folder.empty()) counts = storedCounts(place().folder);
+    std::vector<SDSecurity::KeyInfo> all;
+    for (const Key& key : found.ring.keys) {
+        const std::string id = toHex(key.id);
+        all.push_back({id, key.state, key.made, key.version, counts[id]});
+    }
+    return all;
+}
+
+bool KeyStore::requiresBoundForm() {
+    const std::lock_guard lock(mMutex);
+    if (place().kind == Place::Kind::HandedOver) return mRing->requiresBoundForm;
+    const RingRead found = read();
+    return found.state == KeyRingState::Usable && found.ring.requiresBoundForm;
+}
+
+bool KeyStore::rotate() {
+    return change("be rotated", [](KeyRing& ring) {
+        if (ring.keys.size() == kMaxKeys) return "it is full";
+        ring.add(makeKey());
+        return "";
+    });
+}
+
+bool KeyStore::setState(const std::string& id, KeyState state) {
+    const bool isDisabled = state == KeyState::Disabled;
+    return change(isDisabled ? "disable a key" : "enable a key", [&](KeyRing& ring) -> std::string {
+        if (state == KeyState::Sealing) return "a key seals from its making to the next rotation";
+        std::vector<Key>::iterator key;
+        std::string reason = findToChange(ring, id, key);
+        if (reason.empty()) key->state = state;
+        return reason;
+    });
+}
+
+bool KeyStore::removeKey(const std::string& id) {
+    return change("remove a key", [&](KeyRing& ring) {
+        std::vector<Key>::iterator key;
+        std::string reason = findToChange(ring, id, key);
+        if (reason.empty()) ring.keys.erase(key);
+        return reason;
+    });
+}
+
+bool KeyStore::requireBoundForm() {
+    return change("require the bound form", [](KeyRing& ring) {
+        ring.requiresBoundForm = true;
+        return "";
+    });
 }
 
 }  // namespace sd::security

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -26,15 +27,22 @@ public:
 
     // The ring whose current key may seal one value more; makes the file if there is none. Null with a line logged.
     std::shared_ptr<const KeyRing> ringToSeal();
-    // A ring that holds the key. Null with a line logged.
-    std::shared_ptr<const KeyRing> ringToOpen(const KeyId& id);
+    // A ring that holds the key, and may open with it. Null with a line logged, and why.
+    std::shared_ptr<const KeyRing> ringToOpen(const KeyId& id, SDSecurity::OpenResult& why);
 
     // A key like that which will seal next: where there is no ring yet, one that is then forgotten.
     Key keyToTry();
 
     SDSecurity::KeyRingStatus check();
     SDSecurity::KeyUse use();
+    std::vector<SDSecurity::KeyInfo> keys();
+    bool requiresBoundForm();
+
+    // Change the ring. False with a line logged, and the ring as it was.
     bool rotate();
+    bool setState(const std::string& id, KeyState state);
+    bool removeKey(const std::string& id);
+    bool requireBoundForm();
 
 private:
     struct Place {
@@ -50,7 +58,10 @@ private:
     RingRead read();
     bool update(bool makeIfAbsent);
     std::string makeRing();
-    std::string addKey();
+    // Changes a ring. Returns why it can't, or "".
+    using Edit = std::function<std::string(KeyRing&)>;
+    std::string edited(const Edit& edit);
+    bool change(const char* toBe, const Edit& edit);
 
     std::mutex mMutex;  // guards all below
     std::string mToldFolder;

@@ -4,6 +4,7 @@
 #include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
+#include <openssl/hmac.h>
 
 #include "base/shared_library.h"
 
@@ -18,6 +19,8 @@ struct OpenSslApi {
     LOADED(library, ERR_clear_error);
     LOADED(library, EVP_sha256);
     LOADED(library, EVP_Digest);
+    LOADED(library, HMAC);
+    LOADED(library, CRYPTO_memcmp);
     LOADED(library, EVP_EncodeBlock);
     LOADED(library, EVP_DecodeBlock);
     LOADED(library, EVP_CIPHER_fetch);

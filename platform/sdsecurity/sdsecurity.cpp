@@ -1,3 +1,4 @@
+#define SDSECURITY_OPTIONAL  // nothing is to be lacking here
 #include "platform/sdsecurity/sdsecurity.h"
 
 #include <exception>
@@ -27,13 +28,64 @@ Result guarded(const char* name, Result failed, Operation operation) {
     }
 }
 
+// What became of a text that KeyStore had a key for; without one its line has told.
+const char* textOf(SDSecurity::OpenResult why, bool forRow) {
+    switch (why) {
+        case SDSecurity::OpenResult::NoEnvelope:
+            return "is no envelope";
+        case SDSecurity::OpenResult::OtherRow:
+            return forRow ? "belongs to another row" : "belongs to a row, and opens for that one alone";
+        case SDSecurity::OpenResult::UnboundForm:
+            return "is bound to no row, which its key ring no longer allows";
+        default:
+            return "was changed after it was sealed";
+    }
+}
+
+// As the lines begin that are about a row.
+std::string nameOf(const SDSecurityRow* row) {
+    if (!row) return "";
+    return std::string(row->database) + ", " + std::string(row->table) + ", " + std::string(row->key) + ": ";
+}
+
 }  // namespace
 
 struct SDSecurity::State {
+    // Both log a line where they fail. row: null for none.
+    std::string seal(const char* caller, const SDSecurityRow* row, const std::string& plain);
+    OpenResult open(const char* caller, const SDSecurityRow* row, const std::string& cipher, std::string& plain);
+
     security::KeyStore keys;
     std::mutex stringsMutex;
     std::map<std::string, std::string> strings;  // guarded by stringsMutex
 };
+
+std::string SDSecurity::State::seal(const char* caller, const SDSecurityRow* row, const std::string& plain) {
+    const auto ring = keys.ringToSeal();
+    if (!ring) return "";
+    std::optional<std::string> text = security::sealEnvelope(ring->current(), plain, row);
+    if (!text)
+        LOG(7, AT "%sa value of %zu bytes is too long to be sealed", kSource, caller, __LINE__, nameOf(row).c_str(),
+            plain.size());
+    return text ? std::move(*text) : "";
+}
+
+SDSecurity::OpenResult SDSecurity::State::open(const char* caller, const SDSecurityRow* row, const std::string& cipher,
+                                               std::string& plain) {
+    const auto fail = [&](OpenResult why) {
+        LOG(7, AT "%s%s of %zu bytes %s", kSource, caller, __LINE__, nameOf(row).c_str(),
+            why == OpenResult::NoEnvelope ? "a text" : "an envelope", cipher.size(), textOf(why, row != nullptr));
+        return why;
+    };
+    const std::optional<security::Envelope> envelope = security::parseEnvelope(cipher);
+    if (!envelope) return fail(OpenResult::NoEnvelope);
+    OpenResult why = OpenResult::Failed;
+    const auto ring = keys.ringToOpen(envelope->keyId, why);
+    if (!ring) return why;
+    if (row && !envelope->isBound && ring->requiresBoundForm) return fail(OpenResult::UnboundForm);
+    why = security::openEnvelope(*ring->find(envelope->keyId), *envelope, row, plain);
+    return why == OpenResult::Done ? why : fail(why);
+}
 
 SDSecurity::SDSecurity() : mState(std::make_unique<State>()) {
     guarded(__func__, false, [] { return security::demandCrypto(), true; });
@@ -46,31 +98,27 @@ SDSecurity* SDSecurity::GetInstance() {
 }
 
 std::string SDSecurity::FastEncrypt(const std::string& plain) {
-    return guarded(__func__, std::string(), [&]() -> std::string {
-        const auto ring = mState->keys.ringToSeal();
-        if (!ring) return "";
-        std::optional<std::string> text = security::sealEnvelope(ring->current(), plain);
-        if (!text)
-            LOG(7, AT "a value of %zu bytes is too long to be sealed", kSource, "FastEncrypt", __LINE__, plain.size());
-        return text ? std::move(*text) : "";
-    });
+    return guarded(__func__, std::string(), [&] { return mState->seal("FastEncrypt", nullptr, plain); });
 }
 
 std::string SDSecurity::FastDecrypt(const std::string& cipher) {
-    return guarded(__func__, std::string(), [&]() -> std::string {
-        const std::optional<security::Envelope> envelope = security::parseEnvelope(cipher);
-        if (!envelope) {
-            LOG(7, AT "a text of %zu bytes is no envelope", kSource, "FastDecrypt", __LINE__, cipher.size());
-            return "";
-        }
-        const auto ring = mState->keys.ringToOpen(envelope->keyId);
-        if (!ring) return "";
-        std::optional<std::string> plain = security::openEnvelope(*ring->find(envelope->keyId), *envelope);
-        if (!plain)
-            LOG(7, AT "an envelope of %zu bytes was changed after it was sealed", kSource, "FastDecrypt", __LINE__,
-                cipher.size());
-        return plain ? std::move(*plain) : "";
-    });
+    std::string plain;
+    guarded(__func__, OpenResult::Failed, [&] { return mState->open("FastDecrypt", nullptr, cipher, plain); });
+    return plain;
+}
+
+std::string SDSecurity::EncryptForRow(const SDSecurityRow& row, const std::string& plain) {
+    State& state = *GetInstance()->mState;
+    return guarded(__func__, std::string(), [&] { return state.seal("EncryptForRow", &row, plain); });
+}
+
+std::string SDSecurity::DecryptForRow(const SDSecurityRow& row, const std::string& cipher, OpenResult* why) {
+    State& state = *GetInstance()->mState;
+    std::string plain;
+    const OpenResult opened =
+        guarded(__func__, OpenResult::Failed, [&] { return state.open("DecryptForRow", &row, cipher, plain); });
+    if (why) *why = opened;
+    return plain;
 }
 
 std::string SDSecurity::GetString(const std::string& name) {
@@ -114,10 +162,12 @@ SDSecurity::KeyUse SDSecurity::CheckKeyUse() {
 
 std::string SDSecurity::SelfTest() {
     try {
+        const SDSecurityRow row{"database", "table", "key"};
         const security::Key key = mState->keys.keyToTry();
-        const auto envelope = security::parseEnvelope(security::sealEnvelope(key, __func__).value());
-        const bool same = envelope && security::openEnvelope(key, *envelope) == __func__;
-        return same ? "" : "what was sealed does not open again";
+        const auto envelope = security::parseEnvelope(security::sealEnvelope(key, __func__, &row).value());
+        std::string plain;
+        const bool opened = envelope && security::openEnvelope(key, *envelope, &row, plain) == OpenResult::Done;
+        return opened && plain == __func__ ? "" : "what was sealed does not open again";
     } catch (const std::exception& error) {
         return error.what();
     }
@@ -125,6 +175,34 @@ std::string SDSecurity::SelfTest() {
 
 bool SDSecurity::RotateKey() {
     return guarded(__func__, false, [&] { return mState->keys.rotate(); });
+}
+
+std::vector<SDSecurity::KeyInfo> SDSecurity::Keys() {
+    return guarded(__func__, std::vector<KeyInfo>(), [&] { return mState->keys.keys(); });
+}
+
+bool SDSecurity::SetKeyState(const std::string& id, KeyState state) {
+    return guarded(__func__, false, [&] { return mState->keys.setState(id, state); });
+}
+
+bool SDSecurity::RemoveKey(const std::string& id) {
+    return guarded(__func__, false, [&] { return mState->keys.removeKey(id); });
+}
+
+bool SDSecurity::RequireBoundForm() {
+    return guarded(__func__, false, [&] { return mState->keys.requireBoundForm(); });
+}
+
+bool SDSecurity::RequiresBoundForm() {
+    return guarded(__func__, false, [&] { return mState->keys.requiresBoundForm(); });
+}
+
+std::optional<SDSecurity::Seal> SDSecurity::SealOf(const std::string& cipher) {
+    return guarded(__func__, std::optional<Seal>(), [&]() -> std::optional<Seal> {
+        const std::optional<security::Envelope> envelope = security::parseEnvelope(cipher);
+        if (!envelope) return std::nullopt;
+        return Seal{security::toHex(envelope->keyId), envelope->isBound};
+    });
 }
 
 }  // namespace sd

@@ -1,12 +1,29 @@
 // The security layer: seals and opens short secrets, and answers named constants.
 #pragma once
 
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #define SDSECURITY_API __attribute__((visibility("default")))
 
+// What a host's own library of this name may lack: weak for all but the layer itself, so that a caller is loaded
+// without it, and asks for its address before the call.
+#ifndef SDSECURITY_OPTIONAL
+#define SDSECURITY_OPTIONAL __attribute__((weak))
+#endif
+
 namespace sd {
+
+// The row that a sealed value belongs to. Refers to the caller's texts.
+struct SDSecurityRow {
+    std::string_view database;  // the file's name, without its folder
+    std::string_view table;
+    std::string_view key;  // the letter case of A to Z doesn't count, as in a column COLLATE NOCASE
+};
 
 // Sealing is AES-256-GCM with a fresh random nonce a value, under the current key of a key ring: one file,
 // "sdsecurity.keys", that the first seal makes. docs/security.md tells the formats and what they protect against.
@@ -26,11 +43,33 @@ public:
     // cipher: the text as it was stored; any bytes are safe.
     // Returns the plain bytes, or "" when the text is foreign, cut short or tampered with, when its key has left the
     // ring, or when the ring can't be used. Each failure logs one line, which holds neither the text nor key material.
-    // Never creates a ring.
+    // What was sealed for a row (below) does not open here. Never creates a ring.
     std::string FastDecrypt(const std::string& cipher);
 
     // The constant that the host registered under `name`, or "".
     std::string GetString(const std::string& name);
+
+    // ---- Values that stand in a database; static, so that there is an address to ask for ----
+
+    enum class OpenResult {
+        Done,
+        NoEnvelope,    // the text is none that sealing writes
+        Changed,       // after it was sealed
+        OtherRow,      // sealed for another row than this
+        UnboundForm,   // sealed for no row, which the ring no longer allows
+        KeyMissing,    // the ring has no such key
+        KeyDisabled,   // the ring has it, and it opens nothing for now
+        RingUnusable,  // there is none, or it can't be used
+        Failed,        // memory ran out, or OpenSSL could not be loaded
+    };
+
+    // As FastEncrypt, for this row alone: moved to another key, table or database it opens no more.
+    SDSECURITY_OPTIONAL static std::string EncryptForRow(const SDSecurityRow& row, const std::string& plain);
+
+    // Opens what EncryptForRow made for the same row; and what FastEncrypt made, until the ring requires the bound
+    // form. Returns as FastDecrypt does, with lines that name the row. why: where the reason goes, or null.
+    SDSECURITY_OPTIONAL static std::string DecryptForRow(const SDSecurityRow& row, const std::string& cipher,
+                                                         OpenResult* why = nullptr);
 
     // ---- For the host process, before the first of the operations above ----
 
@@ -76,6 +115,46 @@ public:
     // Adds a fresh key to the ring, with which everything is sealed from now on; values sealed earlier still open.
     // Returns false, with a line logged and the ring as it was, when the ring can't be written.
     bool RotateKey();
+
+    // ---- The keys of the ring; each operation looks at the file itself, and holds it against other processes ----
+
+    enum class KeyState {
+        Sealing,   // exactly one: seals, and opens
+        Opening,   // opens
+        Disabled,  // neither, until it is enabled again
+    };
+    struct KeyInfo {
+        std::string id;  // 16 hexadecimal digits
+        KeyState state;
+        std::int64_t made;    // seconds since 1970; 0 where that is not known
+        std::string version;  // of the library that made it; "" where that is not known
+        std::uint64_t seals;  // how many values it has sealed, in round numbers; 0 for a ring that was handed over
+    };
+
+    // In the order in which they were made. Empty, with a line logged, where there is no ring that can be used.
+    std::vector<KeyInfo> Keys();
+
+    // Disables a key, or enables it again (Opening). Those who have the ring in memory see it when they next look at
+    // it. Returns false, with a line logged and the ring as it was, for a key that seals or isn't there, and when the
+    // ring can't be written. True where the key has that state already.
+    bool SetKeyState(const std::string& id, KeyState state);
+
+    // Takes a key out of the ring: what it has sealed can't be opened by anybody then. Returns as SetKeyState does.
+    // A process that still seals with it, since it has not looked at the ring since, would go on: the one that serves
+    // the values is to call this.
+    bool RemoveKey(const std::string& id);
+
+    // From now on DecryptForRow opens only what was sealed for its row; for good. Returns as RotateKey does.
+    bool RequireBoundForm();
+    // Whether that is so; false without a ring that can be used. A ring that is made new requires it.
+    bool RequiresBoundForm();
+
+    struct Seal {
+        std::string keyId;
+        bool isBound;  // to a row
+    };
+    // How a text was sealed, as it says of itself: without opening it, without a ring. Nothing where it is no envelope.
+    static std::optional<Seal> SealOf(const std::string& cipher);
 
     SDSecurity(const SDSecurity&) = delete;
     SDSecurity& operator=(const SDSecurity&) = delete;

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <map>
 #include <optional>
 #include <string_view>
 
@@ -21,11 +20,9 @@ constexpr std::uint64_t kWarnFrom = kMaxSeals / 2;
 constexpr std::uint64_t kFirstBlock = 256;
 constexpr std::uint64_t kLargestBlock = 65536;
 
-using Counts = std::map<std::string, std::uint64_t, std::less<>>;  // by key id in hexadecimal
-
 // Lines of "id count". Returns nothing where one is anything else.
-std::optional<Counts> parseCounts(std::string_view text) {
-    Counts counts;
+std::optional<SealCounts> parseCounts(std::string_view text) {
+    SealCounts counts;
     while (!text.empty()) {
         const std::size_t end = text.find('\n');
         if (end == std::string_view::npos || end <= 2 * kKeyIdSize || text[2 * kKeyIdSize] != ' ') return std::nullopt;
@@ -39,7 +36,7 @@ std::optional<Counts> parseCounts(std::string_view text) {
     return counts;
 }
 
-SecretBytes formatCounts(const Counts& counts) {
+SecretBytes formatCounts(const SealCounts& counts) {
     SecretBytes text;
     for (const auto& [id, count] : counts) {
         const std::string line = id + ' ' + std::to_string(count) + '\n';
@@ -49,12 +46,13 @@ SecretBytes formatCounts(const Counts& counts) {
 }
 
 // The stored counts; a damaged file counts as none, with the reason.
-Counts readCounts(const std::string& path, std::string& reason) {
+SealCounts readCounts(const std::string& path, std::string& reason) {
     const FileRead file = readFile(path, Readers::OwnerOnly);
     reason = file.reason;
-    std::optional<Counts> counts = parseCounts({reinterpret_cast<const char*>(file.bytes.data()), file.bytes.size()});
+    std::optional<SealCounts> counts =
+        parseCounts({reinterpret_cast<const char*>(file.bytes.data()), file.bytes.size()});
     if (!counts) reason = "it is malformed";
-    return counts.value_or(Counts{});
+    return counts.value_or(SealCounts{});
 }
 
 // Adds `owed` to what the file says, or to `known` where that is more. Returns the new count, or nothing.
@@ -63,7 +61,7 @@ std::optional<std::uint64_t> addToFile(const std::string& folder, const KeyId& i
     const std::optional<LockedFolder> locked = LockedFolder::lock(folder, kSealWait, reason);
     if (!locked) return std::nullopt;
     std::string damage;
-    Counts counts = readCounts(folder + '/' + kFileName, damage);
+    SealCounts counts = readCounts(folder + '/' + kFileName, damage);
     if (!damage.empty()) LOG(6, AT "%s/%s: %s; counting from here", HERE, folder.c_str(), kFileName, damage.c_str());
     std::uint64_t& count = counts[toHex(id)];
     count = std::max(count, known);
@@ -114,9 +112,13 @@ void SealCounter::store(const KeyId& id) {
     mOwed = 0;
 }
 
-SDSecurity::KeyUse storedUse(const std::string& folder, const KeyId& id) {
+SealCounts storedCounts(const std::string& folder) {
     std::string damage;
-    const std::uint64_t count = readCounts(folder + '/' + kFileName, damage)[toHex(id)];
+    return readCounts(folder + '/' + kFileName, damage);
+}
+
+SDSecurity::KeyUse storedUse(const std::string& folder, const KeyId& id) {
+    const std::uint64_t count = storedCounts(folder)[toHex(id)];
     if (count >= kMaxSeals) return SDSecurity::KeyUse::UsedUp;
     return count >= kWarnFrom ? SDSecurity::KeyUse::HalfUsed : SDSecurity::KeyUse::Fine;
 }

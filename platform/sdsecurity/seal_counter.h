@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 
 #include "platform/sdsecurity/key_ring.h"
@@ -36,6 +37,10 @@ private:
     std::uint64_t mOwed = 0;    // what this one has taken beyond that
     bool mStoreFailed = false;
 };
+
+// How often each key has sealed, as the file in `folder` has it; by the key's id in hexadecimal.
+using SealCounts = std::map<std::string, std::uint64_t, std::less<>>;
+SealCounts storedCounts(const std::string& folder);
 
 // What the file in `folder` says of a key.
 SDSecurity::KeyUse storedUse(const std::string& folder, const KeyId& id);

@@ -12,7 +12,7 @@ namespace cli {
 
 namespace {
 
-constexpr std::size_t kMostBytes = std::size_t{16} << 10;
+constexpr std::size_t kMostBytes = std::size_t{32} << 10;
 
 }  // namespace
 
