@@ -196,7 +196,7 @@ TEST_F(BackupTest, CheckNamesEachFaultAndWhatToDo) {
     };
     const std::tuple<std::string, std::string, std::string> cases[] = {
         {"chmod 640 sdsecurity.keys", "others may read or write it", "chmod 600 " + folder + "/sdsecurity.keys"},
-        {"echo $(tail -n 1 sdsecurity.keys | cut -c 1-16) 4294967296 > sdsecurity.count", "is used up",
+        {"echo $(grep sealing sdsecurity.keys | cut -c 1-16) 4294967296 > sdsecurity.count", "is used up",
          "sdconfigd --rotate-key --data-dir " + folder},
         {"chmod 644 sdconfig.db", "others may get at " + database, "chmod 600 " + database},
         {"chmod 755 .", "others may get at " + folder, "chmod 700"},
