@@ -7,6 +7,7 @@
 #include "libsdconfig/sdconfig_client.h"
 #include "libsdconfig/with_client.h"
 #include "platform/velmarlog/log_line.h"
+#include "platform/velmarlog/log_secret.h"
 #include "src/sdconfig_impl_property.h"
 #include "src/sdconfig_protocol.h"
 
@@ -34,7 +35,7 @@ bool SDConfigClient::SetProperty(const std::string& key, const std::string& valu
     const Answer answer = request(protocol::kSetProperty, {key, value});
     if (answer.ok()) return answer->getBool(0);
     LOG(7, AT "error reply: type=%d, SetProperty the key : %s failed, value is %s", HERE, answer.type(), key.c_str(),
-        value.c_str());
+        SECRET(value));
     return false;
 }
 
@@ -61,7 +62,7 @@ bool SDConfigClient::SetSecure(const std::string& key, const std::string& value)
     const Answer answer = request(protocol::kSetSecure, {key, value});
     if (answer.ok()) return answer->getBool(0);
     LOG(7, AT "error reply: type=%d, setsecure the key : %s failed, the value is %s", HERE, answer.type(), key.c_str(),
-        value.c_str());
+        SECRET(value));
     return false;
 }
 
@@ -95,7 +96,7 @@ std::string SDConfigClient::GetConst(const std::string& key) {
 std::string SDConfigClient::SignRequest(const std::string& content) {
     const Answer answer = request(protocol::kSignRequest, {content});
     if (answer.ok()) return answer->getString(0);
-    LOG(7, AT "error reply: type=%d, SignRequest the content : %s failed", HERE, answer.type(), content.c_str());
+    LOG(7, AT "error reply: type=%d, SignRequest the content : %s failed", HERE, answer.type(), SECRET(content));
     return "";
 }
 
@@ -103,7 +104,7 @@ bool SDConfigClient::VerifyRequest(const std::string& content, const std::string
     const Answer answer = request(protocol::kVerifySign, {content, sign});
     if (answer.ok()) return answer->getBool(0);
     LOG(7, AT "error reply: type=%d, VerifyRequest the content : %s failed, the sign is %s", HERE, answer.type(),
-        content.c_str(), sign.c_str());
+        SECRET(content), SECRET(sign));
     return false;
 }
 
@@ -139,8 +140,8 @@ bool SDConfig::SetSecure(const std::string& key, const std::string& value) {
     return withClient(function, false, [&](SDConfigClient& client) {
         const bool stored = client.SetSecure(key, value);
         if (isIdentityKey(key))
-            LOG(5, AT "key is %s, value is %s, latestVal is %s", HERE_AS(function), key.c_str(), value.c_str(),
-                client.GetSecure(key).c_str());
+            LOG(5, AT "key is %s, value is %s, latestVal is %s", HERE_AS(function), key.c_str(), SECRET(value),
+                SECRET(client.GetSecure(key)));
         return stored;
     });
 }
@@ -149,7 +150,7 @@ std::string SDConfig::GetSecure(const std::string& key) {
     const char* const function = __func__;
     return withClient(function, std::string(), [&](SDConfigClient& client) {
         std::string value = client.GetSecure(key);
-        if (isIdentityKey(key)) LOG(5, AT "key is %s, value is %s", HERE_AS(function), key.c_str(), value.c_str());
+        if (isIdentityKey(key)) LOG(5, AT "key is %s, value is %s", HERE_AS(function), key.c_str(), SECRET(value));
         return value;
     });
 }
@@ -159,7 +160,7 @@ bool SDConfig::DeleteSecure(const std::string& key) {
     return withClient(function, false, [&](SDConfigClient& client) {
         const bool deleted = client.DeleteSecure(key);
         if (isIdentityKey(key))
-            LOG(5, AT "key is %s, latestVal is %s", HERE_AS(function), key.c_str(), client.GetSecure(key).c_str());
+            LOG(5, AT "key is %s, latestVal is %s", HERE_AS(function), key.c_str(), SECRET(client.GetSecure(key)));
         return deleted;
     });
 }

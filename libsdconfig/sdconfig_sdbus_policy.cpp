@@ -7,6 +7,7 @@
 #include "libsdconfig/sdconfig_client.h"
 #include "libsdconfig/with_client.h"
 #include "platform/velmarlog/log_line.h"
+#include "platform/velmarlog/log_secret.h"
 #include "src/sdconfig_protocol.h"
 
 namespace sd {
@@ -64,14 +65,14 @@ bool SDConfigClient::SetPolicyList(const PolicyList& policies) {
         for (const auto& [value, priority] : policy) {
             call->appendString(value);
             call->appendInt8(narrowed(priority));
-            if (isIdentityKey(uri)) LOG(5, AT "key is %s, value is %s", HERE, uri.c_str(), value.c_str());
+            if (isIdentityKey(uri)) LOG(5, AT "key is %s, value is %s", HERE, uri.c_str(), SECRET(value));
         }
     }
     const Answer answer = send(call);
     if (!answer.ok()) LOG(7, AT "error reply: type=%d, SetPolicyList failed", HERE, answer.type());
     for (const char* identity : {"ro.sd.uuid", "ro.sd.client.id"})
         if (policies.count(identity) != 0)
-            LOG(5, AT "%s's latestVal is %s", HERE, identity, GetSecure(identity).c_str());
+            LOG(5, AT "%s's latestVal is %s", HERE, identity, SECRET(GetSecure(identity)));
     return answer.ok() && answer->getBool(0);
 }
 
@@ -84,7 +85,7 @@ bool SDConfigClient::SetPolicyWithUri(const std::string& uri, const std::string&
     if (!answer.ok())
         LOG(7, AT "error reply: type=%d, SetPolicyWithUri key : %s failed", HERE, answer.type(), uri.c_str());
     if (isIdentityKey(uri))
-        LOG(5, AT "key is %s, value is %s, latestVal is %s", HERE, uri.c_str(), value.c_str(), GetSecure(uri).c_str());
+        LOG(5, AT "key is %s, value is %s, latestVal is %s", HERE, uri.c_str(), SECRET(value), SECRET(GetSecure(uri)));
     return answer.ok() && answer->getBool(0);
 }
 
@@ -96,7 +97,7 @@ PolicyMap SDConfigClient::GetPolicyWithUri(const std::string& uri) {
     else
         LOG(7, AT "error reply: type=%d, GetPolicyWithUri key : %s failed", HERE, answer.type(), uri.c_str());
     if (isIdentityKey(uri))
-        LOG(5, AT "key is %s, value is %s", HERE, uri.c_str(), policy.empty() ? "" : policy.begin()->first.c_str());
+        LOG(5, AT "key is %s, value is %s", HERE, uri.c_str(), policy.empty() ? "" : SECRET(policy.begin()->first));
     return policy;
 }
 
@@ -115,7 +116,7 @@ bool SDConfigClient::DeletePolicyWithUri(const std::string& uri) {
     const Answer answer = request(protocol::kDeletePolicy, {uri});
     if (!answer.ok())
         LOG(7, AT "error reply: type=%d, DeletePolicyWithUri key : %s failed", HERE, answer.type(), uri.c_str());
-    if (isIdentityKey(uri)) LOG(5, AT "key is %s, latestVal is %s", HERE, uri.c_str(), GetSecure(uri).c_str());
+    if (isIdentityKey(uri)) LOG(5, AT "key is %s, latestVal is %s", HERE, uri.c_str(), SECRET(GetSecure(uri)));
     return answer.ok() && answer->getBool(0);
 }
 

@@ -6,6 +6,7 @@
 #include "libsdconfig/lockscreen_entries.h"
 #include "libsdconfig/sdconfig_client.h"
 #include "platform/velmarlog/log_line.h"
+#include "platform/velmarlog/log_secret.h"
 
 namespace sd {
 
@@ -110,17 +111,17 @@ std::optional<std::string> SDConfigClient::readAtStartUp(const std::string& key,
 void SDConfigClient::dataMigrate(const std::string& key) {
     if (key != kOldLockscreenKey) return;
     const auto text = readAtStartUp(kOldLockscreenKey, __func__);
-    LOG(5, AT "jsonString is %s", HERE, text ? text->c_str() : "");
+    LOG(5, AT "jsonString is %s", HERE, text ? SECRET(*text) : "");
     if (!text) return;
 
     const auto entries = lockscreenEntries(*text);
     int i = 0;
     for (const auto& [name, object] : entries)
-        LOG(5, AT "i = %d, first element is %s, secend element is %s", HERE, i++, name.c_str(), object.c_str());
+        LOG(5, AT "i = %d, first element is %s, secend element is %s", HERE, i++, name.c_str(), SECRET(object));
     if (entries.size() == 1) {
         const std::string& object = entries.front().second;
         SetSecure(kLockscreenKey, object);
-        LOG(5, AT "firstElement->second is %s", HERE, object.c_str());
+        LOG(5, AT "firstElement->second is %s", HERE, SECRET(object));
     }
     if (mAnswers) DeleteSecure(kOldLockscreenKey);
 }

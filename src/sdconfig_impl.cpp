@@ -6,6 +6,7 @@
 #include "base/text.h"
 #include "platform/sdsecurity/sdsecurity.h"
 #include "platform/velmarlog/log_line.h"
+#include "platform/velmarlog/log_secret.h"
 #include "src/sdconfig_helpers.h"
 #include "src/sdconfig_impl_policy.h"
 #include "src/sdconfig_key_value_table.h"
@@ -131,7 +132,7 @@ bool SDConfigImpl::SetSecure_v3(const std::string& key, const std::string& value
         DeleteSecure_v3(key);
         if (isIdentityKey(key))
             LOG(5, AT "key is %s, utf8Value is %s, encrypted is %s", HERE_AS("SetSecure_v3"), key.c_str(),
-                utf8Value.c_str(), encrypted->c_str());
+                SECRET(utf8Value), SECRET(*encrypted));
     });
 }
 
@@ -151,7 +152,7 @@ std::string SDConfigImpl::GetSecure_v3(const std::string& key) {
     if (encrypted.empty()) return "";
     std::string value = SDSecurity::GetInstance()->FastDecrypt(encrypted);
     if (isIdentityKey(key))
-        LOG(5, AT "key is %s, encrypted is %s, value is %s", HERE, key.c_str(), encrypted.c_str(), value.c_str());
+        LOG(5, AT "key is %s, encrypted is %s, value is %s", HERE, key.c_str(), SECRET(encrypted), SECRET(value));
     return value;
 }
 

@@ -16,6 +16,7 @@
 
 #include "base/data_paths.h"
 #include "platform/velmarlog/log_line.h"
+#include "platform/velmarlog/log_secret.h"
 #include "src/sdconfig_helpers.h"
 #include "src/sdconfig_key_classes.h"
 
@@ -151,7 +152,7 @@ std::string SDPropertyInf::GetProperty(const std::string& key) {
 
 bool SDPropertyInf::SetProperty(const std::string& key, const std::string& value) {
     if (isReadOnly(key) && !GetProperty(key).empty()) {
-        LOG(6, AT "invalid set readyonly %s=%s", HERE, key.c_str(), value.c_str());
+        LOG(6, AT "invalid set readyonly %s=%s", HERE, key.c_str(), SECRET(value));
         return false;
     }
     if (key.size() > kKeyBytesMax || value.size() > kValueBytesMax) {

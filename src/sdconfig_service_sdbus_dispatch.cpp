@@ -4,6 +4,7 @@
 
 #include "base/sdconfig_types.h"
 #include "platform/velmarlog/log_line.h"
+#include "platform/velmarlog/log_secret.h"
 #include "src/sdconfig_helpers.h"
 #include "src/sdconfig_impl.h"
 #include "src/sdconfig_impl_policy.h"
@@ -230,7 +231,7 @@ bool SDConfigInterface::getSecure(Call& call) {
     // So that a caller does not take what can't be read for unset, and write over it.
     if (value.empty() && call.policies.isUnopenable(key)) reply->appendBool(true);
     sendMessage(reply);
-    if (isIdentityKey(key)) LOG(5, AT "key is %s, value is %s", DISPATCH, key.c_str(), value.c_str());
+    if (isIdentityKey(key)) LOG(5, AT "key is %s, value is %s", DISPATCH, key.c_str(), SECRET(value));
     return true;
 }
 
@@ -253,8 +254,8 @@ bool SDConfigInterface::setSecure(Call& call) {
         announceSecure(call, key, latest->value);
     }
     if (isIdentityKey(key))
-        LOG(5, AT "key is %s, oldVal is %s, latestVal is %s", DISPATCH, key.c_str(), old.c_str(),
-            call.config.GetSecure(key).c_str());
+        LOG(5, AT "key is %s, oldVal is %s, latestVal is %s", DISPATCH, key.c_str(), SECRET(old),
+            SECRET(call.config.GetSecure(key)));
     return true;
 }
 
@@ -288,7 +289,7 @@ bool SDConfigInterface::deleteSecure(Call& call) {
         }
     }
     if (isIdentityKey(key))
-        LOG(5, AT "key is %s, latestVal is %s", DISPATCH, key.c_str(), call.config.GetSecure(key).c_str());
+        LOG(5, AT "key is %s, latestVal is %s", DISPATCH, key.c_str(), SECRET(call.config.GetSecure(key)));
     return true;
 }
 
@@ -380,8 +381,8 @@ bool SDConfigInterface::announcePolicy(const Call& call, const PolicyChange& cha
     const bool notify = changed ? change.ok : change.ok && flipped && mListenerFlags[change.key];
     if (notify) DMChanged(change.key, latest->value, strongAfter);
     if (isIdentityKey(change.key))
-        LOG(5, AT "key is %s, value is %s, latestVal is %s", DISPATCH, change.key.c_str(), change.value.c_str(),
-            latest->value.c_str());
+        LOG(5, AT "key is %s, value is %s, latestVal is %s", DISPATCH, change.key.c_str(), SECRET(change.value),
+            SECRET(latest->value));
     return true;
 }
 
@@ -431,7 +432,7 @@ bool SDConfigInterface::getPolicy(Call& call) {
     reply->appendString(latest->value);
     reply->appendInt8(static_cast<int8_t>(latest->priority));
     sendMessage(reply);
-    if (isIdentityKey(key)) LOG(5, AT "key is %s, value is %s", DISPATCH, key.c_str(), latest->value.c_str());
+    if (isIdentityKey(key)) LOG(5, AT "key is %s, value is %s", DISPATCH, key.c_str(), SECRET(latest->value));
     return true;
 }
 
@@ -442,7 +443,7 @@ bool SDConfigInterface::deletePolicy(Call& call) {
     replyBool(call, ok);
     if (ok) DMChanged(key, "", false);
     if (isIdentityKey(key))
-        LOG(5, AT "key is %s, latestVal is %s", DISPATCH, key.c_str(), call.config.GetSecure(key).c_str());
+        LOG(5, AT "key is %s, latestVal is %s", DISPATCH, key.c_str(), SECRET(call.config.GetSecure(key)));
     return true;
 }
 

@@ -1,5 +1,6 @@
 // sdconfigd: hosts the configuration service until it is told to end.
 #include <malloc.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <future>
 #include <iostream>
@@ -32,7 +34,7 @@
 #include "libsdconfig/sdconfig.h"
 #include "platform/sdbus/sdbus.h"
 #include "platform/sdsecurity/sdsecurity.h"
-#include "platform/velmarlog/velmarlog.h"
+#include "platform/velmarlog/log_secret.h"
 #include "src/sdconfig_impl_property.h"
 #include "src/sdconfig_protocol.h"
 #include "src/sdconfig_service_sdbus.h"
@@ -49,6 +51,8 @@ struct Options {
     std::string productDir;
     std::string constants;
     int logLevel = 6;
+    bool logSecrets = false;
+    bool allowDumps = false;
     bool upgrade = false;
     bool rotateKey = false;
 };
@@ -82,6 +86,9 @@ void declareOptions(CLI::App& app, Options& options) {
         ->type_name("N")
         ->check(CLI::Range(0, 8))
         ->capture_default_str();
+    app.add_flag("--log-secrets", options.logSecrets,
+                 "Show the values that log lines name, not their length and digest");
+    app.add_flag("--allow-dumps", options.allowDumps, "Leave core dumps of the service as the system has them");
     app.add_flag("--upgrade", options.upgrade, "Carry the database of an earlier version over before serving");
     app.add_flag("--rotate-key", options.rotateKey,
                  "Add a key to the key ring, with which everything is sealed from now on, and end")
@@ -92,6 +99,21 @@ void declareOptions(CLI::App& app, Options& options) {
     app.footer(
         "Exit codes: 0 ended as told, 1 can't serve, 2 wrong use.\n"
         "Example: sdconfigd --data-dir ~/.local/share/sdconfig");
+}
+
+void hideSecrets() {
+    if (velmarLogSetSecretsShown) return velmarLogSetSecretsShown(false);
+    tell("the log layer can't hide values: lines of level 5, and those about a refused property, show them");
+}
+
+// A limit of 0 would stop files alone. Of one byte the kernel makes no file either, and does not start the program that
+// takes dumps where there is one: for it that is a crash of such a program.
+void stopDumps() {
+    constexpr rlim_t kNone = 1;
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_CORE, &limit) == 0 && limit.rlim_max <= kNone) return;
+    limit = {kNone, kNone};
+    if (::setrlimit(RLIMIT_CORE, &limit) != 0) tell(std::string("can't stop core dumps: ") + std::strerror(errno));
 }
 
 // The upgrade of the store itself, whose connection is closed again before the service opens its own.
@@ -304,6 +326,8 @@ int main(int argc, char** argv) {
         app.parse(argc, argv);
         options.dataDirNamed = app.count("--data-dir") > 0;
         velmarLogSetLevel(options.logLevel);
+        if (!options.logSecrets) hideSecrets();
+        if (!options.allowDumps) stopDumps();
         if (options.dataDir.empty()) return fail("there is no data folder; name one with --data-dir");
         return options.rotateKey ? rotateKey(options) : run(options, endSignals);
     } catch (const CLI::Success& help) {

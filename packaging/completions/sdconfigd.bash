@@ -8,8 +8,8 @@ _sdconfigd() {
         --constants) compopt -o filenames; mapfile -t COMPREPLY < <(compgen -f -- "$word") ;;
         --log-level) mapfile -t COMPREPLY < <(compgen -W "5 6 7 8" -- "$word") ;;
         *)
-            mapfile -t COMPREPLY < <(compgen -W "--data-dir --product-dir --constants --log-level --upgrade \
-                --rotate-key --version --help" -- "$word")
+            mapfile -t COMPREPLY < <(compgen -W "--data-dir --product-dir --constants --log-level --log-secrets \
+                --allow-dumps --upgrade --rotate-key --version --help" -- "$word")
             ;;
     esac
 }

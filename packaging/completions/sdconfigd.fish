@@ -6,6 +6,8 @@ complete -c sdconfigd -l product-dir -xa '(__fish_complete_directories)' -d 'The
 complete -c sdconfigd -l constants -rF -d 'Constants to answer'
 complete -c sdconfigd -l log-level -xa '5\tinformation 6\twarnings 7\terrors 8\tnone' \
     -d 'The least level of log lines to write'
+complete -c sdconfigd -l log-secrets -d 'Show the values that log lines name'
+complete -c sdconfigd -l allow-dumps -d 'Leave core dumps as the system has them'
 complete -c sdconfigd -l upgrade -d 'Carry the database of an earlier version over before serving'
 complete -c sdconfigd -l rotate-key -d 'Add a key to the key ring, and end'
 complete -c sdconfigd -l version -d 'Print the version'

@@ -4,6 +4,7 @@
 // The location of a line is its caller's and not this file's: fields are passed by hand.
 #define SD_JOURNAL_SUPPRESS_LOCATION
 #include <pthread.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/uio.h>
@@ -16,6 +17,7 @@
 #include <cerrno>
 #include <cinttypes>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -26,7 +28,11 @@
 #include <string_view>
 #include <utility>
 
+#include "platform/velmarlog/siphash.h"
+
 namespace {
+
+using velmarlog::SipKey;
 
 constexpr int kInformation = 5;
 constexpr int kWarning = 6;
@@ -38,6 +44,7 @@ constexpr std::size_t kMaxText = 64UL * 1024;
 
 // Everything static is initialised at compile time and never destroyed: lines come before main and after exit.
 std::atomic<int> sLeastLevel{kWarning};
+std::atomic<bool> sSecretsShown{true};
 thread_local bool sInSink = false;
 
 // The stream that standard error may be, as the journal numbers it.
@@ -52,6 +59,7 @@ struct JournalStream {
 std::mutex sMutex;
 std::shared_ptr<const VelmarLogSink>* sSink = nullptr;  // guarded by sMutex, as what follows
 std::optional<JournalStream> sJournalStream;            // once it is read
+std::optional<SipKey> sDigestKey;                       // once it is needed
 
 const int sInstalled [[maybe_unused]] =
     ::pthread_atfork([] { sMutex.lock(); }, [] { sMutex.unlock(); }, [] { sMutex.unlock(); });
@@ -236,6 +244,23 @@ bool sendToSink(const Line& line) {
     return taken;
 }
 
+// Nothing where the system has no random bytes to give.
+std::optional<SipKey> digestKey() {
+    const std::lock_guard lock(sMutex);
+    SipKey fresh{};
+    if (!sDigestKey && ::getrandom(fresh.data(), sizeof fresh, 0) == sizeof fresh) sDigestKey = fresh;
+    return sDigestKey;
+}
+
+// Half of the hash: it is for telling values apart by eye.
+std::string digestOf(const std::string& value) {
+    std::array<char, 16> digest{};
+    if (const std::optional<SipKey> key = digestKey())
+        std::snprintf(digest.data(), digest.size(), ", %08" PRIx32,
+                      static_cast<std::uint32_t>(velmarlog::sipHash(*key, value)));
+    return '[' + std::to_string(value.size()) + " bytes" + digest.data() + ']';
+}
+
 }  // namespace
 
 void velmarLogPrint(int /*id*/, int level, const char* tag, const char* format, ...) {
@@ -266,4 +291,17 @@ void velmarLogSetSink(VelmarLogSink sink) {
     const std::lock_guard lock(sMutex);
     if (!sSink) sSink = new std::shared_ptr<const VelmarLogSink>;
     sSink->swap(next);
+}
+
+void velmarLogSetSecretsShown(bool shown) {
+    sSecretsShown.store(shown, std::memory_order_relaxed);
+}
+
+std::string velmarLogHidden(const std::string& value) {
+    if (sSecretsShown.load(std::memory_order_relaxed)) return "";
+    try {
+        return digestOf(value);
+    } catch (...) {
+        return "[hidden]";  // so short that it takes no memory
+    }
 }

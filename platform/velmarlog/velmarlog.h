@@ -30,3 +30,12 @@ using VelmarLogSink = std::function<void(int level, const char* tag, const std::
 // Sends all lines to `sink`; an empty one brings the default back. A thread that is logging may still be running the
 // old one after the return. Any thread.
 VELMARLOG_API void velmarLogSetSink(VelmarLogSink sink);
+
+// Whether lines show the secrets that they name: the values of SetSecure and SetProperty calls that failed, of the
+// identity keys, of lock-screen settings, and texts to sign. The default is true: a line has all that it tells. False
+// puts their length and a digest in their place, "[12 bytes, 9f86d081]". One value has one digest in a process, and
+// another in each other process: its key is random and never leaves memory. Any thread; for lines from then on.
+VELMARLOG_API void velmarLogSetSecretsShown(bool shown);
+
+// What lines show in the place of `value`; "" where they show secrets. For who logs. Any thread; never throws.
+VELMARLOG_API std::string velmarLogHidden(const std::string& value);

@@ -319,6 +319,42 @@ TEST_F(DaemonTest, ChecksTheDatabasesUnlessTheLastServiceEndedCleanlyAndNothingC
     expectRefusal("the database " + database + " is damaged (");
 }
 
+TEST_F(DaemonTest, LinesHideValuesAndNoCoreIsDumpedUnlessTheServiceIsToldSo) {
+    const auto dumps = [](const Process& service) {
+        const std::string limits = readFile("/proc/" + std::to_string(service.pid()) + "/limits");
+        const std::string name = "Max core file size";
+        return std::stoul("0" + limits.substr(limits.find_first_not_of(' ', limits.find(name) + name.size()), 2));
+    };
+    {
+        const Process service = startService({"--log-level", "5"});
+        const std::string told = cli({"-v", "secure", "set", "ro.sd.uuid", "canary"}).err;
+        EXPECT_THAT(told, AllOf(HasSubstr("value is [6 bytes, "), Not(HasSubstr("canary"))));
+        cli({"policy", "set", "ro.sd.client.id", "canary", "9"});
+        cli({"set", "ro.a", "set"});
+        cli({"set", "ro.a", "canary"});
+        EXPECT_THAT(service.err(), AllOf(HasSubstr("latestVal is [6 bytes, "), HasSubstr("ro.a=[6 bytes, "),
+                                         HasSubstr("encrypted is ["), Not(HasSubstr("canary"))));
+        EXPECT_EQ(dumps(service), 1u);
+    }
+    const Process service = startService({"--log-level", "5", "--log-secrets", "--allow-dumps"});
+    cli({"get", "any"});
+    EXPECT_EQ(cli({"secure", "get", "ro.sd.uuid"}).out, "canary\n");
+    EXPECT_THAT(service.err(), HasSubstr("value is canary"));
+    EXPECT_NE(dumps(service), 1u);
+}
+
+// As a host that brings its own layers may have it.
+TEST_F(DaemonTest, ServesWithALogLayerOfAnEarlierVersion) {
+    Environment environment = this->environment();
+    environment["LD_LIBRARY_PATH"] = EARLIER_LOG;
+    Process service = Process::start({SDCONFIGD, "--log-level", "5", "--data-dir", path("data")}, environment);
+    ASSERT_TRUE(service.waitForErr("sdconfigd: ready on ")) << service.err();
+    EXPECT_THAT(service.err(), HasSubstr("the log layer can't hide values"));
+    EXPECT_EQ(cli({"secure", "set", "ro.sd.uuid", "v"}).exitCode, 0);
+    EXPECT_EQ(cli({"secure", "get", "ro.sd.uuid"}).out, "v\n");
+    EXPECT_THAT(service.err(), HasSubstr("earlier: sdconfig "));
+}
+
 TEST_F(DaemonTest, AClientLivesThroughAKillAndARestart) {
     const ScopedEnv runtime("XDG_RUNTIME_DIR", path("run").c_str());
     sd::SDConfig& config = *sd::SDConfig::GetInstance();
@@ -336,7 +372,7 @@ TEST_F(DaemonTest, AClientLivesThroughAKillAndARestart) {
 }
 
 TEST_F(DaemonTest, TheCallInHandIsAnsweredBeforeTheEnd) {
-    Process service = startService({"--log-level", "5"});
+    Process service = startService({"--log-level", "5", "--log-secrets"});
     cli({"secure", "set", "ro.sd.uuid", "old"});
     cli({"get", "any"});  // what the call before logs behind its answer is logged now
     const std::size_t before = service.err().size();

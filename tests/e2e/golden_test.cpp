@@ -113,7 +113,7 @@ TEST_F(GoldenTest, EveryLineIsWhatItWas) {
 
     step("nobody serves", [&] { config.GetSecure("k"); });
     writeFile(path("etc/build.prop"), "ro.sd.build.version=1.2\nro.sd.product.mode=m\nro.a=1\nro.a=2\n");
-    mService.emplace(startService({"--log-level", "5"}));
+    mService.emplace(startService({"--log-level", "5", "--log-secrets"}));
     cli({"secure", "set", "ro.sd.user.lockscreen.data", R"({"user": {"pin": 1}})"});
     step("the first call", [&] { config.GetProperty("none"); });
     const std::pair<const char*, Action> calls[] = {

@@ -20,6 +20,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/velmarlog/siphash.h"
 #include "tests/support/support.h"
 
 using testing::AllOf;
@@ -128,6 +129,36 @@ TEST(JournalTest, TakesTheLinesOfAProcessWhoseStandardErrorItReads) {
     EXPECT_EXIT(logAs(0, 7, "refuse"), ExitedWithCode(0),
                 AllOf(HasSubstr(" E tag: file function(7): refuse\n"), HasSubstr("<PRIORITY=3>")));
     EXPECT_EXIT(logAs(1, 7, ""), ExitedWithCode(0), HasSubstr(" E tag: no place\n"));
+}
+
+// From the paper that describes the hash, and the table that comes with it: of so many bytes 0, 1, 2 ...
+TEST(SecretTest, TheHashIsSipHash) {
+    const std::pair<int, std::uint64_t> published[] = {
+        {0, 0x726fdb47dd0e0e31}, {1, 0x74f839c593dc67fd},  {7, 0xab0200f58b01d137},
+        {8, 0x93f5f5799a932462}, {15, 0xa129ca6149be45e5}, {63, 0x958a324ceb064572},
+    };
+    for (const auto& [size, hash] : published) {
+        std::string text;
+        for (int i = 0; i < size; ++i) text += static_cast<char>(i);
+        EXPECT_EQ(velmarlog::sipHash({0x0706050403020100, 0x0f0e0d0c0b0a0908}, text), hash) << size;
+    }
+}
+
+TEST(SecretTest, HidesAValueBehindADigestOfThisProcess) {
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    EXPECT_EQ(velmarLogHidden("value"), "");
+    velmarLogSetSecretsShown(false);
+    const std::string hidden = velmarLogHidden("value");
+    EXPECT_THAT(hidden, MatchesRegex("\\[5 bytes, [0-9a-f]+\\]"));
+    EXPECT_EQ(velmarLogHidden("value"), hidden);
+    EXPECT_NE(velmarLogHidden("Value"), hidden);
+    const auto tell = [] {
+        velmarLogSetSecretsShown(false);
+        velmarLogPrint(0, 7, "t", "%s", velmarLogHidden("value").c_str());
+        std::exit(0);
+    };
+    EXPECT_EXIT(tell(), ExitedWithCode(0), AllOf(HasSubstr("[5 bytes, "), testing::Not(HasSubstr(hidden))));
+    velmarLogSetSecretsShown(true);
 }
 
 std::string sEarly;

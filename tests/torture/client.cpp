@@ -16,6 +16,7 @@
 #include "libsdconfig/dmconfig.h"
 #include "libsdconfig/sdconfig.h"
 #include "platform/sdsecurity/sdsecurity.h"
+#include "platform/velmarlog/velmarlog.h"
 
 namespace {
 
@@ -165,6 +166,7 @@ std::string answer(const std::string& command, const std::string& a, const std::
 }  // namespace
 
 int main() {
+    velmarLogSetSecretsShown(false);
     std::string line;
     while (std::getline(std::cin, line)) {
         std::istringstream words(line);

@@ -116,7 +116,7 @@ void CommandLine::prepare() {
     mApp->set_version_flag("--version", "sdconfig " SDCONFIG_VERSION, "Print the version");
     mApp->add_flag("--json", mRequest.json, "Print one JSON object on one line");
     mApp->add_flag("-v,--verbose", mRequest.verbose,
-                   "Show the library's log on standard error (it can hold the values in question)");
+                   "Show the library's log on standard error, values by their length and digest");
     mApp->add_option("--user", mRequest.user, "Act as this user, whose service root may use")
         ->type_name("NAME")
         ->check(apps::notEmpty);

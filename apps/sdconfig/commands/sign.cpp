@@ -9,7 +9,7 @@ namespace cli {
 
 int signText(const Request& request, Service& service) {
     if (const int code = service.require()) return code;
-    const auto [signature, code] = service.call("SignRequest the content", request.text,
+    const auto [signature, code] = service.call(Service::wordsOfText("SignRequest the content", request.text),
                                                 [&] { return sd::SDConfig::GetInstance()->SignRequest(request.text); });
     if (code) return code;
     if (signature.empty() && !request.text.empty()) return notSigned(request);

@@ -9,7 +9,7 @@ namespace cli {
 
 int verifyText(const Request& request, Service& service) {
     if (const int code = service.require()) return code;
-    const auto [valid, code] = service.call("VerifyRequest the content", request.text, [&] {
+    const auto [valid, code] = service.call(Service::wordsOfText("VerifyRequest the content", request.text), [&] {
         return sd::SDConfig::GetInstance()->VerifyRequest(request.text, request.signature);
     });
     if (code) return code;

@@ -9,7 +9,7 @@
 #include "apps/common/process.h"
 #include "apps/common/smallest_call.h"
 #include "platform/sdbus/sdbus.h"
-#include "platform/velmarlog/velmarlog.h"
+#include "platform/velmarlog/log_secret.h"
 #include "src/sdconfig_protocol.h"
 
 namespace cli {
@@ -63,8 +63,7 @@ std::string plainStart(const std::string& argument) {
 }  // namespace
 
 // Takes the library's log lines: shows them on standard error when asked to, and notes a line that tells that the call
-// in hand got no answer, or one that can't be read. Such a line can hold a secret value, so it is shown at no other
-// time.
+// in hand got no answer, or one that can't be read.
 class LogWatch {
 public:
     explicit LogWatch(bool show) : mShow(show) {}
@@ -118,6 +117,7 @@ private:
 
 Service::Service(const Request& request) : mRequest(request), mLog(std::make_shared<LogWatch>(request.verbose)) {
     velmarLogSetLevel(request.verbose ? kAllLines : kWarningLines);
+    if (velmarLogSetSecretsShown) velmarLogSetSecretsShown(false);  // what is shown ends in the logs of scripts
     velmarLogSetSink(
         [log = mLog](int level, const char* tag, const std::string& line) { log->take(level, tag, line); });
     mBus = SDBusSerivceManager::initSync(-1);
@@ -164,6 +164,10 @@ bool Service::appears() const {
 
 std::string Service::failureWords(const std::string& name, const std::string& argument) {
     return name + " : " + plainStart(argument);
+}
+
+std::string Service::wordsOfText(const std::string& name, const std::string& text) {
+    return failureWords(name, velmarlog::Secret(text).text());
 }
 
 void Service::beginCall(const std::string& words) {

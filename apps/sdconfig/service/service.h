@@ -62,6 +62,9 @@ public:
         return {std::move(result), endCall(failureValue)};
     }
 
+    // The `words` of an operation whose argument is a text that log lines hide.
+    static std::string wordsOfText(const std::string& name, const std::string& text);
+
     // The exit code kDone where the answer to the method, which takes no arguments, begins with a count; else
     // kNoService, after telling so. For a list that read as empty: a list without a count reads so, too.
     int requireCount(const char* method) const;
