@@ -5,8 +5,8 @@
 #include <memory>
 #include <string_view>
 
+#include "base/sip_hash.h"
 #include "platform/sdsecurity/crypto.h"
-#include "platform/sdsecurity/sip_hash.h"
 
 namespace sd::security {
 namespace {
@@ -72,7 +72,8 @@ using RowMark = std::array<unsigned char, kMarkSize>;
 // Tells an envelope of another row from a changed one, which the tag alone can't; it protects nothing.
 RowMark rowMark(const Key& key, const std::string& data) {
     RowMark mark{};
-    const std::uint64_t hash = sipHash(key.rowMarkKey.data(), data);
+    const std::string_view words(reinterpret_cast<const char*>(key.rowMarkKey.data()), key.rowMarkKey.size());
+    const std::uint64_t hash = sipHash({sipWord(words.substr(0, 8)), sipWord(words.substr(8))}, data);
     for (std::size_t i = 0; i < mark.size(); ++i) mark[i] = static_cast<unsigned char>(hash >> (8 * i));
     return mark;
 }

@@ -28,11 +28,11 @@
 #include <string_view>
 #include <utility>
 
-#include "platform/velmarlog/siphash.h"
+#include "base/sip_hash.h"
 
 namespace {
 
-using velmarlog::SipKey;
+using sd::SipKey;
 
 constexpr int kInformation = 5;
 constexpr int kWarning = 6;
@@ -257,7 +257,7 @@ std::string digestOf(const std::string& value) {
     std::array<char, 16> digest{};
     if (const std::optional<SipKey> key = digestKey())
         std::snprintf(digest.data(), digest.size(), ", %08" PRIx32,
-                      static_cast<std::uint32_t>(velmarlog::sipHash(*key, value)));
+                      static_cast<std::uint32_t>(sd::sipHash(*key, value)));
     return '[' + std::to_string(value.size()) + " bytes" + digest.data() + ']';
 }
 

@@ -20,7 +20,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/velmarlog/siphash.h"
+#include "base/sip_hash.h"
 #include "tests/support/support.h"
 
 using testing::AllOf;
@@ -140,7 +140,7 @@ TEST(SecretTest, TheHashIsSipHash) {
     for (const auto& [size, hash] : published) {
         std::string text;
         for (int i = 0; i < size; ++i) text += static_cast<char>(i);
-        EXPECT_EQ(velmarlog::sipHash({0x0706050403020100, 0x0f0e0d0c0b0a0908}, text), hash) << size;
+        EXPECT_EQ(sd::sipHash({0x0706050403020100, 0x0f0e0d0c0b0a0908}, text), hash) << size;
     }
 }
 
