@@ -12,21 +12,19 @@
 #include <vector>
 
 #include "platform/sdsecurity/sdsecurity.h"
+#include "platform/sdsecurity/secret_memory.h"
 
 namespace sd::security {
 
-// Wipes what it gives back, so that neither a freed nor a grown buffer leaves key material behind.
+// Takes memory for key material, and wipes what it gives back: neither a freed nor a grown buffer leaves any behind.
 template <class T>
 struct WipingAllocator {
     using value_type = T;
     WipingAllocator() = default;
     template <class U>
     WipingAllocator(const WipingAllocator<U>& /*other*/) {}
-    T* allocate(std::size_t count) { return std::allocator<T>().allocate(count); }
-    void deallocate(T* first, std::size_t count) {
-        ::explicit_bzero(first, count * sizeof(T));
-        std::allocator<T>().deallocate(first, count);
-    }
+    T* allocate(std::size_t count) { return static_cast<T*>(takeSecretMemory(count * sizeof(T))); }
+    void deallocate(T* first, std::size_t count) { giveBackSecretMemory(first, count * sizeof(T)); }
     friend bool operator==(const WipingAllocator& /*a*/, const WipingAllocator& /*b*/) { return true; }
     friend bool operator!=(const WipingAllocator& /*a*/, const WipingAllocator& /*b*/) { return false; }
 };

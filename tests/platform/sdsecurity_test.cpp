@@ -12,12 +12,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <random>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -530,6 +533,49 @@ TEST_F(SecurityTest, UsesARingThatTheHostHandsOver) {
     EXPECT_EQ(state(), State::Usable);
     EXPECT_TRUE(works());
     EXPECT_EQ(open(own), "");
+}
+
+// Counts the places where the memory of this process holds the inverse of `inverted`, in pages that are locked and left
+// out of dumps, and in others.
+std::pair<int, int> placesInMemory(const std::string& inverted) {
+    constexpr std::size_t kLargest = 1UL << 26U;  // shadow memory of a sanitizer is larger
+    const auto isInverse = [](char one, char other) { return one == static_cast<char>(~other); };
+    std::pair<int, int> places;
+    std::istringstream maps(readFile("/proc/self/smaps"));
+    std::ifstream memory("/proc/self/mem", std::ios::binary);
+    memory.rdbuf()->pubsetbuf(nullptr, 0);  // no copy stays there
+    std::string bytes;
+    for (std::string line; std::getline(maps, line);) {
+        char access[5];
+        unsigned long from = 0, to = 0;
+        if (std::sscanf(line.c_str(), "%lx-%lx %4s", &from, &to, access) == 3) {
+            bytes.assign(std::string(access) == "rw-p" && to - from <= kLargest ? to - from : 0, '\0');
+            memory.seekg(static_cast<std::streamoff>(from))
+                .read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+        } else if (line.compare(0, 8, "VmFlags:") == 0) {
+            const bool apart = line.find(" lo") != std::string::npos && line.find(" dd") != std::string::npos;
+            for (auto at = bytes.begin();; ++at) {
+                at = std::search(at, bytes.end(), inverted.begin(), inverted.end(), isInverse);
+                if (at == bytes.end()) break;
+                ++(apart ? places.first : places.second);
+            }
+            std::fill(bytes.begin(), bytes.end(), '\0');
+        }
+    }
+    return places;
+}
+
+TEST_F(SecurityTest, KeysStandWhereNeitherADumpNorSwapTakesThem) {
+    EXPECT_EQ(open(seal(kSecret)), kSecret);
+    security.SetKeyRingFolder(folder.path());
+    EXPECT_EQ(open(seal(kSecret)), kSecret);
+    const std::string text = readFile(ring);
+    std::string inverted;
+    for (std::size_t at = text.find("\nsum ") - 64; inverted.size() < 32; at += 2)
+        inverted += static_cast<char>(~std::stoi(text.substr(at, 2), nullptr, 16));
+    const auto [apart, elsewhere] = placesInMemory(inverted);
+    EXPECT_GT(apart, 0);
+    EXPECT_EQ(elsewhere, 0);
 }
 
 TEST_F(SecurityTest, ServesManyThreads) {
