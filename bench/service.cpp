@@ -8,6 +8,7 @@
 #include "libsdconfig/sdconfig.h"
 #include "platform/sdsecurity/sdsecurity.h"
 #include "platform/velmarlog/velmarlog.h"
+#include "src/sdconfig_sealed_row.h"
 
 namespace bench {
 
@@ -26,7 +27,7 @@ void insertSecureValues(const std::string& dataFolder, int count) {
             "the service's database");
     for (int i = 0; i < count; ++i) {
         const std::string key = keyOf(i);
-        const std::string sealed = security.FastEncrypt(storedValue());
+        const std::string sealed = sd::sealForRow(sd::secureRow(key), storedValue());
         sqlite3_bind_text(insert, 1, key.c_str(), -1, SQLITE_STATIC);
         sqlite3_bind_text(insert, 2, sealed.c_str(), -1, SQLITE_STATIC);
         require(sqlite3_step(insert) == SQLITE_DONE && sqlite3_reset(insert) == SQLITE_OK, sql);

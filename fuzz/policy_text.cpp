@@ -11,6 +11,7 @@
 #include "platform/sdsecurity/sdsecurity.h"
 #include "src/sdconfig_impl_policy.h"
 #include "src/sdconfig_key_value_table.h"
+#include "src/sdconfig_sealed_row.h"
 
 namespace {
 
@@ -49,7 +50,7 @@ bool isDecimal(const std::string& text) {
 }
 
 void plant(Store& store, const std::string& text) {
-    const std::string sealed = sd::SDSecurity::GetInstance()->FastEncrypt(text);
+    const std::string sealed = sd::sealForRow(sd::policyRow(kUri), text);
     fuzz::expect(sd::key_value::set(store.table, kUri, sealed), "the row can be written");
     const auto [value, priority] = sd::splitPolicyText(text);
     fuzz::expect(text == value + "&&&" + priority || text == value + priority, "nothing is lost between the parts");

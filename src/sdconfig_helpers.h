@@ -6,17 +6,18 @@
 #include <string>
 
 #include "base/limits.h"
+#include "platform/sdsecurity/sdsecurity.h"
 
 namespace sd {
 
 // The version of sdconfig.db that this code writes, as its row has it.
 inline constexpr char kDatabaseVersion[] = "3";
 
-// What is stored of a text: its envelope, "" for an empty one; nothing when the security layer could not seal it.
-std::optional<std::string> sealedText(const std::string& utf8Text);
+// What a row stores of a text: its envelope, "" for an empty one; nothing when the security layer could not seal it.
+std::optional<std::string> sealedText(const SDSecurityRow& row, const std::string& utf8Text);
 
-// Whether there is a stored text, and the security layer can't open it.
-bool isUnopenable(const std::string& stored);
+// Whether there is a stored text, and the security layer can't open it in its row.
+bool isUnopenable(const SDSecurityRow& row, const std::string& stored);
 
 // Measures an operation for its timing line.
 class Stopwatch {

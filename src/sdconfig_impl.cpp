@@ -10,6 +10,7 @@
 #include "src/sdconfig_helpers.h"
 #include "src/sdconfig_impl_policy.h"
 #include "src/sdconfig_key_value_table.h"
+#include "src/sdconfig_sealed_row.h"
 #include "src/sdconfig_store_folder.h"
 
 namespace sd {
@@ -35,7 +36,7 @@ SDConfigImpl::SDConfigImpl(const std::string& dbPath)
       mDbInforTable(*this, "dbinfor"),
       mConfigTable(*this, "config"),
       mSecureTable(*this, "secure"),
-      mSecureV3Table(*this, "secure_v3"),
+      mSecureV3Table(*this, kSecureTable),
       mLatestVersion(kDatabaseVersion) {
     LOG(5, AT "sdconfig db path=%s", HERE, dbPath.c_str());
     LOG(5, AT "start init DB", HERE);
@@ -123,7 +124,7 @@ bool SDConfigImpl::SetSecure_v3(const std::string& key, const std::string& value
     if (!mSecureV3Table.isInPlace()) return false;  // nor is a key ring made in a folder that isn't ours any more
     const std::string utf8Value = latin1ToUtf8(value);
     // Sealed before anything is locked: neither another process nor a key ring that can't be used has to wait for it.
-    const auto encrypted = sealedText(utf8Value);
+    const auto encrypted = sealedText(secureRow(key), utf8Value);
     if (!encrypted) {
         LOG(7, AT "encryption failed, the key is %s", HERE, key.c_str());
         return false;
@@ -150,7 +151,7 @@ std::string SDConfigImpl::GetSecure(const std::string& key) {
 std::string SDConfigImpl::GetSecure_v3(const std::string& key) {
     const std::string encrypted = getValueFromDatabaseTable(mSecureV3Table, key);
     if (encrypted.empty()) return "";
-    std::string value = SDSecurity::GetInstance()->FastDecrypt(encrypted);
+    std::string value = openForRow(secureRow(key), encrypted);
     if (isIdentityKey(key))
         LOG(5, AT "key is %s, encrypted is %s, value is %s", HERE, key.c_str(), SECRET(encrypted), SECRET(value));
     return value;

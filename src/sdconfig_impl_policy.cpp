@@ -5,13 +5,13 @@
 #include <vector>
 
 #include "base/text.h"
-#include "platform/sdsecurity/sdsecurity.h"
 #include "platform/velmarlog/log_line.h"
 #include "sql/SQLiteTransaction.h"
 #include "src/sdconfig_helpers.h"
 #include "src/sdconfig_impl.h"
 #include "src/sdconfig_key_value_table.h"
 #include "src/sdconfig_policy_text.h"
+#include "src/sdconfig_sealed_row.h"
 #include "src/sdconfig_store_folder.h"
 
 namespace sd {
@@ -44,8 +44,7 @@ SDConfigDmHelper& SDConfigDmHelper::GetInstance() {
     return instance;
 }
 
-SDConfigDmHelper::SDConfigDmHelper(const std::string& path)
-    : mDatabase(path), mDmHelperTable(mDatabase, "dmhelperconfig") {
+SDConfigDmHelper::SDConfigDmHelper(const std::string& path) : mDatabase(path), mDmHelperTable(mDatabase, kPolicyTable) {
     LOG(5, AT "dmhelperconfig db path=%s", HERE, path.c_str());
     LOG(5, AT "start init DB", HERE);
     initDB();
@@ -77,7 +76,7 @@ bool SDConfigDmHelper::SetPolicyWithUri(const std::string& uri, const PolicyMap&
     }
     if (!mDmHelperTable.isInPlace()) return false;
     // Sealed before anything is locked, as a secure value is.
-    const auto encrypted = sealedText(latin1ToUtf8(composePolicyText(value, priority)));
+    const auto encrypted = sealedText(policyRow(uri), latin1ToUtf8(composePolicyText(value, priority)));
     if (!encrypted) {
         LOG(7, AT "encryption failed, the key is %s", HERE, uri.c_str());
         return false;
@@ -92,7 +91,7 @@ PolicyMap SDConfigDmHelper::GetPolicyFromDMtable(const std::string& uri) {
     const Stopwatch watch;
     const std::string encrypted = getValueFromDatabaseTable(mDmHelperTable, uri);
     if (encrypted.empty()) return {};
-    const std::string text = SDSecurity::GetInstance()->FastDecrypt(encrypted);
+    const std::string text = openForRow(policyRow(uri), encrypted);
     if (text.empty()) return {};
 
     auto [value, priorityText] = splitPolicyText(text);
@@ -130,7 +129,7 @@ PolicyMap SDConfigDmHelper::GetPolicyWithUri(const std::string& uri) {
 }
 
 bool SDConfigDmHelper::isUnopenable(const std::string& uri) {
-    if (sd::isUnopenable(getValueFromDatabaseTable(mDmHelperTable, uri))) return true;
+    if (sd::isUnopenable(policyRow(uri), getValueFromDatabaseTable(mDmHelperTable, uri))) return true;
     const PolicyMap policy = GetPolicyFromDMtable(uri);
     const bool isStrong = !policy.empty() && policy.begin()->second > kLocalPriority;
     return !isStrong && SDConfigImpl::GetInstance()->storedBytes_v3(uri) > 0;  // what can be opened is never empty

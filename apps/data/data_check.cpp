@@ -96,17 +96,13 @@ private:
         ++mResult.count;
         if (!row.value.empty()) ++mResult.sealed;
         if (!mRingUsable) return;
-        if (!DataReader::secureValue(row))
-            add(row, "can't be opened with the key ring",
-                "restore the databases and the key ring from the same backup, or set or delete it");
-        else if (isPolicies(mLayout) && !DataReader::policy(row))
-            add(row, "holds no value and priority", "set or delete it");
-    }
-
-    void add(const Row& row, const char* what, const std::string& next) {
+        RowFault fault;
+        const bool isReadable = isPolicies(mLayout) ? DataReader::policy(row, &fault).has_value()
+                                                    : DataReader::secureValue(row, &fault).has_value();
+        if (isReadable) return;
         const std::string named =
             std::string("the ") + mLayout.sealedName + " \"" + escaped(row.key) + "\" of " + mPath;
-        mResult.rows.push_back({mPath, named + " " + what, next, row.key});
+        mResult.rows.push_back({mPath, named + " " + fault.what, fault.next, row.key});
     }
 
     const std::string& mPath;

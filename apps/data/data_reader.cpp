@@ -7,6 +7,7 @@
 #include "libsdconfig/sdconfig_types.h"
 #include "platform/sdsecurity/sdsecurity.h"
 #include "src/sdconfig_policy_text.h"
+#include "src/sdconfig_sealed_row.h"
 
 namespace apps {
 
@@ -23,6 +24,25 @@ std::optional<int> decimal(const std::string& text) {
     const auto [stop, failure] = std::from_chars(text.data(), end, number);
     if (failure != std::errc() || stop != end || number < 0) return std::nullopt;
     return number;
+}
+
+RowFault faultOf(sd::SDSecurity::OpenResult why, const std::string& cipher) {
+    using Result = sd::SDSecurity::OpenResult;
+    static constexpr char kRestore[] =
+        "restore the databases and the key ring from the same backup, or set or delete it";
+    if (why == Result::OtherRow) return {"belongs to another row", kRestore};
+    if (why == Result::UnboundForm) return {"is bound to no row, which the key ring no longer allows", kRestore};
+    if (why != Result::KeyDisabled) return {"can't be opened with the key ring", kRestore};
+    const auto seal = sd::SDSecurity::SealOf(cipher);
+    return {"is sealed with a disabled key", "enable the key " + (seal ? seal->keyId : "") + ", or set or delete it"};
+}
+
+// "" where it can't be opened.
+std::string opened(const sd::SDSecurityRow& row, const std::string& cipher, RowFault* fault) {
+    sd::SDSecurity::OpenResult why{};
+    std::string plain = sd::openForRow(row, cipher, &why);
+    if (plain.empty() && fault) *fault = faultOf(why, cipher);
+    return plain;
 }
 
 }  // namespace
@@ -61,15 +81,17 @@ bool DataReader::hasPolicies() const {
     return isThere(mFolder + "/" + kPolicyLayout.file);
 }
 
-std::optional<std::string> DataReader::secureValue(const Row& row) {
+std::optional<std::string> DataReader::secureValue(const Row& row, RowFault* fault) {
     if (row.value.empty()) return "";
-    const std::string value = sd::SDSecurity::GetInstance()->FastDecrypt(row.value);
+    const std::string value = opened(sd::secureRow(row.key), row.value, fault);
     if (value.empty()) return std::nullopt;
     return sd::textAsSet(value);
 }
 
-std::optional<Policy> DataReader::policy(const Row& row) {
-    const std::string text = sd::SDSecurity::GetInstance()->FastDecrypt(row.value);
+std::optional<Policy> DataReader::policy(const Row& row, RowFault* fault) {
+    static const RowFault kNoPolicy{"holds no value and priority", "set or delete it"};
+    if (fault) *fault = kNoPolicy;
+    const std::string text = row.value.empty() ? "" : opened(sd::policyRow(row.key), row.value, fault);
     if (text.empty()) return std::nullopt;
     const auto [value, priorityText] = sd::splitPolicyText(text);
     const std::optional<int> priority = decimal(priorityText);

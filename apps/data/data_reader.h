@@ -12,6 +12,12 @@
 
 namespace apps {
 
+// Why a row can't be read, for a person.
+struct RowFault {
+    std::string what;  // with the row before it: "belongs to another row"
+    std::string next;  // what to do about it
+};
+
 class DataReader {
 public:
     // Names the folder of the key ring to the security layer: one folder a process, before anything is sealed or
@@ -28,9 +34,9 @@ public:
     std::string policyRows(std::vector<Row>& rows, const std::optional<std::string>& key = std::nullopt) const;
 
     // What a row holds, opened with the key ring, as it was set; "" for an empty row. Nothing when it can't be opened,
-    // or is no policy.
-    static std::optional<std::string> secureValue(const Row& row);
-    static std::optional<Policy> policy(const Row& row);
+    // or is no policy; fault, unless null, tells how that is then.
+    static std::optional<std::string> secureValue(const Row& row, RowFault* fault = nullptr);
+    static std::optional<Policy> policy(const Row& row, RowFault* fault = nullptr);
 
     // Why the key ring can't open anything; "" where it can.
     static std::string ringProblem();

@@ -56,5 +56,13 @@ TEST_F(EarlierDataTest, IsNotGuessedAtWhereBothHoldData) {
     EXPECT_EQ(host().out, mOwn + ": own\n");
 }
 
+TEST_F(EarlierDataTest, IsSealedByALayerOfTheHostsOwnThatKnowsNoRows) {
+    const std::string folder = path("own");
+    std::filesystem::create_directory(folder);
+    const Result served = run({OWN_LAYER_HOST, folder, "secret"}, environment());
+    EXPECT_EQ(served.out, folder + ": secret\n") << served.err;
+    EXPECT_EQ(query(folder + "/sdconfig.db", "SELECT value FROM secure_v3")[0][0], "host:secret");
+}
+
 }  // namespace
 }  // namespace test

@@ -72,6 +72,9 @@ TEST_F(ExplainTest, TellsEveryOrigin) {
     EXPECT_THAT(cli({"list", "--show"}).out,
                 AllOf(HasSubstr("secure\tstrong\tsecret-local\n"), HasSubstr("policy\tstrong\t6\tsecret-policy\n")));
 
+    query(path("data/sdconfig.db"), "UPDATE secure_v3 SET key = 'moved' WHERE key = 'strong'");
+    EXPECT_EQ(explain("moved")["secure"]["layers"]["local"]["fault"], "belongs to another row");
+    EXPECT_THAT(cli({"explain", "moved"}).out, HasSubstr("a row that reads as empty: it belongs to another row\n"));
     std::filesystem::rename(path("data/sdconfig.db"), path("data/away"));  // so that only the service tells
     EXPECT_EQ(cli({"list"}).out, "policy\thidden\npolicy\tother\npolicy\tstrong\npolicy\ttie\npolicy\tweak\n");
     EXPECT_THAT(cli({"list"}).err, HasSubstr(path("data") + " has no database of secure values"));

@@ -198,9 +198,7 @@ TEST_F(ServiceTest, CallsAboutTooMuchAtOnceAreRefusedWhole) {
     EXPECT_TRUE(ok("SET_PROPERTY", "next", "call"));  // is answered when the one before is done
     EXPECT_EQ(mLog.count("DM_GET_POLICIES refused", 7), 1);
     EXPECT_FALSE(ok("SET_POLICYLIST", 5, "a", "", 3, "a", "", 3, "a", "", 3, "a", "", 3, "a", "", 3));
-    for (const char* copy : {"b", "c", "d", "e"})
-        test::query(policyFile(), std::string("INSERT INTO dmhelperconfig (key, value) SELECT '") + copy +
-                                      "', value FROM dmhelperconfig WHERE key = 'a'");
+    for (const char* another : {"b", "c", "d", "e"}) EXPECT_TRUE(ok("SET_POLICYLIST", 1, another, most, 3));
     EXPECT_TRUE(silent("DM_LIST"));
     EXPECT_TRUE(ok("SET_PROPERTY", "next", "call"));
     EXPECT_EQ(mLog.count("DM_LIST refused", 7), 1);
@@ -328,7 +326,7 @@ TEST_F(ServiceTest, WhatItCannotAnswerCostsOnlyTheCaller) {
     EXPECT_TRUE(silent("get_property", "k"));
     EXPECT_TRUE(mLog.has("can't understand method call: get_property", 6));
     test::query(policyFile(), "INSERT INTO dmhelperconfig(key, value) VALUES('bad', '" +
-                                  SDSecurity::GetInstance()->FastEncrypt("x&&&") + "')");
+                                  SDSecurity::EncryptForRow({"dmhelper.db", "dmhelperconfig", "bad"}, "x&&&") + "')");
     EXPECT_TRUE(silent("GET_POLICY", "bad"));
     EXPECT_TRUE(mLog.has("the handler of GET_POLICY threw", 7));
     EXPECT_EQ(text("GET_PROPERTY", "none"), "");

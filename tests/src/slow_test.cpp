@@ -29,11 +29,12 @@ nanoseconds sLooking = 0ns;  // how long passes between two looks at the clock
 std::chrono::steady_clock::time_point std::chrono::steady_clock::now() noexcept {
     return time_point(sNow += sLooking);
 }
-std::string sd::SDSecurity::FastEncrypt(const std::string& plain) {
+std::string sd::SDSecurity::EncryptForRow(const SDSecurityRow& /*row*/, const std::string& plain) {
     sNow += sSealing;
     return plain;
 }
-std::string sd::SDSecurity::FastDecrypt(const std::string& cipher) {
+std::string sd::SDSecurity::DecryptForRow(const SDSecurityRow& /*row*/, const std::string& cipher,
+                                          OpenResult* /*why*/) {
     sNow += sSealing;
     return cipher;
 }

@@ -36,16 +36,17 @@ protected:
         mLog.clear();
     }
 
-    // What FastEncrypt was given for the key's row.
+    // What was sealed for the key's row.
     std::string unsealed(const std::string& file, const std::string& table, const std::string& key) {
         const Rows rows = test::query(file, "SELECT value FROM " + table + " WHERE key = '" + key + "'");
-        return rows.size() == 1 ? SDSecurity::GetInstance()->FastDecrypt(rows[0][0]) : "no single row";
+        const std::string database = std::filesystem::path(file).filename();
+        return rows.size() == 1 ? SDSecurity::DecryptForRow({database, table, key}, rows[0][0]) : "no single row";
     }
 
     // Puts a policy text of our own into the row, as an earlier version or a damaged disk might have.
     void plantPolicy(const std::string& uri, const std::string& text) {
         test::query(mPolicyFile, "INSERT OR REPLACE INTO dmhelperconfig(key, value) VALUES('" + uri + "', '" +
-                                     SDSecurity::GetInstance()->FastEncrypt(text) + "')");
+                                     SDSecurity::EncryptForRow({"dmhelper.db", "dmhelperconfig", uri}, text) + "')");
     }
 
     const std::string mConfigFile = folder() + "/sdconfig.db";
@@ -161,14 +162,60 @@ TEST_F(StoresTest, KeysAreClassifiedExactly) {
     EXPECT_EQ(classes, "TTTTBBB--");
 }
 
+TEST_F(StoresTest, AValueThatWasMovedOpensNoMore) {
+    const std::string moves[] = {
+        "UPDATE secure_v3 SET key = 'B' WHERE key = 'a'",
+        "UPDATE secure_v3 SET value = (SELECT value FROM secure_v3 WHERE key = 'a') WHERE key = 'b'",
+        "UPDATE secure_v3 SET value = (SELECT value FROM policies.dmhelperconfig WHERE key = 'b') WHERE key = 'b'"};
+    for (const std::string& move : moves) {
+        SCOPED_TRACE(move);
+        const bool frees = move.find("SET key") != std::string::npos;
+        ASSERT_TRUE(mConfig->SetSecure("a", "1") && mConfig->SetSecure("b", "2"));
+        ASSERT_TRUE(mPolicies->SetPolicyWithUri("b", {{"3", 3}}));
+        test::query(mConfigFile, "ATTACH '" + mPolicyFile + "' AS policies; " +
+                                     (frees ? "DELETE FROM secure_v3 WHERE key = 'b'; " : "") + move);
+        mLog.clear();
+        EXPECT_EQ(mConfig->GetSecure_v3("b"), "");
+        EXPECT_EQ(mLog.count("sdconfig.db, secure_v3, b: an envelope of ", 7), 1);
+        EXPECT_TRUE(mLog.has("belongs to another row", 7));
+    }
+    ASSERT_TRUE(mConfig->SetSecure("a", "1"));
+    test::query(mConfigFile, "UPDATE secure_v3 SET key = 'A' WHERE key = 'a'");
+    EXPECT_EQ(mConfig->GetSecure_v3("a"), "1") << "one key in both letter cases";
+    test::query(mPolicyFile, "UPDATE dmhelperconfig SET key = 'c'");
+    EXPECT_TRUE(mPolicies->GetPolicyFromDMtable("c").empty());
+}
+
+TEST_F(StoresTest, WhatVersion100SealedOpensUntilTheRingRequiresTheBoundForm) {
+    const test::TempDir earlier;
+    test::writeFile(earlier / "sdsecurity.keys",
+                    "sdsecurity-keys 1\n"
+                    "dc4bc7547e35e387 000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f\n");
+    std::filesystem::permissions(earlier / "sdsecurity.keys", std::filesystem::perms(0600));
+    SDSecurity& security = *SDSecurity::GetInstance();
+    security.SetKeyRingFolder(earlier.path());
+    for (const auto& [file, table, text] :
+         {std::tuple(mConfigFile, "secure_v3", "early"), std::tuple(mPolicyFile, "dmhelperconfig", "early&&&7")})
+        test::query(file, std::string("INSERT INTO ") + table + "(key, value) VALUES('k', '" +
+                              security.FastEncrypt(text) + "')");
+    EXPECT_EQ(mConfig->GetSecure_v3("k"), "early");
+    EXPECT_EQ(mPolicies->GetPolicyWithUri("k"), (PolicyMap{{"early", 7}}));
+    EXPECT_TRUE(mConfig->SetSecure("late", "v"));
+    EXPECT_TRUE(security.RequireBoundForm());
+    EXPECT_EQ(mConfig->GetSecure_v3("late"), "v");
+    EXPECT_EQ(mConfig->GetSecure_v3("k"), "");
+    EXPECT_TRUE(mPolicies->isUnopenable("k"));
+    EXPECT_TRUE(mLog.has("is bound to no row, which its key ring no longer allows", 7));
+}
+
 TEST_F(StoresTest, OnlyIdentityValuesAreLogged) {
     for (const char* key : {"RO.sd.uuid", "ro.sd.Client.id", "ro.sd.uuid", "ro.sd.client.id", "ro.sd.uuid.other"})
         mConfig->SetSecure(key, "canary");
     mConfig->GetSecure("ro.sd.uuid");
     for (const char* key : {"ro.sd.UUID", "ro.sd.uuid.other"}) mConfig->GetSecure(key);
-    EXPECT_EQ(mLog.count("key is ro.sd.uuid, utf8Value is canary, encrypted is v1", 5), 1);
+    EXPECT_EQ(mLog.count("key is ro.sd.uuid, utf8Value is canary, encrypted is v2", 5), 1);
     EXPECT_EQ(mLog.count("key is ro.sd.client.id, utf8Value is canary", 5), 1);
-    EXPECT_EQ(mLog.count("key is ro.sd.uuid, encrypted is v1", 5), 1);
+    EXPECT_EQ(mLog.count("key is ro.sd.uuid, encrypted is v2", 5), 1);
     EXPECT_EQ(mLog.count("canary"), 3);
 }
 

@@ -89,7 +89,7 @@ std::string hidden(const std::string& value, bool show) {
 }
 
 std::string policyText(const Layers& layers, bool show) {
-    if (layers.policyUnreadable) return "there is one, and it can't be read";
+    if (layers.policyUnreadable) return "there is one, and it can't be read: it " + layers.policyFault;
     if (!layers.policy) return "none";
     const std::string priority = "priority " + std::to_string(layers.policy->priority) + ", ";
     return priority + (layers.policy->value.empty() ? "no value" : hidden(layers.policy->value, show));
@@ -103,7 +103,7 @@ std::string localText(const Layers& layers, bool show) {
             return std::string("an empty row") +
                    (layers.rowHidesPolicy ? "" : " in another letter case, which hides no policy");
         case Layers::Row::Unreadable:
-            return "a row that can't be opened and reads as empty";
+            return "a row that reads as empty: it " + layers.rowFault;
         default:
             return "none";
     }
@@ -135,7 +135,7 @@ void addSecret(Object& object, const char* name, const std::string& value, bool 
 }
 
 Object policyObject(const Layers& layers, bool show) {
-    if (layers.policyUnreadable) return {{"readable", false}};
+    if (layers.policyUnreadable) return {{"readable", false}, {"fault", layers.policyFault}};
     if (!layers.policy) return nullptr;
     Object object{{"readable", true}, {"priority", layers.policy->priority}, {"set", !layers.policy->value.empty()}};
     addSecret(object, "value", layers.policy->value, show);
@@ -144,6 +144,7 @@ Object policyObject(const Layers& layers, bool show) {
 
 Object layersObject(const Layers& layers, bool show) {
     Object local{{"row", localName(layers.row)}};
+    if (layers.row == Layers::Row::Unreadable) local["fault"] = layers.rowFault;
     addSecret(local, "value", layers.local, show);
     const Effective rest = withoutPolicy(layers);
     return {{"policy", policyObject(layers, show)},

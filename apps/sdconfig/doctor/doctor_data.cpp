@@ -9,6 +9,7 @@
 #include "apps/sdconfig/doctor/doctor_checks.h"
 #include "apps/sdconfig/terminal/messages.h"
 #include "platform/sdsecurity/sdsecurity.h"
+#include "src/sdconfig_sealed_row.h"
 
 namespace cli {
 
@@ -41,6 +42,11 @@ Checks checkFolder(const std::string& folder) {
     // A ring that is missing or broken is among the findings.
     const auto ring = sd::SDSecurity::GetInstance()->CheckKeyRing();
     if (ring.state == sd::SDSecurity::KeyRingState::Usable) checks.push_back({kRing, ring.detail, ""});
+    if (!sd::isLayerBinding())
+        checks.push_back({kRing,
+                          "the security layer is one that binds no value to its row: whoever writes the "
+                          "databases can give a key another's value",
+                          "install the libsdsecurity of this version"});
     return checks;
 }
 

@@ -25,8 +25,10 @@ struct Layers {
 
     std::optional<apps::Policy> policy;
     bool policyUnreadable = false;
+    std::string policyFault;  // why it is that: "belongs to another row"
     Row row = Row::None;
     bool rowHidesPolicy = false;  // the row is spelled exactly like the key: in another letter case it hides nothing
+    std::string rowFault;         // why it is unreadable, likewise
     std::string local;
 };
 

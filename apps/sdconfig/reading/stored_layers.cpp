@@ -34,11 +34,15 @@ std::string StoredLayers::read(const apps::DataReader& reader, const std::option
 Layers StoredLayers::of(const std::string& key) const {
     Layers layers;
     if (const auto found = mPolicies.find(folded(key)); found != mPolicies.end() && !found->second.value.empty()) {
-        layers.policy = apps::DataReader::policy(found->second);
+        apps::RowFault fault;
+        layers.policy = apps::DataReader::policy(found->second, &fault);
         layers.policyUnreadable = !layers.policy;
+        layers.policyFault = fault.what;
     }
     if (const auto found = mSecure.find(folded(key)); found != mSecure.end()) {
-        const auto value = apps::DataReader::secureValue(found->second);
+        apps::RowFault fault;
+        const auto value = apps::DataReader::secureValue(found->second, &fault);
+        layers.rowFault = fault.what;
         layers.row = !value ? Layers::Row::Unreadable : value->empty() ? Layers::Row::Empty : Layers::Row::Value;
         layers.rowHidesPolicy = found->second.key == key;
         layers.local = value.value_or("");

@@ -1,0 +1,40 @@
+// How a value is sealed for the row that it stands in, whichever security layer there is.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "platform/sdsecurity/sdsecurity.h"
+#include "src/sdconfig_store_folder.h"
+
+namespace sd {
+
+inline constexpr char kSecureTable[] = "secure_v3";
+inline constexpr char kPolicyTable[] = "dmhelperconfig";
+
+inline SDSecurityRow secureRow(std::string_view key) {
+    return {kConfigFile, kSecureTable, key};
+}
+inline SDSecurityRow policyRow(std::string_view uri) {
+    return {kPolicyFile, kPolicyTable, uri};
+}
+
+// False with a host's own security layer that knows no rows: its values open in any.
+inline bool isLayerBinding() {
+    return &SDSecurity::EncryptForRow && &SDSecurity::DecryptForRow;
+}
+
+// As the security layer's own operations, and as those without a row where it has no others.
+inline std::string sealForRow(const SDSecurityRow& row, const std::string& plain) {
+    if (isLayerBinding()) return SDSecurity::EncryptForRow(row, plain);
+    return SDSecurity::GetInstance()->FastEncrypt(plain);
+}
+inline std::string openForRow(const SDSecurityRow& row, const std::string& cipher,
+                              SDSecurity::OpenResult* why = nullptr) {
+    if (isLayerBinding()) return SDSecurity::DecryptForRow(row, cipher, why);
+    std::string plain = SDSecurity::GetInstance()->FastDecrypt(cipher);
+    if (why) *why = plain.empty() ? SDSecurity::OpenResult::Changed : SDSecurity::OpenResult::Done;
+    return plain;
+}
+
+}  // namespace sd
