@@ -16,6 +16,7 @@
 #include "platform/velmarlog/velmarlog.h"
 #include "sql/SQLiteDatabase.h"
 #include "src/sdconfig_key_value_table.h"
+#include "src/sdconfig_sealed_row.h"
 
 namespace bench {
 
@@ -79,6 +80,22 @@ private:
     std::array<unsigned char, 32> mKey{};
 };
 
+// What it costs that a value is bound to its row.
+void measureBinding(int calls, const Extent& extent) {
+    sd::SDSecurity& security = *sd::SDSecurity::GetInstance();
+    const sd::SDSecurityRow row = sd::secureRow("bench.secure.key.1");
+    const std::string bound = security.EncryptForRow(row, kValue);
+    const std::string unbound = security.FastEncrypt(kValue);
+    const auto samples = alternate(
+        extent.rounds(),
+        {[&] { return p50Microseconds(calls, [&] { require(!security.EncryptForRow(row, kValue).empty(), "bind"); }); },
+         [&] { return p50Microseconds(calls, [&] { require(!security.FastEncrypt(kValue).empty(), "seal"); }); },
+         [&] { return p50Microseconds(calls, [&] { require(security.DecryptForRow(row, bound) == kValue, "row"); }); },
+         [&] { return p50Microseconds(calls, [&] { require(security.FastDecrypt(unbound) == kValue, "open"); }); }});
+    report({"sealing 64 bytes for a row, p50", "sealed for none", "us", Wanted::AtMost, 1.1}, samples[0], samples[1]);
+    report({"opening 64 bytes of a row, p50", "sealed for none", "us", Wanted::AtMost, 1.1}, samples[2], samples[3]);
+}
+
 void measureSealing(const Workplace& place, const Extent& extent) {
     sd::SDSecurity& security = *sd::SDSecurity::GetInstance();
     std::filesystem::create_directory(place.path("ring"));
@@ -93,6 +110,7 @@ void measureSealing(const Workplace& place, const Extent& extent) {
          [&] { return p50Microseconds(calls, [&] { bare.seal(kValue); }); },
          [&] { return p50Microseconds(calls, [&] { require(security.FastDecrypt(envelope) == kValue, "open"); }); },
          [&] { return p50Microseconds(calls, [&] { require(bare.open(sealed) == kValue, "bare open"); }); }});
+    measureBinding(calls, extent);
     report({"sealing 64 bytes, p50", "bare EVP AES-256-GCM", "us", Wanted::AtMost, 1.3}, samples[0], samples[1]);
     report({"opening 64 bytes, p50", "bare EVP AES-256-GCM", "us", Wanted::AtMost, 1.3}, samples[2], samples[3]);
 }

@@ -61,7 +61,7 @@ TEST_F(EarlierDataTest, IsSealedByALayerOfTheHostsOwnThatKnowsNoRows) {
     std::filesystem::create_directory(folder);
     const Result served = run({OWN_LAYER_HOST, folder, "secret"}, environment());
     EXPECT_EQ(served.out, folder + ": secret\n") << served.err;
-    EXPECT_EQ(query(folder + "/sdconfig.db", "SELECT value FROM secure_v3")[0][0], "host:secret");
+    EXPECT_EQ(query(folder + "/sdconfig.db", "SELECT value FROM secure_v3 WHERE key = 'key'")[0][0], "host:secret");
 }
 
 }  // namespace

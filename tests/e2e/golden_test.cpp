@@ -86,7 +86,7 @@ private:
                  "^(. \\S+: (?!sdconfig_sdbus (GetInstance|SDConfigClient|printProductInfo)\\()\\S+ \\S+)\\(\\d+\\)"),
              "$1(#)"},
             {std::regex("0x[0-9a-f]+"), "0x#"},
-            {std::regex("v1[A-Za-z0-9+/=]{40,}"), "v1#"},
+            {std::regex("v2[A-Za-z0-9+/=]{40,}"), "v2#"},
             {std::regex("takes [0-9.]+ s$"), "takes # s"},
             {std::regex(path("")), "@/"},
             {std::regex("\n"), "\n" + who + "    "},
@@ -177,10 +177,10 @@ TEST_F(GoldenTest, EveryLineIsWhatItWas) {
              call("get_property", "k");
              call("DM_GET_POLICIES", 0);
              call("UNREG_LISTENER", "none");
-             query(rules,
-                   "INSERT INTO dmhelperconfig(key, value) VALUES('bad', '" +
-                       query(secrets, "SELECT value FROM secure_v3 WHERE key = 'sd.device.lockscreen.data'")[0][0] +
-                       "')");
+             sd::SDSecurity::GetInstance()->SetKeyRingFolder(path("data"));
+             query(rules, "INSERT INTO dmhelperconfig(key, value) VALUES('bad', '" +
+                              sd::SDSecurity::EncryptForRow({"dmhelper.db", "dmhelperconfig", "bad"}, "no priority") +
+                              "')");
              call("GET_POLICY", "bad");
          }},
         {"what can't be kept",
