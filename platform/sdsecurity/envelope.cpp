@@ -1,7 +1,10 @@
 #include "platform/sdsecurity/envelope.h"
 
+#include <endian.h>
+
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <memory>
 #include <string_view>
 
@@ -38,43 +41,57 @@ struct FreeContext {
 };
 using Context = std::unique_ptr<EVP_CIPHER_CTX, FreeContext>;
 
-void appendBigEndian(std::uint64_t number, std::string& data) {
-    for (unsigned shift = 64; shift > 0; shift -= 8) data.push_back(static_cast<char>(number >> (shift - 8)));
-}
-
-// The length goes first, so that no two rows have the same data.
-void appendName(std::string_view name, std::string& data) {
-    appendBigEndian(name.size(), data);
-    data += name;
-}
-
-// What the tag covers besides the cipher text: an envelope can't pass for one of another version, key or row.
-std::string associatedData(const KeyId& id, const SDSecurityRow* row) {
-    std::string data(row ? kBound : kUnbound);
-    if (row)
-        data.reserve(kVersionSize + kKeyIdSize + 3 * sizeof(std::uint64_t) + row->database.size() + row->table.size() +
-                     row->key.size());
-    data.append(id.begin(), id.end());
-    if (!row) return data;
-    appendName(row->database, data);
-    appendName(row->table, data);
-    const std::size_t keyAt = data.size() + sizeof(std::uint64_t);
-    appendName(row->key, data);
-    // As the key's column compares, so that a row has one name in whatever letter case it is asked for.
-    std::transform(data.begin() + static_cast<std::ptrdiff_t>(keyAt), data.end(),
-                   data.begin() + static_cast<std::ptrdiff_t>(keyAt),
-                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
-    return data;
-}
-
 using RowMark = std::array<unsigned char, kMarkSize>;
 
+// What the tag covers besides the cipher text, so that an envelope can't pass for one of another version, key or row:
+// the version, the key's id, and for a row its mark and its names, each with its length before it, so that no two rows
+// have the same. On the stack, as long as the names are of the usual length: a value costs little more time to seal.
+class AssociatedData {
+public:
+    AssociatedData(const KeyId& id, const SDSecurityRow* row) {
+        if (row) mSize = kNamesAt + 3 * kLengthSize + row->database.size() + row->table.size() + row->key.size();
+        if (mSize > mShort.size()) mLong.resize(mSize);
+        mData = mLong.empty() ? mShort.data() : mLong.data();
+        (row ? kBound : kUnbound).copy(mData, kVersionSize);
+        std::copy(id.begin(), id.end(), mData + kVersionSize);
+        if (!row) return;
+        char* at = mData + kNamesAt;
+        for (const std::string_view name : {row->database, row->table, row->key}) {
+            const std::uint64_t length = ::htobe64(name.size());
+            std::memcpy(at, &length, kLengthSize);
+            name.copy(at + kLengthSize, name.size());
+            at += kLengthSize + name.size();
+        }
+        // As the key's column compares, so that a row has one name in whatever letter case it is asked for.
+        for (char* c = at - row->key.size(); c != at; ++c)
+            if (*c >= 'A' && *c <= 'Z') *c = static_cast<char>(*c - 'A' + 'a');
+    }
+    AssociatedData(const AssociatedData&) = delete;
+    AssociatedData& operator=(const AssociatedData&) = delete;
+
+    const unsigned char* data() const { return reinterpret_cast<const unsigned char*>(mData); }
+    std::size_t size() const { return mSize; }
+    std::string_view names() const { return {mData + kNamesAt, mSize - kNamesAt}; }
+    void setMark(const unsigned char* mark) { std::copy_n(mark, kMarkSize, mData + kMarkAt); }
+
+private:
+    static constexpr std::size_t kMarkAt = kVersionSize + kKeyIdSize;
+    static constexpr std::size_t kNamesAt = kMarkAt + kMarkSize;
+    static constexpr std::size_t kLengthSize = sizeof(std::uint64_t);
+
+    std::array<char, 256> mShort;
+    std::string mLong;
+    char* mData;
+    std::size_t mSize = kMarkAt;
+};
+
 // Tells an envelope of another row from a changed one, which the tag alone can't; it protects nothing.
-RowMark rowMark(const Key& key, const std::string& data) {
-    RowMark mark{};
+RowMark rowMark(const Key& key, const AssociatedData& data) {
     const std::string_view words(reinterpret_cast<const char*>(key.rowMarkKey.data()), key.rowMarkKey.size());
-    const std::uint64_t hash = sipHash({sipWord(words.substr(0, 8)), sipWord(words.substr(8))}, data);
-    for (std::size_t i = 0; i < mark.size(); ++i) mark[i] = static_cast<unsigned char>(hash >> (8 * i));
+    const std::uint64_t hash =
+        ::htole64(sipHash({sipWord(words.substr(0, 8)), sipWord(words.substr(8))}, data.names()));
+    RowMark mark{};
+    std::memcpy(mark.data(), &hash, mark.size());
     return mark;
 }
 
@@ -103,11 +120,38 @@ bool fromBase64(const std::string& text, std::vector<unsigned char>& bytes) {
                       [](unsigned char one, char other) { return one == static_cast<unsigned char>(other); });
 }
 
+// False where the tag does not fit.
+bool decrypt(const Key& key, const Envelope& envelope, const AssociatedData& data, std::string& plain) {
+    const Frame frame(envelope.isBound);
+    const unsigned char* const nonce = envelope.bytes.data() + frame.nonceAt;
+    const unsigned char* const text = envelope.bytes.data() + frame.textAt;
+    std::string opened(envelope.bytes.size() - frame.size, '\0');
+    auto* const out = reinterpret_cast<unsigned char*>(opened.data());
+    std::array<unsigned char, kTagSize> tag{};
+    std::copy_n(text + opened.size(), tag.size(), tag.begin());
+    const Context context(openssl().EVP_CIPHER_CTX_new());
+    int length = 0;
+    demand(context != nullptr);
+    demand(openssl().EVP_DecryptInit_ex2(context.get(), sealingCipher(), key.bytes.data(), nonce, nullptr) == 1);
+    demand(openssl().EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_AEAD_SET_TAG, static_cast<int>(tag.size()),
+                                         tag.data()) == 1);
+    demand(openssl().EVP_DecryptUpdate(context.get(), nullptr, &length, data.data(), static_cast<int>(data.size())) ==
+           1);
+    demand(openssl().EVP_DecryptUpdate(context.get(), out, &length, text, static_cast<int>(opened.size())) == 1);
+    if (openssl().EVP_DecryptFinal_ex(context.get(), out + opened.size(), &length) == 1) {
+        plain = std::move(opened);
+        return true;
+    }
+    // What stands there was decrypted but is not what was sealed.
+    openssl().OPENSSL_cleanse(opened.data(), opened.size());
+    return false;
+}
+
 }  // namespace
 
 std::optional<std::string> sealEnvelope(const Key& key, const std::string& plain, const SDSecurityRow* row) {
     if (plain.size() > kMaxPlain) return std::nullopt;
-    const std::string data = associatedData(key.id, row);
+    AssociatedData data(key.id, row);
     if (data.size() > kMaxPlain) return std::nullopt;
     demandCrypto();
     const Frame frame(row != nullptr);
@@ -115,6 +159,7 @@ std::optional<std::string> sealEnvelope(const Key& key, const std::string& plain
     const auto markAt = std::copy(key.id.begin(), key.id.end(), bytes.begin());
     if (row) {
         const RowMark mark = rowMark(key, data);
+        data.setMark(mark.data());
         std::copy(mark.begin(), mark.end(), markAt);
     }
     unsigned char* const nonce = bytes.data() + frame.nonceAt;
@@ -124,9 +169,8 @@ std::optional<std::string> sealEnvelope(const Key& key, const std::string& plain
     int length = 0;
     demand(context != nullptr);
     demand(openssl().EVP_EncryptInit_ex2(context.get(), sealingCipher(), key.bytes.data(), nonce, nullptr) == 1);
-    demand(openssl().EVP_EncryptUpdate(context.get(), nullptr, &length,
-                                       reinterpret_cast<const unsigned char*>(data.data()),
-                                       static_cast<int>(data.size())) == 1);
+    demand(openssl().EVP_EncryptUpdate(context.get(), nullptr, &length, data.data(), static_cast<int>(data.size())) ==
+           1);
     demand(openssl().EVP_EncryptUpdate(context.get(), text, &length,
                                        reinterpret_cast<const unsigned char*>(plain.data()),
                                        static_cast<int>(plain.size())) == 1);
@@ -150,40 +194,20 @@ std::optional<Envelope> parseEnvelope(const std::string& text) {
 }
 
 OpenResult openEnvelope(const Key& key, const Envelope& envelope, const SDSecurityRow* row, std::string& plain) {
-    demandCrypto();
-    const Frame frame(envelope.isBound);
-    const unsigned char* const nonce = envelope.bytes.data() + frame.nonceAt;
-    const unsigned char* const text = envelope.bytes.data() + frame.textAt;
     if (envelope.isBound && !row) return OpenResult::OtherRow;
-    const std::string data = associatedData(envelope.keyId, envelope.isBound ? row : nullptr);
+    AssociatedData data(envelope.keyId, envelope.isBound ? row : nullptr);
     if (data.size() > kMaxPlain) return OpenResult::OtherRow;  // nothing was sealed for it
-    std::string opened(envelope.bytes.size() - frame.size, '\0');
-    auto* const out = reinterpret_cast<unsigned char*>(opened.data());
-    std::array<unsigned char, kTagSize> tag{};
-    std::copy_n(text + opened.size(), tag.size(), tag.begin());
-    const Context context(openssl().EVP_CIPHER_CTX_new());
-    int length = 0;
-    demand(context != nullptr);
-    demand(openssl().EVP_DecryptInit_ex2(context.get(), sealingCipher(), key.bytes.data(), nonce, nullptr) == 1);
-    demand(openssl().EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_AEAD_SET_TAG, static_cast<int>(tag.size()),
-                                         tag.data()) == 1);
-    demand(openssl().EVP_DecryptUpdate(context.get(), nullptr, &length,
-                                       reinterpret_cast<const unsigned char*>(data.data()),
-                                       static_cast<int>(data.size())) == 1);
-    demand(openssl().EVP_DecryptUpdate(context.get(), out, &length, text, static_cast<int>(opened.size())) == 1);
-    const bool fits = openssl().EVP_DecryptFinal_ex(context.get(), out + opened.size(), &length) == 1;
-    bool isMarked = true;
-    if (envelope.isBound) {
-        const RowMark mark = rowMark(key, data);
-        isMarked = std::equal(mark.begin(), mark.end(), envelope.bytes.begin() + kKeyIdSize);
-    }
-    if (fits && isMarked) {
-        plain = std::move(opened);
-        return OpenResult::Done;
-    }
-    // What stands there was decrypted but is not what was sealed.
-    openssl().OPENSSL_cleanse(opened.data(), opened.size());
-    return fits || isMarked ? OpenResult::Changed : OpenResult::OtherRow;
+    demandCrypto();
+    const unsigned char* const told = envelope.bytes.data() + kKeyIdSize;
+    if (envelope.isBound) data.setMark(told);
+    if (decrypt(key, envelope, data, plain)) return OpenResult::Done;
+    if (!envelope.isBound) return OpenResult::Changed;
+    const RowMark mark = rowMark(key, data);
+    if (std::equal(mark.begin(), mark.end(), told)) return OpenResult::Changed;
+    // Or the mark is what was changed.
+    data.setMark(mark.data());
+    std::string ignored;
+    return decrypt(key, envelope, data, ignored) ? OpenResult::Changed : OpenResult::OtherRow;
 }
 
 }  // namespace sd::security

@@ -183,14 +183,14 @@ std::shared_ptr<const KeyRing> KeyStore::ringToSeal() {
 
 std::shared_ptr<const KeyRing> KeyStore::ringToOpen(const KeyId& id, SDSecurity::OpenResult& why) {
     const std::lock_guard lock(mMutex);
-    const auto found = [&] { return mRing ? mRing->find(id) : nullptr; };
-    const auto opens = [&] { return found() && found()->state != KeyState::Disabled; };
-    if (opens()) return mRing;
+    const auto opens = [](const Key* key) { return key && key->state != KeyState::Disabled; };
+    if (mRing && opens(mRing->find(id))) return mRing;
     why = SDSecurity::OpenResult::RingUnusable;
     if (!update(false)) return nullptr;
-    if (opens()) return mRing;
-    why = found() ? SDSecurity::OpenResult::KeyDisabled : SDSecurity::OpenResult::KeyMissing;
-    if (found())
+    const Key* const key = mRing->find(id);
+    if (opens(key)) return mRing;
+    why = key ? SDSecurity::OpenResult::KeyDisabled : SDSecurity::OpenResult::KeyMissing;
+    if (key)
         LOG(7, AT "%s: key %s is disabled", HERE, place().path.c_str(), toHex(id).c_str());
     else
         LOG(7, AT "%s: no key %s in it", HERE, place().path.c_str(), toHex(id).c_str());

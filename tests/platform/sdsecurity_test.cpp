@@ -63,11 +63,12 @@ const std::string kEnvelope = "v13EvHVH4144egoaKjpKWmp6ipqquWeQ9eRbxtzQbFBlq8RzU
 const std::string kEnvelopeOfNothing = "v1B/n9Z9qpV26goaKjpKWmp6ipqqv1Dj6Nz01Q29OtUk0QlEsQ";  // by the second key
 const std::string kPlain("pass\0word", 9);
 
-// The same for a row: D = b"v2" + I + b"".join(struct.pack(">Q", len(n)) + n for n in (database, table, folded key)) is
-// covered in place of b"v1" + I, and behind I stands SipHash-2-4 of D (openssl mac SIPHASH, 8 bytes) under the first 16
-// bytes of hashlib.sha256(b"sdsecurity row mark v2" + K).
+// The same for a row, with L = b"".join(struct.pack(">Q", len(n)) + n for n in (database, table, folded key)) and its
+// mark M, SipHash-2-4 of L (openssl mac SIPHASH, 8 bytes) under hashlib.sha256(b"sdsecurity row mark v2" +
+// K).digest()[:16]:
+//   "v2" + base64.b64encode(I + M + N + AESGCM(K).encrypt(N, b"pass\0word", b"v2" + I + M + L)).decode()
 const Row kRow{"sdconfig.db", "secure_v3", "A.b@\xc3\x84Z"};
-const std::string kBoundEnvelope = "v23EvHVH4144eGvqTf8eo/AqChoqOkpaanqKmqq5Z5D15FvG3NBvnvgW8qYUD73TVMmT92mIY=";
+const std::string kBoundEnvelope = "v23EvHVH4144epWq+nbM84nKChoqOkpaanqKmqq5Z5D15FvG3NBiuADxN9avFvkysUgTry3wA=";
 // Its sum: hmac.new(hashlib.sha256(b"sdsecurity ring sum v2" + K + K2).digest(), all lines above it, "sha256").
 const std::string kRing2 =
     "sdsecurity-keys 2\nform 2\n"
