@@ -207,7 +207,7 @@ struct BareCall {
     std::string key;
 };
 
-// Over the bus layer alone, by one connection: connecting, and the calls.
+// Over the bus layer alone, by one connection: connecting, and the calls, each after the answer to the one before.
 void callBare(const std::vector<BareCall>& calls) {
     constexpr int kTimeoutMs = 5000;
     const auto proxy = SDBusSerivceManager::initSync(-1)->getServiceProxyInterface("sdconfig", SDBusSameUser, 1);

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "base/sdconfig_export.h"
@@ -90,6 +91,7 @@ private:
     Answer sendWithin(const std::shared_ptr<SDBusMessage>& call, Clock::time_point begun);
     Answer request(const char* method, std::initializer_list<std::string> strings);
     Answer requestSecure(const std::string& key);
+    static int millisecondsLeft(Clock::time_point begun);
 
     // Events come from the first registration on: the subscription is in force before the service knows of it.
     void subscribe();
@@ -105,10 +107,18 @@ private:
     void wpowerConfigInit();
     std::optional<std::string> readAtStartUp(const std::string& key, const char* task);
 
+    // Sends what the tasks will request next, none of which depends on another's answer, without a wait in between.
+    // request() then gives the answers; one that the tasks don't get to is forgotten.
+    using Request = std::pair<std::string, std::vector<std::string>>;  // the method and its strings
+    void askAhead(const std::vector<Request>& requests);
+    std::optional<Answer> takeAhead(const Request& request);
+    void readPowerAhead();
+
     // Of the start-up, which one thread does before any other has the client.
     bool mStarted = false;
     bool mAnswers = true;  // whether the service answered the last request
     Clock::time_point mHeardOf;
+    std::map<Request, Answer> mAhead;
     bool mMigrated = false;
     std::size_t mPowerChecked = 0;  // how many of the power defaults
 

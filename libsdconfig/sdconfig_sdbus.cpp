@@ -194,11 +194,14 @@ SDConfigClient::Answer SDConfigClient::send(const std::shared_ptr<SDBusMessage>&
     return answer;
 }
 
-// What was waited before counts: a service that hangs costs no call more than any other.
 SDConfigClient::Answer SDConfigClient::sendWithin(const std::shared_ptr<SDBusMessage>& call, Clock::time_point begun) {
+    return Answer(mProxy->callWithReplyBlocking(call, millisecondsLeft(begun)));
+}
+
+// What was waited before counts: a service that hangs costs no call more than any other.
+int SDConfigClient::millisecondsLeft(Clock::time_point begun) {
     const auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begun);
-    const auto leftMs = std::max<long>(protocol::kCallTimeoutMs - waited.count(), kLeastTimeoutMs);
-    return Answer(mProxy->callWithReplyBlocking(call, static_cast<int>(leftMs)));
+    return static_cast<int>(std::max<long>(protocol::kCallTimeoutMs - waited.count(), kLeastTimeoutMs));
 }
 
 SDConfigClient::Answer SDConfigClient::sendRegistration(const std::shared_ptr<SDBusMessage>& call) {
@@ -208,9 +211,37 @@ SDConfigClient::Answer SDConfigClient::sendRegistration(const std::shared_ptr<SD
 }
 
 SDConfigClient::Answer SDConfigClient::request(const char* method, std::initializer_list<std::string> strings) {
+    if (!mStarted)
+        if (const auto answer = takeAhead({method, strings})) return *answer;
     const auto call = makeCall(method);
     for (const std::string& argument : strings) call->appendString(argument);
     return send(call);
+}
+
+// Without the operation, which a bus library of version 1.0.0 lacks, each request goes when it is made.
+void SDConfigClient::askAhead(const std::vector<Request>& requests) {
+    auto callTogether = &SDBusProxyInterface::callsWithRepliesBlocking;
+    if (!callTogether) return;
+    std::vector<std::shared_ptr<SDBusMessage>> calls;
+    for (const auto& [method, strings] : requests) {
+        calls.push_back(makeCall(method.c_str()));
+        for (const std::string& argument : strings) calls.back()->appendString(argument);
+    }
+    const auto answers = ((*mProxy).*callTogether)(calls, millisecondsLeft(mHeardOf));
+    bool allCame = true;
+    for (std::size_t i = 0; i < requests.size(); ++i) {
+        const Answer answer(answers[i]);
+        allCame = allCame && answer.hasCome();
+        mAhead.emplace(requests[i], answer);
+    }
+    if (allCame) mHeardOf = Clock::now();  // else what was waited counts for what is sent next
+}
+
+std::optional<SDConfigClient::Answer> SDConfigClient::takeAhead(const Request& request) {
+    const auto ahead = mAhead.extract(request);
+    if (ahead.empty()) return std::nullopt;
+    mAnswers = ahead.mapped().hasCome();
+    return ahead.mapped();
 }
 
 bool SDConfigClient::Answer::ok() const {
@@ -220,14 +251,6 @@ bool SDConfigClient::Answer::ok() const {
 bool SDConfigClient::Answer::hasCome() const {
     const int error = errorType();
     return error != SDBusTimeout && error != SDBusUnreachable && error != SDBusPeerLost;
-}
-
-void SDConfigClient::printProductInfo() {
-    const std::string version = GetProperty("ro.sd.build.version");
-    if (!version.empty()) LOG(5, AT "ProductInfo build.version: %s", HERE_AT(1032), version.c_str());
-    if (!mAnswers) return;
-    const std::string mode = GetProperty("ro.sd.product.mode");
-    if (!mode.empty()) LOG(5, AT "ProductInfo product.mode: %s", HERE_AT(1037), mode.c_str());
 }
 
 }  // namespace sd

@@ -1,4 +1,6 @@
-// What every process does to the secure store when it first connects: both tasks may run any number of times.
+// What every process does when it first connects: a look at the product, and two tasks on the secure store, which may
+// run any number of times. What need not wait for an answer goes along with what is before it; requests reach the
+// service in the order of the tasks as long as no power setting but the first has to be written.
 #include <algorithm>
 #include <iterator>
 #include <utility>
@@ -7,6 +9,7 @@
 #include "libsdconfig/sdconfig_client.h"
 #include "platform/velmarlog/log_line.h"
 #include "platform/velmarlog/log_secret.h"
+#include "src/sdconfig_protocol.h"
 
 namespace sd {
 
@@ -15,6 +18,8 @@ namespace {
 constexpr char kTag[] = "sdconfig";
 constexpr char kSource[] = "sdconfig_sdbus";
 
+constexpr char kVersionKey[] = "ro.sd.build.version";
+constexpr char kModeKey[] = "ro.sd.product.mode";
 constexpr char kLockscreenKey[] = "sd.device.lockscreen.data";
 
 struct PowerDefault {
@@ -88,12 +93,24 @@ std::vector<std::pair<std::string, std::string>> lockscreenEntries(const std::st
 bool SDConfigClient::startUp(Clock::time_point begun) {
     mHeardOf = begun;
     mAnswers = true;
+    mAhead.clear();
     printProductInfo();  // every time: while it goes unanswered, no task gives up a key
     if (mAnswers && !std::exchange(mMigrated, true)) dataMigrate(kOldLockscreenKey);
     wpowerConfigInit();
     mStarted = mAnswers;
     if (!mStarted) LOG(6, AT "service %s does not answer: the start-up goes on with a later call", HERE, sServiceName);
     return mStarted;
+}
+
+void SDConfigClient::printProductInfo() {
+    std::vector<Request> next{{protocol::kGetProperty, {kVersionKey}}, {protocol::kGetProperty, {kModeKey}}};
+    if (!mMigrated) next.push_back({protocol::kGetSecure, {kOldLockscreenKey}});
+    askAhead(next);
+    const std::string version = GetProperty(kVersionKey);
+    if (!version.empty()) LOG(5, AT "ProductInfo build.version: %s", HERE_AT(1032), version.c_str());
+    if (!mAnswers) return;
+    const std::string mode = GetProperty(kModeKey);
+    if (!mode.empty()) LOG(5, AT "ProductInfo product.mode: %s", HERE_AT(1037), mode.c_str());
 }
 
 // Nothing, with a line, where the value can't be read: it may be there all the same, and is nothing to write over.
@@ -123,17 +140,30 @@ void SDConfigClient::dataMigrate(const std::string& key) {
         SetSecure(kLockscreenKey, object);
         LOG(5, AT "firstElement->second is %s", HERE, SECRET(object));
     }
-    if (mAnswers) DeleteSecure(kOldLockscreenKey);
+    if (!mAnswers) return;
+    askAhead({{protocol::kDeleteSecure, {kOldLockscreenKey}}, {protocol::kGetSecure, {kPowerDefaults[0].key}}});
+    DeleteSecure(kOldLockscreenKey);
 }
 
+// One by one while they have to be written, as in a new installation; where one is there, so are the others.
 void SDConfigClient::wpowerConfigInit() {
     while (mAnswers && mPowerChecked < std::size(kPowerDefaults)) {
         const PowerDefault& power = kPowerDefaults[mPowerChecked++];
         const auto value = readAtStartUp(power.key, __func__);
-        if (!value || isNumber(*value)) continue;
-        LOG(6, AT "%s is nullptr", HERE, power.name);
-        SetSecure(power.key, power.value);
+        if (value && !isNumber(*value)) {
+            LOG(6, AT "%s is nullptr", HERE, power.name);
+            SetSecure(power.key, power.value);
+        } else if (mAnswers && mAhead.empty()) {
+            readPowerAhead();
+        }
     }
+}
+
+void SDConfigClient::readPowerAhead() {
+    std::vector<Request> rest;
+    for (std::size_t i = mPowerChecked; i < std::size(kPowerDefaults); ++i)
+        rest.push_back({protocol::kGetSecure, {kPowerDefaults[i].key}});
+    askAhead(rest);
 }
 
 }  // namespace sd

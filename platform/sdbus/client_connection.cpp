@@ -74,11 +74,6 @@ BusPtr startBus(UniqueFd fd) {
     return bus;
 }
 
-bool isAnswer(sd_bus_message* message, uint64_t cookie) {
-    uint64_t answered = 0;
-    return sd_bus_message_get_reply_cookie(message, &answered) >= 0 && answered == cookie;
-}
-
 }  // namespace
 
 ClientConnection::ClientConnection(BusPtr bus, int fd) : mBus(std::move(bus)), mFd(fd), mInherited(fd) {}
@@ -176,15 +171,6 @@ Progress ClientConnection::receive(const Deadline& deadline, BusMessagePtr& mess
     message.reset(came);
     if (r < 0 || (!came && sd_bus_is_open(mBus.get()) <= 0)) return Progress::Lost;
     return Progress::Done;
-}
-
-Progress ClientConnection::awaitAnswer(uint64_t cookie, const Deadline& deadline, BusMessagePtr& answer) {
-    for (;;) {
-        const Progress progress = receive(deadline, answer);
-        if (progress != Progress::Done) return progress;
-        if (answer && isAnswer(answer.get(), cookie)) return Progress::Done;
-        if (deadline.hasPassed()) return Progress::Timeout;  // a flood of other messages must not hold us
-    }
 }
 
 }  // namespace sdbus

@@ -51,9 +51,6 @@ public:
     // The next message that came. Done without one: look again.
     Progress receive(const Deadline& deadline, BusMessagePtr& message, int wake = -1);
 
-    // Waits for the answer to the call that was sent under the cookie; passes over everything else.
-    Progress awaitAnswer(uint64_t cookie, const Deadline& deadline, BusMessagePtr& answer);
-
 private:
     ClientConnection(BusPtr bus, int fd);
     Progress wait(const Deadline& deadline, int wake);

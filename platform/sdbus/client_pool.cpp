@@ -1,8 +1,10 @@
-// The process's idle connections, and the blocking call over one of them.
+// The process's idle connections, and the blocking calls over one of them.
 #include "platform/sdbus/client_pool.h"
 
+#include <algorithm>
 #include <map>
-#include <vector>
+#include <optional>
+#include <utility>
 
 #include "platform/sdbus/client_connection.h"
 #include "platform/sdbus/fork.h"
@@ -55,28 +57,63 @@ private:
     std::map<std::string, std::vector<ConnectionPtr>> mIdle;
 };
 
-// One call: where it goes, what it says, and by when it has to be done.
-class Call {
+// Calls that go together: where they go, what they say, by when they have to be done, and what came of each.
+class Exchange {
 public:
-    Call(const RuntimeFolder& place, const std::string& service, const Message& call, std::chrono::milliseconds limit)
-        : mPlace(place), mService(service), mPath(place.socketPath(service)), mCall(call), mDeadline(limit) {}
+    Exchange(const RuntimeFolder& place, const std::string& service, const std::vector<const Message*>& calls,
+             std::chrono::milliseconds limit)
+        : mPlace(place), mService(service), mPath(place.socketPath(service)), mDeadline(limit) {
+        mCalls.reserve(calls.size());
+        for (const Message* call : calls) mCalls.emplace_back(*call);
+    }
 
-    std::shared_ptr<Message> run() {
-        const auto member = encodeName(mCall.methodName());
-        const auto plan = WirePlan::make(mCall.arguments());
-        if (!member || !plan) return notSent("its name or its size is beyond what a message takes");
-        // An idle connection that turns out to be dead refuses the call whole. Each turn uses one up.
-        while (ConnectionPtr idle = takeReady()) {
-            if (auto answer = runOver(idle, *member, *plan)) return answer;
+    Answers run() {
+        for (Call& call : mCalls)
+            if (!call.member || !call.plan)
+                call.answer = notSent("its name or its size is beyond what a message takes");
+        // An idle connection that turns out to be dead refuses the calls whole. Each turn uses one up.
+        while (!isSettled()) {
+            ConnectionPtr idle = takeReady();
+            if (!idle) break;
+            runOver(idle);
         }
+        if (isSettled()) return answers();
         ConnectionPtr fresh;
         const SDBusErrorType error = ClientConnection::openReady(mPlace, mService, mDeadline, fresh);
-        if (error != SDBusNoError) return Message::failure(error);
-        auto answer = runOver(fresh, *member, *plan);
-        return answer ? answer : Message::failure(SDBusUnreachable);
+        if (error == SDBusNoError) runOver(fresh);
+        settle(error == SDBusNoError ? SDBusUnreachable : error);
+        return answers();
     }
 
 private:
+    struct Call {
+        explicit Call(const Message& call)
+            : message(call), member(encodeName(call.methodName())), plan(WirePlan::make(call.arguments())) {}
+
+        const Message& message;
+        const std::optional<std::string> member;
+        const std::optional<WirePlan> plan;
+        uint64_t cookie = 0;  // that it was sent under
+        std::shared_ptr<SDBusMessage> answer;
+    };
+
+    bool isSettled() const {
+        return std::all_of(mCalls.begin(), mCalls.end(), [](const Call& call) { return call.answer != nullptr; });
+    }
+
+    // What has no answer gets none any more.
+    void settle(SDBusErrorType error) {
+        for (Call& call : mCalls)
+            if (!call.answer) call.answer = Message::failure(error);
+    }
+
+    Answers answers() {
+        Answers answers;
+        answers.reserve(mCalls.size());
+        for (Call& call : mCalls) answers.push_back(std::move(call.answer));
+        return answers;
+    }
+
     ConnectionPtr takeReady() {
         while (ConnectionPtr idle = Pool::take(mPath)) {
             if (idle->finishHandshake(mDeadline) == Progress::Done) return idle;
@@ -84,23 +121,54 @@ private:
         return nullptr;
     }
 
-    // Null when the connection was dead before anything was sent.
-    std::shared_ptr<Message> runOver(ConnectionPtr& connection, const std::string& member, const WirePlan& plan) {
-        uint64_t cookie = 0;
-        {
-            const BusMessagePtr message = connection->makeCall(wire::kInterface, member);
-            if (!message || !plan.append(message.get(), mCall.arguments())) return notSent("sd-bus refused it");
-            if (!connection->send(message.get(), cookie)) return nullptr;
+    // Settles all calls; none where the connection was dead before anything was sent.
+    void runOver(ConnectionPtr& connection) {
+        std::size_t sent = 0;
+        const bool whole = sendAll(*connection, sent);
+        if (!whole && sent == 0) return;
+        // Without its answers the connection is of no use: one might come during a later call.
+        const Progress progress = whole ? awaitAll(*connection) : Progress::Lost;
+        if (progress == Progress::Done) Pool::give(mPath, std::move(connection));
+        settle(progress == Progress::Timeout ? SDBusTimeout : SDBusPeerLost);
+    }
+
+    // False when the connection was lost over it.
+    bool sendAll(ClientConnection& connection, std::size_t& sent) {
+        for (Call& call : mCalls) {
+            if (call.answer) continue;
+            const BusMessagePtr message = connection.makeCall(wire::kInterface, *call.member);
+            if (!message || !call.plan->append(message.get(), call.message.arguments())) {
+                call.answer = notSent("sd-bus refused it");
+                continue;
+            }
+            if (!connection.send(message.get(), call.cookie)) return false;
+            ++sent;
         }
-        BusMessagePtr answer;
-        const Progress progress = connection->awaitAnswer(cookie, mDeadline, answer);
-        // Without its answer the connection is of no use: the answer might come during a later call.
-        if (progress == Progress::Timeout) return Message::failure(SDBusTimeout);
-        if (progress != Progress::Done) return Message::failure(SDBusPeerLost);
-        auto result = decodeAnswer(answer.get());
-        answer.reset();  // a held message would keep the connection's memory
-        if (result) Pool::give(mPath, std::move(connection));
-        return result ? result : Message::failure(SDBusPeerLost);
+        return true;
+    }
+
+    // In whatever order the answers come.
+    Progress awaitAll(ClientConnection& connection) {
+        while (!isSettled()) {
+            BusMessagePtr message;
+            const Progress progress = connection.receive(mDeadline, message);
+            if (progress != Progress::Done) return progress;
+            if (message && !take(message.get())) return Progress::Lost;
+            // A flood of other messages must not hold us.
+            if (!isSettled() && mDeadline.hasPassed()) return Progress::Timeout;
+        }
+        return Progress::Done;
+    }
+
+    // Passes over what answers none of the calls. False for an answer that can't be read.
+    bool take(sd_bus_message* message) {
+        uint64_t cookie = 0;
+        if (sd_bus_message_get_reply_cookie(message, &cookie) < 0) return true;
+        const auto call = std::find_if(mCalls.begin(), mCalls.end(),
+                                       [cookie](const Call& sent) { return !sent.answer && sent.cookie == cookie; });
+        if (call == mCalls.end()) return true;
+        call->answer = decodeAnswer(message);
+        return call->answer != nullptr;
     }
 
     std::shared_ptr<Message> decodeAnswer(sd_bus_message* answer) {
@@ -124,15 +192,15 @@ private:
     const RuntimeFolder& mPlace;
     const std::string& mService;
     const std::string mPath;
-    const Message& mCall;
     const Deadline mDeadline;
+    std::vector<Call> mCalls;
 };
 
 }  // namespace
 
-std::shared_ptr<SDBusMessage> callService(const RuntimeFolder& place, const std::string& service, const Message& call,
-                                          std::chrono::milliseconds limit) {
-    return Call(place, service, call, limit).run();
+Answers callService(const RuntimeFolder& place, const std::string& service, const std::vector<const Message*>& calls,
+                    std::chrono::milliseconds limit) {
+    return Exchange(place, service, calls, limit).run();
 }
 
 bool isServiceReachable(const RuntimeFolder& place, const std::string& service) {

@@ -1,4 +1,5 @@
 // The classes of the contract, on top of the client's and the service's half.
+#define SDBUS_OPTIONAL  // nothing is to be lacking here
 #include "platform/sdbus/sdbus.h"
 
 #include <sys/resource.h>
@@ -119,13 +120,21 @@ std::shared_ptr<SDBusMessage> SDBusProxyInterface::makeMethodCallMessage(const s
 
 std::shared_ptr<SDBusMessage> SDBusProxyInterface::callWithReplyBlocking(std::shared_ptr<SDBusMessage> call,
                                                                          int timeoutMs) {
-    const auto own = ofType(call, Message::kCall);
-    if (!own) {
+    return callsWithRepliesBlocking({std::move(call)}, timeoutMs).front();
+}
+
+std::vector<std::shared_ptr<SDBusMessage>> SDBusProxyInterface::callsWithRepliesBlocking(
+    const std::vector<std::shared_ptr<SDBusMessage>>& calls, int timeoutMs) {
+    std::vector<const Message*> sent;
+    sent.reserve(calls.size());
+    for (const auto& call : calls)
+        if (const auto own = ofType(call, Message::kCall)) sent.push_back(own.get());
+    if (sent.size() != calls.size()) {
         LOG(7, AT "what is to be sent to service %s is no call", HERE, mState->service.c_str());
-        return Message::failure(SDBusNotSent);
+        return sdbus::Answers(calls.size(), Message::failure(SDBusNotSent));
     }
     const std::chrono::milliseconds limit(std::max(timeoutMs, 1));
-    return sdbus::callService(mState->place, mState->service, *own, limit);
+    return sdbus::callService(mState->place, mState->service, sent, limit);
 }
 
 bool SDBusProxyInterface::addEventListener(const std::string& event, SDBusEventCallback* callback, SDBusSecurityFlags) {

@@ -6,8 +6,15 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #define SDBUS_API __attribute__((visibility("default")))
+
+// What a host's own library of this name may lack: weak for all but the layer itself, so that a caller is loaded
+// without it, and asks for its address before the call.
+#ifndef SDBUS_OPTIONAL
+#define SDBUS_OPTIONAL __attribute__((weak))
+#endif
 
 class SDBusSerivceManager;
 
@@ -85,6 +92,14 @@ public:
     // Returns a message, never null: of type 2, or of type 3 with a getErrorType() that says why. A call is sent at
     // most once. After a restart of the service the next call simply works.
     std::shared_ptr<SDBusMessage> callWithReplyBlocking(std::shared_ptr<SDBusMessage> call, int timeoutMs);
+
+    // Sends the calls over one connection, in their order and without a wait in between, and waits for the answers: for
+    // a handful of small calls of which none depends on another's answer.
+    // timeoutMs: for all of them together; otherwise as callWithReplyBlocking.
+    // Returns an answer for each call, in the calls' order. Where one is lost or comes too late the others may be
+    // there.
+    SDBUS_OPTIONAL std::vector<std::shared_ptr<SDBusMessage>> callsWithRepliesBlocking(
+        const std::vector<std::shared_ptr<SDBusMessage>>& calls, int timeoutMs);
 
     // Runs `callback` for every event of that name, on the proxy's own event thread, until the proxy is destroyed.
     // Takes ownership of `callback`. Waits until the service has acknowledged the subscription, a second at most: when

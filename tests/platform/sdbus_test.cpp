@@ -163,6 +163,35 @@ TEST_F(CallTest, TellsWhyThereIsNoAnswer) {
     EXPECT_EQ(call(proxy, "ECHO")->getErrorType(), SDBusUnreachable) << "it has ended";
 }
 
+TEST_F(CallTest, GoesWithOthersAndEachHasAnAnswer) {
+    const auto proxy = proxyTo();
+    const auto together = [&](const std::vector<std::string>& methods, int timeoutMs) {
+        std::vector<std::shared_ptr<SDBusMessage>> calls;
+        for (const std::string& method : methods) {
+            calls.push_back(proxy->makeMethodCallMessage(method));
+            calls.back()->appendString(method);
+        }
+        std::string answers;
+        for (const auto& answer : proxy->callsWithRepliesBlocking(calls, timeoutMs))
+            answers += answer->type() == 2 ? answer->getString(0) : std::to_string(answer->getErrorType());
+        return answers;
+    };
+    for (int service = 0; service < 2; ++service) {  // over an idle connection of the first one, too
+        std::vector<std::shared_ptr<SDBusMessage>> held;
+        TestService reversing([&](TestService& self, const std::shared_ptr<SDBusMessage>& message) {
+            held.push_back(message);
+            for (; message->methodName() == "c" && !held.empty(); held.pop_back()) TestService::echo(self, held.back());
+            return true;
+        });
+        EXPECT_EQ(together({"a", std::string(300, '.'), "b", "c"}, kLongMs), "a5bc");
+        EXPECT_EQ(together({"c", "d"}, 200), "c1");
+        EXPECT_EQ(together({"c"}, kLongMs), "c");
+    }
+    RawService silent([](int client) { readFirstMessage(client); });
+    EXPECT_EQ(together({"a", "b"}, kLongMs), "33");
+    EXPECT_EQ(silent.clients(), 1) << "they were sent once and are lost with their service";
+}
+
 TEST_F(CallTest, IsNotBrokenOffBySignals) {
     static std::atomic<int> sSignals{0};
     TestService service([](TestService& self, const std::shared_ptr<SDBusMessage>& message) {
