@@ -116,7 +116,7 @@ public:
     // Returns false, with a line logged and the ring as it was, when the ring can't be written.
     bool RotateKey();
 
-    // ---- The keys of the ring; each operation looks at the file itself, and holds it against other processes ----
+    // ---- The keys of the ring; each operation looks at the file itself, held where it changes it ----
 
     enum class KeyState {
         Sealing,   // exactly one: seals, and opens
