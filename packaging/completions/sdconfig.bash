@@ -11,6 +11,7 @@ _sdconfig_options() { # COMMAND: those of its own
         watch) echo --exec ;;
         list) echo --show --data-dir ;;
         doctor) echo --data-dir ;;
+        check) echo --digest --against ;;
         upgrade) echo --dry-run --force ;;
         backup | restore) echo --force --without-keys ;;
         "") echo --version ;;
@@ -54,7 +55,7 @@ _sdconfig() {
     esac
     for ((i = 1; i < COMP_CWORD; i++)); do
         case ${COMP_WORDS[i]} in
-            --data-dir | --product-dir | --exec | --default | --user) ((++i)) ;;
+            --data-dir | --product-dir | --exec | --default | --user | --against) ((++i)) ;;
             --)
                 if [[ $command == "secure exec" ]]; then
                     mapfile -t COMPREPLY < <(compgen -c -- "$word")

@@ -89,6 +89,8 @@ complete -c sdconfig -n '__sdconfig_at explain:0; or __sdconfig_in watch list' -
 complete -c sdconfig -n '__sdconfig_at "policy export:0" "policy apply:0" backup:0 restore:0' -F
 complete -c sdconfig -n '__sdconfig_at upgrade:0 check:0 backup:1 restore:1' -a '(__fish_complete_directories)'
 
+complete -c sdconfig -n '__sdconfig_in check' -l digest -d 'Print a digest of all that the folder holds'
+complete -c sdconfig -n '__sdconfig_in check' -l against -x -d 'Compare with a digest'
 complete -c sdconfig -n '__sdconfig_in get' -l local -d 'Read the build.prop files in this process'
 complete -c sdconfig -n '__sdconfig_in get "secure get"' -l default -x -d 'Print it instead of what is unset'
 complete -c sdconfig -n '__sdconfig_in get explain' -l product-dir -xa '(__fish_complete_directories)' \

@@ -21,6 +21,7 @@ constexpr std::string_view kUnknown = "-";
 constexpr std::string_view kIdLabel = "sdsecurity key id v1";
 constexpr std::string_view kRowMarkLabel = "sdsecurity row mark v2";
 constexpr std::string_view kSumLabel = "sdsecurity ring sum v2";
+constexpr std::string_view kDigestLabel = "sdsecurity digest v1";
 
 constexpr std::string_view kDigits = "0123456789abcdef";
 constexpr std::size_t kIdDigits = 2 * kKeyIdSize;
@@ -75,11 +76,9 @@ Digest derived(std::string_view label, const SecretBytes& secret) {
     return digest;
 }
 
-// Over a ring's text up to here, under all its keys: what was damaged or edited by hand shows.
-Digest sumOf(const KeyRing& ring, std::string_view text) {
-    SecretBytes all;
-    for (const Key& key : ring.keys) all.insert(all.end(), key.bytes.begin(), key.bytes.end());
-    Digest secret = derived(kSumLabel, all);
+// HMAC-SHA256 of the text, under a key that is derived from key material.
+Digest keyed(std::string_view label, const SecretBytes& material, std::string_view text) {
+    Digest secret = derived(label, material);
     Digest sum{};
     const bool done = openssl().HMAC(openssl().EVP_sha256(), secret.data(), static_cast<int>(secret.size()),
                                      reinterpret_cast<const unsigned char*>(text.data()), text.size(), sum.data(),
@@ -87,6 +86,13 @@ Digest sumOf(const KeyRing& ring, std::string_view text) {
     openssl().OPENSSL_cleanse(secret.data(), secret.size());
     demand(done);
     return sum;
+}
+
+// Over a ring's text up to here, under all its keys: what was damaged or edited by hand shows.
+Digest sumOf(const KeyRing& ring, std::string_view text) {
+    SecretBytes all;
+    for (const Key& key : ring.keys) all.insert(all.end(), key.bytes.begin(), key.bytes.end());
+    return keyed(kSumLabel, all, text);
 }
 
 bool isPlainFirst(const KeyRing& ring) {
@@ -245,6 +251,18 @@ Key makeKey() {
     key.made = std::time(nullptr);
     key.version = SDCONFIG_VERSION;
     return key;
+}
+
+std::string digestUnder(const Key& key, const std::vector<std::string_view>& texts) {
+    SecretBytes framed;  // values are among them
+    for (const std::string_view text : texts) {
+        append(framed, std::to_string(text.size()));
+        append(framed, " ");
+        append(framed, text);
+    }
+    std::string digits;
+    appendHex(keyed(kDigestLabel, key.bytes, {reinterpret_cast<const char*>(framed.data()), framed.size()}), digits);
+    return digits;
 }
 
 const Key& KeyRing::current() const {

@@ -54,6 +54,9 @@ Key keyOf(SecretBytes bytes);
 // A fresh random key that seals, made now. Throws CryptoFailure.
 Key makeKey();
 
+// A digest of the texts under a key that is derived from this one, in hexadecimal. Throws CryptoFailure.
+std::string digestUnder(const Key& key, const std::vector<std::string_view>& texts);
+
 struct KeyRing {
     std::vector<Key> keys;           // at least one, no two of the same id; exactly one seals
     bool requiresBoundForm = false;  // of the envelopes in rows

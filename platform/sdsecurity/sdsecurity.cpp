@@ -197,6 +197,15 @@ bool SDSecurity::RequiresBoundForm() {
     return guarded(__func__, false, [&] { return mState->keys.requiresBoundForm(); });
 }
 
+std::string SDSecurity::DigestUnderKey(const std::string& id, const std::vector<std::string_view>& texts) {
+    return guarded(__func__, std::string(), [&]() -> std::string {
+        const std::optional<security::KeyId> key = security::keyIdOf(id);
+        OpenResult why{};
+        const auto ring = key ? mState->keys.ringToOpen(*key, why) : nullptr;
+        return ring ? security::digestUnder(*ring->find(*key), texts) : "";
+    });
+}
+
 std::optional<SDSecurity::Seal> SDSecurity::SealOf(const std::string& cipher) {
     return guarded(__func__, std::optional<Seal>(), [&]() -> std::optional<Seal> {
         const std::optional<security::Envelope> envelope = security::parseEnvelope(cipher);

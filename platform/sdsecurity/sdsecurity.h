@@ -149,6 +149,11 @@ public:
     // Whether that is so; false without a ring that can be used. A ring that is made new requires it.
     bool RequiresBoundForm();
 
+    // A digest of the texts under a key of the ring: who has not the ring can neither foresee nor forge it. Where a
+    // text ends counts, and their order. 64 hexadecimal digits; "" with a line logged where there is no such key, or it
+    // is disabled.
+    std::string DigestUnderKey(const std::string& id, const std::vector<std::string_view>& texts);
+
     struct Seal {
         std::string keyId;
         bool isBound;  // to a row

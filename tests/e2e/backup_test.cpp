@@ -225,5 +225,54 @@ TEST_F(BackupTest, CheckNamesEachFaultAndWhatToDo) {
     EXPECT_THAT(cli({"backup", path("file"), path("etc")}).err, HasSubstr("is no data folder"));
 }
 
+TEST_F(BackupTest, ADigestTellsWhetherTheFolderHoldsWhatWasNoted) {
+    const auto digest = [this](const std::string& folder) {
+        return json::parse(cli({"check", path(folder), "--digest", "--json"}).out)["digest"];
+    };
+    EXPECT_TRUE(digest("data").is_null());
+    fill();
+    const std::string noted = digest("data");
+    fs::copy(path("data"), path("earlier"));
+    const auto against = [&](const std::string& folder) { return cli({"check", path(folder), "--against", noted}); };
+    EXPECT_THAT(against("data").out, EndsWith("findings 0\nit holds what was noted\n"));
+
+    EXPECT_EQ(run({SDCONFIGD, "--rotate-key", "--data-dir", path("data")}, environment()).exitCode, 0);
+    {
+        const Process service = startService();
+        cli({"secure", "set", "k", "w"});
+        EXPECT_EQ(against("data").exitCode, 1) << "while it is served";
+        for (const char* order : {"first", "second"}) cli({"secure", "set", "other", order});
+        EXPECT_NE(against("data").exitCode, 0);
+        cli({"secure", "delete", "other"});
+        cli({"secure", "set", "k", "v"});
+    }
+    EXPECT_EQ(against("data").exitCode, 0) << "sealed anew, under another key, in another order of rows";
+    EXPECT_NE(digest("data"), noted);
+    EXPECT_EQ(digest("earlier"), noted);
+
+    const std::string secure = "sqlite3 sdconfig.db \"", policies = "sqlite3 dmhelper.db \"";
+    const std::string sealed = query(path("earlier/sdconfig.db"), "SELECT value FROM secure_v3")[0][0];
+    for (const std::string& change :
+         {secure + "DELETE FROM secure_v3\"", secure + "UPDATE secure_v3 SET key = 'K' WHERE key = 'k'\"",
+          secure + "INSERT INTO secure_v3(key, value) VALUES('empty', '')\"",
+          secure + "UPDATE secure_v3 SET value = ''\"", secure + "INSERT INTO config(key, value) VALUES('k', 'v')\"",
+          policies + "DELETE FROM dmhelperconfig\"",
+          secure + "INSERT INTO secure_v3(key, value) VALUES('copy', '" + sealed + "')\""}) {
+        fs::remove_all(path("copy"));
+        fs::copy(path("earlier"), path("copy"));
+        EXPECT_EQ(against("copy").exitCode, 0);
+        run({"sh", "-ec", "cd '" + path("copy") + "'; " + change}, {});
+        const Result result = against("copy");
+        EXPECT_EQ(result.exitCode, 1) << change;
+        EXPECT_THAT(result.out, HasSubstr("the folder does not hold what was noted")) << change;
+    }
+    fs::remove_all(path("data"));
+    fs::create_directory(path("data"));
+    fs::permissions(path("data"), fs::perms::owner_all);
+    fill();
+    EXPECT_THAT(against("data").out, HasSubstr("can't be told whether the folder holds what was noted"));
+    EXPECT_EQ(cli({"check", path("data"), "--against", noted + "0"}).exitCode, 2);
+}
+
 }  // namespace
 }  // namespace test

@@ -2,6 +2,7 @@
 
 #include <filesystem>
 
+#include "apps/common/digest_text.h"
 #include "apps/common/usage.h"
 #include "apps/sdconfig/terminal/messages.h"
 #include "base/limits.h"
@@ -34,6 +35,10 @@ std::string notAFile(const std::string& path) {
 
 std::string tooLong(const std::string& key) {
     return key.size() > sd::kKeyBytesMax ? "it is longer than 64 KiB, and nothing of such a name is kept" : "";
+}
+
+std::string notADigest(const std::string& text) {
+    return apps::isDigestText(text) ? "" : "it is no digest that \"check --digest\" printed";
 }
 
 constexpr Argument checked(Argument argument, std::string (*fault)(const std::string&)) {
@@ -126,6 +131,12 @@ constexpr Flag kLeaveOutKeys{"--without-keys", "Leave the key ring out", &Reques
 constexpr Flag kIgnoreKeys{"--without-keys", "Leave the backup's key ring out, and restore what no key ring opens, too",
                            &Request::withoutKeys};
 
+constexpr Flag kDigest{"--digest", "Print a digest of all that the folder holds, to be noted elsewhere",
+                       &Request::digest};
+constexpr ValueOption kAgainst{
+    "--against", "DIGEST",          "Find whether the folder holds what it held when this was printed",
+    "",          &Request::against, notADigest};
+
 constexpr char kSetSecureNotes[] =
     "Without VALUE, or where it is \"-\", the value is read from standard input up to its end, less one final "
     "newline;\n"
@@ -165,7 +176,7 @@ constexpr char kUpgradeNotes[] =
 
 constexpr char kCheckNotes[] =
     "A line a finding, with what to do about it. Nothing is created or changed, and the service may run. Exit code 1\n"
-    "where there are findings.\n";
+    "where there are findings. A DIGEST is the same for the same keys, values and policies, however they are sealed.\n";
 
 constexpr char kDoctorNotes[] =
     "A line each for folders, socket, service, versions, environment, units and data: \"ok\" or \"problem\". Nothing "
@@ -335,8 +346,8 @@ const std::vector<Command>& commands() {
          "Looks for faults in the data folder",
          "sdconfig check ~/.local/share/sdconfig",
          {kDataOf},
-         {},
-         {},
+         {kDigest},
+         {kAgainst},
          kCheckNotes},
         {"",
          "backup",

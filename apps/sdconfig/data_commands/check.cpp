@@ -1,5 +1,8 @@
 // check: what is wrong in a data folder, and what to do about it.
+#include <optional>
+
 #include "apps/data/data_check.h"
+#include "apps/data/data_digest.h"
 #include "apps/sdconfig/data_commands/data_commands.h"
 #include "apps/sdconfig/reading/data_access.h"
 #include "apps/sdconfig/terminal/colour.h"
@@ -11,13 +14,46 @@ namespace cli {
 
 namespace {
 
-std::string report(const std::string& folder, const apps::DataCheck& check) {
+// What is told of the state besides the findings; what can't be told becomes one.
+struct State {
+    std::optional<std::string> digest;
+    bool isAsNoted = false;
+};
+
+State stateOf(const Request& request, const apps::DataReader& reader, std::vector<apps::Finding>& findings) {
+    State state;
+    const std::string& folder = reader.folder();
+    if (request.digest) {
+        const apps::DataDigest now = apps::digestOf(reader);
+        if (now.problem.empty())
+            state.digest = now.text;
+        else
+            findings.push_back({folder, "no digest can be made: " + now.problem,
+                                "see to the other findings; the first value that is set makes a key ring"});
+    }
+    if (request.against.empty()) return state;
+    const apps::DataDigest now = apps::digestOf(reader, request.against);
+    state.isAsNoted = now.text == request.against;
+    if (!now.problem.empty())
+        findings.push_back({folder, "it can't be told whether the folder holds what was noted: " + now.problem,
+                            "take a digest that was noted under a key of this ring"});
+    else if (!state.isAsNoted)
+        findings.push_back({folder, "the folder does not hold what was noted",
+                            "find who changed it since, or restore a backup from then"});
+    return state;
+}
+
+std::string report(const Request& request, const std::string& folder, const apps::DataCheck& check,
+                   const State& state) {
     std::string text;
     for (const apps::Finding& finding : check.findings)
         text +=
             coloured("finding", Colour::Bad) + ": " + escaped(finding.what) + "; next: " + escaped(finding.next) + "\n";
-    return text + escaped(folder) + ": secure values " + std::to_string(check.secure) + ", policies " +
-           std::to_string(check.policies) + ", findings " + std::to_string(check.findings.size()) + "\n";
+    text += escaped(folder) + ": secure values " + std::to_string(check.secure) + ", policies " +
+            std::to_string(check.policies) + ", findings " + std::to_string(check.findings.size()) + "\n";
+    if (state.digest) text += "digest " + *state.digest + "\n";
+    if (!request.against.empty() && state.isAsNoted) text += "it holds what was noted\n";
+    return text;
 }
 
 Object objectOf(const apps::Finding& finding) {
@@ -29,13 +65,16 @@ Object objectOf(const apps::Finding& finding) {
     return object;
 }
 
-Object reportObject(const std::string& folder, const apps::DataCheck& check) {
+Object reportObject(const Request& request, const std::string& folder, const apps::DataCheck& check,
+                    const State& state) {
     Object object;
     addBytes(object, "folder", folder);
     object["findings"] = Object::array();
     for (const apps::Finding& finding : check.findings) object["findings"].push_back(objectOf(finding));
     object["secure"] = check.secure;
     object["policies"] = check.policies;
+    if (request.digest) object["digest"] = state.digest ? Object(*state.digest) : Object(nullptr);
+    if (!request.against.empty()) object["as_noted"] = state.isAsNoted;
     object["ok"] = check.findings.empty();
     return object;
 }
@@ -47,9 +86,11 @@ int checkFolder(const Request& request, Service& service) {
     if (!access.reader) return access.exitCode;
     const std::string& folder = access.reader->folder();
     const Interruption interruption;
-    const apps::DataCheck check = apps::checkData(folder, interruption.asked());
+    apps::DataCheck check = apps::checkData(folder, interruption.asked());
+    const State state = stateOf(request, *access.reader, check.findings);
     if (interruption.came()) return notChecked(request);
-    const int printed = print(request, report(folder, check), reportObject(folder, check));
+    const int printed =
+        print(request, report(request, folder, check, state), reportObject(request, folder, check, state));
     return check.findings.empty() ? printed : kRefused;
 }
 

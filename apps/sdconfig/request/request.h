@@ -36,6 +36,8 @@ struct Request {
     bool prune = false;
     bool force = false;
     bool withoutKeys = false;
+    bool digest = false;
+    std::string against;  // a digest; "": none
 
     bool json = false;
     bool verbose = false;

@@ -1,0 +1,90 @@
+#include "apps/data/data_digest.h"
+
+#include <algorithm>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+#include "apps/common/digest_text.h"
+#include "apps/data/table_reader.h"
+#include "platform/sdsecurity/sdsecurity.h"
+
+namespace apps {
+
+namespace {
+
+// "" where no key seals.
+std::string sealingKey() {
+    for (const sd::SDSecurity::KeyInfo& key : sd::SDSecurity::GetInstance()->Keys())
+        if (key.state == sd::SDSecurity::KeyState::Sealing) return key.id;
+    return "";
+}
+
+// What a row holds. kind: how that is to be understood, so that no text passes for one of another kind.
+struct Content {
+    std::string kind;
+    std::string value;
+};
+
+Content contentOf(const DatabaseLayout& layout, const std::string& table, const Row& row) {
+    if (table != layout.sealedTable) return {"plain", row.value};
+    if (&layout == &kPolicyLayout) {
+        const std::optional<Policy> policy = DataReader::policy(row);
+        return policy ? Content{"policy " + std::to_string(policy->priority), policy->value}
+                      : Content{"sealed", row.value};
+    }
+    const std::optional<std::string> value = DataReader::secureValue(row);
+    return value ? Content{"value", *value} : Content{"sealed", row.value};
+}
+
+// One for each row.
+class RowDigests {
+public:
+    explicit RowDigests(const std::string& keyId) : mKeyId(keyId) {}
+
+    // Returns why they can't be made, or "".
+    std::string add(const std::string& folder, const DatabaseLayout& layout) {
+        const Tables tables = readTables(folder + "/" + layout.file,
+                                         std::vector<std::string>(layout.tables.begin(), layout.tables.end()));
+        if (!tables.problem.empty()) return tables.problem;
+        for (const auto& [table, rows] : tables.rows)
+            for (const Row& row : rows)
+                if (!add(layout, table, row)) return "the key ring has no key " + mKeyId + " that may open";
+        return "";
+    }
+
+    // In an order that does not depend on that of the rows.
+    std::string all() {
+        std::sort(mDigests.begin(), mDigests.end());
+        return make(std::vector<std::string_view>(mDigests.begin(), mDigests.end()));
+    }
+
+private:
+    bool add(const DatabaseLayout& layout, const std::string& table, const Row& row) {
+        const Content content = contentOf(layout, table, row);
+        mDigests.push_back(make({layout.file, table, row.key, content.kind, content.value}));
+        return !mDigests.back().empty();
+    }
+
+    std::string make(const std::vector<std::string_view>& texts) const {
+        return sd::SDSecurity::GetInstance()->DigestUnderKey(mKeyId, texts);
+    }
+
+    const std::string& mKeyId;
+    std::vector<std::string> mDigests;
+};
+
+}  // namespace
+
+DataDigest digestOf(const DataReader& reader, const std::string& noted) {
+    const std::string id = noted.empty() ? sealingKey() : keyIdOfDigest(noted);
+    if (id.empty()) return {"", "no key ring that can be used is there"};
+    RowDigests digests(id);
+    for (const DatabaseLayout* layout : kLayouts)
+        if (std::string problem = digests.add(reader.folder(), *layout); !problem.empty()) return {"", problem};
+    const std::string digits = digests.all();
+    if (digits.empty()) return {"", "the key ring has no key " + id + " that may open"};
+    return {digestText(id, digits), ""};
+}
+
+}  // namespace apps
