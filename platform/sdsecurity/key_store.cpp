@@ -104,14 +104,21 @@ RingRead KeyStore::read() {
     return found;
 }
 
+// Why what stands in the file is none that the ring in memory can have become, or "".
+std::string KeyStore::strangenessOf(const KeyRing& ring) const {
+    if (!mRing) return "";
+    // A rotation keeps the key that seals. Where it is gone the folder was exchanged beneath the process.
+    if (!ring.find(mRing->current().id)) return "another key ring stands there";
+    // That is required for good: an earlier copy was put back, and would open values in rows that are not theirs.
+    return mRing->requiresBoundForm && !ring.requiresBoundForm ? "an earlier key ring stands there" : "";
+}
+
 // Brings the ring in memory up to date with its file. False, with a line logged, where there is none then.
 bool KeyStore::update(bool makeIfAbsent) {
     if (place().kind == Place::Kind::HandedOver) return true;
     RingRead found = read();
-    // A rotation keeps the key that seals. Where it is gone the folder was exchanged beneath the process.
-    const bool isForeign = mRing && found.state == KeyRingState::Usable && !found.ring.find(mRing->current().id);
-    if (isForeign) found.reason = "another key ring stands there";
-    if (found.state == KeyRingState::Usable && !isForeign) {
+    if (found.state == KeyRingState::Usable) found.reason = strangenessOf(found.ring);
+    if (found.state == KeyRingState::Usable && found.reason.empty()) {
         mRing = std::make_shared<const KeyRing>(std::move(found.ring));
         return true;
     }
@@ -138,7 +145,10 @@ std::string KeyStore::makeRing() {
     if (!folder) mWaitAgain = now + kSealPause;
     RingRead found = read();  // another process may have been first, and have held the lock for that
     if (found.state == KeyRingState::Broken) return found.reason;
-    if (found.state == KeyRingState::Absent) {
+    if (found.state == KeyRingState::Usable) {
+        reason = strangenessOf(found.ring);
+        if (!reason.empty()) return reason;
+    } else {
         if (!folder) return reason;
         found.ring = mRing ? *mRing : newRing();
         if (!folder->create(kFileName, formatKeyRing(found.ring), reason)) return reason;
@@ -155,6 +165,8 @@ std::string KeyStore::edited(const Edit& edit) {
     if (!folder) return reason;
     RingRead found = read();
     if (found.state != KeyRingState::Usable) return found.reason;
+    reason = strangenessOf(found.ring);
+    if (!reason.empty()) return reason;
     const SecretBytes before = formatKeyRing(found.ring);
     reason = edit(found.ring);
     if (!reason.empty()) return reason;

@@ -434,6 +434,14 @@ TEST_F(SecurityTest, PutsTheRingThatTheStartLookedAtBackInItsPlace) {
     writeFile(ring, kHeader + kFirstLine);  // another one, with another folder
     for (int i = 0; i < 300; ++i) EXPECT_EQ(open(seal("x")), "x");
     EXPECT_EQ(log.count("another key ring stands there", 6), 1);
+    EXPECT_FALSE(security.RotateKey()) << "what is in memory is not given up for it either";
+
+    writeRing(kRing2);
+    EXPECT_EQ(state(), State::Usable);
+    writeFile(ring, kRing);  // of before it required the bound form
+    for (int i = 0; i < 300; ++i) EXPECT_EQ(open(seal("x")), "x");
+    EXPECT_EQ(resultOf(kRow, kEnvelope), OpenResult::UnboundForm);
+    EXPECT_TRUE(log.has("an earlier key ring stands there", 6));
 }
 
 TEST_F(SecurityTest, RotatesAndStillOpensWhatWasSealedBefore) {
