@@ -86,7 +86,7 @@ private:
         int code = sqlite3_prepare_v2(db, sql.c_str(), -1, &prepared, nullptr);
         const Statement statement(prepared);
         while (code == SQLITE_OK && (code = sqlite3_step(prepared)) == SQLITE_ROW) {
-            checkRow({columnBytes(prepared, 0), columnBytes(prepared, 1)});
+            checkRow({columnBytes(prepared, 0), columnBytes(prepared, 1), isText(prepared, 0)});
             code = SQLITE_OK;
         }
         return code == SQLITE_DONE ? SQLITE_OK : code;
@@ -95,14 +95,16 @@ private:
     void checkRow(const Row& row) {
         ++mResult.count;
         if (!row.value.empty()) ++mResult.sealed;
-        if (!mRingUsable) return;
-        RowFault fault;
-        const bool isReadable = isPolicies(mLayout) ? DataReader::policy(row, &fault).has_value()
-                                                    : DataReader::secureValue(row, &fault).has_value();
-        if (isReadable) return;
+        RowFault fault{"has a key that is no text, by which it is never found", "restore the folder from a backup"};
+        if (row.isFound && (!mRingUsable || isReadable(row, fault))) return;
         const std::string named =
             std::string("the ") + mLayout.sealedName + " \"" + escaped(row.key) + "\" of " + mPath;
         mResult.rows.push_back({mPath, named + " " + fault.what, fault.next, row.key});
+    }
+
+    bool isReadable(const Row& row, RowFault& fault) const {
+        return isPolicies(mLayout) ? DataReader::policy(row, &fault).has_value()
+                                   : DataReader::secureValue(row, &fault).has_value();
     }
 
     const std::string& mPath;

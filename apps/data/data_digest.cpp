@@ -27,6 +27,7 @@ struct Content {
 };
 
 Content contentOf(const DatabaseLayout& layout, const std::string& table, const Row& row) {
+    if (!row.isFound) return {"not found", row.value};
     if (table != layout.sealedTable) return {"plain", row.value};
     if (&layout == &kPolicyLayout) {
         const std::optional<Policy> policy = DataReader::policy(row);

@@ -26,4 +26,8 @@ inline std::string columnBytes(sqlite3_stmt* statement, int index) {
     return bytes ? std::string(bytes, size) : "";
 }
 
+inline bool isText(sqlite3_stmt* statement, int index) {
+    return sqlite3_column_type(statement, index) == SQLITE_TEXT;
+}
+
 }  // namespace apps

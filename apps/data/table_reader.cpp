@@ -21,7 +21,8 @@ public:
         const Statement statement = prepare("SELECT key, value FROM \"" + table + "\"" + condition + " ORDER BY id");
         if (statement && key) bind(statement.get(), *key);
         while (step(statement.get()))
-            rows.push_back({columnBytes(statement.get(), 0), columnBytes(statement.get(), 1)});
+            rows.push_back(
+                {columnBytes(statement.get(), 0), columnBytes(statement.get(), 1), isText(statement.get(), 0)});
     }
 
 private:

@@ -10,7 +10,8 @@ namespace apps {
 
 struct Row {
     std::string key;
-    std::string value;  // as it stands in the row: a secure value or a policy is sealed, or ""
+    std::string value;    // as it stands in the row: a secure value or a policy is sealed, or ""
+    bool isFound = true;  // by its key; one that is a blob is none that the service asks for
 };
 
 struct Tables {

@@ -255,8 +255,8 @@ TEST_F(BackupTest, ADigestTellsWhetherTheFolderHoldsWhatWasNoted) {
     for (const std::string& change :
          {secure + "DELETE FROM secure_v3\"", secure + "UPDATE secure_v3 SET key = 'K' WHERE key = 'k'\"",
           secure + "INSERT INTO secure_v3(key, value) VALUES('empty', '')\"",
-          secure + "UPDATE secure_v3 SET value = ''\"", secure + "INSERT INTO config(key, value) VALUES('k', 'v')\"",
-          policies + "DELETE FROM dmhelperconfig\"",
+          secure + "UPDATE secure_v3 SET key = CAST(key AS BLOB)\"", secure + "UPDATE secure_v3 SET value = ''\"",
+          secure + "INSERT INTO config(key, value) VALUES('k', 'v')\"", policies + "DELETE FROM dmhelperconfig\"",
           secure + "INSERT INTO secure_v3(key, value) VALUES('copy', '" + sealed + "')\""}) {
         fs::remove_all(path("copy"));
         fs::copy(path("earlier"), path("copy"));

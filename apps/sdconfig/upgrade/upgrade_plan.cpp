@@ -73,10 +73,10 @@ std::vector<std::string> lostPieces(const std::string& name, std::vector<std::st
 }
 
 void planSettings(const std::vector<Row>& config, const Values& sealed, UpgradePlan& plan) {
-    for (const auto& [key, value] : config) {
-        LegacyEntry entry{key, 1, {}, sealed.count(key) > 0};
-        if (const char* const problem = sd::keepingProblem(key, value)) entry.problem = problem;
-        if (hasZeroByte(value) || !entry.problem.empty()) entry.lost.push_back(key);
+    for (const Row& row : config) {
+        LegacyEntry entry{row.key, 1, {}, sealed.count(row.key) > 0};
+        if (const char* const problem = sd::keepingProblem(row.key, row.value)) entry.problem = problem;
+        if (hasZeroByte(row.value) || !entry.problem.empty()) entry.lost.push_back(row.key);
         plan.settings.push_back(std::move(entry));
     }
 }
