@@ -49,6 +49,14 @@ void SQLiteStatement::finalize() {
     mHandle = nullptr;
 }
 
+void SQLiteStatement::reset() {
+    if (mHandle) sqlite().reset(mHandle);
+}
+
+int SQLiteStatement::changes() const {
+    return mHandle ? sqlite().changes(mDb.handle()) : 0;
+}
+
 bool SQLiteStatement::executeCommand() {
     if (!mHandle && prepare() != 0) {
         LOG(7, AT "executeCommand failed: prepare failed", HERE);

@@ -24,10 +24,18 @@ public:
     // 0 on success. A text of more than one statement fails.
     int prepare();
 
-    // SQLite's result (100 a row is ready, 101 done, else an error), or 0 when nothing is prepared.
+    static constexpr int kRow = 100;
+    static constexpr int kDone = 101;
+    // SQLite's result (kRow: a row is ready; kDone; else an error), or 0 when nothing is prepared.
     int step();
 
     void finalize();
+
+    // Makes a prepared statement ready to be bound and stepped again.
+    void reset();
+
+    // How many rows the statement that ran last on the connection has changed.
+    int changes() const;
 
     // Runs a statement that yields no rows: prepares it if need be, steps once, finalizes. A row is a failure.
     bool executeCommand();

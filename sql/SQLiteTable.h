@@ -66,6 +66,7 @@ public:
     bool isInPlace() const;
 
     SQLiteDatabase& database() const { return mDb; }
+    const std::string& name() const { return mName; }
 
 private:
     SQLiteDatabase& mDb;

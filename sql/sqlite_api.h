@@ -19,7 +19,9 @@ struct SqliteApi {
     LOADED_AS(errmsg, library, sqlite3_errmsg);
     LOADED_AS(prepare, library, sqlite3_prepare_v2);
     LOADED_AS(step, library, sqlite3_step);
+    LOADED_AS(reset, library, sqlite3_reset);
     LOADED_AS(finalize, library, sqlite3_finalize);
+    LOADED_AS(changes, library, sqlite3_changes);
     LOADED_AS(bindText, library, sqlite3_bind_text);
     LOADED_AS(bindInt, library, sqlite3_bind_int);
     LOADED_AS(columnText, library, sqlite3_column_text);

@@ -21,6 +21,7 @@ constexpr char kTag[] = "sdconfig";
 constexpr char kSource[] = "src/sdconfig_impl";
 
 constexpr char kVersionKey[] = "dbVersion";
+constexpr char kResealingKey[] = "resealingKey";
 constexpr int kSlowSecureMs = 100;
 
 }  // namespace
@@ -171,6 +172,15 @@ bool SDConfigImpl::DeleteSecure_v3(const std::string& key) {
 
 std::size_t SDConfigImpl::storedBytes_v3(const std::string& key) {
     return getValueFromDatabaseTable(mSecureV3Table, key).size();
+}
+
+std::string SDConfigImpl::resealingKey() {
+    return getValueFromDatabaseTable(mDbInforTable, kResealingKey);
+}
+
+bool SDConfigImpl::setResealingKey(const std::string& keyId) {
+    return keyId.empty() ? deleteValueFromDatabase(mDbInforTable, kResealingKey)
+                         : setValueToDatabaseTable(mDbInforTable, kResealingKey, keyId);
 }
 
 bool SDConfigImpl::isKeyInDB(std::string key) {

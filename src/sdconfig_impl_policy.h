@@ -58,6 +58,9 @@ public:
     // The same: GetAllKeys, but nothing where the values have more bytes together. Looks no further than that.
     [[gnu::visibility("hidden")]] std::optional<PolicyList> allKeysWithin(std::size_t bytes);
 
+    // The same: the table of policies.
+    [[gnu::visibility("hidden")]] data::SQLiteTable& sealedTable() { return mDmHelperTable; }
+
     // True for an absent policy too.
     bool DeletePolicyWithUri(const std::string& uri);
 

@@ -13,6 +13,9 @@
 
 namespace sd {
 
+class KeyKeeper;
+struct SealedRows;
+
 // The bus layer calls handleMethodCall on one thread, one call at a time; nothing else touches the stores.
 class SDConfigInterface : public SDBusServiceInterface {
 public:
@@ -67,7 +70,13 @@ private:
     bool listPolicies(Call& call);
     bool clearPolicies(Call& call);
     bool getPolicies(Call& call);
+    bool rotateKey(Call& call);
+    bool resealRows(Call& call);
+    bool enableKey(Call& call);
+    bool pruneKeys(Call& call);
 
+    KeyKeeper& keys(const Call& call);
+    static void appendRows(SDBusMessage& reply, const SealedRows& rows);
     std::shared_ptr<SDBusMessage> makeReply(const Call& call);
     void replyBool(const Call& call, bool value);
     void replyText(const Call& call, const std::string& value);
@@ -79,6 +88,7 @@ private:
     void countRegistration(const std::string& key, bool flag);  // under mMutex
 
     SDBusSerivceManager* mManager;
+    std::unique_ptr<KeyKeeper> mKeys;  // made by the first call that needs it
     std::mutex mMutex;
     std::map<std::string, int> mListenerCounts;
     std::map<std::string, bool> mListenerFlags;

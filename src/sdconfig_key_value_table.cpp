@@ -1,5 +1,8 @@
 #include "src/sdconfig_key_value_table.h"
 
+#include <cstdlib>
+
+#include "sql/SQLiteStatement.h"
 #include "sql/SQLiteTransaction.h"
 
 namespace sd::key_value {
@@ -65,6 +68,45 @@ bool hasKey(data::SQLiteTable& table, const std::string& key) {
 
 bool isEmpty(data::SQLiteTable& table) {
     return !table.hasRow(field(table, kKey));
+}
+
+bool walk(data::SQLiteTable& table, const std::string& afterId, const std::function<bool(StoredRow&&)>& take) {
+    data::SQLiteStatement statement(table.database(),
+                                    "SELECT id,key,value FROM " + table.name() + " WHERE id>? ORDER BY id");
+    if (statement.prepare() != 0) return false;
+    statement.bindText(1, afterId);
+    int result = data::SQLiteStatement::kRow;
+    bool more = true;
+    while (more && (result = statement.step()) == data::SQLiteStatement::kRow)
+        more = take({statement.getColumnText(0), statement.getColumnText(1), statement.getColumnText(2)});
+    statement.finalize();
+    return !more || result == data::SQLiteStatement::kDone;
+}
+
+std::int64_t lastId(data::SQLiteTable& table) {
+    data::SQLiteStatement statement(table.database(), "SELECT max(id) FROM " + table.name());
+    if (statement.prepare() != 0) return 0;
+    const std::string last = statement.step() == data::SQLiteStatement::kRow ? statement.getColumnText(0) : "";
+    statement.finalize();
+    return std::strtoll(last.c_str(), nullptr, 10);
+}
+
+bool replaceValues(data::SQLiteTable& table, std::vector<Replacement>& replacements) {
+    if (!table.isInPlace()) return false;
+    data::SQLiteTransaction transaction(table.database());
+    if (!transaction.isActive()) return false;
+    data::SQLiteStatement update(table.database(), "UPDATE " + table.name() + " SET value=? WHERE id=? AND value=?");
+    bool stored = update.prepare() == 0;
+    for (auto one = replacements.begin(); stored && one != replacements.end(); ++one) {
+        update.bindText(1, one->value);
+        update.bindText(2, one->read.id);
+        update.bindText(3, one->read.value);
+        stored = update.step() == data::SQLiteStatement::kDone;
+        one->done = stored && update.changes() == 1;
+        update.reset();
+    }
+    update.finalize();
+    return stored && transaction.commit();
 }
 
 std::size_t count(data::SQLiteTable& table) {

@@ -32,6 +32,26 @@ inline constexpr char kListPolicies[] = "DM_LIST";
 inline constexpr char kClearPolicies[] = "DM_CLEAR_ALL_KEYS";
 inline constexpr char kGetPolicies[] = "DM_GET_POLICIES";
 
+// Beside the 22, for the administrator's tools: the keys of the key ring. The client library calls none of them.
+inline constexpr char kKeyRotate[] = "KEY_ROTATE";
+inline constexpr char kKeyReseal[] = "KEY_RESEAL";
+inline constexpr char kKeyEnable[] = "KEY_ENABLE";
+inline constexpr char kKeyPrune[] = "KEY_PRUNE";
+
+// What their answers begin with.
+enum class KeyOutcome : int {
+    Done,
+    NoRing,        // not made yet
+    RingUnusable,  // it can't be read, or, of a change, not be written
+    LayerWithout,  // the security layer is a host's own, which has no operations for keys
+    UnknownKey,    // no key's id begins so
+    AmbiguousKey,  // several do
+    KeySeals,      // what is asked for can't be done to the key that seals
+    NotRead,       // a database
+    NotSealed,     // a value that was opened
+    NotStored,     // nothing of this step
+};
+
 // Key and new effective value, for whoever asks.
 inline constexpr char kSdconfigChanged[] = ".sdconfigChanged";
 // Key, new effective value and strong control, for whoever asks.

@@ -5,6 +5,7 @@
 #include "src/sdconfig_impl.h"
 #include "src/sdconfig_impl_policy.h"
 #include "src/sdconfig_interface.h"
+#include "src/sdconfig_key_keeper.h"
 #include "src/sdconfig_protocol.h"
 #include "src/sdconfig_store_folder.h"
 

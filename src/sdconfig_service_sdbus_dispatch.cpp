@@ -1,4 +1,4 @@
-// The dispatcher: a member function for each of the 22 methods, and the table that names them.
+// The dispatcher: a member function for each of the 22 methods and those about keys, and the table that names them.
 #include <algorithm>
 #include <cstdint>
 
@@ -10,6 +10,7 @@
 #include "src/sdconfig_impl_policy.h"
 #include "src/sdconfig_impl_property.h"
 #include "src/sdconfig_interface.h"
+#include "src/sdconfig_key_keeper.h"
 #include "src/sdconfig_protocol.h"
 
 // What the dispatcher logs, it logs as handleMethodCall, whichever of its functions speaks.
@@ -121,6 +122,10 @@ const SDConfigInterface::Method SDConfigInterface::kMethods[] = {
     {protocol::kListPolicies, &SDConfigInterface::listPolicies},
     {protocol::kClearPolicies, &SDConfigInterface::clearPolicies},
     {protocol::kGetPolicies, &SDConfigInterface::getPolicies},
+    {protocol::kKeyRotate, &SDConfigInterface::rotateKey},
+    {protocol::kKeyReseal, &SDConfigInterface::resealRows},
+    {protocol::kKeyEnable, &SDConfigInterface::enableKey},
+    {protocol::kKeyPrune, &SDConfigInterface::pruneKeys},
 };
 
 bool SDConfigInterface::handleMethodCall(std::shared_ptr<SDBusMessage> message) {
@@ -510,6 +515,71 @@ bool SDConfigInterface::getPolicies(Call& call) {
     }
     sendMessage(reply);
     call.logIfSlow();
+    return true;
+}
+
+// ---- Keys ----
+
+KeyKeeper& SDConfigInterface::keys(const Call& call) {
+    if (!mKeys) mKeys = std::make_unique<KeyKeeper>(call.config, call.policies);
+    return *mKeys;
+}
+
+void SDConfigInterface::appendRows(SDBusMessage& reply, const SealedRows& rows) {
+    reply.appendInt32(static_cast<int32_t>(rows.count));
+    reply.appendInt8(static_cast<int8_t>(rows.first.size()));
+    for (const SealedRow& row : rows.first) {
+        reply.appendBool(row.isPolicy);
+        reply.appendString(row.key);
+    }
+}
+
+bool SDConfigInterface::rotateKey(Call& call) {
+    const KeyKeeper::Rotation rotation = keys(call).rotate(call.request->getBool(0));
+    const auto reply = makeReply(call);
+    reply->appendInt8(static_cast<int8_t>(rotation.outcome));
+    reply->appendString(rotation.keyId);
+    reply->appendBool(rotation.goesOn);
+    sendMessage(reply);
+    return true;
+}
+
+bool SDConfigInterface::resealRows(Call& call) {
+    const KeyKeeper::Resealing step = keys(call).reseal();
+    call.logIfSlow();
+    const auto reply = makeReply(call);
+    reply->appendInt8(static_cast<int8_t>(step.outcome));
+    reply->appendBool(step.isAtEnd);
+    reply->appendInt8(static_cast<int8_t>(step.percent));
+    reply->appendInt32(static_cast<int32_t>(step.sealed));
+    appendRows(*reply, step.left);
+    sendMessage(reply);
+    return true;
+}
+
+bool SDConfigInterface::enableKey(Call& call) {
+    const KeyKeeper::Change change = keys(call).enable(call.request->getString(0), call.request->getBool(1));
+    const auto reply = makeReply(call);
+    reply->appendInt8(static_cast<int8_t>(change.outcome));
+    reply->appendString(change.keyId);
+    sendMessage(reply);
+    return true;
+}
+
+bool SDConfigInterface::pruneKeys(Call& call) {
+    const KeyKeeper::Pruning step = keys(call).prune(call.request->getBool(0));
+    const auto reply = makeReply(call);
+    reply->appendInt8(static_cast<int8_t>(step.outcome));
+    reply->appendBool(step.isAtEnd);
+    reply->appendInt8(static_cast<int8_t>(step.percent));
+    reply->appendInt32(static_cast<int32_t>(step.removed.size()));
+    for (const std::string& id : step.removed) reply->appendString(id);
+    reply->appendInt32(static_cast<int32_t>(step.needed.size()));
+    for (const auto& [id, rows] : step.needed) {
+        reply->appendString(id);
+        appendRows(*reply, rows);
+    }
+    sendMessage(reply);
     return true;
 }
 

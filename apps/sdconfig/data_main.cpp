@@ -22,6 +22,7 @@ int main(int argc, char** argv) {
                                {"explain", cli::explainKey},
                                {"watch", cli::watchPatterns},
                                {"list", cli::listKeys},
+                               {"key list", cli::listKeyRing},
                                {"upgrade", cli::upgradeDatabase},
                                {"doctor", cli::diagnoseService},
                                {"check", cli::checkFolder},

@@ -289,7 +289,19 @@ std::string chooseFolder(const Options& options, std::string& folder) {
            "stop the service first";
 }
 
-// Running services take the new key up by themselves.
+// A running service makes the key itself, as for `sdconfig key rotate`; one that can't be asked for that takes it up by
+// itself.
+bool makeKey(sd::SDSecurity& security) {
+    SDBusSerivceManager& bus = *SDBusSerivceManager::initSync(-1);
+    if (!bus.isServiceRegistered(kName)) return security.RotateKey();
+    const auto proxy = bus.getServiceProxyInterface(kName, SDBusSameUser, 1);
+    auto call = proxy->makeMethodCallMessage(sd::protocol::kKeyRotate);
+    call->appendBool(false);
+    const auto answer = proxy->callWithReplyBlocking(std::move(call), sd::protocol::kCallTimeoutMs);
+    if (answer->type() != sd::protocol::kMethodReply) return security.RotateKey();
+    return answer->getInt(0) == static_cast<int>(sd::protocol::KeyOutcome::Done);
+}
+
 int rotateKey(const Options& options) {
     std::string folder;
     if (const std::string problem = chooseFolder(options, folder); !problem.empty()) return fail(problem);
@@ -300,7 +312,8 @@ int rotateKey(const Options& options) {
     if (const auto finding = apps::ringFinding(folder, absent && apps::holdsSealedValues(folder)))
         return fail(finding->what + ": " + finding->next);
     if (absent) return fail(ring.detail + "; the first value that is sealed makes it");
-    if (!security.RotateKey()) return fail("the key ring could not be changed; the line above tells why");
+    if (!makeKey(security))
+        return fail("the key ring could not be changed; the line above, or the service's log, tells why");
     tell("a new key seals from now on; what was sealed before still opens; back up " + ring.detail);
     return kDone;
 }

@@ -4,8 +4,9 @@ _sdconfig_options() { # COMMAND: those of its own
     case $1 in
         get) echo --local --product-dir --default ;;
         "secure get") echo --default ;;
-        "policy list" | "policy export") echo --data-dir ;;
-        "policy clear") echo --yes ;;
+        "policy list" | "policy export" | "key list") echo --data-dir ;;
+        "policy clear" | "key prune") echo --yes ;;
+        "key rotate") echo --reseal ;;
         "policy apply") echo --dry-run --show --prune --yes --data-dir ;;
         explain) echo --show --data-dir --product-dir ;;
         watch) echo --exec ;;
@@ -26,14 +27,16 @@ _sdconfig_keys() { # KIND: of the lines of "sdconfig list" that match it
 _sdconfig_arguments() { # COMMAND NUMBER: what its NUMBERth argument may be, from 0 on, a line each
     case $1:$2 in
         :0)
-            printf '%s\n' get set delete secure policy explain watch list upgrade doctor check backup restore const \
+            printf '%s\n' get set delete secure key policy explain watch list upgrade doctor check backup restore const \
                 sign verify status help
             ;;
         secure:0) printf '%s\n' get set delete exec ;;
+        key:0) printf '%s\n' list rotate disable enable prune ;;
         policy:0) printf '%s\n' set get delete list strong clear export apply ;;
         "secure get:"* | "secure set:0" | "secure delete:0") _sdconfig_keys secure ;;
         "secure exec:"*) _sdconfig_keys secure | sed "s/\$/=/" ;;
         "policy set:0" | "policy get:0" | "policy delete:0" | "policy strong:0") _sdconfig_keys policy ;;
+        "key disable:0" | "key enable:0") sdconfig key list 2>/dev/null | cut -f 1 ;;
         explain:0 | watch:* | list:*) _sdconfig_keys "secure|policy" ;;
     esac
 }
@@ -70,7 +73,7 @@ _sdconfig() {
                 fi
                 case $command in
                     "") command=${COMP_WORDS[i]} ;;
-                    secure | policy) command+=" ${COMP_WORDS[i]}" ;;
+                    secure | key | policy) command+=" ${COMP_WORDS[i]}" ;;
                     *) ((++number)) ;;
                 esac
                 ;;
@@ -81,7 +84,7 @@ _sdconfig() {
         return
     fi
     case ${help:+$command:$number} in
-        "" | :0 | secure:0 | policy:0) ;;
+        "" | :0 | secure:0 | key:0 | policy:0) ;;
         *) return ;;  # the help of this one
     esac
     [[ $command != "secure exec" ]] || compopt -o nospace

@@ -18,7 +18,7 @@ function __sdconfig_place
                 switch "$command"
                     case ''
                         set command $word
-                    case secure policy
+                    case secure key policy
                         set command "$command $word"
                     case '*'
                         set number (math $number + 1)
@@ -51,6 +51,7 @@ complete -c sdconfig -n '__sdconfig_at ":0"' -a get -d 'Print a property'
 complete -c sdconfig -n '__sdconfig_at ":0"' -a set -d 'Set a property, until the service stops'
 complete -c sdconfig -n '__sdconfig_at ":0"' -a delete -d 'Delete a property'
 complete -c sdconfig -n '__sdconfig_at ":0"' -a secure -d 'Values that are sealed at rest'
+complete -c sdconfig -n '__sdconfig_at ":0"' -a key -d 'The keys that values and policies are sealed with'
 complete -c sdconfig -n '__sdconfig_at ":0"' -a policy -d 'Policies'
 complete -c sdconfig -n '__sdconfig_at ":0"' -a explain -d 'Tell where the value of a key comes from'
 complete -c sdconfig -n '__sdconfig_at ":0"' -a watch -d 'Print changes of keys as they happen'
@@ -71,6 +72,12 @@ complete -c sdconfig -n '__sdconfig_at secure:0' -a set -d 'Store a secure value
 complete -c sdconfig -n '__sdconfig_at secure:0' -a delete -d 'Delete a secure value'
 complete -c sdconfig -n '__sdconfig_at secure:0' -a exec -d 'Run a program with secure values in its environment'
 
+complete -c sdconfig -n '__sdconfig_at key:0' -a list -d 'Print the keys'
+complete -c sdconfig -n '__sdconfig_at key:0' -a rotate -d 'Make a new key that seals'
+complete -c sdconfig -n '__sdconfig_at key:0' -a disable -d 'Let a key open nothing'
+complete -c sdconfig -n '__sdconfig_at key:0' -a enable -d 'Let a disabled key open again'
+complete -c sdconfig -n '__sdconfig_at key:0' -a prune -d 'Remove the keys that nothing is sealed with'
+
 complete -c sdconfig -n '__sdconfig_at policy:0' -a set -d 'Set a policy'
 complete -c sdconfig -n '__sdconfig_at policy:0' -a get -d 'Print the value in force'
 complete -c sdconfig -n '__sdconfig_at policy:0' -a delete -d 'Delete a policy'
@@ -84,6 +91,7 @@ complete -c sdconfig -n '__sdconfig_at "secure set:0" "secure delete:0"; or __sd
     -a '(__sdconfig_keys secure)'
 complete -c sdconfig -n '__sdconfig_at "policy set:0" "policy get:0" "policy delete:0" "policy strong:0"' \
     -a '(__sdconfig_keys policy)'
+complete -c sdconfig -n '__sdconfig_at "key disable:0" "key enable:0"' -a '(sdconfig key list 2>/dev/null | cut -f 1)'
 complete -c sdconfig -n '__sdconfig_in "secure exec"' -a '(__sdconfig_keys secure | string replace -r \'$\' =)'
 complete -c sdconfig -n '__sdconfig_at explain:0; or __sdconfig_in watch list' -a '(__sdconfig_keys "secure|policy")'
 complete -c sdconfig -n '__sdconfig_at "policy export:0" "policy apply:0" backup:0 restore:0' -F
@@ -95,10 +103,12 @@ complete -c sdconfig -n '__sdconfig_in get' -l local -d 'Read the build.prop fil
 complete -c sdconfig -n '__sdconfig_in get "secure get"' -l default -x -d 'Print it instead of what is unset'
 complete -c sdconfig -n '__sdconfig_in get explain' -l product-dir -xa '(__fish_complete_directories)' \
     -d 'The data folder of the product'
-complete -c sdconfig -n '__sdconfig_in explain list doctor "policy list" "policy export" "policy apply"' -l data-dir \
+complete -c sdconfig -n '__sdconfig_in explain list doctor "key list" "policy list" "policy export" "policy apply"' \
+    -l data-dir \
     -xa '(__fish_complete_directories)' -d 'The data folder of the service'
 complete -c sdconfig -n '__sdconfig_in explain list "policy apply"' -l show -d 'Show values, which can be secrets'
-complete -c sdconfig -n '__sdconfig_in "policy clear" "policy apply"' -l yes -d 'Do not ask'
+complete -c sdconfig -n '__sdconfig_in "key prune" "policy clear" "policy apply"' -l yes -d 'Do not ask'
+complete -c sdconfig -n '__sdconfig_in "key rotate"' -l reseal -d 'Seal everything anew'
 complete -c sdconfig -n '__sdconfig_in "policy apply"' -l prune -d 'Delete the policies that the file does not name'
 complete -c sdconfig -n '__sdconfig_in "policy apply" upgrade' -l dry-run -d 'Change nothing; print what would change'
 complete -c sdconfig -n '__sdconfig_in upgrade' -l force -d 'Copy, whatever the version'

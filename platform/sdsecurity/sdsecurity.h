@@ -96,7 +96,7 @@ public:
 
     // Looks at the ring without making or changing it. One that can be used is kept in memory, and written again where
     // its file is gone when the next value is sealed.
-    KeyRingStatus CheckKeyRing();
+    SDSECURITY_OPTIONAL KeyRingStatus CheckKeyRing();
 
     enum class KeyUse {
         Fine,
@@ -114,7 +114,7 @@ public:
 
     // Adds a fresh key to the ring, with which everything is sealed from now on; values sealed earlier still open.
     // Returns false, with a line logged and the ring as it was, when the ring can't be written.
-    bool RotateKey();
+    SDSECURITY_OPTIONAL bool RotateKey();
 
     // ---- The keys of the ring; each operation looks at the file itself, held where it changes it ----
 
@@ -132,20 +132,20 @@ public:
     };
 
     // In the order in which they were made. Empty, with a line logged, where there is no ring that can be used.
-    std::vector<KeyInfo> Keys();
+    SDSECURITY_OPTIONAL std::vector<KeyInfo> Keys();
 
     // Disables a key, or enables it again (Opening). Those who have the ring in memory see it when they next look at
     // it. Returns false, with a line logged and the ring as it was, for a key that seals or isn't there, and when the
     // ring can't be written. True where the key has that state already.
-    bool SetKeyState(const std::string& id, KeyState state);
+    SDSECURITY_OPTIONAL bool SetKeyState(const std::string& id, KeyState state);
 
     // Takes a key out of the ring: what it has sealed can't be opened by anybody then. Returns as SetKeyState does.
     // A process that still seals with it, since it has not looked at the ring since, would go on: the one that serves
     // the values is to call this.
-    bool RemoveKey(const std::string& id);
+    SDSECURITY_OPTIONAL bool RemoveKey(const std::string& id);
 
     // From now on DecryptForRow opens only what was sealed for its row; for good. Returns as RotateKey does.
-    bool RequireBoundForm();
+    SDSECURITY_OPTIONAL bool RequireBoundForm();
     // Whether that is so; false without a ring that can be used. A ring that is made new requires it.
     bool RequiresBoundForm();
 
@@ -159,7 +159,7 @@ public:
         bool isBound;  // to a row
     };
     // How a text was sealed, as it says of itself: without opening it, without a ring. Nothing where it is no envelope.
-    static std::optional<Seal> SealOf(const std::string& cipher);
+    SDSECURITY_OPTIONAL static std::optional<Seal> SealOf(const std::string& cipher);
 
     SDSecurity(const SDSecurity&) = delete;
     SDSecurity& operator=(const SDSecurity&) = delete;

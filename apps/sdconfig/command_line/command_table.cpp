@@ -41,12 +41,24 @@ std::string notADigest(const std::string& text) {
     return apps::isDigestText(text) ? "" : "it is no digest that \"check --digest\" printed";
 }
 
+// What no id of a key begins with.
+std::string notAKeyId(const std::string& id) {
+    constexpr std::size_t kLeast = 4;
+    constexpr std::size_t kWhole = 16;
+    const bool isHex = id.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
+    if (!isHex || id.size() < kLeast || id.size() > kWhole)
+        return quoted(id) + " is no key's id: that has 16 digits, 0 to 9 and a to f, of which the first 4 will do";
+    const bool isLower = id.find_first_of("ABCDEF") == std::string::npos;
+    return isLower ? "" : quoted(id) + " has capital letters: the ids of keys are written in small ones";
+}
+
 constexpr Argument checked(Argument argument, std::string (*fault)(const std::string&)) {
     argument.fault = fault;
     return argument;
 }
 
 constexpr Argument kKey = checked({"KEY", "The key, never empty", &Request::key}, tooLong);
+constexpr Argument kKeyId = checked({"ID", "The key's id, or its first 4 digits or more", &Request::key}, notAKeyId);
 constexpr Argument kName{"NAME", "The constant's name", &Request::key};
 constexpr Argument kValue{"VALUE", "The value; \"\" for an empty one", &Request::value, nullptr, true};
 constexpr Argument kSecret{"VALUE",
@@ -67,6 +79,8 @@ constexpr Flag kYes{"--yes", "Don't ask", &Request::yes};
 constexpr Flag kPrune{"--prune", "Delete the policies that FILE doesn't name; asks first", &Request::prune};
 constexpr Flag kYesPrune{"--yes", "With --prune: don't ask", &Request::yes, "--prune"};
 constexpr Flag kDryRun{"--dry-run", "Send nothing; print what would change, and why", &Request::dryRun};
+constexpr Flag kReseal{"--reseal", "Seal every value and policy anew under it, while the service goes on serving",
+                       &Request::reseal};
 constexpr ValueOption kProductDir{"--product-dir",
                                   "DIR",
                                   "With --local: the product's data folder; DIR/../etc/build.prop is read",
@@ -178,6 +192,24 @@ constexpr char kCheckNotes[] =
     "A line a finding, with what to do about it. Nothing is created or changed, and the service may run. Exit code 1\n"
     "where there are findings. A DIGEST is the same for the same keys, values and policies, however they are sealed.\n";
 
+constexpr char kKeyListNotes[] =
+    "A line a key, the oldest first: id, state (sealing, opening, disabled, or missing: rows need it and it isn't\n"
+    "there), when it was made, by which version, the values and the policies that are sealed with it, and how often "
+    "it\n"
+    "sealed. Needs no service. No key itself is ever printed.\n";
+
+constexpr char kKeyRotateNotes[] =
+    "What was sealed before still opens. With --reseal, repeated after an interruption, it goes on where that was, "
+    "and\n"
+    "makes no other key. What can't be opened is left as it is and named, with exit code 1.\n";
+
+constexpr char kKeyDisableNotes[] =
+    "A rehearsal of its loss: what is sealed with it reads as \"\". The key that seals can't be disabled.\n";
+
+constexpr char kKeyPruneNotes[] =
+    "A key that a row needs stays, and its rows are named, with exit code 1. Backups that were made without their key\n"
+    "ring can't be opened without a removed key.\n";
+
 constexpr char kDoctorNotes[] =
     "A line each for folders, socket, service, versions, environment, units and data: \"ok\" or \"problem\". Nothing "
     "is\n"
@@ -197,6 +229,8 @@ constexpr char kRestoreNotes[] =
 const std::vector<Group>& groups() {
     static const std::vector<Group> all{
         {"secure", "Values that are sealed at rest: get, set, delete, exec", "sdconfig secure get mail.password"},
+        {"key", "The keys that values and policies are sealed with: list, rotate, disable, enable, prune",
+         "sdconfig key list"},
         {"policy", "Policies: set, get, delete, list, strong, clear, export, apply", "sdconfig policy list"},
     };
     return all;
@@ -303,6 +337,39 @@ const std::vector<Command>& commands() {
          {kDryRun, kShowChanges, kPrune, kYesPrune},
          {kDataDir},
          kApplyNotes},
+        {"key",
+         "list",
+         "Prints the keys: id, state, when and by what they were made, what they hold",
+         "sdconfig key list",
+         {},
+         {},
+         {kDataDir},
+         kKeyListNotes},
+        {"key",
+         "rotate",
+         "Makes a new key, with which everything is sealed from now on",
+         "sdconfig key rotate --reseal",
+         {},
+         {kReseal},
+         {},
+         kKeyRotateNotes},
+        {"key",
+         "disable",
+         "Lets a key open nothing, until it is enabled again",
+         "sdconfig key disable 3f9c",
+         {kKeyId},
+         {},
+         {},
+         kKeyDisableNotes},
+        {"key", "enable", "Lets a disabled key open again", "sdconfig key enable 3f9c", {kKeyId}, {}, {}},
+        {"key",
+         "prune",
+         "Removes the keys that nothing is sealed with; asks first",
+         "sdconfig key prune",
+         {},
+         {kYes},
+         {},
+         kKeyPruneNotes},
         {"",
          "explain",
          "Tells where a key's value comes from",

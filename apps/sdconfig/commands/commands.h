@@ -23,6 +23,10 @@ int clearPolicies(const Request& request, Service& service);
 int getConst(const Request& request, Service& service);
 int signText(const Request& request, Service& service);
 int verifyText(const Request& request, Service& service);
+int rotateKey(const Request& request, Service& service);
+int disableKey(const Request& request, Service& service);
+int enableKey(const Request& request, Service& service);
+int pruneKeys(const Request& request, Service& service);
 int watchKeys(const Request& request, Service& service);
 int showStatus(const Request& request, Service& service);
 

@@ -15,6 +15,7 @@ int applyPolicies(const Request& request, Service& service);
 int explainKey(const Request& request, Service& service);
 int watchPatterns(const Request& request, Service& service);
 int listKeys(const Request& request, Service& service);
+int listKeyRing(const Request& request, Service& service);
 int upgradeDatabase(const Request& request, Service& service);
 int checkFolder(const Request& request, Service& service);
 int diagnoseService(const Request& request, Service& service);

@@ -38,6 +38,7 @@ struct Request {
     bool withoutKeys = false;
     bool digest = false;
     std::string against;  // a digest; "": none
+    bool reseal = false;
 
     bool json = false;
     bool verbose = false;

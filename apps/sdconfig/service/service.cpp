@@ -185,11 +185,24 @@ int Service::endCall(bool failureValue) {
 }
 
 int Service::requireCount(const char* method) const {
+    int exitCode = kDone;
+    (void)ask(
+        method, [](SDBusMessage&) {}, "y", exitCode);
+    return exitCode;
+}
+
+std::shared_ptr<SDBusMessage> Service::ask(const char* method, const std::function<void(SDBusMessage&)>& arguments,
+                                           const std::string& kinds, int& exitCode) const {
     const auto proxy = mBus->getServiceProxyInterface(sd::protocol::kServiceName, SDBusSameUser, 1);
-    const auto reply = proxy->callWithReplyBlocking(proxy->makeMethodCallMessage(method), sd::protocol::kCallTimeoutMs);
-    if (reply->signature().find('y') == 0) return kDone;
-    if (reply->type() == sd::protocol::kMethodReply) return answerUnreadable(attempt(mRequest));
-    return noAnswer(attempt(mRequest), howItFailed(*reply), socketPath());
+    auto call = proxy->makeMethodCallMessage(method);
+    arguments(*call);
+    auto reply = proxy->callWithReplyBlocking(std::move(call), sd::protocol::kCallTimeoutMs);
+    exitCode = kDone;
+    if (reply->signature().compare(0, kinds.size(), kinds) == 0) return reply;
+    exitCode = reply->type() == sd::protocol::kMethodReply
+                   ? answerUnreadable(attempt(mRequest))
+                   : noAnswer(attempt(mRequest), howItFailed(*reply), socketPath());
+    return nullptr;
 }
 
 bool Service::isUnopenable(const std::string& key) const {

@@ -10,6 +10,7 @@
 #include "apps/sdconfig/request/request.h"
 #include "apps/sdconfig/terminal/messages.h"
 
+class SDBusMessage;
 class SDBusProxyInterface;
 class SDBusSerivceManager;
 
@@ -68,6 +69,12 @@ public:
     // The exit code kDone where the answer to the method, which takes no arguments, begins with a count; else
     // kNoService, after telling so. For a list that read as empty: a list without a count reads so, too.
     int requireCount(const char* method) const;
+
+    // One call straight over the bus. arguments: appends them. Returns the answer, whose arguments are of these kinds
+    // and perhaps more behind them (SDBusMessage::signature); null, with the exit code and after telling so, where
+    // there is none.
+    std::shared_ptr<SDBusMessage> ask(const char* method, const std::function<void(SDBusMessage&)>& arguments,
+                                      const std::string& kinds, int& exitCode) const;
 
     // Of a secure value that reads as "": whether it does because what is stored of it can't be opened.
     bool isUnopenable(const std::string& key) const;

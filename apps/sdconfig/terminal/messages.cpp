@@ -336,6 +336,55 @@ int valuesUnreadable(const Request& request, const std::string& problem) {
                 "the key ring belongs to the databases: restore it from the same backup");
 }
 
+int keyRefused(const Request& request, const Problem& problem) {
+    return fail(kRefused, attempt(request), problem.what, problem.next.empty() ? seeItsLog() : problem.next);
+}
+
+int rowsLeft(const Request& request, std::size_t count, const std::string& rows) {
+    return fail(kRefused, attempt(request),
+                std::to_string(count) + (count == 1 ? " row was" : " rows were") + " left as " +
+                    (count == 1 ? "it is: " : "they are: ") + rows,
+                "see why with: " + typed("check") + "; set or delete what can't be opened, and repeat this");
+}
+
+int keyNeeded(const Request& request, const std::string& id, std::size_t count, const std::string& rows) {
+    return fail(kRefused, attempt(request),
+                "the key " + id + " stays, since " + std::to_string(count) +
+                    (count == 1 ? " row needs" : " rows need") + " it: " + rows,
+                "seal them with another key by: " + typed("key rotate --reseal"));
+}
+
+int noRing(const Request& request, const std::string& problem) {
+    return fail(kRefused, attempt(request), problem, "see what is wrong with: " + typed("doctor"));
+}
+
+int noKeyYet(const Request& request) {
+    return fail(kRefused, attempt(request), "there is no key ring yet",
+                "store a secure value or a policy: the first one makes it");
+}
+
+int keysMissing(const Request& request, std::size_t keys) {
+    return fail(kRefused, attempt(request),
+                std::to_string(keys) + (keys == 1 ? " key is" : " keys are") + " missing that rows need",
+                "put back the key ring that has " + std::string(keys == 1 ? "it" : "them") +
+                    ", from the backup of the same time; see the rows with: " + typed("check"));
+}
+
+void noteResealingGoesOn(const std::string& id) {
+    note("an earlier run did not end: it goes on under its key " + id +
+         ", and no other is made; repeat this for another");
+}
+
+void noteResealingInterrupted() {
+    note("what was sealed anew stays so, and all still opens; go on with: " + typed("key rotate --reseal"));
+}
+
+void noteOlderBackups() {
+    note(
+        "a backup that was made before, without its key ring, can't be opened any more: keep one that has the removed "
+        "keys, or make a new one");
+}
+
 int notRegistered(const Request& request) {
     return fail(kRefused, attempt(request), "the service did not take the registration", seeItsLog());
 }

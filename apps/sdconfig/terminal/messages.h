@@ -114,6 +114,17 @@ void noteNoDatabase(const std::string& folder, const char* what);
 void noteContradiction(const std::string& folder);
 int valuesUnreadable(const Request& request, const std::string& problem);
 
+// Keys.
+int keyRefused(const Request& request, const Problem& problem);
+int rowsLeft(const Request& request, std::size_t count, const std::string& rows);  // rows: their names, or some
+int keyNeeded(const Request& request, const std::string& id, std::size_t count, const std::string& rows);
+int noRing(const Request& request, const std::string& problem);
+int noKeyYet(const Request& request);
+int keysMissing(const Request& request, std::size_t keys);
+void noteResealingGoesOn(const std::string& id);
+void noteResealingInterrupted();
+void noteOlderBackups();
+
 // Watching.
 int notRegistered(const Request& request);
 void noteWatching(std::size_t keys, bool more);  // more: and those to come of a pattern

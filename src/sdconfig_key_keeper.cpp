@@ -1,0 +1,240 @@
+#include "src/sdconfig_key_keeper.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+
+#include "platform/sdsecurity/sdsecurity.h"
+#include "platform/velmarlog/log_line.h"
+#include "src/sdconfig_impl.h"
+#include "src/sdconfig_impl_policy.h"
+#include "src/sdconfig_sealed_row.h"
+
+namespace sd {
+
+namespace {
+
+using protocol::KeyOutcome;
+using Clock = std::chrono::steady_clock;
+
+constexpr char kTag[] = "sdconfig";
+constexpr char kSource[] = "src/sdconfig_key_keeper";
+
+// Of reading, opening and sealing; to write that takes about twice as long.
+constexpr std::chrono::milliseconds kStep{3};
+constexpr std::size_t kNamed = 10;
+constexpr std::size_t kLeastOfId = 4;
+
+// One operation stands for all that a host's own layer may lack.
+bool hasLayerKeys() {
+    return &SDSecurity::SealOf != nullptr;
+}
+
+SDSecurity& layer() {
+    return *SDSecurity::GetInstance();
+}
+
+// Makes what another process did to the ring known here, too.
+KeyOutcome refreshRing() {
+    if (!hasLayerKeys()) return KeyOutcome::LayerWithout;
+    const SDSecurity::KeyRingStatus ring = layer().CheckKeyRing();
+    if (ring.state == SDSecurity::KeyRingState::Absent) return KeyOutcome::NoRing;
+    if (ring.state == SDSecurity::KeyRingState::Usable) return KeyOutcome::Done;
+    LOG(7, AT "%s", HERE, ring.detail.c_str());
+    return KeyOutcome::RingUnusable;
+}
+
+// "" where the ring can't be read, as a line has told.
+std::string sealingKey() {
+    for (const SDSecurity::KeyInfo& key : layer().Keys())
+        if (key.state == SDSecurity::KeyState::Sealing) return key.id;
+    return "";
+}
+
+KeyOutcome findKey(const std::string& beginning, SDSecurity::KeyInfo& found) {
+    if (beginning.size() < kLeastOfId) return KeyOutcome::UnknownKey;
+    const std::vector<SDSecurity::KeyInfo> keys = layer().Keys();
+    const auto fits = [&](const SDSecurity::KeyInfo& key) {
+        return key.id.compare(0, beginning.size(), beginning) == 0;
+    };
+    const auto count = std::count_if(keys.begin(), keys.end(), fits);
+    if (count == 0) return KeyOutcome::UnknownKey;
+    if (count > 1) return KeyOutcome::AmbiguousKey;
+    found = *std::find_if(keys.begin(), keys.end(), fits);
+    return KeyOutcome::Done;
+}
+
+// Whether a row's value is what sealing it now would make of it, but for the nonce.
+bool isSealedAnew(const std::optional<SDSecurity::Seal>& seal, const std::string& keyId) {
+    return seal && seal->keyId == keyId && seal->isBound == isLayerBinding();
+}
+
+}  // namespace
+
+void SealedRows::add(SealedRow row) {
+    if (++count <= static_cast<std::int64_t>(kNamed)) first.push_back(std::move(row));
+}
+
+KeyKeeper::KeyKeeper(SDConfigImpl& config, SDConfigDmHelper& policies) : mConfig(config), mPolicies(policies) {}
+
+// ---- The walk ----
+
+KeyKeeper::Place KeyKeeper::beginning() {
+    Place place;
+    place.lastIds = {key_value::lastId(mConfig.sealedTable()), key_value::lastId(mPolicies.sealedTable())};
+    return place;
+}
+
+data::SQLiteTable& KeyKeeper::tableAt(const Place& place) {
+    return place.isInPolicies() ? mPolicies.sealedTable() : mConfig.sealedTable();
+}
+
+int KeyKeeper::Place::percent() const {
+    double all = 0;
+    double passed = 0;
+    for (std::size_t i = 0; i < lastIds.size(); ++i) {
+        const auto last = static_cast<double>(lastIds[i]);
+        all += last;
+        if (i < store) passed += last;
+        if (i == store) passed += std::clamp(std::strtod(afterId.c_str(), nullptr), 0.0, std::max(0.0, last));
+    }
+    return isAtEnd() || all <= 0 ? 100 : static_cast<int>(100 * passed / all);
+}
+
+// Takes rows until the step's time is up or the store ends; what is empty is passed over. False where it can't be read.
+bool KeyKeeper::walkOn(Place& place, const std::function<void(key_value::StoredRow&&)>& take) {
+    const auto limit = Clock::now() + kStep;
+    bool inTime = true;
+    const bool read = key_value::walk(tableAt(place), place.afterId, [&](key_value::StoredRow&& row) {
+        place.afterId = row.id;
+        if (!row.value.empty()) take(std::move(row));
+        return inTime = Clock::now() < limit;
+    });
+    if (read && inTime) {
+        ++place.store;
+        place.afterId = key_value::kBeforeAllIds;
+    }
+    return read;
+}
+
+// ---- Sealing anew ----
+
+KeyKeeper::Rotation KeyKeeper::rotate(bool reseal) {
+    if (const KeyOutcome ring = refreshRing(); ring != KeyOutcome::Done) return {ring, "", false};
+    mResealing.reset();
+    const std::string before = sealingKey();
+    if (reseal && !before.empty() && mConfig.resealingKey() == before) return {KeyOutcome::Done, before, true};
+    if (!layer().RotateKey()) return {KeyOutcome::RingUnusable, "", false};
+    const std::string keyId = sealingKey();
+    LOG(6, AT "the key %s seals from now on", HERE, keyId.c_str());
+    // Without the mark, a resealing that is interrupted goes on with one key more.
+    if (reseal && !mConfig.setResealingKey(keyId)) return {KeyOutcome::NotStored, keyId, false};
+    return {KeyOutcome::Done, keyId, false};
+}
+
+KeyOutcome KeyKeeper::resealSome(ResealPass& pass) {
+    Place place = pass.place;
+    const bool isPolicy = place.isInPolicies();
+    std::vector<key_value::Replacement> replacements;
+    bool sealedAll = true;
+    SealedRows left = pass.left;
+    const bool read = walkOn(place, [&](key_value::StoredRow&& row) {
+        if (isSealedAnew(SDSecurity::SealOf(row.value), pass.keyId)) return;
+        const SDSecurityRow context = isPolicy ? policyRow(row.key) : secureRow(row.key);
+        const std::string plain = openForRow(context, row.value);
+        if (plain.empty()) return left.add({isPolicy, row.key});
+        std::string value = sealForRow(context, plain);
+        sealedAll = sealedAll && isSealedAnew(SDSecurity::SealOf(value), pass.keyId);
+        replacements.push_back({std::move(row), std::move(value)});
+    });
+    if (!read) return KeyOutcome::NotRead;
+    if (!sealedAll) return KeyOutcome::NotSealed;
+    data::SQLiteTable& table = tableAt(pass.place);
+    if (!replacements.empty() && !key_value::replaceValues(table, replacements)) return KeyOutcome::NotStored;
+    for (const key_value::Replacement& one : replacements) {
+        if (one.done)
+            ++pass.sealed;
+        else
+            left.add({isPolicy, one.read.key});
+    }
+    pass.place = std::move(place);
+    pass.left = std::move(left);
+    return KeyOutcome::Done;
+}
+
+KeyOutcome KeyKeeper::endResealing(const ResealPass& pass) {
+    // With a row left that opens in the old form alone, the ring has to go on opening that.
+    if (pass.left.count == 0 && isLayerBinding() && !layer().RequireBoundForm()) return KeyOutcome::RingUnusable;
+    if (!mConfig.resealingKey().empty() && !mConfig.setResealingKey("")) return KeyOutcome::NotStored;
+    LOG(6, AT "%lld rows were sealed anew under the key %s, %lld were left", HERE, static_cast<long long>(pass.sealed),
+        pass.keyId.c_str(), static_cast<long long>(pass.left.count));
+    return KeyOutcome::Done;
+}
+
+KeyKeeper::Resealing KeyKeeper::reseal() {
+    if (const KeyOutcome ring = refreshRing(); ring != KeyOutcome::Done) return {ring};
+    const std::string keyId = sealingKey();
+    if (!mResealing || mResealing->keyId != keyId) mResealing = ResealPass{keyId, beginning(), 0, {}};
+    KeyOutcome outcome = resealSome(*mResealing);
+    const ResealPass& pass = *mResealing;
+    const bool isAtEnd = outcome == KeyOutcome::Done && pass.place.isAtEnd();
+    if (isAtEnd) outcome = endResealing(pass);
+    Resealing result{outcome, isAtEnd, pass.place.percent(), pass.sealed, pass.left};
+    if (isAtEnd) mResealing.reset();
+    return result;
+}
+
+// ---- Single keys ----
+
+KeyKeeper::Change KeyKeeper::enable(const std::string& id, bool enabled) {
+    if (const KeyOutcome ring = refreshRing(); ring != KeyOutcome::Done) return {ring, ""};
+    SDSecurity::KeyInfo key;
+    if (const KeyOutcome found = findKey(id, key); found != KeyOutcome::Done) return {found, ""};
+    if (key.state == SDSecurity::KeyState::Sealing) return {enabled ? KeyOutcome::Done : KeyOutcome::KeySeals, key.id};
+    const auto state = enabled ? SDSecurity::KeyState::Opening : SDSecurity::KeyState::Disabled;
+    if (!layer().SetKeyState(key.id, state)) return {KeyOutcome::RingUnusable, key.id};
+    LOG(6, AT "the key %s is %s", HERE, key.id.c_str(), enabled ? "enabled" : "disabled");
+    return {KeyOutcome::Done, key.id};
+}
+
+KeyOutcome KeyKeeper::beginPrune() {
+    if (const KeyOutcome ring = refreshRing(); ring != KeyOutcome::Done) return ring;
+    PrunePass pass{beginning(), {}};
+    for (const SDSecurity::KeyInfo& key : layer().Keys())
+        if (key.state != SDSecurity::KeyState::Sealing) pass.candidates[key.id];
+    mPruning = std::move(pass);
+    return KeyOutcome::Done;
+}
+
+// No row comes to need one of them while the rows are looked at: only the key that seals gets new ones.
+KeyOutcome KeyKeeper::endPrune(PrunePass& pass, Pruning& result) {
+    for (auto& [id, rows] : pass.candidates) {
+        if (rows.count > 0) {
+            result.needed[id] = std::move(rows);
+            continue;
+        }
+        if (!layer().RemoveKey(id)) return KeyOutcome::RingUnusable;
+        LOG(6, AT "the key %s left the ring: no row needs it", HERE, id.c_str());
+        result.removed.push_back(id);
+    }
+    return KeyOutcome::Done;
+}
+
+KeyKeeper::Pruning KeyKeeper::prune(bool begin) {
+    if (begin || !mPruning)
+        if (const KeyOutcome begun = beginPrune(); begun != KeyOutcome::Done) return {begun};
+    PrunePass& pass = *mPruning;
+    const bool isPolicy = pass.place.isInPolicies();
+    const bool read = walkOn(pass.place, [&](key_value::StoredRow&& row) {
+        const std::optional<SDSecurity::Seal> seal = SDSecurity::SealOf(row.value);
+        if (!seal) return;
+        const auto found = pass.candidates.find(seal->keyId);
+        if (found != pass.candidates.end()) found->second.add({isPolicy, std::move(row.key)});
+    });
+    Pruning result{read ? KeyOutcome::Done : KeyOutcome::NotRead, read && pass.place.isAtEnd(), pass.place.percent()};
+    if (result.isAtEnd) result.outcome = endPrune(pass, result);
+    if (result.isAtEnd || !read) mPruning.reset();
+    return result;
+}
+
+}  // namespace sd
