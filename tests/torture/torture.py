@@ -24,7 +24,7 @@ from pieces import SLACK, Client, Failed, Honest, Marshal, Peer, Service, World,
 METHODS = ("GET_PROPERTY SET_PROPERTY LST_PROPERTY DEL_PROPERTY GET_SECURE SET_SECURE DEL_SECURE GET_CONST "
            "SIGN_REQUEST VERIFY_SIGN REG_LISTENER UNREG_LISTENER ISALREADY_LISTHENED SET_POLICYLIST SET_POLICY "
            "GET_POLICY DELETE_POLICY ISSTRONG_CONTROL DM_REGISTER_LISTERNER DM_LIST DM_CLEAR_ALL_KEYS "
-           "DM_GET_POLICIES").split()
+           "DM_GET_POLICIES KEY_ROTATE KEY_RESEAL KEY_ENABLE KEY_PRUNE").split()
 NOBODY = 65534
 PAGE = 4096
 
@@ -815,7 +815,79 @@ def ring(run):
     return f"{done + 1} rounds of 32 first seals, one ring each"
 
 
-SCENARIOS = (kill, backup, io, disk, damage, busy, hostile, user, silent, restarts, threads, secrets, ring)
+class Ring:
+    """Values and policies large enough that sealing them anew takes many steps, and what each may hold."""
+
+    def __init__(self, world, run):
+        self.world, self.random, self.number = world, run.random, 0
+        self.client = world.client()
+        self.may_hold = {f"{kind}.{i}": set() for kind in ("secure", "policy") for i in range(100)}
+        for key in self.may_hold:
+            self.set(key)
+
+    def set(self, key):
+        self.number += 1
+        value = f"{self.number}." + "x" * self.random.choice((100, 30000, 60000))
+        command = ("set", key, value) if key.startswith("secure") else ("policy.set", key, value, 9)
+        self.may_hold[key].add(value)
+        if self.client.ask(*command) == "1":
+            self.may_hold[key] = {value}
+
+    def check(self, keys):
+        for key in keys:
+            told = self.client.ask("get", key)
+            check(told in self.may_hold[key], f"{key} holds {told[:40]!r}")
+            self.may_hold[key] = {told}
+
+    def key_command(self, *arguments):
+        return subprocess.Popen([pieces.PROGRAMS["sdconfig"], "key", *arguments, "--json"], text=True,
+                                env=self.world.environment, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+
+    def finish(self, *arguments):
+        command = self.key_command(*arguments)
+        out, err = command.communicate(timeout=60)
+        check(command.returncode == 0, f"key {arguments[0]} ended with {command.returncode}: {err[-300:]}")
+        return json.loads(out)
+
+
+def reseal(run):
+    cut, went_on = 0, 0
+    with World() as world:
+        service = world.start()
+        ring = Ring(world, run)
+        keys = list(ring.may_hold)
+        for number in run.rounds(30, 1000):
+            command = ring.key_command("rotate", "--reseal")
+            for key in run.random.sample(keys, 3):
+                ring.set(key)
+            time.sleep(run.random.uniform(0, 0.2))
+            cut += command.poll() is None
+            victims = run.random.choice(("service", "command", "both"))
+            if victims != "service":
+                command.kill()
+            if victims != "command":
+                service.kill()
+            went_on += "an earlier run did not end" in command.communicate()[1]
+            if victims != "command":
+                world.check_integrity()
+                service = world.start()
+            ring.check(run.random.sample(keys, 20))
+            if number % 10 == 9:  # a ring holds 199 keys
+                ring.finish("rotate", "--reseal")
+                ring.finish("prune", "--yes")
+                ring.check(keys)
+        ring.finish("rotate", "--reseal")
+        ring.finish("prune", "--yes")
+        listing = ring.finish("list")
+        check([key["state"] for key in listing["keys"]] == ["sealing"] and listing["bound_only"],
+              f"what is left in the end: {listing}")
+        check(listing["keys"][0]["policies"] == 100, f"not every policy is under the last key: {listing}")
+        ring.check(keys)
+    check(cut > number / 4 and went_on, f"only {cut} of {number + 1} kills met a command that ran")
+    return f"{number + 1} kills, {cut} while the rows were sealed anew, {went_on} went on; each value there and right"
+
+
+SCENARIOS = (kill, backup, io, disk, damage, busy, hostile, user, silent, restarts, threads, secrets, ring, reseal)
 
 
 def perform(scenario, arguments):
