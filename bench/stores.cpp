@@ -1,10 +1,12 @@
 // What reading and storing costs through the facades: secure values beside a desktop's secret service, durable writes
 // beside bare SQLite, and how both grow with the size and the number of values.
-//     stores EXTENT SDCONFIGD [BEFORE]
+//     stores EXTENT SDCONFIGD SDCONFIG [BEFORE]
 // BEFORE: sdconfigd of another build, whose storing is measured beside.
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <deque>
+#include <future>
 #include <optional>
 
 #include "bench/bare_database.h"
@@ -313,20 +315,85 @@ void measureProperties(const Workplace& place, const std::string& sdconfigd, con
     }
 }
 
+// ---- Sealing anew ----
+
+constexpr int kCallers = 4;
+
+// Reads secure values without a pause for so many seconds. Returns calls a second.
+MeasuringProcess::Measures readWithoutPause(const Service& service, int count, double seconds) {
+    service.join();
+    return {[count, seconds, turn = 0]() mutable {
+        using Clock = std::chrono::steady_clock;
+        sd::SDConfig& config = *sd::SDConfig::GetInstance();
+        const auto began = Clock::now();
+        const auto passed = [&] { return std::chrono::duration<double>(Clock::now() - began).count(); };
+        int calls = 0;
+        for (; passed() < seconds; ++calls)
+            require(config.GetSecure(keyOf(nextOf(turn, count))) == storedValue(), "GetSecure");
+        return calls / passed();
+    }};
+}
+
+// All callers at once. Returns the calls a second of all.
+double callAll(const std::deque<MeasuringProcess>& callers) {
+    std::vector<std::future<double>> results;
+    for (const MeasuringProcess& caller : callers)
+        results.push_back(std::async(std::launch::async, [&] { return caller.run(0); }));
+    double sum = 0;
+    for (auto& result : results) sum += result.get();
+    return sum;
+}
+
+double resealSeconds(const Workplace& place, const std::string& sdconfig) {
+    const auto began = std::chrono::steady_clock::now();
+    Process command = Process::start({"env", "XDG_RUNTIME_DIR=" + place.path("resealing"), "sh", "-c",
+                                      "exec \"$0\" key rotate --reseal >/dev/null", sdconfig});
+    require(command.wait() == 0, "key rotate --reseal");
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
+}
+
+// `key rotate --reseal` beside callers: how long it takes, and what it leaves them.
+void measureResealing(const Workplace& place, const std::string& sdconfigd, const std::string& sdconfig,
+                      const Extent& extent) {
+    const int count = extent.isSmoke() ? 1000 : 100'000;
+    const double seconds = extent.isSmoke() ? 0.1 : 3;
+    const OnCpu onAll(kAnyCpu);
+    const Service service(place, "resealing", sdconfigd, count);
+    std::deque<MeasuringProcess> callers;
+    for (int i = 0; i < kCallers; ++i) callers.emplace_back([&] { return readWithoutPause(service, count, seconds); });
+    (void)callAll(callers);  // the first time a new database is slower to read
+    Samples alone;
+    Samples beside;
+    Samples took;
+    for (int round = 0; round < (extent.isFull() ? 5 : 2); ++round) {
+        alone.push_back(callAll(callers));
+        auto resealing = std::async(std::launch::async, [&] { return resealSeconds(place, sdconfig); });
+        beside.push_back(callAll(callers));
+        while (resealing.wait_for(std::chrono::seconds(0)) != std::future_status::ready)
+            (void)callAll(callers);  // so that all of it is beside callers
+        took.push_back(resealing.get());
+    }
+    report({"GetSecure of 4 processes while " + std::to_string(count) + " values are sealed anew", "the same without",
+            "1/s", Wanted::AtLeast, 0.7},
+           beside, alone);
+    report("key rotate --reseal of " + std::to_string(count) + " values beside them", "s", took);
+}
+
 }  // namespace
 
 }  // namespace bench
 
 int main(int argc, char** argv) {
     const bench::Extent extent(argc, argv);
-    if (argc != 3 && argc != 4) {
-        std::fprintf(stderr, "usage: stores full|short|smoke SDCONFIGD [BEFORE]\n");
+    if (argc != 4 && argc != 5) {
+        std::fprintf(stderr, "usage: stores full|short|smoke SDCONFIGD SDCONFIG [BEFORE]\n");
         return 2;
     }
     const bench::Workplace place;
     const bench::OnCpu onCpu(bench::kClientCpu);
     bench::measureGetSecure(place, argv[2], extent);
-    bench::measureStoring(place, argv[2], argc == 4 ? argv[3] : "", extent);
+    bench::measureStoring(place, argv[2], argc == 5 ? argv[4] : "", extent);
+    bench::measureResealing(place, argv[2], argv[3], extent);
     if (extent.isFull() || extent.isSmoke()) {
         bench::measureSizes(place, argv[2], extent);
         bench::measureProperties(place, argv[2], extent);
