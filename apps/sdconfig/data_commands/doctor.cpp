@@ -43,12 +43,12 @@ Object objectOf(const Check& check) {
 
 int diagnoseService(const Request& request, Service& service) {
     const Probe probe = service.probe();
-    const DataAccess access = findData(request, service);
     Checks checks = checkBus(service, probe);
     checks.push_back(checkVersions(service));
     checks.push_back(checkEnvironment(service));
     checks.push_back(checkUnits(service.processId() != 0));
-    append(checks, checkDataFolder(access));
+    Checks layer = checkLayer();
+    append(checks, layer.empty() ? checkDataFolder(findData(request, service)) : std::move(layer));
     holdBackStarts(checks);
 
     const bool ok = std::all_of(checks.begin(), checks.end(), [](const Check& check) { return check.ok(); });

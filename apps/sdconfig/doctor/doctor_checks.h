@@ -35,6 +35,9 @@ Check checkEnvironment(const Service& service);
 // doctor_units.cpp: what systemd makes of the service. served: whether there is one.
 Check checkUnits(bool served);
 
+// doctor_data.cpp: a security layer that binds no values. It may lack all that looking into the folder takes as well.
+Checks checkLayer();
+
 // doctor_data.cpp: the folder, its key ring, and the room that is left.
 Checks checkDataFolder(const DataAccess& access);
 

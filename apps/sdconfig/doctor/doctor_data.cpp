@@ -19,6 +19,7 @@ namespace fs = std::filesystem;
 
 constexpr char kFolder[] = "data folder";
 constexpr char kRing[] = "key ring";
+constexpr char kLayer[] = "security layer";
 constexpr char kRoom[] = "disk space";
 
 // A set of the largest value takes a row and as much of the log.
@@ -42,11 +43,6 @@ Checks checkFolder(const std::string& folder) {
     // A ring that is missing or broken is among the findings.
     const auto ring = sd::SDSecurity::GetInstance()->CheckKeyRing();
     if (ring.state == sd::SDSecurity::KeyRingState::Usable) checks.push_back({kRing, ring.detail, ""});
-    if (!sd::isLayerBinding())
-        checks.push_back({kRing,
-                          "the security layer is one that binds no value to its row: whoever writes the "
-                          "databases can give a key another's value",
-                          "install the libsdsecurity of this version"});
     return checks;
 }
 
@@ -66,6 +62,14 @@ Check checkRoom(const std::string& folder) {
 }
 
 }  // namespace
+
+Checks checkLayer() {
+    if (sd::isLayerBinding()) return {};
+    return {{kLayer,
+             "the security layer is one that binds no value to its row: whoever writes the databases can give a key "
+             "another's value",
+             "install the libsdsecurity of this version"}};
+}
 
 Checks checkDataFolder(const DataAccess& access) {
     if (const auto displaced = apps::displacedData())
