@@ -242,7 +242,7 @@ TEST_F(SecurityTest, KeepsTheSecondFormatOfTheRingAndRefusesADamagedOne) {
         else if (i % 4 == 1)
             text.insert(at, text.substr(below(text.size()), length));
         else if (i % 4 == 2)
-            text[at] = static_cast<char>(text[at] ^ 1U << below(8));
+            text[at] = static_cast<char>(static_cast<unsigned char>(text[at]) ^ 1U << below(8));
         else
             std::swap(text[at], text[below(text.size())]);
         ASSERT_TRUE(text == kRing2 || refused(text)) << text;
