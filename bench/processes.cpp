@@ -287,7 +287,10 @@ void measureMemory(const Workplace& place, const Programs& programs, const Exten
         makeData(data, programs.sdconfigd, rows);
         const double figure = startResting(programs.sdconfigd, data).residentKiB();
         std::optional<double> before;
-        if (programs.hasBefore()) before = startResting(programs.before + "/sdconfigd", data).residentKiB();
+        if (programs.hasBefore()) {
+            makeData(data + ".before", programs.before + "/sdconfigd", rows);
+            before = startResting(programs.before + "/sdconfigd", data + ".before").residentKiB();
+        }
         reportMemory("sdconfigd with " + std::to_string(rows) + " secure values", figure, empty, before, 0.8);
     }
     const Process service = Process::start(serviceCommand(programs.sdconfigd, place.path("memory10")), kReady);

@@ -6,18 +6,38 @@
 #include <filesystem>
 
 #include "libsdconfig/sdconfig.h"
+#include "platform/sdbus/sdbus.h"
 #include "platform/sdsecurity/sdsecurity.h"
 #include "platform/velmarlog/velmarlog.h"
+#include "src/sdconfig_protocol.h"
 #include "src/sdconfig_sealed_row.h"
 
 namespace bench {
 
 namespace {
 
-// By the product's own sealing, but in one transaction: the store commits each value durably, which takes minutes.
-void insertSecureValues(const std::string& dataFolder, int count) {
+// Has a running service make its key ring, in the form that it reads: its first value does. Without the facade, whose
+// first call stores settings of its own.
+void setFirstValue() {
+    const auto proxy =
+        SDBusSerivceManager::initSync(-1)->getServiceProxyInterface(sd::protocol::kServiceName, SDBusSameUser, 1);
+    const auto call = proxy->makeMethodCallMessage(sd::protocol::kSetSecure);
+    call->appendString(keyOf(0));
+    call->appendString(storedValue());
+    require(proxy->callWithReplyBlocking(call, sd::protocol::kCallTimeoutMs)->getBool(0), "setting a value");
+}
+
+// As the service that made the ring seals: one of an earlier build binds no value to its row.
+std::string sealed(const std::string& key) {
     sd::SDSecurity& security = *sd::SDSecurity::GetInstance();
-    security.SetKeyRingFolder(dataFolder);
+    return security.RequiresBoundForm() ? sd::sealForRow(sd::secureRow(key), storedValue())
+                                        : security.FastEncrypt(storedValue());
+}
+
+// All but the first. By the product's own sealing, but in one transaction: the store commits each value durably, which
+// takes minutes.
+void insertSecureValues(const std::string& dataFolder, int count) {
+    sd::SDSecurity::GetInstance()->SetKeyRingFolder(dataFolder);
     sqlite3* db = nullptr;
     sqlite3_stmt* insert = nullptr;
     const char* const sql = "INSERT INTO secure_v3(key, value) VALUES(?, ?)";
@@ -25,11 +45,11 @@ void insertSecureValues(const std::string& dataFolder, int count) {
                 sqlite3_exec(db, "BEGIN", nullptr, nullptr, nullptr) == SQLITE_OK &&
                 sqlite3_prepare_v2(db, sql, -1, &insert, nullptr) == SQLITE_OK,
             "the service's database");
-    for (int i = 0; i < count; ++i) {
+    for (int i = 1; i < count; ++i) {
         const std::string key = keyOf(i);
-        const std::string sealed = sd::sealForRow(sd::secureRow(key), storedValue());
+        const std::string text = sealed(key);
         sqlite3_bind_text(insert, 1, key.c_str(), -1, SQLITE_STATIC);
-        sqlite3_bind_text(insert, 2, sealed.c_str(), -1, SQLITE_STATIC);
+        sqlite3_bind_text(insert, 2, text.c_str(), -1, SQLITE_STATIC);
         require(sqlite3_step(insert) == SQLITE_DONE && sqlite3_reset(insert) == SQLITE_OK, sql);
     }
     sqlite3_finalize(insert);
@@ -59,7 +79,15 @@ const std::string& storedValue() {
 }
 
 void makeData(const std::string& folder, const std::string& sdconfigd, int secureValues) {
-    Process::start(serviceCommand(sdconfigd, folder), kReady);  // makes the tables, and ends
+    {
+        const Process service = Process::start(serviceCommand(sdconfigd, folder), kReady);  // makes the tables
+        if (secureValues == 0) return;
+        Process first = Process::fork([](int ready, int) {
+            setFirstValue();
+            tellReady(ready);
+        });
+        require(first.wait() == 0, "the store's first value");
+    }
     // A process of its own, because a process has one key ring.
     Process filling = Process::fork([&](int ready, int) {
         insertSecureValues(folder, secureValues);
