@@ -337,6 +337,7 @@ MeasuringProcess::Measures readWithoutPause(const Service& service, int count, d
 // All callers at once. Returns the calls a second of all.
 double callAll(const std::deque<MeasuringProcess>& callers) {
     std::vector<std::future<double>> results;
+    results.reserve(callers.size());
     for (const MeasuringProcess& caller : callers)
         results.push_back(std::async(std::launch::async, [&] { return caller.run(0); }));
     double sum = 0;

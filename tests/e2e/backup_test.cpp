@@ -251,13 +251,14 @@ TEST_F(BackupTest, ADigestTellsWhetherTheFolderHoldsWhatWasNoted) {
     EXPECT_EQ(digest("earlier"), noted);
 
     const std::string secure = "sqlite3 sdconfig.db \"", policies = "sqlite3 dmhelper.db \"";
-    const std::string sealed = query(path("earlier/sdconfig.db"), "SELECT value FROM secure_v3")[0][0];
+    std::string copied = secure + "INSERT INTO secure_v3(key, value) VALUES('copy', '";
+    copied.append(query(path("earlier/sdconfig.db"), "SELECT value FROM secure_v3")[0][0]).append("')\"");
     for (const std::string& change :
          {secure + "DELETE FROM secure_v3\"", secure + "UPDATE secure_v3 SET key = 'K' WHERE key = 'k'\"",
           secure + "INSERT INTO secure_v3(key, value) VALUES('empty', '')\"",
           secure + "UPDATE secure_v3 SET key = CAST(key AS BLOB)\"", secure + "UPDATE secure_v3 SET value = ''\"",
           secure + "INSERT INTO config(key, value) VALUES('k', 'v')\"", policies + "DELETE FROM dmhelperconfig\"",
-          secure + "INSERT INTO secure_v3(key, value) VALUES('copy', '" + sealed + "')\""}) {
+          copied}) {
         fs::remove_all(path("copy"));
         fs::copy(path("earlier"), path("copy"));
         EXPECT_EQ(against("copy").exitCode, 0);

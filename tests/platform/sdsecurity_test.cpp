@@ -561,10 +561,11 @@ std::pair<int, int> placesInMemory(const std::string& inverted) {
     memory.rdbuf()->pubsetbuf(nullptr, 0);  // no copy stays there
     std::string bytes;
     for (std::string line; std::getline(maps, line);) {
-        char access[5];
         unsigned long from = 0, to = 0;
-        if (std::sscanf(line.c_str(), "%lx-%lx %4s", &from, &to, access) == 3) {
-            bytes.assign(std::string(access) == "rw-p" && to - from <= kLargest ? to - from : 0, '\0');
+        char dash = 0;
+        std::string access;
+        if (std::istringstream(line) >> std::hex >> from >> dash >> to >> access && dash == '-') {
+            bytes.assign(access == "rw-p" && to - from <= kLargest ? to - from : 0, '\0');
             memory.seekg(static_cast<std::streamoff>(from))
                 .read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
         } else if (line.compare(0, 8, "VmFlags:") == 0) {
