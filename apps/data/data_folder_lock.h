@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "apps/data/descriptor.h"
+#include "apps/common/descriptor.h"
 #include "apps/data/finding.h"
 
 namespace apps {

@@ -16,8 +16,8 @@
 #include <optional>
 #include <thread>
 
+#include "apps/common/descriptor.h"
 #include "apps/data/data_files.h"
-#include "apps/data/descriptor.h"
 #include "platform/velmarlog/log_line.h"
 
 namespace {
@@ -155,11 +155,6 @@ bool writeLater(int file, const Description& description) {
     return false;
 }
 
-bool syncFolder(const std::string& path) {
-    const Descriptor folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    return folder.get() >= 0 && ::fsync(folder.get()) == 0;
-}
-
 }  // namespace
 
 CleanEndMark::CleanEndMark(const std::string& dataFolder)
@@ -186,7 +181,7 @@ std::string CleanEndMark::remove() const {
         if (errno == ENOENT) return "";
         return "can't remove " + mPath + ", the mark of the last end: " + std::strerror(errno);
     }
-    return syncFolder(mFolder) ? "" : "can't sync the folder " + mFolder + ": " + std::strerror(errno);
+    return apps::syncFolder(mFolder) ? "" : "can't sync the folder " + mFolder + ": " + std::strerror(errno);
 }
 
 void CleanEndMark::noteServed() {
@@ -208,7 +203,7 @@ void CleanEndMark::write() const {
     };
     if (writeLater(file.get(), *description) && isStill() && ::fsync(file.get()) == 0 &&
         std::rename(unfinished.c_str(), mPath.c_str()) == 0)
-        syncFolder(mFolder);
+        apps::syncFolder(mFolder);
     else
         ::unlink(unfinished.c_str());
 }

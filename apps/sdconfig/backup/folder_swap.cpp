@@ -1,4 +1,5 @@
 #include "apps/sdconfig/backup/folder_swap.h"
+#include "apps/common/descriptor.h"
 
 #include <fcntl.h>
 
@@ -89,7 +90,7 @@ FolderSwap putInPlace(const std::string& ready, const std::string& place) {
         swap = replace(ready, place);
     else if (!rename(ready, place, RENAME_NOREPLACE))
         swap.problem = unreplaced(place);
-    if (!swap.problem) syncFolder(fs::path(place).parent_path());
+    if (!swap.problem) apps::syncFolder(fs::path(place).parent_path());
     return swap;
 }
 

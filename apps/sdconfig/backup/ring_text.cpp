@@ -1,4 +1,5 @@
 #include "apps/sdconfig/backup/ring_text.h"
+#include "apps/common/descriptor.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -17,7 +18,7 @@ constexpr std::size_t kMostBytes = std::size_t{32} << 10;
 }  // namespace
 
 std::optional<SecretText> readRingText(const std::string& path) {
-    const Descriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    const apps::Descriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat status {};
     if (file.get() < 0 || ::fstat(file.get(), &status) != 0) return std::nullopt;
     const auto size = static_cast<std::size_t>(status.st_size);

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <optional>
 
+#include "apps/common/descriptor.h"
 #include "apps/data/data_check.h"
 #include "apps/data/database_check.h"
 #include "apps/data/temporary_folder.h"
@@ -96,7 +97,7 @@ private:
     // one there, that one counts, as it will for the service.
     void useRing() const {
         const apps::DataReader tellsTheFolder(mStaging.path());
-        const Descriptor ring(::open(ringPath().c_str(), O_RDONLY | O_CLOEXEC));
+        const apps::Descriptor ring(::open(ringPath().c_str(), O_RDONLY | O_CLOEXEC));
         if (ring.get() >= 0) (void)sd::SDSecurity::GetInstance()->SetKeyRingDescriptor(ring.get());
     }
 

@@ -61,10 +61,6 @@ std::string followLinks(fs::path& path) {
 
 }  // namespace
 
-Descriptor::~Descriptor() {
-    if (mDescriptor > STDERR_FILENO) ::close(mDescriptor);
-}
-
 UnfinishedFile::UnfinishedFile(const std::string& target)
     : mTarget(target),
       mPath(target + ".XXXXXX"),
@@ -94,16 +90,12 @@ bool UnfinishedFile::putInPlace(Existing existing) {
     if (::fsync(mFile.get()) != 0) return false;
     mInPlace =
         existing == Existing::Replace ? std::rename(mPath.c_str(), mTarget.c_str()) == 0 : renameToFree(mPath, mTarget);
-    return mInPlace && syncFolder(std::filesystem::path(mTarget).parent_path());
-}
-
-bool syncFolder(const std::string& path) {
-    const Descriptor folder(::open(path.empty() ? "." : path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    return folder.get() >= 0 && ::fsync(folder.get()) == 0;
+    return mInPlace && apps::syncFolder(std::filesystem::path(mTarget).parent_path());
 }
 
 std::string readWhole(const std::string& path, std::size_t mostBytes, std::string& text) {
-    const Descriptor file(path == "-" ? STDIN_FILENO : ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    const apps::Descriptor file(path == "-" ? ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)
+                                            : ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
     if (file.get() < 0) return systemProblem("it can't be read");
     std::array<char, 65536> buffer;
     for (;;) {

@@ -7,20 +7,9 @@
 #include <string>
 #include <string_view>
 
+#include "apps/common/descriptor.h"
+
 namespace cli {
-
-class Descriptor {
-public:
-    explicit Descriptor(int descriptor) : mDescriptor(descriptor) {}
-    ~Descriptor();
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    int get() const { return mDescriptor; }
-
-private:
-    const int mDescriptor;
-};
 
 // A file for the user's eyes alone, written beside its place and put there whole. Its operations tell of a failure in
 // errno. Removed at the end where it was not put in its place.
@@ -41,13 +30,10 @@ public:
 private:
     const std::string mTarget;
     std::string mPath;
-    const Descriptor mFile;
+    const apps::Descriptor mFile;
     const int mFailure;  // why it could not be made, as errno
     bool mInPlace = false;
 };
-
-// Makes what was created and renamed in the folder last.
-bool syncFolder(const std::string& path);
 
 // They return what hindered them, for a person, or "".
 

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "apps/common/descriptor.h"
 #include "apps/data/sqlite_handles.h"
 #include "apps/sdconfig/files/dated_name.h"
 #include "apps/sdconfig/files/whole_file.h"
@@ -80,7 +81,7 @@ Backup keepBackup(const std::string& database) {
         removeUnfinished(database);
         return {"", "no copy of " + database + " can be kept: " + why};
     }
-    syncFolder(std::filesystem::path(path).parent_path());
+    apps::syncFolder(std::filesystem::path(path).parent_path());
     return {path, ""};
 }
 

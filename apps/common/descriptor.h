@@ -1,8 +1,10 @@
 // A file descriptor, closed with its object.
 #pragma once
 
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <string>
 #include <utility>
 
 namespace apps {
@@ -23,5 +25,11 @@ public:
 private:
     int mValue;
 };
+
+// Makes what was created, renamed and removed in the folder last.
+inline bool syncFolder(const std::string& path) {
+    const Descriptor folder(::open(path.empty() ? "." : path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return folder.get() >= 0 && ::fsync(folder.get()) == 0;
+}
 
 }  // namespace apps
