@@ -5,10 +5,6 @@
 
 #include "platform/velmarlog/velmarlog.h"
 
-// A host's own layer may be older than these.
-VELMARLOG_API void velmarLogSetSecretsShown(bool shown) __attribute__((weak));
-VELMARLOG_API std::string velmarLogHidden(const std::string& value) __attribute__((weak));
-
 namespace velmarlog {
 
 // Refers to the value where it is shown: that may be 16 MiB, and a line is written where memory is short, too.

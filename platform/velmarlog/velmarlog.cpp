@@ -1,4 +1,5 @@
 // Formats a line once and hands it to the host's sink, the journal or standard error, in this order.
+#define VELMARLOG_OPTIONAL  // nothing is to be lacking here
 #include "platform/velmarlog/velmarlog.h"
 
 // The location of a line is its caller's and not this file's: fields are passed by hand.

@@ -6,6 +6,12 @@
 
 #define VELMARLOG_API __attribute__((visibility("default")))
 
+// What a host's own library of this name may lack: weak for all but the layer itself, so that a caller is loaded
+// without it, and asks for its address before the call.
+#ifndef VELMARLOG_OPTIONAL
+#define VELMARLOG_OPTIONAL __attribute__((weak))
+#endif
+
 // Logs one line.
 // id: the log buffer; only 0 is in use.
 // level: 5 information, 6 warning and timing, 7 error.
@@ -35,7 +41,7 @@ VELMARLOG_API void velmarLogSetSink(VelmarLogSink sink);
 // identity keys, of lock-screen settings, and texts to sign. The default is true: a line has all that it tells. False
 // puts their length and a digest in their place, "[12 bytes, 9f86d081]". One value has one digest in a process, and
 // another in each other process: its key is random and never leaves memory. Any thread; for lines from then on.
-VELMARLOG_API void velmarLogSetSecretsShown(bool shown);
+VELMARLOG_OPTIONAL VELMARLOG_API void velmarLogSetSecretsShown(bool shown);
 
 // What lines show in the place of `value`; "" where they show secrets. For who logs. Any thread; never throws.
-VELMARLOG_API std::string velmarLogHidden(const std::string& value);
+VELMARLOG_OPTIONAL VELMARLOG_API std::string velmarLogHidden(const std::string& value);
