@@ -233,13 +233,15 @@ Key KeyStore::keyToTry() {
     return found.state == KeyRingState::Usable ? found.ring.current() : makeKey();
 }
 
+// The ring as it stands; one that was handed over stands in memory alone.
+RingRead KeyStore::present() {
+    if (place().kind == Place::Kind::HandedOver) return {KeyRingState::Usable, *mRing, ""};
+    return read();
+}
+
 std::vector<SDSecurity::KeyInfo> KeyStore::keys() {
     const std::lock_guard lock(mMutex);
-    RingRead found{KeyRingState::Usable, {}, ""};
-    if (place().kind == Place::Kind::HandedOver)
-        found.ring = *mRing;
-    else
-        found = read();
+    const RingRead found = present();
     if (found.state != KeyRingState::Usable) LOG(7, AT "%s: %s", HERE, place().path.c_str(), found.reason.c_str());
     SealCounts counts;
     if (!place().folder.empty()) counts = storedCounts(place().folder);
@@ -253,8 +255,7 @@ std::vector<SDSecurity::KeyInfo> KeyStore::keys() {
 
 bool KeyStore::requiresBoundForm() {
     const std::lock_guard lock(mMutex);
-    if (place().kind == Place::Kind::HandedOver) return mRing->requiresBoundForm;
-    const RingRead found = read();
+    const RingRead found = present();
     return found.state == KeyRingState::Usable && found.ring.requiresBoundForm;
 }
 

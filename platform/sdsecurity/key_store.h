@@ -56,6 +56,7 @@ private:
 
     const Place& place();
     RingRead read();
+    RingRead present();
     std::string strangenessOf(const KeyRing& ring) const;
     bool update(bool makeIfAbsent);
     std::string makeRing();
