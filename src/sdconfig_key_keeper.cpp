@@ -44,13 +44,6 @@ KeyOutcome refreshRing() {
     return KeyOutcome::RingUnusable;
 }
 
-// "" where the ring can't be read, as a line has told.
-std::string sealingKey() {
-    for (const SDSecurity::KeyInfo& key : layer().Keys())
-        if (key.state == SDSecurity::KeyState::Sealing) return key.id;
-    return "";
-}
-
 KeyOutcome findKey(const std::string& beginning, SDSecurity::KeyInfo& found) {
     if (beginning.size() < kLeastOfId) return KeyOutcome::UnknownKey;
     const std::vector<SDSecurity::KeyInfo> keys = layer().Keys();

@@ -37,4 +37,11 @@ inline std::string openForRow(const SDSecurityRow& row, const std::string& ciphe
     return plain;
 }
 
+// The id of the key that seals; "" where the ring can't be used, as a line has told. Of a layer that has keys alone.
+inline std::string sealingKey() {
+    for (const SDSecurity::KeyInfo& key : SDSecurity::GetInstance()->Keys())
+        if (key.state == SDSecurity::KeyState::Sealing) return key.id;
+    return "";
+}
+
 }  // namespace sd

@@ -8,17 +8,11 @@
 #include "apps/common/digest_text.h"
 #include "apps/data/table_reader.h"
 #include "platform/sdsecurity/sdsecurity.h"
+#include "src/sdconfig_sealed_row.h"
 
 namespace apps {
 
 namespace {
-
-// "" where no key seals.
-std::string sealingKey() {
-    for (const sd::SDSecurity::KeyInfo& key : sd::SDSecurity::GetInstance()->Keys())
-        if (key.state == sd::SDSecurity::KeyState::Sealing) return key.id;
-    return "";
-}
 
 // What a row holds. kind: how that is to be understood, so that no text passes for one of another kind.
 struct Content {
@@ -45,8 +39,7 @@ public:
 
     // Returns why they can't be made, or "".
     std::string add(const std::string& folder, const DatabaseLayout& layout) {
-        const Tables tables = readTables(folder + "/" + layout.file,
-                                         std::vector<std::string>(layout.tables.begin(), layout.tables.end()));
+        const Tables tables = readTables(folder + "/" + layout.file, layout.tables);
         if (!tables.problem.empty()) return tables.problem;
         for (const auto& [table, rows] : tables.rows)
             for (const Row& row : rows)
@@ -78,7 +71,7 @@ private:
 }  // namespace
 
 DataDigest digestOf(const DataReader& reader, const std::string& noted) {
-    const std::string id = noted.empty() ? sealingKey() : keyIdOfDigest(noted);
+    const std::string id = noted.empty() ? sd::sealingKey() : keyIdOfDigest(noted);
     if (id.empty()) return {"", "no key ring that can be used is there"};
     RowDigests digests(id);
     for (const DatabaseLayout* layout : kLayouts)

@@ -5,18 +5,20 @@
 #include <string>
 #include <vector>
 
+#include "src/sdconfig_sealed_row.h"
+
 namespace apps {
 
 struct DatabaseLayout {
     const char* file;
     const char* sealedTable;  // whose values are sealed
     const char* sealedName;   // what its rows are called
-    std::vector<const char*> tables;
+    std::vector<std::string> tables;
 };
 
 inline const DatabaseLayout kSecureLayout{
-    "sdconfig.db", "secure_v3", "secure value", {"dbinfor", "config", "secure", "secure_v3"}};
-inline const DatabaseLayout kPolicyLayout{"dmhelper.db", "dmhelperconfig", "policy", {"dmhelperconfig"}};
+    sd::kConfigFile, sd::kSecureTable, "secure value", {"dbinfor", "config", "secure", sd::kSecureTable}};
+inline const DatabaseLayout kPolicyLayout{sd::kPolicyFile, sd::kPolicyTable, "policy", {sd::kPolicyTable}};
 inline const std::array kLayouts{&kSecureLayout, &kPolicyLayout};
 
 inline constexpr char kRingFile[] = "sdsecurity.keys";

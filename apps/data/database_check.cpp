@@ -148,10 +148,11 @@ std::vector<Finding> layoutFindings(sqlite3* db, const DatabaseLayout& layout, c
     if (hasTable(db, "dbinfor"))
         if (auto finding = versionFinding(versionOf(db).value_or(""), path)) return {*finding};
     std::vector<Finding> findings;
-    for (const char* table : layout.tables)
+    const std::string lacking = "the database " + path + " lacks its table ";
+    for (const std::string& table : layout.tables)
         if (!hasTable(db, table))
             findings.push_back(
-                {path, "the database " + path + " lacks its table " + table,
+                {path, lacking + table,
                  std::string(kRestore) + ", or start the service, which makes the table anew and empty"});
     return findings;
 }

@@ -118,7 +118,7 @@ void stopDumps() {
 
 // The upgrade of the store itself, whose connection is closed again before the service opens its own.
 std::string upgrade(const std::string& dataDir) {
-    const std::string database = dataDir + "/sdconfig.db";
+    const std::string database = dataDir + "/" + apps::kSecureLayout.file;
     apps::Upgrader store(database);
     if (!store.isCurrent()) return database + " could not be upgraded; the lines above tell why";
     if (store.leftBehind())
@@ -276,8 +276,7 @@ int run(const Options& options, const sigset_t& endSignals) {
 }
 
 // Makes `folder` the one whose ring is meant: the running service's, where there is one. Returns a line for a person,
-// or
-// "".
+// or "".
 std::string chooseFolder(const Options& options, std::string& folder) {
     folder = std::filesystem::absolute(options.dataDir).lexically_normal();
     if (!SDBusSerivceManager::initSync(-1)->isServiceRegistered(kName)) return "";

@@ -98,7 +98,7 @@ std::string Preflight::check(Integrity integrity) {
 std::string Preflight::checkTables() {
     for (std::size_t which = 0; which < mDatabases.size(); ++which) {
         if (std::string problem = open(which); !problem.empty()) return problem;
-        for (const char* table : apps::kLayouts[which]->tables)
+        for (const std::string& table : apps::kLayouts[which]->tables)
             if (!apps::hasTable(mDatabases[which].get(), table))
                 return "the database " + pathOf(which) + " lacks its table " + table +
                        ", which could not be made; is there room on the disk?";

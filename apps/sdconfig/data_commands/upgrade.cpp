@@ -6,6 +6,7 @@
 #include <optional>
 #include <utility>
 
+#include "apps/data/data_files.h"
 #include "apps/data/data_folder_lock.h"
 #include "apps/data/upgrader.h"
 #include "apps/sdconfig/data_commands/data_commands.h"
@@ -23,8 +24,6 @@ struct Outcome {
     std::string backup;
     bool done = false;
 };
-
-constexpr const char* kTables[] = {"dbinfor", "config", "secure", "secure_v3"};
 
 const char* nameOf(UpgradeStep step) {
     switch (step) {
@@ -69,7 +68,8 @@ std::string conclusion(const Request& request, const UpgradePlan& plan, const Ou
 
 std::string report(const Request& request, const UpgradePlan& plan, const Outcome& outcome) {
     std::string text = "version: " + (plan.version.empty() ? "none" : escaped(plan.version)) + "\nrows:";
-    for (const char* table : kTables) text += std::string(" ") + table + " " + std::to_string(plan.rows.at(table));
+    for (const std::string& table : apps::kSecureLayout.tables)
+        text += " " + table + " " + std::to_string(plan.rows.at(table));
     const bool copying = plan.step != UpgradeStep::Nothing;
     text += "\n" + textOf("settings", plan.settings, copying) + textOf("secure values", plan.secure, copying);
     for (const std::string& key : plan.nameless) text += "not copied, it has no \"@\": " + escaped(key) + "\n";
@@ -90,7 +90,7 @@ Object reportObject(const Request& request, const UpgradePlan& plan, const Outco
     Object object;
     addBytes(object, "folder", request.key);
     addBytes(object, "version", plan.version);
-    for (const char* table : kTables) object["rows"][table] = plan.rows.at(table);
+    for (const std::string& table : apps::kSecureLayout.tables) object["rows"][table] = plan.rows.at(table);
     for (const auto& [name, entries] : {std::pair{"settings", &plan.settings}, {"secure", &plan.secure}}) {
         object[name] = Object::array();
         for (const LegacyEntry& entry : *entries) object[name].push_back(objectOf(entry));
@@ -135,7 +135,7 @@ int finish(const Request& request, const UpgradePlan& plan, const Outcome& outco
 int upgradeDatabase(const Request& request, Service& /*service*/) {
     ::umask(0077);  // what is made here is the user's alone, and can be read by the user
     const std::string folder = std::filesystem::absolute(request.key).lexically_normal();
-    const std::string database = folder + "/sdconfig.db";
+    const std::string database = folder + "/" + apps::kSecureLayout.file;
     if (const int code = checkFolder(request, folder, database)) return code;
 
     apps::DataFolderLock lock;

@@ -9,6 +9,7 @@
 #include <numeric>
 #include <set>
 
+#include "apps/data/data_files.h"
 #include "apps/data/table_reader.h"
 #include "apps/sdconfig/terminal/messages.h"
 #include "platform/sdsecurity/sdsecurity.h"
@@ -130,11 +131,11 @@ bool anySealed(const std::vector<Row>& rows) {
 // missing.
 std::string ringProblem(const std::string& folder, bool sealedValues) {
     using State = sd::SDSecurity::KeyRingState;
-    const std::string policies = folder + "/dmhelper.db";
+    const std::string policies = folder + "/" + apps::kPolicyLayout.file;
     if (std::filesystem::exists(policies)) {
-        apps::Tables tables = apps::readTables(policies, {"dmhelperconfig"});
+        apps::Tables tables = apps::readTables(policies, apps::kPolicyLayout.tables);
         if (!tables.problem.empty()) return tables.problem;
-        sealedValues = sealedValues || anySealed(tables.rows["dmhelperconfig"]);
+        sealedValues = sealedValues || anySealed(tables.rows[apps::kPolicyLayout.sealedTable]);
     }
     const auto ring = sd::SDSecurity::GetInstance()->CheckKeyRing();
     if (ring.state == State::Broken) return "the key ring can't be used: " + ring.detail;
@@ -165,11 +166,11 @@ std::size_t UpgradePlan::missing() const {
 
 UpgradePlan planUpgrade(const std::string& folder, bool force) {
     UpgradePlan plan;
-    const std::string path = folder + "/sdconfig.db";
-    apps::Tables tables = apps::readTables(path, {"dbinfor", "config", "secure", "secure_v3"});
+    const std::string path = folder + "/" + apps::kSecureLayout.file;
+    apps::Tables tables = apps::readTables(path, apps::kSecureLayout.tables);
     plan.problem = tables.problem;
     plan.next = "mend that, or restore the folder from a backup";
-    for (const char* table : {"dbinfor", "config", "secure", "secure_v3"}) {
+    for (const std::string& table : apps::kSecureLayout.tables) {
         const std::vector<Row>& rows = tables.rows[table];
         plan.rows[table] = rows.size();
         if (!plan.problem.empty()) continue;
