@@ -1,6 +1,7 @@
 // check: what is wrong in a data folder, and what to do about it.
 #include <optional>
 
+#include "apps/common/digest_text.h"
 #include "apps/data/data_check.h"
 #include "apps/data/data_digest.h"
 #include "apps/sdconfig/data_commands/data_commands.h"
@@ -32,7 +33,9 @@ State stateOf(const Request& request, const apps::DataReader& reader, std::vecto
                                 "see to the other findings; the first value that is set makes a key ring"});
     }
     if (request.against.empty()) return state;
-    const apps::DataDigest now = apps::digestOf(reader, request.against);
+    // One under the same key was made already.
+    const bool isMade = state.digest && apps::keyIdOfDigest(*state.digest) == apps::keyIdOfDigest(request.against);
+    const apps::DataDigest now = isMade ? apps::DataDigest{*state.digest, ""} : apps::digestOf(reader, request.against);
     state.isAsNoted = now.text == request.against;
     if (!now.problem.empty())
         findings.push_back({folder, "it can't be told whether the folder holds what was noted: " + now.problem,

@@ -73,8 +73,8 @@ private:
     int mAt = 0;
 };
 
-// Makes one call after the other until one says that it was the last. method: what is called. read: takes what an
-// answer has behind the percentage. first: the argument of the calls, true for the first; null for none.
+// Makes one call after the other until one says that it was the last. method: what is called. saysFirst: whether the
+// calls have an argument, true for the first. read: takes what an answer has behind the percentage.
 template <class Result, class Read>
 Result inSteps(const Service& service, const char* method, bool saysFirst, const Progress& tell, Read read) {
     for (bool isFirst = true;; isFirst = false) {
