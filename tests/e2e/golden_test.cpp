@@ -85,8 +85,8 @@ private:
             {std::regex(
                  "^(. \\S+: (?!sdconfig_sdbus (GetInstance|SDConfigClient|printProductInfo)\\()\\S+ \\S+)\\(\\d+\\)"),
              "$1(#)"},
+            {std::regex("v2[A-Za-z0-9+/=]{40,}"), "v2#"},  // first: its letters can hold an "0x"
             {std::regex("0x[0-9a-f]+"), "0x#"},
-            {std::regex("v2[A-Za-z0-9+/=]{40,}"), "v2#"},
             {std::regex("takes [0-9.]+ s$"), "takes # s"},
             {std::regex(path("")), "@/"},
             {std::regex("\n"), "\n" + who + "    "},
