@@ -1,30 +1,16 @@
-// A file descriptor, closed with its object.
+// File descriptors as the programs use them.
 #pragma once
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <string>
-#include <utility>
+
+#include "base/unique_fd.h"
 
 namespace apps {
 
-class Descriptor {
-public:
-    explicit Descriptor(int value = -1) : mValue(value) {}
-    Descriptor(Descriptor&& other) noexcept : mValue(std::exchange(other.mValue, -1)) {}
-    Descriptor& operator=(Descriptor&& other) noexcept {
-        std::swap(mValue, other.mValue);
-        return *this;
-    }
-    ~Descriptor() {
-        if (mValue >= 0) ::close(mValue);
-    }
-    int get() const { return mValue; }
-
-private:
-    int mValue;
-};
+using Descriptor = sd::UniqueFd;
 
 // Makes what was created, renamed and removed in the folder last.
 inline bool syncFolder(const std::string& path) {

@@ -8,13 +8,15 @@
 #include <optional>
 #include <string>
 
-#include "platform/sdbus/deadline.h"
+#include "base/deadline.h"
 #include "platform/sdbus/fork.h"
 #include "platform/sdbus/handles.h"
 #include "platform/sdbus/message.h"
 #include "platform/sdbus/runtime_folder.h"
 
 namespace sdbus {
+
+using sd::Deadline;
 
 // One thread at a time.
 class ClientConnection {

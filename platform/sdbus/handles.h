@@ -3,35 +3,14 @@
 
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
-#include <unistd.h>
 
 #include <memory>
-#include <utility>
+
+#include "base/unique_fd.h"
 
 namespace sdbus {
 
-class UniqueFd {
-public:
-    UniqueFd() = default;
-    explicit UniqueFd(int fd) : mFd(fd) {}
-    UniqueFd(UniqueFd&& other) noexcept : mFd(std::exchange(other.mFd, -1)) {}
-    UniqueFd& operator=(UniqueFd&& other) noexcept {
-        reset(std::exchange(other.mFd, -1));
-        return *this;
-    }
-    ~UniqueFd() { reset(); }
-
-    int get() const { return mFd; }
-    explicit operator bool() const { return mFd >= 0; }
-    int release() { return std::exchange(mFd, -1); }
-    void reset(int fd = -1) {
-        if (mFd >= 0) ::close(mFd);
-        mFd = fd;
-    }
-
-private:
-    int mFd = -1;
-};
+using sd::UniqueFd;
 
 // Closes at once: messages that are still held keep the object alive, but not the descriptor. Never flushes, since
 // flushing blocks without bound on a peer that does not read.

@@ -6,6 +6,7 @@
 #include <iterator>
 
 #include "platform/sdsecurity/crypto.h"
+#include "platform/sdsecurity/hex.h"
 
 namespace sd::security {
 namespace {
@@ -23,7 +24,6 @@ constexpr std::string_view kRowMarkLabel = "sdsecurity row mark v2";
 constexpr std::string_view kSumLabel = "sdsecurity ring sum v2";
 constexpr std::string_view kDigestLabel = "sdsecurity digest v1";
 
-constexpr std::string_view kDigits = "0123456789abcdef";
 constexpr std::size_t kIdDigits = 2 * kKeyIdSize;
 constexpr std::size_t kKeyDigits = 2 * kKeySize;
 constexpr std::size_t kDigestSize = 32;
@@ -40,29 +40,8 @@ struct StateName {
 constexpr StateName kStates[] = {
     {KeyState::Sealing, "sealing"}, {KeyState::Opening, "opening"}, {KeyState::Disabled, "disabled"}};
 
-template <class Bytes, class Text>
-void appendHex(const Bytes& bytes, Text& text) {
-    for (const unsigned char byte : bytes) {
-        text.push_back(static_cast<typename Text::value_type>(kDigits[byte >> 4U]));
-        text.push_back(static_cast<typename Text::value_type>(kDigits[byte & 0xfU]));
-    }
-}
-
 void append(SecretBytes& text, std::string_view more) {
     text.insert(text.end(), more.begin(), more.end());
-}
-
-// Lower case only, so that a ring has one text.
-template <class Bytes>
-bool readHex(std::string_view text, Bytes& bytes) {
-    if (text.size() != 2 * bytes.size()) return false;
-    for (std::size_t i = 0; i < bytes.size(); ++i) {
-        const std::size_t high = kDigits.find(text[2 * i]);
-        const std::size_t low = kDigits.find(text[2 * i + 1]);
-        if (high == std::string_view::npos || low == std::string_view::npos) return false;
-        bytes[i] = static_cast<unsigned char>(high << 4U | low);
-    }
-    return true;
 }
 
 // What is derived from key material, each purpose under a label of its own.

@@ -65,10 +65,6 @@ std::string parentOf(const std::string& path) {
 
 }  // namespace
 
-UniqueFd::~UniqueFd() {
-    if (mDescriptor >= 0) ::close(mDescriptor);
-}
-
 std::string systemError(const std::string& what) {
     return what + ": " + std::error_code(errno, std::generic_category()).message();
 }

@@ -6,26 +6,11 @@
 #include <string>
 #include <utility>
 
+#include "base/unique_fd.h"
 #include "platform/sdsecurity/key_ring.h"
 #include "platform/sdsecurity/sdsecurity.h"
 
 namespace sd::security {
-
-class UniqueFd {
-public:
-    explicit UniqueFd(int descriptor = -1) : mDescriptor(descriptor) {}
-    UniqueFd(UniqueFd&& other) noexcept : mDescriptor(std::exchange(other.mDescriptor, -1)) {}
-    UniqueFd& operator=(UniqueFd&& other) noexcept {
-        std::swap(mDescriptor, other.mDescriptor);
-        return *this;
-    }
-    ~UniqueFd();
-    int get() const { return mDescriptor; }
-    explicit operator bool() const { return mDescriptor >= 0; }
-
-private:
-    int mDescriptor;
-};
 
 // "what: the text of errno".
 std::string systemError(const std::string& what);

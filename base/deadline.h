@@ -4,7 +4,7 @@
 #include <chrono>
 #include <climits>
 
-namespace sdbus {
+namespace sd {
 
 class Deadline {
 public:
@@ -24,4 +24,4 @@ private:
     Clock::time_point mAt;
 };
 
-}  // namespace sdbus
+}  // namespace sd
