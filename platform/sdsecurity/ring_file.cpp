@@ -65,10 +65,6 @@ std::string parentOf(const std::string& path) {
 
 }  // namespace
 
-std::string systemError(const std::string& what) {
-    return what + ": " + std::error_code(errno, std::generic_category()).message();
-}
-
 FileRead readDescriptor(int descriptor) {
     // One more than allowed tells a file of the bound from a longer one.
     SecretBytes bytes(kMaxRingText + 1);

@@ -9,11 +9,9 @@
 #include "base/unique_fd.h"
 #include "platform/sdsecurity/key_ring.h"
 #include "platform/sdsecurity/sdsecurity.h"
+#include "platform/sdsecurity/system_error.h"
 
 namespace sd::security {
-
-// "what: the text of errno".
-std::string systemError(const std::string& what);
 
 // Who else than its owner may read a file. systemd shows the access list of a unit's credentials as a group's right.
 enum class Readers { OwnerOnly, GroupToo };

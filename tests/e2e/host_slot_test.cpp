@@ -1,0 +1,277 @@
+// The host's slot, from the asking side to systemd-creds: the real program, started for each connection as systemd
+// does.
+#include "platform/sdsecurity/host_slot.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <thread>
+
+#include "base/unique_fd.h"
+#include "platform/sdsecurity/hex.h"
+#include "tests/support/process.h"
+#include "tests/support/support.h"
+
+namespace {
+
+using sd::security::HostSealers;
+using sd::security::openByHost;
+using sd::security::sealByHost;
+using sd::security::SecretBytes;
+using sd::security::SlotAnswer;
+using test::Process;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+using Outcome = SlotAnswer::Outcome;
+
+constexpr uid_t kOtherUser = 4711;
+const std::string kDigits(64, '7');
+const SecretBytes kKey(32, 0x77);
+
+sd::UniqueFd connectedTo(const std::string& path) {
+    sd::UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    const auto* const to = reinterpret_cast<const sockaddr*>(&address);
+    test::waitUntil([&] { return ::connect(socket.get(), to, sizeof address) == 0; });
+    return socket;
+}
+
+std::string readToEnd(int socket) {
+    std::string all;
+    char buffer[4096];
+    for (ssize_t count; (count = ::read(socket, buffer, sizeof buffer)) > 0;)
+        all.append(buffer, static_cast<std::size_t>(count));
+    return all;
+}
+
+// Runs a program for each connection, with the connection as its standard input and output.
+class Listener {
+public:
+    explicit Listener(const std::vector<std::string>& program, const test::Environment& environment = {},
+                      const std::vector<std::string>& before = {})
+        : mProcess(Process::start(arguments(program, environment, before))) {
+        test::waitUntil([this] { return ::access(path().c_str(), F_OK) == 0; });
+        ::chmod(path().c_str(), 0666);
+    }
+    std::string path() const { return mFolder / "seal"; }
+    std::string log() const { return mProcess.err(); }
+    bool logs(const std::string& text) { return mProcess.waitForErr(text); }
+
+    // What comes back for these bytes, when no more follow.
+    std::string answerTo(const std::string& bytes) const {
+        const sd::UniqueFd socket = connectedTo(path());
+        (void)::send(socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        ::shutdown(socket.get(), SHUT_WR);
+        return readToEnd(socket.get());
+    }
+
+private:
+    std::vector<std::string> arguments(const std::vector<std::string>& program, const test::Environment& environment,
+                                       std::vector<std::string> all) const {
+        ::chmod(mFolder.path().c_str(), 0777);
+        all.insert(all.end(), {"systemd-socket-activate", "--accept", "--inetd", "--listen=" + path()});
+        for (const auto& [name, value] : environment) all.push_back("--setenv=" + name + "=" + value);
+        all.insert(all.end(), program.begin(), program.end());
+        return all;
+    }
+
+    test::TempDir mFolder;
+    Process mProcess;
+};
+
+// sdconfig-seal of a machine whose key lies in the folder.
+Listener machine(const test::TempDir& folder, const std::vector<std::string>& options = {}) {
+    std::vector<std::string> program{SDCONFIG_SEAL};
+    program.insert(program.end(), options.begin(), options.end());
+    return Listener(program, {{"SYSTEMD_CREDENTIAL_SECRET", folder / "secret"}, {"RUNTIME_DIRECTORY", folder.path()}});
+}
+
+bool asOtherUser(const std::function<bool()>& body) {
+    return test::inChild([&] { return ::setresuid(kOtherUser, kOtherUser, kOtherUser) == 0 && body(); });
+}
+
+class HostSlotTest : public testing::Test {
+protected:
+    void SetUp() override {
+        if (::geteuid() != 0) GTEST_SKIP() << "the one who seals has to be root";
+        if (::access("/usr/bin/systemd-creds", X_OK) != 0) GTEST_SKIP() << "there is no systemd-creds";
+    }
+    // The credential of this text, sealed by the machine's key past sdconfig-seal.
+    std::string sealedByHand(const std::string& option, const std::string& text) const {
+        const auto sealed = test::run({"systemd-creds", "encrypt", option, "--name=", "-", "-"},
+                                      {{"SYSTEMD_CREDENTIAL_SECRET", mFolder / "secret"}}, text);
+        std::string line = sealed.out;
+        line.erase(std::remove(line.begin(), line.end(), '\n'), line.end());
+        return "seal:" + line;
+    }
+    test::TempDir mFolder;
+};
+
+void expectAnswer(const SlotAnswer& answer, Outcome outcome, const std::string& reason) {
+    EXPECT_EQ(answer.outcome, outcome) << answer.reason;
+    EXPECT_THAT(answer.reason, HasSubstr(reason));
+    EXPECT_TRUE(answer.key.empty());
+}
+
+TEST_F(HostSlotTest, WhatIsSealedOpensForItsUserOnItsMachineAlone) {
+    Listener seal = machine(mFolder);
+    const SlotAnswer sealed = sealByHost(kKey, seal.path());
+    ASSERT_EQ(sealed.outcome, Outcome::Done) << sealed.reason;
+    EXPECT_THAT(sealed.sealed, StartsWith("seal:"));
+    EXPECT_EQ(openByHost(sealed.sealed, seal.path()).key, kKey);
+    EXPECT_TRUE(seal.logs("<6>open: user 0, process " + std::to_string(::getpid()) + ": done"));
+
+    const auto isRefused = [&] {
+        const SlotAnswer answer = openByHost(sealed.sealed, seal.path());
+        return answer.outcome == Outcome::Refused && answer.reason == "it was sealed for another user";
+    };
+    EXPECT_TRUE(asOtherUser(isRefused));
+    EXPECT_TRUE(seal.logs("<4>open: user 4711, process "));
+    const std::string nameless = sealedByHand("--with-key=host", "sdconfig slot key 1\n4711\n" + kDigits + "\n");
+    expectAnswer(openByHost(nameless, seal.path()), Outcome::Refused, "for another user");
+    const std::string keyless = sealedByHand("--with-key=tpm2-absent", "sdconfig slot key 1\n0\n" + kDigits + "\n");
+    expectAnswer(openByHost(keyless, seal.path()), Outcome::Refused, "no machine's key");
+    for (const std::string& text : {"sdconfig slot key 1\n0\n" + kDigits, std::string("a service's password")})
+        expectAnswer(openByHost(sealedByHand("--with-key=host", text), seal.path()), Outcome::Refused, "no slot's key");
+
+    std::string changed = sealed.sealed;
+    changed[changed.size() / 2] = changed[changed.size() / 2] == 'A' ? 'B' : 'A';
+    expectAnswer(openByHost(changed, seal.path()), Outcome::Refused, "or was changed");
+    const test::TempDir other;
+    const Listener otherMachine = machine(other);
+    ASSERT_EQ(sealByHost(kKey, otherMachine.path()).outcome, Outcome::Done);
+    expectAnswer(openByHost(sealed.sealed, otherMachine.path()), Outcome::Refused, "by another machine");
+    EXPECT_THAT(seal.log(), Not(HasSubstr(kDigits)));
+}
+
+TEST_F(HostSlotTest, AnotherTpmOpensNothing) {
+    if (::access("/usr/bin/swtpm", X_OK) != 0) GTEST_SKIP() << "there is no swtpm";
+    const test::TempDir states[2];
+    std::vector<Process> chips;
+    std::vector<std::string> devices;
+    for (const test::TempDir& state : states) {
+        const std::string socket = state / "tpm";
+        chips.push_back(Process::start({"swtpm", "socket", "--tpm2", "--tpmstate", "dir=" + state.path(), "--server",
+                                        "type=unixio,path=" + socket, "--ctrl", "type=unixio,path=" + socket + ".ctrl",
+                                        "--flags", "not-need-init,startup-clear"}));
+        ASSERT_TRUE(test::waitUntil([&] { return ::access((socket + ".ctrl").c_str(), F_OK) == 0; }));
+        devices.push_back("--tpm2-device=swtpm:path=" + socket);
+    }
+    const Listener seal = machine(mFolder, {"--with-key=host+tpm2", devices[0]});
+    const SlotAnswer sealed = sealByHost(kKey, seal.path());
+    ASSERT_EQ(sealed.outcome, Outcome::Done) << sealed.reason << seal.log();
+    EXPECT_EQ(openByHost(sealed.sealed, seal.path()).key, kKey);
+    expectAnswer(openByHost(sealed.sealed, machine(mFolder, {devices[1]}).path()), Outcome::Refused,
+                 "another state of its TPM");
+    expectAnswer(openByHost(sealed.sealed, machine(mFolder).path()), Outcome::Refused, "with a TPM, and none answers");
+}
+
+TEST_F(HostSlotTest, ABadRequestIsAnsweredAndNamesWhoMadeIt) {
+    const struct {
+        std::string bytes, answer;
+    } cases[] = {{"", "refused the connection ended before the request did\n"},
+                 {"seal " + kDigits, "refused the connection ended before the request did\n"},
+                 {"seal " + kDigits + "\nseal " + kDigits + "\n", "refused there is more than one request\n"},
+                 {"seal " + std::string(63, '7') + "\n", "refused it is no slot's key\n"},
+                 {"open " + std::string(7999, 'A') + ".\n", "refused it is nothing that was sealed\n"},
+                 {std::string(8100, 'A'), "refused the request is too long\n"},
+                 {std::string("seal\0\n", 6), "refused it is no request\n"}};
+    Listener seal = machine(mFolder);
+    for (const auto& [bytes, answer] : cases) EXPECT_EQ(seal.answerTo(bytes), answer) << bytes;
+    EXPECT_TRUE(seal.logs("asked: user 0, process " + std::to_string(::getpid()) + ": not done: it is no request"));
+
+    // All that this user may have at a time is taken; another user's is not.
+    const sd::UniqueFd turns(::open((mFolder / "turns").c_str(), O_RDWR | O_CLOEXEC));
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_len = 4;
+    ASSERT_EQ(::fcntl(turns.get(), F_OFD_SETLK, &lock), 0);
+    expectAnswer(sealByHost(kKey, seal.path()), Outcome::NotNow, "this user asks for too much at a time");
+    EXPECT_TRUE(asOtherUser([&] { return sealByHost(kKey, seal.path()).outcome == Outcome::Done; }));
+}
+
+TEST_F(HostSlotTest, WithoutAWorkingSystemdCredsAReasonIsGiven) {
+    const struct {
+        std::string script;
+        Outcome outcome;
+        std::string reason;
+    } cases[] = {{"", Outcome::NotNow, "systemd-creds is missing"},
+                 {"exec sleep 60", Outcome::NotNow, "did not end in time"},
+                 {"exec yes", Outcome::Refused, "more than can be taken"},
+                 {"kill -9 $$", Outcome::NotNow, "could not be run"},
+                 {"echo 'a text'", Outcome::NotNow, "nothing that could be kept"},
+                 {"echo TPM2 support is not installed. >&2; exit 1", Outcome::NotNow, "libtss2"}};
+    Listener seal({SEAL_WITH_STAND_IN});
+    for (const auto& [script, outcome, reason] : cases) {
+        ::unlink(SYSTEMD_CREDS_STAND_IN);
+        if (!script.empty()) test::writeFile(SYSTEMD_CREDS_STAND_IN, "#!/bin/sh\n" + script + "\n");
+        ::chmod(SYSTEMD_CREDS_STAND_IN, 0755);
+        expectAnswer(sealByHost(kKey, seal.path()), outcome, reason);
+    }
+    EXPECT_THAT(seal.log(), HasSubstr("<3>seal: user 0, process"));
+}
+
+TEST_F(HostSlotTest, WhoeverAnswersForItIsNotTrusted) {
+    const struct {
+        std::string answer;
+        Outcome outcome;
+        std::string reason;
+    } cases[] = {{"", Outcome::NotNow, "closed the connection without an answer"},
+                 {"garbage\n", Outcome::Refused, "no answer of it"},
+                 {"key " + kDigits, Outcome::Refused, "no answer of it"},
+                 {"key " + kDigits + "\n\n", Outcome::Refused, "no answer of it"},
+                 {"key " + kDigits + "7\n", Outcome::Refused, "no answer of it"},
+                 {"sealed AAAA\n", Outcome::Refused, "no answer of it"},
+                 {"key " + std::string(9000, '7') + "\n", Outcome::Refused, "no answer of it"},
+                 {"later a \x1b[2J reason\n", Outcome::NotNow, "a ?[2J reason"},
+                 {"refused no\n", Outcome::Refused, "no"}};
+    for (const auto& [answer, outcome, reason] : cases) {
+        test::writeFile(mFolder / "answer", answer);
+        const Listener other({"/bin/sh", "-c", "read line; cat " + mFolder / "answer"});
+        expectAnswer(openByHost("seal:AAAA", other.path()), outcome, reason);
+    }
+    expectAnswer(openByHost("seal:AAAA", Listener({"/bin/sh", "-c", "exec cat >/dev/null"}).path()), Outcome::NotNow,
+                 "within 5 s");
+    expectAnswer(openByHost("seal:AAAA", mFolder / "none"), Outcome::NotNow, "sdconfig-seal.socket is not started");
+    const Listener others({"/bin/cat"}, {}, {"setpriv", "--reuid=4711", "--clear-groups"});
+    expectAnswer(sealByHost(kKey, others.path()), Outcome::Refused, "somebody else's: user 4711 listens there");
+    for (const std::string sealed : {"", "seal:", "seal:A A", "keyring:AAAA", "seal:AA\nAA"})
+        expectAnswer(openByHost(sealed, mFolder / "none"), Outcome::Refused, "it");
+}
+
+// Where systemd seals for users itself, stood in for: the program turns what it gets round.
+TEST(UserCredentialTest, SystemdIsAskedWhereItSealsForUsers) {
+    const test::TempDir folder;
+    HostSealers sealers;
+    sealers.socket = folder / "none";
+    sealers.systemSocket = folder / "socket";
+    sealers.systemdCreds = folder / "creds";
+    const auto standIn = [&](const std::string& script) {
+        test::writeFile(sealers.systemdCreds, "#!/bin/sh\nPATH=/usr/bin:/bin\n" + script + "\n");
+        ::chmod(sealers.systemdCreds.c_str(), 0755);
+    };
+    standIn(R"([ "$1 $3 $4 $5" = "--user --name=sdconfig-slot-key - -" ] || exit 1
+               case $2 in encrypt) base64 -w 20 ;; decrypt) base64 -d ;; esac)");
+    expectAnswer(sealByHost(kKey, sealers), Outcome::NotNow, "nobody seals");  // an earlier systemd
+    test::writeFile(sealers.systemSocket, "");
+    const std::string sealed = sealByHost(kKey, sealers).sealed;
+    EXPECT_THAT(sealed, StartsWith("user:d3d3"));
+    EXPECT_EQ(openByHost(sealed, sealers).key, kKey);
+    expectAnswer(openByHost("user:AAAA", sealers), Outcome::Refused, "no slot's key");
+
+    standIn("echo it is no good >&2; exit 1");
+    expectAnswer(openByHost(sealed, sealers), Outcome::Refused, "systemd-creds: it is no good");
+    expectAnswer(sealByHost(kKey, sealers), Outcome::NotNow, "nobody seals");  // the service is asked instead
+    ::unlink(sealers.systemSocket.c_str());
+    expectAnswer(openByHost(sealed, sealers), Outcome::NotNow, "not there");
+}
+
+}  // namespace
