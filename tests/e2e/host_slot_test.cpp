@@ -58,7 +58,7 @@ public:
     explicit Listener(const std::vector<std::string>& program, const test::Environment& environment = {},
                       const std::vector<std::string>& before = {})
         : mProcess(Process::start(arguments(program, environment, before))) {
-        test::waitUntil([this] { return ::access(path().c_str(), F_OK) == 0; });
+        mProcess.waitForErr("Listening on ");
         ::chmod(path().c_str(), 0666);
     }
     std::string path() const { return mFolder / "seal"; }
