@@ -1,0 +1,269 @@
+// sdconfig-keyring, asked as the service asks it, before a real keyring on a session bus of its own.
+#include <gtest/gtest.h>
+#include <systemd/sd-bus.h>
+
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <future>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/sdsecurity/keyring_slot.h"
+#include "tests/support/process.h"
+#include "tests/support/support.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using namespace std::string_literals;
+using sd::security::KeyringHelper;
+using sd::security::KeyringLimits;
+using sd::security::SecretBytes;
+using sd::security::SlotAnswer;
+using Outcome = SlotAnswer::Outcome;
+
+constexpr KeyringLimits kPatient{60s, 100ms, 1s};
+constexpr char kSecrets[] = "org.freedesktop.secrets";
+constexpr char kSecretsPath[] = "/org/freedesktop/secrets";
+constexpr char kService[] = "org.freedesktop.Secret.Service";
+constexpr char kLogin[] = "/org/freedesktop/secrets/collection/login";
+const SecretBytes kKey(32, 0xc5);
+constexpr char kPassword[] = "bench";
+const std::string kNoId(32, '0');
+
+// A home with its desktop session, which this process and those that it starts belong to.
+class Session {
+public:
+    void startBus() {
+        test::writeFile(mHome / "bus.conf",
+                        "<busconfig><type>session</type><listen>unix:path=" + (mHome / "bus") +
+                            "</listen><auth>EXTERNAL</auth><policy context=\"default\"><allow send_destination=\"*\"/>"
+                            "<allow receive_sender=\"*\"/><allow own=\"*\"/></policy></busconfig>");
+        mBus.emplace(test::Process::start(
+            {"dbus-daemon", "--nofork", "--config-file=" + (mHome / "bus.conf"), "--print-address=2"}));
+        ASSERT_TRUE(mBus->waitForErr("unix:path")) << mBus->err();
+    }
+
+    void endBus() { mBus.reset(); }
+
+    // With the keyring made anew, or as it was. Unlocked as a login does it, or not.
+    void startKeyring(bool unlocked = true) {
+        std::filesystem::create_directories(mHome / "data/keyrings");
+        test::writeFile(mHome / "data/keyrings/default", "login");
+        std::vector<std::string> command{"gnome-keyring-daemon", "--foreground", "--components=secrets"};
+        if (unlocked) command.emplace_back("--unlock");
+        mKeyring.emplace(test::Process::start(command, {}, kPassword));
+        sd_bus* client = nullptr;
+        ASSERT_GE(sd_bus_open_user(&client), 0);
+        mClient.reset(client);
+        ASSERT_TRUE(test::waitUntil([&] { return tell(kSecretsPath, "org.freedesktop.DBus.Peer", "Ping", ""); },
+                                    test::kProcessLimitMs))
+            << mKeyring->err();
+        Reply session;
+        ASSERT_TRUE(ask(session, kSecretsPath, kService, "OpenSession", "sv", "plain", "s", ""));
+        const char* path = nullptr;
+        ASSERT_GE(sd_bus_message_read(session.get(), "vo", "s", nullptr, &path), 0);
+        mSession = path;
+    }
+    void endKeyring() { mKeyring.reset(); }
+    void signalKeyring(int signal) { mKeyring->kill(signal); }
+
+    void lock() { EXPECT_TRUE(tell(kSecretsPath, kService, "Lock", "ao", 1, kLogin)); }
+    void unlock() {
+        EXPECT_TRUE(tell(kSecretsPath, "org.gnome.keyring.InternalUnsupportedGuiltRiddenInterface",
+                         "UnlockWithMasterPassword", "o(oayays)", kLogin, mSession.c_str(), 0, 5, 'b', 'e', 'n', 'c',
+                         'h', "text/plain"));
+    }
+    // As a program for keyrings would, which a person uses.
+    void changeItem(const std::string& id) {
+        Reply found;
+        ASSERT_TRUE(
+            ask(found, kSecretsPath, kService, "SearchItems", "a{ss}", 2, "application", "sdconfig", "id", id.c_str()));
+        const char* item = nullptr;
+        ASSERT_GE(sd_bus_message_read(found.get(), "ao", 1, &item), 0);
+        EXPECT_TRUE(tell(item, "org.freedesktop.Secret.Item", "SetSecret", "(oayays)", mSession.c_str(), 0, 3, 'n', 'e',
+                         'w', "text/plain"));
+    }
+
+private:
+    struct Close {
+        void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
+        void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
+    };
+    using Reply = std::unique_ptr<sd_bus_message, Close>;
+
+    template <class... Arguments>
+    bool ask(Reply& reply, const char* path, const char* interface, const char* method, const char* types,
+             Arguments... arguments) {
+        sd_bus_message* message = nullptr;
+        const int result = sd_bus_call_method(mClient.get(), kSecrets, path, interface, method, nullptr, &message,
+                                              types, arguments...);
+        reply.reset(message);
+        return result >= 0;
+    }
+    template <class... Arguments>
+    bool tell(const char* path, const char* interface, const char* method, const char* types, Arguments... arguments) {
+        Reply unread;
+        return ask(unread, path, interface, method, types, arguments...);
+    }
+
+    const test::TempDir mHome;
+    // Without the bus's address: it stands where it always does.
+    const test::ScopedEnv mVariables[5]{{"HOME", mHome.path().c_str()},
+                                        {"XDG_DATA_HOME", (mHome / "data").c_str()},
+                                        {"XDG_CONFIG_HOME", (mHome / "config").c_str()},
+                                        {"XDG_RUNTIME_DIR", mHome.path().c_str()},
+                                        {"DBUS_SESSION_BUS_ADDRESS", nullptr}};
+    std::optional<test::Process> mBus;
+    std::optional<test::Process> mKeyring;
+    std::unique_ptr<sd_bus, Close> mClient;
+    std::string mSession;  // of mClient with the keyring
+};
+
+// What a watch tells.
+class Told {
+public:
+    void watch(KeyringHelper& helper, const std::string& id) {
+        helper.watch(id, [this](SlotAnswer answer) { mPromise.set_value(std::move(answer)); });
+    }
+    bool isThere() { return mFuture.wait_for(0s) == std::future_status::ready; }
+    SlotAnswer answer() {
+        if (mFuture.wait_for(60s) == std::future_status::ready) return mFuture.get();
+        ADD_FAILURE() << "nothing was told";
+        return {};
+    }
+
+private:
+    std::promise<SlotAnswer> mPromise;
+    std::future<SlotAnswer> mFuture = mPromise.get_future();
+};
+
+class KeyringProgramTest : public testing::Test {
+protected:
+    void SetUp() override {
+        for (const char* const program : {"dbus-daemon", "gnome-keyring-daemon"})
+            if (test::run({"which", program}).exitCode != 0) GTEST_SKIP() << program << " is not installed";
+    }
+
+    static void expect(const SlotAnswer& answer, Outcome outcome, const std::string& reason) {
+        EXPECT_EQ(answer.outcome, outcome);
+        EXPECT_EQ(answer.reason, reason);
+    }
+    static void expectKey(const SlotAnswer& answer) {
+        expect(answer, Outcome::Done, "");
+        EXPECT_EQ(answer.key, kKey);
+    }
+};
+
+TEST_F(KeyringProgramTest, AKeyIsThereAsLongAsItsItem) {
+    Session session;
+    session.startBus();
+    session.startKeyring();
+    KeyringHelper helper(KEYRING_PROGRAM, kPatient);
+    const std::string id = helper.store(kKey).sealed;
+    const std::string other = helper.store(kKey).sealed;
+    EXPECT_NE(id, other);
+    expectKey(helper.find(id));
+
+    session.changeItem(id);
+    expect(helper.find(id), Outcome::Refused, "the item was changed");
+    for (int times = 0; times < 2; ++times) expect(helper.forget(id), Outcome::Done, "");
+    expect(helper.find(id), Outcome::Refused, "the item is gone, or this is another keyring");
+    expectKey(helper.find(other));
+
+    Session elsewhere;
+    elsewhere.startBus();
+    elsewhere.startKeyring();
+    expect(KeyringHelper(KEYRING_PROGRAM, kPatient).find(other), Outcome::Refused,
+           "the item is gone, or this is another keyring");
+}
+
+TEST_F(KeyringProgramTest, ALockedKeyringIsWaitedFor) {
+    Session session;
+    session.startBus();
+    session.startKeyring();
+    KeyringHelper helper(KEYRING_PROGRAM, kPatient);
+    const std::string id = helper.store(kKey).sealed;
+    session.lock();
+    expect(helper.find(id), Outcome::NotNow, "locked");
+    expect(helper.find(kNoId), Outcome::NotNow, "locked");
+    expect(helper.store(kKey), Outcome::NotNow, "locked");
+    expect(helper.forget(id), Outcome::NotNow, "locked");
+
+    Told told;
+    told.watch(helper, id);
+    expect(helper.find(id), Outcome::NotNow, "locked");
+    EXPECT_FALSE(told.isThere());
+    session.unlock();
+    expectKey(told.answer());
+
+    // Its service is started again, locked.
+    session.endKeyring();
+    expect(helper.find(id), Outcome::NotNow, "absent: nobody offers it on the session bus");
+    Told toldAgain;
+    toldAgain.watch(helper, id);
+    session.startKeyring(false);
+    EXPECT_EQ(helper.find(id).outcome, Outcome::NotNow);
+    EXPECT_FALSE(toldAgain.isThere());
+    session.unlock();
+    expectKey(toldAgain.answer());
+}
+
+TEST_F(KeyringProgramTest, AnAbsentBusIsWaitedForAndMayGo) {
+    Session session;
+    KeyringHelper helper(KEYRING_PROGRAM, kPatient);
+    expect(helper.find(kNoId), Outcome::NotNow, "absent: there is no session bus");
+    Told told;
+    told.watch(helper, kNoId);
+    session.startBus();
+    session.startKeyring();
+    expect(told.answer(), Outcome::Refused, "the item is gone, or this is another keyring");
+    const std::string id = helper.store(kKey).sealed;
+
+    session.endBus();
+    Told toldAgain;
+    toldAgain.watch(helper, id);
+    session.startBus();
+    session.startKeyring();
+    expectKey(toldAgain.answer());
+}
+
+TEST_F(KeyringProgramTest, ASilentKeyringIsToldInTime) {
+    Session session;
+    session.startBus();
+    session.startKeyring();
+    KeyringHelper helper(KEYRING_PROGRAM, kPatient);
+    const std::string id = helper.store(kKey).sealed;
+    session.signalKeyring(SIGSTOP);
+    expect(helper.find(id), Outcome::NotNow, "it does not answer");
+    expect(KeyringHelper(KEYRING_PROGRAM, kPatient).find(id), Outcome::NotNow, "it does not answer");
+    session.signalKeyring(SIGCONT);
+    EXPECT_TRUE(test::waitUntil([&] { return helper.find(id).key == kKey; }, test::kProcessLimitMs));
+}
+
+// What it is asked may be anything.
+TEST(KeyringProgram, NonsenseEndsIt) {
+    // It can't be looked into, not even by the leak checker.
+    const test::Environment environment{{"DBUS_SESSION_BUS_ADDRESS", "unix:path=/nowhere"},
+                                        {"ASAN_OPTIONS", "detect_leaks=0"}};
+    const auto answered = [&](const std::string& input) { return test::run({KEYRING_PROGRAM}, environment, input); };
+    const std::string asked = "1 find " + kNoId + "\n";
+    EXPECT_EQ(answered(asked).out, "1 not-now absent: there is no session bus\n");
+    EXPECT_EQ(answered(asked).exitCode, 0) << "the input has ended";
+    for (const std::string& line :
+         {std::string("\n"), std::string("find\n"), "x find " + kNoId + "\n", " find " + kNoId + "\n", "1 find\n"s,
+          "1 find " + kNoId + "0\n", "1 find " + kNoId + " \n", "1 find ../../etc/passwd0123456789abcdef\n"s,
+          "1 steal " + kNoId + "\n", "1 store " + kNoId + "\n", "1 store " + std::string(64, 'g') + "\n",
+          "1234567890123456789 find " + kNoId + "\n", std::string(1000, '1'), std::string(100000, '\0')}) {
+        const test::Result result = answered(line + asked);
+        EXPECT_EQ(result.exitCode, 1) << line;
+        EXPECT_EQ(result.out, "") << line;
+    }
+    EXPECT_EQ(test::run({KEYRING_PROGRAM, std::string(64, '5')}).exitCode, 2);
+}
+
+}  // namespace
