@@ -22,7 +22,24 @@ void demand(bool done);
 void demandCrypto();
 
 // AES-256-GCM.
-const EVP_CIPHER* sealingCipher();
+constexpr std::size_t kCipherKeySize = 32;
+constexpr std::size_t kNonceSize = 12;
+constexpr std::size_t kTagSize = 16;
+
+// Bytes of somebody else's; fewer than 2^31, since OpenSSL counts in int.
+struct BytesView {
+    const unsigned char* data;
+    std::size_t size;
+};
+
+// Puts the cipher text, as long as `plain`, and the tag into `sealed`. covered: what the tag covers besides. key,
+// nonce: kCipherKeySize, kNonceSize. Throws CryptoFailure.
+void encrypt(const unsigned char* key, const unsigned char* nonce, BytesView covered, BytesView plain,
+             unsigned char* sealed);
+// The way back: `plain` has room for all but the tag. False where the tag does not fit; what stands in `plain` then is
+// wiped. Throws CryptoFailure.
+bool decrypt(const unsigned char* key, const unsigned char* nonce, BytesView covered, BytesView sealed,
+             unsigned char* plain);
 
 // From the kernel: a generator of OpenSSL that could not be set up once fails for the rest of the process.
 void fillRandomly(unsigned char* bytes, std::size_t size);

@@ -20,8 +20,6 @@ constexpr std::string_view kUnbound = "v1";
 constexpr std::string_view kBound = "v2";
 constexpr std::size_t kVersionSize = kBound.size();
 constexpr std::size_t kMarkSize = sizeof(std::uint64_t);
-constexpr std::size_t kNonceSize = 12;
-constexpr std::size_t kTagSize = 16;
 
 // Where the parts of an envelope stand.
 struct Frame {
@@ -35,11 +33,6 @@ struct Frame {
 constexpr std::size_t base64Size(std::size_t size) {
     return (size + 2) / 3 * 4;
 }
-
-struct FreeContext {
-    void operator()(EVP_CIPHER_CTX* context) const { openssl().EVP_CIPHER_CTX_free(context); }
-};
-using Context = std::unique_ptr<EVP_CIPHER_CTX, FreeContext>;
 
 using RowMark = std::array<unsigned char, kMarkSize>;
 
@@ -121,30 +114,15 @@ bool fromBase64(const std::string& text, std::vector<unsigned char>& bytes) {
 }
 
 // False where the tag does not fit.
-bool decrypt(const Key& key, const Envelope& envelope, const AssociatedData& data, std::string& plain) {
+bool open(const Key& key, const Envelope& envelope, const AssociatedData& data, std::string& plain) {
     const Frame frame(envelope.isBound);
-    const unsigned char* const nonce = envelope.bytes.data() + frame.nonceAt;
-    const unsigned char* const text = envelope.bytes.data() + frame.textAt;
+    const unsigned char* const bytes = envelope.bytes.data();
     std::string opened(envelope.bytes.size() - frame.size, '\0');
-    auto* const out = reinterpret_cast<unsigned char*>(opened.data());
-    std::array<unsigned char, kTagSize> tag{};
-    std::copy_n(text + opened.size(), tag.size(), tag.begin());
-    const Context context(openssl().EVP_CIPHER_CTX_new());
-    int length = 0;
-    demand(context != nullptr);
-    demand(openssl().EVP_DecryptInit_ex2(context.get(), sealingCipher(), key.bytes.data(), nonce, nullptr) == 1);
-    demand(openssl().EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_AEAD_SET_TAG, static_cast<int>(tag.size()),
-                                         tag.data()) == 1);
-    demand(openssl().EVP_DecryptUpdate(context.get(), nullptr, &length, data.data(), static_cast<int>(data.size())) ==
-           1);
-    demand(openssl().EVP_DecryptUpdate(context.get(), out, &length, text, static_cast<int>(opened.size())) == 1);
-    if (openssl().EVP_DecryptFinal_ex(context.get(), out + opened.size(), &length) == 1) {
-        plain = std::move(opened);
-        return true;
-    }
-    // What stands there was decrypted but is not what was sealed.
-    openssl().OPENSSL_cleanse(opened.data(), opened.size());
-    return false;
+    if (!decrypt(key.bytes.data(), bytes + frame.nonceAt, {data.data(), data.size()},
+                 {bytes + frame.textAt, opened.size() + kTagSize}, reinterpret_cast<unsigned char*>(opened.data())))
+        return false;
+    plain = std::move(opened);
+    return true;
 }
 
 }  // namespace
@@ -163,20 +141,9 @@ std::optional<std::string> sealEnvelope(const Key& key, const std::string& plain
         std::copy(mark.begin(), mark.end(), markAt);
     }
     unsigned char* const nonce = bytes.data() + frame.nonceAt;
-    unsigned char* const text = bytes.data() + frame.textAt;
     fillRandomly(nonce, kNonceSize);
-    const Context context(openssl().EVP_CIPHER_CTX_new());
-    int length = 0;
-    demand(context != nullptr);
-    demand(openssl().EVP_EncryptInit_ex2(context.get(), sealingCipher(), key.bytes.data(), nonce, nullptr) == 1);
-    demand(openssl().EVP_EncryptUpdate(context.get(), nullptr, &length, data.data(), static_cast<int>(data.size())) ==
-           1);
-    demand(openssl().EVP_EncryptUpdate(context.get(), text, &length,
-                                       reinterpret_cast<const unsigned char*>(plain.data()),
-                                       static_cast<int>(plain.size())) == 1);
-    demand(openssl().EVP_EncryptFinal_ex(context.get(), text + plain.size(), &length) == 1);
-    demand(openssl().EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_AEAD_GET_TAG, static_cast<int>(kTagSize),
-                                         text + plain.size()) == 1);
+    encrypt(key.bytes.data(), nonce, {data.data(), data.size()},
+            {reinterpret_cast<const unsigned char*>(plain.data()), plain.size()}, bytes.data() + frame.textAt);
     return toText(row ? kBound : kUnbound, bytes);
 }
 
@@ -200,14 +167,14 @@ OpenResult openEnvelope(const Key& key, const Envelope& envelope, const SDSecuri
     demandCrypto();
     const unsigned char* const told = envelope.bytes.data() + kKeyIdSize;
     if (envelope.isBound) data.setMark(told);
-    if (decrypt(key, envelope, data, plain)) return OpenResult::Done;
+    if (open(key, envelope, data, plain)) return OpenResult::Done;
     if (!envelope.isBound) return OpenResult::Changed;
     const RowMark mark = rowMark(key, data);
     if (std::equal(mark.begin(), mark.end(), told)) return OpenResult::Changed;
     // Or the mark is what was changed.
     data.setMark(mark.data());
     std::string ignored;
-    return decrypt(key, envelope, data, ignored) ? OpenResult::Changed : OpenResult::OtherRow;
+    return open(key, envelope, data, ignored) ? OpenResult::Changed : OpenResult::OtherRow;
 }
 
 }  // namespace sd::security

@@ -1,12 +1,12 @@
 #include "platform/sdsecurity/key_ring.h"
 
 #include <algorithm>
-#include <charconv>
 #include <ctime>
 #include <iterator>
 
 #include "platform/sdsecurity/crypto.h"
 #include "platform/sdsecurity/hex.h"
+#include "platform/sdsecurity/ring_text.h"
 
 namespace sd::security {
 namespace {
@@ -103,10 +103,7 @@ bool readState(std::string_view field, KeyState& state) {
 }
 
 bool readTime(std::string_view field, std::int64_t& seconds) {
-    if (field == kUnknown) return true;
-    const char* const end = field.data() + field.size();
-    const auto [stop, failure] = std::from_chars(field.data(), end, seconds);
-    return failure == std::errc() && stop == end && seconds > 0 && field.front() != '0';
+    return field == kUnknown || readNumber(field, seconds);
 }
 
 bool readVersion(std::string_view field, std::string& version) {
@@ -115,15 +112,6 @@ bool readVersion(std::string_view field, std::string& version) {
     constexpr std::string_view kCharacters = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ.+~";
     return !field.empty() && field.size() <= kMaxVersion &&
            field.find_first_not_of(kCharacters) == std::string_view::npos;
-}
-
-// The text up to the blank, without which there is none; both go.
-std::string_view takeField(std::string_view& line) {
-    const std::size_t end = line.find(' ');
-    if (end == std::string_view::npos) return {};
-    const std::string_view field = line.substr(0, end);
-    line.remove_prefix(end + 1);
-    return field;
 }
 
 // Read a line of a key. Return why it can't be used, or null.
@@ -240,7 +228,7 @@ std::string digestUnder(const Key& key, const std::vector<std::string_view>& tex
         append(framed, text);
     }
     std::string digits;
-    appendHex(keyed(kDigestLabel, key.bytes, {reinterpret_cast<const char*>(framed.data()), framed.size()}), digits);
+    appendHex(keyed(kDigestLabel, key.bytes, viewOf(framed)), digits);
     return digits;
 }
 
@@ -289,7 +277,7 @@ SecretBytes formatKeyRing(const KeyRing& ring) {
         append(text, "\n");
     }
     if (first) return text;
-    const Digest sum = sumOf(ring, {reinterpret_cast<const char*>(text.data()), text.size()});
+    const Digest sum = sumOf(ring, viewOf(text));
     append(text, kSum);
     appendHex(sum, text);
     append(text, "\n");

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "platform/sdsecurity/log.h"
+#include "platform/sdsecurity/ring_text.h"
 
 namespace sd::security {
 namespace {
@@ -15,7 +16,6 @@ namespace {
 using KeyRingState = SDSecurity::KeyRingState;
 
 constexpr char kSource[] = "platform/sdsecurity/key_store";
-constexpr char kFileName[] = "sdsecurity.keys";
 // One call may seal many values: while another process holds the folder's lock, one of them waits for it.
 constexpr std::chrono::seconds kSealPause{5};
 constexpr char kHandedOver[] = "a ring handed over by the host";
@@ -49,19 +49,24 @@ void KeyStore::useFolder(const std::string& folder) {
     mToldFolder = folder;
     mPlace.reset();
     mRing.reset();
+    mWrapping.reset();
+    mOpener.reset();
+    mToldLocked = false;
 }
 
 bool KeyStore::useDescriptor(int descriptor) {
-    RingRead read = parseRing(readDescriptor(descriptor));
-    if (read.state != KeyRingState::Usable) {
-        LOG(7, AT "%s: %s", HERE, kHandedOver, read.reason.c_str());
+    const FileRead file = readDescriptor(descriptor);
+    const std::lock_guard lock(mMutex);
+    RingRead found = opened(file, Wait::Yes);
+    if (found.state == KeyRingState::Broken) {
+        LOG(7, AT "%s: %s", HERE, kHandedOver, found.reason.c_str());
         return false;
     }
-    auto ring = std::make_shared<const KeyRing>(std::move(read.ring));
-    Place handedOver{Place::Kind::HandedOver, "", kHandedOver, ""};
-    const std::lock_guard lock(mMutex);
-    mPlace = std::move(handedOver);
-    mRing = std::move(ring);
+    mPlace = Place{Place::Kind::HandedOver, "", kHandedOver, ""};
+    mRing.reset();
+    mWrapping = found.wrapping;
+    mToldLocked = false;
+    if (found.state == KeyRingState::Usable) keep(std::move(found));
     mCounter.reset("");
     return true;
 }
@@ -96,42 +101,84 @@ const KeyStore::Place& KeyStore::place() {
     return *mPlace;
 }
 
-RingRead KeyStore::read() {
+// What stands at the place, unread.
+FileRead KeyStore::readPlace() {
     if (!place().reason.empty()) return {KeyRingState::Broken, {}, place().reason};
     const bool credentials = place().kind == Place::Kind::Credentials;
-    RingRead found = parseRing(readFile(place().path, credentials ? Readers::GroupToo : Readers::OwnerOnly));
-    if (found.state == KeyRingState::Absent) found.reason = "there is no key ring";
-    return found;
+    FileRead file = readFile(place().path, credentials ? Readers::GroupToo : Readers::OwnerOnly);
+    if (file.state == KeyRingState::Absent) file.reason = "there is no key ring";
+    return file;
+}
+
+// The ring of a text, plain or wrapped.
+RingRead KeyStore::opened(const FileRead& file, Wait wait) {
+    if (file.state != KeyRingState::Usable || !isWrapped(viewOf(file.bytes))) return parseRing(file);
+    RingRead read{KeyRingState::Broken, {}, "", std::nullopt};
+    std::optional<WrappedRing> wrapping = parseWrappedRing(viewOf(file.bytes), read.reason);
+    if (!wrapping) return read;
+    RingOpener::Opened text = mOpener.open(*wrapping, wait);
+    read = parseRing({text.state, std::move(text.text), std::move(text.reason)});
+    read.wrapping = std::move(wrapping);
+    return read;
+}
+
+RingRead KeyStore::read(Wait wait) {
+    if (place().kind != Place::Kind::HandedOver) return opened(readPlace(), wait);
+    if (mRing) return {KeyRingState::Usable, *mRing, "", mWrapping};
+    return opened({KeyRingState::Usable, formatWrappedRing(*mWrapping), ""}, wait);
+}
+
+// From now on this is the ring in memory.
+void KeyStore::keep(RingRead found) {
+    mRing = std::make_shared<const KeyRing>(std::move(found.ring));
+    mWrapping = std::move(found.wrapping);
+    if (std::exchange(mToldLocked, false)) LOG(6, AT "%s: it is open now", HERE, place().path.c_str());
 }
 
 // Why what stands in the file is none that the ring in memory can have become, or "".
-std::string KeyStore::strangenessOf(const KeyRing& ring) const {
+std::string KeyStore::strangenessOf(const RingRead& found) const {
     if (!mRing) return "";
     // A rotation keeps the key that seals. Where it is gone the folder was exchanged beneath the process.
-    if (!ring.find(mRing->current().id)) return "another key ring stands there";
+    if (!found.ring.find(mRing->current().id)) return "another key ring stands there";
     // That is required for good: an earlier copy was put back, and would open values in rows that are not theirs.
-    return mRing->requiresBoundForm && !ring.requiresBoundForm ? "an earlier key ring stands there" : "";
+    if (mRing->requiresBoundForm && !found.ring.requiresBoundForm) return "an earlier key ring stands there";
+    // Only this process would have taken the wrap off.
+    return mWrapping && !found.wrapping ? "a plain key ring stands there in the place of a wrapped one" : "";
+}
+
+// Logs why there is no ring to be used: of one that is locked once, since every call would come to that. Always false.
+bool KeyStore::tellUnusable(const RingRead& found) {
+    const bool isLocked = found.state == KeyRingState::Locked;
+    if (!isLocked || !mToldLocked) LOG(7, AT "%s: %s", HERE, place().path.c_str(), found.reason.c_str());
+    mToldLocked = isLocked;
+    return false;
 }
 
 // Brings the ring in memory up to date with its file. False, with a line logged, where there is none then.
 bool KeyStore::update(bool makeIfAbsent) {
-    if (place().kind == Place::Kind::HandedOver) return true;
+    if (place().kind == Place::Kind::HandedOver && mRing) return true;
     RingRead found = read();
-    if (found.state == KeyRingState::Usable) found.reason = strangenessOf(found.ring);
+    if (found.state == KeyRingState::Usable) found.reason = strangenessOf(found);
     if (found.state == KeyRingState::Usable && found.reason.empty()) {
-        mRing = std::make_shared<const KeyRing>(std::move(found.ring));
+        keep(std::move(found));
         return true;
     }
     if (found.state == KeyRingState::Absent && makeIfAbsent && !place().folder.empty()) {
         found.reason = makeRing();
         if (found.reason.empty()) return true;
     }
-    if (mRing) {
-        LOG(6, AT "%s: %s; going on with the keys in memory", HERE, place().path.c_str(), found.reason.c_str());
-        return true;
-    }
-    LOG(7, AT "%s: %s", HERE, place().path.c_str(), found.reason.c_str());
-    return false;
+    if (!mRing) return tellUnusable(found);
+    LOG(6, AT "%s: %s; going on with the keys in memory", HERE, place().path.c_str(), found.reason.c_str());
+    return true;
+}
+
+// The file's text of a ring: wrapped as it was, where it was. Throws CryptoFailure.
+SecretBytes KeyStore::textOf(const KeyRing& ring, const std::optional<WrappedRing>& wrapping) const {
+    SecretBytes text = formatKeyRing(ring);
+    if (!wrapping) return text;
+    WrappedRing wrapped = *wrapping;
+    sealRing(wrapped, mOpener.master(), text);
+    return formatWrappedRing(wrapped);
 }
 
 // Makes the file, with the keys in memory where there are any. Returns why there is still no ring, or "".
@@ -144,17 +191,18 @@ std::string KeyStore::makeRing() {
     const std::optional<LockedFolder> folder = LockedFolder::lock(place().folder, wait, reason);
     if (!folder) mWaitAgain = now + kSealPause;
     RingRead found = read();  // another process may have been first, and have held the lock for that
-    if (found.state == KeyRingState::Broken) return found.reason;
+    if (found.state == KeyRingState::Broken || found.state == KeyRingState::Locked) return found.reason;
     if (found.state == KeyRingState::Usable) {
-        reason = strangenessOf(found.ring);
+        reason = strangenessOf(found);
         if (!reason.empty()) return reason;
     } else {
         if (!folder) return reason;
         found.ring = mRing ? *mRing : newRing();
-        if (!folder->create(kFileName, formatKeyRing(found.ring), reason)) return reason;
+        found.wrapping = mWrapping;
+        if (!folder->create(kFileName, textOf(found.ring, found.wrapping), reason)) return reason;
         if (mRing) LOG(6, AT "%s: the key ring was gone; it is written again from memory", HERE, place().path.c_str());
     }
-    mRing = std::make_shared<const KeyRing>(std::move(found.ring));
+    keep(std::move(found));
     return "";
 }
 
@@ -165,14 +213,14 @@ std::string KeyStore::edited(const Edit& edit) {
     if (!folder) return reason;
     RingRead found = read();
     if (found.state != KeyRingState::Usable) return found.reason;
-    reason = strangenessOf(found.ring);
+    reason = strangenessOf(found);
     if (!reason.empty()) return reason;
     const SecretBytes before = formatKeyRing(found.ring);
     reason = edit(found.ring);
     if (!reason.empty()) return reason;
-    const SecretBytes text = formatKeyRing(found.ring);
-    if (text != before && !folder->replace(kFileName, text, reason)) return reason;
-    mRing = std::make_shared<const KeyRing>(std::move(found.ring));
+    const bool isChanged = formatKeyRing(found.ring) != before;
+    if (isChanged && !folder->replace(kFileName, textOf(found.ring, found.wrapping), reason)) return reason;
+    keep(std::move(found));
     return "";
 }
 
@@ -197,8 +245,10 @@ std::shared_ptr<const KeyRing> KeyStore::ringToOpen(const KeyId& id, SDSecurity:
     const std::lock_guard lock(mMutex);
     const auto opens = [](const Key* key) { return key && key->state != KeyState::Disabled; };
     if (mRing && opens(mRing->find(id))) return mRing;
-    why = SDSecurity::OpenResult::RingUnusable;
-    if (!update(false)) return nullptr;
+    if (!update(false)) {
+        why = mToldLocked ? SDSecurity::OpenResult::RingLocked : SDSecurity::OpenResult::RingUnusable;
+        return nullptr;
+    }
     const Key* const key = mRing->find(id);
     if (opens(key)) return mRing;
     why = key ? SDSecurity::OpenResult::KeyDisabled : SDSecurity::OpenResult::KeyMissing;
@@ -209,13 +259,18 @@ std::shared_ptr<const KeyRing> KeyStore::ringToOpen(const KeyId& id, SDSecurity:
     return nullptr;
 }
 
-SDSecurity::KeyRingStatus KeyStore::check() {
+SDSecurity::KeyRingStatus KeyStore::check(Wait wait) {
     const std::lock_guard lock(mMutex);
-    if (place().kind == Place::Kind::HandedOver) return {KeyRingState::Usable, place().path};
-    RingRead found = read();
-    if (found.state == KeyRingState::Usable) mRing = std::make_shared<const KeyRing>(std::move(found.ring));
-    if (found.reason.empty()) return {found.state, place().path};
-    return {found.state, place().path + ": " + found.reason};
+    if (place().kind == Place::Kind::HandedOver && mRing) return {KeyRingState::Usable, place().path};
+    RingRead found = read(wait);
+    if (found.state == KeyRingState::Usable) {
+        found.reason = strangenessOf(found);
+        if (!found.reason.empty()) found.state = KeyRingState::Broken;
+    }
+    SDSecurity::KeyRingStatus status{found.state, place().path};
+    if (!found.reason.empty()) status.detail += ": " + found.reason;
+    if (found.state == KeyRingState::Usable) keep(std::move(found));
+    return status;
 }
 
 SDSecurity::KeyUse KeyStore::use() {
@@ -229,20 +284,14 @@ SDSecurity::KeyUse KeyStore::use() {
 Key KeyStore::keyToTry() {
     const std::lock_guard lock(mMutex);
     if (mRing) return mRing->current();
-    const RingRead found = read();
+    const RingRead found = read(Wait::No);
     return found.state == KeyRingState::Usable ? found.ring.current() : makeKey();
-}
-
-// The ring as it stands; one that was handed over stands in memory alone.
-RingRead KeyStore::present() {
-    if (place().kind == Place::Kind::HandedOver) return {KeyRingState::Usable, *mRing, ""};
-    return read();
 }
 
 std::vector<SDSecurity::KeyInfo> KeyStore::keys() {
     const std::lock_guard lock(mMutex);
-    const RingRead found = present();
-    if (found.state != KeyRingState::Usable) LOG(7, AT "%s: %s", HERE, place().path.c_str(), found.reason.c_str());
+    const RingRead found = read();
+    if (found.state != KeyRingState::Usable) tellUnusable(found);
     SealCounts counts;
     if (!place().folder.empty()) counts = storedCounts(place().folder);
     std::vector<SDSecurity::KeyInfo> all;
@@ -255,7 +304,7 @@ std::vector<SDSecurity::KeyInfo> KeyStore::keys() {
 
 bool KeyStore::requiresBoundForm() {
     const std::lock_guard lock(mMutex);
-    const RingRead found = present();
+    const RingRead found = read();
     return found.state == KeyRingState::Usable && found.ring.requiresBoundForm;
 }
 

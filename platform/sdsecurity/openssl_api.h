@@ -20,6 +20,7 @@ struct OpenSslApi {
     LOADED(library, EVP_sha256);
     LOADED(library, EVP_Digest);
     LOADED(library, HMAC);
+    LOADED(library, EVP_PBE_scrypt);
     LOADED(library, CRYPTO_memcmp);
     LOADED(library, EVP_EncodeBlock);
     LOADED(library, EVP_DecodeBlock);

@@ -5,10 +5,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <string_view>
 #include <system_error>
 #include <thread>
+
+#include "platform/sdsecurity/ring_text.h"
 
 namespace sd::security {
 namespace {
@@ -67,7 +71,7 @@ std::string parentOf(const std::string& path) {
 
 FileRead readDescriptor(int descriptor) {
     // One more than allowed tells a file of the bound from a longer one.
-    SecretBytes bytes(kMaxRingText + 1);
+    SecretBytes bytes(kMaxWrappedText + 1);
     std::size_t size = 0;
     for (bool seekable = true; size < bytes.size();) {
         unsigned char* const at = bytes.data() + size;
@@ -96,10 +100,9 @@ FileRead readFile(const std::string& path, Readers readers) {
 }
 
 RingRead parseRing(const FileRead& file) {
-    RingRead read{file.state, {}, file.reason};
+    RingRead read{file.state, {}, file.reason, std::nullopt};
     if (file.state != KeyRingState::Usable) return read;
-    const std::string_view text(reinterpret_cast<const char*>(file.bytes.data()), file.bytes.size());
-    if (std::optional<KeyRing> ring = parseKeyRing(text, read.reason))
+    if (std::optional<KeyRing> ring = parseKeyRing(viewOf(file.bytes), read.reason))
         read.ring = std::move(*ring);
     else
         read.state = KeyRingState::Broken;
@@ -123,7 +126,7 @@ std::optional<LockedFolder> LockedFolder::lock(const std::string& path, std::chr
     if (!lockWithin(file.get(), wait))
         return fail(errno == EWOULDBLOCK ? std::string("another process holds ") + kLockName
                                          : systemError(std::string("lock ") + kLockName));
-    return LockedFolder(std::move(folder), std::move(file));
+    return LockedFolder(path, std::move(folder), std::move(file));
 }
 
 LockedFolder::~LockedFolder() {
@@ -158,16 +161,43 @@ bool LockedFolder::create(const std::string& name, const SecretBytes& bytes, std
 }
 
 bool LockedFolder::replace(const std::string& name, const SecretBytes& bytes, std::string& reason) const {
+    return replaceTried(name, bytes, nullptr, reason);
+}
+
+bool LockedFolder::replaceTried(const std::string& name, const SecretBytes& bytes, const Trial& trial,
+                                std::string& reason) const {
     if (!writeAside(name, bytes, reason)) return false;
-    if (::renameat(mFolder.get(), sibling(name).c_str(), mFolder.get(), name.c_str()) != 0) {
-        reason = systemError("rename " + name);
-        (void)::unlinkat(mFolder.get(), sibling(name).c_str(), 0);
+    const std::string aside = sibling(name);
+    const auto fail = [&](const std::string& why) {
+        reason = why;
+        (void)::unlinkat(mFolder.get(), aside.c_str(), 0);
         return false;
-    }
+    };
+    if (trial)
+        if (const std::string why = trial(readFile(mPath + '/' + aside, Readers::OwnerOnly)); !why.empty())
+            return fail(why);
+    if (::renameat(mFolder.get(), aside.c_str(), mFolder.get(), name.c_str()) != 0)
+        return fail(systemError("rename " + name));
     if (::fsync(mFolder.get()) == 0) return true;
     // The new file stands, but may be gone after a power cut: nothing may be sealed by what it adds.
     reason = systemError("fsync folder");
     return false;
+}
+
+PlainFile::PlainFile(const std::string& path) : mFile(::open(path.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC)) {}
+
+std::string PlainFile::overwrite() const {
+    struct stat status {};
+    if (!mFile || ::fstat(mFile.get(), &status) != 0) return "it could not be opened";
+    if (status.st_nlink > 0) return "it has another name, under which it stands as before";
+    const std::array<unsigned char, 4096> nothing{};
+    for (off_t done = 0; done < status.st_size;) {
+        const auto left = static_cast<std::size_t>(status.st_size - done);
+        const ssize_t count = ::pwrite(mFile.get(), nothing.data(), std::min(left, nothing.size()), done);
+        if (count < 0 && errno != EINTR) return systemError("write");
+        if (count > 0) done += count;
+    }
+    return ::fsync(mFile.get()) == 0 ? "" : systemError("fsync");
 }
 
 bool makeFolder(const std::string& path, bool parents, std::string& reason) {

@@ -10,6 +10,7 @@
 #include "platform/sdsecurity/envelope.h"
 #include "platform/sdsecurity/key_store.h"
 #include "platform/sdsecurity/log.h"
+#include "platform/sdsecurity/recovery_code.h"
 
 namespace sd {
 namespace {
@@ -25,6 +26,15 @@ Result guarded(const char* name, Result failed, Operation operation) {
     } catch (const std::exception& error) {
         LOG(7, AT "%s", kSource, name, __LINE__, error.what());
         return failed;
+    }
+}
+
+template <class Operation>
+SDSecurity::SlotResult slotResult(Operation operation) {
+    try {
+        return operation();
+    } catch (const std::exception& error) {
+        return {SDSecurity::SlotOutcome::Failed, error.what()};
     }
 }
 
@@ -54,6 +64,8 @@ struct SDSecurity::State {
     // Both log a line where they fail. row: null for none.
     std::string seal(const char* caller, const SDSecurityRow* row, const std::string& plain);
     OpenResult open(const char* caller, const SDSecurityRow* row, const std::string& cipher, std::string& plain);
+
+    KeyRingStatus check(security::Wait wait);
 
     security::KeyStore keys;
     std::mutex stringsMutex;
@@ -85,6 +97,14 @@ SDSecurity::OpenResult SDSecurity::State::open(const char* caller, const SDSecur
     if (row && !envelope->isBound && ring->requiresBoundForm) return fail(OpenResult::UnboundForm);
     why = security::openEnvelope(*ring->find(envelope->keyId), *envelope, row, plain);
     return why == OpenResult::Done ? why : fail(why);
+}
+
+SDSecurity::KeyRingStatus SDSecurity::State::check(security::Wait wait) {
+    try {
+        return keys.check(wait);
+    } catch (const std::exception& error) {
+        return {KeyRingState::Broken, error.what()};
+    }
 }
 
 SDSecurity::SDSecurity() : mState(std::make_unique<State>()) {
@@ -148,12 +168,21 @@ bool SDSecurity::SetKeyRingDescriptor(int descriptor) {
     return guarded(__func__, false, [&] { return mState->keys.useDescriptor(descriptor); });
 }
 
+void SDSecurity::SetSealSocket(const std::string& path) {
+    guarded(__func__, false, [&] { return mState->keys.setSealSocket(path), true; });
+}
+
+void SDSecurity::SetKeyringProgram(const std::string& path) {
+    guarded(__func__, false, [&] { return mState->keys.setKeyringProgram(path), true; });
+}
+
 SDSecurity::KeyRingStatus SDSecurity::CheckKeyRing() {
-    try {
-        return mState->keys.check();
-    } catch (const std::exception& error) {
-        return {KeyRingState::Broken, error.what()};
-    }
+    return mState->check(security::Wait::Yes);
+}
+
+SDSecurity::KeyRingStatus SDSecurity::OpenKeyRingAhead() {
+    guarded(__func__, false, [&] { return mState->keys.watchKeyring(), true; });
+    return mState->check(security::Wait::No);
 }
 
 SDSecurity::KeyUse SDSecurity::CheckKeyUse() {
@@ -212,6 +241,41 @@ std::optional<SDSecurity::Seal> SDSecurity::SealOf(const std::string& cipher) {
         if (!envelope) return std::nullopt;
         return Seal{security::toHex(envelope->keyId), envelope->isBound};
     });
+}
+
+std::vector<SDSecurity::SlotInfo> SDSecurity::Slots() {
+    return guarded(__func__, std::vector<SlotInfo>(), [&] { return mState->keys.slots(); });
+}
+
+std::string SDSecurity::MakeRecoveryCode() {
+    return guarded(__func__, std::string(), []() -> std::string {
+        const security::SecretBytes code = security::makeRecoveryCode();
+        return {code.begin(), code.end()};
+    });
+}
+
+SDSecurity::SlotResult SDSecurity::MakeSlotKey(SlotKind kind, SlotUse use, const std::string& typed, std::string& key) {
+    return slotResult([&] { return mState->keys.makeSlotKey(kind, use, typed, key); });
+}
+
+SDSecurity::SlotResult SDSecurity::Protect(SlotKind kind, const SlotKeys& keys) {
+    return slotResult([&] { return mState->keys.protect(kind, keys); });
+}
+
+SDSecurity::SlotResult SDSecurity::Unprotect(SlotKind kind, const SlotKeys& keys) {
+    return slotResult([&] { return mState->keys.unprotect(kind, keys); });
+}
+
+SDSecurity::SlotResult SDSecurity::UnprotectAll() {
+    return slotResult([&] { return mState->keys.unprotectAll(); });
+}
+
+SDSecurity::SlotResult SDSecurity::Unlock(const std::string& key) {
+    return slotResult([&] { return mState->keys.unlock(key); });
+}
+
+SDSecurity::SlotResult SDSecurity::Recover(const std::string& key) {
+    return slotResult([&] { return mState->keys.recover(key); });
 }
 
 }  // namespace sd

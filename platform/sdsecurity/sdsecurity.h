@@ -61,6 +61,7 @@ public:
         KeyDisabled,   // the ring has it, and it opens nothing for now
         RingUnusable,  // there is none, or it can't be used
         Failed,        // memory ran out, or OpenSSL could not be loaded
+        RingLocked,    // it is there, and nothing at hand opens it now
     };
 
     // As FastEncrypt, for this row alone: moved to another key, table or database it opens no more.
@@ -81,6 +82,11 @@ public:
     // Returns false, and changes nothing, when what it holds is no ring.
     bool SetKeyRingDescriptor(int descriptor);
 
+    // Who keeps the keys of a wrapped ring's slots (below); untold, who the machine has: the socket of root's seal
+    // service, and the program that asks the login keyring.
+    SDSECURITY_OPTIONAL void SetSealSocket(const std::string& path);
+    SDSECURITY_OPTIONAL void SetKeyringProgram(const std::string& path);
+
     // Answers GetString(name). A later registration of the same name replaces the earlier one.
     void RegisterString(const std::string& name, const std::string& value);
 
@@ -88,15 +94,20 @@ public:
         Usable,  // there, and every key in it is sound
         Absent,  // not made yet: the first seal makes it
         Broken,  // there, but unreadable, malformed, too widely readable, or somebody else's
+        Locked,  // there and sound, but wrapped, and nothing at hand opens it now: Unlock and Recover do
     };
     struct KeyRingStatus {
         KeyRingState state;
-        std::string detail;  // the ring's path and, where it is broken, the reason; no key material
+        std::string detail;  // the ring's path and, where it is broken or locked, the reason; no key material
     };
 
     // Looks at the ring without making or changing it. One that can be used is kept in memory, and written again where
-    // its file is gone when the next value is sealed.
+    // its file is gone when the next value is sealed. Waits for a wrapped one to be opened, 5 s at most.
     SDSECURITY_OPTIONAL KeyRingStatus CheckKeyRing();
+
+    // As CheckKeyRing, but begins to open a wrapped ring and doesn't wait: it is Locked until that is done. What needs
+    // the ring from then on waits. For a process that stays: it opens, too, when the login keyring is unlocked later.
+    SDSECURITY_OPTIONAL KeyRingStatus OpenKeyRingAhead();
 
     enum class KeyUse {
         Fine,
@@ -160,6 +171,96 @@ public:
     };
     // How a text was sealed, as it says of itself: without opening it, without a ring. Nothing where it is no envelope.
     SDSECURITY_OPTIONAL static std::optional<Seal> SealOf(const std::string& cipher);
+
+    // ---- A ring that is wrapped under a master key, which stands in slots: any one opens it ----
+
+    enum class SlotKind {
+        Recovery,    // a code that was shown once; every wrapped ring has this slot
+        Passphrase,  // typed, or handed over by the system in $CREDENTIALS_DIRECTORY/sdsecurity.passphrase
+        Host,        // the machine's own key, as root's seal service has it
+        Keyring,     // the login keyring
+    };
+    enum class SlotState {
+        Opens,    // now and here
+        Typed,    // by what a person knows: that is not tried
+        NotNow,   // who is to be asked does not answer, or is locked
+        Refused,  // who was asked can't: it is for another machine or user, or was changed
+    };
+    struct SlotInfo {
+        SlotKind kind;
+        std::int64_t made;  // seconds since 1970
+        SlotState state;
+        std::string reason;  // where it does not open, for a person
+    };
+
+    // The slots of the ring, in the order of their kinds; empty for a plain ring, and with a line logged where it can't
+    // be read. Asks for the keys of slots that nobody types, which takes up to 5 s each.
+    SDSECURITY_OPTIONAL std::vector<SlotInfo> Slots();
+
+    enum class SlotOutcome {
+        Done,
+        NoRing,           // it is not made yet: the first seal makes it
+        RingUnusable,     // it can't be read, or is none that the ring in memory can have become
+        NotWrapped,       // it is plain, and has no slots
+        Locked,           // nothing opens it now
+        NoSuchSlot,       // it has none of that kind
+        LastSlot,         // the only one beside that of the recovery code
+        Mistyped,         // what was typed can be no recovery code, or is empty
+        WrongKey,         // what was typed opens nothing
+        NeedsRecovery,    // a new recovery code has to come along
+        NeedsPassphrase,  // the passphrase has to come along
+        NotNow,           // who seals or keeps the slot's key does not answer, or is locked
+        Refused,          // who seals or keeps the slot's key can't
+        NotOurs,          // it was handed over: not for this process to write
+        NotStored,        // the file can't be written
+        Failed,           // memory ran out, or OpenSSL could not be loaded
+    };
+    // The ring is as it was, unless it says Done.
+    struct SlotResult {
+        SlotOutcome outcome;
+        std::string reason;  // for a person; where it is done, what else is to be known, or "". No key material.
+    };
+
+    // A fresh recovery code, 28 letters and digits in groups, to be shown once. "" with a line logged on failure.
+    SDSECURITY_OPTIONAL static std::string MakeRecoveryCode();
+
+    // Stretches what was typed for a slot: a recovery code as it was shown, in whatever spelling, or a passphrase.
+    // Takes half a second and 128 MiB; a code that was mistyped is told before. Fresh: for a slot that is to be made.
+    // Standing: for the slot of that kind that the ring has. key: where the slot's key goes, a text for the operations
+    // below, of this process or the one that serves. It opens what the typed text opens; the caller wipes it.
+    enum class SlotUse { Fresh, Standing };
+    SDSECURITY_OPTIONAL SlotResult MakeSlotKey(SlotKind kind, SlotUse use, const std::string& typed, std::string& key);
+
+    // Keys as MakeSlotKey makes them; "" for one that is not at hand.
+    struct SlotKeys {
+        std::string recovery;
+        std::string passphrase;
+    };
+
+    // Makes a slot. What it was to open is tried on the new file before that takes the old one's place.
+    // A plain ring is wrapped: by a slot of any kind but Recovery, and with keys.recovery, fresh. The plain file is
+    // overwritten then; where that can't be done the result's reason tells.
+    // A wrapped one gets the slot beside its others, or anew: Host and Keyring take no key, Passphrase takes
+    // keys.passphrase, fresh.
+    // Where an earlier code or passphrase is to open no more, the master key is made anew as Unprotect does it:
+    // Recovery takes keys.recovery, fresh, and, where there is a slot of it, keys.passphrase, standing; Passphrase,
+    // where there is one, both fresh.
+    SDSECURITY_OPTIONAL SlotResult Protect(SlotKind kind, const SlotKeys& keys);
+
+    // Removes a slot, and makes the master key and those of all other slots anew, and a key that seals from then on:
+    // who had the slot and an earlier copy of the file opens nothing that is written later. Takes keys.recovery, fresh,
+    // and, where a slot of it stays, keys.passphrase, standing. The last slot beside Recovery stays.
+    SDSECURITY_OPTIONAL SlotResult Unprotect(SlotKind kind, const SlotKeys& keys);
+
+    // Makes the ring a plain one again.
+    SDSECURITY_OPTIONAL SlotResult UnprotectAll();
+
+    // Opens the ring by its passphrase for this process. key: standing.
+    SDSECURITY_OPTIONAL SlotResult Unlock(const std::string& key);
+
+    // Opens the ring by its recovery code, and makes each slot of Host and Keyring anew that does not open here; the
+    // result's reason names those that could not be made. key: standing.
+    SDSECURITY_OPTIONAL SlotResult Recover(const std::string& key);
 
     SDSecurity(const SDSecurity&) = delete;
     SDSecurity& operator=(const SDSecurity&) = delete;

@@ -1,0 +1,195 @@
+#include "platform/sdsecurity/ring_opener.h"
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <exception>
+#include <map>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+#include "platform/sdsecurity/ring_file.h"
+#include "platform/sdsecurity/ring_text.h"
+
+namespace sd::security {
+namespace {
+
+using KeyRingState = SDSecurity::KeyRingState;
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds kLongest{5};  // that a call waits for a ring to be opened
+constexpr std::chrono::seconds kPause{30};   // before a machine that did not answer is asked again
+constexpr char kPassphraseFile[] = "sdsecurity.passphrase";
+constexpr char kDisagree[] = "a slot of it opens, but not the ring: it was damaged or edited, or its slots disagree";
+
+// What came of one slot: the master key, or why not.
+struct Tried {
+    std::optional<SecretBytes> master;
+    bool isForLater = false;
+    std::string reason;
+};
+
+Tried triedWith(const Slot& slot, const SlotAnswer& answer) {
+    Tried tried{std::nullopt, answer.outcome == SlotAnswer::Outcome::NotNow, answer.reason};
+    if (answer.outcome != SlotAnswer::Outcome::Done) return tried;
+    tried.master = openSlot(slot, answer.key);
+    if (!tried.master) tried.reason = "the key that was kept for it does not open it";
+    return tried;
+}
+
+// What the system handed over to be typed; of state Absent where that is nothing.
+FileRead passphraseHandedOver() {
+    const char* const folder = std::getenv("CREDENTIALS_DIRECTORY");
+    if (!folder || *folder != '/') return {KeyRingState::Absent, {}, ""};
+    FileRead file = readFile(std::string(folder) + '/' + kPassphraseFile, Readers::GroupToo);
+    if (!file.bytes.empty() && file.bytes.back() == '\n') file.bytes.pop_back();
+    return file;
+}
+
+Tried tryPassphrase(const Slot& slot, const FileRead& handedOver) {
+    Tried tried{std::nullopt, false, handedOver.reason};
+    if (handedOver.bytes.empty()) return tried;
+    tried.master = openSlot(slot, stretch(viewOf(handedOver.bytes), slot.stretching));
+    if (!tried.master) tried.reason = "what the system handed over does not open it";
+    return tried;
+}
+
+}  // namespace
+
+// At the slots of one ring. Shared with the threads that make it, which nobody waits for at the end of the process; it
+// holds nothing of the keepers', since the keyring's thread may be the last to have it.
+class RingOpener::Attempt : public std::enable_shared_from_this<Attempt> {
+public:
+    explicit Attempt(const WrappedRing& ring) : mRing(ring) {}
+
+    const WrappedRing& ring() const { return mRing; }
+
+    // Begins, on a thread of its own where there is anybody to ask. watches: whether the keyring is to tell when it has
+    // the key.
+    void begin(const SlotKeepers& keepers, bool watches) {
+        const auto isAtHand = [this](const Slot& slot) {
+            return isTyped(slot.kind) ? slot.kind == SlotKind::Passphrase && !mHandedOver.bytes.empty() : true;
+        };
+        if (std::none_of(mRing.slots.begin(), mRing.slots.end(), isAtHand)) return end();
+        std::thread([self = shared_from_this(), keepers, watches] { self->make(keepers, watches); }).detach();
+    }
+
+    // Asks the machine again, where it is time for that.
+    void beginAgain(const SlotKeepers& keepers) {
+        {
+            const std::lock_guard lock(mMutex);
+            if (!mIsDone || !mAsksLater || !mMaster.empty() || Clock::now() < mBegan + kPause) return;
+            mIsDone = false;
+            mBegan = Clock::now();
+        }
+        std::thread([self = shared_from_this(), keepers] {
+            self->take(*self->mRing.find(SlotKind::Host), keepers);
+            self->end();
+        }).detach();
+    }
+
+    // What has come of it, or does within the time that a first one is waited for.
+    struct Result {
+        SecretBytes master;
+        std::string reason;
+    };
+    Result result(Wait wait) {
+        std::unique_lock lock(mMutex);
+        if (wait == Wait::Yes) mEnded.wait_until(lock, mDeadline, [this] { return mIsDone; });
+        if (!mMaster.empty()) return {mMaster, ""};
+        std::string reason = mIsDone ? "it is locked" : "it is being opened";
+        for (const auto& [kind, why] : mReasons) reason.append("; ").append(nameOf(kind)).append(": ").append(why);
+        return {{}, reason};
+    }
+
+private:
+    void make(const SlotKeepers& keepers, bool watches) {
+        for (const Slot& slot : mRing.slots) {
+            if (slot.kind == SlotKind::Recovery) continue;
+            const Tried tried = take(slot, keepers);
+            if (tried.master) break;
+            if (slot.kind == SlotKind::Keyring && tried.isForLater && watches) watch(slot, keepers);
+        }
+        end();
+    }
+
+    Tried take(const Slot& slot, const SlotKeepers& keepers) {
+        Tried tried;
+        try {
+            tried = isTyped(slot.kind) ? tryPassphrase(slot, mHandedOver) : triedWith(slot, keepers.open(slot));
+        } catch (const std::exception& error) {
+            tried = {std::nullopt, true, error.what()};
+        }
+        note(slot, tried);
+        return tried;
+    }
+
+    void watch(const Slot& slot, const SlotKeepers& keepers) {
+        keepers.watch(slot, [self = shared_from_this()](const SlotAnswer& answer) {
+            const Slot& keyring = *self->mRing.find(SlotKind::Keyring);
+            self->note(keyring, triedWith(keyring, answer));
+        });
+    }
+
+    void note(const Slot& slot, const Tried& tried) {
+        const std::lock_guard lock(mMutex);
+        if (tried.master) mMaster = *tried.master;
+        if (slot.kind == SlotKind::Host) mAsksLater = tried.isForLater;
+        tried.reason.empty() ? void(mReasons.erase(slot.kind)) : void(mReasons[slot.kind] = tried.reason);
+    }
+
+    void end() {
+        const std::lock_guard lock(mMutex);
+        mIsDone = true;
+        mEnded.notify_all();
+    }
+
+    const WrappedRing mRing;
+    const FileRead mHandedOver = passphraseHandedOver();  // before there is a thread: the environment may change
+    const Clock::time_point mDeadline = Clock::now() + kLongest;
+    std::mutex mMutex;  // guards what follows
+    std::condition_variable mEnded;
+    Clock::time_point mBegan = Clock::now();
+    bool mIsDone = false;
+    bool mAsksLater = false;  // the machine
+    SecretBytes mMaster;
+    std::map<SlotKind, std::string> mReasons;
+};
+
+void RingOpener::reset() {
+    mMaster = SecretBytes();
+    mOpened.reset();
+    mAttempt.reset();
+}
+
+void RingOpener::keep(const WrappedRing& ring, const SecretBytes& master) {
+    mMaster = master;
+    mOpened = ring;
+}
+
+void RingOpener::tryWhatIsAtHand(const WrappedRing& ring) {
+    if (mAttempt && haveSameSlots(mAttempt->ring(), ring)) return mAttempt->beginAgain(mKeepers);
+    mAttempt = std::make_shared<Attempt>(ring);
+    mAttempt->begin(mKeepers, mWatchesKeyring);
+}
+
+RingOpener::Opened RingOpener::open(const WrappedRing& ring, Wait wait) {
+    if (!mMaster.empty()) {
+        if (std::optional<SecretBytes> text = openRing(ring, mMaster)) {
+            mOpened = ring;
+            return {KeyRingState::Usable, std::move(*text), ""};
+        }
+        if (mOpened && haveSameSlots(*mOpened, ring)) return {KeyRingState::Broken, {}, kDisagree};
+    }
+    tryWhatIsAtHand(ring);
+    Attempt::Result result = mAttempt->result(wait);
+    if (result.master.empty()) return {KeyRingState::Locked, {}, std::move(result.reason)};
+    std::optional<SecretBytes> text = openRing(ring, result.master);
+    if (!text) return {KeyRingState::Broken, {}, kDisagree};
+    keep(ring, result.master);
+    return {KeyRingState::Usable, std::move(*text), ""};
+}
+
+}  // namespace sd::security

@@ -1,0 +1,54 @@
+// Opens wrapped rings without asking anybody who types.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "platform/sdsecurity/sdsecurity.h"
+#include "platform/sdsecurity/slot_keepers.h"
+#include "platform/sdsecurity/wrapped_ring.h"
+
+namespace sd::security {
+
+// Whether what needs a ring waits while it is being opened.
+enum class Wait { No, Yes };
+
+// Keeps the master key that opened a ring. Without one that fits it tries, for each set of slots that it meets, what is
+// at hand: a passphrase that the system handed over ($CREDENTIALS_DIRECTORY/sdsecurity.passphrase), the machine, and
+// the login keyring. That may take seconds and is done by a thread of its own. A machine that does not answer is asked
+// again later; the keyring tells by itself. Guarded by its user's mutex.
+class RingOpener {
+public:
+    // Forgets the master key, and what was tried.
+    void reset();
+
+    // For a process that stays: from now on a ring is opened, too, when the keyring is unlocked.
+    void watchKeyring() { mWatchesKeyring = true; }
+
+    struct Opened {
+        SDSecurity::KeyRingState state;  // Usable, Locked or Broken
+        SecretBytes text;
+        std::string reason;
+    };
+    Opened open(const WrappedRing& ring, Wait wait);
+
+    // For a ring that was opened otherwise, or made.
+    void keep(const WrappedRing& ring, const SecretBytes& master);
+    const SecretBytes& master() const { return mMaster; }
+
+    SlotKeepers& keepers() { return mKeepers; }
+    const SlotKeepers& keepers() const { return mKeepers; }
+
+private:
+    class Attempt;
+    void tryWhatIsAtHand(const WrappedRing& ring);
+
+    SlotKeepers mKeepers;
+    SecretBytes mMaster;                 // empty without one
+    std::optional<WrappedRing> mOpened;  // by it, the last time
+    std::shared_ptr<Attempt> mAttempt;
+    bool mWatchesKeyring = false;
+};
+
+}  // namespace sd::security

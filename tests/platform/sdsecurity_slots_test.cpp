@@ -1,0 +1,333 @@
+// A wrapped key ring as a host sees it: what opens it, what its file holds, and what is refused.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <random>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "platform/sdsecurity/sdsecurity.h"
+#include "tests/support/support.h"
+
+using Kind = sd::SDSecurity::SlotKind;
+using OpenResult = sd::SDSecurity::OpenResult;
+using Outcome = sd::SDSecurity::SlotOutcome;
+using SlotKeys = sd::SDSecurity::SlotKeys;
+using SlotState = sd::SDSecurity::SlotState;
+using State = sd::SDSecurity::KeyRingState;
+using Use = sd::SDSecurity::SlotUse;
+using test::readFile;
+using test::writeFile;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+namespace {
+
+// Made once, apart from this code, by Python's `cryptography`: the ring is sealed under bytes(range(0x40, 0x60)), M,
+// and that for the recovery code below, without its dashes, and for the passphrase, with s the slot's line up to the
+// nonce:
+//   AESGCM(hashlib.scrypt(typed, salt=salt, n=1 << 15, r=8, p=1, maxmem=1 << 28, dklen=32)).encrypt(nonce, M,
+//       b"sdsecurity slot v1\n" + s)
+const std::string kPlainRing =
+    "sdsecurity-keys 2\nform 2\n"
+    "dc4bc7547e35e387 opening - - 000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f\n"
+    "07f9fd67daa9576e sealing 1764100000 1.1.0 202122232425262728292a2b2c2d2e2f303132333435363738393a3b3c3d3e3f\n"
+    "sum 94c7530d7d086ea1cf48256980de80cf9ea20ab07b601b7319e32735044ed885\n";
+const std::string kWrapped =
+    "sdsecurity-wrapped-keys 1\n"
+    "slot recovery 1764100000 15 000102030405060708090a0b0c0d0e0f a0a1a2a3a4a5a6a7a8a9aaab 3f0080839470ed"
+    "64136f88ceb33229bfacde05d99dfa9f3fd97bc5560016a8b1748f118aa3aa7ad9e2fd5aedb59418a4\n"
+    "slot passphrase 1764100000 15 101112131415161718191a1b1c1d1e1f b0b1b2b3b4b5b6b7b8b9babb f8d728b33bb1"
+    "d8333851fb6cdc174a0e25b31fb92e7052380e45303791db742406c1fbac521057e2594668dd799f09bb\n"
+    "ring c0c1c2c3c4c5c6c7c8c9cacb 2c2043ab19ef4f8200c0095dcedad1edadff383eac430e3af6d750584a194d73b00136"
+    "b4c4c32584dd101d622e532d5d0aa465152c5c117887824f43d93bd1653f99ef63a06346189030d41fa441f247eefba1caaf"
+    "4b1a6256b2eb164eedcb35d886e89a264616bef1b38facd6636b52427c5307eee62025a30d192ef57e22a96906982c10c37b"
+    "8b1bfd829c73f1d808371bfd213118d12bb01c614cc28e15bdd61636adab66c94325f821efa9fc4a9e7e0e7349c2993bacfd"
+    "0f944ec3dbf9a7a9b3b3bf5432b3fb4b3b8fcba536787415718b40847c2b64eddf163bf017791ca8860006b932ebd099fa38"
+    "096513eda1df7650a68129097a40f53dd560150f7c61f073d9762e99626788f44e00af8544d14c4feabc45be54141777d6a0"
+    "14e36cb7569085e96f15ea484e4ba4e4519cec56289de443064d\n";
+const std::string kCode = "0123-4567-89AB-CDEF-GHJK-MNPQ-RSJR";
+const std::string kPassphrase = "correct horse";
+const std::string kEnvelope = "v13EvHVH4144egoaKjpKWmp6ipqquWeQ9eRbxtzQbFBlq8RzUfLd7gs9zoWM9O";
+const std::string kPlain("pass\0word", 9);
+
+class SlotsTest : public testing::Test {
+protected:
+    SlotsTest() { security.SetKeyRingFolder(folder.path()); }
+    ~SlotsTest() override { EXPECT_FALSE(log.has("0b0c0d0e0f") || log.has("4b4c4d4e4f")) << "a key was logged"; }
+
+    void writeRing(const std::string& text) {
+        std::filesystem::remove(ring);
+        writeFile(ring, text);
+        ::chmod(ring.c_str(), 0600);
+        security.SetKeyRingFolder(folder.path());
+        log.clear();
+    }
+    State state() { return security.CheckKeyRing().state; }
+    std::string seal(const std::string& plain) { return security.FastEncrypt(plain); }
+    std::string open(const std::string& text) { return security.FastDecrypt(text); }
+    // As it comes up in a process that has opened nothing yet.
+    void beginAnew() { security.SetKeyRingFolder(folder.path()); }
+
+    std::string keyOf(Kind kind, const std::string& typed) {
+        std::string key;
+        EXPECT_EQ(security.MakeSlotKey(kind, Use::Standing, typed, key).outcome, Outcome::Done);
+        return key;
+    }
+    // As MakeSlotKey makes a fresh one, but for the least cost that is allowed.
+    std::string freshKey(const std::string& typed) {
+        static unsigned char sCount = 0;
+        const std::string salt(16, static_cast<char>('A' + ++sCount));
+        unsigned char key[32];
+        EXPECT_EQ(::EVP_PBE_scrypt(typed.data(), typed.size(), reinterpret_cast<const unsigned char*>(salt.data()), 16,
+                                   1U << 15U, 8, 1, 1UL << 28U, key, sizeof key),
+                  1);
+        return "15 " + hex(salt) + ' ' + hex({reinterpret_cast<char*>(key), sizeof key});
+    }
+    static std::string hex(const std::string& bytes) {
+        std::string text;
+        for (const unsigned char byte : bytes)
+            for (const int digit : {byte >> 4, byte & 15}) text += "0123456789abcdef"[digit];
+        return text;
+    }
+    Outcome unlock(const std::string& typed) { return security.Unlock(keyOf(Kind::Passphrase, typed)).outcome; }
+    std::vector<Kind> kinds() {
+        std::vector<Kind> all;
+        for (const auto& slot : security.Slots()) all.push_back(slot.kind);
+        return all;
+    }
+
+    test::ScopedEnv noCredentials{"CREDENTIALS_DIRECTORY", nullptr};
+    test::TempDir folder;
+    test::LogCapture log;
+    const std::string ring = folder / "sdsecurity.keys";
+    sd::SDSecurity& security = *sd::SDSecurity::GetInstance();
+};
+
+TEST_F(SlotsTest, KeepsTheFormatAndIsLockedUntilSomethingOpensIt) {
+    writeRing(kWrapped);
+    EXPECT_EQ(state(), State::Locked);
+    for (int i = 0; i < 100; ++i) EXPECT_TRUE(open(kEnvelope).empty() && seal("x").empty());
+    EXPECT_EQ(log.count("it is locked", 7), 1) << "not one for each call";
+    OpenResult why{};
+    security.DecryptForRow({"sdconfig.db", "secure_v3", "k"}, kEnvelope, &why);
+    EXPECT_EQ(why, OpenResult::RingLocked);
+    EXPECT_FALSE(security.RotateKey());
+    EXPECT_EQ(security.SelfTest(), "");
+    EXPECT_EQ(readFile(ring), kWrapped);
+    EXPECT_THAT(kinds(), ElementsAre(Kind::Recovery, Kind::Passphrase));
+
+    EXPECT_EQ(unlock("correct house"), Outcome::WrongKey);
+    EXPECT_EQ(security.Unlock(keyOf(Kind::Recovery, kCode)).outcome, Outcome::WrongKey);
+    EXPECT_EQ(state(), State::Locked);
+    EXPECT_EQ(unlock(kPassphrase), Outcome::Done);
+    EXPECT_EQ(open(kEnvelope), kPlain);
+    EXPECT_EQ(open(seal("x")), "x");
+    EXPECT_EQ(log.count("it is open now", 6), 1);
+    beginAnew();
+    EXPECT_EQ(open(kEnvelope), "");
+    EXPECT_EQ(security.Recover(keyOf(Kind::Recovery, "o1234567 89abcdefghjk-mnpq-rsjr")).outcome, Outcome::Done);
+    EXPECT_EQ(open(kEnvelope), kPlain);
+    EXPECT_EQ(readFile(ring), kWrapped);
+
+    const test::TempDir unit;
+    const test::ScopedEnv credentials("CREDENTIALS_DIRECTORY", unit.path().c_str());
+    writeFile(unit / "sdsecurity.passphrase", "wrong\n");
+    ::chmod((unit / "sdsecurity.passphrase").c_str(), 0440);
+    beginAnew();
+    EXPECT_THAT(security.CheckKeyRing().detail, HasSubstr("passphrase: what the system handed over does not open it"));
+    writeFile(unit / "sdsecurity.passphrase", kPassphrase + "\n");
+    beginAnew();
+    EXPECT_EQ(security.OpenKeyRingAhead().state, State::Locked);
+    EXPECT_EQ(open(kEnvelope), kPlain) << "what needs the ring waits for it";
+}
+
+TEST_F(SlotsTest, NeitherTakesADamagedRingForAnAbsentOneNorOpensIt) {
+    writeRing(kWrapped);
+    const std::string passphrase = keyOf(Kind::Passphrase, kPassphrase), code = keyOf(Kind::Recovery, kCode);
+    std::mt19937 random(1);
+    const auto below = [&](std::size_t limit) {
+        return std::uniform_int_distribution<std::size_t>(0, limit - 1)(random);
+    };
+    int broken = 0;
+    for (int i = 0; i < 10000; ++i) {
+        std::string text = kWrapped;
+        const std::size_t at = below(text.size()), length = 1 + below(8);
+        if (i % 4 == 0)
+            text.erase(at, length);
+        else if (i % 4 == 1)
+            text.insert(at, text.substr(below(text.size()), length));
+        else if (i % 4 == 2)
+            text[at] = static_cast<char>(static_cast<unsigned char>(text[at]) ^ 1U << below(8));
+        else
+            std::swap(text[at], text[below(text.size())]);
+        if (text == kWrapped) continue;
+        writeRing(text);
+        const State before = state();
+        ASSERT_TRUE(before == State::Broken || before == State::Locked) << text;
+        broken += before == State::Broken;
+        ASSERT_FALSE(security.Unlock(passphrase).outcome == Outcome::Done ||
+                     security.Recover(code).outcome == Outcome::Done)
+            << text;
+        ASSERT_TRUE(open(kEnvelope).empty() && readFile(ring) == text) << text;
+    }
+    EXPECT_GT(broken, 5000);
+
+    const auto with = [](const std::string& old, const std::string& other) {
+        std::string text = kWrapped;
+        return text.replace(text.find(old), old.size(), other);
+    };
+    const std::size_t second = kWrapped.find("slot passphrase"), last = kWrapped.find("ring c0");
+    const std::string line = kWrapped.substr(second, last - second), other = "slot passphrase 1764100001";
+    const std::pair<const char*, std::string> cases[] = {
+        {"a later version", with("keys 1", "keys 2")},
+        {"line 3 holds a slot of an unknown kind, as a later version made it", with("slot passphrase", "slot palm")},
+        {"line 4 repeats a kind of slot", with("ring c0", line + "ring c0")},
+        {"line 3 is not where its kind of slot stands", with("slot recovery", line + "slot recovery")},
+        {"it has no recovery slot", with(kWrapped.substr(0, second), "sdsecurity-wrapped-keys 1\n")},
+        {"line 2 holds no cost that is allowed", with(" 15 0", " 19 0")},
+        {"line 3 holds no time", with("passphrase 17", "passphrase 017")},
+        {"its last line holds no ring", with("ring c0", "rung c0")}};
+    for (const auto& [why, text] : cases) {
+        writeRing(text);
+        EXPECT_THAT(security.CheckKeyRing().detail, HasSubstr(why));
+        EXPECT_EQ(state(), State::Broken);
+    }
+    // A slot of another ring, beside one that still opens.
+    writeRing(with("slot passphrase 1764100000", other));
+    EXPECT_EQ(security.Recover(code).outcome, Outcome::RingUnusable);
+}
+
+TEST_F(SlotsTest, TellsAMistypedCodeBeforeItIsStretched) {
+    const std::string code = sd::SDSecurity::MakeRecoveryCode();
+    EXPECT_THAT(code, testing::MatchesRegex("([0-9A-HJKMNP-TV-Z]{4}-){6}[0-9A-HJKMNP-TV-Z]{4}"));
+    EXPECT_NE(sd::SDSecurity::MakeRecoveryCode(), code);
+    const auto mistyped = [this](const std::string& typed) {
+        std::string key;
+        return security.MakeSlotKey(Kind::Recovery, Use::Standing, typed, key).outcome == Outcome::Mistyped;
+    };
+    EXPECT_FALSE(mistyped(code)) << "there is no ring";
+    for (std::size_t i = 0; i < code.size(); ++i) {
+        if (code[i] == '-') continue;
+        for (const char other : std::string("0123456789ABCDEFGHJKMNPQRSTVWXYZ")) {
+            std::string wrong = code;
+            wrong[i] = other;
+            EXPECT_TRUE(other == code[i] || mistyped(wrong)) << wrong;
+        }
+        const std::size_t next = i + 1 < code.size() && code[i + 1] == '-' ? i + 2 : i + 1;
+        std::string swapped = code;
+        if (next < code.size()) std::swap(swapped[i], swapped[next]);
+        EXPECT_TRUE(swapped == code || mistyped(swapped)) << swapped;
+    }
+    for (const std::string& typed : {std::string(), code + "0", code.substr(1), "U" + code.substr(1), code + "\n"})
+        EXPECT_TRUE(mistyped(typed)) << typed;
+}
+
+TEST_F(SlotsTest, WrapsAPlainRingAndKeepsItWrapped) {
+    writeRing(kPlainRing);
+    EXPECT_EQ(open(kEnvelope), kPlain);
+    const std::string code = freshKey("code"), passphrase = freshKey("words");
+    EXPECT_EQ(security.Protect(Kind::Passphrase, {"", passphrase}).outcome, Outcome::NeedsRecovery);
+    EXPECT_EQ(security.Protect(Kind::Passphrase, {code, ""}).outcome, Outcome::NeedsPassphrase);
+    EXPECT_EQ(security.Protect(Kind::Recovery, {code, ""}).outcome, Outcome::NotWrapped);
+    EXPECT_EQ(security.Protect(Kind::Host, {code, ""}).outcome, Outcome::NotNow);
+    EXPECT_EQ(security.Unprotect(Kind::Passphrase, {}).outcome, Outcome::NotWrapped);
+    EXPECT_EQ(security.UnprotectAll().outcome, Outcome::NotWrapped);
+    EXPECT_EQ(readFile(ring), kPlainRing);
+
+    const int plain = ::open(ring.c_str(), O_RDONLY | O_CLOEXEC);
+    const auto result = security.Protect(Kind::Passphrase, {code, passphrase});
+    EXPECT_TRUE(result.outcome == Outcome::Done && result.reason.empty()) << result.reason;
+    std::string left(kPlainRing.size(), 'x');
+    EXPECT_EQ(::pread(plain, left.data(), left.size(), 0), left.size());
+    EXPECT_EQ(left, std::string(left.size(), '\0')) << "the plain bytes are overwritten";
+    ::close(plain);
+    const std::string wrapped = readFile(ring);
+    EXPECT_EQ(wrapped.find("sdsecurity-wrapped-keys 1\nslot recovery "), 0U);
+    EXPECT_EQ(wrapped.find("2021222324"), std::string::npos);
+    EXPECT_EQ(open(kEnvelope), kPlain);
+
+    // A plain ring in its place is none that it can have become.
+    writeFile(ring, kPlainRing);
+    EXPECT_EQ(security.Protect(Kind::Passphrase, {code, passphrase}).outcome, Outcome::RingUnusable);
+    EXPECT_FALSE(security.RotateKey());
+    EXPECT_EQ(state(), State::Broken);
+    EXPECT_EQ(open(kEnvelope), kPlain);
+    for (int i = 0; i < 600; ++i) seal("x");
+    EXPECT_TRUE(log.has("a plain key ring stands there", 6));
+    EXPECT_EQ(readFile(ring), kPlainRing);
+    writeFile(ring, wrapped);
+
+    // All that writes the ring writes it wrapped, with the same slots.
+    EXPECT_TRUE(security.RotateKey());
+    const std::string sealed = seal("x"), slots = wrapped.substr(0, wrapped.find("ring "));
+    EXPECT_NE(readFile(ring), wrapped);
+    EXPECT_EQ(readFile(ring).substr(0, slots.size()), slots);
+    std::filesystem::remove(ring);
+    for (int i = 0; i < 600; ++i) seal("x");
+    EXPECT_EQ(readFile(ring).substr(0, slots.size()), slots) << "written again from memory";
+    for (const std::string& key : {passphrase, code}) {
+        beginAnew();
+        EXPECT_EQ(open(sealed), "");
+        EXPECT_EQ((key == code ? security.Recover(key) : security.Unlock(key)).outcome, Outcome::Done);
+        EXPECT_EQ(open(sealed), "x");
+    }
+    EXPECT_EQ(security.UnprotectAll().outcome, Outcome::Done);
+    beginAnew();
+    EXPECT_EQ(open(sealed), "x");
+    EXPECT_EQ(readFile(ring).find("sdsecurity-keys 2\n"), 0U);
+}
+
+TEST_F(SlotsTest, LeavesThePlainBytesWhereTheyHaveAnotherName) {
+    writeRing(kPlainRing);
+    std::filesystem::create_hard_link(ring, folder / "other");
+    const auto result = security.Protect(Kind::Passphrase, {freshKey("code"), freshKey("words")});
+    EXPECT_EQ(result.outcome, Outcome::Done);
+    EXPECT_THAT(result.reason, HasSubstr("it has another name"));
+    EXPECT_EQ(readFile(folder / "other"), kPlainRing);
+}
+
+TEST_F(SlotsTest, ANewCodeOrPassphraseMakesAllAnew) {
+    writeRing(kWrapped);
+    const std::string oldCode = keyOf(Kind::Recovery, kCode), oldPassphrase = keyOf(Kind::Passphrase, kPassphrase);
+    EXPECT_EQ(security.Protect(Kind::Recovery, {freshKey("c"), oldPassphrase}).outcome, Outcome::Locked);
+    ASSERT_EQ(security.Unlock(oldPassphrase).outcome, Outcome::Done);
+    const std::string code = freshKey("code");
+    EXPECT_EQ(security.Protect(Kind::Recovery, {code, ""}).outcome, Outcome::NeedsPassphrase);
+    EXPECT_EQ(security.Protect(Kind::Recovery, {code, freshKey(kPassphrase)}).outcome, Outcome::WrongKey);
+    EXPECT_EQ(security.Protect(Kind::Recovery, {oldCode, oldPassphrase}).outcome, Outcome::NeedsRecovery);
+    EXPECT_EQ(security.Unprotect(Kind::Passphrase, {code, ""}).outcome, Outcome::LastSlot);
+    EXPECT_EQ(security.Unprotect(Kind::Keyring, {code, ""}).outcome, Outcome::NoSuchSlot);
+    EXPECT_EQ(readFile(ring), kWrapped);
+
+    EXPECT_EQ(security.Protect(Kind::Recovery, {code, oldPassphrase}).outcome, Outcome::Done);
+    const std::string sealed = seal("x");
+    beginAnew();
+    EXPECT_EQ(security.Recover(oldCode).outcome, Outcome::WrongKey);
+    EXPECT_EQ(security.Recover(code).outcome, Outcome::Done);
+    EXPECT_EQ(open(sealed), "x");
+    const std::string code2 = freshKey("code 2"), passphrase2 = freshKey("words 2");
+    EXPECT_EQ(security.Protect(Kind::Passphrase, {"", passphrase2}).outcome, Outcome::NeedsRecovery);
+    EXPECT_EQ(security.Protect(Kind::Passphrase, {code2, passphrase2}).outcome, Outcome::Done);
+    const std::string later = seal("later");
+    beginAnew();
+    for (const std::string& key : {code, oldCode}) EXPECT_EQ(security.Recover(key).outcome, Outcome::WrongKey);
+    EXPECT_EQ(security.Unlock(oldPassphrase).outcome, Outcome::WrongKey);
+    EXPECT_EQ(security.Unlock(passphrase2).outcome, Outcome::Done);
+    EXPECT_EQ(open(sealed) + open(kEnvelope) + open(later), "x" + kPlain + "later");
+    writeRing(kWrapped);
+    EXPECT_EQ(security.Recover(oldCode).outcome, Outcome::Done);
+    EXPECT_EQ(open(later) + open(sealed), "") << "by an earlier copy of the file and its code";
+}
+
+}  // namespace
