@@ -22,6 +22,7 @@ using KeyRingState = SDSecurity::KeyRingState;
 // One lock for everything in the folder that is written. It has a file of its own, since the others are replaced.
 constexpr char kLockName[] = "sdsecurity.lock";
 constexpr std::chrono::milliseconds kLockRetry{5};
+constexpr std::size_t kUsualText = 4096;  // that a file is no longer than
 
 FileRead broken(const std::string& reason) {
     return {KeyRingState::Broken, {}, reason};
@@ -71,9 +72,11 @@ std::string parentOf(const std::string& path) {
 
 FileRead readDescriptor(int descriptor) {
     // One more than allowed tells a file of the bound from a longer one.
-    SecretBytes bytes(kMaxWrappedText + 1);
+    constexpr std::size_t kMost = kMaxWrappedText + 1;
+    SecretBytes bytes(kUsualText);
     std::size_t size = 0;
-    for (bool seekable = true; size < bytes.size();) {
+    for (bool seekable = true; size < kMost;) {
+        if (size == bytes.size()) bytes.resize(std::min(2 * size, kMost));
         unsigned char* const at = bytes.data() + size;
         const ssize_t count = seekable ? ::pread(descriptor, at, bytes.size() - size, static_cast<off_t>(size))
                                        : ::read(descriptor, at, bytes.size() - size);
