@@ -21,6 +21,9 @@ endif()
 
 install(TARGETS sdconfigd sdconfig_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT programs)
 install(TARGETS sdconfig_data RUNTIME DESTINATION ${data_program_dir} COMPONENT programs)
+if(TARGET sdconfig_keyring)
+    install(TARGETS sdconfig_keyring RUNTIME DESTINATION ${data_program_dir} COMPONENT keyring)
+endif()
 install(TARGETS sdconfig sdbus sdsecurity velmarlog EXPORT sdconfig-targets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT libraries NAMELINK_COMPONENT development)
 

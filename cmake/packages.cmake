@@ -1,9 +1,13 @@
 # cpack -G DEB: one package a component. scripts/package drives it.
 set(debian_revision 1)
 set(packages libraries development programs)
+if(TARGET sdconfig_keyring)
+    list(APPEND packages keyring)
+endif()
 set(package_of_libraries libsdconfig${PROJECT_VERSION_MAJOR})
 set(package_of_development libsdconfig-dev)
 set(package_of_programs sdconfig)
+set(package_of_keyring sdconfig-keyring)
 
 # What every package has in its folder of documents, and an installation by cmake has not.
 find_program(GZIP gzip REQUIRED)
@@ -84,7 +88,19 @@ set(CPACK_DEBIAN_PROGRAMS_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PROGRAMS_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PROGRAMS_PACKAGE_DEPENDS ${exactly_libraries})
 set(CPACK_DEBIAN_PROGRAMS_PACKAGE_RECOMMENDS "systemd, libpam-systemd")
+set(CPACK_DEBIAN_PROGRAMS_PACKAGE_SUGGESTS ${package_of_keyring})
 set(CPACK_DEBIAN_PROGRAMS_PACKAGE_CONTROL_EXTRA
     ${PROJECT_SOURCE_DIR}/packaging/debian/postinst ${PROJECT_SOURCE_DIR}/packaging/debian/prerm
     ${PROJECT_SOURCE_DIR}/packaging/debian/postrm)
+
+set(CPACK_COMPONENT_KEYRING_DESCRIPTION "configuration service of a desktop client (login keyring)
+Settings, sealed values and policies, read and written through one service
+process of the user. With this package the service can have the login keyring
+of the desktop open its own key ring. It stands apart for the libraries that
+it draws.")
+set(CPACK_DEBIAN_KEYRING_PACKAGE_NAME ${package_of_keyring})
+set(CPACK_DEBIAN_KEYRING_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_KEYRING_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_KEYRING_PACKAGE_DEPENDS "${package_of_programs} (= ${PROJECT_VERSION}-${debian_revision})")
+set(CPACK_DEBIAN_KEYRING_PACKAGE_SUGGESTS gnome-keyring)
 include(CPack)

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Uses what is installed, as an ordinary user: packaging/smoke-test.sh programs|examples|documents
+# Uses what is installed, as an ordinary user: packaging/smoke-test.sh programs|keyring|examples|documents
 set -Eeuo pipefail
 trap 'echo "packaging/smoke-test.sh: line $LINENO failed" >&2' ERR
 here=$(realpath "$(dirname "$0")")
@@ -29,6 +29,7 @@ listen() {
 }
 
 try_programs() {
+    ! compgen -G '/usr/lib/*/libglib-2.0.so*' >/dev/null  # the login keyring's package alone draws it
     listen
     test ! -e "$HOME/.local"  # nobody called yet
     sdconfig list >/dev/null  # asks who serves before it reads that one's data
@@ -60,6 +61,11 @@ try_programs() {
     # The package has enabled the users' socket, and not the system's.
     test -e /etc/systemd/user/sockets.target.wants/sdconfigd.socket
     test ! -e /etc/systemd/system/sockets.target.wants/sdconfigd.socket
+}
+
+try_keyring() {
+    local id=00112233445566778899aabbccddeeff
+    expect "1 not-now absent: there is no session bus" /usr/libexec/sdconfig/sdconfig-keyring <<<"1 find $id"
 }
 
 try_examples() {
