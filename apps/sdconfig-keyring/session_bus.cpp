@@ -24,7 +24,7 @@ std::string variable(const char* name) {
 
 // As told, or where systemd has it. Never one that a library would start: that is nobody's session.
 std::string sessionAddress() {
-    const std::string told = variable(kAddress);
+    std::string told = variable(kAddress);
     if (!told.empty() && told.find("autolaunch:") == std::string::npos) return told;
     const std::string folder = variable("XDG_RUNTIME_DIR");
     if (folder.empty()) return "";

@@ -120,7 +120,7 @@ std::string endOf(pid_t process) {
     pid_t seen = 0;
     do seen = ::waitpid(process, &status, 0);
     while (seen < 0 && errno == EINTR);
-    const std::string ended = std::string(kName) + " ended";
+    std::string ended = std::string(kName) + " ended";
     if (seen != process) return ended;  // the host waits for all its children
     if (WIFEXITED(status)) return ended + " with code " + std::to_string(WEXITSTATUS(status));
     return WTERMSIG(status) == SIGKILL ? ended : ended + " by signal " + std::to_string(WTERMSIG(status));
@@ -196,6 +196,8 @@ bool KeyringHelper::isForkedChild() const {
 SlotAnswer KeyringHelper::ask(std::string_view word, std::string_view rest,
                               std::optional<std::chrono::milliseconds> limit) {
     if (isForkedChild()) return notNow("a forked process can't ask it");  // the mutex may be held here for good
+    if (word != keyring::kStore && !keyring::isItemId(rest))
+        return unanswered(Outcome::Refused, "the slot names no item");
     std::unique_lock lock(mMutex);
     mChanged.wait(lock, [this] { return mState != State::Ending; });
     if (mState == State::Off && !start()) return notNow(mFailure);

@@ -40,7 +40,7 @@ class KeyringSlotTest : public testing::Test {
 protected:
     // A shell script that has the number and the words of the first request.
     std::string standIn(const std::string& script) {
-        const std::string program = mFolder / ("stand-in" + std::to_string(++mPrograms));
+        std::string program = mFolder / ("stand-in" + std::to_string(++mPrograms));
         test::writeFile(program, "#!/bin/sh\necho >> " + starts() + "\nread number word rest\n" + script + "\n");
         ::chmod(program.c_str(), 0700);
         return program;
@@ -107,6 +107,7 @@ TEST_F(KeyringSlotTest, OneProgramAnswersAllUntilItFails) {
     EXPECT_EQ(stored.outcome, Outcome::Done) << stored.reason;
     EXPECT_EQ(stored.sealed, kId);
     EXPECT_EQ(helper.find(kId).key, kKey);
+    EXPECT_EQ(helper.find(kId + "\n9 forget " + kId).outcome, Outcome::Refused) << "it comes from a file";
     EXPECT_EQ(startCount(), 1U);
 
     EXPECT_EQ(helper.forget(kId).reason, "sdconfig-keyring ended with code 9");
