@@ -162,8 +162,9 @@ TEST_F(HostSlotTest, AnotherTpmOpensNothing) {
         chips.push_back(Process::start({"swtpm", "socket", "--tpm2", "--tpmstate", "dir=" + state.path(), "--server",
                                         "type=unixio,path=" + socket, "--ctrl", "type=unixio,path=" + socket + ".ctrl",
                                         "--flags", "not-need-init,startup-clear"}));
-        ASSERT_TRUE(test::waitUntil([&] { return ::access((socket + ".ctrl").c_str(), F_OK) == 0; }));
         devices.push_back("--tpm2-device=swtpm:path=" + socket);
+        const std::vector<std::string> trial{"systemd-creds", "encrypt", "-T", devices.back(), "--name=", "-", "-"};
+        ASSERT_TRUE(test::waitUntil([&] { return test::run(trial).exitCode == 0; })) << chips.back().err();
     }
     const Listener seal = machine(mFolder, {"--with-key=host+tpm2", devices[0]});
     const SlotAnswer sealed = sealByHost(kKey, seal.path());
