@@ -32,6 +32,7 @@ struct Meaning {
 constexpr Meaning kMeanings[] = {
     {"does not match filename", {kRefused, "it was sealed for another user"}},
     {"in dictionary attack lockout mode", {kLater, "the TPM is locked for some time"}},
+    {"tpm:warn(2.0)", {kLater, "the TPM can't do it now"}},  // it is busy, or has no memory left
     {"TPM2 support is not installed", {kLater, "the libraries for the TPM are missing (libtss2-esys)", true}},
     {"TPM2 support not installed", {kLater, "the libraries for the TPM are missing (libtss2-esys)", true}},
     {"No TPM2 (tpmrm) device found", {kRefused, "it was sealed with a TPM, and there is none"}},
