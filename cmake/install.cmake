@@ -20,7 +20,7 @@ if(NOT SDCONFIG_LAYERS_INSIDE)
 endif()
 
 install(TARGETS sdconfigd sdconfig_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT programs)
-install(TARGETS sdconfig_data RUNTIME DESTINATION ${data_program_dir} COMPONENT programs)
+install(TARGETS sdconfig_data sdconfig_seal RUNTIME DESTINATION ${data_program_dir} COMPONENT programs)
 if(TARGET sdconfig_keyring)
     install(TARGETS sdconfig_keyring RUNTIME DESTINATION ${data_program_dir} COMPONENT keyring)
 endif()

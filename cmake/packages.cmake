@@ -88,7 +88,9 @@ set(CPACK_DEBIAN_PROGRAMS_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PROGRAMS_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PROGRAMS_PACKAGE_DEPENDS ${exactly_libraries})
 set(CPACK_DEBIAN_PROGRAMS_PACKAGE_RECOMMENDS "systemd, libpam-systemd")
-set(CPACK_DEBIAN_PROGRAMS_PACKAGE_SUGGESTS ${package_of_keyring})
+# The libtss2 ones are what systemd-creds loads where there is a TPM.
+set(CPACK_DEBIAN_PROGRAMS_PACKAGE_SUGGESTS
+    "${package_of_keyring}, libtss2-esys-3.0.2-0, libtss2-mu0, libtss2-rc0, libtss2-tcti-device0")
 set(CPACK_DEBIAN_PROGRAMS_PACKAGE_CONTROL_EXTRA
     ${PROJECT_SOURCE_DIR}/packaging/debian/postinst ${PROJECT_SOURCE_DIR}/packaging/debian/prerm
     ${PROJECT_SOURCE_DIR}/packaging/debian/postrm)

@@ -63,8 +63,35 @@ try() { # tester|root, FOLDER of its data, FOLDER for changes of its units
     expect "of $who" "${sdconfig[@]}" secure get mail.password
 }
 
+# Asks the seal as somebody, and prints what it answers.
+seal() { # tester|root REQUEST
+    "as_$1" perl -MIO::Socket::UNIX -e '
+        my $seal = IO::Socket::UNIX->new("/run/sdconfig/seal") or die "no seal: $!";
+        $seal->syswrite("$ARGV[0]\n");
+        print <$seal>' -- "$2"
+}
+
+try_seal() {
+    local key sealed
+    key=$(printf '%064d' 7)
+    sealed=$(seal tester "seal $key")
+    expect "key $key" seal tester "open ${sealed#sealed }"
+    expect "refused it was sealed for another user" seal root "open ${sealed#sealed }"
+    mv /var/lib/systemd/credential.secret /root/away
+    systemctl restart sdconfig-seal.socket  # makes another one, as another machine has
+    seal tester "open ${sealed#sealed }" | grep '^refused it was sealed by another machine'
+    mv /root/away /var/lib/systemd/credential.secret
+    expect "key $key" seal tester "open ${sealed#sealed }"
+    for _ in {1..300}; do seal tester garbage >/dev/null; done  # it is not shut for that
+    expect "key $key" seal tester "open ${sealed#sealed }"
+    expect "" systemctl list-units --failed --plain --no-legend 'sdconfig-seal*'
+    journalctl -q -t sdconfig-seal | grep -c "open: user $(id -u tester), process"
+    ! journalctl -q -t sdconfig-seal | grep -F "$key" || return 1
+}
+
 wait_for test -S "$runtime/bus"
 try tester /home/tester/.local/share/sdconfig /home/tester/.config/systemd/user
 systemctl enable -q sdconfigd.socket  # off until it is wanted
 try root /var/lib/sdconfig /run/systemd/system
+try_seal
 echo "packaging/units-test.sh: the units work"
