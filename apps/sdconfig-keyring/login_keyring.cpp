@@ -135,7 +135,7 @@ SlotAnswer LoginKeyring::store(const SecretBytes& key) {
 
 SlotAnswer LoginKeyring::find(const std::string& id, Starting starting) {
     return attempt(starting, kReadLimit, [&] {
-        const Items items = search(id);
+        const Items items = itemsOf(id);
         for (const std::string& item : items.unlocked) {
             SlotAnswer answer = done();
             answer.key = contentOf(item.c_str());
@@ -143,14 +143,13 @@ SlotAnswer LoginKeyring::find(const std::string& id, Starting starting) {
         }
         if (!items.unlocked.empty()) throw Failure{Outcome::Refused, kChanged};
         if (items.hasLocked) throw Failure{Outcome::NotNow, kLocked};
-        defaultCollection();  // some don't tell of items as long as they are locked
         throw Failure{Outcome::Refused, kGone};
     });
 }
 
 SlotAnswer LoginKeyring::forget(const std::string& id) {
     return attempt(Starting::Allowed, kWriteLimit, [&] {
-        const Items items = search(id);
+        const Items items = itemsOf(id);
         for (const std::string& item : items.unlocked) {
             const Handle<GVariant> deleted = callKeyring(item.c_str(), kItem, "Delete", nullptr, "(o)");
             const char* prompt = nullptr;
@@ -158,7 +157,6 @@ SlotAnswer LoginKeyring::forget(const std::string& id) {
             refusePrompt(prompt);
         }
         if (items.hasLocked) throw Failure{Outcome::NotNow, kLocked};
-        if (items.unlocked.empty()) defaultCollection();
         return done();
     });
 }
@@ -264,6 +262,14 @@ std::string LoginKeyring::defaultCollection() {
     if (!g_variant_is_of_type(value, G_VARIANT_TYPE_BOOLEAN) || g_variant_get_boolean(value))
         throw Failure{Outcome::NotNow, kLocked};
     return path;
+}
+
+// A keyring that is locked need not tell of its items, so none are there only where it was unlocked before the search.
+LoginKeyring::Items LoginKeyring::itemsOf(const std::string& id) {
+    Items items = search(id);
+    if (!items.unlocked.empty() || items.hasLocked) return items;
+    defaultCollection();
+    return search(id);
 }
 
 LoginKeyring::Items LoginKeyring::search(const std::string& id) {

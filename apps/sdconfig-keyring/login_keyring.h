@@ -58,6 +58,7 @@ private:
     Handle<GVariant> callKeyring(const char* path, const char* interface, const char* method, GVariant* arguments,
                                  const char* reply);
     std::string defaultCollection();
+    Items itemsOf(const std::string& id);
     Items search(const std::string& id);
     sd::security::SecretBytes contentOf(const char* item);
     void refusePrompt(const char* prompt);
