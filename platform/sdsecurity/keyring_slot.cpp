@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "platform/sdsecurity/hex.h"
+#include "platform/sdsecurity/ring_file.h"
 
 namespace sd::security {
 

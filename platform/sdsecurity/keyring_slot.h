@@ -16,8 +16,8 @@
 #include <string_view>
 #include <thread>
 
+#include "base/unique_fd.h"
 #include "platform/sdsecurity/keyring_line.h"
-#include "platform/sdsecurity/ring_file.h"
 #include "platform/sdsecurity/slot_answer.h"
 
 namespace sd::security {

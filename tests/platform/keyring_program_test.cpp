@@ -32,7 +32,6 @@ constexpr char kSecretsPath[] = "/org/freedesktop/secrets";
 constexpr char kService[] = "org.freedesktop.Secret.Service";
 constexpr char kLogin[] = "/org/freedesktop/secrets/collection/login";
 const SecretBytes kKey(32, 0xc5);
-constexpr char kPassword[] = "bench";
 const std::string kNoId(32, '0');
 
 // A home with its desktop session, which this process and those that it starts belong to.
@@ -48,15 +47,13 @@ public:
         ASSERT_TRUE(mBus->waitForErr("unix:path")) << mBus->err();
     }
 
-    void endBus() { mBus.reset(); }
-
     // With the keyring made anew, or as it was. Unlocked as a login does it, or not.
     void startKeyring(bool unlocked = true) {
         std::filesystem::create_directories(mHome / "data/keyrings");
         test::writeFile(mHome / "data/keyrings/default", "login");
         std::vector<std::string> command{"gnome-keyring-daemon", "--foreground", "--components=secrets"};
         if (unlocked) command.emplace_back("--unlock");
-        mKeyring.emplace(test::Process::start(command, {}, kPassword));
+        mKeyring.emplace(test::Process::start(command, {}, "bench"));
         sd_bus* client = nullptr;
         ASSERT_GE(sd_bus_open_user(&client), 0);
         mClient.reset(client);
@@ -69,6 +66,11 @@ public:
         ASSERT_GE(sd_bus_message_read(session.get(), "vo", "s", nullptr, &path), 0);
         mSession = path;
     }
+    void start() {
+        startBus();
+        startKeyring();
+    }
+    void endBus() { mBus.reset(); }
     void endKeyring() { mKeyring.reset(); }
     void signalKeyring(int signal) { mKeyring->kill(signal); }
 
@@ -124,23 +126,11 @@ private:
     std::string mSession;  // of mClient with the keyring
 };
 
-// What a watch tells.
-class Told {
-public:
-    void watch(KeyringHelper& helper, const std::string& id) {
-        helper.watch(id, [this](SlotAnswer answer) { mPromise.set_value(std::move(answer)); });
-    }
-    bool isThere() { return mFuture.wait_for(0s) == std::future_status::ready; }
-    SlotAnswer answer() {
-        if (mFuture.wait_for(60s) == std::future_status::ready) return mFuture.get();
-        ADD_FAILURE() << "nothing was told";
-        return {};
-    }
-
-private:
-    std::promise<SlotAnswer> mPromise;
-    std::future<SlotAnswer> mFuture = mPromise.get_future();
-};
+std::future<SlotAnswer> watch(KeyringHelper& helper, const std::string& id) {
+    const auto promise = std::make_shared<std::promise<SlotAnswer>>();
+    helper.watch(id, [promise](SlotAnswer answer) { promise->set_value(std::move(answer)); });
+    return promise->get_future();
+}
 
 class KeyringProgramTest : public testing::Test {
 protected:
@@ -161,12 +151,10 @@ protected:
 
 TEST_F(KeyringProgramTest, AKeyIsThereAsLongAsItsItem) {
     Session session;
-    session.startBus();
-    session.startKeyring();
+    session.start();
     KeyringHelper helper(KEYRING_PROGRAM, kPatient);
     const std::string id = helper.store(kKey).sealed;
     const std::string other = helper.store(kKey).sealed;
-    EXPECT_NE(id, other);
     expectKey(helper.find(id));
 
     session.changeItem(id);
@@ -176,16 +164,14 @@ TEST_F(KeyringProgramTest, AKeyIsThereAsLongAsItsItem) {
     expectKey(helper.find(other));
 
     Session elsewhere;
-    elsewhere.startBus();
-    elsewhere.startKeyring();
+    elsewhere.start();
     expect(KeyringHelper(KEYRING_PROGRAM, kPatient).find(other), Outcome::Refused,
            "the item is gone, or this is another keyring");
 }
 
 TEST_F(KeyringProgramTest, ALockedKeyringIsWaitedFor) {
     Session session;
-    session.startBus();
-    session.startKeyring();
+    session.start();
     KeyringHelper helper(KEYRING_PROGRAM, kPatient);
     const std::string id = helper.store(kKey).sealed;
     session.lock();
@@ -194,48 +180,41 @@ TEST_F(KeyringProgramTest, ALockedKeyringIsWaitedFor) {
     expect(helper.store(kKey), Outcome::NotNow, "locked");
     expect(helper.forget(id), Outcome::NotNow, "locked");
 
-    Told told;
-    told.watch(helper, id);
+    std::future<SlotAnswer> told = watch(helper, id);
     expect(helper.find(id), Outcome::NotNow, "locked");
-    EXPECT_FALSE(told.isThere());
+    EXPECT_EQ(told.wait_for(0s), std::future_status::timeout);
     session.unlock();
-    expectKey(told.answer());
+    expectKey(told.get());
 
     // Its service is started again, locked.
     session.endKeyring();
     expect(helper.find(id), Outcome::NotNow, "absent: nobody offers it on the session bus");
-    Told toldAgain;
-    toldAgain.watch(helper, id);
+    told = watch(helper, id);
     session.startKeyring(false);
     EXPECT_EQ(helper.find(id).outcome, Outcome::NotNow);
-    EXPECT_FALSE(toldAgain.isThere());
+    EXPECT_EQ(told.wait_for(0s), std::future_status::timeout);
     session.unlock();
-    expectKey(toldAgain.answer());
+    expectKey(told.get());
 }
 
 TEST_F(KeyringProgramTest, AnAbsentBusIsWaitedForAndMayGo) {
     Session session;
     KeyringHelper helper(KEYRING_PROGRAM, kPatient);
     expect(helper.find(kNoId), Outcome::NotNow, "absent: there is no session bus");
-    Told told;
-    told.watch(helper, kNoId);
-    session.startBus();
-    session.startKeyring();
-    expect(told.answer(), Outcome::Refused, "the item is gone, or this is another keyring");
+    std::future<SlotAnswer> told = watch(helper, kNoId);
+    session.start();
+    expect(told.get(), Outcome::Refused, "the item is gone, or this is another keyring");
     const std::string id = helper.store(kKey).sealed;
 
     session.endBus();
-    Told toldAgain;
-    toldAgain.watch(helper, id);
-    session.startBus();
-    session.startKeyring();
-    expectKey(toldAgain.answer());
+    told = watch(helper, id);
+    session.start();
+    expectKey(told.get());
 }
 
 TEST_F(KeyringProgramTest, ASilentKeyringIsToldInTime) {
     Session session;
-    session.startBus();
-    session.startKeyring();
+    session.start();
     KeyringHelper helper(KEYRING_PROGRAM, kPatient);
     const std::string id = helper.store(kKey).sealed;
     session.signalKeyring(SIGSTOP);
