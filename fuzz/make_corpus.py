@@ -58,6 +58,25 @@ def key_ring():
     put("key_ring", "no_need", ring_2(1, (one, "opening", "- -"), (two, "sealing", "- -")))
 
 
+def wrapped_ring():
+    def slot(kind, how, fill):
+        return f"slot {kind} 1764100000 {how} {fill * 12} {fill * 48}\n"
+
+    head, ring = "sdsecurity-wrapped-keys 1\n", "ring " + "cc" * 12 + " " + "dd" * 40 + "\n"
+    code, words = slot("recovery", "17 " + "ab" * 16, "01"), slot("passphrase", "15 " + "cd" * 16, "02")
+    host, keyring = slot("host", "seal:k6iUCUh0RJCQyvL8k8q1UyAAAAA=", "03"), slot("keyring", "5f" * 16, "04")
+    put("wrapped_ring", "recovery", head + code + ring)
+    put("wrapped_ring", "all", head + code + words + host + keyring + ring)
+    put("wrapped_ring", "twice", head + code + host * 2 + ring)
+    put("wrapped_ring", "order", head + host + code + ring)
+    put("wrapped_ring", "no_recovery", head + words + ring)
+    put("wrapped_ring", "unknown", head + code + slot("palm", "7", "05") + ring)
+    put("wrapped_ring", "later", head.replace("1", "2") + code + ring)
+    put("wrapped_ring", "cut", head + code + "ring cc")
+    put("wrapped_ring", "composed", b"\1\7A\x0fsdsecurity-keys 1\n")
+    put("wrapped_ring", "code", "o123-4567 89ab-cdef ghjk-mnpq-rsjr")
+
+
 def policy_text():
     for name, text in {
         "usual": "on&&&7", "empty": "&&&5", "earlier": "on7", "digit": "7", "no_number": "on&&&x", "negative": "on&&&-1",
@@ -158,5 +177,6 @@ def bus_calls():
           ("SET_SECURE", 1, 2), ("SET_POLICY", Other(3), Other(1), True))
 
 
-for make in (build_prop, legacy_cipher, envelope, key_ring, policy_text, lockscreen, policy_file, bus_bytes, bus_calls):
+for make in (build_prop, legacy_cipher, envelope, key_ring, wrapped_ring, policy_text, lockscreen, policy_file, bus_bytes,
+             bus_calls):
     make()

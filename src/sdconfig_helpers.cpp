@@ -5,7 +5,8 @@
 namespace sd {
 
 std::optional<std::string> sealedText(const SDSecurityRow& row, const std::string& utf8Text) {
-    if (utf8Text.empty()) return "";
+    // That takes no key. But what stands there may be in force, which nobody can tell as long as the ring is locked.
+    if (utf8Text.empty()) return isRingLocked() ? std::nullopt : std::optional<std::string>("");
     std::string envelope = sealForRow(row, utf8Text);
     if (envelope.empty()) return std::nullopt;
     return envelope;

@@ -39,6 +39,7 @@ KeyOutcome refreshRing() {
     if (!hasLayerKeys()) return KeyOutcome::LayerWithout;
     const SDSecurity::KeyRingStatus ring = layer().CheckKeyRing();
     if (ring.state == SDSecurity::KeyRingState::Absent) return KeyOutcome::NoRing;
+    if (ring.state == SDSecurity::KeyRingState::Locked) return KeyOutcome::RingLocked;
     if (ring.state == SDSecurity::KeyRingState::Usable) return KeyOutcome::Done;
     LOG(7, AT "%s", HERE, ring.detail.c_str());
     return KeyOutcome::RingUnusable;

@@ -50,6 +50,7 @@ enum class KeyOutcome : int {
     NotRead,       // a database
     NotSealed,     // a value that was opened
     NotStored,     // nothing of this step
+    RingLocked,    // it is wrapped, and nothing at hand opens it now
 };
 
 // Key and new effective value, for whoever asks.

@@ -37,6 +37,12 @@ inline std::string openForRow(const SDSecurityRow& row, const std::string& ciphe
     return plain;
 }
 
+// Whether there is a key ring that nothing opens now. Waits where it is being opened.
+inline bool isRingLocked() {
+    // One operation stands for all that a host's own layer may lack.
+    return &SDSecurity::SealOf && SDSecurity::GetInstance()->CheckKeyRing().state == SDSecurity::KeyRingState::Locked;
+}
+
 // The id of the key that seals; "" where the ring can't be used, as a line has told. Of a layer that has keys alone.
 inline std::string sealingKey() {
     for (const SDSecurity::KeyInfo& key : SDSecurity::GetInstance()->Keys())

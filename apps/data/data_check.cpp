@@ -205,6 +205,8 @@ DataCheck checkData(const std::string& folder, const Stop& stop) {
         if (belongsToAnother(folder)) finding->next = kRunAsThat;
         result.findings.push_back(std::move(*finding));
     }
+    if (auto finding = lockedRing(folder, sd::SDSecurity::GetInstance()->CheckKeyRing()))
+        result.findings.push_back(std::move(*finding));
     if (auto finding = keyUseFinding(folder)) result.findings.push_back(std::move(*finding));
     return result;
 }

@@ -3,6 +3,7 @@
 #include <charconv>
 #include <filesystem>
 
+#include "apps/data/database_check.h"
 #include "libsdconfig/sdconfig_text.h"
 #include "libsdconfig/sdconfig_types.h"
 #include "platform/sdsecurity/sdsecurity.h"
@@ -32,6 +33,7 @@ RowFault faultOf(sd::SDSecurity::OpenResult why, const std::string& cipher) {
         "restore the databases and the key ring from the same backup, or set or delete it";
     if (why == Result::OtherRow) return {"belongs to another row", kRestore};
     if (why == Result::UnboundForm) return {"is bound to no row, which the key ring no longer allows", kRestore};
+    if (why == Result::RingLocked) return {"can't be opened while the key ring is locked", kOpenRing};
     if (why != Result::KeyDisabled) return {"can't be opened with the key ring", kRestore};
     const auto seal = sd::SDSecurity::SealOf(cipher);
     return {"is sealed with a disabled key", "enable the key " + (seal ? seal->keyId : "") + ", or set or delete it"};
@@ -101,8 +103,10 @@ std::optional<Policy> DataReader::policy(const Row& row, RowFault* fault) {
 
 std::string DataReader::ringProblem() {
     const auto ring = sd::SDSecurity::GetInstance()->CheckKeyRing();
-    const bool usable = ring.state == sd::SDSecurity::KeyRingState::Usable;
-    return usable ? "" : "the key ring can't be used: " + ring.detail;
+    using State = sd::SDSecurity::KeyRingState;
+    if (ring.state == State::Usable) return "";
+    return (ring.state == State::Locked ? "the key ring can't be opened now: " : "the key ring can't be used: ") +
+           ring.detail;
 }
 
 }  // namespace apps

@@ -158,8 +158,12 @@ std::vector<Finding> layoutFindings(sqlite3* db, const DatabaseLayout& layout, c
 }
 
 std::optional<Finding> ringFinding(const std::string& folder, bool sealedRows) {
+    return ringFinding(folder, sealedRows, sd::SDSecurity::GetInstance()->CheckKeyRing());
+}
+
+std::optional<Finding> ringFinding(const std::string& folder, bool sealedRows,
+                                   const sd::SDSecurity::KeyRingStatus& ring) {
     using State = sd::SDSecurity::KeyRingState;
-    const auto ring = sd::SDSecurity::GetInstance()->CheckKeyRing();
     const std::string path = folder + "/" + kRingFile;
     if (ring.state == State::Broken)
         return refusal(path, "the key ring can't be used: " + ring.detail, ringRemedy(path));
@@ -168,6 +172,18 @@ std::optional<Finding> ringFinding(const std::string& folder, bool sealedRows) {
                        "the databases in " + folder + " hold sealed values but the key ring " + path + " is missing",
                        "restore it from the same backup");
     return std::nullopt;
+}
+
+std::optional<Finding> lockedRing(const std::string& folder, const sd::SDSecurity::KeyRingStatus& ring) {
+    if (ring.state != sd::SDSecurity::KeyRingState::Locked) return std::nullopt;
+    return Finding{folder + "/" + kRingFile,
+                   "the key ring can't be opened now, so that no sealed value can be read or set: " + ring.detail,
+                   kOpenRing};
+}
+
+bool isRingOf(const std::string& folder, const sd::SDSecurity::KeyRingStatus& ring) {
+    const std::string path = folder + "/" + kRingFile;
+    return ring.detail == path || ring.detail.compare(0, path.size() + 2, path + ": ") == 0;
 }
 
 std::optional<Finding> keyUseFinding(const std::string& folder) {

@@ -9,6 +9,7 @@
 
 #include "apps/data/data_files.h"
 #include "apps/data/finding.h"
+#include "platform/sdsecurity/sdsecurity.h"
 
 namespace apps {
 
@@ -38,7 +39,19 @@ bool isEmptied(sqlite3* db, const DatabaseLayout& layout);
 std::vector<Finding> layoutFindings(sqlite3* db, const DatabaseLayout& layout, const std::string& path);
 
 // Why the key ring, which the security layer knows, doesn't serve a folder that holds sealed rows, or none.
+// status: how it was found, where it was looked at already. One that is locked is none.
 std::optional<Finding> ringFinding(const std::string& folder, bool sealedRows);
+std::optional<Finding> ringFinding(const std::string& folder, bool sealedRows,
+                                   const sd::SDSecurity::KeyRingStatus& status);
+
+// A ring that is there and sound, as far as can be told, and that nothing opens now.
+std::optional<Finding> lockedRing(const std::string& folder, const sd::SDSecurity::KeyRingStatus& status);
+inline constexpr char kOpenRing[] =
+    "unlock the login keyring, or open it by its passphrase or recovery code: sdconfig key unlock, sdconfig key "
+    "recover";
+
+// Whether the ring that was found is the folder's own, and not one that was handed over.
+bool isRingOf(const std::string& folder, const sd::SDSecurity::KeyRingStatus& status);
 
 // Whether the key that seals wants to be replaced; a service starts all the same.
 std::optional<Finding> keyUseFinding(const std::string& folder);

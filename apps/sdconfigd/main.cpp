@@ -192,6 +192,22 @@ private:
     std::optional<Preflight> mPreflight;
 };
 
+void tellKeyUse(const std::string& dataDir) {
+    if (const auto used = apps::keyUseFinding(dataDir)) tell(used->what + ": " + used->next);
+}
+
+// Waits for a wrapped ring to be opened, and tells what came of it. Returns a line for a person where it can't be used
+// at all, or "".
+std::string awaitRing() {
+    using State = sd::SDSecurity::KeyRingState;
+    const std::string& dataDir = sd::SDConfig::getDataPathUtf8();
+    const auto ring = sd::SDSecurity::GetInstance()->CheckKeyRing();
+    if (ring.state == State::Broken) return "the key ring can't be used: " + ring.detail;
+    if (const auto locked = apps::lockedRing(dataDir, ring)) tell(locked->what + ": " + locked->next);
+    if (ring.state == State::Usable) tellKeyUse(dataDir);
+    return "";
+}
+
 // Tells the library and the layers below it where the data is, and takes the data folder. Returns a line for a person,
 // or "".
 std::string prepare(const Options& options, HeldFolder& folder) {
@@ -204,10 +220,11 @@ std::string prepare(const Options& options, HeldFolder& folder) {
     if (std::string problem = sd::makeFolder(dataDir); !problem.empty()) return problem;
     if (const auto problem = folder.take(dataDir)) return problem->what + ": " + problem->next;
     const Integrity integrity = folder.takeMark();
+    (void)security.OpenKeyRingAhead();
     if (const std::string problem = security.SelfTest(); !problem.empty())
         return "nothing can be sealed or opened: " + problem;
     if (std::string problem = folder.preflight().check(integrity); !problem.empty()) return problem;
-    if (const auto used = apps::keyUseFinding(dataDir)) tell(used->what + ": " + used->next);
+    if (!folder.preflight().isRingLocked()) tellKeyUse(dataDir);
     if (!options.upgrade) return "";
     folder.preflight().close();
     return upgrade(dataDir);
@@ -254,10 +271,11 @@ int serve(HeldFolder& folder, const sigset_t& endSignals) {
     if (!buildProp) tell("there is no build.prop, so the product's properties are unset; see --product-dir");
     tell("ready on " + bus.socketPath(kName) + ", data in " + sd::SDConfig::getDataPath());
     ::malloc_trim(0);  // what it took to look at the databases
-    waitForEnd(endSignals);
+    const std::string problemOfRing = folder.preflight().isRingLocked() ? awaitRing() : "";
+    if (problemOfRing.empty()) waitForEnd(endSignals);
     sd_notify(0, "STOPPING=1");
     bus.unregisterServiceInterface(kName);
-    return kDone;
+    return problemOfRing.empty() ? kDone : fail(problemOfRing);
 }
 
 int run(const Options& options, const sigset_t& endSignals) {
@@ -311,9 +329,14 @@ int rotateKey(const Options& options) {
     if (const auto finding = apps::ringFinding(folder, absent && apps::holdsSealedValues(folder)))
         return fail(finding->what + ": " + finding->next);
     if (absent) return fail(ring.detail + "; the first value that is sealed makes it");
+    // A running service may have been told what opens it.
+    const bool isServed = SDBusSerivceManager::initSync(-1)->isServiceRegistered(kName);
+    if (const auto locked = apps::lockedRing(folder, ring); locked && !isServed)
+        return fail(locked->what + ": " + locked->next);
     if (!makeKey(security))
         return fail("the key ring could not be changed; the line above, or the service's log, tells why");
-    tell("a new key seals from now on; what was sealed before still opens; back up " + ring.detail);
+    tell("a new key seals from now on; what was sealed before still opens; back up " +
+         (apps::isRingOf(folder, ring) ? folder + "/" + apps::kRingFile : ring.detail));
     return kDone;
 }
 

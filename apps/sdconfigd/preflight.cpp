@@ -73,10 +73,13 @@ std::string Preflight::checkBoth(Integrity integrity) {
     for (std::size_t which = 0; which < mDatabases.size(); ++which)
         if (std::string problem = checkDatabase(which, integrity, findings); !problem.empty()) return problem;
 
-    if (const auto finding = apps::ringFinding(mFolder, findings.sealedRows)) return lineOf(*finding);
+    // One that is wrapped is opened while the rest of the start is done: it takes a machine's TPM some time.
+    const auto ring = sd::SDSecurity::GetInstance()->OpenKeyRingAhead();
+    mIsRingLocked = ring.state == sd::SDSecurity::KeyRingState::Locked;
+    if (const auto finding = apps::ringFinding(mFolder, findings.sealedRows, ring)) return lineOf(*finding);
     // The first seal makes the ring, and comes after the tables. One that was handed over tells nothing.
-    const std::string ring = sd::SDSecurity::GetInstance()->CheckKeyRing().detail;
-    if (!findings.emptied.empty() && ring == mFolder + "/" + apps::kRingFile)
+    const bool isMade = ring.state != sd::SDSecurity::KeyRingState::Absent;
+    if (!findings.emptied.empty() && isMade && apps::isRingOf(mFolder, ring))
         return "the database " + findings.emptied + " is there but empty, though values were sealed in " + mFolder +
                ": restore the folder from a backup, or remove the file to begin anew";
     return "";

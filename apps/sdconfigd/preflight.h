@@ -27,6 +27,9 @@ public:
 
     void close() { mDatabases = {}; }
 
+    // Whether check() left a wrapped ring that was still being opened, or can't be.
+    bool isRingLocked() const { return mIsRingLocked; }
+
 private:
     // What the databases hold, as far as it decides about the start.
     struct Findings {
@@ -41,5 +44,6 @@ private:
     std::string checkBoth(Integrity integrity);
 
     const std::string mFolder;
+    bool mIsRingLocked = false;
     std::array<apps::Database, apps::kLayouts.size()> mDatabases;  // null while they are not open
 };

@@ -20,8 +20,8 @@ struct BackupManifest {
     std::optional<SealedRing> ring;
 };
 
-// The bound of a manifest: a key ring has 32 KiB at most, and a digit is half a byte.
-inline constexpr std::size_t kMaxManifest = std::size_t{80} << 10;
+// The bound of a manifest: a wrapped key ring has 96 KiB at most, and a digit is half a byte.
+inline constexpr std::size_t kMaxManifest = std::size_t{208} << 10;
 
 // What a sealed ring is bound to: everything but itself.
 std::string contextOf(const BackupManifest& manifest);

@@ -13,7 +13,7 @@ namespace cli {
 
 namespace {
 
-constexpr std::size_t kMostBytes = std::size_t{32} << 10;
+constexpr std::size_t kMostBytes = std::size_t{96} << 10;  // of a wrapped one
 
 }  // namespace
 

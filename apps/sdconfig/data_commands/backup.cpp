@@ -35,8 +35,10 @@ const char* nameOf(Keys keys) {
 // The way of the key ring into the backup. Tells what will be missing.
 Keys wayOfKeys(const Request& request, const std::string& folder) {
     const auto ring = sd::SDSecurity::GetInstance()->CheckKeyRing();
-    if (ring.state != sd::SDSecurity::KeyRingState::Usable) return request.withoutKeys ? Keys::LeftOut : Keys::None;
-    if (ring.detail != folder + "/" + apps::kRingFile) {
+    using State = sd::SDSecurity::KeyRingState;
+    const bool isSound = ring.state == State::Usable || ring.state == State::Locked;  // as far as can be told
+    if (!isSound) return request.withoutKeys ? Keys::LeftOut : Keys::None;
+    if (!apps::isRingOf(folder, ring)) {
         noteKeysHandedOver(ring.detail);
         return Keys::HandedOver;
     }

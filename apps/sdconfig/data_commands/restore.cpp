@@ -76,7 +76,9 @@ private:
         if (Problem problem = mPassphrase ? restoreRing() : keepRing()) return problem;
         useRing();
         if (Problem problem = checkDatabases()) return problem;
-        mLacksRing = apps::ringFinding(mStaging.path(), mSealed > 0).has_value();
+        const auto ring = sd::SDSecurity::GetInstance()->CheckKeyRing();
+        mLacksRing = apps::ringFinding(mStaging.path(), mSealed > 0, ring).has_value();
+        if (ring.state == sd::SDSecurity::KeyRingState::Locked) mLocked = ring.detail;
         return checkKeys();
     }
 
@@ -133,6 +135,7 @@ private:
         if (mKeys != Keys::Restored) noteUnproven();
         if (mUnreadable > 0) noteRowsUnreadable(mUnreadable, mFolder);
         if (mLacksRing) noteNoRing(mFolder);
+        if (!mLocked.empty()) noteRingLocked(mLocked);
         Object object;
         addBytes(object, "folder", mFolder);
         object["secure"] = mCounts[0];
@@ -161,6 +164,7 @@ private:
     std::size_t mSealed = 0;
     std::size_t mUnreadable = 0;
     bool mLacksRing = false;  // for what is sealed
+    std::string mLocked;      // what the ring waits for; "": nothing
     Keys mKeys = Keys::None;
 };
 

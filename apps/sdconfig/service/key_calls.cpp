@@ -43,6 +43,8 @@ Problem problemOf(KeyOutcome outcome) {
         case KeyOutcome::NotStored:
             return {"the service could not store it, as on a full disk; nothing was lost",
                     "see what is wrong with: " + typed("doctor") + ", and repeat this"};
+        case KeyOutcome::RingLocked:
+            return {"the key ring is locked", "open it with: " + typed("key unlock") + ", or " + typed("key recover")};
     }
     return {"the service answers with something that this version doesn't know", "install both from one package"};
 }

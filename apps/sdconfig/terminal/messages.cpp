@@ -460,6 +460,12 @@ void noteNoRing(const std::string& folder) {
     note("no key ring opens the sealed values; put it into " + folder + " before the service starts");
 }
 
+void noteRingLocked(const std::string& detail) {
+    note("the key ring can't be opened here (" + detail +
+         "), so its values were counted alone; once it is in use, open " + "it with: " + typed("key recover") +
+         ", which takes its recovery code");
+}
+
 void noteNotSealed(std::size_t count, const std::string& folder) {
     note("names of the earlier layout that secure_v3 lacks: " + std::to_string(count) +
          "; they were deleted since, or a copying was cut off: copy everything with: " +

@@ -154,6 +154,9 @@ int notRestored(const Request& request, const Problem& problem);  // nothing was
 void noteUnproven();
 void noteNoRing(const std::string& folder);
 
+// The values were counted alone. detail: of the key ring's status.
+void noteRingLocked(const std::string& detail);
+
 // Wrong use. command: the command as far as it was understood, "" for none.
 int misused(const std::string& command, const std::string& happened);
 int unknownCommand(const std::string& command, const std::string& word, const std::string& meant);  // "": no idea

@@ -10,6 +10,7 @@
 #include <set>
 
 #include "apps/data/data_files.h"
+#include "apps/data/database_check.h"
 #include "apps/data/table_reader.h"
 #include "apps/sdconfig/terminal/messages.h"
 #include "platform/sdsecurity/sdsecurity.h"
@@ -128,8 +129,8 @@ bool anySealed(const std::vector<Row>& rows) {
 }
 
 // A ring that the first seal would make beside values that are sealed with another one would hide that the other is
-// missing.
-std::string ringProblem(const std::string& folder, bool sealedValues) {
+// missing. One that is locked seals nothing. next: what to do about it.
+std::string ringProblem(const std::string& folder, bool sealedValues, std::string& next) {
     using State = sd::SDSecurity::KeyRingState;
     const std::string policies = folder + "/" + apps::kPolicyLayout.file;
     if (std::filesystem::exists(policies)) {
@@ -138,6 +139,10 @@ std::string ringProblem(const std::string& folder, bool sealedValues) {
         sealedValues = sealedValues || anySealed(tables.rows[apps::kPolicyLayout.sealedTable]);
     }
     const auto ring = sd::SDSecurity::GetInstance()->CheckKeyRing();
+    if (const auto locked = apps::lockedRing(folder, ring)) {
+        next = locked->next;
+        return locked->what;
+    }
     if (ring.state == State::Broken) return "the key ring can't be used: " + ring.detail;
     if (ring.state == State::Absent && sealedValues)
         return "there are sealed values but the key ring is missing, " + ring.detail;
@@ -179,8 +184,8 @@ UpgradePlan planUpgrade(const std::string& folder, bool force) {
     }
     if (!plan.problem.empty()) return plan;
     const std::vector<Row>& sealed = tables.rows["secure_v3"];
-    plan.problem = ringProblem(folder, anySealed(sealed));
     plan.next = "put the files of one and the same backup there";
+    plan.problem = ringProblem(folder, anySealed(sealed), plan.next);
     if (!plan.problem.empty()) return plan;
 
     plan.version = valuesOf(tables.rows["dbinfor"])["dbVersion"];
