@@ -8,6 +8,8 @@
 #include <memory>
 #include <string>
 
+#include "platform/sdsecurity/key_ring.h"
+
 namespace sd::security {
 namespace {
 

@@ -21,19 +21,14 @@ void demand(bool done);
 // use OpenSSL, its clean-up at exit comes before them, and calls from then on would crash: then it throws.
 void demandCrypto();
 
-// AES-256-GCM.
-constexpr std::size_t kCipherKeySize = 32;
-constexpr std::size_t kNonceSize = 12;
-constexpr std::size_t kTagSize = 16;
-
 // Bytes of somebody else's; fewer than 2^31, since OpenSSL counts in int.
 struct BytesView {
     const unsigned char* data;
     std::size_t size;
 };
 
-// Puts the cipher text, as long as `plain`, and the tag into `sealed`. covered: what the tag covers besides. key,
-// nonce: kCipherKeySize, kNonceSize. Throws CryptoFailure.
+// AES-256-GCM: puts the cipher text, as long as `plain`, and the tag into `sealed`. key, nonce: of kKeySize and
+// kNonceSize bytes. covered: what the tag covers besides. Throws CryptoFailure.
 void encrypt(const unsigned char* key, const unsigned char* nonce, BytesView covered, BytesView plain,
              unsigned char* sealed);
 // The way back: `plain` has room for all but the tag. False where the tag does not fit; what stands in `plain` then is

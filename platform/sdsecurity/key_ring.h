@@ -32,6 +32,8 @@ using SecretBytes = std::vector<unsigned char, WipingAllocator<unsigned char>>;
 
 constexpr std::size_t kKeyIdSize = 8;
 constexpr std::size_t kKeySize = 32;
+constexpr std::size_t kNonceSize = 12;  // this and the tag: of AES-256-GCM
+constexpr std::size_t kTagSize = 16;
 constexpr std::size_t kRowMarkKeySize = 16;
 using KeyId = std::array<unsigned char, kKeyIdSize>;
 using KeyState = SDSecurity::KeyState;

@@ -3,6 +3,7 @@
 #include <ctime>
 #include <utility>
 
+#include "platform/sdsecurity/crypto.h"
 #include "platform/sdsecurity/hex.h"
 #include "platform/sdsecurity/key_store.h"
 #include "platform/sdsecurity/log.h"

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iterator>
 
+#include "platform/sdsecurity/crypto.h"
 #include "platform/sdsecurity/hex.h"
 #include "platform/sdsecurity/ring_text.h"
 

@@ -9,7 +9,6 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/sdsecurity/crypto.h"
 #include "platform/sdsecurity/key_ring.h"
 #include "platform/sdsecurity/sdsecurity.h"
 #include "platform/sdsecurity/slot_answer.h"

@@ -4,12 +4,13 @@
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <random>
 #include <string>
 #include <thread>
@@ -30,6 +31,18 @@ using test::readFile;
 using test::writeFile;
 using testing::ElementsAre;
 using testing::HasSubstr;
+
+namespace {
+
+int syncsToLive = -1;  // this process ends at the sync of a file after so many; -1: at none
+
+}  // namespace
+
+// Stands in for the system's.
+extern "C" __attribute__((visibility("default"))) int fsync(int descriptor) {
+    if (syncsToLive >= 0 && syncsToLive-- == 0) ::_exit(0);
+    return static_cast<int>(::syscall(SYS_fsync, descriptor));
+}
 
 namespace {
 
@@ -288,6 +301,77 @@ TEST_F(SlotsTest, WrapsAPlainRingAndKeepsItWrapped) {
     EXPECT_EQ(readFile(ring).find("sdsecurity-keys 2\n"), 0U);
 }
 
+// A keyring of files in the folder, which is locked while there is a file "locked" in it.
+std::string keyringIn(const test::TempDir& folder) {
+    const std::string program = folder / "program";
+    writeFile(program, "#!/bin/sh\ncd " + folder.path() + R"(
+while read number word rest; do
+    case $word in
+    store) [ -e locked ] && echo $number not-now it is locked && continue
+           id=$(od -An -tx1 -N16 /dev/urandom | tr -d ' \n'); echo $rest >$id; echo $number done $id ;;
+    find) if [ -e locked ]; then echo $number not-now it is locked
+          elif [ -e $rest ]; then echo $number done $(cat $rest)
+          else echo $number refused it is gone; fi ;;
+    forget) rm -f $rest; echo $number done ;;
+    watch) { while [ -e locked ]; do sleep 0.02; done; echo $number done $(cat $rest); } & ;;
+    esac
+done
+)");
+    ::chmod(program.c_str(), 0700);
+    return program;
+}
+
+TEST_F(SlotsTest, OpensByTheKeyringAsSoonAsThatIsUnlocked) {
+    const test::TempDir keyring, other;
+    security.SetKeyringProgram(keyringIn(keyring));
+    const auto itemCount = [&] {
+        return std::distance(std::filesystem::directory_iterator(keyring.path()), {}) - 1;  // the program
+    };
+    writeRing(kPlainRing);
+    const std::string code = freshKey("code");
+    ASSERT_EQ(security.Protect(Kind::Keyring, {code, ""}).outcome, Outcome::Done);
+    EXPECT_EQ(security.Protect(Kind::Passphrase, {"", freshKey("words")}).outcome, Outcome::Done);
+    EXPECT_EQ(itemCount(), 1);
+    EXPECT_EQ(security.Slots()[2].state, SlotState::Opens);
+    beginAnew();
+    EXPECT_EQ(open(kEnvelope), kPlain);
+
+    writeFile(keyring / "locked", "");
+    beginAnew();
+    EXPECT_THAT(security.OpenKeyRingAhead().detail, HasSubstr(ring + ": it is "));
+    EXPECT_EQ(open(kEnvelope), "");
+    EXPECT_THAT(security.CheckKeyRing().detail, HasSubstr("it is locked; keyring: it is locked"));
+    EXPECT_EQ(security.Slots()[2].state, SlotState::NotNow);
+    std::filesystem::remove(keyring / "locked");
+    EXPECT_TRUE(test::waitUntil([&] { return open(kEnvelope) == kPlain; })) << "by itself";
+    EXPECT_EQ(log.count("it is open now", 6), 1);
+
+    // The folder was copied to where the keyring has no such item: the code brings it back.
+    security.SetKeyringProgram(keyringIn(other));
+    beginAnew();
+    EXPECT_EQ(open(kEnvelope), "");
+    EXPECT_THAT(security.CheckKeyRing().detail, HasSubstr("keyring: it is gone"));
+    EXPECT_EQ(security.Slots()[2].state, SlotState::Refused);
+    EXPECT_EQ(security.Recover(code).outcome, Outcome::Done);
+    beginAnew();
+    EXPECT_EQ(open(kEnvelope), kPlain) << "the slot was made anew";
+    writeFile(other / "locked", "");
+    const std::string before = readFile(ring);
+    const std::string newCode = freshKey("new code");
+    EXPECT_EQ(security.Unprotect(Kind::Passphrase, {newCode, ""}).outcome, Outcome::NotNow);
+    EXPECT_EQ(readFile(ring), before) << "a slot that stays has to be made anew, too";
+    std::filesystem::remove(other / "locked");
+    EXPECT_EQ(security.Unprotect(Kind::Passphrase, {newCode, ""}).outcome, Outcome::Done);
+    EXPECT_THAT(kinds(), ElementsAre(Kind::Recovery, Kind::Keyring));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(other.path()), {}), 2) << "the earlier item is gone";
+    const std::string later = seal("later");
+    writeRing(before);
+    EXPECT_EQ(security.Recover(code).outcome, Outcome::Done);
+    EXPECT_EQ(open(later), "") << "by an earlier copy of the file and its code";
+    EXPECT_EQ(security.UnprotectAll().outcome, Outcome::Done);
+    security.SetKeyringProgram("");
+}
+
 TEST_F(SlotsTest, LeavesThePlainBytesWhereTheyHaveAnotherName) {
     writeRing(kPlainRing);
     std::filesystem::create_hard_link(ring, folder / "other");
@@ -295,6 +379,32 @@ TEST_F(SlotsTest, LeavesThePlainBytesWhereTheyHaveAnotherName) {
     EXPECT_EQ(result.outcome, Outcome::Done);
     EXPECT_THAT(result.reason, HasSubstr("it has another name"));
     EXPECT_EQ(readFile(folder / "other"), kPlainRing);
+}
+
+TEST_F(SlotsTest, IsPlainOrWrappedWhereverItWasKilled) {
+    const std::string code = freshKey("code"), passphrase = freshKey("words");
+    int wrapped = 0;
+    for (int lives = 0; lives < 4; ++lives) {
+        writeRing(kPlainRing);
+        const pid_t child = ::fork();
+        if (child == 0) {
+            syncsToLive = lives;
+            security.Protect(Kind::Passphrase, {code, passphrase});
+            ::_exit(1);
+        }
+        int status = -1;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        EXPECT_EQ(status != 0, lives == 3) << "a file, its folder, and the plain bytes are synced";
+        beginAnew();
+        if (state() == State::Locked) {
+            ++wrapped;
+            EXPECT_EQ(security.Unlock(passphrase).outcome, Outcome::Done);
+        }
+        EXPECT_EQ(open(kEnvelope), kPlain);
+        EXPECT_EQ(security.Protect(Kind::Passphrase, {freshKey("code"), freshKey("words")}).outcome, Outcome::Done);
+        EXPECT_FALSE(std::filesystem::exists(ring + ".new"));
+    }
+    EXPECT_EQ(wrapped, 3);
 }
 
 TEST_F(SlotsTest, ANewCodeOrPassphraseMakesAllAnew) {
