@@ -55,9 +55,11 @@ try() { # tester|root, FOLDER of its data, FOLDER for changes of its units
     ! "${sdconfig[@]}" secure get mail.password || return 1
     wait_for is_failed "$who"
     "${sdconfig[@]}" doctor >/tmp/told && return 1
-    grep 'problem: units:.*reset-failed sdconfigd.service; .*start sdconfigd.socket' /tmp/told
+    grep 'problem: units:.*; next: first mend the data folder' /tmp/told
     grep 'problem: data folder:.*key ring' /tmp/told
     mv "$data/away" "$data/sdsecurity.keys"
+    "${sdconfig[@]}" doctor >/tmp/told && return 1
+    grep 'problem: units:.*reset-failed sdconfigd.service; .*start sdconfigd.socket' /tmp/told
     systemctl_of "$who" reset-failed sdconfigd.service
     systemctl_of "$who" start sdconfigd.socket
     expect "of $who" "${sdconfig[@]}" secure get mail.password
