@@ -78,7 +78,8 @@ private:
                                        std::vector<std::string> all) const {
         ::chmod(mFolder.path().c_str(), 0777);
         all.insert(all.end(), {"systemd-socket-activate", "--accept", "--inetd", "--listen=" + path()});
-        for (const auto& [name, value] : environment) all.push_back("--setenv=" + name + "=" + value);
+        for (const auto& [name, value] : environment)
+            all.emplace_back("--setenv=").append(name).append("=").append(value);
         all.insert(all.end(), program.begin(), program.end());
         return all;
     }
