@@ -66,9 +66,16 @@ void SQLiteDatabase::open(const std::string& path) {
     else
         LOG(7, AT "SQLiteDatabase: failed to set busy timeout:%s, error code = %d", HERE, path.c_str(), mResult);
 
-    // 5 KiB of page cache: a connection's memory matters more here than re-reading a page.
-    for (const char* pragma : {"PRAGMA cache_size = -5;", "PRAGMA synchronous = FULL;", "PRAGMA journal_mode = WAL;"})
+    tune(kUsual);
+    for (const char* pragma : {"PRAGMA synchronous = FULL;", "PRAGMA journal_mode = WAL;"})
         sqlite().exec(mHandle, pragma, nullptr, nullptr, nullptr);
+}
+
+void SQLiteDatabase::tune(const Tuning& tuning) {
+    if (!mHandle) return;
+    const std::string pragmas = "PRAGMA cache_size = -" + std::to_string(tuning.cacheKiB) +
+                                "; PRAGMA wal_autocheckpoint = " + std::to_string(tuning.logPages) + ";";
+    sqlite().exec(mHandle, pragmas.c_str(), nullptr, nullptr, nullptr);
 }
 
 bool SQLiteDatabase::executeCommand(const std::string& sql) {

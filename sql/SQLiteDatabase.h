@@ -35,6 +35,15 @@ public:
     // written to it then is gone when the path is opened again.
     bool isDetached() const;
 
+    struct Tuning {
+        int cacheKiB;  // of pages in memory
+        int logPages;  // from which on a commit moves the log to the database; fewer, and more commits take a little
+                       // longer
+    };
+    // A connection's memory matters more here than re-reading a page. The log is as SQLite has it.
+    static constexpr Tuning kUsual{5, 1000};
+    void tune(const Tuning& tuning);
+
     // The connection for the statements on it; null when it is not open.
     sqlite3* handle() const { return mHandle; }
 

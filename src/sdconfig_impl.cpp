@@ -21,7 +21,7 @@ constexpr char kTag[] = "sdconfig";
 constexpr char kSource[] = "src/sdconfig_impl";
 
 constexpr char kVersionKey[] = "dbVersion";
-constexpr char kResealingKey[] = "resealingKey";
+constexpr char kReplacedKey[] = "replacedKey";
 constexpr int kSlowSecureMs = 100;
 
 }  // namespace
@@ -174,13 +174,13 @@ std::size_t SDConfigImpl::storedBytes_v3(const std::string& key) {
     return getValueFromDatabaseTable(mSecureV3Table, key).size();
 }
 
-std::string SDConfigImpl::resealingKey() {
-    return getValueFromDatabaseTable(mDbInforTable, kResealingKey);
+std::string SDConfigImpl::replacedKey() {
+    return getValueFromDatabaseTable(mDbInforTable, kReplacedKey);
 }
 
-bool SDConfigImpl::setResealingKey(const std::string& keyId) {
-    return keyId.empty() ? deleteValueFromDatabase(mDbInforTable, kResealingKey)
-                         : setValueToDatabaseTable(mDbInforTable, kResealingKey, keyId);
+bool SDConfigImpl::setReplacedKey(const std::string& keyId) {
+    return keyId.empty() ? deleteValueFromDatabase(mDbInforTable, kReplacedKey)
+                         : setValueToDatabaseTable(mDbInforTable, kReplacedKey, keyId);
 }
 
 bool SDConfigImpl::isKeyInDB(std::string key) {

@@ -12,7 +12,7 @@
 namespace sd {
 
 // The object is itself the connection to sdconfig.db, with four tables of one form (id, key, value):
-//   dbinfor    the file's own version, under "dbVersion"; "resealingKey" while all is being sealed anew
+//   dbinfor    the file's own version, under "dbVersion"; "replacedKey" while all is being sealed anew
 //   config     plain settings
 //   secure     secure values in the form of earlier versions; only the upgrade reads it
 //   secure_v3  secure values, sealed by the security layer
@@ -54,8 +54,8 @@ public:
     // The same: the table of secure values; and the key under which all of both stores is being sealed anew, "" for
     // none.
     [[gnu::visibility("hidden")]] data::SQLiteTable& sealedTable() { return mSecureV3Table; }
-    [[gnu::visibility("hidden")]] std::string resealingKey();
-    [[gnu::visibility("hidden")]] bool setResealingKey(const std::string& keyId);
+    [[gnu::visibility("hidden")]] std::string replacedKey();
+    [[gnu::visibility("hidden")]] bool setReplacedKey(const std::string& keyId);
 
     // Whether secure_v3 has a row of exactly this key, letter case included, empty or not.
     bool isKeyInDB(std::string key);

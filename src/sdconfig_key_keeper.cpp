@@ -6,6 +6,7 @@
 
 #include "platform/sdsecurity/sdsecurity.h"
 #include "platform/velmarlog/log_line.h"
+#include "sql/SQLiteBulkWork.h"
 #include "src/sdconfig_impl.h"
 #include "src/sdconfig_impl_policy.h"
 #include "src/sdconfig_sealed_row.h"
@@ -56,6 +57,11 @@ KeyOutcome findKey(const std::string& beginning, SDSecurity::KeyInfo& found) {
     if (count > 1) return KeyOutcome::AmbiguousKey;
     found = *std::find_if(keys.begin(), keys.end(), fits);
     return KeyOutcome::Done;
+}
+
+bool isInRing(const std::string& keyId) {
+    const std::vector<SDSecurity::KeyInfo> keys = layer().Keys();
+    return std::any_of(keys.begin(), keys.end(), [&](const SDSecurity::KeyInfo& key) { return key.id == keyId; });
 }
 
 // Whether a row's value is what sealing it now would make of it, but for the nonce.
@@ -117,18 +123,22 @@ KeyKeeper::Rotation KeyKeeper::rotate(bool reseal) {
     if (const KeyOutcome ring = refreshRing(); ring != KeyOutcome::Done) return {ring, "", false};
     mResealing.reset();
     const std::string before = sealingKey();
-    if (reseal && !before.empty() && mConfig.resealingKey() == before) return {KeyOutcome::Done, before, true};
-    if (!layer().RotateKey()) return {KeyOutcome::RingUnusable, "", false};
+    if (const std::string replaced = mConfig.replacedKey(); reseal && replaced != before && isInRing(replaced))
+        return {KeyOutcome::Done, before, true};
+    if (layer().Keys().size() >= SDSecurity::kMostKeys) return {KeyOutcome::RingFull, before, false};
+    // Comes first: on a full disk no key is made that nothing will be sealed with.
+    if (reseal && !mConfig.setReplacedKey(before)) return {KeyOutcome::NotStored, before, false};
+    if (!layer().RotateKey()) return {KeyOutcome::RingUnusable, before, false};
     const std::string keyId = sealingKey();
     LOG(6, AT "the key %s seals from now on", HERE, keyId.c_str());
-    // Without the mark, a resealing that is interrupted goes on with one key more.
-    if (reseal && !mConfig.setResealingKey(keyId)) return {KeyOutcome::NotStored, keyId, false};
     return {KeyOutcome::Done, keyId, false};
 }
 
 KeyOutcome KeyKeeper::resealSome(ResealPass& pass) {
     Place place = pass.place;
     const bool isPolicy = place.isInPolicies();
+    data::SQLiteTable& table = tableAt(place);
+    const data::SQLiteBulkWork bulk(table.database());
     std::vector<key_value::Replacement> replacements;
     bool sealedAll = true;
     SealedRows left = pass.left;
@@ -143,7 +153,6 @@ KeyOutcome KeyKeeper::resealSome(ResealPass& pass) {
     });
     if (!read) return KeyOutcome::NotRead;
     if (!sealedAll) return KeyOutcome::NotSealed;
-    data::SQLiteTable& table = tableAt(pass.place);
     if (!replacements.empty() && !key_value::replaceValues(table, replacements)) return KeyOutcome::NotStored;
     for (const key_value::Replacement& one : replacements) {
         if (one.done)
@@ -159,18 +168,24 @@ KeyOutcome KeyKeeper::resealSome(ResealPass& pass) {
 KeyOutcome KeyKeeper::endResealing(const ResealPass& pass) {
     // With a row left that opens in the old form alone, the ring has to go on opening that.
     if (pass.left.count == 0 && isLayerBinding() && !layer().RequireBoundForm()) return KeyOutcome::RingUnusable;
-    if (!mConfig.resealingKey().empty() && !mConfig.setResealingKey("")) return KeyOutcome::NotStored;
+    if (!mConfig.replacedKey().empty() && !mConfig.setReplacedKey("")) return KeyOutcome::NotStored;
     LOG(6, AT "%lld rows were sealed anew under the key %s, %lld were left", HERE, static_cast<long long>(pass.sealed),
         pass.keyId.c_str(), static_cast<long long>(pass.left.count));
     return KeyOutcome::Done;
 }
 
+// The ring is not read for each step: where another process has rotated it, what is sealed tells, or the end does.
 KeyKeeper::Resealing KeyKeeper::reseal() {
-    if (const KeyOutcome ring = refreshRing(); ring != KeyOutcome::Done) return {ring};
-    const std::string keyId = sealingKey();
-    if (!mResealing || mResealing->keyId != keyId) mResealing = ResealPass{keyId, beginning(), 0, {}};
+    if (!mResealing) {
+        if (const KeyOutcome ring = refreshRing(); ring != KeyOutcome::Done) return {ring};
+        mResealing = ResealPass{sealingKey(), beginning(), 0, {}};
+    }
     KeyOutcome outcome = resealSome(*mResealing);
     const ResealPass& pass = *mResealing;
+    if (outcome == KeyOutcome::NotSealed && refreshRing() == KeyOutcome::Done && sealingKey() != pass.keyId) {
+        mResealing.reset();  // to begin anew under that key
+        return {KeyOutcome::Done};
+    }
     const bool isAtEnd = outcome == KeyOutcome::Done && pass.place.isAtEnd();
     if (isAtEnd) outcome = endResealing(pass);
     Resealing result{outcome, isAtEnd, pass.place.percent(), pass.sealed, pass.left};
@@ -191,33 +206,20 @@ KeyKeeper::Change KeyKeeper::enable(const std::string& id, bool enabled) {
     return {KeyOutcome::Done, key.id};
 }
 
+std::map<std::string, SealedRows>::iterator KeyKeeper::PrunePass::unneeded() {
+    return std::find_if(candidates.begin(), candidates.end(), [](const auto& one) { return one.second.count == 0; });
+}
+
 KeyOutcome KeyKeeper::beginPrune() {
     if (const KeyOutcome ring = refreshRing(); ring != KeyOutcome::Done) return ring;
-    PrunePass pass{beginning(), {}};
+    PrunePass pass{beginning(), {}, {}};
     for (const SDSecurity::KeyInfo& key : layer().Keys())
         if (key.state != SDSecurity::KeyState::Sealing) pass.candidates[key.id];
     mPruning = std::move(pass);
     return KeyOutcome::Done;
 }
 
-// No row comes to need one of them while the rows are looked at: only the key that seals gets new ones.
-KeyOutcome KeyKeeper::endPrune(PrunePass& pass, Pruning& result) {
-    for (auto& [id, rows] : pass.candidates) {
-        if (rows.count > 0) {
-            result.needed[id] = std::move(rows);
-            continue;
-        }
-        if (!layer().RemoveKey(id)) return KeyOutcome::RingUnusable;
-        LOG(6, AT "the key %s left the ring: no row needs it", HERE, id.c_str());
-        result.removed.push_back(id);
-    }
-    return KeyOutcome::Done;
-}
-
-KeyKeeper::Pruning KeyKeeper::prune(bool begin) {
-    if (begin || !mPruning)
-        if (const KeyOutcome begun = beginPrune(); begun != KeyOutcome::Done) return {begun};
-    PrunePass& pass = *mPruning;
+KeyOutcome KeyKeeper::findNeeded(PrunePass& pass) {
     const bool isPolicy = pass.place.isInPolicies();
     const bool read = walkOn(pass.place, [&](key_value::StoredRow&& row) {
         const std::optional<SDSecurity::Seal> seal = SDSecurity::SealOf(row.value);
@@ -225,9 +227,31 @@ KeyKeeper::Pruning KeyKeeper::prune(bool begin) {
         const auto found = pass.candidates.find(seal->keyId);
         if (found != pass.candidates.end()) found->second.add({isPolicy, std::move(row.key)});
     });
-    Pruning result{read ? KeyOutcome::Done : KeyOutcome::NotRead, read && pass.place.isAtEnd(), pass.place.percent()};
-    if (result.isAtEnd) result.outcome = endPrune(pass, result);
-    if (result.isAtEnd || !read) mPruning.reset();
+    return read ? KeyOutcome::Done : KeyOutcome::NotRead;
+}
+
+// One a step, since each is a ring that is written. No row has come to need it: only the key that seals gets new ones.
+KeyOutcome KeyKeeper::removeOne(PrunePass& pass) {
+    const auto found = pass.unneeded();
+    if (found == pass.candidates.end()) return KeyOutcome::Done;
+    if (!layer().RemoveKey(found->first)) return KeyOutcome::RingUnusable;
+    LOG(6, AT "the key %s left the ring: no row needs it", HERE, found->first.c_str());
+    pass.removed.push_back(found->first);
+    pass.candidates.erase(found);
+    return KeyOutcome::Done;
+}
+
+KeyKeeper::Pruning KeyKeeper::prune(bool begin) {
+    if (begin || !mPruning)
+        if (const KeyOutcome begun = beginPrune(); begun != KeyOutcome::Done) return {begun};
+    PrunePass& pass = *mPruning;
+    const KeyOutcome outcome = pass.place.isAtEnd() ? removeOne(pass) : findNeeded(pass);
+    const bool isAtEnd =
+        outcome == KeyOutcome::Done && pass.place.isAtEnd() && pass.unneeded() == pass.candidates.end();
+    Pruning result{outcome, isAtEnd, pass.place.percent()};
+    result.removed = pass.removed;
+    if (isAtEnd) result.needed = std::move(pass.candidates);
+    if (isAtEnd || outcome != KeyOutcome::Done) mPruning.reset();
     return result;
 }
 

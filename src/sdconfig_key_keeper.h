@@ -37,10 +37,10 @@ public:
     KeyKeeper(SDConfigImpl& config, SDConfigDmHelper& policies);
 
     // A new key seals from now on. reseal: begins to seal all rows under it; but where that was begun before and did
-    // not end, it goes on with the key that it was begun with.
+    // not end, it goes on with the key that seals.
     struct Rotation {
         protocol::KeyOutcome outcome;
-        std::string keyId;  // which seals
+        std::string keyId;  // which seals, whatever the outcome; "" without a ring that can be used
         bool goesOn;
     };
     Rotation rotate(bool reseal);
@@ -63,13 +63,13 @@ public:
     };
     Change enable(const std::string& id, bool enabled);
 
-    // One step of finding the keys that no row needs; after the last row they leave the ring.
+    // One step of finding the keys that no row needs, or, after the last row, of taking one of them out of the ring.
     // begin: whether it is the first step.
     struct Pruning {
         protocol::KeyOutcome outcome;
         bool isAtEnd = false;
         int percent = 0;
-        std::vector<std::string> removed{};
+        std::vector<std::string> removed{};          // so far
         std::map<std::string, SealedRows> needed{};  // by the key's id; those that do not seal
     };
     Pruning prune(bool begin);
@@ -97,12 +97,16 @@ private:
     };
     struct PrunePass {
         Place place;
-        std::map<std::string, SealedRows> candidates;  // which did not seal when it began
+        std::map<std::string, SealedRows> candidates;  // which did not seal when it began, and are in the ring
+        std::vector<std::string> removed;
+
+        std::map<std::string, SealedRows>::iterator unneeded();
     };
     protocol::KeyOutcome resealSome(ResealPass& pass);
     protocol::KeyOutcome endResealing(const ResealPass& pass);
     protocol::KeyOutcome beginPrune();
-    protocol::KeyOutcome endPrune(PrunePass& pass, Pruning& result);
+    protocol::KeyOutcome findNeeded(PrunePass& pass);
+    static protocol::KeyOutcome removeOne(PrunePass& pass);
 
     SDConfigImpl& mConfig;
     SDConfigDmHelper& mPolicies;

@@ -51,6 +51,7 @@ enum class KeyOutcome : int {
     NotSealed,     // a value that was opened
     NotStored,     // nothing of this step
     RingLocked,    // it is wrapped, and nothing at hand opens it now
+    RingFull,      // it takes no key more
 };
 
 // Key and new effective value, for whoever asks.

@@ -70,7 +70,7 @@ struct KeyRing {
 };
 
 // The bounds of a ring: each key is good for 2^32 values. A hostile file can make its reader hold no more.
-constexpr std::size_t kMaxKeys = 199;
+constexpr std::size_t kMaxKeys = SDSecurity::kMostKeys;
 constexpr std::size_t kMaxRingText = 32UL * 1024;
 
 // Reads a ring's text; docs/security.md has the grammar of both formats. Any bytes are safe.

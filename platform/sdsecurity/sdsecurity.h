@@ -1,6 +1,7 @@
 // The security layer: seals and opens short secrets, and answers named constants.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -141,6 +142,8 @@ public:
         std::string version;  // of the library that made it; "" where that is not known
         std::uint64_t seals;  // how many values it has sealed, in round numbers; 0 for a ring that was handed over
     };
+
+    static constexpr std::size_t kMostKeys = 199;  // of a ring
 
     // In the order in which they were made. Empty, with a line logged, where there is no ring that can be used.
     SDSECURITY_OPTIONAL std::vector<KeyInfo> Keys();

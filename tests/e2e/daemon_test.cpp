@@ -186,11 +186,9 @@ TEST_F(DaemonTest, TellsOnceThatThereIsNoBuildProp) {
 }
 
 TEST_F(DaemonTest, AFullDiskCostsNothingAndIsTold) {
-    if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-        GTEST_SKIP() << "a small disk of one's own takes a privilege";
-    ASSERT_EQ(::mount("none", path("data").c_str(), "tmpfs", 0, "size=24k"), 0);
+    if (!mountDisk("data", "24k")) GTEST_SKIP() << "a small disk of one's own takes a privilege";
     expectRefusal("is there room on the disk?");
-    ASSERT_EQ(::mount("none", path("data").c_str(), "tmpfs", 0, "size=2m"), 0);
+    ASSERT_TRUE(mountDisk("data", "2m"));
     const Process service = startService({"--log-level", "8"});
     EXPECT_EQ(cli({"secure", "set", "k", "small"}).exitCode, 0);
     EXPECT_EQ(cli({"secure", "set", "k"}, std::string(4 << 20, 'x')).exitCode, 1);

@@ -61,18 +61,49 @@ TEST_F(KeyTest, GoesOnAndLeavesWhatCantBeOpened) {
         for (const char* key : {"good", "bad"}) cli({"secure", "set", key, "v"});
     }
     // As a service leaves it that was killed when the key had been made.
-    sql("INSERT INTO dbinfor(key, value) VALUES('resealingKey', '" + id(0) + "')");
+    sql("INSERT INTO dbinfor(key, value) VALUES('replacedKey', '" + id(0) + "')");
+    EXPECT_EQ(run({SDCONFIGD, "--rotate-key", "--data-dir", path("data")}, environment()).exitCode, 0);
     sql("UPDATE secure_v3 SET value='v1garbage' WHERE key='bad'");
     const Process service = startService();
     const Result result = cli({"key", "rotate", "--reseal"});
     EXPECT_EQ(result.exitCode, 1);
-    EXPECT_THAT(result.err, AllOf(HasSubstr("it goes on under its key " + id(0)),
+    EXPECT_THAT(result.err, AllOf(HasSubstr("it goes on under its key " + id(1)),
                                   HasSubstr("1 row was left as it is: "), HasSubstr("secure value \"bad\"")));
-    EXPECT_EQ(keys().size(), 1U);
+    EXPECT_EQ(keys().size(), 2U);
     EXPECT_EQ(cli({"secure", "get", "good"}).out, "v\n");
     cli({"secure", "delete", "bad"});
     EXPECT_EQ(json::parse(cli({"key", "rotate", "--reseal", "--json"}).out)["went_on"], false);
-    EXPECT_EQ(keys().size(), 2U);
+    EXPECT_EQ(keys().size(), 3U);
+}
+
+TEST_F(KeyTest, AFullDiskStopsItAndLosesNothing) {
+    if (!mountDisk("data", "4m")) GTEST_SKIP() << "a small disk of one's own takes a privilege";
+    const Process service = startService();
+    for (int i = 0; i < 40; ++i) cli({"secure", "set", "k" + std::to_string(i)}, std::string(12'000, 'x'));
+    const auto fill = [this](int pagesLeft) {
+        const std::string filler =
+            "f=" + path("data/filler") + "; cat /dev/zero >$f 2>/dev/null; truncate -s $(($(stat";
+        run({"sh", "-c", filler + " -c %s $f) - 4096 * " + std::to_string(pagesLeft) + ")) $f"}, {});
+    };
+    const auto expectStopped = [&](const char* told, std::size_t count, std::vector<std::string> arguments) {
+        expectRefusal(std::move(arguments), told);
+        EXPECT_EQ(keys().size(), count);
+        EXPECT_EQ(json::parse(cli({"check", path("data"), "--json"}).out)["findings"].size(), 0U);
+    };
+    fill(0);
+    expectStopped("on a full disk; nothing was lost", 1, {"rotate", "--reseal"});
+    expectStopped("can't read or change its key ring", 1, {"rotate"});
+    EXPECT_THAT(service.err(), HasSubstr("sdsecurity.keys.new: No space left on device"));
+    fill(16);
+    expectStopped("on a full disk; nothing was lost", 2, {"rotate", "--reseal"});
+    std::filesystem::remove(path("data/filler"));
+    const json resealed = json::parse(cli({"key", "rotate", "--reseal", "--json"}).out);
+    EXPECT_EQ(resealed["went_on"], true);
+    EXPECT_EQ(resealed["done"], true);
+    EXPECT_EQ(cli({"key", "prune", "--yes"}).exitCode, 0);
+    EXPECT_EQ(keys().size(), 1U);
+    for (int i = 0; i < 40; ++i)
+        EXPECT_EQ(cli({"secure", "get", "k" + std::to_string(i)}).out, std::string(12'000, 'x') + "\n");
 }
 
 TEST_F(KeyTest, UnfitIdsAreToldApart) {
@@ -87,6 +118,9 @@ TEST_F(KeyTest, UnfitIdsAreToldApart) {
     expectRefusal({"enable", "ABCD"}, "has capital letters", 2);
     expectRefusal({"enable", "abc"}, "is no key's id", 2);
     expectRefusal({"prune"}, "say --yes", 2);
+    for (int keys = 1; keys < 199; ++keys) EXPECT_EQ(cli({"key", "rotate"}).exitCode, 0);
+    expectRefusal({"rotate", "--reseal"}, "holds 199 keys and takes no more");
+    EXPECT_EQ(json::parse(cli({"key", "prune", "--yes", "--json"}).out)["removed"].size(), 197U) << "one has sealed";
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 
 #include "apps/sdconfig/service/service.h"
 #include "platform/sdbus/sdbus.h"
+#include "platform/sdsecurity/sdsecurity.h"
 #include "src/sdconfig_protocol.h"
 
 namespace cli {
@@ -17,8 +18,7 @@ namespace {
 using sd::protocol::KeyOutcome;
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t kMostKeys = 199;  // that a ring holds
-constexpr int kPause = 5;               // for each step, so many times as long
+constexpr int kPause = 5;  // for each step, so many times as long
 
 Problem problemOf(KeyOutcome outcome) {
     switch (outcome) {
@@ -45,6 +45,9 @@ Problem problemOf(KeyOutcome outcome) {
                     "see what is wrong with: " + typed("doctor") + ", and repeat this"};
         case KeyOutcome::RingLocked:
             return {"the key ring is locked", "open it with: " + typed("key unlock") + ", or " + typed("key recover")};
+        case KeyOutcome::RingFull:
+            return {"the key ring holds " + std::to_string(sd::SDSecurity::kMostKeys) + " keys and takes no more",
+                    "remove those that nothing is sealed with: " + typed("key prune")};
     }
     return {"the service answers with something that this version doesn't know", "install both from one package"};
 }
@@ -56,7 +59,7 @@ public:
 
     int number() { return mMessage.getInt(mAt++); }
     std::size_t count() { return static_cast<std::size_t>(std::max(0, mMessage.getInt32(mAt++))); }
-    std::size_t keys() { return std::min(count(), kMostKeys); }
+    std::size_t keys() { return std::min(count(), sd::SDSecurity::kMostKeys); }
     bool flag() { return mMessage.getBool(mAt++); }
     std::string text() { return mMessage.getString(mAt++); }
     Problem problem() { return problemOf(static_cast<KeyOutcome>(number())); }
