@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "apps/common/digest_text.h"
+#include "apps/data/data_reader.h"
 #include "apps/data/table_reader.h"
 #include "platform/sdsecurity/sdsecurity.h"
 #include "src/sdconfig_sealed_row.h"
@@ -35,15 +36,17 @@ Content contentOf(const DatabaseLayout& layout, const std::string& table, const 
 // One for each row.
 class RowDigests {
 public:
-    explicit RowDigests(const std::string& keyId) : mKeyId(keyId) {}
+    RowDigests(const std::string& keyId, const Stop& stop) : mKeyId(keyId), mStop(stop) {}
 
     // Returns why they can't be made, or "".
     std::string add(const std::string& folder, const DatabaseLayout& layout) {
         const Tables tables = readTables(folder + "/" + layout.file, layout.tables);
         if (!tables.problem.empty()) return tables.problem;
         for (const auto& [table, rows] : tables.rows)
-            for (const Row& row : rows)
+            for (const Row& row : rows) {
+                if (mDigests.size() % kRowsBetweenAsking == 0 && mStop && mStop()) return "interrupted";
                 if (!add(layout, table, row)) return "the key ring has no key " + mKeyId + " that may open";
+            }
         return "";
     }
 
@@ -64,18 +67,21 @@ private:
         return sd::SDSecurity::GetInstance()->DigestUnderKey(mKeyId, texts);
     }
 
+    static constexpr std::size_t kRowsBetweenAsking = 256;
+
     const std::string& mKeyId;
+    const Stop& mStop;
     std::vector<std::string> mDigests;
 };
 
 }  // namespace
 
-DataDigest digestOf(const DataReader& reader, const std::string& noted) {
+DataDigest digestOf(const std::string& folder, const std::string& noted, const Stop& stop) {
     const std::string id = noted.empty() ? sd::sealingKey() : keyIdOfDigest(noted);
     if (id.empty()) return {"", "no key ring that can be used is there"};
-    RowDigests digests(id);
+    RowDigests digests(id, stop);
     for (const DatabaseLayout* layout : kLayouts)
-        if (std::string problem = digests.add(reader.folder(), *layout); !problem.empty()) return {"", problem};
+        if (std::string problem = digests.add(folder, *layout); !problem.empty()) return {"", problem};
     const std::string digits = digests.all();
     if (digits.empty()) return {"", "the key ring has no key " + id + " that may open"};
     return {digestText(id, digits), ""};

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "apps/data/data_reader.h"
+#include "apps/data/untouched_database.h"
 
 namespace apps {
 
@@ -15,6 +15,7 @@ struct DataDigest {
 // Over every row of both databases, whatever their order, under the key of the ring that seals, or that of a digest
 // that was noted. Values count as they were set: sealed anew they are the same. One that can't be opened counts as it
 // stands in its row. Each database is read as it stands at one moment.
-DataDigest digestOf(const DataReader& reader, const std::string& noted = "");
+// folder: of the databases; the security layer has to know the key ring.
+DataDigest digestOf(const std::string& folder, const std::string& noted = "", const Stop& stop = nullptr);
 
 }  // namespace apps

@@ -149,6 +149,50 @@ TEST_F(BackupTest, NothingButAWholeBackupIsRestored) {
     EXPECT_EQ(cli({"secure", "get", "k"}).out + cli({"policy", "get", "u"}).out, "v\nforced\n");
 }
 
+TEST_F(BackupTest, ARestoreTellsHowWhatItReplacesStandsToTheBackup) {
+    fill();
+    const json made = json::parse(backup({"--json"}).out);
+    EXPECT_THAT(cli({"check", path("data"), "--against", made["digest"]}).out, EndsWith("it holds what was noted\n"));
+    const auto expectReplaced = [&](const char* how, const std::string& told, const std::string& passphrase) {
+        const Result restored = restore("data", {"--force", "--json"}, passphrase);
+        ASSERT_EQ(restored.exitCode, 0) << restored.err;
+        EXPECT_EQ(json::parse(restored.out)["replaced"], how);
+        EXPECT_THAT(restored.err, HasSubstr(told));
+    };
+    const auto set = [this](const char* value) {
+        const Process service = startService();
+        cli({"secure", "set", "k", value});
+    };
+    expectReplaced("same", "holds what the backup of " + made["made"].get<std::string>() + " holds", "open sesame\n");
+    set("later");
+    for (const auto& entry : fs::directory_iterator(path("data")))
+        fs::last_write_time(entry, fs::file_time_type::clock::now() + std::chrono::hours(1));
+    expectReplaced("newer", "is newer than the backup: it was changed since", "open sesame\n");
+    set("elsewhere");
+    run({"sh", "-c", "touch -d 2001-02-03T04:05:06Z \"$0\"/*", path("data")});
+    expectReplaced("other", "was last written at 2001-02-03T04:05:06Z, before it", "open sesame\n");
+    EXPECT_THAT(restore("new").err, testing::Not(HasSubstr("the backup of"))) << "nothing is replaced";
+
+    const std::string whole = readFile(path("file"));
+    std::string forged = whole;
+    forged[forged.find("\nstate ") + 8] ^= 1;
+    const std::string lines = forged.substr(0, forged.find("\nsum ") + 1);
+    const std::string sum = run({"sha256sum"}, {}, lines).out.substr(0, 64);
+    writeFile(path("file"), forged.replace(lines.size() + 4, 64, sum));
+    EXPECT_THAT(restore("newer").err, HasSubstr("the passphrase does not open the key ring, or the file was changed"));
+
+    EXPECT_EQ(backup({"--without-keys", "--force"}).exitCode, 0);
+    std::string first = readFile(path("file"));
+    first[16] = '1';
+    first.erase(first.find("state "), first.find("keys none") - first.find("state "));
+    const std::string firstLines = first.substr(0, first.find("\nsum ") + 1);
+    writeFile(path("file"),
+              first.replace(firstLines.size() + 4, 64, run({"sha256sum"}, {}, firstLines).out.substr(0, 64)));
+    const json earlier = json::parse(restore("data", {"--force", "--json"}, "").out);
+    EXPECT_TRUE(earlier["made"].is_null() && earlier["replaced"].is_null()) << earlier;
+    EXPECT_EQ(earlier["done"], true);
+}
+
 TEST_F(BackupTest, WithoutKeysTheFoldersOwnRingServesOrNone) {
     fill();
     EXPECT_EQ(backup({"--without-keys"}).exitCode, 0);

@@ -2,6 +2,7 @@
 
 #include <sstream>
 
+#include "apps/common/digest_text.h"
 #include "apps/data/data_files.h"
 #include "apps/sdconfig/backup/hex.h"
 
@@ -9,7 +10,7 @@ namespace cli {
 
 namespace {
 
-constexpr std::string_view kFirstLine = "sdconfig-backup 1\n";
+constexpr std::string_view kNoDigest = "-";
 constexpr std::string_view kSum = "sum ";
 constexpr std::size_t kDigestDigits = 64;
 
@@ -37,14 +38,28 @@ std::optional<SealedRing> readRing(std::istream& line) {
     return fits ? std::optional(ring) : std::nullopt;
 }
 
+std::string digestWord(const BackupManifest::State& state) {
+    return state.digest.empty() ? std::string(kNoDigest) : state.digest;
+}
+
+std::optional<BackupManifest::State> readState(std::istream& line) {
+    BackupManifest::State state{};
+    std::string word;
+    if (!(line >> word >> state.made >> state.digest) || state.made <= 0) return std::nullopt;
+    if (state.digest == kNoDigest) state.digest.clear();
+    const bool fits = state.digest.empty() || apps::isDigestText(state.digest);
+    return fits ? std::optional(state) : std::nullopt;
+}
+
 }  // namespace
 
 std::string contextOf(const BackupManifest& manifest) {
     std::ostringstream text;
-    text << kFirstLine;
+    text << kBackupName << (manifest.state ? 2 : 1) << '\n';
     for (std::size_t i = 0; i < apps::kLayouts.size(); ++i)
         text << "database " << apps::kLayouts[i]->file << ' ' << manifest.databases[i].size << ' '
              << manifest.databases[i].digest << '\n';
+    if (manifest.state) text << "state " << manifest.state->made << ' ' << digestWord(*manifest.state) << '\n';
     return text.str();
 }
 
@@ -59,13 +74,15 @@ std::optional<BackupManifest> parseManifest(std::string_view text, std::size_t& 
     length = sum + 1 + kSum.size() + kDigestDigits + 1;
     std::istringstream words{std::string(text.substr(0, sum))};
     std::string word;
-    words >> word >> word;
+    std::string format;
+    words >> word >> format;
     BackupManifest manifest;
     for (std::size_t i = 0; i < apps::kLayouts.size(); ++i) {
         BackupManifest::Database database{};
         words >> word >> word >> database.size >> database.digest;
         manifest.databases.push_back(database);
     }
+    if (format != "1" && !(manifest.state = readState(words))) return std::nullopt;
     words >> word >> word;
     if (word != "none" && !(manifest.ring = readRing(words))) return std::nullopt;
     if (formatManifest(manifest) != text.substr(0, length)) return std::nullopt;

@@ -17,8 +17,18 @@ struct BackupManifest {
         std::string digest;  // in hexadecimal
     };
     std::vector<Database> databases;  // one for each of apps::kLayouts, in that order
+    // What the databases held; nothing in a backup of the first format.
+    struct State {
+        std::int64_t made;   // when they were copied, seconds since 1970
+        std::string digest;  // apps/common/digest_text.h; "" where there was no key ring that could be used
+    };
+    std::optional<State> state;
     std::optional<SealedRing> ring;
 };
+
+// What each begins with; the number of the format follows.
+inline constexpr std::string_view kBackupName = "sdconfig-backup ";
+inline constexpr char kLatestFormat = '2';
 
 // The bound of a manifest: a wrapped key ring has 96 KiB at most, and a digit is half a byte.
 inline constexpr std::size_t kMaxManifest = std::size_t{208} << 10;

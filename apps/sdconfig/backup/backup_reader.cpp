@@ -17,6 +17,11 @@ Problem damaged() {
     return {"the file is no backup, or a damaged one", "take another one"};
 }
 
+bool isOfLaterFormat(const std::string& text) {
+    const std::size_t at = kBackupName.size();
+    return text.compare(0, at, kBackupName) == 0 && text.size() > at && text[at] > kLatestFormat && text[at] <= '9';
+}
+
 Problem unwritten(const std::string& path) {
     return {path + " can't be written: " + std::strerror(errno),
             "see that the folder of DATA-DIR can be written and has room"};
@@ -37,7 +42,8 @@ Problem BackupReader::open() {
     text.resize(static_cast<std::size_t>(mFile.gcount()));
     std::size_t length = 0;
     std::optional<BackupManifest> manifest = parseManifest(text, length);
-    if (!manifest) return damaged();
+    if (!manifest)
+        return isOfLaterFormat(text) ? Problem{"the file is of a later version", "use that version"} : damaged();
     mManifest = std::move(*manifest);
     mFile.clear();
     mFile.seekg(static_cast<std::streamoff>(length));

@@ -17,6 +17,8 @@ public:
     // Takes the manifest. Comes first.
     Problem open();
     bool hasRing() const { return mManifest.ring.has_value(); }
+    // Proven by unpackRing alone.
+    const std::optional<BackupManifest::State>& state() const { return mManifest.state; }
 
     // Puts the files into the folder: the databases, all of them, and then the key ring.
     Problem unpackDatabases(const std::string& folder, const Interruption& interruption);

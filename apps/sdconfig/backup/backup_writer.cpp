@@ -2,11 +2,14 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 
 #include "apps/data/data_check.h"
+#include "apps/data/data_digest.h"
+#include "apps/data/data_reader.h"
 #include "apps/data/sqlite_handles.h"
 #include "apps/sdconfig/backup/ring_text.h"
 
@@ -33,6 +36,7 @@ BackupWriter::BackupWriter(const std::string& folder, const std::string& file, c
 
 Problem BackupWriter::copyDatabases() {
     if (mStaging.path().empty()) return unwritten();
+    mManifest.state = {std::time(nullptr), ""};
     for (const apps::DatabaseLayout* layout : apps::kLayouts)
         if (Problem problem = copyDatabase(*layout)) return problem;
     return {};
@@ -81,6 +85,12 @@ Problem BackupWriter::addDigest(const std::string& copy) {
     if (!read) return stopped();
     mManifest.databases.push_back({size, digest.hex()});
     return {};
+}
+
+Problem BackupWriter::addState() {
+    if (apps::DataReader::ringProblem().empty())
+        mManifest.state->digest = apps::digestOf(mStaging.path(), "", mInterruption.asked()).text;
+    return mInterruption.came() ? interrupted() : Problem{};
 }
 
 Problem BackupWriter::addRing(const SecretText& passphrase) {

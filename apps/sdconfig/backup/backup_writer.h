@@ -24,13 +24,18 @@ public:
     // The databases, each as it stands at one moment and none that is damaged. A running service is not held up.
     Problem copyDatabases();
 
-    // The key ring, sealed. After the databases: a later ring opens earlier values, never the reverse.
+    // What the copies hold, as a digest under the key that seals, where there is one. After the databases.
+    Problem addState();
+
+    // The key ring, sealed. After all else: a later ring opens earlier values, never the reverse, and its seal covers
+    // what stands before it.
     Problem addRing(const SecretText& passphrase);
 
     Problem writeFile(UnfinishedFile::Existing existing) const;
 
     // What the copies hold, of each of apps::kLayouts.
     std::size_t count(std::size_t layout) const { return mCounts.at(layout); }
+    const BackupManifest::State& state() const { return *mManifest.state; }
     bool hasSealed() const { return mSealed > 0; }
     std::size_t unreadable() const { return mUnreadable; }
 

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <optional>
 
+#include "apps/common/time_text.h"
 #include "apps/data/data_check.h"
 #include "apps/data/database_check.h"
 #include "apps/sdconfig/backup/backup_writer.h"
@@ -54,6 +55,8 @@ int finish(const Request& request, const std::string& folder, Keys keys, const B
     object["secure"] = writer.count(0);
     object["policies"] = writer.count(1);
     object["keys"] = nameOf(keys);
+    object["made"] = apps::timeText(writer.state().made);
+    object["digest"] = writer.state().digest.empty() ? Object(nullptr) : Object(writer.state().digest);
     object["done"] = true;
     if (writer.unreadable() > 0) noteRowsUnreadable(writer.unreadable(), folder);
     return print(request,
@@ -93,6 +96,7 @@ Problem write(const Request& request, const std::string& folder, Keys keys, cons
     if (Problem problem = writer.copyDatabases()) return problem;
     if (keys == Keys::None)
         if (Problem problem = lackOfRing(folder, writer.hasSealed())) return problem;
+    if (Problem problem = writer.addState()) return problem;
     if (passphrase)
         if (Problem problem = writer.addRing(*passphrase)) return problem;
     return writer.writeFile(request.force ? UnfinishedFile::Existing::Replace : UnfinishedFile::Existing::Keep);

@@ -21,11 +21,11 @@ struct State {
     bool isAsNoted = false;
 };
 
-State stateOf(const Request& request, const apps::DataReader& reader, std::vector<apps::Finding>& findings) {
+State stateOf(const Request& request, const std::string& folder, const apps::Stop& stop,
+              std::vector<apps::Finding>& findings) {
     State state;
-    const std::string& folder = reader.folder();
     if (request.digest) {
-        const apps::DataDigest now = apps::digestOf(reader);
+        const apps::DataDigest now = apps::digestOf(folder, "", stop);
         if (now.problem.empty())
             state.digest = now.text;
         else
@@ -35,7 +35,8 @@ State stateOf(const Request& request, const apps::DataReader& reader, std::vecto
     if (request.against.empty()) return state;
     // One under the same key was made already.
     const bool isMade = state.digest && apps::keyIdOfDigest(*state.digest) == apps::keyIdOfDigest(request.against);
-    const apps::DataDigest now = isMade ? apps::DataDigest{*state.digest, ""} : apps::digestOf(reader, request.against);
+    const apps::DataDigest now =
+        isMade ? apps::DataDigest{*state.digest, ""} : apps::digestOf(folder, request.against, stop);
     state.isAsNoted = now.text == request.against;
     if (!now.problem.empty())
         findings.push_back({folder, "it can't be told whether the folder holds what was noted: " + now.problem,
@@ -90,7 +91,7 @@ int checkFolder(const Request& request, Service& service) {
     const std::string& folder = access.reader->folder();
     const Interruption interruption;
     apps::DataCheck check = apps::checkData(folder, interruption.asked());
-    const State state = stateOf(request, *access.reader, check.findings);
+    const State state = stateOf(request, folder, interruption.asked(), check.findings);
     if (interruption.came()) return notChecked(request);
     const int printed =
         print(request, report(request, folder, check, state), reportObject(request, folder, check, state));

@@ -1,8 +1,8 @@
 // key list: the keys of the ring, and what is sealed with each, read from the data folder itself.
 #include <algorithm>
-#include <ctime>
 #include <map>
 
+#include "apps/common/time_text.h"
 #include "apps/sdconfig/data_commands/data_commands.h"
 #include "apps/sdconfig/reading/data_access.h"
 #include "apps/sdconfig/service/service.h"
@@ -70,21 +70,12 @@ const char* stateOf(const ListedKey& key) {
     }
 }
 
-std::string timeText(std::int64_t seconds) {
-    const std::time_t time = seconds;
-    std::tm parts{};
-    char text[32];
-    if (seconds == 0 || !::gmtime_r(&time, &parts) || !std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts))
-        return "";
-    return text;
-}
-
 std::string textOf(const std::vector<ListedKey>& keys) {
     const auto known = [](const std::string& text) { return text.empty() ? "-" : text; };
     std::vector<Fields> lines;
     lines.reserve(keys.size());
     for (const ListedKey& key : keys)
-        lines.push_back({key.info.id, stateOf(key), known(timeText(key.info.made)), known(key.info.version),
+        lines.push_back({key.info.id, stateOf(key), known(apps::timeText(key.info.made)), known(key.info.version),
                          std::to_string(key.holds.values), std::to_string(key.holds.policies),
                          key.isMissing ? "-" : std::to_string(key.info.seals)});
     return table({"KEY", "STATE", "MADE", "VERSION", "VALUES", "POLICIES", "SEALS"}, lines);
@@ -96,7 +87,7 @@ Object objectOf(const std::vector<ListedKey>& keys, bool requiresBoundForm) {
     for (const ListedKey& key : keys)
         all.push_back({{"key", key.info.id},
                        {"state", stateOf(key)},
-                       {"made", known(timeText(key.info.made))},
+                       {"made", known(apps::timeText(key.info.made))},
                        {"version", known(key.info.version)},
                        {"values", key.holds.values},
                        {"policies", key.holds.policies},

@@ -7,12 +7,14 @@
 #include <optional>
 
 #include "apps/common/descriptor.h"
+#include "apps/common/time_text.h"
 #include "apps/data/data_check.h"
 #include "apps/data/database_check.h"
 #include "apps/data/temporary_folder.h"
 #include "apps/sdconfig/backup/backup_reader.h"
 #include "apps/sdconfig/backup/folder_swap.h"
 #include "apps/sdconfig/backup/passphrase.h"
+#include "apps/sdconfig/backup/replaced_state.h"
 #include "apps/sdconfig/backup/restore_place.h"
 #include "apps/sdconfig/backup/ring_text.h"
 #include "apps/sdconfig/data_commands/data_commands.h"
@@ -46,13 +48,43 @@ std::string toldOf(const apps::Finding& finding, const std::string& staging) {
     return what;
 }
 
+const char* nameOf(ReplacedState::Kind kind) {
+    switch (kind) {
+        case ReplacedState::Kind::Same:
+            return "same";
+        case ReplacedState::Kind::Newer:
+            return "newer";
+        case ReplacedState::Kind::Other:
+            return "other";
+        default:
+            return "unknown";
+    }
+}
+
+// Where the backup tells of its state, and there is something to be replaced.
+using Replaced = std::optional<ReplacedState>;
+
+void tellReplaced(const std::string& folder, const BackupManifest::State& backup, const ReplacedState& replaced) {
+    using Kind = ReplacedState::Kind;
+    const std::string made = apps::timeText(backup.made);
+    const std::string written = apps::timeText(replaced.written);
+    if (replaced.kind == Kind::Same)
+        noteSameAsBackup(folder, made);
+    else if (replaced.kind == Kind::Unknown)
+        noteStateUnknown(folder, made, written, replaced.why);
+    else
+        noteUnlikeBackup(folder, made, written, replaced.kind == Kind::Newer);
+}
+
 // One restoring: a folder beside the place gets what the backup holds, is checked, and takes the place.
 class Restoring {
 public:
-    Restoring(const Request& request, const std::string& folder, BackupReader& backup, const SecretText* passphrase)
+    Restoring(const Request& request, const std::string& folder, BackupReader& backup, const Replaced& replaced,
+              const SecretText* passphrase)
         : mRequest(request),
           mFolder(folder),
           mBackup(backup),
+          mReplaced(replaced),
           mPassphrase(passphrase),
           mStaging(folder + ".restore-"),
           mMakingFailure(mStaging.path().empty() ? errno : 0) {}
@@ -142,6 +174,8 @@ private:
         object["policies"] = mCounts[1];
         object["keys"] = nameOf(mKeys);
         old.empty() ? void(object["old"] = nullptr) : addBytes(object, "old", old);
+        object["made"] = mBackup.state() ? Object(apps::timeText(mBackup.state()->made)) : Object(nullptr);
+        object["replaced"] = mReplaced ? Object(nameOf(mReplaced->kind)) : Object(nullptr);
         object["done"] = true;
         return print(mRequest,
                      "restored " + escaped(mFolder) + ": secure values " + std::to_string(mCounts[0]) + ", policies " +
@@ -155,6 +189,7 @@ private:
     const Request& mRequest;
     const std::string& mFolder;
     BackupReader& mBackup;
+    const Replaced& mReplaced;
     const SecretText* const mPassphrase;  // null: the backup's ring is not taken
     const Interruption mInterruption;
     apps::TemporaryFolder mStaging;
@@ -173,13 +208,20 @@ private:
 int restoreData(const Request& request, Service& /*service*/) {
     const std::string folder = folderNamed(request.key);
     if (const Problem problem = unfitPlace(folder, request.force)) return notRestored(request, problem);
-    std::optional<Passphrase> passphrase;
     BackupReader backup(request.file);
     if (const Problem problem = backup.open()) return notRestored(request, problem);
+    Replaced replaced;
+    if (const auto& state = backup.state()) {
+        const Interruption interruption;
+        replaced = replacedState(folder, *state, interruption.asked());
+        if (interruption.came()) return notRestored(request, interrupted());
+        if (replaced) tellReplaced(folder, *state, *replaced);
+    }
+    std::optional<Passphrase> passphrase;
     if (backup.hasRing() && !request.withoutKeys) passphrase.emplace(readPassphrase(Asking::Once));
     if (passphrase && !passphrase->problem.empty())
         return notRestored(request, {passphrase->problem, "give the backup's, or go without its keys: --without-keys"});
-    return Restoring(request, folder, backup, passphrase ? &passphrase->text : nullptr).run();
+    return Restoring(request, folder, backup, replaced, passphrase ? &passphrase->text : nullptr).run();
 }
 
 }  // namespace cli

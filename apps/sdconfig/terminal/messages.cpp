@@ -456,6 +456,22 @@ void noteUnproven() {
     note("no key ring of the backup was opened, so nothing proves who made it");
 }
 
+void noteSameAsBackup(const std::string& folder, const std::string& made) {
+    note(folder + " holds what the backup of " + made + " holds");
+}
+
+void noteUnlikeBackup(const std::string& folder, const std::string& made, const std::string& written, bool isNewer) {
+    note(folder + (isNewer ? " is newer than the backup: it was changed since " + made + ", last at " + written
+                           : " holds something else than the backup of " + made + ", and was last written at " +
+                                 written + ", before it"));
+}
+
+void noteStateUnknown(const std::string& folder, const std::string& made, const std::string& written,
+                      const std::string& why) {
+    note("the backup is of " + made + ", and " + folder + " was last written at " + written +
+         "; whether they hold the same can't be told: " + why);
+}
+
 void noteNoRing(const std::string& folder) {
     note("no key ring opens the sealed values; put it into " + folder + " before the service starts");
 }

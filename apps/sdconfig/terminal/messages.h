@@ -152,6 +152,11 @@ void noteKeysHandedOver(const std::string& ring);
 void noteRowsUnreadable(std::size_t count, const std::string& folder);
 int notRestored(const Request& request, const Problem& problem);  // nothing was changed
 void noteUnproven();
+// What is replaced. made, written: when the backup was made, and the folder written.
+void noteSameAsBackup(const std::string& folder, const std::string& made);
+void noteUnlikeBackup(const std::string& folder, const std::string& made, const std::string& written, bool isNewer);
+void noteStateUnknown(const std::string& folder, const std::string& made, const std::string& written,
+                      const std::string& why);
 void noteNoRing(const std::string& folder);
 
 // The values were counted alone. detail: of the key ring's status.
