@@ -1,5 +1,9 @@
 // sdconfig-data, the command line's second program, which has what looks into the data folder. The first one starts it.
+#include <cstdlib>
+#include <string>
+
 #include "apps/sdconfig/data_commands/data_commands.h"
+#include "apps/sdconfig/hand_over.h"
 #include "apps/sdconfig/program.h"
 #include "apps/sdconfig/terminal/messages.h"
 
@@ -10,9 +14,22 @@ int refuse(const cli::Request& request, char** /*argv*/) {
                      "type it as: " + cli::typed(request.command));
 }
 
+// The version of the program that started this one; "" for none. Nothing that is started from here finds it.
+std::string versionOfFirst() {
+    const char* const told = std::getenv(cli::kHandedOverBy);
+    std::string version = told ? told : "";
+    ::unsetenv(cli::kHandedOverBy);
+    return version;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Comes first: of another version, this program may not know the command.
+    if (const std::string first = versionOfFirst(); !first.empty() && first != SDCONFIG_VERSION)
+        return cli::fail(cli::kRefused, "starting sdconfig-data",
+                         "it is of version " SDCONFIG_VERSION ", and sdconfig, which starts it, of " + first,
+                         "install sdconfig again, whole");
     return cli::runProgram(argc, argv,
                            {
                                {"secure delete", cli::deleteSecure},

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 
@@ -29,6 +30,7 @@ fs::path ownFolder() {
 
 int handOver(const Request& request, char** argv) {
     const fs::path folder = ownFolder();
+    ::setenv(kHandedOverBy, SDCONFIG_VERSION, 1);
     const fs::path installed = (folder / kInstalled).lexically_normal();
     ::execve(installed.c_str(), argv, environ);
     const int problem = errno;

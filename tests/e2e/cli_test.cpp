@@ -439,6 +439,8 @@ TEST_F(CliTest, HandsOverToTheProgramOfItsOwnInstallation) {
     expectOut(run({first, "secure", "delete", "k"}, variables), "");
     EXPECT_EQ(run({first, "secure", "delete", "k"}, variables).exitCode, 42);  // an empty row may be there
     expectError(run({first, "secure", "get", "k"}, variables), kRefused, "not set");
+    program(second, "SDCONFIG_HANDED_OVER_BY=0.9.9 exec " + std::string(SDCONFIG_CLI) + "-data \"$@\"");
+    expectError(run({first, "key", "list"}, variables), kRefused, "and sdconfig, which starts it, of 0.9.9");
     std::filesystem::permissions(second, std::filesystem::perms::none);
     expectError(run({first, "doctor"}, variables), kRefused, second + " can't be run: Permission denied");
 }

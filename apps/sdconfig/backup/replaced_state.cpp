@@ -36,7 +36,7 @@ std::optional<ReplacedState> replacedState(const std::string& folder, const Back
     const apps::DataDigest now = apps::digestOf(folder, backup.digest, stop);
     if (!now.problem.empty()) return ReplacedState{Kind::Unknown, written, now.problem};
     if (now.text == backup.digest) return ReplacedState{Kind::Same, written, ""};
-    return ReplacedState{written > backup.made ? Kind::Newer : Kind::Other, written, ""};
+    return ReplacedState{written >= backup.made ? Kind::Newer : Kind::Other, written, ""};
 }
 
 }  // namespace cli

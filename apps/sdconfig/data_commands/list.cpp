@@ -13,8 +13,6 @@ namespace cli {
 
 namespace {
 
-constexpr char kUnreadable[] = "(can't be opened)";
-
 struct Listing {
     std::string text;
     Object object{{"secure", Object::array()}, {"policies", Object::array()}};
@@ -32,38 +30,48 @@ bool isWanted(const std::string& key, const Request& request) {
                        [&](const std::string& pattern) { return fits(folded(key), folded(pattern)); });
 }
 
-void addSecure(const apps::Row& row, bool show, Listing& listing) {
-    Object object;
-    addBytes(object, "key", row.key);
-    listing.text += "secure\t" + shownInLine(row.key);
-    if (show) {
-        const auto value = apps::DataReader::secureValue(row);
-        listing.text += "\t" + (value ? shownInLine(*value) : kUnreadable);
-        object["readable"] = value.has_value();
-        if (value) addBytes(object, "value", *value);
-        listing.complete = listing.complete && value;
-    }
-    listing.text += "\n";
-    listing.object["secure"].push_back(std::move(object));
+// Of the rows of one database: what they are called, and what is shown of one.
+struct Kind {
+    const char* word;
+    const char* keyName;
+    const char* all;         // the name of their array
+    const char* unreadable;  // what stands behind the key in the line of one that can't be opened
+    bool (*show)(const apps::Row& row, std::string& line, Object& object);  // false where it can't be opened
+};
+
+bool showSecure(const apps::Row& row, std::string& line, Object& object) {
+    const auto value = apps::DataReader::secureValue(row);
+    if (!value) return false;
+    line += "\t" + shownInLine(*value);
+    addBytes(object, "value", *value);
+    return true;
 }
 
-void addPolicy(const apps::Row& row, bool show, Listing& listing) {
+bool showPolicy(const apps::Row& row, std::string& line, Object& object) {
+    const auto policy = apps::DataReader::policy(row);
+    if (!policy) return false;
+    line += "\t" + std::to_string(policy->priority) + "\t" + shownInLine(policy->value);
+    addBytes(object, "value", policy->value);
+    object["priority"] = policy->priority;
+    return true;
+}
+
+constexpr Kind kSecure{"secure", "key", "secure", "\t(can't be opened)", showSecure};
+constexpr Kind kPolicy{"policy", "uri", "policies", "\t-\t(can't be opened)", showPolicy};
+
+void add(const apps::Row& row, const Kind& kind, bool show, Listing& listing) {
     Object object;
-    addBytes(object, "uri", row.key);
-    listing.text += "policy\t" + shownInLine(row.key);
+    addBytes(object, kind.keyName, row.key);
+    std::string line = std::string(kind.word) + "\t" + shownInLine(row.key);
     if (show) {
-        const auto policy = apps::DataReader::policy(row);
-        listing.text += policy ? "\t" + std::to_string(policy->priority) + "\t" + shownInLine(policy->value)
-                               : "\t-\t" + std::string(kUnreadable);
-        object["readable"] = policy.has_value();
-        if (policy) {
-            addBytes(object, "value", policy->value);
-            object["priority"] = policy->priority;
-        }
-        listing.complete = listing.complete && policy;
+        object["readable"] = true;
+        const bool readable = kind.show(row, line, object);
+        object["readable"] = readable;
+        if (!readable) line += kind.unreadable;
+        listing.complete = listing.complete && readable;
     }
-    listing.text += "\n";
-    listing.object["policies"].push_back(std::move(object));
+    listing.text += line + "\n";
+    listing.object[kind.all].push_back(std::move(object));
 }
 
 // Reads both databases, one of which may not be there. Returns what hindered it, or "".
@@ -93,9 +101,9 @@ int listKeys(const Request& request, Service& service) {
     sortByKey(policies);
     Listing listing;
     for (const apps::Row& row : secure)
-        if (isWanted(row.key, request)) addSecure(row, request.show, listing);
+        if (isWanted(row.key, request)) add(row, kSecure, request.show, listing);
     for (const apps::Row& row : policies)
-        if (isWanted(row.key, request)) addPolicy(row, request.show, listing);
+        if (isWanted(row.key, request)) add(row, kPolicy, request.show, listing);
     const int printed = print(request, listing.text, listing.object);
     return listing.complete ? printed : valuesUnreadable(request, apps::DataReader::ringProblem());
 }
