@@ -188,7 +188,7 @@ KeyKeeper::Resealing KeyKeeper::reseal() {
     }
     const bool isAtEnd = outcome == KeyOutcome::Done && pass.place.isAtEnd();
     if (isAtEnd) outcome = endResealing(pass);
-    Resealing result{outcome, isAtEnd, pass.place.percent(), pass.sealed, pass.left};
+    Resealing result{outcome, isAtEnd, pass.place.percent(), pass.keyId, pass.sealed, pass.left};
     if (isAtEnd) mResealing.reset();
     return result;
 }

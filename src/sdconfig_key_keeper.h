@@ -51,6 +51,7 @@ public:
         protocol::KeyOutcome outcome;
         bool isAtEnd = false;
         int percent = 0;
+        std::string keyId{};      // with which they are sealed: another one than was made where others rotate meanwhile
         std::int64_t sealed = 0;  // in this pass
         SealedRows left{};        // that can't be opened, or were changed by another process
     };

@@ -551,6 +551,7 @@ bool SDConfigInterface::resealRows(Call& call) {
     reply->appendInt8(static_cast<int8_t>(step.outcome));
     reply->appendBool(step.isAtEnd);
     reply->appendInt8(static_cast<int8_t>(step.percent));
+    reply->appendString(step.keyId);
     reply->appendInt32(static_cast<int32_t>(step.sealed));
     appendRows(*reply, step.left);
     sendMessage(reply);

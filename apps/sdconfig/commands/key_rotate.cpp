@@ -20,13 +20,13 @@ int resealRows(const Request& request, const Service& service, const Rotated& ro
         noteResealingInterrupted();
         return code;
     }
-    const Object object{{"key", rotated.keyId},
+    const Object object{{"key", resealed.keyId},
                         {"went_on", rotated.goesOn},
                         {"sealed", resealed.sealed},
                         {"left", resealed.left.count},
                         {"rows_left", objectsOf(resealed.left)},
                         {"done", resealed.left.count == 0}};
-    const std::string text = "key " + rotated.keyId +
+    const std::string text = "key " + resealed.keyId +
                              " seals; sealed anew with it: " + std::to_string(resealed.sealed) +
                              " values and policies\n";
     const int printed = print(request, text, object);

@@ -150,6 +150,7 @@ KeyAnswer setEnabled(const Service& service, const std::string& id, bool enabled
 
 Resealed resealAll(const Service& service, const Progress& tell) {
     return inSteps<Resealed>(service, sd::protocol::kKeyReseal, false, tell, [](Reader& reader, Resealed& result) {
+        result.keyId = reader.text();
         result.sealed = reader.count();
         result.left = reader.rows();
     });
