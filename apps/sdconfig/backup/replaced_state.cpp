@@ -31,7 +31,8 @@ std::optional<ReplacedState> replacedState(const std::string& folder, const Back
     using Kind = ReplacedState::Kind;
     const std::int64_t written = lastWritten(folder);
     if (written == 0) return std::nullopt;
-    if (backup.digest.empty()) return ReplacedState{Kind::Unknown, written, "no key ring was open when the backup was made"};
+    if (backup.digest.empty())
+        return ReplacedState{Kind::Unknown, written, "no key ring was open when the backup was made"};
     const apps::DataReader tellsTheFolder(folder);
     const apps::DataDigest now = apps::digestOf(folder, backup.digest, stop);
     if (!now.problem.empty()) return ReplacedState{Kind::Unknown, written, now.problem};
