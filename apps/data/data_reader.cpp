@@ -109,4 +109,9 @@ std::string DataReader::ringProblem() {
            ring.detail;
 }
 
+std::string DataReader::ringRemedy() {
+    const bool isLocked = sd::SDSecurity::GetInstance()->CheckKeyRing().state == sd::SDSecurity::KeyRingState::Locked;
+    return isLocked ? kOpenRing : "";
+}
+
 }  // namespace apps

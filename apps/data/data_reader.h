@@ -40,6 +40,8 @@ public:
 
     // Why the key ring can't open anything; "" where it can.
     static std::string ringProblem();
+    // How a ring that is locked is opened; "" where it isn't.
+    static std::string ringRemedy();
 
     // Whether the database of secure values, or of policies, is there at all.
     bool hasSecure() const;

@@ -1,6 +1,7 @@
 #include "platform/sdsecurity/key_store.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -126,6 +127,13 @@ RingRead KeyStore::read(Wait wait) {
     if (place().kind != Place::Kind::HandedOver) return opened(readPlace(), wait);
     if (mRing) return {KeyRingState::Usable, *mRing, "", mWrapping};
     return opened({KeyRingState::Usable, formatWrappedRing(*mWrapping), ""}, wait);
+}
+
+// Whoever was killed while a ring was made plain again may have left a plain one beside the wrapped one.
+void KeyStore::removePlainLeftover() {
+    std::string ignored;
+    if (place().folder.empty() || ::access((place().path + ".new").c_str(), F_OK) != 0) return;
+    if (const auto folder = LockedFolder::lock(place().folder, kSealWait, ignored)) folder->removeLeftover(kFileName);
 }
 
 // From now on this is the ring in memory.
@@ -263,6 +271,7 @@ SDSecurity::KeyRingStatus KeyStore::check(Wait wait) {
     const std::lock_guard lock(mMutex);
     if (place().kind == Place::Kind::HandedOver && mRing) return {KeyRingState::Usable, place().path};
     RingRead found = read(wait);
+    if (found.wrapping && wait == Wait::No) removePlainLeftover();
     if (found.state == KeyRingState::Usable) {
         found.reason = strangenessOf(found);
         if (!found.reason.empty()) found.state = KeyRingState::Broken;

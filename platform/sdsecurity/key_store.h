@@ -76,6 +76,7 @@ private:
     RingRead opened(const FileRead& file, Wait wait);
     RingRead read(Wait wait = Wait::Yes);
     void keep(RingRead found);
+    void removePlainLeftover();
     std::string strangenessOf(const RingRead& found) const;
     bool tellUnusable(const RingRead& found);
     SecretBytes textOf(const KeyRing& ring, const std::optional<WrappedRing>& wrapping) const;

@@ -187,6 +187,11 @@ bool LockedFolder::replaceTried(const std::string& name, const SecretBytes& byte
     return false;
 }
 
+void LockedFolder::removeLeftover(const std::string& name) const {
+    const PlainFile left(mPath + '/' + sibling(name));
+    if (::unlinkat(mFolder.get(), sibling(name).c_str(), 0) == 0) (void)left.overwrite();
+}
+
 PlainFile::PlainFile(const std::string& path) : mFile(::open(path.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC)) {}
 
 std::string PlainFile::overwrite() const {

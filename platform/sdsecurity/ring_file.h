@@ -60,6 +60,9 @@ public:
     bool create(const std::string& name, const SecretBytes& bytes, std::string& reason) const;
     bool replace(const std::string& name, const SecretBytes& bytes, std::string& reason) const;
 
+    // What a process that was killed at its writing has left of a file: overwritten, and gone.
+    void removeLeftover(const std::string& name) const;
+
     // As replace, where `trial` agrees with what was read back of the new file before it takes the old one's place.
     // It returns why it doesn't, or "".
     using Trial = std::function<std::string(const FileRead&)>;

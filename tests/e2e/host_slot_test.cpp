@@ -14,6 +14,7 @@
 
 #include "base/unique_fd.h"
 #include "platform/sdsecurity/hex.h"
+#include "platform/sdsecurity/sdsecurity.h"
 #include "tests/support/process.h"
 #include "tests/support/support.h"
 
@@ -274,6 +275,38 @@ TEST(UserCredentialTest, SystemdIsAskedWhereItSealsForUsers) {
     expectAnswer(sealByHost(kKey, sealers), Outcome::NotNow, "nobody seals");  // the service is asked instead
     ::unlink(sealers.systemSocket.c_str());
     expectAnswer(openByHost(sealed, sealers), Outcome::NotNow, "not there");
+}
+
+// The whole way, with a folder that is copied to another machine.
+TEST_F(HostSlotTest, ACopiedRingOpensOnAnotherMachineByTheRecoveryCodeAlone) {
+    using Kind = sd::SDSecurity::SlotKind;
+    using SlotOutcome = sd::SDSecurity::SlotOutcome;
+    const test::ScopedEnv noCredentials("CREDENTIALS_DIRECTORY", nullptr);
+    const test::TempDir data, elsewhere;
+    Listener here = machine(mFolder), there = machine(elsewhere);
+    sd::SDSecurity& security = *sd::SDSecurity::GetInstance();
+    const auto beginOn = [&](const std::string& socket) {
+        security.SetSealSocket(socket);
+        security.SetKeyRingFolder(data.path());
+    };
+    beginOn(here.path());
+    const std::string sealed = security.FastEncrypt("x");
+    std::string code = sd::SDSecurity::MakeRecoveryCode(), key;
+    ASSERT_EQ(security.MakeSlotKey(Kind::Recovery, sd::SDSecurity::SlotUse::Fresh, code, key).outcome,
+              SlotOutcome::Done);
+    ASSERT_EQ(security.Protect(Kind::Host, {key, ""}).outcome, SlotOutcome::Done);
+    beginOn(here.path());
+    EXPECT_EQ(security.FastDecrypt(sealed), "x");
+
+    beginOn(there.path());
+    EXPECT_EQ(security.FastDecrypt(sealed), "");
+    EXPECT_THAT(security.CheckKeyRing().detail, HasSubstr("it is locked; host: it was sealed by another machine"));
+    EXPECT_EQ(security.Recover(key).outcome, SlotOutcome::Done);
+    beginOn(there.path());
+    EXPECT_EQ(security.FastDecrypt(sealed), "x") << "its slot was made anew";
+    beginOn(data / "nobody");
+    EXPECT_EQ(security.FastDecrypt(sealed), "");
+    EXPECT_EQ(security.CheckKeyRing().state, sd::SDSecurity::KeyRingState::Locked);
 }
 
 }  // namespace

@@ -405,6 +405,17 @@ TEST_F(SlotsTest, IsPlainOrWrappedWhereverItWasKilled) {
         EXPECT_FALSE(std::filesystem::exists(ring + ".new"));
     }
     EXPECT_EQ(wrapped, 3);
+    if (const pid_t child = ::fork(); child == 0) {
+        syncsToLive = 0;
+        security.UnprotectAll();
+        ::_exit(1);
+    } else {
+        EXPECT_EQ(::waitpid(child, nullptr, 0), child);
+    }
+    EXPECT_TRUE(std::filesystem::exists(ring + ".new")) << "a plain one";
+    beginAnew();
+    EXPECT_EQ(security.OpenKeyRingAhead().state, State::Locked);
+    EXPECT_FALSE(std::filesystem::exists(ring + ".new"));
 }
 
 TEST_F(SlotsTest, ANewCodeOrPassphraseMakesAllAnew) {

@@ -108,7 +108,8 @@ int listKeyRing(const Request& request, Service& service) {
     }
     if (holdings.empty() && SDSecurity::GetInstance()->CheckKeyRing().state == SDSecurity::KeyRingState::Absent)
         return noKeyYet(request);
-    if (const std::string ring = apps::DataReader::ringProblem(); !ring.empty()) return noRing(request, ring);
+    if (const std::string ring = apps::DataReader::ringProblem(); !ring.empty())
+        return noRing(request, {ring, apps::DataReader::ringRemedy()});
     const std::vector<ListedKey> keys = listed(std::move(holdings));
     const int printed = print(request, textOf(keys), objectOf(keys, SDSecurity::GetInstance()->RequiresBoundForm()));
     const auto missing = std::count_if(keys.begin(), keys.end(), [](const ListedKey& key) { return key.isMissing; });

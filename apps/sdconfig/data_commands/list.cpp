@@ -105,7 +105,9 @@ int listKeys(const Request& request, Service& service) {
     for (const apps::Row& row : policies)
         if (isWanted(row.key, request)) add(row, kPolicy, request.show, listing);
     const int printed = print(request, listing.text, listing.object);
-    return listing.complete ? printed : valuesUnreadable(request, apps::DataReader::ringProblem());
+    return listing.complete
+               ? printed
+               : valuesUnreadable(request, {apps::DataReader::ringProblem(), apps::DataReader::ringRemedy()});
 }
 
 }  // namespace cli

@@ -331,9 +331,10 @@ void noteContradiction(const std::string& folder) {
          ": it keeps its data elsewhere, or the value has just changed");
 }
 
-int valuesUnreadable(const Request& request, const std::string& problem) {
-    return fail(kRefused, attempt(request), problem.empty() ? "some values can't be opened" : problem,
-                "the key ring belongs to the databases: restore it from the same backup");
+int valuesUnreadable(const Request& request, const Problem& problem) {
+    return fail(
+        kRefused, attempt(request), problem.what.empty() ? "some values can't be opened" : problem.what,
+        problem.next.empty() ? "the key ring belongs to the databases: restore it from the same backup" : problem.next);
 }
 
 int keyRefused(const Request& request, const Problem& problem) {
@@ -354,8 +355,9 @@ int keyNeeded(const Request& request, const std::string& id, std::size_t count, 
                 "seal them with another key by: " + typed("key rotate --reseal"));
 }
 
-int noRing(const Request& request, const std::string& problem) {
-    return fail(kRefused, attempt(request), problem, "see what is wrong with: " + typed("doctor"));
+int noRing(const Request& request, const Problem& problem) {
+    return fail(kRefused, attempt(request), problem.what,
+                problem.next.empty() ? "see what is wrong with: " + typed("doctor") : problem.next);
 }
 
 int noKeyYet(const Request& request) {

@@ -112,13 +112,13 @@ int nothingToReadFrom(const Request& request, const Problem& problem);
 void noteDataNotRead(const std::string& problem);
 void noteNoDatabase(const std::string& folder, const char* what);
 void noteContradiction(const std::string& folder);
-int valuesUnreadable(const Request& request, const std::string& problem);
+int valuesUnreadable(const Request& request, const Problem& problem);
 
 // Keys.
 int keyRefused(const Request& request, const Problem& problem);
 int rowsLeft(const Request& request, std::size_t count, const std::string& rows);  // rows: their names, or some
 int keyNeeded(const Request& request, const std::string& id, std::size_t count, const std::string& rows);
-int noRing(const Request& request, const std::string& problem);
+int noRing(const Request& request, const Problem& problem);
 int noKeyYet(const Request& request);
 int keysMissing(const Request& request, std::size_t keys);
 void noteResealingGoesOn(const std::string& id);
