@@ -1,6 +1,7 @@
 // KeyStore's part that makes, changes and opens the slots of a wrapped ring.
 #include <algorithm>
 #include <ctime>
+#include <iterator>
 #include <utility>
 
 #include "platform/sdsecurity/crypto.h"
@@ -226,7 +227,7 @@ SlotResult KeyStore::tried(const FileRead& file, const SecretBytes& text, const 
         const Slot* const slot = wrapping->find(made.slot.kind);
         SlotAnswer answer{SlotAnswer::Outcome::Done, made.key, "", ""};
         if (slot && !isTyped(slot->kind)) answer = mOpener.keepers().open(*slot);
-        if (const SlotResult result = resultOf(made.slot.kind, answer); !isDone(result)) return result;
+        if (SlotResult result = resultOf(made.slot.kind, answer); !isDone(result)) return result;
         const auto master = slot ? openSlot(*slot, answer.key) : std::nullopt;
         if (!master || openRing(*wrapping, *master) != text)
             return {SlotOutcome::NotStored,
@@ -253,7 +254,8 @@ SlotResult KeyStore::store(Held& held, RingRead next, const SecretBytes& master,
     if (!held.folder.replaceTried(kFileName, file, trial, reason)) {
         if (isDone(result)) result = {SlotOutcome::NotStored, reason};
         std::vector<Slot> vain;
-        for (const NewSlot& made : slots) vain.push_back(made.slot);
+        std::transform(slots.begin(), slots.end(), std::back_inserter(vain),
+                       [](const NewSlot& made) { return made.slot; });
         if (readPlace().bytes != file) forget(mOpener.keepers(), vain);
         return result;
     }
@@ -312,7 +314,7 @@ SlotResult KeyStore::renew(Held& held, SlotKind kind, bool removes, const SlotKe
         const bool stays = slot.kind == SlotKind::Passphrase && kind != SlotKind::Passphrase;
         const std::string& typed = slot.kind == SlotKind::Recovery ? keys.recovery : keys.passphrase;
         NewSlot made;
-        const SlotResult result = stays ? keepSlot(slot, typed, made) : makeSlot(slot.kind, typed, made);
+        SlotResult result = stays ? keepSlot(slot, typed, made) : makeSlot(slot.kind, typed, made);
         if (!isDone(result)) return result;
         // The same salt is that of what was stretched for the slot that is to go.
         if (!stays && isTyped(slot.kind) && made.slot.stretching.salt == slot.stretching.salt) return needed(slot.kind);
