@@ -256,7 +256,10 @@ SlotResult KeyStore::store(Held& held, RingRead next, const SecretBytes& master,
         std::vector<Slot> vain;
         std::transform(slots.begin(), slots.end(), std::back_inserter(vain),
                        [](const NewSlot& made) { return made.slot; });
-        if (readPlace().bytes != file) forget(mOpener.keepers(), vain);
+        if (readPlace().bytes != file) return forget(mOpener.keepers(), vain), result;
+        // It stands, but may be gone after a power cut.
+        mOpener.keep(*next.wrapping, master);
+        keep(std::move(next));
         return result;
     }
     mOpener.keep(*next.wrapping, master);
