@@ -1,18 +1,18 @@
 // The policy file of the command line: hostile texts, and that what is exported can be imported.
-#include "apps/sdconfig/policy/policy_file.h"
+#include "policies/policy_file.h"
 
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <algorithm>
 #include <set>
 
-#include "apps/sdconfig/policy/policy_value.h"
-#include "apps/sdconfig/request/letter_case.h"
+#include "base/letter_case.h"
 #include "fuzz/support.h"
+#include "policies/policy_value.h"
 
 namespace {
 
-using Entries = std::vector<cli::PolicyEntry>;
+using Entries = std::vector<sd::PolicyEntry>;
 
 constexpr std::size_t kProblemMax = 1024;
 
@@ -23,7 +23,7 @@ bool same(const Entries& one, const Entries& other) {
 }
 
 void readBack(const Entries& entries) {
-    const cli::PolicyFile again = cli::parsePolicyFile(cli::composePolicyFile(entries));
+    const sd::PolicyFile again = sd::parsePolicyFile(sd::composePolicyFile(entries));
     fuzz::expect(again.problem.empty() && same(again.entries, entries), "what was written reads back");
 }
 
@@ -34,15 +34,15 @@ void checkProblem(const std::string& problem) {
 }
 
 void parse(const std::string& text) {
-    const cli::PolicyFile file = cli::parsePolicyFile(text);
+    const sd::PolicyFile file = sd::parsePolicyFile(text);
     if (!file.problem.empty()) {
         checkProblem(file.problem);
         return fuzz::expect(file.entries.empty(), "a file with a problem has no entries");
     }
     std::set<std::string> seen;
-    for (const cli::PolicyEntry& entry : file.entries) {
-        fuzz::expect(seen.insert(cli::folded(entry.uri)).second, "no two URIs differ in letter case alone");
-        fuzz::expect(cli::unfitForFile(entry).empty(), "what a file has can stand in a file");
+    for (const sd::PolicyEntry& entry : file.entries) {
+        fuzz::expect(seen.insert(sd::folded(entry.uri)).second, "no two URIs differ in letter case alone");
+        fuzz::expect(sd::unfitForFile(entry).empty(), "what a file has can stand in a file");
     }
     readBack(file.entries);
 }
@@ -52,12 +52,12 @@ void compose(FuzzedDataProvider& input) {
     Entries entries;
     std::set<std::string> seen;
     while (input.remaining_bytes() > 0 && entries.size() < 8) {
-        cli::PolicyEntry entry;
+        sd::PolicyEntry entry;
         entry.priority = input.ConsumeIntegral<int>() % 130;
         entry.uri = input.ConsumeRandomLengthString(32);
         entry.value = input.ConsumeRandomLengthString(32);
         if (entry.uri.find('\0') != std::string::npos) continue;
-        if (cli::unfitForFile(entry).empty() && seen.insert(cli::folded(entry.uri)).second) entries.push_back(entry);
+        if (sd::unfitForFile(entry).empty() && seen.insert(sd::folded(entry.uri)).second) entries.push_back(entry);
     }
     readBack(entries);
 }

@@ -2,12 +2,12 @@
 #include "apps/sdconfig/commands/commands.h"
 #include "apps/sdconfig/policy/change_output.h"
 #include "apps/sdconfig/policy/effective.h"
-#include "apps/sdconfig/policy/policy_value.h"
 #include "apps/sdconfig/policy/property_clash.h"
 #include "apps/sdconfig/service/service.h"
 #include "apps/sdconfig/terminal/messages.h"
 #include "apps/sdconfig/terminal/output.h"
 #include "libsdconfig/dmconfig.h"
+#include "policies/policy_value.h"
 
 namespace cli {
 
@@ -26,11 +26,11 @@ void noteWhereHidden(const Request& request, int priority) {
 }  // namespace
 
 int setPolicy(const Request& request, Service& service) {
-    const auto priority = parsePriority(request.priority);
+    const auto priority = sd::parsePriority(request.priority);
     if (!priority)
         return unfitPolicy(request, {"PRIORITY has to be a whole number from 0 to 127",
                                      "above 5 it overrides whatever is set locally, from 0 to 5 it is a default"});
-    if (const std::string unfit = unfitPolicyValue(request.value); !unfit.empty())
+    if (const std::string unfit = sd::unfitPolicyValue(request.value); !unfit.empty())
         return unfitPolicy(request, {"VALUE " + unfit, "give another value, or \"\" for none"});
     if (const int code = service.require()) return code;
     const bool onlyProperty = isOnlyProperty(request.key, answered(policies().GetPolicyWithUri(request.key)));

@@ -7,7 +7,6 @@
 
 #include "apps/sdconfig/data_commands/data_commands.h"
 #include "apps/sdconfig/files/whole_file.h"
-#include "apps/sdconfig/policy/policy_file.h"
 #include "apps/sdconfig/policy/property_clash.h"
 #include "apps/sdconfig/reading/policy_preview.h"
 #include "apps/sdconfig/reading/stored_policies.h"
@@ -17,11 +16,14 @@
 #include "apps/sdconfig/terminal/messages.h"
 #include "apps/sdconfig/terminal/output.h"
 #include "libsdconfig/dmconfig.h"
+#include "policies/policy_file.h"
 #include "src/sdconfig_protocol.h"
 
 namespace cli {
 
 namespace {
+
+using sd::PolicyEntry;
 
 // A list of ten thousand policies takes about one; nobody needs more at once.
 constexpr std::size_t kMaxFileBytes = 16u << 20;
@@ -223,7 +225,7 @@ int applyPolicies(const Request& request, Service& service) {
     std::string text;
     if (const std::string problem = readWhole(request.file, kMaxFileBytes, text); !problem.empty())
         return policyFileUnread(request, problem);
-    const PolicyFile file = parsePolicyFile(text);
+    const sd::PolicyFile file = sd::parsePolicyFile(text);
     if (!file.problem.empty()) return unfitPolicyFile(request, file.problem);
     if (const int code = service.require()) return code;
     std::vector<std::string> surplus;

@@ -1,18 +1,20 @@
 // policy export: the stored policies as a file.
 #include "apps/sdconfig/data_commands/data_commands.h"
 #include "apps/sdconfig/files/whole_file.h"
-#include "apps/sdconfig/policy/policy_file.h"
 #include "apps/sdconfig/reading/stored_policies.h"
 #include "apps/sdconfig/terminal/messages.h"
 #include "apps/sdconfig/terminal/output.h"
+#include "policies/policy_file.h"
 
 namespace cli {
 
 namespace {
 
+using sd::PolicyEntry;
+
 // Into the file, or to standard output, where it stands for the result.
 int putFile(const Request& request, const std::vector<PolicyEntry>& entries, bool complete) {
-    const std::string text = composePolicyFile(entries);
+    const std::string text = sd::composePolicyFile(entries);
     if (request.file == "-") return printText(text);
     if (const std::string reason = writeWhole(request.file, text); !reason.empty())
         return fileNotWritten(request, reason);
@@ -34,7 +36,7 @@ int exportPolicies(const Request& request, Service& service) {
     for (const StoredPolicy& one : stored.all) {
         const PolicyEntry entry =
             one.policy ? PolicyEntry{one.uri, one.policy->value, one.policy->priority} : PolicyEntry{one.uri, "", 0};
-        const std::string unfit = one.policy ? unfitForFile(entry) : "it can't be read";
+        const std::string unfit = one.policy ? sd::unfitForFile(entry) : "it can't be read";
         if (unfit.empty()) {
             entries.push_back(entry);
         } else if (problem.empty()) {

@@ -18,23 +18,15 @@ namespace cli {
 
 namespace {
 
-// A key or a path is told whole in all sane cases; a line for a person ends somewhere.
-constexpr std::size_t kMaxQuoted = 200;
+// A line for a person ends somewhere.
 constexpr std::size_t kMaxLine = 2000;
 
 constexpr char kOtherwiseThanHere[] =
     "leave out --local to ask the service, or name the product's folder with --product-dir";
 
-// Between two characters of UTF-8.
-std::string cut(std::string_view text, std::size_t most) {
-    if (text.size() <= most) return std::string(text);
-    while (most > 0 && (static_cast<unsigned char>(text[most]) & 0xc0u) == 0x80u) --most;
-    return std::string(text.substr(0, most)) + "...";
-}
-
 // In one write, so that lines of several processes don't mix. Where standard error itself is gone nobody can be told.
 void printLine(const std::string& text) {
-    const std::string line = "sdconfig: " + cut(escaped(text), kMaxLine) + "\n";
+    const std::string line = "sdconfig: " + sd::cutAt(escaped(text), kMaxLine) + "\n";
     (void)!::write(STDERR_FILENO, line.data(), line.size());
 }
 
@@ -98,10 +90,6 @@ std::string howToRestart() {
         return "end the service with: " + apps::howToEnd(process) +
                "; then start it with: " + apps::howToStartAgain(process, byActedUser());
     return "restart the service with: " + systemctl() + " restart sdconfigd";
-}
-
-std::string quoted(const std::string& text) {
-    return '"' + cut(escaped(text), kMaxQuoted) + '"';
 }
 
 std::string asArgument(const std::string& text) {

@@ -45,10 +45,8 @@ int fail(ExitCode code, const std::string& tried, const std::string& happened, c
 void note(const std::string& text);
 
 using apps::escaped;
+using apps::quoted;
 using apps::shellWord;
-
-// `text` in quotation marks, escaped, and cut where it is long.
-std::string quoted(const std::string& text);
 
 // `text` as a word of a command that a person is to type, also where it begins with a dash.
 std::string asArgument(const std::string& text);

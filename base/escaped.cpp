@@ -1,13 +1,17 @@
-#include "apps/common/escaped.h"
+#include "base/escaped.h"
 
 #include <algorithm>
 #include <cctype>
 #include <cstddef>
 #include <cstring>
+#include <string_view>
 
-namespace apps {
+namespace sd {
 
 namespace {
+
+// A key or a path is told whole in all sane cases.
+constexpr std::size_t kMaxQuoted = 200;
 
 // What stands at one place of a text: a character of UTF-8, or a byte that is part of none.
 struct Piece {
@@ -64,6 +68,25 @@ std::string escaped(const std::string& text) {
     return out;
 }
 
+std::string cutAt(std::string_view text, std::size_t most) {
+    if (text.size() <= most) return std::string(text);
+    while (most > 0 && (static_cast<unsigned char>(text[most]) & 0xc0u) == 0x80u) --most;
+    return std::string(text.substr(0, most)) + "...";
+}
+
+std::string quoted(const std::string& text) {
+    return '"' + cutAt(escaped(text), kMaxQuoted) + '"';
+}
+
+bool isUtf8(const std::string& bytes) {
+    for (std::size_t at = 0; at < bytes.size();) {
+        const Piece piece = pieceAt(bytes, at);
+        if (!piece.valid) return false;
+        at += piece.size;
+    }
+    return true;
+}
+
 std::string escapedInJson(const std::string& json) {
     std::string out;
     for (std::size_t at = 0; at < json.size();) {
@@ -95,4 +118,4 @@ std::string shellWord(const std::string& text) {
     return escaped(word) + "'";
 }
 
-}  // namespace apps
+}  // namespace sd

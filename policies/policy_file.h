@@ -4,13 +4,21 @@
 #include <string>
 #include <vector>
 
-namespace cli {
+namespace sd {
 
 struct PolicyEntry {
     std::string uri;
     std::string value;
     int priority = 0;
+
+    // Of a policy that was read: where its URI stands. The other two are the machine's policies' alone.
+    int line = 0;
+    std::string description{};         // for whoever asks why
+    std::vector<std::string> users{};  // whom it governs: names, uids and "@group"; none: everybody
 };
+
+// Who the file is for: the user's own store, or all services of the machine, where "description" and "users" may stand.
+enum class PolicyForm { Stored, Machine };
 
 struct PolicyFile {
     std::vector<PolicyEntry> entries;  // in the order of the file
@@ -18,7 +26,7 @@ struct PolicyFile {
 };
 
 // Checks the whole text: any bytes are safe.
-PolicyFile parsePolicyFile(const std::string& text);
+PolicyFile parsePolicyFile(const std::string& text, PolicyForm form = PolicyForm::Stored);
 
 // Why the entry can't stand in a file; "" where it can.
 std::string unfitForFile(const PolicyEntry& entry);
@@ -26,4 +34,4 @@ std::string unfitForFile(const PolicyEntry& entry);
 // The text of a file with the entries, a line each.
 std::string composePolicyFile(const std::vector<PolicyEntry>& entries);
 
-}  // namespace cli
+}  // namespace sd

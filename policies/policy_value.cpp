@@ -1,17 +1,17 @@
-#include "apps/sdconfig/policy/policy_value.h"
+#include "policies/policy_value.h"
 
 #include <charconv>
 
-#include "libsdconfig/sdconfig_types.h"
+#include "base/sdconfig_types.h"
 
-namespace cli {
+namespace sd {
 
 std::string unfitPolicyValue(const std::string& value) {
     if (value.find('\0') != std::string::npos) return "has a zero byte, behind which the store keeps nothing";
     // A policy is kept as VALUE&&&PRIORITY and split at the first "&&&", which a final "&" would move.
     if (value.find("&&&") != std::string::npos) return R"(contains "&&&", which the store takes for its end)";
     if (!value.empty() && value.back() == '&') return R"(ends with "&", which the store takes for part of its end)";
-    if (value == sd::kNullValue) return R"(is the word for no value; "" says that)";
+    if (value == kNullValue) return R"(is the word for no value; "" says that)";
     return "";
 }
 
@@ -23,4 +23,4 @@ std::optional<int> parsePriority(const std::string& text) {
     return number;
 }
 
-}  // namespace cli
+}  // namespace sd

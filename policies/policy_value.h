@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-namespace cli {
+namespace sd {
 
 constexpr int kHighestPriority = 127;
 
@@ -14,4 +14,4 @@ std::string unfitPolicyValue(const std::string& value);
 // A decimal from 0 to 127.
 std::optional<int> parsePriority(const std::string& text);
 
-}  // namespace cli
+}  // namespace sd

@@ -1,0 +1,222 @@
+#include "policies/policy_folders.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <iterator>
+#include <string_view>
+
+#include "base/sip_hash.h"
+
+namespace sd {
+
+namespace {
+
+using State = PolicySource::State;
+
+constexpr std::string_view kSuffix = ".json";
+constexpr int kTries = 3;  // of a file that changes while it is read
+
+bool isPolicyFile(const std::string& name) {
+    return name.size() > kSuffix.size() && name.front() != '.' &&
+           name.compare(name.size() - kSuffix.size(), kSuffix.size(), kSuffix) == 0;
+}
+
+std::string reasonOf(int failure) {
+    return std::string("can't be read: ") + std::strerror(failure);
+}
+
+bool isAbsent(int failure) {
+    return failure == ENOENT || failure == ENOTDIR;
+}
+
+bool isSameVersion(const struct stat& one, const struct stat& other) {
+    return one.st_size == other.st_size && one.st_mtim.tv_sec == other.st_mtim.tv_sec &&
+           one.st_mtim.tv_nsec == other.st_mtim.tv_nsec && one.st_ctim.tv_sec == other.st_ctim.tv_sec &&
+           one.st_ctim.tv_nsec == other.st_ctim.tv_nsec;
+}
+
+// At most one byte more than a file may have. "" for a whole text, else why it could not be read.
+std::string readText(int file, std::string& text) {
+    constexpr std::size_t kMost = kPolicyFileBytesMax + 1;
+    std::size_t size = 0;
+    text.resize(std::size_t{64} << 10);
+    while (true) {
+        const ssize_t count = ::pread(file, &text[size], text.size() - size, static_cast<off_t>(size));
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) return reasonOf(errno);
+        size += static_cast<std::size_t>(count);
+        if (count == 0 || size == kMost) break;
+        if (size == text.size()) text.resize(std::min(text.size() * 4, kMost));
+    }
+    text.resize(size);
+    return size == kMost ? "is larger than 4 MiB" : "";
+}
+
+// The text as it was at one time.
+std::string readWhole(const TrustedOpening& opening, std::string& text) {
+    struct stat before = opening.status;
+    for (int i = 0; i < kTries; ++i) {
+        if (std::string problem = readText(opening.file.get(), text); !problem.empty()) return problem;
+        struct stat after {};
+        if (::fstat(opening.file.get(), &after) != 0) return reasonOf(errno);
+        if (isSameVersion(before, after)) return "";
+        before = after;
+    }
+    return "changes while it is read";
+}
+
+struct CloseFolder {
+    void operator()(DIR* folder) const { ::closedir(folder); }
+};
+
+}  // namespace
+
+// What one reading gathers.
+struct PolicyFolders::Reading {
+    const std::set<std::string>& unfinished;
+    std::vector<Folder> folders{};  // in force
+    std::set<std::string> names{};
+    std::size_t surplus = 0;  // names
+    std::size_t bytes = 0;
+    std::vector<MachinePolicies::File> files{};
+    PolicyReadingStatus status{};
+    std::map<std::string, Held> held{};
+};
+
+std::vector<std::string> standardPolicyFolders() {
+    return {"/usr/lib/sdconfig/policies.d", "/etc/sdconfig/policies.d", "/run/sdconfig/policies.d"};
+}
+
+PolicyFolders::PolicyFolders(std::vector<std::string> folders, uid_t owner)
+    : mFolders(std::move(folders)), mOwner(owner) {}
+
+std::shared_ptr<const MachinePolicies> PolicyFolders::read(PolicyUsers& users,
+                                                           const std::set<std::string>& unfinished) {
+    Reading reading{unfinished};
+    reading.status.when = std::chrono::system_clock::now();
+    for (const std::string& path : mFolders) listFolder(path, reading);
+    for (const std::string& name : reading.names) takeName(name, reading);
+    if (reading.surplus > 0)
+        reading.status.files.push_back({"", State::LeftOut,
+                                        std::to_string(reading.surplus) + " files, the last ones by their names, are " +
+                                            "beyond the 10,000 that are read"});
+    mHeld = std::move(reading.held);
+
+    std::set<std::string> named;
+    for (const MachinePolicies::File& file : reading.files)
+        for (const PolicyEntry& entry : *file.entries) named.insert(entry.users.begin(), entry.users.end());
+    reading.status.nobody = users.lookUp(named);
+    const auto isMeant = [&](const PolicyEntry& entry) { return entry.users.empty() || users.isAmong(entry.users); };
+    return std::make_shared<MachinePolicies>(std::move(reading.files), isMeant, std::move(reading.status));
+}
+
+void PolicyFolders::listFolder(const std::string& path, Reading& reading) const {
+    TrustedOpening opening = openTrusted(path, mOwner);
+    reading.status.hasLinks |= opening.hasLink;
+    const auto tell = [&](State state, std::string detail) {
+        reading.status.folders.push_back({path, state, std::move(detail)});
+    };
+    if (!opening.distrust.empty()) return tell(State::LeftOut, opening.distrust);
+    if (isAbsent(opening.failure)) return tell(State::Absent, "");
+    if (opening.failure == 0 && (opening.isNull || !S_ISDIR(opening.status.st_mode)))
+        return tell(State::LeftOut, "is no folder");
+    std::unique_ptr<DIR, CloseFolder> listing;
+    if (opening.failure == 0) {
+        const int listed = ::openat(opening.file.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        listing.reset(listed < 0 ? nullptr : ::fdopendir(listed));
+        if (!listing) opening.failure = errno;
+    }
+    if (opening.failure != 0) {
+        // Which files are there nobody can tell: those that were stay.
+        tell(State::Kept, reasonOf(opening.failure));
+        for (const auto& [file, held] : mHeld)
+            if (file.compare(0, path.size() + 1, path + "/") == 0) reading.names.insert(file.substr(path.size() + 1));
+        reading.folders.push_back({path, std::move(opening)});
+        return;
+    }
+    while (const dirent* entry = ::readdir(listing.get())) {
+        if (!isPolicyFile(entry->d_name)) continue;
+        reading.names.insert(entry->d_name);
+        if (reading.names.size() <= kPolicyFilesMax) continue;
+        reading.names.erase(std::prev(reading.names.end()));
+        ++reading.surplus;
+    }
+    tell(State::Read, "");
+    reading.folders.push_back({path, std::move(opening)});
+}
+
+// From the last folder to the first: what is there takes the place of what is in those before.
+void PolicyFolders::takeName(const std::string& name, Reading& reading) {
+    std::string taken;
+    std::vector<PolicySource> sources;
+    for (auto folder = reading.folders.rbegin(); folder != reading.folders.rend(); ++folder) {
+        const std::string path = folder->path + "/" + name;
+        TrustedOpening opening;
+        if (folder->opening.failure != 0)
+            opening.failure = mHeld.count(path) != 0 ? folder->opening.failure : ENOENT;
+        else
+            opening = openTrustedIn(folder->opening.file, folder->path, name, mOwner);
+        reading.status.hasLinks |= opening.hasLink;
+        if (isAbsent(opening.failure)) continue;
+        if (!opening.distrust.empty()) {
+            sources.push_back({path, State::LeftOut, opening.distrust});
+        } else if (!taken.empty()) {
+            sources.push_back({path, State::Replaced, taken});
+        } else {
+            sources.push_back(takeFile(path, opening, reading));
+            taken = path;
+        }
+    }
+    std::move(sources.rbegin(), sources.rend(), std::back_inserter(reading.status.files));
+}
+
+PolicySource PolicyFolders::takeFile(const std::string& path, const TrustedOpening& opening, Reading& reading) {
+    if (opening.isNull) return {path, State::Masks, ""};
+    if (opening.failure != 0) return keep(path, reasonOf(opening.failure), reading);
+    if (!S_ISREG(opening.status.st_mode)) return {path, State::LeftOut, "is no regular file"};
+    if (reading.unfinished.count(path) != 0) return keep(path, "is being written", reading);
+    std::string text;
+    if (const std::string problem = readWhole(opening, text); !problem.empty()) return keep(path, problem, reading);
+    if (text.empty()) return {path, State::Masks, ""};
+    if (reading.bytes + text.size() > kPolicyBytesMax)
+        return keep(path, "has, with the files before it, more than 32 MiB", reading);
+    reading.bytes += text.size();
+    return takeText(path, text, reading);
+}
+
+PolicySource PolicyFolders::takeText(const std::string& path, const std::string& text, Reading& reading) {
+    const std::uint64_t digest = sipHash({}, text);
+    const auto known = mHeld.find(path);
+    if (known != mHeld.end() && known->second.digest == digest && known->second.bytes == text.size()) {
+        if (!known->second.problem.empty()) return keep(path, known->second.problem, reading);
+    } else {
+        PolicyFile file = parsePolicyFile(text, PolicyForm::Machine);
+        Held held{digest, text.size(), known != mHeld.end() ? known->second.entries : nullptr, file.problem};
+        if (file.problem.empty()) {
+            file.entries.shrink_to_fit();
+            held.entries = std::make_shared<const std::vector<PolicyEntry>>(std::move(file.entries));
+        }
+        mHeld[path] = std::move(held);
+        if (!file.problem.empty()) return keep(path, file.problem, reading);
+    }
+    const Held& held = mHeld[path];
+    reading.held[path] = held;
+    reading.files.push_back({path, held.entries});
+    return {path, State::Read, "", held.entries->size()};
+}
+
+PolicySource PolicyFolders::keep(const std::string& path, const std::string& problem, Reading& reading) {
+    const auto known = mHeld.find(path);
+    if (known == mHeld.end()) return {path, State::LeftOut, problem};
+    reading.held[path] = known->second;
+    if (!known->second.entries) return {path, State::LeftOut, problem};
+    reading.files.push_back({path, known->second.entries});
+    return {path, State::Kept, problem, known->second.entries->size()};
+}
+
+}  // namespace sd

@@ -1,0 +1,197 @@
+#include "policies/policy_users.h"
+
+#include <grp.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <system_error>
+
+#include "base/quiet_thread.h"
+
+namespace sd {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds kFresh{5};
+constexpr std::size_t kEntryBytesMax = std::size_t{1} << 20;  // of a group with very many members
+
+// What one of the system's reentrant functions finds: `call` takes a buffer and tells the error, and `found`.
+template <class Entry, class Call>
+bool findEntry(Entry& entry, std::vector<char>& buffer, Call call) {
+    for (std::size_t size = 4096; size <= kEntryBytesMax; size *= 4) {
+        buffer.resize(size);
+        Entry* found = nullptr;
+        const int failure = call(&entry, buffer.data(), buffer.size(), &found);
+        if (failure != ERANGE) return failure == 0 && found != nullptr;
+    }
+    return false;
+}
+
+std::optional<uid_t> uidOf(const std::string& name) {
+    passwd entry{};
+    std::vector<char> buffer;
+    const bool found = findEntry(entry, buffer, [&](auto... rest) { return ::getpwnam_r(name.c_str(), rest...); });
+    return found ? std::optional(entry.pw_uid) : std::nullopt;
+}
+
+std::optional<gid_t> gidOf(const std::string& name) {
+    group entry{};
+    std::vector<char> buffer;
+    const bool found = findEntry(entry, buffer, [&](auto... rest) { return ::getgrnam_r(name.c_str(), rest...); });
+    return found ? std::optional(entry.gr_gid) : std::nullopt;
+}
+
+// By the user's entry, not the process's: that is what the administrator changes.
+std::vector<gid_t> groupsOf(uid_t user) {
+    passwd entry{};
+    std::vector<char> buffer;
+    if (!findEntry(entry, buffer, [&](auto... rest) { return ::getpwuid_r(user, rest...); })) return {};
+    int count = 64;
+    std::vector<gid_t> groups;
+    for (int tries = 0; tries < 4; ++tries) {
+        groups.resize(static_cast<std::size_t>(count));
+        if (::getgrouplist(entry.pw_name, entry.pw_gid, groups.data(), &count) >= 0) {
+            groups.resize(static_cast<std::size_t>(count));
+            return groups;
+        }
+    }
+    return {};
+}
+
+bool isNumber(const std::string& name) {
+    return !name.empty() && std::all_of(name.begin(), name.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+bool isGroup(const std::string& name) {
+    return !name.empty() && name.front() == '@';
+}
+
+}  // namespace
+
+UserDirectory systemUsers() {
+    return {uidOf, gidOf, groupsOf};
+}
+
+// What the two threads share.
+struct PolicyUsers::State {
+    struct Answer {
+        bool exists;
+        bool isMeant;
+        Clock::time_point at;
+    };
+
+    State(uid_t uid, UserDirectory whom, std::function<void()> late)
+        : user(uid), directory(std::move(whom)), answeredLate(std::move(late)) {}
+
+    // Asks for what is wanted until there is no more.
+    static void ask(const std::shared_ptr<State>& state) {
+        std::unique_lock lock(state->mutex);
+        while (!state->wanted.empty()) {
+            const std::string name = state->wanted.front();
+            lock.unlock();
+            const Answer answer = state->answerOf(name);
+            lock.lock();
+            state->wanted.pop_front();
+            const auto known = state->answers.find(name);
+            const bool isNews = known == state->answers.end() || known->second.isMeant != answer.isMeant ||
+                                known->second.exists != answer.exists;
+            state->answers[name] = answer;
+            state->answered.notify_all();
+            if (isNews && !state->isWaitedFor && state->answeredLate) state->answeredLate();
+        }
+        state->isAsking = false;
+    }
+
+    Answer answerOf(const std::string& name) const {
+        if (!isGroup(name)) {
+            const auto uid = directory.user(name);
+            return {uid.has_value(), uid == user, Clock::now()};
+        }
+        const auto gid = directory.group(name.substr(1));
+        if (!gid) return {false, false, Clock::now()};
+        const std::vector<gid_t> groups = directory.groupsOf(user);
+        return {true, std::find(groups.begin(), groups.end(), *gid) != groups.end(), Clock::now()};
+    }
+
+    const uid_t user;
+    const UserDirectory directory;
+    std::mutex mutex;
+    std::condition_variable answered;
+    std::function<void()> answeredLate;  // empty once the object is gone
+    std::map<std::string, Answer> answers;
+    std::deque<std::string> wanted;
+    bool isAsking = false;
+    bool isWaitedFor = false;
+};
+
+PolicyUsers::PolicyUsers(uid_t user, UserDirectory directory, std::chrono::milliseconds limit,
+                         std::function<void()> answeredLate)
+    : mUser(user),
+      mProcess(::getpid()),
+      mLimit(limit),
+      mState(std::make_shared<State>(user, std::move(directory), std::move(answeredLate))) {}
+
+PolicyUsers::~PolicyUsers() {
+    if (::getpid() != mProcess) return;
+    const std::lock_guard lock(mState->mutex);
+    mState->answeredLate = nullptr;
+    if (!mState->wanted.empty()) mState->wanted.resize(1);  // that one is being asked for
+}
+
+// Under the lock. Where there can be no thread nobody is known.
+void PolicyUsers::startAsking() {
+    try {
+        startQuietThread("sdconfig.users", [shared = mState] { State::ask(shared); }).detach();
+        mState->isAsking = true;
+    } catch (const std::system_error&) {
+        mState->wanted.clear();
+    }
+}
+
+std::map<std::string, std::string> PolicyUsers::lookUp(const std::set<std::string>& names) {
+    State& state = *mState;
+    std::unique_lock lock(state.mutex);
+    for (const std::string& name : names) {
+        if (isNumber(name)) continue;
+        const auto known = state.answers.find(name);
+        const bool isFresh =
+            known != state.answers.end() && known->second.exists && Clock::now() - known->second.at < kFresh;
+        const bool isWanted = std::find(state.wanted.begin(), state.wanted.end(), name) != state.wanted.end();
+        if (!isFresh && !isWanted) state.wanted.push_back(name);
+    }
+    if (!state.wanted.empty() && !state.isAsking) {
+        startAsking();
+    }
+    const auto isKnown = [&](const std::string& name) { return isNumber(name) || state.answers.count(name) != 0; };
+    state.isWaitedFor = true;
+    state.answered.wait_for(lock, mLimit, [&] { return std::all_of(names.begin(), names.end(), isKnown); });
+    state.isWaitedFor = false;
+
+    mMeant.clear();
+    std::map<std::string, std::string> nobody;
+    for (const std::string& name : names) {
+        if (isNumber(name)) {
+            if (std::stoull(name) == mUser) mMeant.insert(name);
+        } else if (const auto answer = state.answers.find(name); answer == state.answers.end()) {
+            nobody[name] = "was not answered in time; it counts when the answer comes";
+        } else if (!answer->second.exists) {
+            nobody[name] = isGroup(name) ? "is no group of this machine" : "is no user of this machine";
+        } else if (answer->second.isMeant) {
+            mMeant.insert(name);
+        }
+    }
+    return nobody;
+}
+
+bool PolicyUsers::isAmong(const std::vector<std::string>& names) const {
+    return std::any_of(names.begin(), names.end(), [&](const std::string& name) { return mMeant.count(name) != 0; });
+}
+
+}  // namespace sd
