@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 #include "base/text.h"
 #include "platform/velmarlog/log_line.h"
+#include "policies/machine_policies.h"
 #include "sql/SQLiteTransaction.h"
 #include "src/sdconfig_helpers.h"
 #include "src/sdconfig_impl.h"
@@ -36,7 +38,54 @@ PolicyMap policyOf(std::string value, int priority) {
     return policy;
 }
 
+// Of the process, not of a store: the machine's policies are the same for all, and the store's size is a contract with
+// hosts that were built against earlier versions.
+struct Machine {
+    std::optional<std::vector<std::string>> folders;
+    std::shared_ptr<const MachinePolicies> policies;
+};
+
+Machine& machine() {
+    static Machine sMachine;
+    return sMachine;
+}
+
+const MachinePolicies::Policy* governing(const MachinePolicies* policies, const std::string& uri) {
+    return policies ? policies->find(uri) : nullptr;
+}
+
+// As a stored one reads back.
+PolicyMap policyOf(const PolicyEntry& entry) {
+    return policyOf(latin1ToUtf8(entry.value), entry.priority);
+}
+
+// Whether the machine's policies leave the URI's stored one alone; else a line has told by which file they don't.
+bool isFreeToChange(const std::string& uri) {
+    const MachinePolicies* const policies = machine().policies.get();
+    const auto* const found = governing(policies, uri);
+    if (!found) return true;
+    LOG(7, AT "the policy of %s is the machine's and can't be changed here: it stands in %s, line %d", HERE,
+        uri.c_str(), policies->pathOf(*found).c_str(), found->entry->line);
+    return false;
+}
+
 }  // namespace
+
+void SDConfigDmHelper::SetMachinePolicyFolders(std::vector<std::string> folders) {
+    machine().folders = std::move(folders);
+}
+
+const std::optional<std::vector<std::string>>& SDConfigDmHelper::machinePolicyFolders() {
+    return machine().folders;
+}
+
+void SDConfigDmHelper::useMachinePolicies(std::shared_ptr<const MachinePolicies> policies) {
+    machine().policies = std::move(policies);
+}
+
+const std::shared_ptr<const MachinePolicies>& SDConfigDmHelper::machinePolicies() {
+    return machine().policies;
+}
 
 SDConfigDmHelper& SDConfigDmHelper::GetInstance() {
     static const std::string dbPath = storeFolder() + "/" + kPolicyFile;
@@ -74,14 +123,14 @@ bool SDConfigDmHelper::SetPolicyWithUri(const std::string& uri, const PolicyMap&
         LOG(7, AT "the key %s %s", HERE, uri.c_str(), problem);
         return false;
     }
-    if (!mDmHelperTable.isInPlace()) return false;
+    if (!isFreeToChange(uri) || !mDmHelperTable.isInPlace()) return false;
     // Sealed before anything is locked, as a secure value is.
     const auto encrypted = sealedText(policyRow(uri), latin1ToUtf8(composePolicyText(value, priority)));
     if (!encrypted) {
         LOG(7, AT "encryption failed, the key is %s", HERE, uri.c_str());
         return false;
     }
-    const bool stored = key_value::replace(mDmHelperTable, uri, *encrypted, [&] { DeletePolicyWithUri(uri); });
+    const bool stored = key_value::replace(mDmHelperTable, uri, *encrypted, [&] { deleteStored(uri); });
     if (const int ms = watch.elapsedMs(); ms >= kSlowPolicyMs)
         LOG(6, AT "SetPolicyWithUri %s takes %d ms", HERE, uri.c_str(), ms);
     return stored;
@@ -110,36 +159,49 @@ PolicyMap SDConfigDmHelper::GetPolicyFromDMtable(const std::string& uri) {
 
 PolicyMap SDConfigDmHelper::GetPolicyWithUri(const std::string& uri) {
     const Stopwatch watch;
-    PolicyMap policy = GetPolicyFromDMtable(uri);
-    if (policy.size() >= 2) {
-        LOG(7, AT "format is error, size is %zu", HERE, policy.size());
-        return {};
-    }
-    const int priority = policy.empty() ? kNoPriority : policy.begin()->second;
-
-    SDConfigImpl& config = *SDConfigImpl::GetInstance();
-    std::string local = config.GetSecure_v3(uri);
-    // A strong policy, or a weak one with no local value and no row that says there is none.
-    const bool policyWins = priority > kLocalPriority || (!policy.empty() && local.empty() && !config.isKeyInDB(uri));
-    PolicyMap effective = policyWins ? std::move(policy) : policyOf(std::move(local), kLocalPriority);
-
+    PolicyMap effective = effectiveUnder(machine().policies.get(), uri);
     if (const int ms = watch.elapsedMs(); ms >= kSlowWeighingMs)
         LOG(6, AT "GetPolicyWithUri %s takes %d ms", HERE, uri.c_str(), ms);
     return effective;
 }
 
+PolicyMap SDConfigDmHelper::effectiveUnder(const MachinePolicies* policies, const std::string& uri) {
+    const auto* const governed = governing(policies, uri);
+    PolicyMap policy = governed ? policyOf(*governed->entry) : GetPolicyFromDMtable(uri);
+    if (policy.size() >= 2) {
+        LOG(7, AT "format is error, size is %zu", HERE_AS("GetPolicyWithUri"), policy.size());
+        return {};
+    }
+    const int priority = policy.empty() ? kNoPriority : policy.begin()->second;
+
+    if (governed && priority > kLocalPriority) return policy;
+    SDConfigImpl& config = *SDConfigImpl::GetInstance();
+    std::string local = config.GetSecure_v3(uri);
+    // A strong policy, or a weak one with no local value and no row that says there is none.
+    const bool policyWins = priority > kLocalPriority || (!policy.empty() && local.empty() && !config.isKeyInDB(uri));
+    return policyWins ? std::move(policy) : policyOf(std::move(local), kLocalPriority);
+}
+
 bool SDConfigDmHelper::isUnopenable(const std::string& uri) {
-    if (sd::isUnopenable(policyRow(uri), getValueFromDatabaseTable(mDmHelperTable, uri))) return true;
-    const PolicyMap policy = GetPolicyFromDMtable(uri);
+    const auto* const governed = governing(machine().policies.get(), uri);
+    if (!governed && sd::isUnopenable(policyRow(uri), getValueFromDatabaseTable(mDmHelperTable, uri))) return true;
+    const PolicyMap policy = governed ? policyOf(*governed->entry) : GetPolicyFromDMtable(uri);
     const bool isStrong = !policy.empty() && policy.begin()->second > kLocalPriority;
     return !isStrong && SDConfigImpl::GetInstance()->storedBytes_v3(uri) > 0;  // what can be opened is never empty
 }
 
 std::size_t SDConfigDmHelper::storedBytes(const std::string& uri) {
-    return getValueFromDatabaseTable(mDmHelperTable, uri).size() + SDConfigImpl::GetInstance()->storedBytes_v3(uri);
+    const auto* const governed = governing(machine().policies.get(), uri);
+    const std::size_t policy =
+        governed ? governed->entry->value.size() : getValueFromDatabaseTable(mDmHelperTable, uri).size();
+    return policy + SDConfigImpl::GetInstance()->storedBytes_v3(uri);
 }
 
 bool SDConfigDmHelper::DeletePolicyWithUri(const std::string& uri) {
+    return isFreeToChange(uri) && deleteStored(uri);
+}
+
+bool SDConfigDmHelper::deleteStored(const std::string& uri) {
     if (getValueFromDatabaseTable(mDmHelperTable, uri).empty()) return true;
     return deleteValueFromDatabase(mDmHelperTable, uri);
 }
@@ -157,21 +219,30 @@ std::optional<PolicyList> SDConfigDmHelper::allKeysWithin(std::size_t bytes) {
     constexpr char kCaller[] = "GetAllKeys";
     PolicyList list;
     std::vector<std::string> uris;
+    const MachinePolicies* const policies = machine().policies.get();
+    const auto add = [&](const std::string& uri, PolicyMap policy) {
+        for (const auto& [value, priority] : policy) {
+            if (value.size() > bytes) return false;
+            bytes -= value.size();
+        }
+        list[uri] = std::move(policy);
+        return true;
+    };
+    if (policies)
+        for (const MachinePolicies::Policy& one : policies->all())
+            if (!add(one.entry->uri, policyOf(*one.entry))) return std::nullopt;
     if (!key_value::keys(mDmHelperTable, uris)) {
         LOG(5, AT "mDmHelperTable is empty()", HERE_AS(kCaller));
         return list;
     }
     for (const std::string& uri : uris) {
+        if (governing(policies, uri)) continue;
         PolicyMap policy = GetPolicyFromDMtable(uri);
         if (policy.size() >= 2) {
             LOG(5, AT "format is error, size is %zu", HERE_AS(kCaller), policy.size());
             return list;
         }
-        for (const auto& [value, priority] : policy) {
-            if (value.size() > bytes) return std::nullopt;
-            bytes -= value.size();
-        }
-        list[uri] = std::move(policy);
+        if (!add(uri, std::move(policy))) return std::nullopt;
     }
     return list;
 }
@@ -185,7 +256,7 @@ bool SDConfigDmHelper::ClearAllKeys() {
     if (uris.empty()) return true;
     // A commit for each would hold up everybody for as long as the disk takes, times their number.
     data::SQLiteTransaction transaction(mDatabase);
-    const auto remove = [this](const std::string& uri) { return DeletePolicyWithUri(uri); };
+    const auto remove = [this](const std::string& uri) { return deleteStored(uri); };
     const bool deleted = transaction.isActive() && std::all_of(uris.begin(), uris.end(), remove);
     if (!deleted) LOG(7, AT "DeletePolicyWithUri failed", HERE);
     return transaction.commit() && deleted;

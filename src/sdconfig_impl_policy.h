@@ -2,8 +2,10 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "base/sdconfig_export.h"
 #include "base/sdconfig_types.h"
@@ -12,8 +14,14 @@
 
 namespace sd {
 
+class MachinePolicies;
+
 // One policy a URI: a value and a priority, kept sealed. A local secure value counts as priority 5; a policy wins over
 // it only with a priority above 5 (strong control), so a tie goes to the local value.
+//
+// Beside those that are stored here there may be the machine's policies, of files in its policy folders. They weigh as
+// the others do; where a URI has both, the machine's counts, whatever the priority of the other, and the stored one can
+// be neither set nor deleted by its URI.
 //
 // Policy maps that come back hold at most one entry; an empty value stands in them as "null_value". URIs compare
 // without regard to letter case. Nothing is cached.
@@ -36,10 +44,22 @@ public:
     bool initDB();
     bool initDMTable();
 
+    // The folders of the machine's policies, absolute paths, for a host that goes by others than sdconfigd does; none
+    // for no such policies. What root or the process's user has made there is trusted. To be told before the service is
+    // started, which reads them then and whenever they change.
+    static void SetMachinePolicyFolders(std::vector<std::string> folders);
+
+    // For the service, and not exported. The folders that were told, nothing where none were; and the policies that
+    // count in this process, null for none.
+    [[gnu::visibility("hidden")]] static const std::optional<std::vector<std::string>>& machinePolicyFolders();
+    [[gnu::visibility("hidden")]] static void useMachinePolicies(std::shared_ptr<const MachinePolicies> policies);
+    [[gnu::visibility("hidden")]] static const std::shared_ptr<const MachinePolicies>& machinePolicies();
+
     // Stores the first entry of `policy` in place of what stood there, in one durable commit; any others are ignored. A
     // negative priority never reads back. The value's bytes up to the first zero byte are read as Latin-1 and kept as
     // UTF-8. False, with the row that stood there as it was, when the policy can't be sealed or stored, for an empty
-    // map, for a URI that holds a zero byte or is longer than 64 KiB, and for a value longer than 16 MiB.
+    // map, for a URI that holds a zero byte or is longer than 64 KiB, for a value longer than 16 MiB, and for a URI
+    // that a policy of the machine governs.
     bool SetPolicyWithUri(const std::string& uri, const PolicyMap& policy);
 
     // The policy as stored; empty when there is none or it can't be read.
@@ -49,7 +69,10 @@ public:
     // there is neither.
     PolicyMap GetPolicyWithUri(const std::string& uri);
 
-    // For the service, and not exported. Of a URI whose effective value is empty: whether it is that because the row
+    // For the service, and not exported. The same, had the machine these policies.
+    [[gnu::visibility("hidden")]] PolicyMap effectiveUnder(const MachinePolicies* machine, const std::string& uri);
+
+    // The same. Of a URI whose effective value is empty: whether it is that because the row
     // that decides, the policy's or the local secure value's, is there and can't be opened. And what has to be read to
     // tell the effective value: the sealed texts of both.
     [[gnu::visibility("hidden")]] bool isUnopenable(const std::string& uri);
@@ -61,16 +84,18 @@ public:
     // The same: the table of policies.
     [[gnu::visibility("hidden")]] data::SQLiteTable& sealedTable() { return mDmHelperTable; }
 
-    // True for an absent policy too.
+    // True for an absent policy too; false where a policy of the machine governs the URI.
     bool DeletePolicyWithUri(const std::string& uri);
 
     // Whether the effective value comes from a policy that the local value can't override.
     bool isStrongControl(const std::string& uri);
 
-    // Every stored URI with its policy, an empty map where it can't be read.
+    // Every URI that has a policy, stored or the machine's, with the one that counts; an empty map where a stored one
+    // can't be read.
     PolicyList GetAllKeys();
 
-    // Deletes all policies, in one durable commit; stops at the first that can't be deleted, with those before it gone.
+    // Deletes all stored policies, also those of URIs that the machine's govern, in one durable commit; stops at the
+    // first that can't be deleted, with those before it gone.
     bool ClearAllKeys();
 
     std::string getValueFromDatabaseTable(data::SQLiteTable& table, const std::string& key);
@@ -78,6 +103,8 @@ public:
     bool deleteValueFromDatabase(data::SQLiteTable& table, const std::string& key);
 
 private:
+    [[gnu::visibility("hidden")]] bool deleteStored(const std::string& uri);
+
     data::SQLiteDatabase mDatabase;
     data::SQLiteTable mDmHelperTable;
 };

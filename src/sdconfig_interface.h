@@ -9,11 +9,13 @@
 #include <string>
 #include <vector>
 
+#include "base/sdconfig_types.h"
 #include "platform/sdbus/sdbus.h"
 
 namespace sd {
 
 class KeyKeeper;
+class PolicyKeeper;
 struct SealedRows;
 
 // The bus layer calls handleMethodCall on one thread, one call at a time; nothing else touches the stores.
@@ -25,6 +27,11 @@ public:
     ~SDConfigInterface() override;
 
     void initManager();
+
+    // The policies of the machine, in the folders that the host told or in the standard ones: reads them before
+    // anything is served; and has changes taken up from then on.
+    void readMachinePolicies();
+    void watchMachinePolicies();
 
     // Registrations per key: how many are live, and whether the latest one asked for the strong-control flag.
     bool RegisterListener(const std::string& key, bool flag);
@@ -74,21 +81,28 @@ private:
     bool resealRows(Call& call);
     bool enableKey(Call& call);
     bool pruneKeys(Call& call);
+    bool takePolicies(Call& call);
+    bool policiesStatus(Call& call);
+    bool governingPolicies(Call& call);
+    bool listMachinePolicies(Call& call);
 
     KeyKeeper& keys(const Call& call);
     static void appendRows(SDBusMessage& reply, const SealedRows& rows);
     std::shared_ptr<SDBusMessage> makeReply(const Call& call);
     void replyBool(const Call& call, bool value);
     void replyText(const Call& call, const std::string& value);
+    static std::optional<Effective> effectiveOf(PolicyMap policy);
     std::optional<Effective> readBack(const Call& call, const std::string& key);
     void announceSecure(const Call& call, const std::string& key, const std::string& value);
     PolicyChange writePolicy(const Call& call, const std::string& key, const std::string& value, int priority);
     bool announcePolicy(const Call& call, const PolicyChange& change, std::shared_ptr<SDBusMessage> event);
+    bool tellOfPolicies(const Call& call);
 
     void countRegistration(const std::string& key, bool flag);  // under mMutex
 
     SDBusSerivceManager* mManager;
-    std::unique_ptr<KeyKeeper> mKeys;  // made by the first call that needs it
+    std::unique_ptr<KeyKeeper> mKeys;             // made by the first call that needs it
+    std::unique_ptr<PolicyKeeper> mPolicyKeeper;  // null where there are no policies of the machine
     std::mutex mMutex;
     std::map<std::string, int> mListenerCounts;
     std::map<std::string, bool> mListenerFlags;

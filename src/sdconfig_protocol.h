@@ -38,7 +38,13 @@ inline constexpr char kKeyReseal[] = "KEY_RESEAL";
 inline constexpr char kKeyEnable[] = "KEY_ENABLE";
 inline constexpr char kKeyPrune[] = "KEY_PRUNE";
 
-// What their answers begin with.
+// The same: the policies of the machine.
+inline constexpr char kPoliciesRead[] = "POLICIES_READ";
+inline constexpr char kPoliciesStatus[] = "POLICIES_STATUS";
+inline constexpr char kPoliciesGoverning[] = "POLICIES_GOVERNING";
+inline constexpr char kPoliciesList[] = "POLICIES_LIST";
+
+// What the answers about keys begin with.
 enum class KeyOutcome : int {
     Done,
     NoRing,        // not made yet

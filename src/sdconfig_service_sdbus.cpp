@@ -6,6 +6,7 @@
 #include "src/sdconfig_impl_policy.h"
 #include "src/sdconfig_interface.h"
 #include "src/sdconfig_key_keeper.h"
+#include "src/sdconfig_policy_keeper.h"
 #include "src/sdconfig_protocol.h"
 #include "src/sdconfig_store_folder.h"
 
@@ -22,7 +23,9 @@ public:
         SDBusSerivceManager* manager = SDBusSerivceManager::initSync(-1);
         LOG(5, AT "sdconfig service name=%s", HERE, protocol::kServiceName);
         if (!settleDataPath()) return;
-        manager->registerServiceInterface(protocol::kServiceName, &mInterface, SDBusSameUser, 1);
+        mInterface.readMachinePolicies();
+        if (manager->registerServiceInterface(protocol::kServiceName, &mInterface, SDBusSameUser, 1))
+            mInterface.watchMachinePolicies();
     }
 
     void Stop() override {}

@@ -1,20 +1,16 @@
-// The dispatcher: a member function for each of the 22 methods and those about keys, and the table that names them.
+// The dispatcher: a member function for each of the 22 methods and those beside them, and the table that names them.
 #include <algorithm>
 #include <cstdint>
 
 #include "base/sdconfig_types.h"
-#include "platform/velmarlog/log_line.h"
 #include "platform/velmarlog/log_secret.h"
-#include "src/sdconfig_helpers.h"
 #include "src/sdconfig_impl.h"
 #include "src/sdconfig_impl_policy.h"
 #include "src/sdconfig_impl_property.h"
 #include "src/sdconfig_interface.h"
+#include "src/sdconfig_interface_call.h"
 #include "src/sdconfig_key_keeper.h"
 #include "src/sdconfig_protocol.h"
-
-// What the dispatcher logs, it logs as handleMethodCall, whichever of its functions speaks.
-#define DISPATCH HERE_AS("handleMethodCall")
 
 namespace sd {
 
@@ -63,36 +59,9 @@ bool isBeyond(std::size_t most, const Elements& elements, Bytes bytesOf) {
 
 }  // namespace
 
-// What one call works with.
-struct SDConfigInterface::Call {
-    std::string method;
-    std::shared_ptr<SDBusMessage> request;
-    std::shared_ptr<SDBusMessage> sdconfigChanged;
-    std::shared_ptr<SDBusMessage> policyChanged;
-    Stopwatch watch;
-    SDConfigImpl& config;
-    SDPropertyInf& properties;
-    SDConfigDmHelper& policies;
-
-    void logIfSlow() const {
-        if (const int ms = watch.elapsedMs(); ms >= kSlowCallMs)
-            LOG(6, AT "%s takes %d ms", DISPATCH, method.c_str(), ms);
-    }
-};
-
-// A key's value as callers see it, "null_value" given as "", and its priority.
-struct SDConfigInterface::Effective {
-    std::string value;
-    int priority;
-};
-
-struct SDConfigInterface::PolicyChange {
-    std::string key;
-    std::string value;
-    std::string old;
-    bool strongBefore;
-    bool ok;
-};
+void SDConfigInterface::Call::logIfSlow() const {
+    if (const int ms = watch.elapsedMs(); ms >= kSlowCallMs) LOG(6, AT "%s takes %d ms", DISPATCH, method.c_str(), ms);
+}
 
 struct SDConfigInterface::Method {
     const char* name;
@@ -126,6 +95,10 @@ const SDConfigInterface::Method SDConfigInterface::kMethods[] = {
     {protocol::kKeyReseal, &SDConfigInterface::resealRows},
     {protocol::kKeyEnable, &SDConfigInterface::enableKey},
     {protocol::kKeyPrune, &SDConfigInterface::pruneKeys},
+    {protocol::kPoliciesRead, &SDConfigInterface::takePolicies},
+    {protocol::kPoliciesStatus, &SDConfigInterface::policiesStatus},
+    {protocol::kPoliciesGoverning, &SDConfigInterface::governingPolicies},
+    {protocol::kPoliciesList, &SDConfigInterface::listMachinePolicies},
 };
 
 bool SDConfigInterface::handleMethodCall(std::shared_ptr<SDBusMessage> message) {
@@ -168,11 +141,14 @@ void SDConfigInterface::replyText(const Call& call, const std::string& value) {
 }
 
 // Nothing when the policy store's answer doesn't hold exactly one entry.
-std::optional<SDConfigInterface::Effective> SDConfigInterface::readBack(const Call& call, const std::string& key) {
-    PolicyMap effective = call.policies.GetPolicyWithUri(key);
+std::optional<SDConfigInterface::Effective> SDConfigInterface::effectiveOf(PolicyMap effective) {
     if (effective.size() != 1) return std::nullopt;
     auto only = effective.extract(effective.begin());
     return Effective{only.key() == kNullValue ? "" : std::move(only.key()), only.mapped()};
+}
+
+std::optional<SDConfigInterface::Effective> SDConfigInterface::readBack(const Call& call, const std::string& key) {
+    return effectiveOf(call.policies.GetPolicyWithUri(key));
 }
 
 // ---- Properties ----

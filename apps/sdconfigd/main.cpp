@@ -17,6 +17,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "apps/common/escaped.h"
 #include "apps/common/smallest_call.h"
@@ -35,6 +36,7 @@
 #include "platform/sdbus/sdbus.h"
 #include "platform/sdsecurity/sdsecurity.h"
 #include "platform/velmarlog/log_secret.h"
+#include "src/sdconfig_impl_policy.h"
 #include "src/sdconfig_impl_property.h"
 #include "src/sdconfig_protocol.h"
 #include "src/sdconfig_service_sdbus.h"
@@ -50,6 +52,7 @@ struct Options {
     bool dataDirNamed = false;
     std::string productDir;
     std::string constants;
+    std::vector<std::string> policyDirs;
     int logLevel = 6;
     bool logSecrets = false;
     bool allowDumps = false;
@@ -81,6 +84,13 @@ void declareOptions(CLI::App& app, Options& options) {
     app.add_option("--constants", options.constants, "Constants to answer, a line name=value each")
         ->type_name("FILE")
         ->check(apps::notEmpty);
+    app.add_option("--policy-dir", options.policyDirs,
+                   "A folder of the machine's policies in place of the standard ones; may be given several times, the "
+                   "files of a later one count before those of an earlier one")
+        ->type_name("DIR")
+        ->check(apps::notEmpty)
+        ->take_all()
+        ->allow_extra_args(false);
     app.add_option("--log-level", options.logLevel,
                    "Least level of log lines to write: 5 information, 6 warnings, 7 errors, 8 none")
         ->type_name("N")
@@ -94,6 +104,7 @@ void declareOptions(CLI::App& app, Options& options) {
                  "Add a key to the key ring, with which everything is sealed from now on, and end")
         ->excludes("--upgrade")
         ->excludes("--constants")
+        ->excludes("--policy-dir")
         ->excludes("--product-dir");
     app.set_version_flag("--version", "sdconfigd " SDCONFIG_VERSION);
     app.footer(
@@ -215,6 +226,7 @@ std::string prepare(const Options& options, HeldFolder& folder) {
     sd::SDConfig::setDataPath(dataDir);
     if (sd::SDConfig::getDataPathUtf8() != dataDir) return "the path of the data folder is not valid UTF-8";
 
+    if (!options.policyDirs.empty()) sd::SDConfigDmHelper::SetMachinePolicyFolders(options.policyDirs);
     sd::SDSecurity& security = *sd::SDSecurity::GetInstance();
     security.SetKeyRingFolder(dataDir);
     if (std::string problem = sd::makeFolder(dataDir); !problem.empty()) return problem;

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <nlohmann/json.hpp>
 
 #include "tests/e2e/sandbox.h"
@@ -35,6 +36,25 @@ protected:
         return path("policies.json");
     }
 };
+
+TEST_F(PolicyTest, FilesOfTheMachineGovernWhateverIsCalled) {
+    for (const char* folder : {"vendor", "admin"}) std::filesystem::create_directory(path(folder));
+    writeFile(path("vendor/10.json"), R"({"k": {"value": "vendor", "priority": 9}})");
+    writeFile(path("admin/10.json"), R"({"k": {"value": "on", "priority": 9, "description": "why"}})");
+    Process service = startService({"--policy-dir", path("vendor"), "--policy-dir", path("admin")});
+    expect({"policy", "get", "k"}, 0, "on\n");
+    EXPECT_EQ(cli({"policy", "set", "k", "mine", "100"}).exitCode, 1);
+    EXPECT_EQ(cli({"policy", "delete", "K"}).exitCode, 1);
+    EXPECT_TRUE(service.waitForErr(path("admin/10.json") + ", line 1"));
+    EXPECT_EQ(cli({"policy", "clear", "--yes"}).exitCode, 0);
+    expect({"policy", "strong", "k"}, 0, "strong\n");
+
+    Process watch = Process::start(cliCommand({"watch", "k"}), environment());
+    ASSERT_TRUE(watch.waitForErr("watching"));
+    std::filesystem::remove(path("admin/10.json"));
+    EXPECT_TRUE(waitUntil([&] { return watch.out().find("vendor") != std::string::npos; }, kProcessLimitMs));
+    expect({"policy", "get", "k"}, 0, "vendor\n");
+}
 
 TEST_F(PolicyTest, OneAtATime) {
     const Process service = startService();

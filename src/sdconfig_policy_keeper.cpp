@@ -1,0 +1,128 @@
+#include "src/sdconfig_policy_keeper.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <map>
+#include <system_error>
+#include <utility>
+
+#include "base/quiet_thread.h"
+#include "platform/velmarlog/log_line.h"
+
+namespace sd {
+
+namespace {
+
+using State = PolicySource::State;
+using std::chrono::milliseconds;
+
+constexpr char kTag[] = "sdconfig";
+constexpr char kSource[] = "src/sdconfig_policy_keeper";
+
+constexpr milliseconds kNameLimit{2000};
+constexpr milliseconds kRescan{30'000};
+constexpr milliseconds kStepPause{3};  // others' turn, as long as a step takes
+constexpr milliseconds kRetry{1000};
+
+std::map<std::pair<std::string, std::string>, State> problemsOf(const PolicyReadingStatus& status) {
+    std::map<std::pair<std::string, std::string>, State> problems;
+    for (const auto* sources : {&status.folders, &status.files})
+        for (const PolicySource& one : *sources)
+            if (one.state == State::LeftOut || one.state == State::Kept) problems[{one.path, one.detail}] = one.state;
+    return problems;
+}
+
+}  // namespace
+
+PolicyKeeper::PolicyKeeper(PolicyPlace place)
+    : mProcess(::getpid()),
+      mWatch(place.folders),
+      mFolders(place.folders, place.owner),
+      mUsers(::geteuid(), systemUsers(), kNameLimit, [this] { mWatch.wake(); }) {}
+
+PolicyKeeper::~PolicyKeeper() {
+    if (!mThread.joinable()) return;
+    if (::getpid() != mProcess) {
+        mThread.detach();
+        return;
+    }
+    {
+        const std::lock_guard lock(mMutex);
+        mIsEnding = true;
+    }
+    mEnd.notify_all();
+    mWatch.wake();
+    mThread.join();
+}
+
+PolicyKeeper::Policies PolicyKeeper::read() {
+    mIsWatching = mWatch.arm();
+    Policies now = mFolders.read(mUsers, mWatch.unfinished());
+    tell(now->status(), mLast.get());
+    return now;
+}
+
+PolicyKeeper::Policies PolicyKeeper::readFirst() {
+    return mLast = read();
+}
+
+// What went wrong is told once, not at every reading.
+void PolicyKeeper::tell(const PolicyReadingStatus& now, const MachinePolicies* before) const {
+    const auto known = before ? problemsOf(before->status()) : decltype(problemsOf(now)){};
+    for (const auto& [problem, state] : problemsOf(now)) {
+        if (known.count(problem) != 0) continue;
+        LOG(7, AT "machine policies: %s: %s; %s", HERE, problem.first.c_str(), problem.second.c_str(),
+            state == State::Kept ? "what was read there before stays in force" : "nothing of it counts");
+    }
+    for (const auto& [name, reason] : now.nobody)
+        if (!before || before->status().nobody.count(name) == 0)
+            LOG(6, AT "machine policies: \"%s\" %s", HERE, name.c_str(), reason.c_str());
+}
+
+void PolicyKeeper::start(std::function<Progress()> haveTaken) {
+    mHaveTaken = std::move(haveTaken);
+    try {
+        mThread = startQuietThread("sdconfig.policy", [this] { run(); });
+    } catch (const std::system_error& error) {
+        LOG(7, AT "machine policies: changes of them won't be noticed: %s", HERE, error.what());
+    }
+}
+
+// False at the end.
+bool PolicyKeeper::waitForChange() {
+    const bool isSure = mIsWatching && !mLast->status().hasLinks;  // of what a link leads to no change is told
+    mWatch.wait(isSure ? milliseconds(-1) : kRescan);
+    return pause(milliseconds(0));
+}
+
+// False at the end, which it does not sleep through.
+bool PolicyKeeper::pause(milliseconds time) {
+    std::unique_lock lock(mMutex);
+    return !mEnd.wait_for(lock, time, [this] { return mIsEnding; });
+}
+
+void PolicyKeeper::run() {
+    while (waitForChange()) handOver(read());
+}
+
+void PolicyKeeper::handOver(Policies next) {
+    {
+        const std::lock_guard lock(mMutex);
+        mNext = std::make_unique<Transition>(Transition{mLast, next, changedUris(mLast.get(), next.get())});
+        if (!mNext->uris.empty()) LOG(5, AT "machine policies: %zu changed", HERE, mNext->uris.size());
+    }
+    mLast = std::move(next);
+    for (Progress progress = mHaveTaken(); progress != Progress::Done; progress = mHaveTaken())
+        if (!pause(progress == Progress::GoesOn ? kStepPause : kRetry)) return;
+}
+
+PolicyKeeper::Policies PolicyKeeper::take() {
+    const std::lock_guard lock(mMutex);
+    if (!mNext) return nullptr;
+    mTransition = std::move(*mNext);
+    mNext.reset();
+    return mTransition.after;
+}
+
+}  // namespace sd
