@@ -58,12 +58,14 @@ void insertSecureValues(const std::string& dataFolder, int count) {
 }
 
 // What a service needs to be reached, below its folder.
-std::vector<std::string> prepare(const std::string& folder, const std::string& sdconfigd, int secureValues) {
+std::vector<std::string> prepare(const std::string& folder, const std::string& sdconfigd, int secureValues,
+                                 const std::vector<std::string>& options) {
     std::filesystem::create_directory(folder);
     std::filesystem::permissions(folder, std::filesystem::perms::owner_all);
     makeData(folder + "/data", sdconfigd, secureValues);
     std::vector<std::string> command = serviceCommand(sdconfigd, folder + "/data");
     command.insert(command.begin(), {"env", "XDG_RUNTIME_DIR=" + folder});
+    command.insert(command.end(), options.begin(), options.end());
     return command;
 }
 
@@ -101,8 +103,9 @@ std::vector<std::string> serviceCommand(const std::string& sdconfigd, const std:
     return {sdconfigd, "--data-dir", dataFolder, "--product-dir", product, "--log-level", "8"};
 }
 
-Service::Service(const Workplace& place, const std::string& name, const std::string& sdconfigd, int secureValues)
-    : mFolder(place.path(name)), mProcess(Process::start(prepare(mFolder, sdconfigd, secureValues), kReady)) {}
+Service::Service(const Workplace& place, const std::string& name, const std::string& sdconfigd, int secureValues,
+                 const std::vector<std::string>& options)
+    : mFolder(place.path(name)), mProcess(Process::start(prepare(mFolder, sdconfigd, secureValues, options), kReady)) {}
 
 void Service::join() const {
     require(::setenv("XDG_RUNTIME_DIR", mFolder.c_str(), 1) == 0, "setenv");

@@ -23,7 +23,9 @@ std::vector<std::string> serviceCommand(const std::string& sdconfigd, const std:
 // A service with data and a runtime folder of its own, so that several run beside each other.
 class Service {
 public:
-    Service(const Workplace& place, const std::string& name, const std::string& sdconfigd, int secureValues);
+    // options: more of sdconfigd's.
+    Service(const Workplace& place, const std::string& name, const std::string& sdconfigd, int secureValues,
+            const std::vector<std::string>& options = {});
 
     // Makes the calling process, which has called no service yet, a client of this one: connected, its start-up tasks
     // done.
