@@ -103,6 +103,9 @@ def policy_file():
         "escape": '{"\\u0061\\n\\u0000": {"value": "\\ud83d\\ude00", "priority": 128}}', "cut": '{"a": {"value": "x',
     }.items():
         put("policy_file", name, text)
+    put("policy_file", "machine", '{"a": {"value": "1", "priority": 7, "description": "why", "users": ["u", 7, "@g"]},\n'
+        '"B": {"value": "", "priority": 0}}\x1e{"b": {"value": "2", "priority": 9}, "c": {"users": []}}'
+        '\x1e{"A": {"value": "4", "priority": 9}}')  # three files
     put("policy_file", "empty_uri", b"\\ v\\ \x07\0\0\x80")  # an entry to compose: URI, value, priority
 
 

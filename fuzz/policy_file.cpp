@@ -1,13 +1,15 @@
-// The policy file of the command line: hostile texts, and that what is exported can be imported.
+// Files of policies: hostile texts, that what is exported can be imported, and what several files come to.
 #include "policies/policy_file.h"
 
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <algorithm>
+#include <map>
 #include <set>
 
 #include "base/letter_case.h"
 #include "fuzz/support.h"
+#include "policies/machine_policies.h"
 #include "policies/policy_value.h"
 
 namespace {
@@ -62,10 +64,39 @@ void compose(FuzzedDataProvider& input) {
     readBack(entries);
 }
 
+// The text cut into files, as folders hold them: of each URI the last one's policy counts.
+void govern(const std::string& text) {
+    constexpr char kNextFile = '\x1e';  // stands in no sound file
+    std::vector<sd::MachinePolicies::File> files;
+    std::map<std::string, std::string> wanted;  // by the URI without letter case: the value
+    for (std::size_t begin = 0; begin <= text.size();) {
+        const std::size_t end = std::min(text.find(kNextFile, begin), text.size());
+        sd::PolicyFile file = sd::parsePolicyFile(text.substr(begin, end - begin), sd::PolicyForm::Machine);
+        begin = end + 1;
+        if (!file.problem.empty()) checkProblem(file.problem);
+        for (const sd::PolicyEntry& entry : file.entries) {
+            fuzz::expect(entry.line > 0, "a policy has a line");
+            if (entry.users.empty()) wanted[sd::folded(entry.uri)] = entry.value;
+        }
+        files.push_back({"", std::make_shared<const Entries>(std::move(file.entries))});
+    }
+    const auto isForAll = [](const sd::PolicyEntry& entry) { return entry.users.empty(); };
+    const sd::MachinePolicies machine(std::move(files), isForAll);
+    fuzz::expect(machine.all().size() == wanted.size(), "each URI has one policy");
+    for (const auto& [uri, value] : wanted) {
+        const auto* const found = machine.find(uri);
+        fuzz::expect(found && found->entry->value == value, "the last file's policy counts");
+    }
+    fuzz::expect(
+        sd::changedUris(nullptr, &machine).size() == wanted.size() && sd::changedUris(&machine, &machine).empty(),
+        "what changed is what differs");
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     parse(fuzz::text(data, size));
+    govern(fuzz::text(data, size));
     FuzzedDataProvider input(data, size);
     compose(input);
     return 0;
