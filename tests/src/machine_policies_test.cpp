@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <random>
 
@@ -246,12 +247,12 @@ private:
 
 TEST_F(MachinePoliciesTest, RandomEditsComeToWhatAModelSays) {
     const char* const wanted = std::getenv("SDCONFIG_POLICY_EDITS");
-    const int edits = wanted ? std::atoi(wanted) : 150;
+    const long edits = wanted ? std::strtol(wanted, nullptr, 10) : 150;
     const std::vector<std::string> all{"k0", "k1", "k2", "k3", "k4", "k5"};
     Rehearsal by(std::random_device{}());
     EXPECT_TRUE(ok("REG_LISTENER", "k0", true));
     (void)events();
-    for (int i = 0; i < edits && !HasFailure(); ++i) {
+    for (long i = 0; i < edits && !HasFailure(); ++i) {
         const std::string uri = by.uri();
         switch (by.upTo(5)) {
             case 0:
