@@ -72,7 +72,8 @@ void PolicyKeeper::tell(const PolicyReadingStatus& now, const MachinePolicies* b
     const auto known = before ? problemsOf(before->status()) : decltype(problemsOf(now)){};
     for (const auto& [problem, state] : problemsOf(now)) {
         if (known.count(problem) != 0) continue;
-        LOG(7, AT "machine policies: %s: %s; %s", HERE, problem.first.c_str(), problem.second.c_str(),
+        const std::string where = problem.first.empty() ? "" : problem.first + ": ";
+        LOG(7, AT "machine policies: %s%s; %s", HERE, where.c_str(), problem.second.c_str(),
             state == State::Kept ? "what was read there before stays in force" : "nothing of it counts");
     }
     for (const auto& [name, reason] : now.nobody)
