@@ -114,18 +114,19 @@ FileRead KeyStore::readPlace() {
 // The ring of a text, plain or wrapped.
 RingRead KeyStore::opened(const FileRead& file, Wait wait) {
     if (file.state != KeyRingState::Usable || !isWrapped(viewOf(file.bytes))) return parseRing(file);
-    RingRead read{KeyRingState::Broken, {}, "", std::nullopt};
+    RingRead read{KeyRingState::Broken, {}, ""};
     std::optional<WrappedRing> wrapping = parseWrappedRing(viewOf(file.bytes), read.reason);
     if (!wrapping) return read;
     RingOpener::Opened text = mOpener.open(*wrapping, wait);
     read = parseRing({text.state, std::move(text.text), std::move(text.reason)});
     read.wrapping = std::move(wrapping);
+    read.master = std::move(text.master);
     return read;
 }
 
 RingRead KeyStore::read(Wait wait) {
     if (place().kind != Place::Kind::HandedOver) return opened(readPlace(), wait);
-    if (mRing) return {KeyRingState::Usable, *mRing, "", mWrapping};
+    if (mRing) return {KeyRingState::Usable, *mRing, "", mWrapping, mOpener.master()};
     return opened({KeyRingState::Usable, formatWrappedRing(*mWrapping), ""}, wait);
 }
 
@@ -139,6 +140,7 @@ void KeyStore::removePlainLeftover() {
 // From now on this is the ring in memory.
 void KeyStore::keep(RingRead found) {
     mRing = std::make_shared<const KeyRing>(std::move(found.ring));
+    if (found.wrapping) mOpener.keep(*found.wrapping, found.master);
     mWrapping = std::move(found.wrapping);
     if (std::exchange(mToldLocked, false)) LOG(6, AT "%s: it is open now", HERE, place().path.c_str());
 }
@@ -181,11 +183,11 @@ bool KeyStore::update(bool makeIfAbsent) {
 }
 
 // The file's text of a ring: wrapped as it was, where it was. Throws CryptoFailure.
-SecretBytes KeyStore::textOf(const KeyRing& ring, const std::optional<WrappedRing>& wrapping) const {
-    SecretBytes text = formatKeyRing(ring);
-    if (!wrapping) return text;
-    WrappedRing wrapped = *wrapping;
-    sealRing(wrapped, mOpener.master(), text);
+SecretBytes KeyStore::textOf(const RingRead& ring) {
+    SecretBytes text = formatKeyRing(ring.ring);
+    if (!ring.wrapping) return text;
+    WrappedRing wrapped = *ring.wrapping;
+    sealRing(wrapped, ring.master, text);
     return formatWrappedRing(wrapped);
 }
 
@@ -207,7 +209,8 @@ std::string KeyStore::makeRing() {
         if (!folder) return reason;
         found.ring = mRing ? *mRing : newRing();
         found.wrapping = mWrapping;
-        if (!folder->create(kFileName, textOf(found.ring, found.wrapping), reason)) return reason;
+        found.master = mOpener.master();
+        if (!folder->create(kFileName, textOf(found), reason)) return reason;
         if (mRing) LOG(6, AT "%s: the key ring was gone; it is written again from memory", HERE, place().path.c_str());
     }
     keep(std::move(found));
@@ -227,7 +230,7 @@ std::string KeyStore::edited(const Edit& edit) {
     reason = edit(found.ring);
     if (!reason.empty()) return reason;
     const bool isChanged = formatKeyRing(found.ring) != before;
-    if (isChanged && !folder->replace(kFileName, textOf(found.ring, found.wrapping), reason)) return reason;
+    if (isChanged && !folder->replace(kFileName, textOf(found), reason)) return reason;
     keep(std::move(found));
     return "";
 }

@@ -79,7 +79,7 @@ private:
     void removePlainLeftover();
     std::string strangenessOf(const RingRead& found) const;
     bool tellUnusable(const RingRead& found);
-    SecretBytes textOf(const KeyRing& ring, const std::optional<WrappedRing>& wrapping) const;
+    static SecretBytes textOf(const RingRead& ring);
     bool update(bool makeIfAbsent);
     std::string makeRing();
     // Changes a ring. Returns why it can't, or "".

@@ -197,6 +197,7 @@ SlotResult KeyStore::hold(std::optional<Held>& held) {
     if (found.state == KeyRingState::Absent) return {SlotOutcome::NoRing, found.reason};
     if (found.state == KeyRingState::Locked) return {SlotOutcome::Locked, found.reason};
     if (!found.reason.empty()) return {SlotOutcome::RingUnusable, found.reason};
+    keep(found);
     held.emplace(Held{std::move(*folder), std::move(found)});
     return kDone;
 }
@@ -262,7 +263,7 @@ SlotResult KeyStore::store(Held& held, RingRead next, const SecretBytes& master,
         keep(std::move(next));
         return result;
     }
-    mOpener.keep(*next.wrapping, master);
+    next.master = master;
     keep(std::move(next));
     return kDone;
 }
@@ -387,7 +388,7 @@ SlotResult KeyStore::openBy(SlotKind kind, const std::string& key) {
     found.wrapping = wrapping;
     if (found.reason.empty()) found.reason = strangenessOf(found);
     if (!found.reason.empty()) return {SlotOutcome::RingUnusable, found.reason};
-    mOpener.keep(*wrapping, *master);
+    found.master = *master;
     keep(std::move(found));
     return kDone;
 }

@@ -103,7 +103,7 @@ FileRead readFile(const std::string& path, Readers readers) {
 }
 
 RingRead parseRing(const FileRead& file) {
-    RingRead read{file.state, {}, file.reason, std::nullopt};
+    RingRead read{file.state, {}, file.reason};
     if (file.state != KeyRingState::Usable) return read;
     if (std::optional<KeyRing> ring = parseKeyRing(viewOf(file.bytes), read.reason))
         read.ring = std::move(*ring);

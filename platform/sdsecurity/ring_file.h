@@ -34,7 +34,8 @@ struct RingRead {
     SDSecurity::KeyRingState state;
     KeyRing ring;
     std::string reason;
-    std::optional<WrappedRing> wrapping;  // that it stands in, if it does
+    std::optional<WrappedRing> wrapping{};  // that it stands in, if it does
+    SecretBytes master{};                   // which opened that
 };
 // Of a plain ring's text.
 RingRead parseRing(const FileRead& file);

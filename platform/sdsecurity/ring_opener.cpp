@@ -177,19 +177,16 @@ void RingOpener::tryWhatIsAtHand(const WrappedRing& ring) {
 
 RingOpener::Opened RingOpener::open(const WrappedRing& ring, Wait wait) {
     if (!mMaster.empty()) {
-        if (std::optional<SecretBytes> text = openRing(ring, mMaster)) {
-            mOpened = ring;
-            return {KeyRingState::Usable, std::move(*text), ""};
-        }
-        if (mOpened && haveSameSlots(*mOpened, ring)) return {KeyRingState::Broken, {}, kDisagree};
+        if (std::optional<SecretBytes> text = openRing(ring, mMaster))
+            return {KeyRingState::Usable, std::move(*text), "", mMaster};
+        if (mOpened && haveSameSlots(*mOpened, ring)) return {KeyRingState::Broken, {}, kDisagree, {}};
     }
     tryWhatIsAtHand(ring);
     Attempt::Result result = mAttempt->result(wait);
-    if (result.master.empty()) return {KeyRingState::Locked, {}, std::move(result.reason)};
+    if (result.master.empty()) return {KeyRingState::Locked, {}, std::move(result.reason), {}};
     std::optional<SecretBytes> text = openRing(ring, result.master);
-    if (!text) return {KeyRingState::Broken, {}, kDisagree};
-    keep(ring, result.master);
-    return {KeyRingState::Usable, std::move(*text), ""};
+    if (!text) return {KeyRingState::Broken, {}, kDisagree, {}};
+    return {KeyRingState::Usable, std::move(*text), "", std::move(result.master)};
 }
 
 }  // namespace sd::security

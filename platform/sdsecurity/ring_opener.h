@@ -14,7 +14,7 @@ namespace sd::security {
 // Whether what needs a ring waits while it is being opened.
 enum class Wait { No, Yes };
 
-// Keeps the master key that opened a ring. Without one that fits it tries, for each set of slots that it meets, what is
+// Keeps the master key of its user's ring. Without one that fits it tries, for each set of slots that it meets, what is
 // at hand: a passphrase that the system handed over ($CREDENTIALS_DIRECTORY/sdsecurity.passphrase), the machine, and
 // the login keyring. That may take seconds and is done by a thread of its own. A machine that does not answer is asked
 // again later; the keyring tells by itself. Guarded by its user's mutex.
@@ -30,10 +30,11 @@ public:
         SDSecurity::KeyRingState state;  // Usable, Locked or Broken
         SecretBytes text;
         std::string reason;
+        SecretBytes master;
     };
     Opened open(const WrappedRing& ring, Wait wait);
 
-    // For a ring that was opened otherwise, or made.
+    // Where its user takes the ring: it need not be the one that stood there before.
     void keep(const WrappedRing& ring, const SecretBytes& master);
     const SecretBytes& master() const { return mMaster; }
 
@@ -46,7 +47,7 @@ private:
 
     SlotKeepers mKeepers;
     SecretBytes mMaster;                 // empty without one
-    std::optional<WrappedRing> mOpened;  // by it, the last time
+    std::optional<WrappedRing> mOpened;  // by it: the ring that was kept last
     std::shared_ptr<Attempt> mAttempt;
     bool mWatchesKeyring = false;
 };

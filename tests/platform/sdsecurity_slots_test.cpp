@@ -286,6 +286,14 @@ TEST_F(SlotsTest, WrapsAPlainRingAndKeepsItWrapped) {
     const std::string sealed = seal("x"), slots = wrapped.substr(0, wrapped.find("ring "));
     EXPECT_NE(readFile(ring), wrapped);
     EXPECT_EQ(readFile(ring).substr(0, slots.size()), slots);
+    {
+        const test::TempDir unit;
+        const test::ScopedEnv credentials("CREDENTIALS_DIRECTORY", unit.path().c_str());
+        writeFile(unit / "sdsecurity.passphrase", kPassphrase);
+        ::chmod((unit / "sdsecurity.passphrase").c_str(), 0400);
+        writeFile(ring, kWrapped);
+        EXPECT_THAT(security.CheckKeyRing().detail, HasSubstr("another key ring stands there")) << "which opens";
+    }
     std::filesystem::remove(ring);
     for (int i = 0; i < 600; ++i) seal("x");
     EXPECT_EQ(readFile(ring).substr(0, slots.size()), slots) << "written again from memory";
