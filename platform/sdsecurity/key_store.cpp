@@ -125,7 +125,12 @@ RingRead KeyStore::opened(const FileRead& file, Wait wait) {
 }
 
 RingRead KeyStore::read(Wait wait) {
-    if (place().kind != Place::Kind::HandedOver) return opened(readPlace(), wait);
+    if (place().kind != Place::Kind::HandedOver) {
+        RingRead found = opened(readPlace(), wait);
+        if (!mRing && found.state == KeyRingState::Locked) mWrapping = found.wrapping;
+        if (mRing || !mWrapping || found.state != KeyRingState::Absent) return found;
+        return {KeyRingState::Broken, {}, "the wrapped key ring that stood there is gone"};  // and no other is made
+    }
     if (mRing) return {KeyRingState::Usable, *mRing, "", mWrapping, mOpener.master()};
     return opened({KeyRingState::Usable, formatWrappedRing(*mWrapping), ""}, wait);
 }
@@ -147,13 +152,13 @@ void KeyStore::keep(RingRead found) {
 
 // Why what stands in the file is none that the ring in memory can have become, or "".
 std::string KeyStore::strangenessOf(const RingRead& found) const {
+    // Only this process would have taken the wrap off.
+    if (mWrapping && !found.wrapping) return "a plain key ring stands there in the place of a wrapped one";
     if (!mRing) return "";
     // A rotation keeps the key that seals. Where it is gone the folder was exchanged beneath the process.
     if (!found.ring.find(mRing->current().id)) return "another key ring stands there";
     // That is required for good: an earlier copy was put back, and would open values in rows that are not theirs.
-    if (mRing->requiresBoundForm && !found.ring.requiresBoundForm) return "an earlier key ring stands there";
-    // Only this process would have taken the wrap off.
-    return mWrapping && !found.wrapping ? "a plain key ring stands there in the place of a wrapped one" : "";
+    return mRing->requiresBoundForm && !found.ring.requiresBoundForm ? "an earlier key ring stands there" : "";
 }
 
 // Logs why there is no ring to be used: of one that is locked once, since every call would come to that. Always false.
@@ -274,14 +279,15 @@ SDSecurity::KeyRingStatus KeyStore::check(Wait wait) {
     const std::lock_guard lock(mMutex);
     if (place().kind == Place::Kind::HandedOver && mRing) return {KeyRingState::Usable, place().path};
     RingRead found = read(wait);
-    if (found.wrapping && wait == Wait::No) removePlainLeftover();
     if (found.state == KeyRingState::Usable) {
         found.reason = strangenessOf(found);
         if (!found.reason.empty()) found.state = KeyRingState::Broken;
     }
     SDSecurity::KeyRingStatus status{found.state, place().path};
     if (!found.reason.empty()) status.detail += ": " + found.reason;
-    if (found.state == KeyRingState::Usable) keep(std::move(found));
+    if (found.state != KeyRingState::Usable) return status;
+    if (found.wrapping && mOpener.watchesKeyring()) removePlainLeftover();  // a process that serves
+    keep(std::move(found));
     return status;
 }
 

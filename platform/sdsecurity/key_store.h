@@ -108,7 +108,7 @@ private:
     std::string mToldFolder;
     std::optional<Place> mPlace;
     std::shared_ptr<const KeyRing> mRing;
-    std::optional<WrappedRing> mWrapping;  // that mRing stands in, or one that was handed over and is locked
+    std::optional<WrappedRing> mWrapping;  // that mRing stands in, or a locked one
     RingOpener mOpener;
     bool mToldLocked = false;
     std::chrono::steady_clock::time_point mWaitAgain{};  // for the folder's lock, to make a ring

@@ -245,6 +245,7 @@ SlotResult KeyStore::store(Held& held, RingRead next, const SecretBytes& master,
         next.wrapping->put(made.slot);
     }
     sealRing(*next.wrapping, master, text);
+    next.master = master;
     SlotResult result = kDone;
     const auto trial = [&](const FileRead& file) {
         result = tried(file, text, slots);
@@ -258,12 +259,9 @@ SlotResult KeyStore::store(Held& held, RingRead next, const SecretBytes& master,
         std::transform(slots.begin(), slots.end(), std::back_inserter(vain),
                        [](const NewSlot& made) { return made.slot; });
         if (readPlace().bytes != file) return forget(mOpener.keepers(), vain), result;
-        // It stands, but may be gone after a power cut.
-        mOpener.keep(*next.wrapping, master);
-        keep(std::move(next));
+        keep(std::move(next));  // it stands, but may be gone after a power cut
         return result;
     }
-    next.master = master;
     keep(std::move(next));
     return kDone;
 }

@@ -17,6 +17,7 @@
 
 #include "platform/sdsecurity/hex.h"
 #include "platform/sdsecurity/ring_file.h"
+#include "platform/sdsecurity/signals_blocked.h"
 
 namespace sd::security {
 
@@ -60,23 +61,6 @@ std::optional<SlotAnswer> answerOf(std::string_view asked, const keyring::Line& 
     if (line.word == keyring::kRefused) return unanswered(Outcome::Refused, std::string(line.rest));
     return std::nullopt;
 }
-
-// The new thread takes over its creator's mask: the host's signals go to the host's own threads.
-class SignalsBlocked {
-public:
-    SignalsBlocked() {
-        sigset_t all;
-        ::sigfillset(&all);
-        for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS}) ::sigdelset(&all, fault);
-        ::pthread_sigmask(SIG_SETMASK, &all, &mBefore);
-    }
-    ~SignalsBlocked() { ::pthread_sigmask(SIG_SETMASK, &mBefore, nullptr); }
-    SignalsBlocked(const SignalsBlocked&) = delete;
-    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-
-private:
-    sigset_t mBefore{};
-};
 
 // How the program is started: it has the socket as its standard input and output, nothing else of this process's open,
 // signals as they are by default, and a session of its own, so that neither a terminal's keys nor its end reach it.

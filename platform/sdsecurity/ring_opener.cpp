@@ -12,6 +12,7 @@
 
 #include "platform/sdsecurity/ring_file.h"
 #include "platform/sdsecurity/ring_text.h"
+#include "platform/sdsecurity/signals_blocked.h"
 
 namespace sd::security {
 namespace {
@@ -73,21 +74,19 @@ public:
             return isTyped(slot.kind) ? slot.kind == SlotKind::Passphrase && !mHandedOver.bytes.empty() : true;
         };
         if (std::none_of(mRing.slots.begin(), mRing.slots.end(), isAtHand)) return end();
-        std::thread([self = shared_from_this(), keepers, watches] { self->make(keepers, watches); }).detach();
+        start([self = shared_from_this(), keepers, watches] { self->make(keepers, watches); });
     }
 
     // Asks the machine again, where it is time for that.
     void beginAgain(const SlotKeepers& keepers) {
-        {
-            const std::lock_guard lock(mMutex);
-            if (!mIsDone || !mAsksLater || !mMaster.empty() || Clock::now() < mBegan + kPause) return;
-            mIsDone = false;
-            mBegan = Clock::now();
-        }
-        std::thread([self = shared_from_this(), keepers] {
+        const std::lock_guard lock(mMutex);
+        if (!mIsDone || !mAsksLater || !mMaster.empty() || Clock::now() < mBegan + kPause) return;
+        start([self = shared_from_this(), keepers] {
             self->take(*self->mRing.find(SlotKind::Host), keepers);
             self->end();
-        }).detach();
+        });
+        mIsDone = false;
+        mBegan = Clock::now();
     }
 
     // What has come of it, or does within the time that a first one is waited for.
@@ -105,6 +104,13 @@ public:
     }
 
 private:
+    // Throws std::system_error where no thread can be had.
+    template <class Work>
+    static void start(Work work) {
+        const SignalsBlocked blocked;
+        std::thread(std::move(work)).detach();
+    }
+
     void make(const SlotKeepers& keepers, bool watches) {
         for (const Slot& slot : mRing.slots) {
             if (slot.kind == SlotKind::Recovery) continue;
@@ -171,8 +177,9 @@ void RingOpener::keep(const WrappedRing& ring, const SecretBytes& master) {
 
 void RingOpener::tryWhatIsAtHand(const WrappedRing& ring) {
     if (mAttempt && haveSameSlots(mAttempt->ring(), ring)) return mAttempt->beginAgain(mKeepers);
-    mAttempt = std::make_shared<Attempt>(ring);
-    mAttempt->begin(mKeepers, mWatchesKeyring);
+    auto attempt = std::make_shared<Attempt>(ring);
+    attempt->begin(mKeepers, mWatchesKeyring);  // where it can't, the next call makes another
+    mAttempt = std::move(attempt);
 }
 
 RingOpener::Opened RingOpener::open(const WrappedRing& ring, Wait wait) {

@@ -25,6 +25,7 @@ public:
 
     // For a process that stays: from now on a ring is opened, too, when the keyring is unlocked.
     void watchKeyring() { mWatchesKeyring = true; }
+    bool watchesKeyring() const { return mWatchesKeyring; }
 
     struct Opened {
         SDSecurity::KeyRingState state;  // Usable, Locked or Broken

@@ -108,7 +108,7 @@ public:
 
     // As CheckKeyRing, but begins to open a wrapped ring and doesn't wait: it is Locked until that is done. What needs
     // the ring from then on waits. For the process that serves: the ring opens, too, when the login keyring is unlocked
-    // later; and a plain one that was left beside a wrapped one, where a process was killed, is removed.
+    // later; and once it is open a plain one that was left beside it, where a process was killed, is removed.
     SDSECURITY_OPTIONAL KeyRingStatus OpenKeyRingAhead();
 
     enum class KeyUse {

@@ -139,6 +139,13 @@ TEST_F(SlotsTest, KeepsTheFormatAndIsLockedUntilSomethingOpensIt) {
     EXPECT_EQ(security.SelfTest(), "");
     EXPECT_EQ(readFile(ring), kWrapped);
     EXPECT_THAT(kinds(), ElementsAre(Kind::Recovery, Kind::Passphrase));
+    writeFile(ring, kPlainRing);
+    EXPECT_TRUE(state() == State::Broken && open(kEnvelope).empty()) << "no other is taken in its place";
+    std::filesystem::rename(ring, ring + ".away");
+    EXPECT_TRUE(state() == State::Broken && seal("x").empty() && !std::filesystem::exists(ring)) << "nor made";
+    std::filesystem::rename(ring + ".away", ring);
+    writeFile(ring, kWrapped);
+    EXPECT_EQ(open(kEnvelope), "");
 
     EXPECT_EQ(unlock("correct house"), Outcome::WrongKey);
     EXPECT_EQ(security.Unlock(keyOf(Kind::Recovery, kCode)).outcome, Outcome::WrongKey);
@@ -423,6 +430,9 @@ TEST_F(SlotsTest, IsPlainOrWrappedWhereverItWasKilled) {
     EXPECT_TRUE(std::filesystem::exists(ring + ".new")) << "a plain one";
     beginAnew();
     EXPECT_EQ(security.OpenKeyRingAhead().state, State::Locked);
+    EXPECT_TRUE(std::filesystem::exists(ring + ".new")) << "as long as nobody has seen that the other one opens";
+    EXPECT_EQ(unlock("words"), Outcome::Done);
+    EXPECT_EQ(security.OpenKeyRingAhead().state, State::Usable);
     EXPECT_FALSE(std::filesystem::exists(ring + ".new"));
 }
 
