@@ -74,6 +74,7 @@ def wrapped_ring():
     put("wrapped_ring", "later", head.replace("1", "2") + code + ring)
     put("wrapped_ring", "cut", head + code + "ring cc")
     put("wrapped_ring", "composed", b"\1\7A\x0fsdsecurity-keys 1\n")
+    put("wrapped_ring", "high_bytes", b"\1\xf9\xbe\xf0\x8c\x9b\x8c\xb3\x95curity-keys 1\n")
     put("wrapped_ring", "code", "o123-4567 89ab-cdef ghjk-mnpq-rsjr")
 
 

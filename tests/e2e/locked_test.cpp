@@ -100,6 +100,15 @@ TEST_F(LockedTest, EachCommandSaysLockedAndNoneDamaged) {
     EXPECT_EQ(restored.exitCode, 0) << restored.err;
     EXPECT_THAT(restored.err, AllOf(HasSubstr("recovery code"), Not(HasSubstr("can't be opened or used"))));
     EXPECT_EQ(readFile(copy + "/sdsecurity.keys"), readFile(data + "/sdsecurity.keys"));
+
+    sd::SDSecurity& security = *sd::SDSecurity::GetInstance();
+    security.SetKeyRingFolder(copy);
+    std::string key;
+    security.MakeSlotKey(Kind::Passphrase, Use::Standing, kWords, key);
+    EXPECT_EQ(security.Unlock(key).outcome, Outcome::Done);
+    EXPECT_EQ(security.UnprotectAll().outcome, Outcome::Done);
+    EXPECT_EQ(cli({"backup", path("plain"), copy}, "p\np\n").exitCode, 0);
+    EXPECT_THAT(told({"restore", path("plain"), data, "--force"}, "p\n"), HasSubstr("was wrapped, and that of the"));
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <string_view>
 
 #include "apps/sdconfig/files/whole_file.h"
 
@@ -31,6 +32,12 @@ std::optional<SecretText> readRingText(const std::string& path) {
     if (count < 0) return std::nullopt;
     text.resize(static_cast<std::size_t>(count));
     return SecretText(std::move(text));
+}
+
+bool isWrappedRing(const std::string& path) {
+    constexpr std::string_view kName = "sdsecurity-wrapped-keys ";
+    const std::optional<SecretText> ring = readRingText(path);
+    return ring && ring->get().compare(0, kName.size(), kName) == 0;
 }
 
 }  // namespace cli

@@ -11,4 +11,7 @@ namespace cli {
 // A plain file alone, no link, of the size of a key ring at most. Nothing, with errno, where it can't be read.
 std::optional<SecretText> readRingText(const std::string& path);
 
+// Whether it is one that its slots alone open.
+bool isWrappedRing(const std::string& path);
+
 }  // namespace cli

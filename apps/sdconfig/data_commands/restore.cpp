@@ -106,6 +106,7 @@ private:
                     "see that the folder above it is there and can be written"};
         if (Problem problem = mBackup.unpackDatabases(mStaging.path(), mInterruption)) return problem;
         if (Problem problem = mPassphrase ? restoreRing() : keepRing()) return problem;
+        mLosesWrap = isWrappedRing(mFolder + "/" + apps::kRingFile) && !isWrappedRing(ringPath());
         useRing();
         if (Problem problem = checkDatabases()) return problem;
         const auto ring = sd::SDSecurity::GetInstance()->CheckKeyRing();
@@ -167,6 +168,7 @@ private:
         if (mKeys != Keys::Restored) noteUnproven();
         if (mUnreadable > 0) noteRowsUnreadable(mUnreadable, mFolder);
         if (mLacksRing) noteNoRing(mFolder);
+        if (mLosesWrap) noteRingPlain(mFolder);
         if (!mLocked.empty()) noteRingLocked(mLocked);
         Object object;
         addBytes(object, "folder", mFolder);
@@ -199,6 +201,7 @@ private:
     std::size_t mSealed = 0;
     std::size_t mUnreadable = 0;
     bool mLacksRing = false;  // for what is sealed
+    bool mLosesWrap = false;  // of the ring that was there: the backup's is plain
     std::string mLocked;      // what the ring waits for; "": nothing
     Keys mKeys = Keys::None;
 };

@@ -466,6 +466,11 @@ void noteNoRing(const std::string& folder) {
     note("no key ring opens the sealed values; put it into " + folder + " before the service starts");
 }
 
+void noteRingPlain(const std::string& folder) {
+    note("the key ring that was in " + folder +
+         " was wrapped, and that of the backup is plain: wrap it again with: " + typed("key protect"));
+}
+
 void noteRingLocked(const std::string& detail) {
     note("the key ring can't be opened here (" + detail +
          "), so its values were counted alone; once it is in use, open " + "it with: " + typed("key recover") +

@@ -157,6 +157,9 @@ void noteStateUnknown(const std::string& folder, const std::string& made, const 
                       const std::string& why);
 void noteNoRing(const std::string& folder);
 
+// The one that was there was wrapped.
+void noteRingPlain(const std::string& folder);
+
 // The values were counted alone. detail: of the key ring's status.
 void noteRingLocked(const std::string& detail);
 
