@@ -2,6 +2,7 @@
 // changes. Not for users of the library.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -16,6 +17,7 @@ namespace sd {
 
 class KeyKeeper;
 class PolicyKeeper;
+class SlotKeeper;
 struct SealedRows;
 
 // The bus layer calls handleMethodCall on one thread, one call at a time; nothing else touches the stores.
@@ -85,8 +87,15 @@ private:
     bool policiesStatus(Call& call);
     bool governingPolicies(Call& call);
     bool listMachinePolicies(Call& call);
+    bool listSlots(Call& call);
+    bool protectRing(Call& call);
+    bool unprotectRing(Call& call);
+    bool unlockRing(Call& call);
+    bool recoverRing(Call& call);
 
     KeyKeeper& keys(const Call& call);
+    SlotKeeper& slots();
+    std::function<void(int, const std::string&)> slotAnswer(const Call& call);
     static void appendRows(SDBusMessage& reply, const SealedRows& rows);
     std::shared_ptr<SDBusMessage> makeReply(const Call& call);
     void replyBool(const Call& call, bool value);
@@ -106,6 +115,8 @@ private:
     std::mutex mMutex;
     std::map<std::string, int> mListenerCounts;
     std::map<std::string, bool> mListenerFlags;
+    // Made by the first call about slots; goes first, since its thread answers calls of this object.
+    std::unique_ptr<SlotKeeper> mSlots;
 };
 
 }  // namespace sd

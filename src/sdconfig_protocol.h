@@ -44,6 +44,13 @@ inline constexpr char kPoliciesStatus[] = "POLICIES_STATUS";
 inline constexpr char kPoliciesGoverning[] = "POLICIES_GOVERNING";
 inline constexpr char kPoliciesList[] = "POLICIES_LIST";
 
+// Beside them, the slots of a wrapped key ring.
+inline constexpr char kKeySlots[] = "KEY_SLOTS";
+inline constexpr char kKeyProtect[] = "KEY_PROTECT";
+inline constexpr char kKeyUnprotect[] = "KEY_UNPROTECT";
+inline constexpr char kKeyUnlock[] = "KEY_UNLOCK";
+inline constexpr char kKeyRecover[] = "KEY_RECOVER";
+
 // What the answers about keys begin with.
 enum class KeyOutcome : int {
     Done,
@@ -59,6 +66,17 @@ enum class KeyOutcome : int {
     RingLocked,    // it is wrapped, and nothing at hand opens it now
     RingFull,      // it takes no key more
 };
+
+// Those about slots begin with what the security layer says (SDSecurity::SlotOutcome), or with one of these.
+enum class SlotsTold : int {
+    LayerWithout = 100,  // as above
+    Busy,                // with another call about slots
+};
+
+inline constexpr int kAllSlots = -1;  // in the place of a slot's kind, to take the wrap off
+
+// Who is asked for a slot's key may take 5 s, and several are.
+inline constexpr int kSlotsTimeoutMs = 60000;
 
 // Key and new effective value, for whoever asks.
 inline constexpr char kSdconfigChanged[] = ".sdconfigChanged";

@@ -8,6 +8,7 @@
 #include "src/sdconfig_key_keeper.h"
 #include "src/sdconfig_policy_keeper.h"
 #include "src/sdconfig_protocol.h"
+#include "src/sdconfig_slot_keeper.h"
 #include "src/sdconfig_store_folder.h"
 
 namespace sd {

@@ -99,6 +99,11 @@ const SDConfigInterface::Method SDConfigInterface::kMethods[] = {
     {protocol::kPoliciesStatus, &SDConfigInterface::policiesStatus},
     {protocol::kPoliciesGoverning, &SDConfigInterface::governingPolicies},
     {protocol::kPoliciesList, &SDConfigInterface::listMachinePolicies},
+    {protocol::kKeySlots, &SDConfigInterface::listSlots},
+    {protocol::kKeyProtect, &SDConfigInterface::protectRing},
+    {protocol::kKeyUnprotect, &SDConfigInterface::unprotectRing},
+    {protocol::kKeyUnlock, &SDConfigInterface::unlockRing},
+    {protocol::kKeyRecover, &SDConfigInterface::recoverRing},
 };
 
 bool SDConfigInterface::handleMethodCall(std::shared_ptr<SDBusMessage> message) {

@@ -53,6 +53,7 @@ struct Options {
     std::string productDir;
     std::string constants;
     std::vector<std::string> policyDirs;
+    std::string sealSocket;
     int logLevel = 6;
     bool logSecrets = false;
     bool allowDumps = false;
@@ -91,6 +92,10 @@ void declareOptions(CLI::App& app, Options& options) {
         ->check(apps::notEmpty)
         ->take_all()
         ->allow_extra_args(false);
+    app.add_option("--seal-socket", options.sealSocket,
+                   "The socket of the service of root that keeps a key ring's slot host, instead of the machine's")
+        ->type_name("PATH")
+        ->check(apps::notEmpty);
     app.add_option("--log-level", options.logLevel,
                    "Least level of log lines to write: 5 information, 6 warnings, 7 errors, 8 none")
         ->type_name("N")
@@ -229,6 +234,7 @@ std::string prepare(const Options& options, HeldFolder& folder) {
     if (!options.policyDirs.empty()) sd::SDConfigDmHelper::SetMachinePolicyFolders(options.policyDirs);
     sd::SDSecurity& security = *sd::SDSecurity::GetInstance();
     security.SetKeyRingFolder(dataDir);
+    if (!options.sealSocket.empty()) security.SetSealSocket(options.sealSocket);
     if (std::string problem = sd::makeFolder(dataDir); !problem.empty()) return problem;
     if (const auto problem = folder.take(dataDir)) return problem->what + ": " + problem->next;
     const Integrity integrity = folder.takeMark();

@@ -4,8 +4,8 @@ _sdconfig_options() { # COMMAND: those of its own
     case $1 in
         get) echo --local --product-dir --default ;;
         "secure get") echo --default ;;
-        "policy list" | "policy export" | "key list") echo --data-dir ;;
-        "policy clear" | "key prune") echo --yes ;;
+        "policy list" | "policy export" | "key list" | "key slots") echo --data-dir ;;
+        "policy clear" | "key prune" | "key protect" | "key unprotect") echo --yes ;;
         "key rotate") echo --reseal ;;
         "policy apply") echo --dry-run --show --prune --yes --data-dir ;;
         explain) echo --show --data-dir --product-dir ;;
@@ -31,11 +31,13 @@ _sdconfig_arguments() { # COMMAND NUMBER: what its NUMBERth argument may be, fro
                 sign verify status help
             ;;
         secure:0) printf '%s\n' get set delete exec ;;
-        key:0) printf '%s\n' list rotate disable enable prune ;;
+        key:0) printf '%s\n' list rotate disable enable prune slots protect unprotect unlock recover ;;
         policy:0) printf '%s\n' set get delete list strong clear export apply ;;
         "secure get:"* | "secure set:0" | "secure delete:0") _sdconfig_keys secure ;;
         "secure exec:"*) _sdconfig_keys secure | sed "s/\$/=/" ;;
         "policy set:0" | "policy get:0" | "policy delete:0" | "policy strong:0") _sdconfig_keys policy ;;
+        "key protect:0") printf '%s\n' host keyring passphrase recovery ;;
+        "key unprotect:0") printf '%s\n' host keyring passphrase all ;;
         "key disable:0" | "key enable:0") sdconfig key list 2>/dev/null | cut -f 1 ;;
         explain:0 | watch:* | list:*) _sdconfig_keys "secure|policy" ;;
     esac

@@ -77,6 +77,11 @@ complete -c sdconfig -n '__sdconfig_at key:0' -a rotate -d 'Make a new key that 
 complete -c sdconfig -n '__sdconfig_at key:0' -a disable -d 'Let a key open nothing'
 complete -c sdconfig -n '__sdconfig_at key:0' -a enable -d 'Let a disabled key open again'
 complete -c sdconfig -n '__sdconfig_at key:0' -a prune -d 'Remove the keys that nothing is sealed with'
+complete -c sdconfig -n '__sdconfig_at key:0' -a slots -d 'Print the slots that open the key ring'
+complete -c sdconfig -n '__sdconfig_at key:0' -a protect -d 'Wrap the key ring, or make a slot'
+complete -c sdconfig -n '__sdconfig_at key:0' -a unprotect -d 'Remove a slot, or the wrap'
+complete -c sdconfig -n '__sdconfig_at key:0' -a unlock -d 'Open the key ring by its passphrase'
+complete -c sdconfig -n '__sdconfig_at key:0' -a recover -d 'Open the key ring by its recovery code'
 
 complete -c sdconfig -n '__sdconfig_at policy:0' -a set -d 'Set a policy'
 complete -c sdconfig -n '__sdconfig_at policy:0' -a get -d 'Print the value in force'
@@ -91,6 +96,9 @@ complete -c sdconfig -n '__sdconfig_at "secure set:0" "secure delete:0"; or __sd
     -a '(__sdconfig_keys secure)'
 complete -c sdconfig -n '__sdconfig_at "policy set:0" "policy get:0" "policy delete:0" "policy strong:0"' \
     -a '(__sdconfig_keys policy)'
+complete -c sdconfig -n '__sdconfig_at "key protect:0" "key unprotect:0"' -a 'host keyring passphrase'
+complete -c sdconfig -n '__sdconfig_at "key protect:0"' -a recovery
+complete -c sdconfig -n '__sdconfig_at "key unprotect:0"' -a all
 complete -c sdconfig -n '__sdconfig_at "key disable:0" "key enable:0"' -a '(sdconfig key list 2>/dev/null | cut -f 1)'
 complete -c sdconfig -n '__sdconfig_in "secure exec"' -a '(__sdconfig_keys secure | string replace -r \'$\' =)'
 complete -c sdconfig -n '__sdconfig_at explain:0; or __sdconfig_in watch list' -a '(__sdconfig_keys "secure|policy")'
@@ -103,11 +111,11 @@ complete -c sdconfig -n '__sdconfig_in get' -l local -d 'Read the build.prop fil
 complete -c sdconfig -n '__sdconfig_in get "secure get"' -l default -x -d 'Print it instead of what is unset'
 complete -c sdconfig -n '__sdconfig_in get explain' -l product-dir -xa '(__fish_complete_directories)' \
     -d 'The data folder of the product'
-complete -c sdconfig -n '__sdconfig_in explain list doctor "key list" "policy list" "policy export" "policy apply"' \
+complete -c sdconfig -n '__sdconfig_in explain list doctor "key list" "key slots" "policy list" "policy export" "policy apply"' \
     -l data-dir \
     -xa '(__fish_complete_directories)' -d 'The data folder of the service'
 complete -c sdconfig -n '__sdconfig_in explain list "policy apply"' -l show -d 'Show values, which can be secrets'
-complete -c sdconfig -n '__sdconfig_in "key prune" "policy clear" "policy apply"' -l yes -d 'Do not ask'
+complete -c sdconfig -n '__sdconfig_in "key prune" "key protect" "key unprotect" "policy clear" "policy apply"' -l yes -d 'Do not ask'
 complete -c sdconfig -n '__sdconfig_in "key rotate"' -l reseal -d 'Seal everything anew'
 complete -c sdconfig -n '__sdconfig_in "policy apply"' -l prune -d 'Delete the policies that the file does not name'
 complete -c sdconfig -n '__sdconfig_in "policy apply" upgrade' -l dry-run -d 'Change nothing; print what would change'

@@ -5,11 +5,11 @@ _sdconfigd() {
     COMPREPLY=()
     case ${COMP_WORDS[COMP_CWORD - 1]} in
         --data-dir | --product-dir | --policy-dir) compopt -o filenames; mapfile -t COMPREPLY < <(compgen -d -- "$word") ;;
-        --constants) compopt -o filenames; mapfile -t COMPREPLY < <(compgen -f -- "$word") ;;
+        --constants | --seal-socket) compopt -o filenames; mapfile -t COMPREPLY < <(compgen -f -- "$word") ;;
         --log-level) mapfile -t COMPREPLY < <(compgen -W "5 6 7 8" -- "$word") ;;
         *)
-            mapfile -t COMPREPLY < <(compgen -W "--data-dir --product-dir --constants --policy-dir --log-level \
-                --log-secrets --allow-dumps --upgrade --rotate-key --version --help" -- "$word")
+            mapfile -t COMPREPLY < <(compgen -W "--data-dir --product-dir --constants --policy-dir --seal-socket \
+                --log-level --log-secrets --allow-dumps --upgrade --rotate-key --version --help" -- "$word")
             ;;
     esac
 }

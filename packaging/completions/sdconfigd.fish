@@ -5,6 +5,7 @@ complete -c sdconfigd -l data-dir -xa '(__fish_complete_directories)' -d 'The fo
 complete -c sdconfigd -l product-dir -xa '(__fish_complete_directories)' -d 'The data folder of the product'
 complete -c sdconfigd -l constants -rF -d 'Constants to answer'
 complete -c sdconfigd -l policy-dir -xa '(__fish_complete_directories)' -d 'A folder of policies in place of the standard ones'
+complete -c sdconfigd -l seal-socket -rF -d 'The socket of the seal service of root'
 complete -c sdconfigd -l log-level -xa '5\tinformation 6\twarnings 7\terrors 8\tnone' \
     -d 'The least level of log lines to write'
 complete -c sdconfigd -l log-secrets -d 'Show the values that log lines name'

@@ -52,6 +52,7 @@ public:
     using SlotResult = SDSecurity::SlotResult;
     using SlotKeys = SDSecurity::SlotKeys;
     std::vector<SDSecurity::SlotInfo> slots();
+    std::vector<SDSecurity::SlotInfo> knownSlots();
     SlotResult makeSlotKey(SlotKind kind, SDSecurity::SlotUse use, const std::string& typed, std::string& key);
     SlotResult protect(SlotKind kind, const SlotKeys& keys);
     SlotResult unprotect(SlotKind kind, const SlotKeys& keys);
@@ -93,17 +94,24 @@ private:
         RingRead found;
     };
     std::optional<WrappedRing> wrappingThere(SlotResult& why);
+    std::optional<WrappedRing> wrappingToTell();
     SlotResult hold(std::optional<Held>& held);
     struct NewSlot;
-    SlotResult makeSlot(SlotKind kind, const std::string& typedKey, NewSlot& made) const;
+    SlotResult makeSlot(SlotKind kind, const std::string& typedKey, NewSlot& made);
     SlotResult keepSlot(const Slot& standing, const std::string& typedKey, NewSlot& made) const;
-    SlotResult tried(const FileRead& file, const SecretBytes& text, const std::vector<NewSlot>& slots) const;
+    SlotResult tried(const FileRead& file, const SecretBytes& text, const std::vector<NewSlot>& slots);
     SlotResult wrap(Held& held, SlotKind kind, const SlotKeys& keys);
     SlotResult addSlot(Held& held, SlotKind kind, const SlotKeys& keys);
     SlotResult renew(Held& held, SlotKind kind, bool removes, const SlotKeys& keys);
     SlotResult store(Held& held, RingRead next, const SecretBytes& master, std::vector<NewSlot> slots);
+    // The next two, makeSlot and tried give mMutex back while they ask.
+    SlotAnswer ask(const Slot& slot);
+    void forget(const std::vector<Slot>& slots);
     SlotResult openBy(SlotKind kind, const std::string& key);
 
+    // Held while slots are changed, before the other one; that is given back while somebody is asked for a slot's key,
+    // so that values are sealed and opened meanwhile.
+    std::mutex mChangingSlots;
     std::mutex mMutex;  // guards all below
     std::string mToldFolder;
     std::optional<Place> mPlace;

@@ -94,11 +94,17 @@ SDSecurity::SlotInfo infoOf(const Slot& slot, const SlotKeepers& keepers) {
     return info;
 }
 
-// Gives up what was kept for slots that never came to stand in a file, or no longer do.
-void forget(const SlotKeepers& keepers, const std::vector<Slot>& slots) {
-    for (const Slot& slot : slots)
-        if (!isTyped(slot.kind)) keepers.forget(slot);
-}
+// Gives a mutex back that the caller holds, for as long as the object lives.
+class Released {
+public:
+    explicit Released(std::mutex& mutex) : mMutex(mutex) { mMutex.unlock(); }
+    ~Released() { mMutex.lock(); }
+    Released(const Released&) = delete;
+    Released& operator=(const Released&) = delete;
+
+private:
+    std::mutex& mMutex;
+};
 
 }  // namespace
 
@@ -121,6 +127,21 @@ void KeyStore::setKeyringProgram(const std::string& path) {
 void KeyStore::watchKeyring() {
     const std::lock_guard lock(mMutex);
     mOpener.watchKeyring();
+}
+
+// Asks for a slot's key.
+SlotAnswer KeyStore::ask(const Slot& slot) {
+    const SlotKeepers keepers = mOpener.keepers();
+    const Released released(mMutex);
+    return keepers.open(slot);
+}
+
+// Gives up what was kept for slots that never came to stand in a file, or no longer do.
+void KeyStore::forget(const std::vector<Slot>& slots) {
+    const SlotKeepers keepers = mOpener.keepers();
+    const Released released(mMutex);
+    for (const Slot& slot : slots)
+        if (!isTyped(slot.kind)) keepers.forget(slot);
 }
 
 // ---- Looking ----
@@ -146,17 +167,31 @@ std::optional<WrappedRing> KeyStore::wrappingThere(SlotResult& why) {
     return wrapping;
 }
 
+std::optional<WrappedRing> KeyStore::wrappingToTell() {
+    SlotResult why = kDone;
+    std::optional<WrappedRing> wrapping = wrappingThere(why);
+    if (!wrapping && why.outcome == SlotOutcome::RingUnusable) LOG(7, AT "%s", HERE, why.reason.c_str());
+    return wrapping;
+}
+
+std::vector<SDSecurity::SlotInfo> KeyStore::knownSlots() {
+    const std::lock_guard lock(mMutex);
+    std::vector<SDSecurity::SlotInfo> all;
+    const std::optional<WrappedRing> wrapping = wrappingToTell();
+    if (!wrapping) return all;
+    for (const Slot& slot : wrapping->slots) all.push_back(mOpener.known(*wrapping, slot));
+    return all;
+}
+
 std::vector<SDSecurity::SlotInfo> KeyStore::slots() {
     std::optional<WrappedRing> wrapping;
     SlotKeepers keepers;
-    SlotResult why = kDone;
     {
         const std::lock_guard lock(mMutex);
-        wrapping = wrappingThere(why);
+        wrapping = wrappingToTell();
         keepers = mOpener.keepers();
     }
     std::vector<SDSecurity::SlotInfo> all;
-    if (!wrapping && why.outcome == SlotOutcome::RingUnusable) LOG(7, AT "%s", HERE, why.reason.c_str());
     if (!wrapping) return all;
     std::transform(wrapping->slots.begin(), wrapping->slots.end(), std::back_inserter(all),
                    [&](const Slot& slot) { return infoOf(slot, keepers); });
@@ -203,7 +238,7 @@ SlotResult KeyStore::hold(std::optional<Held>& held) {
 }
 
 // A slot of that kind; of one that is typed with the key, which is that of a fresh one.
-SlotResult KeyStore::makeSlot(SlotKind kind, const std::string& typedKey, NewSlot& made) const {
+SlotResult KeyStore::makeSlot(SlotKind kind, const std::string& typedKey, NewSlot& made) {
     made.slot.kind = kind;
     made.slot.made = std::time(nullptr);
     if (isTyped(kind)) {
@@ -214,20 +249,24 @@ SlotResult KeyStore::makeSlot(SlotKind kind, const std::string& typedKey, NewSlo
         return kDone;
     }
     made.key = randomKey();
-    SlotAnswer answer = mOpener.keepers().seal(kind, made.key);
+    const SlotKeepers keepers = mOpener.keepers();
+    const Released released(mMutex);
+    SlotAnswer answer = keepers.seal(kind, made.key);
     made.slot.sealed = std::move(answer.sealed);
     return resultOf(kind, answer);
 }
 
 // Tries what was read back: each of the slots has to open it.
-SlotResult KeyStore::tried(const FileRead& file, const SecretBytes& text, const std::vector<NewSlot>& slots) const {
+SlotResult KeyStore::tried(const FileRead& file, const SecretBytes& text, const std::vector<NewSlot>& slots) {
+    const SlotKeepers keepers = mOpener.keepers();
+    const Released released(mMutex);
     SlotResult failed{SlotOutcome::NotStored, file.reason};
     const std::optional<WrappedRing> wrapping = parseWrappedRing(viewOf(file.bytes), failed.reason);
     if (!wrapping) return failed;
     for (const NewSlot& made : slots) {
         const Slot* const slot = wrapping->find(made.slot.kind);
         SlotAnswer answer{SlotAnswer::Outcome::Done, made.key, "", ""};
-        if (slot && !isTyped(slot->kind)) answer = mOpener.keepers().open(*slot);
+        if (slot && !isTyped(slot->kind)) answer = keepers.open(*slot);
         if (SlotResult result = resultOf(made.slot.kind, answer); !isDone(result)) return result;
         const auto master = slot ? openSlot(*slot, answer.key) : std::nullopt;
         if (!master || openRing(*wrapping, *master) != text)
@@ -258,7 +297,7 @@ SlotResult KeyStore::store(Held& held, RingRead next, const SecretBytes& master,
         std::vector<Slot> vain;
         std::transform(slots.begin(), slots.end(), std::back_inserter(vain),
                        [](const NewSlot& made) { return made.slot; });
-        if (readPlace().bytes != file) return forget(mOpener.keepers(), vain), result;
+        if (readPlace().bytes != file) return forget(vain), result;
         keep(std::move(next));  // it stands, but may be gone after a power cut
         return result;
     }
@@ -286,8 +325,8 @@ SlotResult KeyStore::addSlot(Held& held, SlotKind kind, const SlotKeys& keys) {
     if (SlotResult result = makeSlot(kind, keys.passphrase, slots[0]); !isDone(result)) return result;
     const Slot* const standing = held.found.wrapping->find(kind);
     const std::vector<Slot> replaced(standing ? 1 : 0, standing ? *standing : Slot{});
-    SlotResult result = store(held, held.found, mOpener.master(), std::move(slots));
-    if (isDone(result)) forget(mOpener.keepers(), replaced);
+    SlotResult result = store(held, held.found, held.found.master, std::move(slots));
+    if (isDone(result)) forget(replaced);
     return result;
 }
 
@@ -324,11 +363,12 @@ SlotResult KeyStore::renew(Held& held, SlotKind kind, bool removes, const SlotKe
     }
     next.ring.add(makeKey());
     SlotResult result = store(held, std::move(next), randomKey(), std::move(slots));
-    if (isDone(result)) forget(mOpener.keepers(), standing);
+    if (isDone(result)) forget(standing);
     return result;
 }
 
 SlotResult KeyStore::protect(SlotKind kind, const SlotKeys& keys) {
+    const std::lock_guard changing(mChangingSlots);
     const std::lock_guard lock(mMutex);
     std::optional<Held> held;
     if (SlotResult result = hold(held); !isDone(result)) return result;
@@ -339,6 +379,7 @@ SlotResult KeyStore::protect(SlotKind kind, const SlotKeys& keys) {
 }
 
 SlotResult KeyStore::unprotect(SlotKind kind, const SlotKeys& keys) {
+    const std::lock_guard changing(mChangingSlots);
     const std::lock_guard lock(mMutex);
     std::optional<Held> held;
     if (SlotResult result = hold(held); !isDone(result)) return result;
@@ -352,6 +393,7 @@ SlotResult KeyStore::unprotect(SlotKind kind, const SlotKeys& keys) {
 }
 
 SlotResult KeyStore::unprotectAll() {
+    const std::lock_guard changing(mChangingSlots);
     const std::lock_guard lock(mMutex);
     std::optional<Held> held;
     if (SlotResult result = hold(held); !isDone(result)) return result;
@@ -363,7 +405,7 @@ SlotResult KeyStore::unprotectAll() {
     if (!held->folder.replace(kFileName, formatKeyRing(next.ring), reason)) return {SlotOutcome::NotStored, reason};
     keep(std::move(next));
     mOpener.reset();
-    forget(mOpener.keepers(), slots);
+    forget(slots);
     return kDone;
 }
 
@@ -397,6 +439,7 @@ SlotResult KeyStore::unlock(const std::string& key) {
 }
 
 SlotResult KeyStore::recover(const std::string& key) {
+    const std::lock_guard changing(mChangingSlots);
     const std::lock_guard lock(mMutex);
     if (SlotResult result = openBy(SlotKind::Recovery, key); !isDone(result) || place().folder.empty()) return result;
     std::optional<Held> held;
@@ -406,7 +449,7 @@ SlotResult KeyStore::recover(const std::string& key) {
     std::string left;
     for (const Slot& slot : held->found.wrapping->slots) {
         if (isTyped(slot.kind)) continue;
-        const SlotAnswer answer = mOpener.keepers().open(slot);
+        const SlotAnswer answer = ask(slot);
         if (answer.outcome == SlotAnswer::Outcome::Done && openSlot(slot, answer.key)) continue;
         NewSlot made;
         const SlotResult result = makeSlot(slot.kind, "", made);
@@ -418,9 +461,9 @@ SlotResult KeyStore::recover(const std::string& key) {
         replaced.push_back(slot);
     }
     if (slots.empty()) return {SlotOutcome::Done, left};
-    SlotResult result = store(*held, held->found, mOpener.master(), std::move(slots));
+    SlotResult result = store(*held, held->found, held->found.master, std::move(slots));
     if (!isDone(result)) return {result.outcome, result.reason + "; it is open until this process ends"};
-    forget(mOpener.keepers(), replaced);
+    forget(replaced);
     return {SlotOutcome::Done, left};
 }
 

@@ -18,6 +18,7 @@ namespace sd::security {
 namespace {
 
 using KeyRingState = SDSecurity::KeyRingState;
+using SlotState = SDSecurity::SlotState;
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kLongest{5};  // that a call waits for a ring to be opened
@@ -99,8 +100,20 @@ public:
         if (wait == Wait::Yes) mEnded.wait_until(lock, mDeadline, [this] { return mIsDone; });
         if (!mMaster.empty()) return {mMaster, ""};
         std::string reason = mIsDone ? "it is locked" : "it is being opened";
-        for (const auto& [kind, why] : mReasons) reason.append("; ").append(nameOf(kind)).append(": ").append(why);
+        for (const auto& [kind, seen] : mSeen)
+            if (!seen.reason.empty()) reason.append("; ").append(nameOf(kind)).append(": ").append(seen.reason);
         return {{}, reason};
+    }
+
+    // What came of a slot so far.
+    struct Seen {
+        SlotState state;
+        std::string reason;
+    };
+    Seen seen(SlotKind kind) {
+        const std::lock_guard lock(mMutex);
+        const auto found = mSeen.find(kind);
+        return found == mSeen.end() ? Seen{SlotState::NotAsked, ""} : found->second;
     }
 
 private:
@@ -143,7 +156,8 @@ private:
         const std::lock_guard lock(mMutex);
         if (tried.master) mMaster = *tried.master;
         if (slot.kind == SlotKind::Host) mAsksLater = tried.isForLater;
-        tried.reason.empty() ? void(mReasons.erase(slot.kind)) : void(mReasons[slot.kind] = tried.reason);
+        const SlotState without = tried.isForLater ? SlotState::NotNow : SlotState::Refused;
+        mSeen[slot.kind] = {tried.master ? SlotState::Opens : without, tried.reason};
     }
 
     void end() {
@@ -161,13 +175,25 @@ private:
     bool mIsDone = false;
     bool mAsksLater = false;  // the machine
     SecretBytes mMaster;
-    std::map<SlotKind, std::string> mReasons;
+    std::map<SlotKind, Seen> mSeen;
 };
 
 void RingOpener::reset() {
     mMaster = SecretBytes();
     mOpened.reset();
     mAttempt.reset();
+}
+
+SDSecurity::SlotInfo RingOpener::known(const WrappedRing& ring, const Slot& slot) const {
+    SDSecurity::SlotInfo info{slot.kind, slot.made, SlotState::NotAsked, ""};
+    if (isTyped(slot.kind)) {
+        info.state = SlotState::Typed;
+    } else if (mAttempt && haveSameSlots(mAttempt->ring(), ring)) {
+        Attempt::Seen seen = mAttempt->seen(slot.kind);
+        info.state = seen.state;
+        info.reason = std::move(seen.reason);
+    }
+    return info;
 }
 
 void RingOpener::keep(const WrappedRing& ring, const SecretBytes& master) {

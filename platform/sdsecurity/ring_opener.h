@@ -35,6 +35,9 @@ public:
     };
     Opened open(const WrappedRing& ring, Wait wait);
 
+    // What is known of a slot of the ring, without asking anybody.
+    SDSecurity::SlotInfo known(const WrappedRing& ring, const Slot& slot) const;
+
     // Where its user takes the ring: it need not be the one that stood there before.
     void keep(const WrappedRing& ring, const SecretBytes& master);
     const SecretBytes& master() const { return mMaster; }

@@ -247,6 +247,10 @@ std::vector<SDSecurity::SlotInfo> SDSecurity::Slots() {
     return guarded(__func__, std::vector<SlotInfo>(), [&] { return mState->keys.slots(); });
 }
 
+std::vector<SDSecurity::SlotInfo> SDSecurity::KnownSlots() {
+    return guarded(__func__, std::vector<SlotInfo>(), [&] { return mState->keys.knownSlots(); });
+}
+
 std::string SDSecurity::MakeRecoveryCode() {
     return guarded(__func__, std::string(), []() -> std::string {
         const security::SecretBytes code = security::makeRecoveryCode();

@@ -185,10 +185,11 @@ public:
         Keyring,     // the login keyring
     };
     enum class SlotState {
-        Opens,    // now and here
-        Typed,    // by what a person knows: that is not tried
-        NotNow,   // who is to be asked does not answer, or is locked
-        Refused,  // who was asked can't: it is for another machine or user, or was changed
+        Opens,     // now and here
+        Typed,     // by what a person knows: that is not tried
+        NotNow,    // who is to be asked does not answer, or is locked
+        Refused,   // who was asked can't: it is for another machine or user, or was changed
+        NotAsked,  // it was not needed yet
     };
     struct SlotInfo {
         SlotKind kind;
@@ -200,6 +201,8 @@ public:
     // The slots of the ring, in the order of their kinds; empty for a plain ring, and with a line logged where it can't
     // be read. Asks for the keys of slots that nobody types, which takes up to 5 s each.
     SDSECURITY_OPTIONAL std::vector<SlotInfo> Slots();
+    // The same as it is known from the opening of the ring, or NotAsked. Asks nobody.
+    SDSECURITY_OPTIONAL std::vector<SlotInfo> KnownSlots();
 
     enum class SlotOutcome {
         Done,

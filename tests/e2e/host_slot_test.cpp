@@ -4,9 +4,7 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -15,6 +13,7 @@
 #include "base/unique_fd.h"
 #include "platform/sdsecurity/hex.h"
 #include "platform/sdsecurity/sdsecurity.h"
+#include "tests/e2e/seal_machine.h"
 #include "tests/support/process.h"
 #include "tests/support/support.h"
 
@@ -25,6 +24,8 @@ using sd::security::openByHost;
 using sd::security::sealByHost;
 using sd::security::SecretBytes;
 using sd::security::SlotAnswer;
+using test::Listener;
+using test::machine;
 using test::Process;
 using testing::HasSubstr;
 using testing::Not;
@@ -34,67 +35,6 @@ using Outcome = SlotAnswer::Outcome;
 constexpr uid_t kOtherUser = 4711;
 const std::string kDigits(64, '7');
 const SecretBytes kKey(32, 0x77);
-
-sd::UniqueFd connectedTo(const std::string& path) {
-    sd::UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    const auto* const to = reinterpret_cast<const sockaddr*>(&address);
-    test::waitUntil([&] { return ::connect(socket.get(), to, sizeof address) == 0; });
-    return socket;
-}
-
-std::string readToEnd(int socket) {
-    std::string all;
-    char buffer[4096];
-    for (ssize_t count; (count = ::read(socket, buffer, sizeof buffer)) > 0;)
-        all.append(buffer, static_cast<std::size_t>(count));
-    return all;
-}
-
-// Runs a program for each connection, with the connection as its standard input and output.
-class Listener {
-public:
-    explicit Listener(const std::vector<std::string>& program, const test::Environment& environment = {},
-                      const std::vector<std::string>& before = {})
-        : mProcess(Process::start(arguments(program, environment, before))) {
-        mProcess.waitForErr("Listening on ");
-        ::chmod(path().c_str(), 0666);
-    }
-    std::string path() const { return mFolder / "seal"; }
-    std::string log() const { return mProcess.err(); }
-    bool logs(const std::string& text) { return mProcess.waitForErr(text); }
-
-    // What comes back for these bytes, when no more follow.
-    std::string answerTo(const std::string& bytes) const {
-        const sd::UniqueFd socket = connectedTo(path());
-        (void)::send(socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        ::shutdown(socket.get(), SHUT_WR);
-        return readToEnd(socket.get());
-    }
-
-private:
-    std::vector<std::string> arguments(const std::vector<std::string>& program, const test::Environment& environment,
-                                       std::vector<std::string> all) const {
-        ::chmod(mFolder.path().c_str(), 0777);
-        all.insert(all.end(), {"systemd-socket-activate", "--accept", "--inetd", "--listen=" + path()});
-        for (const auto& [name, value] : environment)
-            all.emplace_back("--setenv=").append(name).append("=").append(value);
-        all.insert(all.end(), program.begin(), program.end());
-        return all;
-    }
-
-    test::TempDir mFolder;
-    Process mProcess;
-};
-
-// sdconfig-seal of a machine whose key lies in the folder.
-Listener machine(const test::TempDir& folder, const std::vector<std::string>& options = {}) {
-    std::vector<std::string> program{SDCONFIG_SEAL};
-    program.insert(program.end(), options.begin(), options.end());
-    return Listener(program, {{"SYSTEMD_CREDENTIAL_SECRET", folder / "secret"}, {"RUNTIME_DIRECTORY", folder.path()}});
-}
 
 bool asOtherUser(const std::function<bool()>& body) {
     return test::inChild([&] { return ::setresuid(kOtherUser, kOtherUser, kOtherUser) == 0 && body(); });

@@ -24,7 +24,8 @@ from pieces import SLACK, Client, Failed, Honest, Marshal, Peer, Service, World,
 METHODS = ("GET_PROPERTY SET_PROPERTY LST_PROPERTY DEL_PROPERTY GET_SECURE SET_SECURE DEL_SECURE GET_CONST "
            "SIGN_REQUEST VERIFY_SIGN REG_LISTENER UNREG_LISTENER ISALREADY_LISTHENED SET_POLICYLIST SET_POLICY "
            "GET_POLICY DELETE_POLICY ISSTRONG_CONTROL DM_REGISTER_LISTERNER DM_LIST DM_CLEAR_ALL_KEYS "
-           "DM_GET_POLICIES KEY_ROTATE KEY_RESEAL KEY_ENABLE KEY_PRUNE").split()
+           "DM_GET_POLICIES KEY_ROTATE KEY_RESEAL KEY_ENABLE KEY_PRUNE KEY_SLOTS KEY_PROTECT KEY_UNPROTECT "
+           "KEY_UNLOCK KEY_RECOVER").split()
 NOBODY = 65534
 PAGE = 4096
 
@@ -887,7 +888,48 @@ def reseal(run):
     return f"{number + 1} kills, {cut} while the rows were sealed anew, {went_on} went on; each value there and right"
 
 
-SCENARIOS = (kill, backup, io, disk, damage, busy, hostile, user, silent, restarts, threads, secrets, ring, reseal)
+def slots(run):
+    made, left = 0, 0
+
+    def key(digit):  # that nobody stretched
+        return f"15 {digit * 32} {digit * 64}"
+
+    with World() as world:
+        service, client = world.start(), world.client()
+
+        def call(method, *arguments):
+            return subprocess.Popen(["busctl", f"--address=unix:path={world.socket_path}", "--timeout=60", "call",
+                                     "sd.config", "/", "sdbus.Service", method, *arguments], text=True,
+                                    stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+
+        def is_wrapped():
+            with open(world.path("data/sdsecurity.keys"), encoding="ascii") as file:
+                return file.read().startswith("sdsecurity-wrapped-keys ")
+
+        for number in range(20):
+            check(client.ask("set", f"k.{number}", f"v.{number}") == "1", "a set was refused")
+        for number in run.rounds(20, 1000):
+            was_wrapped = is_wrapped()
+            change = call("KEY_UNPROTECT", "yss", "255", "", "") if was_wrapped else \
+                call("KEY_PROTECT", "yss", "1", key("a"), key("b"))
+            time.sleep(run.random.uniform(0, 0.04))
+            service.kill()
+            answer = change.communicate()[0]
+            check(not answer or is_wrapped() != was_wrapped, f"{answer!r} was answered, and the ring is as it was")
+            made += is_wrapped() != was_wrapped
+            left += is_wrapped() == was_wrapped
+            service = world.start()
+            if is_wrapped():
+                check(client.ask("get", "k.0") == "", "a locked ring opens a value")
+                opened = call(*run.random.choice((("KEY_UNLOCK", "s", key("b")), ("KEY_RECOVER", "s", key("a")))))
+                check(opened.communicate()[0] == 'ys 0 ""\n', "the wrapped ring does not open")
+            for one in run.random.sample(range(20), 3):
+                check(client.ask("get", f"k.{one}") == f"v.{one}", "a value is gone")
+    return f"{number + 1} kills: {made} changes of the wrap were made whole, {left} not at all; each value there"
+
+
+SCENARIOS = (kill, backup, io, disk, damage, busy, hostile, user, silent, restarts, threads, secrets, ring, reseal,
+             slots)
 
 
 def perform(scenario, arguments):

@@ -15,8 +15,8 @@ Passphrase ask(const std::string& prompt) {
 
 }  // namespace
 
-Passphrase readPassphrase(Asking asking) {
-    Passphrase first = ask("Passphrase of the backup (not shown): ");
+Passphrase readPassphrase(const std::string& what, Asking asking) {
+    Passphrase first = ask(what + " (not shown): ");
     if (!first.problem.empty()) return first;
     if (first.text.get().empty()) return {{}, "the passphrase is empty"};
     if (asking == Asking::Once || !::isatty(STDIN_FILENO)) return first;

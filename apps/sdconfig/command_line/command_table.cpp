@@ -1,5 +1,6 @@
 #include "apps/sdconfig/command_line/command_table.h"
 
+#include <algorithm>
 #include <filesystem>
 
 #include "apps/common/digest_text.h"
@@ -52,6 +53,18 @@ std::string notAKeyId(const std::string& id) {
     return isLower ? "" : quoted(id) + " has capital letters: the ids of keys are written in small ones";
 }
 
+std::string notOneOf(const std::string& name, std::initializer_list<const char*> names, const char* told) {
+    return std::find(names.begin(), names.end(), name) == names.end() ? quoted(name) + " is none of " + told : "";
+}
+
+std::string notASlot(const std::string& name) {
+    return notOneOf(name, {"host", "keyring", "passphrase", "recovery"}, "host, keyring, passphrase and recovery");
+}
+
+std::string notARemovableSlot(const std::string& name) {
+    return notOneOf(name, {"host", "keyring", "passphrase", "all"}, "host, keyring, passphrase and all");
+}
+
 constexpr Argument checked(Argument argument, std::string (*fault)(const std::string&)) {
     argument.fault = fault;
     return argument;
@@ -59,6 +72,10 @@ constexpr Argument checked(Argument argument, std::string (*fault)(const std::st
 
 constexpr Argument kKey = checked({"KEY", "The key, never empty", &Request::key}, tooLong);
 constexpr Argument kKeyId = checked({"ID", "The key's id, or its first 4 digits or more", &Request::key}, notAKeyId);
+constexpr Argument kSlot =
+    checked({"SLOT", "host, keyring, passphrase, or recovery for a new code", &Request::key}, notASlot);
+constexpr Argument kRemovableSlot =
+    checked({"SLOT", "host, keyring, passphrase, or all for a plain key ring", &Request::key}, notARemovableSlot);
 constexpr Argument kName{"NAME", "The constant's name", &Request::key};
 constexpr Argument kValue{"VALUE", "The value; \"\" for an empty one", &Request::value, nullptr, true};
 constexpr Argument kSecret{"VALUE",
@@ -76,6 +93,8 @@ constexpr Flag kLocal{"--local", "Read the build.prop files in this process, wit
 constexpr Flag kShow{"--show", "Show values, which can be secrets", &Request::show};
 constexpr Flag kShowChanges{"--show", "With --dry-run: show values, which can be secrets", &Request::show, "--dry-run"};
 constexpr Flag kYes{"--yes", "Don't ask", &Request::yes};
+constexpr Flag kYesCode{"--yes", "Don't ask, and print a new recovery code instead of having it typed again",
+                        &Request::yes};
 constexpr Flag kPrune{"--prune", "Delete the policies that FILE doesn't name; asks first", &Request::prune};
 constexpr Flag kYesPrune{"--yes", "With --prune: don't ask", &Request::yes, "--prune"};
 constexpr Flag kDryRun{"--dry-run", "Send nothing; print what would change, and why", &Request::dryRun};
@@ -210,6 +229,38 @@ constexpr char kKeyPruneNotes[] =
     "A key that a row needs stays, and its rows are named, with exit code 1. Backups that were made without their key\n"
     "ring can't be opened without a removed key.\n";
 
+constexpr char kKeySlotsNotes[] =
+    "A line a slot: its kind, when it was made, and whether it opens the key ring now and here: opens, typed (by what "
+    "a\n"
+    "person knows, which is not tried), waits, or refused, with the reason. Needs no service.\n";
+
+constexpr char kKeyProtectNotes[] =
+    "host: the machine's own key, and its TPM. keyring: the login keyring. passphrase: the first line of standard "
+    "input;"
+    "\n"
+    "at a terminal it is asked for twice and not shown. The first slot of a plain key ring comes with a recovery "
+    "code,\n"
+    "and a new passphrase in the place of an old one with a new code: it is shown once at the terminal and typed "
+    "again;\n"
+    "with --yes it is printed instead. Where a new code alone is made, a passphrase that there is has to be given.\n";
+
+constexpr char kKeyUnprotectNotes[] =
+    "A new recovery code is made, as key protect makes it, and the passphrase has to be given where there is one that\n"
+    "stays: nobody who knows the slot's secret or an earlier code opens what is written from then on. The last slot "
+    "goes"
+    "\n"
+    "with all of them, after asking: the key ring is plain then, and a copy of the folder opens everything.\n";
+
+constexpr char kKeyUnlockNotes[] =
+    "Until the service ends. The passphrase is the first line of standard input; at a terminal it is asked for and "
+    "not\n"
+    "shown.\n";
+
+constexpr char kKeyRecoverNotes[] =
+    "For a new machine, a new mainboard, a cleared TPM, a lost keyring. The code is the first line of standard input; "
+    "at\n"
+    "a terminal it is asked for and not shown. Slots host and keyring that don't open here are made anew.\n";
+
 constexpr char kDoctorNotes[] =
     "A line each for folders, socket, service, versions, environment, units and data: \"ok\" or \"problem\". Nothing "
     "is\n"
@@ -229,7 +280,9 @@ constexpr char kRestoreNotes[] =
 const std::vector<Group>& groups() {
     static const std::vector<Group> all{
         {"secure", "Values that are sealed at rest: get, set, delete, exec", "sdconfig secure get mail.password"},
-        {"key", "The keys that values and policies are sealed with: list, rotate, disable, enable, prune",
+        {"key",
+         "The keys that values and policies are sealed with, and what opens their ring: list, rotate, disable, enable, "
+         "prune, slots, protect, unprotect, unlock, recover",
          "sdconfig key list"},
         {"policy", "Policies: set, get, delete, list, strong, clear, export, apply", "sdconfig policy list"},
     };
@@ -370,6 +423,39 @@ const std::vector<Command>& commands() {
          {kYes},
          {},
          kKeyPruneNotes},
+        {"key",
+         "slots",
+         "Prints the slots that open a wrapped key ring, and whether they do here",
+         "sdconfig key slots",
+         {},
+         {},
+         {kDataDir},
+         kKeySlotsNotes},
+        {"key",
+         "protect",
+         "Wraps the key ring, so that a copy of the folder opens nothing; or makes another slot",
+         "sdconfig key protect host",
+         {kSlot},
+         {kYesCode},
+         {},
+         kKeyProtectNotes},
+        {"key",
+         "unprotect",
+         "Removes a slot of the key ring, or its wrap",
+         "sdconfig key unprotect keyring",
+         {kRemovableSlot},
+         {kYesCode},
+         {},
+         kKeyUnprotectNotes},
+        {"key", "unlock", "Opens the key ring by its passphrase", "sdconfig key unlock", {}, {}, {}, kKeyUnlockNotes},
+        {"key",
+         "recover",
+         "Opens the key ring by its recovery code, and mends its slots",
+         "sdconfig key recover",
+         {},
+         {},
+         {},
+         kKeyRecoverNotes},
         {"",
          "explain",
          "Tells where a key's value comes from",

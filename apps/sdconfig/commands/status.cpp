@@ -1,6 +1,7 @@
 // status: whether the service is there, and how fast it answers.
 #include "apps/sdconfig/commands/commands.h"
 #include "apps/sdconfig/service/service.h"
+#include "apps/sdconfig/service/slot_calls.h"
 #include "apps/sdconfig/terminal/messages.h"
 #include "apps/sdconfig/terminal/output.h"
 #include "src/sdconfig_protocol.h"
@@ -9,29 +10,58 @@ namespace cli {
 
 namespace {
 
-Object statusObject(const Service& service, const Probe& probe) {
+const char* stateOf(const SlottedRing& ring) {
+    using State = sd::SDSecurity::KeyRingState;
+    switch (ring.status.state) {
+        case State::Absent:
+            return "absent";
+        case State::Broken:
+            return "broken";
+        case State::Locked:
+            return "locked";
+        default:
+            return ring.isWrapped() ? "open" : "plain";
+    }
+}
+
+Object ringObject(const std::optional<SlottedRing>& ring) {
+    if (!ring) return {};
+    return {{"state", stateOf(*ring)}, {"slots", slotsObject(*ring)}};
+}
+
+// Nothing of a ring without slots.
+std::string ringText(const std::optional<SlottedRing>& ring) {
+    if (!ring || !ring->isWrapped()) return "";
+    if (ring->isLocked())
+        return "key ring: locked, " + escaped(waitsFor(*ring)) + "; open it with: " + howToOpen(*ring) + "\n";
+    return "key ring: " + std::string(stateOf(*ring)) + ", its slots are " + namesOf(*ring) + "\n";
+}
+
+Object statusObject(const Service& service, const Probe& probe, const std::optional<SlottedRing>& ring) {
     const int pid = service.processId();
     Object object{{"service", sd::protocol::kServiceName}, {"running", probe.listening}, {"answers", probe.answered}};
     object["pid"] = probe.listening && pid > 0 ? Object(pid) : Object();
     object["round_trip_us"] = probe.answered ? Object(probe.roundTrip.count()) : Object();
     addBytes(object, "socket", service.socketPath());
+    object["key_ring"] = ringObject(ring);
     return object;
 }
 
-std::string statusText(const Service& service, const Probe& probe) {
+std::string statusText(const Service& service, const Probe& probe, const std::optional<SlottedRing>& ring) {
     if (!probe.listening) return "not running\n";
     const int pid = service.processId();
     return std::string(probe.answered ? "running\n" : "running, not answering\n") +
            "pid: " + (pid > 0 ? std::to_string(pid) : "unknown") + "\n" +
            (probe.answered ? "round trip: " + std::to_string(probe.roundTrip.count()) + " us\n" : "") +
-           "socket: " + shownInLine(service.socketPath()) + "\n";
+           "socket: " + shownInLine(service.socketPath()) + "\n" + ringText(ring);
 }
 
 }  // namespace
 
 int showStatus(const Request& request, Service& service) {
     const Probe probe = service.probe();
-    const int printed = print(request, statusText(service, probe), statusObject(service, probe));
+    const auto ring = probe.answered ? knownRing(service) : std::nullopt;
+    const int printed = print(request, statusText(service, probe, ring), statusObject(service, probe, ring));
     if (!probe.listening) return notRunning(request.command, service.socketPath(), service.lookedAt());
     if (!probe.answered) return noAnswer(request.command, probe.how, service.socketPath());
     return printed;

@@ -115,7 +115,7 @@ int backupData(const Request& request, Service& service) {
 
     const Keys keys = wayOfKeys(request, folder);
     std::optional<Passphrase> passphrase;
-    if (keys == Keys::Sealed) passphrase.emplace(readPassphrase(Asking::Twice));
+    if (keys == Keys::Sealed) passphrase.emplace(readPassphrase(kPassphraseOfBackup, Asking::Twice));
     if (passphrase && !passphrase->problem.empty())
         return notBackedUp(request, {passphrase->problem, "give a passphrase, or go without the keys: --without-keys"});
 

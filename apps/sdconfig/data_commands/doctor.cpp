@@ -48,7 +48,8 @@ int diagnoseService(const Request& request, Service& service) {
     checks.push_back(checkEnvironment(service));
     checks.push_back(checkUnits(service.processId() != 0));
     Checks layer = checkLayer();
-    append(checks, layer.empty() ? checkDataFolder(findData(request, service)) : std::move(layer));
+    const auto served = probe.answered ? knownRing(service) : std::nullopt;
+    append(checks, layer.empty() ? checkDataFolder(findData(request, service), served) : std::move(layer));
     holdBackStarts(checks);
 
     const bool ok = std::all_of(checks.begin(), checks.end(), [](const Check& check) { return check.ok(); });

@@ -221,7 +221,7 @@ int restoreData(const Request& request, Service& /*service*/) {
         if (replaced) tellReplaced(folder, *state, *replaced);
     }
     std::optional<Passphrase> passphrase;
-    if (backup.hasRing() && !request.withoutKeys) passphrase.emplace(readPassphrase(Asking::Once));
+    if (backup.hasRing() && !request.withoutKeys) passphrase.emplace(readPassphrase(kPassphraseOfBackup, Asking::Once));
     if (passphrase && !passphrase->problem.empty())
         return notRestored(request, {passphrase->problem, "give the backup's, or go without its keys: --without-keys"});
     return Restoring(request, folder, backup, replaced, passphrase ? &passphrase->text : nullptr).run();

@@ -1,10 +1,12 @@
 // What "doctor" looks at, an area a file. Nothing is created or changed, and no value is told.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "apps/sdconfig/reading/data_access.h"
+#include "apps/sdconfig/service/slot_calls.h"
 
 namespace cli {
 
@@ -39,6 +41,7 @@ Check checkUnits(bool served);
 Checks checkLayer();
 
 // doctor_data.cpp: the folder, its key ring, and the room that is left.
-Checks checkDataFolder(const DataAccess& access);
+// served: the ring as the running service sees it.
+Checks checkDataFolder(const DataAccess& access, const std::optional<SlottedRing>& served);
 
 }  // namespace cli

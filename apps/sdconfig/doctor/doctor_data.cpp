@@ -5,6 +5,7 @@
 #include <filesystem>
 
 #include "apps/data/data_check.h"
+#include "apps/data/database_check.h"
 #include "apps/data/served_folder.h"
 #include "apps/sdconfig/doctor/doctor_checks.h"
 #include "apps/sdconfig/terminal/messages.h"
@@ -30,19 +31,29 @@ bool isThere(const std::string& path) {
     return fs::exists(path, ignored);
 }
 
-Checks checkFolder(const std::string& folder) {
+// One that is missing or broken is among the folder's findings.
+Checks checkRing(const SlottedRing& ring) {
+    using State = sd::SDSecurity::KeyRingState;
+    const std::string& where = ring.status.detail;
+    if (ring.isLocked()) return {{kRing, "locked, " + waitsFor(ring), "open it with: " + howToOpen(ring)}};
+    if (ring.status.state != State::Usable) return {};
+    return {{kRing, ring.isWrapped() ? where + ", its slots are " + namesOf(ring) : where, ""}};
+}
+
+Checks checkFolder(const std::string& folder, const std::optional<SlottedRing>& served) {
     const apps::DataCheck data = apps::checkData(folder);
     Checks checks;
     for (const apps::Finding& finding : data.findings)
-        checks.push_back({kFolder, finding.what, finding.next, finding.refusesStart ? Turn::First : Turn::Any});
+        if (finding.next != apps::kOpenRing)  // below, as the service sees it
+            checks.push_back({kFolder, finding.what, finding.next, finding.refusesStart ? Turn::First : Turn::Any});
     if (checks.empty())
         checks.push_back(
             {kFolder,
              folder + ": secure values " + std::to_string(data.secure) + ", policies " + std::to_string(data.policies),
              ""});
-    // A ring that is missing or broken is among the findings.
-    const auto ring = sd::SDSecurity::GetInstance()->CheckKeyRing();
-    if (ring.state == sd::SDSecurity::KeyRingState::Usable) checks.push_back({kRing, ring.detail, ""});
+    sd::SDSecurity& layer = *sd::SDSecurity::GetInstance();
+    const Checks ring = checkRing(served ? *served : SlottedRing{layer.CheckKeyRing(), layer.KnownSlots()});
+    checks.insert(checks.end(), ring.begin(), ring.end());
     return checks;
 }
 
@@ -71,7 +82,7 @@ Checks checkLayer() {
              "install the libsdsecurity of this version"}};
 }
 
-Checks checkDataFolder(const DataAccess& access) {
+Checks checkDataFolder(const DataAccess& access, const std::optional<SlottedRing>& served) {
     if (const auto displaced = apps::displacedData())
         return {{kFolder, displaced->what, displaced->next + howToRestart()}};
     if (!access.ofService.empty())
@@ -79,7 +90,7 @@ Checks checkDataFolder(const DataAccess& access) {
     if (!access.reader) return {{kFolder, kFolderUntold, "name it with --data-dir"}};
     const std::string& folder = access.reader->folder();
     Checks checks = apps::isDataFolder(folder)
-                        ? checkFolder(folder)
+                        ? checkFolder(folder, served)
                         : Checks{{kFolder, folder + " holds no data yet; the service makes it", ""}};
     checks.push_back(checkRoom(folder));
     return checks;

@@ -34,6 +34,11 @@ bool isAnswer(const SDBusMessage& reply) {
     return reply.type() == sd::protocol::kMethodReply && reply.signature() == "s";
 }
 
+// Whether its arguments begin with such of these kinds.
+bool isAnswerOf(const SDBusMessage& reply, const std::string& kinds) {
+    return reply.signature().compare(0, kinds.size(), kinds) == 0;
+}
+
 Problem howItFailed(const SDBusMessage& reply) {
     if (reply.type() == sd::protocol::kMethodReply)
         return {"answers in a way that this version can't read",
@@ -191,14 +196,27 @@ int Service::requireCount(const char* method) const {
     return exitCode;
 }
 
-std::shared_ptr<SDBusMessage> Service::ask(const char* method, const std::function<void(SDBusMessage&)>& arguments,
-                                           const std::string& kinds, int& exitCode) const {
+const int Service::kUsualTimeoutMs = sd::protocol::kCallTimeoutMs;
+
+std::shared_ptr<SDBusMessage> Service::replyTo(const char* method, const std::function<void(SDBusMessage&)>& arguments,
+                                               int timeoutMs) const {
     const auto proxy = mBus->getServiceProxyInterface(sd::protocol::kServiceName, SDBusSameUser, 1);
     auto call = proxy->makeMethodCallMessage(method);
     arguments(*call);
-    auto reply = proxy->callWithReplyBlocking(std::move(call), sd::protocol::kCallTimeoutMs);
+    return proxy->callWithReplyBlocking(std::move(call), timeoutMs);
+}
+
+std::shared_ptr<SDBusMessage> Service::tryToAsk(const char* method, const std::function<void(SDBusMessage&)>& arguments,
+                                                const std::string& kinds, int timeoutMs) const {
+    auto reply = replyTo(method, arguments, timeoutMs);
+    return isAnswerOf(*reply, kinds) ? reply : nullptr;
+}
+
+std::shared_ptr<SDBusMessage> Service::ask(const char* method, const std::function<void(SDBusMessage&)>& arguments,
+                                           const std::string& kinds, int& exitCode, int timeoutMs) const {
+    auto reply = replyTo(method, arguments, timeoutMs);
     exitCode = kDone;
-    if (reply->signature().compare(0, kinds.size(), kinds) == 0) return reply;
+    if (isAnswerOf(*reply, kinds)) return reply;
     exitCode = reply->type() == sd::protocol::kMethodReply
                    ? answerUnreadable(attempt(mRequest))
                    : noAnswer(attempt(mRequest), howItFailed(*reply), socketPath());

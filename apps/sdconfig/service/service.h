@@ -74,7 +74,11 @@ public:
     // and perhaps more behind them (SDBusMessage::signature); null, with the exit code and after telling so, where
     // there is none.
     std::shared_ptr<SDBusMessage> ask(const char* method, const std::function<void(SDBusMessage&)>& arguments,
-                                      const std::string& kinds, int& exitCode) const;
+                                      const std::string& kinds, int& exitCode, int timeoutMs = kUsualTimeoutMs) const;
+
+    // The same without a word where there is no such answer.
+    std::shared_ptr<SDBusMessage> tryToAsk(const char* method, const std::function<void(SDBusMessage&)>& arguments,
+                                           const std::string& kinds, int timeoutMs) const;
 
     // Of a secure value that reads as "": whether it does because what is stored of it can't be opened.
     bool isUnopenable(const std::string& key) const;
@@ -92,6 +96,9 @@ public:
     void listen(const std::string& event, std::function<void(const std::string&)> hear);
 
 private:
+    static const int kUsualTimeoutMs;
+    std::shared_ptr<SDBusMessage> replyTo(const char* method, const std::function<void(SDBusMessage&)>& arguments,
+                                          int timeoutMs) const;
     static std::string failureWords(const std::string& name, const std::string& argument);
     void beginCall(const std::string& words);
     int endCall(bool failureValue);

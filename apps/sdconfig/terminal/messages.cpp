@@ -375,6 +375,26 @@ void noteOlderBackups() {
         "keys, or make a new one");
 }
 
+int notTypable(const Request& request) {
+    return fail(kUsage, attempt(request),
+                "it makes a new recovery code, and there is no terminal to have it typed again on",
+                "nothing was changed; say --yes to have it printed when it is in force");
+}
+
+void noteStretching() {
+    if (::isatty(STDERR_FILENO)) note("a key is made of what was typed, which takes a moment");
+}
+
+void noteEarlierCopies() {
+    note("a copy of the data folder from before opens what was sealed till now; where there can be one, go on with: " +
+         typed("key rotate --reseal"));
+}
+
+void noteCodeNotPrinted() {
+    note("the new recovery code is in force and was not printed; make another one with: " +
+         typed("key protect recovery"));
+}
+
 int notRegistered(const Request& request) {
     return fail(kRefused, attempt(request), "the service did not take the registration", seeItsLog());
 }

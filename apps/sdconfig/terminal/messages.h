@@ -123,6 +123,12 @@ void noteResealingGoesOn(const std::string& id);
 void noteResealingInterrupted();
 void noteOlderBackups();
 
+// Slots of the key ring.
+int notTypable(const Request& request);  // a recovery code, again
+void noteStretching();                   // at a terminal
+void noteEarlierCopies();
+void noteCodeNotPrinted();
+
 // Watching.
 int notRegistered(const Request& request);
 void noteWatching(std::size_t keys, bool more);  // more: and those to come of a pattern
