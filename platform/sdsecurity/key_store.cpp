@@ -139,7 +139,7 @@ RingRead KeyStore::read(Wait wait) {
 void KeyStore::removePlainLeftover() {
     std::string ignored;
     if (place().folder.empty() || ::access((place().path + ".new").c_str(), F_OK) != 0) return;
-    if (const auto folder = LockedFolder::lock(place().folder, kSealWait, ignored)) folder->removeLeftover(kFileName);
+    if (const auto folder = LockedFolder::lock(place().folder, {}, ignored)) folder->removeLeftover(kFileName);
 }
 
 // From now on this is the ring in memory.
@@ -243,7 +243,8 @@ std::string KeyStore::edited(const Edit& edit) {
 // toBe: what was to become of the ring or of a key, for the line that tells that it did not.
 bool KeyStore::change(const char* toBe, const Edit& edit) {
     const std::lock_guard lock(mMutex);
-    const std::string reason = edited(edit);
+    // All who seal would wait along for whoever is asked for a slot's key.
+    const std::string reason = mIsAsking ? "its slots are being changed" : edited(edit);
     if (!reason.empty()) LOG(7, AT "%s: can't %s: %s", HERE, place().path.c_str(), toBe, reason.c_str());
     return reason.empty();
 }

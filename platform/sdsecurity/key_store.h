@@ -112,7 +112,8 @@ private:
     // Held while slots are changed, before the other one; that is given back while somebody is asked for a slot's key,
     // so that values are sealed and opened meanwhile.
     std::mutex mChangingSlots;
-    std::mutex mMutex;  // guards all below
+    std::mutex mMutex;       // guards all below
+    bool mIsAsking = false;  // for a slot's key, with the folder held
     std::string mToldFolder;
     std::optional<Place> mPlace;
     std::shared_ptr<const KeyRing> mRing;

@@ -94,16 +94,23 @@ SDSecurity::SlotInfo infoOf(const Slot& slot, const SlotKeepers& keepers) {
     return info;
 }
 
-// Gives a mutex back that the caller holds, for as long as the object lives.
+// Gives a mutex back that the caller holds, for as long as the object lives. isReleased: tells so, guarded by it.
 class Released {
 public:
-    explicit Released(std::mutex& mutex) : mMutex(mutex) { mMutex.unlock(); }
-    ~Released() { mMutex.lock(); }
+    Released(std::mutex& mutex, bool& isReleased) : mMutex(mutex), mIsReleased(isReleased) {
+        mIsReleased = true;
+        mMutex.unlock();
+    }
+    ~Released() {
+        mMutex.lock();
+        mIsReleased = false;
+    }
     Released(const Released&) = delete;
     Released& operator=(const Released&) = delete;
 
 private:
     std::mutex& mMutex;
+    bool& mIsReleased;
 };
 
 }  // namespace
@@ -132,14 +139,14 @@ void KeyStore::watchKeyring() {
 // Asks for a slot's key.
 SlotAnswer KeyStore::ask(const Slot& slot) {
     const SlotKeepers keepers = mOpener.keepers();
-    const Released released(mMutex);
+    const Released released(mMutex, mIsAsking);
     return keepers.open(slot);
 }
 
 // Gives up what was kept for slots that never came to stand in a file, or no longer do.
 void KeyStore::forget(const std::vector<Slot>& slots) {
     const SlotKeepers keepers = mOpener.keepers();
-    const Released released(mMutex);
+    const Released released(mMutex, mIsAsking);
     for (const Slot& slot : slots)
         if (!isTyped(slot.kind)) keepers.forget(slot);
 }
@@ -250,7 +257,7 @@ SlotResult KeyStore::makeSlot(SlotKind kind, const std::string& typedKey, NewSlo
     }
     made.key = randomKey();
     const SlotKeepers keepers = mOpener.keepers();
-    const Released released(mMutex);
+    const Released released(mMutex, mIsAsking);
     SlotAnswer answer = keepers.seal(kind, made.key);
     made.slot.sealed = std::move(answer.sealed);
     return resultOf(kind, answer);
@@ -259,7 +266,7 @@ SlotResult KeyStore::makeSlot(SlotKind kind, const std::string& typedKey, NewSlo
 // Tries what was read back: each of the slots has to open it.
 SlotResult KeyStore::tried(const FileRead& file, const SecretBytes& text, const std::vector<NewSlot>& slots) {
     const SlotKeepers keepers = mOpener.keepers();
-    const Released released(mMutex);
+    const Released released(mMutex, mIsAsking);
     SlotResult failed{SlotOutcome::NotStored, file.reason};
     const std::optional<WrappedRing> wrapping = parseWrappedRing(viewOf(file.bytes), failed.reason);
     if (!wrapping) return failed;

@@ -192,7 +192,8 @@ void LockedFolder::removeLeftover(const std::string& name) const {
     if (::unlinkat(mFolder.get(), sibling(name).c_str(), 0) == 0) (void)left.overwrite();
 }
 
-PlainFile::PlainFile(const std::string& path) : mFile(::open(path.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC)) {}
+PlainFile::PlainFile(const std::string& path)
+    : mFile(::open(path.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)) {}
 
 std::string PlainFile::overwrite() const {
     struct stat status {};

@@ -322,7 +322,8 @@ std::string keyringIn(const test::TempDir& folder) {
     writeFile(program, "#!/bin/sh\ncd " + folder.path() + R"(
 while read number word rest; do
     case $word in
-    store) [ -e locked ] && echo $number not-now it is locked && continue
+    store) while [ -e slow ]; do touch asked; sleep 0.02; done
+           [ -e locked ] && echo $number not-now it is locked && continue
            id=$(od -An -tx1 -N16 /dev/urandom | tr -d ' \n'); echo $rest >$id; echo $number done $id ;;
     find) if [ -e locked ]; then echo $number not-now it is locked
           elif [ -e $rest ]; then echo $number done $(cat $rest)
@@ -384,6 +385,24 @@ TEST_F(SlotsTest, OpensByTheKeyringAsSoonAsThatIsUnlocked) {
     EXPECT_EQ(security.Recover(code).outcome, Outcome::Done);
     EXPECT_EQ(open(later), "") << "by an earlier copy of the file and its code";
     EXPECT_EQ(security.UnprotectAll().outcome, Outcome::Done);
+    security.SetKeyringProgram("");
+}
+
+TEST_F(SlotsTest, NobodyWaitsForASlotThatIsBeingMade) {
+    const test::TempDir keyring;
+    security.SetKeyringProgram(keyringIn(keyring));
+    writeRing(kPlainRing);
+    writeFile(keyring / "slow", "");
+    std::thread making([&] {
+        EXPECT_EQ(security.Protect(Kind::Keyring, {freshKey("code"), ""}).outcome, Outcome::Done);
+    });
+    EXPECT_TRUE(test::waitUntil([&] { return std::filesystem::exists(keyring / "asked"); }));
+    EXPECT_EQ(open(seal("x")), "x");
+    EXPECT_FALSE(security.RotateKey());
+    EXPECT_TRUE(log.has("its slots are being changed", 7));
+    std::filesystem::remove(keyring / "slow");
+    making.join();
+    EXPECT_TRUE(security.RotateKey());
     security.SetKeyringProgram("");
 }
 
