@@ -37,7 +37,9 @@ struct TypedKey {
 };
 
 std::string lineOf(const TypedKey& typed) {
-    std::string text = std::to_string(typed.how.cost) + ' ';
+    std::string text;
+    text.reserve(4 + 2 * (kSaltSize + kKeySize));  // one that grew would leave pieces of the key in memory
+    text.append(std::to_string(typed.how.cost)).append(" ");
     appendHex(typed.how.salt, text);
     text += ' ';
     appendHex(typed.key, text);

@@ -17,15 +17,16 @@ constexpr char kPassphrase[] = "Passphrase of the key ring";
 constexpr char kCode[] = "Recovery code (not shown): ";
 
 // A code without what may differ in its spelling.
-std::string spelled(const std::string& code) {
+SecretText spelled(const std::string& code) {
     std::string plain;
+    plain.reserve(code.size());  // one that grew would leave pieces in memory
     for (char c : code) {
         if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
         if (c == 'O') c = '0';
         if (c == 'I' || c == 'L') c = '1';
         if (c != '-' && c != ' ') plain += c;
     }
-    return plain;
+    return SecretText(std::move(plain));
 }
 
 void showCode(const std::string& code) {
@@ -42,7 +43,7 @@ Problem typedAgain(const std::string& code) {
         SecretInput input = readSecretLine("Type it again (not shown): ");
         const SecretText typed(std::move(input.value));
         if (!input.problem.empty()) return {input.problem, "nothing was changed; " + input.next};
-        if (spelled(typed.get()) == spelled(code)) return {};
+        if (spelled(typed.get()).get() == spelled(code).get()) return {};
         if (left > 1) note("that is not the code; letter case, blanks and dashes make no difference");
     }
     return {"the code was not typed as it was shown", "nothing was changed; repeat it, for another code"};
