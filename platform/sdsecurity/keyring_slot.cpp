@@ -15,9 +15,9 @@
 #include <system_error>
 #include <utility>
 
+#include "base/quiet_thread.h"
 #include "platform/sdsecurity/hex.h"
 #include "platform/sdsecurity/ring_file.h"
-#include "platform/sdsecurity/signals_blocked.h"
 
 namespace sd::security {
 
@@ -166,9 +166,9 @@ void KeyringHelper::watch(const std::string& id, std::function<void(SlotAnswer)>
         return watch.hasEnded;
     });
     Watch& watch = mWatches.emplace_back();
-    const SignalsBlocked blocked;
     try {
-        watch.thread = std::thread([this, &watch, id, onFound = std::move(onFound)] { follow(watch, id, onFound); });
+        watch.thread = startQuietThread(
+            "sdconfig.watch", [this, &watch, id, onFound = std::move(onFound)] { follow(watch, id, onFound); });
     } catch (const std::system_error&) {
         mWatches.pop_back();
     }
@@ -217,10 +217,10 @@ bool KeyringHelper::start() {
         return false;
     }
     if (problem != 0) return didNotStart(mProgram + " can't be run: " + std::strerror(problem));
-    const SignalsBlocked blocked;
     mSocket = own.get();
     try {
-        mReader = std::thread([this, socket = std::move(own), process] { readAnswers(socket, process); });
+        mReader = startQuietThread("sdconfig.keys",
+                                   [this, socket = std::move(own), process] { readAnswers(socket, process); });
     } catch (const std::system_error& error) {
         endOf(process);
         return didNotStart(std::string("no thread can be made: ") + error.what());

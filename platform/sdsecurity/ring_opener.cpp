@@ -10,9 +10,9 @@
 #include <thread>
 #include <utility>
 
+#include "base/quiet_thread.h"
 #include "platform/sdsecurity/ring_file.h"
 #include "platform/sdsecurity/ring_text.h"
-#include "platform/sdsecurity/signals_blocked.h"
 
 namespace sd::security {
 namespace {
@@ -120,8 +120,7 @@ private:
     // Throws std::system_error where no thread can be had.
     template <class Work>
     static void start(Work work) {
-        const SignalsBlocked blocked;
-        std::thread(std::move(work)).detach();
+        startQuietThread("sdconfig.ring", std::move(work)).detach();
     }
 
     void make(const SlotKeepers& keepers, bool watches) {

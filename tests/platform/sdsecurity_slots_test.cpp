@@ -109,8 +109,8 @@ protected:
     }
     static std::string hex(const std::string& bytes) {
         std::string text;
-        for (const unsigned char byte : bytes)
-            for (const int digit : {byte >> 4, byte & 15}) text += "0123456789abcdef"[digit];
+        for (const char byte : bytes)
+            for (const int digit : {byte >> 4 & 15, byte & 15}) text += "0123456789abcdef"[digit];
         return text;
     }
     Outcome unlock(const std::string& typed) { return security.Unlock(keyOf(Kind::Passphrase, typed)).outcome; }
@@ -318,7 +318,7 @@ TEST_F(SlotsTest, WrapsAPlainRingAndKeepsItWrapped) {
 
 // A keyring of files in the folder, which is locked while there is a file "locked" in it.
 std::string keyringIn(const test::TempDir& folder) {
-    const std::string program = folder / "program";
+    std::string program = folder / "program";
     writeFile(program, "#!/bin/sh\ncd " + folder.path() + R"(
 while read number word rest; do
     case $word in
