@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -111,6 +112,13 @@ std::string endOf(pid_t process) {
     return WTERMSIG(status) == SIGKILL ? ended : ended + " by signal " + std::to_string(WTERMSIG(status));
 }
 
+// Who runs may lie where anybody can make a folder beside its own.
+bool isTrusted(const fs::path& program) {
+    struct stat status {};
+    return program.is_absolute() && ::stat(program.c_str(), &status) == 0 && ::access(program.c_str(), X_OK) == 0 &&
+           (status.st_uid == 0 || status.st_uid == ::geteuid());
+}
+
 }  // namespace
 
 std::string keyringProgram() {
@@ -119,9 +127,7 @@ std::string keyringProgram() {
     const fs::path folder = fs::read_symlink("/proc/self/exe", failure).parent_path();
     // As installed, of a program for users and of one that such a one starts; and as built.
     for (const fs::path& place : {folder / SDCONFIG_TO_KEYRING, folder, folder / ".." / kName})
-        if (const fs::path program = (place / kName).lexically_normal();
-            program.is_absolute() && ::access(program.c_str(), X_OK) == 0)
-            return program;
+        if (const fs::path program = (place / kName).lexically_normal(); isTrusted(program)) return program;
     return (installed / kName).lexically_normal();
 }
 
