@@ -13,6 +13,8 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
+#include <utility>
 
 namespace sd {
 
@@ -126,6 +128,7 @@ bool FolderWatch::takeEvents() {
 
 // Whether there is something to look into.
 bool FolderWatch::waitOnce(milliseconds limit) {
+    if (std::exchange(mHasNews, false)) return true;
     std::array<pollfd, 2> ends{pollfd{mWake.get(), POLLIN, 0}, pollfd{mNotify.get(), POLLIN, 0}};
     if (::poll(ends.data(), ends.size(), static_cast<int>(limit.count())) <= 0) return false;
     std::uint64_t count = 0;
@@ -145,12 +148,8 @@ void FolderWatch::wait(milliseconds limit) {
         milliseconds most = mayStay ? milliseconds(-1) : left(end);
         for (const auto& one : mUnfinished)
             most = most.count() < 0 ? left(one.second) : std::min(most, left(one.second));
-        const bool isNews = waitOnce(most);
-        if (isNews) break;
-        const auto now = Clock::now();
-        const bool isOver =
-            std::any_of(mUnfinished.begin(), mUnfinished.end(), [&](const auto& one) { return one.second <= now; });
-        if (isOver || (!mayStay && now >= end)) return;
+        if (waitOnce(most)) break;
+        if (dropOverdue() || (!mayStay && Clock::now() >= end)) return;
     }
     const auto burstEnd = Clock::now() + kBurstMost;
     while (Clock::now() < burstEnd && waitOnce(kQuiet)) {
@@ -162,14 +161,21 @@ void FolderWatch::wake() const {
     (void)!::write(mWake.get(), &one, sizeof one);
 }
 
-std::set<std::string> FolderWatch::unfinished() {
-    std::set<std::string> paths;
-    const auto now = Clock::now();
+// Whether there was one that counts from now on.
+bool FolderWatch::dropOverdue() {
+    bool isAny = false;
     for (auto file = mUnfinished.begin(); file != mUnfinished.end();) {
-        if (file->second > now) paths.insert(file->first);
-        file = file->second > now ? std::next(file) : mUnfinished.erase(file);
+        const bool isOver = file->second <= Clock::now();
+        isAny |= isOver;
+        file = isOver ? mUnfinished.erase(file) : std::next(file);
     }
-    return paths;
+    return isAny;
+}
+
+bool FolderWatch::isUnfinished(const std::string& path) {
+    mHasNews |= takeEvents();
+    const auto file = mUnfinished.find(path);
+    return file != mUnfinished.end() && file->second > Clock::now();
 }
 
 }  // namespace sd

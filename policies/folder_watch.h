@@ -28,8 +28,9 @@ public:
 
     void wake() const;
 
-    // Files that somebody has begun to write, and not closed in the second since.
-    std::set<std::string> unfinished();
+    // Whether somebody had begun to write the file when this is asked, and has not closed it in the second since. Asked
+    // after the reading of it, it tells whether what was read may be half of it.
+    bool isUnfinished(const std::string& path);
 
 private:
     // A folder that is watched, by what is of interest in it: a name on the way to one of the folders, or all.
@@ -42,6 +43,7 @@ private:
     bool takeEvents();
     bool takeEvent(int id, std::uint32_t kinds, const std::string& name);
     bool waitOnce(std::chrono::milliseconds limit);
+    bool dropOverdue();
 
     using Clock = std::chrono::steady_clock;
 
@@ -50,6 +52,7 @@ private:
     UniqueFd mWake;
     std::map<int, Watched> mWatched;
     std::map<std::string, Clock::time_point> mUnfinished;
+    bool mHasNews = false;  // that came while nobody waited
 };
 
 }  // namespace sd

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <iterator>
+#include <set>
 #include <string_view>
 
 #include "base/sip_hash.h"
@@ -20,6 +21,7 @@ using State = PolicySource::State;
 
 constexpr std::string_view kSuffix = ".json";
 constexpr int kTries = 3;  // of a file that changes while it is read
+constexpr char kBeingWritten[] = "is being written";
 
 bool isPolicyFile(const std::string& name) {
     return name.size() > kSuffix.size() && name.front() != '.' &&
@@ -32,6 +34,11 @@ std::string reasonOf(int failure) {
 
 bool isAbsent(int failure) {
     return failure == ENOENT || failure == ENOTDIR;
+}
+
+// Whether another try may do better, and nothing would tell when.
+bool isPassing(int failure) {
+    return failure != 0 && !isAbsent(failure) && failure != EACCES && failure != ELOOP;
 }
 
 bool isSameVersion(const struct stat& one, const struct stat& other) {
@@ -74,11 +81,17 @@ struct CloseFolder {
     void operator()(DIR* folder) const { ::closedir(folder); }
 };
 
+// Null at the end, and where no more can be read; errno tells which.
+const dirent* nextEntry(DIR* folder) {
+    errno = 0;
+    return ::readdir(folder);
+}
+
 }  // namespace
 
 // What one reading gathers.
 struct PolicyFolders::Reading {
-    const std::set<std::string>& unfinished;
+    const IsUnfinished& isUnfinished;
     std::vector<Folder> folders{};  // in force
     std::set<std::string> names{};
     std::size_t surplus = 0;  // names
@@ -86,6 +99,8 @@ struct PolicyFolders::Reading {
     std::vector<MachinePolicies::File> files{};
     PolicyReadingStatus status{};
     std::map<std::string, Held> held{};
+
+    bool isBeingWritten(const std::string& path) const { return isUnfinished && isUnfinished(path); }
 };
 
 std::vector<std::string> standardPolicyFolders() {
@@ -95,9 +110,8 @@ std::vector<std::string> standardPolicyFolders() {
 PolicyFolders::PolicyFolders(std::vector<std::string> folders, uid_t owner)
     : mFolders(std::move(folders)), mOwner(owner) {}
 
-std::shared_ptr<const MachinePolicies> PolicyFolders::read(PolicyUsers& users,
-                                                           const std::set<std::string>& unfinished) {
-    Reading reading{unfinished};
+std::shared_ptr<const MachinePolicies> PolicyFolders::read(PolicyUsers& users, const IsUnfinished& isUnfinished) {
+    Reading reading{isUnfinished};
     reading.status.when = std::chrono::system_clock::now();
     for (const std::string& path : mFolders) listFolder(path, reading);
     for (const std::string& name : reading.names) takeName(name, reading);
@@ -111,6 +125,7 @@ std::shared_ptr<const MachinePolicies> PolicyFolders::read(PolicyUsers& users,
     for (const MachinePolicies::File& file : reading.files)
         for (const PolicyEntry& entry : *file.entries) named.insert(entry.users.begin(), entry.users.end());
     reading.status.nobody = users.lookUp(named);
+    reading.status.hasFailures |= !users.areAllAnswered();
     const auto isMeant = [&](const PolicyEntry& entry) { return entry.users.empty() || users.isAmong(entry.users); };
     return std::make_shared<MachinePolicies>(std::move(reading.files), isMeant, std::move(reading.status));
 }
@@ -131,22 +146,23 @@ void PolicyFolders::listFolder(const std::string& path, Reading& reading) const 
         listing.reset(listed < 0 ? nullptr : ::fdopendir(listed));
         if (!listing) opening.failure = errno;
     }
-    if (opening.failure != 0) {
-        // Which files are there nobody can tell: those that were stay.
-        tell(State::Kept, reasonOf(opening.failure));
-        for (const auto& [file, held] : mHeld)
-            if (file.compare(0, path.size() + 1, path + "/") == 0) reading.names.insert(file.substr(path.size() + 1));
-        reading.folders.push_back({path, std::move(opening)});
-        return;
-    }
-    while (const dirent* entry = ::readdir(listing.get())) {
+    while (const dirent* const entry = listing ? nextEntry(listing.get()) : nullptr) {
         if (!isPolicyFile(entry->d_name)) continue;
         reading.names.insert(entry->d_name);
         if (reading.names.size() <= kPolicyFilesMax) continue;
         reading.names.erase(std::prev(reading.names.end()));
         ++reading.surplus;
     }
-    tell(State::Read, "");
+    if (listing) opening.failure = errno;
+    reading.status.hasFailures |= isPassing(opening.failure);
+    if (opening.failure == 0) {
+        tell(State::Read, "");
+    } else {
+        // Which files are there nobody can tell: those that were stay.
+        tell(State::Kept, reasonOf(opening.failure));
+        for (const auto& [file, held] : mHeld)
+            if (file.compare(0, path.size() + 1, path + "/") == 0) reading.names.insert(file.substr(path.size() + 1));
+    }
     reading.folders.push_back({path, std::move(opening)});
 }
 
@@ -162,11 +178,15 @@ void PolicyFolders::takeName(const std::string& name, Reading& reading) {
         else
             opening = openTrustedIn(folder->opening.file, folder->path, name, mOwner);
         reading.status.hasLinks |= opening.hasLink;
+        reading.status.hasFailures |= isPassing(opening.failure);
         if (isAbsent(opening.failure)) continue;
         if (!opening.distrust.empty()) {
             sources.push_back({path, State::LeftOut, opening.distrust});
+        } else if (mHeld.count(path) == 0 && reading.isBeingWritten(path)) {
+            sources.push_back({path, State::LeftOut, kBeingWritten});  // it takes no place before it is whole
         } else if (!taken.empty()) {
             sources.push_back({path, State::Replaced, taken});
+            if (const auto known = mHeld.find(path); known != mHeld.end()) reading.held.insert(*known);
         } else {
             sources.push_back(takeFile(path, opening, reading));
             taken = path;
@@ -179,10 +199,14 @@ PolicySource PolicyFolders::takeFile(const std::string& path, const TrustedOpeni
     if (opening.isNull) return {path, State::Masks, ""};
     if (opening.failure != 0) return keep(path, reasonOf(opening.failure), reading);
     if (!S_ISREG(opening.status.st_mode)) return {path, State::LeftOut, "is no regular file"};
-    if (reading.unfinished.count(path) != 0) return keep(path, "is being written", reading);
     std::string text;
     if (const std::string problem = readWhole(opening, text); !problem.empty()) return keep(path, problem, reading);
-    if (text.empty()) return {path, State::Masks, ""};
+    if (reading.isBeingWritten(path)) return keep(path, kBeingWritten, reading);
+    if (text.empty()) {
+        // Nothing is what it holds, also while somebody writes it.
+        reading.held[path] = {sipHash({}, text), 0, std::make_shared<const std::vector<PolicyEntry>>(), ""};
+        return {path, State::Masks, ""};
+    }
     if (reading.bytes + text.size() > kPolicyBytesMax)
         return keep(path, "has, with the files before it, more than 32 MiB", reading);
     reading.bytes += text.size();

@@ -4,9 +4,9 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -37,8 +37,10 @@ public:
     // have made them, beside root.
     PolicyFolders(std::vector<std::string> folders, uid_t owner);
 
-    // unfinished: files that somebody is writing; what they held before stands.
-    std::shared_ptr<const MachinePolicies> read(PolicyUsers& users, const std::set<std::string>& unfinished = {});
+    // isUnfinished: whether somebody is writing the file at that path, asked after the reading of it too; what it held
+    // before stands, and one that is new counts once it is whole. May be empty.
+    using IsUnfinished = std::function<bool(const std::string& path)>;
+    std::shared_ptr<const MachinePolicies> read(PolicyUsers& users, const IsUnfinished& isUnfinished = nullptr);
 
     const std::vector<std::string>& folders() const { return mFolders; }
 

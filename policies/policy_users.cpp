@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <condition_variable>
 #include <deque>
+#include <iterator>
 #include <mutex>
 #include <system_error>
 
@@ -22,16 +23,19 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::seconds kFresh{5};
 constexpr std::size_t kEntryBytesMax = std::size_t{1} << 20;  // of a group with very many members
 
-// What one of the system's reentrant functions finds: `call` takes a buffer and tells the error, and `found`.
+// What one of the system's reentrant functions finds: `call` takes a buffer and tells the error, and `found`. The
+// errors that mean that there is no such entry are those of getpwnam(3).
 template <class Entry, class Call>
 bool findEntry(Entry& entry, std::vector<char>& buffer, Call call) {
     for (std::size_t size = 4096; size <= kEntryBytesMax; size *= 4) {
         buffer.resize(size);
         Entry* found = nullptr;
         const int failure = call(&entry, buffer.data(), buffer.size(), &found);
-        if (failure != ERANGE) return failure == 0 && found != nullptr;
+        if (failure == 0) return found != nullptr;
+        if (failure == ENOENT || failure == ESRCH || failure == EBADF || failure == EPERM) return false;
+        if (failure != ERANGE) throw std::system_error(failure, std::generic_category());
     }
-    return false;
+    throw std::system_error(ERANGE, std::generic_category());
 }
 
 std::optional<uid_t> uidOf(const std::string& name) {
@@ -96,28 +100,37 @@ struct PolicyUsers::State {
         while (!state->wanted.empty()) {
             const std::string name = state->wanted.front();
             lock.unlock();
-            const Answer answer = state->answerOf(name);
+            const std::optional<Answer> answer = state->answerOf(name);
             lock.lock();
             state->wanted.pop_front();
             const auto known = state->answers.find(name);
-            const bool isNews = known == state->answers.end() || known->second.isMeant != answer.isMeant ||
-                                known->second.exists != answer.exists;
-            state->answers[name] = answer;
+            const bool isNews = answer && (known == state->answers.end() || known->second.isMeant != answer->isMeant ||
+                                           known->second.exists != answer->exists);
+            state->unanswered.erase(name);
+            if (answer)
+                state->answers[name] = *answer;
+            else
+                state->unanswered.insert(name);
             state->answered.notify_all();
             if (isNews && !state->isWaitedFor && state->answeredLate) state->answeredLate();
         }
         state->isAsking = false;
     }
 
-    Answer answerOf(const std::string& name) const {
-        if (!isGroup(name)) {
-            const auto uid = directory.user(name);
-            return {uid.has_value(), uid == user, Clock::now()};
+    // Nothing where the directory failed.
+    std::optional<Answer> answerOf(const std::string& name) const {
+        try {
+            if (!isGroup(name)) {
+                const auto uid = directory.user(name);
+                return Answer{uid.has_value(), uid == user, Clock::now()};
+            }
+            const auto gid = directory.group(name.substr(1));
+            if (!gid) return Answer{false, false, Clock::now()};
+            const std::vector<gid_t> groups = directory.groupsOf(user);
+            return Answer{true, std::find(groups.begin(), groups.end(), *gid) != groups.end(), Clock::now()};
+        } catch (const std::system_error&) {
+            return std::nullopt;
         }
-        const auto gid = directory.group(name.substr(1));
-        if (!gid) return {false, false, Clock::now()};
-        const std::vector<gid_t> groups = directory.groupsOf(user);
-        return {true, std::find(groups.begin(), groups.end(), *gid) != groups.end(), Clock::now()};
     }
 
     const uid_t user;
@@ -126,6 +139,7 @@ struct PolicyUsers::State {
     std::condition_variable answered;
     std::function<void()> answeredLate;  // empty once the object is gone
     std::map<std::string, Answer> answers;
+    std::set<std::string> unanswered;  // when they were asked for last, or not within the limit: not waited for again
     std::deque<std::string> wanted;
     bool isAsking = false;
     bool isWaitedFor = false;
@@ -158,8 +172,11 @@ void PolicyUsers::startAsking() {
 std::map<std::string, std::string> PolicyUsers::lookUp(const std::set<std::string>& names) {
     State& state = *mState;
     std::unique_lock lock(state.mutex);
-    for (const std::string& name : names) {
-        if (isNumber(name)) continue;
+    // Users come before groups, for whose answer they shall not have to wait.
+    std::vector<std::string> asked;
+    std::remove_copy_if(names.begin(), names.end(), std::back_inserter(asked), isNumber);
+    std::partition(asked.begin(), asked.end(), [](const std::string& name) { return !isGroup(name); });
+    for (const std::string& name : asked) {
         const auto known = state.answers.find(name);
         const bool isFresh =
             known != state.answers.end() && known->second.exists && Clock::now() - known->second.at < kFresh;
@@ -169,10 +186,16 @@ std::map<std::string, std::string> PolicyUsers::lookUp(const std::set<std::strin
     if (!state.wanted.empty() && !state.isAsking) {
         startAsking();
     }
-    const auto isKnown = [&](const std::string& name) { return isNumber(name) || state.answers.count(name) != 0; };
+    const auto isSettled = [&](const std::string& name) {
+        return state.answers.count(name) != 0 || state.unanswered.count(name) != 0;
+    };
     state.isWaitedFor = true;
-    state.answered.wait_for(lock, mLimit, [&] { return std::all_of(names.begin(), names.end(), isKnown); });
+    state.answered.wait_for(lock, mLimit, [&] { return std::all_of(asked.begin(), asked.end(), isSettled); });
     state.isWaitedFor = false;
+    for (const std::string& name : asked)
+        if (!isSettled(name)) state.unanswered.insert(name);
+    mAreAllAnswered =
+        std::none_of(asked.begin(), asked.end(), [&](const auto& name) { return state.unanswered.count(name) != 0; });
 
     mMeant.clear();
     std::map<std::string, std::string> nobody;

@@ -14,7 +14,8 @@
 
 namespace sd {
 
-// Whom the system knows. Each may take as long as a directory service does.
+// Whom the system knows. Each may take as long as a directory service does, and raises std::system_error where that
+// fails, which is not the same as that it knows nobody of the name.
 struct UserDirectory {
     std::function<std::optional<uid_t>(const std::string& name)> user;
     std::function<std::optional<gid_t>(const std::string& name)> group;
@@ -37,8 +38,11 @@ public:
     PolicyUsers& operator=(const PolicyUsers&) = delete;
 
     // Finds out about the names, as "users" has them: a name, a uid or "@group". Those that nobody has, or that were
-    // not answered in time, with the reason; they mean nobody.
+    // not answered in time, with the reason; they mean nobody. What was answered once counts on where it is not again.
     std::map<std::string, std::string> lookUp(const std::set<std::string>& names);
+
+    // Whether the directory answered about each name of the last look-up.
+    bool areAllAnswered() const { return mAreAllAnswered; }
 
     // Whether the service's user is among them, by what was looked up last.
     bool isAmong(const std::vector<std::string>& names) const;
@@ -52,6 +56,7 @@ private:
     const std::chrono::milliseconds mLimit;
     const std::shared_ptr<State> mState;
     std::set<std::string> mMeant;
+    bool mAreAllAnswered = true;
 };
 
 }  // namespace sd

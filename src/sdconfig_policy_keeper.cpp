@@ -1,8 +1,11 @@
 #include "src/sdconfig_policy_keeper.h"
 
+#include <poll.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <map>
 #include <system_error>
 #include <utility>
@@ -39,7 +42,8 @@ PolicyKeeper::PolicyKeeper(PolicyPlace place)
     : mProcess(::getpid()),
       mWatch(place.folders),
       mFolders(place.folders, place.owner),
-      mUsers(::geteuid(), systemUsers(), kNameLimit, [this] { mWatch.wake(); }) {}
+      mUsers(::geteuid(), systemUsers(), kNameLimit, [this] { mWatch.wake(); }),
+      mEnd(::eventfd(0, EFD_CLOEXEC)) {}
 
 PolicyKeeper::~PolicyKeeper() {
     if (!mThread.joinable()) return;
@@ -47,18 +51,16 @@ PolicyKeeper::~PolicyKeeper() {
         mThread.detach();
         return;
     }
-    {
-        const std::lock_guard lock(mMutex);
-        mIsEnding = true;
-    }
-    mEnd.notify_all();
+    mIsEnding = true;
+    const std::uint64_t one = 1;
+    (void)!::write(mEnd.get(), &one, sizeof one);
     mWatch.wake();
     mThread.join();
 }
 
 PolicyKeeper::Policies PolicyKeeper::read() {
     mIsWatching = mWatch.arm();
-    Policies now = mFolders.read(mUsers, mWatch.unfinished());
+    Policies now = mFolders.read(mUsers, [this](const std::string& path) { return mWatch.isUnfinished(path); });
     tell(now->status(), mLast.get());
     return now;
 }
@@ -92,15 +94,16 @@ void PolicyKeeper::start(std::function<Progress()> haveTaken) {
 
 // False at the end.
 bool PolicyKeeper::waitForChange() {
-    const bool isSure = mIsWatching && !mLast->status().hasLinks;  // of what a link leads to no change is told
+    // Of what a link leads to no change is told, nor of when a failure is over.
+    const bool isSure = mIsWatching && !mLast->status().hasLinks && !mLast->status().hasFailures;
     mWatch.wait(isSure ? milliseconds(-1) : kRescan);
     return pause(milliseconds(0));
 }
 
 // False at the end, which it does not sleep through.
-bool PolicyKeeper::pause(milliseconds time) {
-    std::unique_lock lock(mMutex);
-    return !mEnd.wait_for(lock, time, [this] { return mIsEnding; });
+bool PolicyKeeper::pause(milliseconds time) const {
+    pollfd end{mEnd.get(), POLLIN, 0};
+    return ::poll(&end, 1, static_cast<int>(time.count())) <= 0 && !mIsEnding;
 }
 
 void PolicyKeeper::run() {

@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -13,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/unique_fd.h"
 #include "policies/folder_watch.h"
 #include "policies/machine_policies.h"
 #include "policies/policy_folders.h"
@@ -71,7 +71,7 @@ private:
     void run();
     bool waitForChange();
     void handOver(Policies next);
-    bool pause(std::chrono::milliseconds time);
+    bool pause(std::chrono::milliseconds time) const;
     void tell(const PolicyReadingStatus& now, const MachinePolicies* before) const;
 
     const pid_t mProcess;  // a forked child has no such thread
@@ -82,9 +82,10 @@ private:
     std::function<Progress()> mHaveTaken;
     Policies mLast;  // the last reading; the thread's own once that runs
 
-    std::mutex mMutex;  // of the three that follow
-    std::condition_variable mEnd;
-    bool mIsEnding = false;
+    UniqueFd mEnd;  // can be read at the end; a condition that is waited for could not go in a forked child
+    std::atomic<bool> mIsEnding{false};
+
+    std::mutex mMutex;                  // of what follows
     std::unique_ptr<Transition> mNext;  // that the service is to take
 
     Transition mTransition;  // the service's thread's own

@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <future>
+#include <system_error>
 
 #include "policies/policy_folders.h"
 #include "tests/support/support.h"
@@ -32,9 +33,10 @@ protected:
 
     // As "URI=value", in order.
     std::vector<std::string> read(const std::set<std::string>& unfinished = {}) {
-        std::set<std::string> paths;
-        for (const std::string& name : unfinished) paths.insert(mFolder / name);
-        mRead = mFolders.read(mUsers, paths);
+        const auto isUnfinished = [&](const std::string& path) {
+            return unfinished.count(path.substr(mFolder.path().size() + 1)) != 0;
+        };
+        mRead = mFolders.read(mUsers, isUnfinished);
         std::vector<std::string> policies;
         for (const auto& one : mRead->all()) policies.push_back(one.entry->uri + "=" + one.entry->value);
         return policies;
@@ -156,8 +158,15 @@ TEST_F(PoliciesTest, ABrokenFileKeepsItsPlaceAndWhatItHeld) {
     EXPECT_THAT(read({"admin/a.json"}), ElementsAre("a=admin", "b=whole")) << "who writes it is not at the end";
     fs::remove(mFolder / "admin/a.json");
     EXPECT_THAT(read(), ElementsAre("a=vendor", "b=whole"));
+    write("admin/a.json", "");
+    EXPECT_THAT(read({"admin/a.json"}), ElementsAre("a=vendor", "b=whole"))
+        << "a new one takes its place when it is whole";
     write("admin/a.json", "{");
     EXPECT_THAT(read(), ElementsAre("b=whole")) << "once gone, what it held is forgotten";
+    write("vendor/a.json", "{");
+    read();
+    fs::remove(mFolder / "admin/a.json");
+    EXPECT_THAT(read(), ElementsAre("a=vendor", "b=whole")) << "what is replaced is not gone";
 }
 
 TEST_F(PoliciesTest, APolicyIsForThoseThatItNames) {
@@ -177,13 +186,15 @@ TEST(PolicyUsersTest, ASlowAnswerCountsWhenItComes) {
         if (name == "slow") gate.wait();
         return name == "other" ? 8 : 7;
     };
-    const UserDirectory directory{[](const std::string& name) { return std::optional<uid_t>(name == "me" ? 5 : 6); },
-                                  group,
-                                  [](uid_t) {
-                                      return std::vector<gid_t>{3, 7};
-                                  }};
+    const auto user = [](const std::string& name) -> std::optional<uid_t> {
+        if (name == "lost") throw std::system_error(EIO, std::generic_category());
+        return name == "me" ? 5 : 6;
+    };
+    const UserDirectory directory{user, group, [](uid_t) { return std::vector<gid_t>{3, 7}; }};
     PolicyUsers quick(5, directory, std::chrono::seconds(10), nullptr);
-    EXPECT_THAT(quick.lookUp({"me", "you", "@quick", "@other", "5"}), UnorderedElementsAre());
+    EXPECT_THAT(quick.lookUp({"me", "you", "lost", "@quick", "@other", "5"}),
+                UnorderedElementsAre(Pair("lost", HasSubstr("not answered"))));
+    EXPECT_FALSE(quick.areAllAnswered()) << "a directory that fails is asked again";
     for (const char* meant : {"me", "@quick", "5"}) EXPECT_TRUE(quick.isAmong({"you", "@other", meant})) << meant;
     EXPECT_FALSE(quick.isAmong({"you", "@other"}));
 
