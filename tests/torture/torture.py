@@ -928,8 +928,240 @@ def slots(run):
     return f"{number + 1} kills: {made} changes of the wrap were made whole, {left} not at all; each value there"
 
 
+# ---- Policies of the machine ----
+
+def text_at(body, at):
+    """The string there, and where it ends."""
+    at += -at % 4
+    end = at + 4 + struct.unpack_from("<I", body, at)[0]
+    return body[at + 4:end].decode(), end + 1
+
+
+class Machine:
+    """Folders of policies, and what should come of them, written down without a look at how the service does it."""
+
+    FOLDERS = ("admin", "vendor")  # the first one's file counts where both have a name
+
+    def __init__(self, world, run):
+        self.world, self.random, self.fences, self.done = world, run.random, 0, collections.Counter()
+        for folder in (*self.FOLDERS, "new"):
+            os.mkdir(world.path(folder))
+        self.held = {}  # by name and folder: the policies of the last whole text; none: it is as if it were not there
+        self.broken = set()
+        self.away = None  # what the administrator's folder holds while it is not there
+        self.stored, self.local = {}, {}
+        self.uris = [f"k.{number}" for number in range(6)]
+        self.expected = []
+        self.client = world.client()
+        self.start()
+
+    def start(self):
+        self.service = self.world.start("--policy-dir", self.world.path("vendor"), "--policy-dir",
+                                        self.world.path("admin"))
+        self.ear = Peer(self.world, limit=30)
+        self.ear.send("Subscribe", *strings(".DMChanged"), interface="sdbus.Control")
+        self.ear.next()
+
+    def machine(self, uri):
+        last = None
+        for name in sorted({name for name, _ in self.held}):
+            folder = next(folder for folder in self.FOLDERS if (name, folder) in self.held)
+            last = self.held[name, folder].get(uri, last)
+        return last
+
+    def effective(self, uri):
+        """The value, and whether it is strong."""
+        value, priority = self.machine(uri) or self.stored.get(uri) or ("", 0)
+        return (value, True) if priority > 5 else (self.local.get(uri, value), False)
+
+    @contextlib.contextmanager
+    def change(self):
+        """Foretells what is told of what is done in it."""
+        policy = lambda uri: self.machine(uri) or self.stored.get(uri)
+        before = {uri: (policy(uri), self.effective(uri)) for uri in self.uris}
+        yield
+        for uri, (old, value) in before.items():
+            if policy(uri) != old and self.effective(uri) != value:
+                self.expected.append((uri, *self.effective(uri)))
+
+    def text(self, policies):
+        return json.dumps({self.random.choice((uri, uri.upper())): {"value": value, "priority": priority}
+                           for uri, (value, priority) in policies.items()}, indent=1)
+
+    def put(self, path, text):
+        with open(self.world.path("new/file"), "w", encoding="ascii") as file:
+            file.write(text)
+        os.rename(self.world.path("new/file"), self.world.path(path))
+
+    def write_slowly(self, path, text):
+        """In place, while the folders are read for another file's sake."""
+        with open(self.world.path(path), "w", encoding="ascii", buffering=1) as file:
+            for half in (text[:len(text) // 2], text[len(text) // 2:]):
+                self.put("vendor/other.json", self.text({"other": (str(self.random.random()), 4)}))
+                time.sleep(self.random.uniform(0, 0.04))
+                file.write(half)
+                file.flush()
+
+    def edit(self):
+        folder = self.random.choice([one for one in self.FOLDERS if one != "admin" or self.away is None])
+        name = f"m{self.random.randrange(3)}.json"
+        path, key = f"{folder}/{name}", (name, folder)
+        policies = {uri: (f"v{self.random.randrange(3)}", self.random.choice((4, 9)))
+                    for uri in self.random.sample(self.uris, self.random.randrange(4))}
+        what = self.random.choice(("swap", "swap", "write", "break", "remove", "mask", "distrust", "folder"))
+        if what == "write" and key not in self.held and os.path.exists(self.world.path(path)):
+            what = "swap"  # one that is distrusted stays so when it is written
+        if what == "break" and folder == "vendor" and (name, "admin") in self.held:
+            what = "swap"  # what another file replaces may never have been read
+        self.done[what] += 1
+        with self.change():
+            if what == "folder":
+                return self.move_admin()
+            self.broken.discard(key)
+            if what in ("swap", "write"):
+                self.held[key] = policies
+                (self.put if what == "swap" else self.write_slowly)(path, self.text(policies))
+            elif what == "break":
+                self.held.setdefault(key, {})
+                self.broken.add(key)
+                self.put(path, self.random.choice(("{", '{"k.0": {"value": "\\u0000", "priority": 9}}', "\0" * 99,
+                                                   '{"k.0": {"value": "x", "priority": 9}, "K.0": {}}')))
+            elif what == "mask":
+                self.held[key] = {}
+                self.put(path, "")
+            else:
+                self.held.pop(key, None)
+                if what == "distrust":
+                    self.put("new/theirs", self.text(policies))
+                    os.chmod(self.world.path("new/theirs"), 0o666)
+                    os.rename(self.world.path("new/theirs"), self.world.path(path))
+                elif os.path.exists(self.world.path(path)):
+                    os.unlink(self.world.path(path))
+
+    def move_admin(self):
+        """The folder goes, or comes back; what its broken files held is forgotten then."""
+        here, away = self.world.path("admin"), self.world.path("admin.away")
+        if self.away is None:
+            self.away = {key: {} if key in self.broken else held for key, held in self.held.items() if key[1] == "admin"}
+            self.held = {key: held for key, held in self.held.items() if key[1] != "admin"}
+            os.rename(here, away)
+        else:
+            self.held.update(self.away)
+            self.away = None
+            os.rename(away, here)
+
+    def restart(self):
+        """What a broken file held is forgotten then."""
+        self.random.choice((self.service.kill, self.service.stop))()
+        self.held.update({key: {} for key in self.broken if key in self.held})
+        self.start()
+
+    def call(self):
+        uri, value, priority = self.random.choice(self.uris), f"v{self.random.randrange(3)}", self.random.choice((4, 9))
+        if self.random.random() < 0.5:
+            check(self.client.ask("set", uri, value) == "1", "a set failed")
+            self.local[uri] = value
+        else:
+            is_free = not self.machine(uri)
+            with self.change():
+                if is_free:
+                    self.stored[uri] = value, priority
+                told = self.client.ask("policy.set", uri, value, priority)
+            check(told == "01"[is_free], f"a set of a policy that is {'free' if is_free else 'governed'} gave {told}")
+
+    def events(self):
+        """What was told up to now: up to a policy that is put last, and comes last by its name."""
+        self.fences += 1
+        self.put("vendor/zz.json", self.text({"zz.fence": (str(self.fences), 9)}))
+        told = []
+        while True:
+            _, _, body = self.ear.next()
+            uri, at = text_at(body, 0)
+            value, at = text_at(body, at)
+            strong = bool(struct.unpack_from("<I", body, at + -at % 4)[0])
+            if uri.lower() == "zz.fence" and value == str(self.fences):
+                return told
+            if uri.lower() not in ("zz.fence", "other"):
+                told.append((uri.lower(), value, strong))
+
+    def settle(self):
+        told = self.events()
+        check(told == self.expected, f"told was {told}, not {self.expected}, after {dict(self.done)}")
+        for uri in self.uris:
+            value = self.client.ask("policy.get", uri).split(" ")[-1].replace("null_value", "")
+            check(value == self.effective(uri)[0], f"{uri} is {value!r}, not {self.effective(uri)[0]!r}")
+        self.expected = []
+        return len(told)
+
+    def storm(self, seconds):
+        """Two policies of one file, swapped as fast as can be, are never from two versions of it."""
+        over = threading.Event()
+        versions = []
+
+        def swap():
+            while not over.is_set():
+                versions.append(str(len(versions)))
+                self.put("vendor/pair.json", self.text({uri: (versions[-1], 9) for uri in ("pair.a", "pair.b")}))
+
+        self.put("vendor/pair.json", self.text({uri: ("first", 9) for uri in ("pair.a", "pair.b")}))
+        self.events()
+        thread = threading.Thread(target=swap)
+        thread.start()
+        question = Marshal()
+        question.put("y", 2)
+        question.put("s", "pair.a")
+        question.put("s", "pair.b")
+        peer, looks, ends = Peer(self.world), 0, time.monotonic() + seconds
+        try:
+            while time.monotonic() < ends:
+                peer.send("DM_GET_POLICIES", "yss", bytes(question.bytes))
+                body = peer.next()[2]
+                pair, at = [], 1
+                for _ in range(2):
+                    _, at = text_at(body, at)
+                    value, at = text_at(body, at)
+                    pair, at, looks = [*pair, value], at + 1, looks + 1
+                check(pair[0] == pair[1] != "", f"one file's policies are {pair} at one time")
+                time.sleep(0.0005)  # so that the other thread comes to swap
+        finally:
+            over.set()
+            thread.join()
+            peer.close()
+        told = self.events()
+        for uri in ("pair.a", "pair.b"):
+            numbers = [int(value) for one, value, _ in told if one == uri]
+            check(numbers == sorted(set(numbers)) and numbers[-1:] == [len(versions) - 1],
+                  f"{uri} was told as {numbers[-9:]} of {len(versions)}")
+        os.unlink(self.world.path("vendor/pair.json"))
+        self.events()
+        return len(versions), looks
+
+
+def policies(run):
+    told = swaps = looks = 0
+    with World() as world:
+        machine = Machine(world, run)
+        machine.events()
+        for number in run.rounds(100, 5000):
+            machine.edit()
+            if run.random.random() < 0.5:
+                told += machine.settle()
+                machine.call()
+            if run.random.random() < 0.03:
+                told += machine.settle()
+                machine.restart()
+            told += machine.settle()
+        for _ in range(run.count(1, 30)):
+            swapped, looked = machine.storm(1)
+            swaps, looks = swaps + swapped, looks + looked
+        machine.service.check_alive()
+    check(told, "no change was told")
+    return (f"{number + 1} edits, {told} events, each as foretold; {swaps} swaps of a file beneath {looks} looks, none of "
+            "them half of it")
+
+
 SCENARIOS = (kill, backup, io, disk, damage, busy, hostile, user, silent, restarts, threads, secrets, ring, reseal,
-             slots)
+             slots, policies)
 
 
 def perform(scenario, arguments):
