@@ -66,6 +66,7 @@ bool FolderWatch::watch(const std::string& path, Watched what, std::map<int, Wat
 }
 
 bool FolderWatch::arm() {
+    mHasNews = false;
     if (!mNotify) return false;
     bool isSure = true;
     std::map<int, Watched> armed;
@@ -172,8 +173,13 @@ bool FolderWatch::dropOverdue() {
     return isAny;
 }
 
-bool FolderWatch::isUnfinished(const std::string& path) {
+bool FolderWatch::hasNews() {
     mHasNews |= takeEvents();
+    return mHasNews;
+}
+
+bool FolderWatch::isUnfinished(const std::string& path) {
+    (void)hasNews();
     const auto file = mUnfinished.find(path);
     return file != mUnfinished.end() && file->second > Clock::now();
 }

@@ -28,6 +28,9 @@ public:
 
     void wake() const;
 
+    // Whether something changed since arm(), so that what was read meanwhile may be of two times.
+    bool hasNews();
+
     // Whether somebody had begun to write the file when this is asked, and has not closed it in the second since. Asked
     // after the reading of it, it tells whether what was read may be half of it.
     bool isUnfinished(const std::string& path);

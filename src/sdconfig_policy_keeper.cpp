@@ -24,6 +24,7 @@ constexpr char kTag[] = "sdconfig";
 constexpr char kSource[] = "src/sdconfig_policy_keeper";
 
 constexpr milliseconds kNameLimit{2000};
+constexpr milliseconds kSteadyWait{40};  // for files of one time, in a stream of changes
 constexpr milliseconds kRescan{30'000};
 constexpr milliseconds kStepPause{3};  // others' turn, as long as a step takes
 constexpr milliseconds kRetry{1000};
@@ -59,8 +60,13 @@ PolicyKeeper::~PolicyKeeper() {
 }
 
 PolicyKeeper::Policies PolicyKeeper::read() {
-    mIsWatching = mWatch.arm();
-    Policies now = mFolders.read(mUsers, [this](const std::string& path) { return mWatch.isUnfinished(path); });
+    const auto limit = std::chrono::steady_clock::now() + kSteadyWait;
+    const auto isUnfinished = [this](const std::string& path) { return mWatch.isUnfinished(path); };
+    Policies now;
+    do {
+        mIsWatching = mWatch.arm();
+        now = mFolders.read(mUsers, isUnfinished);
+    } while (mWatch.hasNews() && std::chrono::steady_clock::now() < limit);
     tell(now->status(), mLast.get());
     return now;
 }

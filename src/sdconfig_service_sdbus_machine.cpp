@@ -18,15 +18,20 @@ namespace sd {
 
 namespace {
 
+constexpr char kTag[] = "sdconfig";
+constexpr char kSource[] = "src/sdconfig_service_sdbus";
+
 using Clock = std::chrono::steady_clock;
 using Progress = PolicyKeeper::Progress;
 
 // Of one step, so that other calls wait no longer than that.
 constexpr std::chrono::milliseconds kStep{3};
 
-// Of one answer.
+// Of one answer of a list; and of a question about some URIs, and its answer.
 constexpr std::size_t kListedMost = 1000;
 constexpr std::size_t kListedBytesMost = std::size_t{1} << 20;
+constexpr int kAskedMost = 1000;
+constexpr std::size_t kAnsweredBytesMost = std::size_t{64} << 20;
 
 std::string inFull(const std::string& folder) {
     std::string path = std::filesystem::absolute(folder).lexically_normal();
@@ -155,8 +160,18 @@ bool SDConfigInterface::governingPolicies(Call& call) {
     const auto& machine = SDConfigDmHelper::machinePolicies();
     std::vector<const MachinePolicies::Policy*> found;
     const int count = machine ? call.request->getInt32(0) : 0;
-    for (int i = 1; i <= count; ++i)
-        if (const auto* const policy = machine->find(call.request->getString(i))) found.push_back(policy);
+    std::size_t bytes = 0;
+    for (int i = 1; i <= std::min(count, kAskedMost) && bytes <= kAnsweredBytesMost; ++i) {
+        const auto* const policy = machine->find(call.request->getString(i));
+        if (!policy) continue;
+        found.push_back(policy);
+        bytes += bytesOf(*machine, *policy);
+    }
+    if (count > kAskedMost || bytes > kAnsweredBytesMost) {
+        // No answer, as to every question whose answer can't be sent.
+        LOG(7, AT "POLICIES_GOVERNING refused: its URIs are too many, or their policies too long together", DISPATCH);
+        return false;
+    }
     const auto reply = makeReply(call);
     reply->appendInt32(static_cast<int32_t>(found.size()));
     for (const auto* const policy : found) appendPolicy(*reply, *machine, *policy);
