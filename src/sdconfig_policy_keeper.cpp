@@ -24,7 +24,7 @@ constexpr char kTag[] = "sdconfig";
 constexpr char kSource[] = "src/sdconfig_policy_keeper";
 
 constexpr milliseconds kNameLimit{2000};
-constexpr milliseconds kSteadyWait{40};  // for files of one time, in a stream of changes
+constexpr milliseconds kSteadyWait{20};  // for files of one time, in a stream of changes
 constexpr milliseconds kRescan{30'000};
 constexpr milliseconds kStepPause{3};  // others' turn, as long as a step takes
 constexpr milliseconds kRetry{1000};
@@ -90,6 +90,7 @@ void PolicyKeeper::tell(const PolicyReadingStatus& now, const MachinePolicies* b
 }
 
 void PolicyKeeper::start(std::function<Progress()> haveTaken) {
+    if (mThread.joinable()) return;  // a host may start its service again
     mHaveTaken = std::move(haveTaken);
     try {
         mThread = startQuietThread("sdconfig.policy", [this] { run(); });
