@@ -5,9 +5,11 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <optional>
 #include <thread>
@@ -85,32 +87,53 @@ private:
     std::optional<Process> mProcess;
 };
 
-// sdconfig-seal as systemd starts it: a process for each connection. Its machine has a key of its own.
+// sdconfig-seal as systemd starts it: a process for each connection. Its machine has a key of its own, and a chip or
+// none.
 class Machine {
 public:
-    Machine(const std::string& folder, const std::string& sdconfigSeal, const std::vector<std::string>& options)
-        : mSocket(folder + "/seal"),
-          mProcess(Process::start(command(folder, sdconfigSeal, options), "Listening on ")) {}
+    Machine(const std::string& folder, const std::string& sdconfigSeal, const Chip* chip)
+        : mFolder(folder), mChip(chip), mProcess(Process::start(listening(sdconfigSeal), "Listening on ")) {}
 
-    const std::string& socket() const { return mSocket; }
+    std::string socket() const { return mFolder + "/seal"; }
+
+    // Past sdconfig-seal, for openAlone.
+    void sealAlone() const {
+        std::ofstream(mFolder + "/text") << storedValue();
+        runCreds({"encrypt", withKey(), "--name=bench", mFolder + "/text", mFolder + "/credential"});
+    }
+    // What systemd-creds takes by itself, in milliseconds.
+    double openAlone() const {
+        const auto start = Clock::now();
+        runCreds({"decrypt", "--name=bench", mFolder + "/credential", mFolder + "/opened"});
+        return millisecondsSince(start);
+    }
 
 private:
-    std::vector<std::string> command(const std::string& folder, const std::string& sdconfigSeal,
-                                     const std::vector<std::string>& options) const {
-        std::filesystem::create_directory(folder);
+    std::string withKey() const { return mChip ? "--with-key=host+tpm2" : "--with-key=host"; }
+    std::string secret() const { return "SYSTEMD_CREDENTIAL_SECRET=" + mFolder + "/secret"; }
+    std::vector<std::string> listening(const std::string& sdconfigSeal) const {
+        std::filesystem::create_directory(mFolder);
         std::vector<std::string> all{"systemd-socket-activate",
                                      "--accept",
                                      "--inetd",
-                                     "--listen=" + mSocket,
-                                     "--setenv=SYSTEMD_CREDENTIAL_SECRET=" + folder + "/secret",
-                                     "--setenv=RUNTIME_DIRECTORY=" + folder,
-                                     sdconfigSeal};
-        all.insert(all.end(), options.begin(), options.end());
+                                     "--listen=" + socket(),
+                                     "--setenv=" + secret(),
+                                     "--setenv=RUNTIME_DIRECTORY=" + mFolder,
+                                     sdconfigSeal,
+                                     withKey()};
+        if (mChip) all.push_back(mChip->option());
         return all;
     }
+    void runCreds(const std::vector<std::string>& arguments) const {
+        std::vector<std::string> all{"env", secret(), "SYSTEMD_LOG_LEVEL=err", "systemd-creds"};
+        if (mChip) all.push_back(mChip->option());
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        require(Process::start(all).wait() == 0, "systemd-creds");
+    }
 
-    const std::string mSocket;
-    Process mProcess;
+    const std::string mFolder;
+    const Chip* const mChip;
+    const Process mProcess;
 };
 
 // ---- A start ----
@@ -193,53 +216,76 @@ std::vector<Candidate> prepare(const Workplace& place, const std::string& sdconf
     std::vector<Candidate> all;
     all.push_back({"a plain key ring", place.path("plain")});
     all.push_back({"a slot of the machine's key", place.path("key")});
-    all[1].machine =
-        std::make_unique<Machine>(place.path("machine"), sdconfigSeal, std::vector<std::string>{"--with-key=host"});
+    all[1].machine = std::make_unique<Machine>(place.path("machine"), sdconfigSeal, nullptr);
     if (isInstalled("swtpm")) {
         all.push_back({"a slot of the machine's key and a TPM in software", place.path("tpm")});
         all[2].chip = std::make_unique<Chip>(place.path("chip"));
-        all[2].machine =
-            std::make_unique<Machine>(place.path("machine-tpm"), sdconfigSeal,
-                                      std::vector<std::string>{"--with-key=host+tpm2", all[2].chip->option()});
+        all[2].machine = std::make_unique<Machine>(place.path("machine-tpm"), sdconfigSeal, all[2].chip.get());
     }
     for (const Candidate& candidate : all) {
         makeData(candidate.dataFolder, sdconfigd, kStored);
         if (candidate.chip) candidate.chip->start();
-        if (candidate.machine) wrap(candidate);
+        if (candidate.machine) {
+            wrap(candidate);
+            candidate.machine->sealAlone();
+        }
         if (candidate.chip) candidate.chip->keepState();
         start(candidate, sdconfigd);  // what was filled in behind the service's back is looked through once
     }
     return all;
 }
 
-void reportAgainst(const std::string& until, const std::string& name, const std::string& plainName,
-                   const Samples& figures, const Samples& plain) {
-    report({"a start with " + name + ", until " + until, "with " + plainName, "ms"}, figures, plain);
-    Samples added;
-    for (std::size_t i = 0; i < figures.size(); ++i) added.push_back(figures[i] - plain[i]);
-    report({"what " + name + " adds until " + until, "wanted", "ms", Wanted::AtMost, 1}, added,
-           Samples(added.size(), 50));
+double openAlone(const Candidate& candidate) {
+    if (candidate.chip) candidate.chip->start();
+    const double time = candidate.machine->openAlone();
+    if (candidate.chip) candidate.chip->stop();
+    return time;
+}
+
+// Of one candidate, a sample a round.
+struct Figures {
+    Samples ready;
+    Samples firstValue;
+    Samples alone;  // systemd-creds
+};
+
+Samples combined(const Samples& left, const Samples& right, double (*combine)(double, double)) {
+    Samples all(left.size());
+    std::transform(left.begin(), left.end(), right.begin(), all.begin(), combine);
+    return all;
+}
+
+void reportAdded(const std::string& until, const Candidate& candidate, const Candidate& plain, const Samples& figures,
+                 const Samples& plainFigures) {
+    report({"a start with " + candidate.name + ", until " + until, "with " + plain.name, "ms"}, figures, plainFigures);
+    const auto less = [](double with, double without) { return with - without; };
+    report({"what " + candidate.name + " adds until " + until, "wanted", "ms", Wanted::AtMost, 1},
+           combined(figures, plainFigures, less), Samples(figures.size(), 50));
+}
+
+void reportAll(const Candidate& candidate, const Candidate& plain, const Figures& figures,
+               const Figures& plainFigures) {
+    const std::string firstValue = "the first secure value is read";
+    reportAdded("ready", candidate, plain, figures.ready, plainFigures.ready);
+    reportAdded(firstValue, candidate, plain, figures.firstValue, plainFigures.firstValue);
+    const auto sum = [](double start, double alone) { return start + alone; };
+    report({"a start with " + candidate.name + ", until " + firstValue,
+            "with " + plain.name + ", and systemd-creds by itself", "ms"},
+           figures.firstValue, combined(plainFigures.firstValue, figures.alone, sum));
 }
 
 void measure(const std::vector<Candidate>& candidates, const std::string& sdconfigd, const Extent& extent) {
-    const std::size_t count = candidates.size();
-    std::vector<Samples> ready(count);
-    std::vector<Samples> firstValue(count);
+    std::vector<Figures> all(candidates.size());
     const std::size_t rounds = static_cast<std::size_t>(extent.rounds()) * 3;
     for (std::size_t round = 0; round < rounds; ++round)
-        for (std::size_t turn = 0; turn < count; ++turn) {
-            const std::size_t at = (round + turn) % count;  // none always follows the same other
+        for (std::size_t turn = 0; turn < candidates.size(); ++turn) {
+            const std::size_t at = (round + turn) % candidates.size();  // none always follows the same other
             const Times times = start(candidates[at], sdconfigd);
-            ready[at].push_back(times.ready);
-            firstValue[at].push_back(times.firstValue);
+            all[at].ready.push_back(times.ready);
+            all[at].firstValue.push_back(times.firstValue);
+            if (candidates[at].machine) all[at].alone.push_back(openAlone(candidates[at]));
         }
-    for (std::size_t at = 1; at < count; ++at) {
-        const auto reportTimes = [&](const std::string& until, const std::vector<Samples>& times) {
-            reportAgainst(until, candidates[at].name, candidates[0].name, times[at], times[0]);
-        };
-        reportTimes("ready", ready);
-        reportTimes("the first secure value is read", firstValue);
-    }
+    for (std::size_t at = 1; at < candidates.size(); ++at) reportAll(candidates[at], candidates[0], all[at], all[0]);
 }
 
 bool canMeasure() {
