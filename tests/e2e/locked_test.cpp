@@ -86,6 +86,30 @@ TEST_F(LockedTest, IsServedWithoutItsKeysAndLeavesEveryRow) {
     EXPECT_THAT(service.err(), Not(HasSubstr("can't be opened")));
 }
 
+TEST_F(LockedTest, ARingThatWasHandedOverOpensByWhatIsTyped) {
+    const TempDir unit, other;
+    std::filesystem::rename(path("data/sdsecurity.keys"), unit / "sdsecurity.keys");
+    const auto startWith = [&](const TempDir& folder) {
+        const ScopedEnv credentials("CREDENTIALS_DIRECTORY", folder.path().c_str());
+        return startService();
+    };
+    {
+        const Process service = startWith(unit);
+        EXPECT_EQ(cli({"secure", "get", "a"}).out, "");
+        EXPECT_THAT(told({"key", "unlock"}, "other\n"), HasSubstr("that is not the passphrase"));
+        EXPECT_THAT(told({"key", "unlock"}, std::string(kWords) + "\n"), HasSubstr("the key ring is open"));
+        EXPECT_EQ(cli({"secure", "get", "a"}).out, "value\n");
+    }
+    std::filesystem::rename(unit / "sdsecurity.keys", path("data/sdsecurity.keys"));
+    const Process service = startService();
+    writeFile(other / "sdsecurity.keys", "another one");
+    const ScopedEnv credentials("CREDENTIALS_DIRECTORY", other.path().c_str());
+    for (const char* by : {"unlock", "recover"})
+        EXPECT_THAT(told({"key", by}, std::string(kWords) + "\n"),
+                    AllOf(HasSubstr("can't be read here: " + path("data/sdsecurity.keys")),
+                          HasSubstr("sdsecurity.passphrase in $CREDENTIALS_DIRECTORY")));
+}
+
 TEST_F(LockedTest, EachCommandSaysLockedAndNoneDamaged) {
     const std::string data = path("data"), file = path("backup"), copy = path("copy");
     const auto isLocked = AllOf(HasSubstr("can't be opened now"), HasSubstr("it is locked"), Not(HasSubstr("damaged")));

@@ -1,4 +1,8 @@
 // key unlock, key recover: a locked key ring is opened by what a person knows.
+#include <algorithm>
+#include <cstdlib>
+
+#include "apps/common/process.h"
 #include "apps/sdconfig/data_commands/data_commands.h"
 #include "apps/sdconfig/reading/data_access.h"
 #include "apps/sdconfig/service/service.h"
@@ -22,16 +26,38 @@ Outcome outcomeFor(const SlottedRing& ring, SlotKind kind) {
     return ring.has(kind) ? Outcome::Done : Outcome::NoSuchSlot;
 }
 
-// Looks whether there is such a slot, and names the folder to the security layer. Returns the exit code.
+// A ring that the system handed over to the service is read where the service reads it.
+void takeCredentialsOf(const Service& service) {
+    constexpr char kName[] = "CREDENTIALS_DIRECTORY";
+    if (const auto folder = apps::variableOf(service.processId(), kName)) ::setenv(kName, folder->c_str(), 1);
+}
+
+// Whether this process, which stretches what is typed, reads the slots that the service has.
+Problem problemOfReading(const SlottedRing& ring) {
+    const auto read = sd::SDSecurity::GetInstance()->KnownSlots();
+    const auto isSame = [](const auto& one, const auto& other) {
+        return one.kind == other.kind && one.made == other.made;
+    };
+    if (std::equal(read.begin(), read.end(), ring.slots.begin(), ring.slots.end(), isSame)) return {};
+    return {"the slots of the service's key ring can't be read here: " + ring.status.detail,
+            "where a ring was handed over to the service: hand over one that opens there, or its passphrase with it, "
+            "as sdsecurity.passphrase in $CREDENTIALS_DIRECTORY, and " +
+                howToRestart()};
+}
+
+// Looks whether there is such a slot, and has the security layer read the ring where it is. Returns the exit code.
 int prepare(const Request& request, Service& service, SlotKind kind, SlottedRing& ring) {
     if (const int code = service.require()) return code;
     SlottedRingAnswer answer = askForRing(service, Look::Known);
     if (!answer) return refused(request, answer);
     ring = std::move(answer.ring);
     if (const Problem problem = problemOf(outcomeFor(ring, kind), "")) return keyRefused(request, problem);
+    takeCredentialsOf(service);
     const DataAccess access = accessData(request, service);
-    if (access.exitCode || access.reader) return access.exitCode;
-    return dataUnreadable(request, problemOfData(access, kFolderUntold));
+    if (access.exitCode) return access.exitCode;
+    if (!access.reader) return dataUnreadable(request, problemOfData(access, kFolderUntold));
+    const Problem problem = problemOfReading(ring);
+    return problem ? keyRefused(request, problem) : kDone;
 }
 
 int tellOpen(const Request& request, const std::string& reason) {
