@@ -67,13 +67,34 @@ int typeKeys(const Request& request, const Service& service, const Needs& needs,
     return problem ? keyRefused(request, problem) : kDone;
 }
 
-int tellDone(const Request& request, const std::string& text, const std::string& code, const std::string& reason) {
-    Object object{{"slot", request.key}, {"recovery_code", nullptr}, {"done", true}};
+Object changeObject(const Request& request, const std::string& code) {
+    Object object{{"slot", request.key}, {"recovery_code", nullptr}};
     if (!code.empty()) object["recovery_code"] = code;
-    const int printed = print(request, text + (code.empty() ? "" : "recovery code: " + code + "\n"), object);
+    return object;
+}
+
+std::string codeText(const std::string& code) {
+    return code.empty() ? "" : "recovery code: " + code + "\n";
+}
+
+int tellDone(const Request& request, const std::string& text, const std::string& code, const std::string& reason) {
+    Object object = changeObject(request, code);
+    object["done"] = true;
+    const int printed = print(request, text + codeText(code), object);
     if (printed && !code.empty()) noteCodeNotPrinted();
     if (!reason.empty()) note(reason);
     return printed;
+}
+
+// A code that nobody has seen yet may be the only one that opens the ring, where the change may have been made.
+int tellUndone(const Request& request, const SlotAnswer& answer, const std::string& code) {
+    if (answer.mayBeDone && !code.empty()) {
+        Object object = changeObject(request, code);
+        object["done"] = nullptr;
+        print(request, codeText(code), object);
+        noteCodeInDoubt();
+    }
+    return refused(request, answer);
 }
 
 // Asks the service for its ring, and for what goes along. Returns the exit code.
@@ -104,7 +125,7 @@ int protectRing(const Request& request, Service& service) {
     TypedKeys keys;
     if (const int code = prepare(request, service, false, ring, keys)) return code;
     const SlotAnswer answer = protect(service, *slotKindOf(request.key), keys.slotKeys());
-    if (!answer) return refused(request, answer);
+    if (!answer) return tellUndone(request, answer, keys.code());
     const int printed =
         tellDone(request, "the key ring has a new slot " + request.key + "\n", keys.code(), answer.reason);
     if (!ring.isWrapped()) noteEarlierCopies();
@@ -117,7 +138,7 @@ int unprotectRing(const Request& request, Service& service) {
     TypedKeys keys;
     if (const int code = prepare(request, service, true, ring, keys)) return code;
     const SlotAnswer answer = unprotect(service, *slotKindOf(request.key), keys.slotKeys());
-    if (!answer) return refused(request, answer);
+    if (!answer) return tellUndone(request, answer, keys.code());
     return tellDone(request, "the key ring has no slot " + request.key + " any more\n", keys.code(), answer.reason);
 }
 

@@ -78,9 +78,13 @@ std::optional<SlottedRing> readRing(SDBusMessage& answer) {
 SlotAnswer change(const Service& service, const char* method, const std::function<void(SDBusMessage&)>& arguments) {
     SlotAnswer result;
     const auto answer = service.ask(method, arguments, "ys", result.exitCode, sd::protocol::kSlotsTimeoutMs);
+    result.mayBeDone = !answer;
     if (!answer) return result;
+    const int outcome = answer->getInt(0);
     result.reason = answer->getString(1);
-    result.problem = problemOfCode(answer->getInt(0), result.reason);
+    result.problem = problemOfCode(outcome, result.reason);
+    // The new file stands, but may be gone after a power cut, where its folder could not be synced.
+    result.mayBeDone = outcome == static_cast<int>(Outcome::NotStored);
     return result;
 }
 
@@ -139,8 +143,9 @@ Problem problemOf(Outcome outcome, const std::string& reason) {
             return {"the key ring was handed over to the service, which can't write it",
                     "change it where it comes from"};
         case Outcome::NotStored:
-            return {withReason("the key ring could not be stored", reason),
-                    "nothing was changed; see what is wrong with: " + typed("doctor")};
+            return {
+                withReason("the key ring could not be stored", reason),
+                "see which slots it has with: " + typed("key slots") + ", and what is wrong with: " + typed("doctor")};
         case Outcome::Failed:
             return {withReason("memory or the cipher failed", reason), "repeat it"};
     }

@@ -46,7 +46,8 @@ std::optional<SlottedRing> knownRing(const Service& service);
 struct SlotAnswer {
     int exitCode = kDone;
     Problem problem;
-    std::string reason;  // where it was done, what else is to be known, or ""
+    std::string reason;      // where it was done, what else is to be known, or ""
+    bool mayBeDone = false;  // of one that was not: it can't be told
 
     explicit operator bool() const { return exitCode == kDone && !problem; }
 };

@@ -395,6 +395,11 @@ void noteCodeNotPrinted() {
          typed("key protect recovery"));
 }
 
+void noteCodeInDoubt() {
+    note("the recovery code is in force if the change was made all the same; keep it until it is known: " +
+         typed("key slots"));
+}
+
 int notRegistered(const Request& request) {
     return fail(kRefused, attempt(request), "the service did not take the registration", seeItsLog());
 }

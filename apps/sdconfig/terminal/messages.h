@@ -128,6 +128,7 @@ int notTypable(const Request& request);  // a recovery code, again
 void noteStretching();                   // at a terminal
 void noteEarlierCopies();
 void noteCodeNotPrinted();
+void noteCodeInDoubt();
 
 // Watching.
 int notRegistered(const Request& request);
