@@ -53,6 +53,8 @@ protected:
             SDSecurity::GetInstance()->SetKeyRingFolder(data.path());
             SDConfigDmHelper::SetMachinePolicyFolders({data / "low/", data / "high"});
             SDConfigService::GetInstance()->Start();
+            SDBusSerivceManager::initSync(-1)->unregisterServiceInterface("sdconfig");
+            SDConfigService::GetInstance()->Start();  // again, as a host may
             proxy = SDBusSerivceManager::initSync(-1)->getServiceProxyInterface("sdconfig", SDBusSameUser, 1);
             for (const char* name : {protocol::kSdconfigChanged, protocol::kPolicyChanged, protocol::kDmChanged})
                 EXPECT_TRUE(proxy->addEventListener(
