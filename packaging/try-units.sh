@@ -12,8 +12,8 @@ cp "$@" "$packaging"/{units-test,expect}.sh "$work/try/"
 # Runs the test as the last thing of the start, and ends the container.
 cat >"$work/try.service" <<'END'
 [Unit]
-After=multi-user.target user@1000.service
-Wants=user@1000.service
+After=multi-user.target user@1000.service user@1001.service user@1002.service
+Wants=user@1000.service user@1001.service user@1002.service
 [Service]
 Type=oneshot
 ExecStart=/root/try/units-test.sh
@@ -26,7 +26,10 @@ END
 mmdebstrap --quiet --variant=minbase --include=systemd-sysv,dbus,dbus-user-session,libpam-systemd \
     --customize-hook="copy-in $work/try /root" \
     --customize-hook="copy-in $work/try.service /etc/systemd/system" \
+    --customize-hook="$(in_root groupadd pilot)" \
     --customize-hook="$(in_root useradd --create-home --uid 1000 tester)" \
+    --customize-hook="$(in_root useradd --create-home --uid 1001 --groups pilot alice)" \
+    --customize-hook="$(in_root useradd --create-home --uid 1002 bob)" \
     --customize-hook="$(install '/root/try/libsdconfig1_*.deb' '/root/try/sdconfig_*.deb')" \
     --customize-hook="$(in_root systemctl enable try.service)" \
     bookworm "$work/root" "${sources[@]}"

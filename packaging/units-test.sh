@@ -1,12 +1,17 @@
 #!/usr/bin/env bash
 # Uses the units under the managers of a system that is booted, as root: packaging/units-test.sh
-# The user "tester" has a manager of its own.
+# The users "tester", "alice" and "bob" have managers of their own; alice is in the group "pilot".
 set -Eeuo pipefail
 trap 'echo "packaging/units-test.sh: line $LINENO failed" >&2' ERR
 . "$(dirname "$0")/expect.sh"
 
 runtime=/run/user/$(id -u tester)
-as_tester() { runuser -u tester -- env XDG_RUNTIME_DIR="$runtime" HOME=/home/tester "$@"; }
+as() { # USER COMMAND...
+    local who=$1
+    shift
+    runuser -u "$who" -- env XDG_RUNTIME_DIR="/run/user/$(id -u "$who")" HOME="/home/$who" "$@"
+}
+as_tester() { as tester "$@"; }
 as_root() { env XDG_RUNTIME_DIR=/run HOME=/root "$@"; }
 
 systemctl_of() { # tester|root ARGUMENT...
@@ -95,9 +100,56 @@ try_seal() {
     ! journalctl -q -t sdconfig-seal | grep -F "$key" || return 1
 }
 
+channel_is() { [ "$(as "$1" sdconfig secure get velmar.channel)" = "$2" ]; } # USER VALUE
+
+# What the guide for administrators shows, with three users: policies hold whatever each of them tries.
+try_policies() {
+    local user
+    echo '{"velmar.channel": {"value": "stable", "priority": 10}}' >/root/50-fleet.json
+    echo '{"velmar.channel": {"value": "beta", "priority": 10, "users": ["@pilot"]}}' >/root/60-pilot.json
+    expect "files 2, policies 2, faults 0" sdconfig policy lint /root/50-fleet.json /root/60-pilot.json
+    for user in tester alice bob; do
+        wait_for test -S "/run/user/$(id -u "$user")/bus"
+        as "$user" systemctl --user start sdconfigd.socket
+        as "$user" sdconfig secure set velmar.channel "of $user"
+    done
+    as bob sdconfig policy install /root/50-fleet.json 2>/dev/null && return 1
+    sdconfig policy install /root/50-fleet.json >/tmp/told
+    for user in tester alice bob; do
+        grep "^$user: ~ velmar.channel: (a value that is not shown) -> \"stable\"" /tmp/told
+        wait_for channel_is "$user" stable
+        as "$user" sdconfig policy set velmar.channel mine 127 2>/tmp/told.err && return 1
+        grep 'stands in /etc/sdconfig/policies.d/50-fleet.json, line 1' /tmp/told.err
+        as "$user" sdconfig policy delete velmar.channel 2>/dev/null && return 1
+        as "$user" sdconfig policy clear --yes
+        as "$user" sdconfig secure delete velmar.channel
+        as "$user" sdconfig secure set velmar.channel "of $user"
+        echo '{"velmar.channel": {"value": "mine", "priority": 127}}' | as "$user" sdconfig policy apply - >/dev/null &&
+            return 1
+        as "$user" sh -c 'rm -f /etc/sdconfig/policies.d/50-fleet.json 2>/dev/null' && return 1
+        channel_is "$user" stable
+    done
+    sdconfig policy install /root/60-pilot.json | grep '^alice: ~'
+    wait_for channel_is alice beta
+    channel_is tester stable
+    channel_is bob stable
+
+    chmod 666 /etc/sdconfig/policies.d/60-pilot.json
+    wait_for channel_is alice stable
+    sdconfig --user alice policy status --json >/tmp/told && return 1
+    grep '"ok":false.*60-pilot.json.*left_out' /tmp/told
+    as alice sdconfig doctor >/tmp/told && return 1
+    grep 'problem: machine policies: /etc/sdconfig/policies.d/60-pilot.json' /tmp/told
+    sdconfig policy remove 60-pilot
+    sdconfig policy remove 50-fleet
+    for user in tester alice bob; do wait_for channel_is "$user" "of $user"; done
+    expect '"ok":true' sh -c 'sdconfig --user bob policy status --json | grep -o "\"ok\":true"'
+}
+
 wait_for test -S "$runtime/bus"
 try tester /home/tester/.local/share/sdconfig /home/tester/.config/systemd/user
 systemctl enable -q sdconfigd.socket  # off until it is wanted
 try root /var/lib/sdconfig /run/systemd/system
 try_seal
+try_policies
 echo "packaging/units-test.sh: the units work"

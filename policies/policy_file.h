@@ -25,7 +25,26 @@ struct PolicyFile {
     std::string problem;               // what is wrong: line, URI and field, never a value; "" for a sound file
 };
 
-// Checks the whole text: any bytes are safe.
+// What is wrong at a place of a text; never with a value in it.
+struct PolicyFault {
+    int line = 0;
+    std::string uri;     // "": of no policy
+    std::string field;   // "": of no field
+    std::string what;    // behind the place: "is a text; it has to be ..."
+    std::string remedy;  // what to do about it
+
+    std::string place() const;  // "line 3, "uri", "priority""
+};
+
+struct LintedPolicies {
+    std::vector<PolicyEntry> entries;  // those that are as they have to be, in the order of the file
+    std::vector<PolicyFault> faults;
+};
+
+// Checks the whole text, and goes on behind each fault for as long as the text is JSON. Any bytes are safe.
+LintedPolicies lintPolicyFile(const std::string& text, PolicyForm form);
+
+// Checks the whole text up to its first fault: any bytes are safe.
 PolicyFile parsePolicyFile(const std::string& text, PolicyForm form = PolicyForm::Stored);
 
 // Why the entry can't stand in a file; "" where it can.

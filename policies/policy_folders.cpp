@@ -23,11 +23,6 @@ constexpr std::string_view kSuffix = ".json";
 constexpr int kTries = 3;  // of a file that changes while it is read
 constexpr char kBeingWritten[] = "is being written";
 
-bool isPolicyFile(const std::string& name) {
-    return name.size() > kSuffix.size() && name.front() != '.' &&
-           name.compare(name.size() - kSuffix.size(), kSuffix.size(), kSuffix) == 0;
-}
-
 std::string reasonOf(int failure) {
     return std::string("can't be read: ") + std::strerror(failure);
 }
@@ -104,7 +99,12 @@ struct PolicyFolders::Reading {
 };
 
 std::vector<std::string> standardPolicyFolders() {
-    return {"/usr/lib/sdconfig/policies.d", "/etc/sdconfig/policies.d", "/run/sdconfig/policies.d"};
+    return {"/usr/lib/sdconfig/policies.d", kAdministratorPolicies, "/run/sdconfig/policies.d"};
+}
+
+bool isPolicyFileName(const std::string& name) {
+    return name.size() > kSuffix.size() && name.front() != '.' &&
+           name.compare(name.size() - kSuffix.size(), kSuffix.size(), kSuffix) == 0;
 }
 
 PolicyFolders::PolicyFolders(std::vector<std::string> folders, uid_t owner)
@@ -147,7 +147,7 @@ void PolicyFolders::listFolder(const std::string& path, Reading& reading) const 
         if (!listing) opening.failure = errno;
     }
     while (const dirent* const entry = listing ? nextEntry(listing.get()) : nullptr) {
-        if (!isPolicyFile(entry->d_name)) continue;
+        if (!isPolicyFileName(entry->d_name)) continue;
         reading.names.insert(entry->d_name);
         if (reading.names.size() <= kPolicyFilesMax) continue;
         reading.names.erase(std::prev(reading.names.end()));

@@ -18,10 +18,14 @@ namespace sd {
 
 // Where the vendor's policies lie, the administrator's, and those until the next boot.
 std::vector<std::string> standardPolicyFolders();
+inline constexpr char kAdministratorPolicies[] = "/etc/sdconfig/policies.d";
 
 inline constexpr std::size_t kPolicyFileBytesMax = std::size_t{4} << 20;
 inline constexpr std::size_t kPolicyFilesMax = 10'000;
 inline constexpr std::size_t kPolicyBytesMax = std::size_t{32} << 20;  // of all files together
+
+// Whether a file of that name in a folder is one of policies: *.json, and not hidden.
+bool isPolicyFileName(const std::string& name);
 
 // The rules of drop-in files: all that are named *.json are taken in the order of their names over all folders. A file
 // takes the place of those of its name in earlier folders; an empty one, or a link to /dev/null, leaves the place

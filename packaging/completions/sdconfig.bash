@@ -7,7 +7,10 @@ _sdconfig_options() { # COMMAND: those of its own
         "policy list" | "policy export" | "key list" | "key slots") echo --data-dir ;;
         "policy clear" | "key prune" | "key protect" | "key unprotect") echo --yes ;;
         "key rotate") echo --reseal ;;
-        "policy apply") echo --dry-run --show --prune --yes --data-dir ;;
+        "policy apply") echo --dry-run --show --prune --yes --data-dir --policy-dir --backup ;;
+        "policy lint") echo --strict ;;
+        "policy install") echo --dry-run --name --policy-dir ;;
+        "policy remove") echo --dry-run --policy-dir ;;
         explain) echo --show --data-dir --product-dir ;;
         watch) echo --exec ;;
         list) echo --show --data-dir ;;
@@ -24,6 +27,10 @@ _sdconfig_keys() { # KIND: of the lines of "sdconfig list" that match it
     sdconfig list 2>/dev/null | sed -nE "s/^($1)\t//p" | sort -u
 }
 
+_sdconfig_policy_files() { # those of the administrator, without what all end with
+    find /etc/sdconfig/policies.d -name '[!.]*.json' -printf '%f\n' 2>/dev/null | sed 's/\.json$//'
+}
+
 _sdconfig_arguments() { # COMMAND NUMBER: what its NUMBERth argument may be, from 0 on, a line each
     case $1:$2 in
         :0)
@@ -32,20 +39,21 @@ _sdconfig_arguments() { # COMMAND NUMBER: what its NUMBERth argument may be, fro
             ;;
         secure:0) printf '%s\n' get set delete exec ;;
         key:0) printf '%s\n' list rotate disable enable prune slots protect unprotect unlock recover ;;
-        policy:0) printf '%s\n' set get delete list strong clear export apply ;;
+        policy:0) printf '%s\n' set get delete list strong clear export apply status lint install remove ;;
         "secure get:"* | "secure set:0" | "secure delete:0") _sdconfig_keys secure ;;
         "secure exec:"*) _sdconfig_keys secure | sed "s/\$/=/" ;;
         "policy set:0" | "policy get:0" | "policy delete:0" | "policy strong:0") _sdconfig_keys policy ;;
         "key protect:0") printf '%s\n' host keyring passphrase recovery ;;
         "key unprotect:0") printf '%s\n' host keyring passphrase all ;;
         "key disable:0" | "key enable:0") sdconfig key list 2>/dev/null | cut -f 1 ;;
+        "policy remove:0") _sdconfig_policy_files ;;
         explain:0 | watch:* | list:*) _sdconfig_keys "secure|policy" ;;
     esac
 }
 
 _sdconfig_paths() { # COMMAND NUMBER: whether its NUMBERth argument is a "file" or a "directory"
     case $1:$2 in
-        "policy export:0" | "policy apply:0" | backup:0 | restore:0) echo file ;;
+        "policy export:0" | "policy apply:0" | "policy lint:"* | "policy install:0" | backup:0 | restore:0) echo file ;;
         upgrade:0 | check:0 | backup:1 | restore:1) echo directory ;;
     esac
 }
@@ -54,13 +62,14 @@ _sdconfig() {
     local word=${COMP_WORDS[COMP_CWORD]} command="" number=0 help="" i
     COMPREPLY=()
     case ${COMP_WORDS[COMP_CWORD - 1]} in
-        --data-dir | --product-dir) compopt -o filenames; mapfile -t COMPREPLY < <(compgen -d -- "$word"); return ;;
+        --data-dir | --product-dir | --policy-dir) compopt -o filenames; mapfile -t COMPREPLY < <(compgen -d -- "$word"); return ;;
         --user) mapfile -t COMPREPLY < <(compgen -u -- "$word"); return ;;
+        --backup) compopt -o filenames; mapfile -t COMPREPLY < <(compgen -f -- "$word"); return ;;
         --exec) mapfile -t COMPREPLY < <(compgen -c -- "$word"); return ;;
     esac
     for ((i = 1; i < COMP_CWORD; i++)); do
         case ${COMP_WORDS[i]} in
-            --data-dir | --product-dir | --exec | --default | --user | --against) ((++i)) ;;
+            --data-dir | --product-dir | --policy-dir | --backup | --name | --exec | --default | --user | --against) ((++i)) ;;
             --)
                 if [[ $command == "secure exec" ]]; then
                     mapfile -t COMPREPLY < <(compgen -c -- "$word")

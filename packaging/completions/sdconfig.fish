@@ -11,7 +11,7 @@ function __sdconfig_place
             continue
         end
         switch $word
-            case --data-dir --product-dir --exec --default --user
+            case --data-dir --product-dir --policy-dir --backup --name --exec --default --user
                 set skip yes
             case '-*'
             case '*'
@@ -91,6 +91,10 @@ complete -c sdconfig -n '__sdconfig_at policy:0' -a strong -d 'Tell whether a po
 complete -c sdconfig -n '__sdconfig_at policy:0' -a clear -d 'Delete all policies'
 complete -c sdconfig -n '__sdconfig_at policy:0' -a export -d 'Write the stored policies to a file'
 complete -c sdconfig -n '__sdconfig_at policy:0' -a apply -d 'Set the policies of a file'
+complete -c sdconfig -n '__sdconfig_at policy:0' -a status -d 'Tell which files of policies of the machine were read'
+complete -c sdconfig -n '__sdconfig_at policy:0' -a lint -d 'Find all that is wrong with files of policies'
+complete -c sdconfig -n '__sdconfig_at policy:0' -a install -d 'Make the policies of a file those of the machine'
+complete -c sdconfig -n '__sdconfig_at policy:0' -a remove -d 'Remove a file of policies of the machine'
 
 complete -c sdconfig -n '__sdconfig_at "secure set:0" "secure delete:0"; or __sdconfig_in "secure get"' \
     -a '(__sdconfig_keys secure)'
@@ -102,7 +106,7 @@ complete -c sdconfig -n '__sdconfig_at "key unprotect:0"' -a all
 complete -c sdconfig -n '__sdconfig_at "key disable:0" "key enable:0"' -a '(sdconfig key list 2>/dev/null | cut -f 1)'
 complete -c sdconfig -n '__sdconfig_in "secure exec"' -a '(__sdconfig_keys secure | string replace -r \'$\' =)'
 complete -c sdconfig -n '__sdconfig_at explain:0; or __sdconfig_in watch list' -a '(__sdconfig_keys "secure|policy")'
-complete -c sdconfig -n '__sdconfig_at "policy export:0" "policy apply:0" backup:0 restore:0' -F
+complete -c sdconfig -n '__sdconfig_at "policy export:0" "policy apply:0" "policy install:0" backup:0 restore:0' -F
 complete -c sdconfig -n '__sdconfig_at upgrade:0 check:0 backup:1 restore:1' -a '(__fish_complete_directories)'
 
 complete -c sdconfig -n '__sdconfig_in check' -l digest -d 'Print a digest of all that the folder holds'
@@ -118,7 +122,15 @@ complete -c sdconfig -n '__sdconfig_in explain list "policy apply"' -l show -d '
 complete -c sdconfig -n '__sdconfig_in "key prune" "key protect" "key unprotect" "policy clear" "policy apply"' -l yes -d 'Do not ask'
 complete -c sdconfig -n '__sdconfig_in "key rotate"' -l reseal -d 'Seal everything anew'
 complete -c sdconfig -n '__sdconfig_in "policy apply"' -l prune -d 'Delete the policies that the file does not name'
-complete -c sdconfig -n '__sdconfig_in "policy apply" upgrade' -l dry-run -d 'Change nothing; print what would change'
+complete -c sdconfig -n '__sdconfig_in "policy apply" "policy install" "policy remove"' -l policy-dir \
+    -xa '(__fish_complete_directories)' -d 'A folder of policies'
+complete -c sdconfig -n '__sdconfig_in "policy apply"' -l backup -rF -d 'Try them on the data of this backup'
+complete -c sdconfig -n '__sdconfig_in "policy lint"' -F
+complete -c sdconfig -n '__sdconfig_in "policy lint"' -l strict -d 'Take warnings for faults'
+complete -c sdconfig -n '__sdconfig_in "policy install"' -l name -x -d 'Its name there'
+complete -c sdconfig -n '__sdconfig_at "policy remove:0"' \
+    -a '(for file in /etc/sdconfig/policies.d/*.json; basename $file .json; end)'
+complete -c sdconfig -n '__sdconfig_in "policy apply" "policy install" "policy remove" upgrade' -l dry-run -d 'Change nothing; print what would change'
 complete -c sdconfig -n '__sdconfig_in upgrade' -l force -d 'Copy, whatever the version'
 complete -c sdconfig -n '__sdconfig_in backup restore' -l force -d 'Replace what is there'
 complete -c sdconfig -n '__sdconfig_in backup restore' -l without-keys -d 'Leave the key ring out'

@@ -171,8 +171,10 @@ void CommandLine::add(const Command& command) {
         if (flag.needs[0]) option->needs(app->get_option(flag.needs));
     }
     for (const ValueOption& value : command.options) {
-        CLI::Option* option = app->add_option(value.name, mRequest.*value.into, value.help)->type_name(value.type);
-        option->transform(unprotected);
+        CLI::Option* option = value.intoAll ? app->add_option(value.name, mRequest.*value.intoAll, value.help)
+                                            : app->add_option(value.name, mRequest.*value.into, value.help);
+        if (value.intoAll) option->expected(1)->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+        option->type_name(value.type)->transform(unprotected);
         if (value.fault) option->check(value.fault);
         if (value.needs[0]) option->needs(app->get_option(value.needs));
     }

@@ -34,6 +34,12 @@ std::string notAFile(const std::string& path) {
     return notOfType(FileType::regular, path);
 }
 
+std::string notThere(const std::string& path) {
+    std::error_code failure;
+    if (path.empty()) return apps::notEmpty(path);
+    return std::filesystem::exists(path, failure) ? "" : "there is no file " + quoted(path);
+}
+
 std::string tooLong(const std::string& key) {
     return key.size() > sd::kKeyBytesMax ? "it is longer than 64 KiB, and nothing of such a name is kept" : "";
 }
@@ -127,7 +133,35 @@ constexpr Argument kUri =
 constexpr Argument kPriority{"PRIORITY", "0 to 127; above 5 it overrides the local secure value", &Request::priority};
 constexpr Argument kWrittenFile{"FILE", "Takes the policies in the place of what it held; - is standard output",
                                 &Request::file};
-constexpr Argument kReadFile{"FILE", "A file of policies; - is standard input", &Request::file};
+constexpr Argument kReadFile{"FILE", "A file of policies; - is standard input", &Request::file, &Request::fileGiven};
+constexpr Argument kInstalledFile = checked({"FILE", "A file of policies", &Request::file}, notAFile);
+constexpr Argument kInstalledName{"NAME", "The file's name, as in 50-fleet", &Request::key};
+constexpr Argument kLinted = checked(
+    {"FILE", "Files of policies, and folders of such files", nullptr, nullptr, false, &Request::keys}, notThere);
+constexpr Flag kStrict{"--strict", "Take warnings for faults", &Request::strict};
+constexpr Flag kRehearse{"--dry-run", "Change nothing; print what would change for whom", &Request::dryRun};
+constexpr ValueOption kFileName{"--name", "NAME",         "Its name there; left out, it is FILE's",
+                                "",       &Request::name, apps::notEmpty};
+constexpr ValueOption kTriedFolders{"--policy-dir",
+                                    "DIR",
+                                    "With --dry-run, and without FILE: folders of policies, as if they were the "
+                                    "machine's; the files of a later one count before those of an earlier one",
+                                    "--dry-run",
+                                    nullptr,
+                                    notAFolder,
+                                    nullptr,
+                                    &Request::policyDirs};
+constexpr ValueOption kChangedFolder{"--policy-dir",
+                                     "DIR",
+                                     "A folder that services were told of, in the place of /etc/sdconfig/policies.d",
+                                     "",
+                                     nullptr,
+                                     apps::notEmpty,
+                                     nullptr,
+                                     &Request::policyDirs};
+constexpr ValueOption kTriedBackup{
+    "--backup",     "FILE",           "With --policy-dir: try them on this backup's data",
+    "--policy-dir", &Request::backup, notAFile};
 constexpr Argument kKeys = checked({"KEY", "The keys, 122 at most; \"a.b.*\" is all that begin with \"a.b.\"", nullptr,
                                     nullptr, false, &Request::keys},
                                    tooLong);
@@ -196,7 +230,20 @@ constexpr char kSetPolicyNotes[] =
 
 constexpr char kApplyNotes[] =
     "FILE holds {\"URI\": {\"value\": \"text\", \"priority\": 7}, ...}. It is checked whole before anything is sent.\n"
-    "With --prune it is the whole truth: once all of it is stored, policies that it doesn't name are deleted.\n";
+    "With --prune it is the whole truth: once all of it is stored, policies that it doesn't name are deleted.\n"
+    "--policy-dir tries folders of the machine's policies, also on a copied data folder or a backup.\n";
+
+constexpr char kPolicyStatusNotes[] =
+    "Files in /usr/lib/sdconfig/policies.d, /etc/sdconfig/policies.d and /run/sdconfig/policies.d govern every user.\n"
+    "Exit code 1 where a file or a folder is left out, or not as it was last written. Without a service the files are\n"
+    "read here.\n";
+
+constexpr char kLintNotes[] =
+    "A line a finding: a fault, for which a service would leave the file out, or a warning, as where two files\n"
+    "disagree. Exit code 1 where there are faults. Needs no service, and no rights.\n";
+
+constexpr char kInstallNotes[] =
+    "For root. Each user whose service runs is told of, with what changes there; a service takes it up at once.\n";
 
 constexpr char kWatchNotes[] =
     "A line a change, KEY and value, until it is interrupted. It goes on through restarts of the service. Values are\n"
@@ -284,7 +331,8 @@ const std::vector<Group>& groups() {
          "The keys that values and policies are sealed with, and what opens their ring: list, rotate, disable, enable, "
          "prune, slots, protect, unprotect, unlock, recover",
          "sdconfig key list"},
-        {"policy", "Policies: set, get, delete, list, strong, clear, export, apply", "sdconfig policy list"},
+        {"policy", "Policies: set, get, delete, list, strong, clear, export, apply, status, lint, install, remove",
+         "sdconfig policy list"},
     };
     return all;
 }
@@ -388,8 +436,40 @@ const std::vector<Command>& commands() {
          "sdconfig policy apply fleet.json --dry-run",
          {kReadFile},
          {kDryRun, kShowChanges, kPrune, kYesPrune},
-         {kDataDir},
+         {kDataDir, kTriedFolders, kTriedBackup},
          kApplyNotes},
+        {"policy",
+         "status",
+         "Tells which files of the machine's policies were read, and what of them is left out",
+         "sdconfig policy status --json",
+         {},
+         {},
+         {},
+         kPolicyStatusNotes},
+        {"policy",
+         "lint",
+         "Finds all that is wrong with files of the machine's policies",
+         "sdconfig policy lint 50-fleet.json",
+         {kLinted},
+         {kStrict},
+         {},
+         kLintNotes},
+        {"policy",
+         "install",
+         "Makes a file's policies those of the machine, for every user",
+         "sudo sdconfig policy install fleet.json --name 50-fleet",
+         {kInstalledFile},
+         {kRehearse},
+         {kFileName, kChangedFolder},
+         kInstallNotes},
+        {"policy",
+         "remove",
+         "Removes a file of the machine's policies",
+         "sudo sdconfig policy remove 50-fleet",
+         {kInstalledName},
+         {kRehearse},
+         {kChangedFolder},
+         kInstallNotes},
         {"key",
          "list",
          "Prints the keys: id, state, when and by what they were made, what they hold",

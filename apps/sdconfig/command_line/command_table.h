@@ -36,8 +36,9 @@ struct ValueOption {
     const char* help;
     const char* needs;  // the flag without which it makes no sense; "": none
     std::string Request::*into;
-    std::string (*fault)(const std::string&) = nullptr;  // what is wrong with it, or ""
-    bool Request::*given = nullptr;                      // where it may be left out: whether it was there
+    std::string (*fault)(const std::string&) = nullptr;    // what is wrong with it, or ""
+    bool Request::*given = nullptr;                        // where it may be left out: whether it was there
+    std::vector<std::string> Request::*intoAll = nullptr;  // where it may be given several times
 };
 
 // Commands with a first word in common.

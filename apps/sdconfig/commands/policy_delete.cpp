@@ -1,6 +1,7 @@
 // policy delete: a policy of a key.
 #include "apps/sdconfig/commands/commands.h"
 #include "apps/sdconfig/policy/change_output.h"
+#include "apps/sdconfig/service/policy_calls.h"
 #include "apps/sdconfig/service/service.h"
 #include "apps/sdconfig/terminal/messages.h"
 #include "apps/sdconfig/terminal/output.h"
@@ -13,7 +14,8 @@ int deletePolicy(const Request& request, Service& service) {
     const auto [done, code] = service.call("DeletePolicyWithUri key", request.key, [&] {
         return sd::DMConfig::GetInstance()->DeletePolicyWithUri(request.key);
     });
-    return code ? code : printPolicyChange(request, uriObject(request), done);
+    if (code) return code;
+    return printPolicyChange(request, uriObject(request), done, done ? std::nullopt : governing(service, request.key));
 }
 
 }  // namespace cli

@@ -3,6 +3,7 @@
 #include "apps/sdconfig/policy/change_output.h"
 #include "apps/sdconfig/policy/effective.h"
 #include "apps/sdconfig/policy/property_clash.h"
+#include "apps/sdconfig/service/policy_calls.h"
 #include "apps/sdconfig/service/service.h"
 #include "apps/sdconfig/terminal/messages.h"
 #include "apps/sdconfig/terminal/output.h"
@@ -40,7 +41,7 @@ int setPolicy(const Request& request, Service& service) {
     if (code) return code;
     if (done && onlyProperty) noteProperty(request.key);
     if (done) noteWhereHidden(request, *priority);
-    return printPolicyChange(request, uriObject(request), done);
+    return printPolicyChange(request, uriObject(request), done, done ? std::nullopt : governing(service, request.key));
 }
 
 }  // namespace cli

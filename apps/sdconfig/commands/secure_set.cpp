@@ -3,6 +3,7 @@
 
 #include "apps/sdconfig/commands/commands.h"
 #include "apps/sdconfig/request/letter_case.h"
+#include "apps/sdconfig/service/policy_calls.h"
 #include "apps/sdconfig/service/secure_values.h"
 #include "apps/sdconfig/service/service.h"
 #include "apps/sdconfig/terminal/messages.h"
@@ -41,7 +42,10 @@ int setSecure(const Request& request, Service& service) {
     if (!secret.problem.empty()) return unfitSecret(request, {secret.problem, secret.next});
     const auto [done, code] = storeSecure(request.key, secret.value, service);
     if (code) return code;
-    if (done && sd::DMConfig::GetInstance()->isStrongControl(request.key)) noteOutweighed(request.key);
+    if (done && sd::DMConfig::GetInstance()->isStrongControl(request.key)) {
+        const auto machine = governing(service, request.key);
+        machine ? noteGoverned(machine->place()) : noteOutweighed(request.key);
+    }
     if (done && secret.value.empty())
         if (const auto priority = hiddenPriority(request.key)) noteHides(request.key, *priority);
     return printDone(request, done, secureWriteRefused);

@@ -11,7 +11,12 @@ class Service;
 int deleteSecure(const Request& request, Service& service);
 int listPolicies(const Request& request, Service& service);
 int exportPolicies(const Request& request, Service& service);
+int lintPolicies(const Request& request, Service& service);
+int installPolicies(const Request& request, Service& service);
+int removePolicies(const Request& request, Service& service);
+int showPolicyStatus(const Request& request, Service& service);
 int applyPolicies(const Request& request, Service& service);
+int tryPolicyFolders(const Request& request, Service& service);  // a kind of the one before
 int explainKey(const Request& request, Service& service);
 int watchPatterns(const Request& request, Service& service);
 int listKeys(const Request& request, Service& service);

@@ -47,6 +47,7 @@ int diagnoseService(const Request& request, Service& service) {
     checks.push_back(checkVersions(service));
     checks.push_back(checkEnvironment(service));
     checks.push_back(checkUnits(service.processId() != 0));
+    if (probe.answered) append(checks, checkPolicies(service));
     Checks layer = checkLayer();
     const auto served = probe.answered ? knownRing(service) : std::nullopt;
     append(checks, layer.empty() ? checkDataFolder(findData(request, service), served) : std::move(layer));

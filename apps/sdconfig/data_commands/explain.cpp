@@ -5,6 +5,7 @@
 #include "apps/sdconfig/reading/data_access.h"
 #include "apps/sdconfig/reading/stored_layers.h"
 #include "apps/sdconfig/request/read_only_key.h"
+#include "apps/sdconfig/service/policy_calls.h"
 #include "apps/sdconfig/service/service.h"
 #include "apps/sdconfig/terminal/messages.h"
 #include "apps/sdconfig/terminal/output.h"
@@ -19,6 +20,7 @@ namespace {
 struct Findings {
     std::optional<Effective> answer;  // the service's
     std::optional<Layers> layers;     // the data folder's
+    std::optional<apps::MachinePolicy> machine;
     std::string folder;
     Effective effective{"", sd::kLocalPriority, Origin::Unset};
 
@@ -38,11 +40,18 @@ int askService(const Request& request, Service& service, Findings& found) {
     return property.exitCode;
 }
 
+MachineTable machineOf(const std::string& key, bool listening, const Service& service) {
+    if (!listening) return machineTable(service);
+    const auto one = governing(service, key);
+    return one ? MachineTable({*one}) : MachineTable();
+}
+
 // Returns what hindered the reading, or "".
-std::string readData(const Request& request, const DataAccess& access, Findings& found) {
+std::string readData(const Request& request, const DataAccess& access, MachineTable machine, Findings& found) {
     if (!access.reader) return "the folder is not known";
     StoredLayers stored;
     if (std::string problem = stored.read(*access.reader, request.key); !problem.empty()) return problem;
+    stored.governBy(std::move(machine));
     found.layers = stored.of(request.key);
     found.folder = access.reader->folder();
     return "";
@@ -55,7 +64,9 @@ int gather(const Request& request, Service& service, Findings& found) {
     if (access.exitCode) return access.exitCode;
     if (probe.listening)
         if (const int code = askService(request, service, found)) return code;
-    const std::string problem = readData(request, access, found);
+    MachineTable machine = machineOf(request.key, probe.listening, service);
+    found.machine = machine.find(request.key);
+    const std::string problem = readData(request, access, std::move(machine), found);
     if (!problem.empty() && !probe.listening) return nothingToReadFrom(request, problemOfData(access, problem));
     if (!problem.empty()) noteDataNotRead(problem);
     if (problem.empty() && !probe.listening) noteMissingDatabases(*access.reader);
@@ -73,26 +84,34 @@ int gather(const Request& request, Service& service, Findings& found) {
 
 // ---- The secure value ----
 
-// What is left when the policy goes.
+// What is left when the policy goes that counts.
 Effective withoutPolicy(Layers layers) {
-    layers.policy.reset();
+    if (layers.machine)
+        layers.machine.reset();
+    else
+        layers.policy.reset();
     return weigh(layers);
-}
-
-// Whole, unlike in a message.
-std::string inQuotes(const std::string& value) {
-    return '"' + shownInLine(value) + '"';
 }
 
 std::string hidden(const std::string& value, bool show) {
     return show ? inQuotes(value) : "set (--show shows it)";
 }
 
+std::string policyText(const apps::Policy& policy, bool show) {
+    const std::string priority = "priority " + std::to_string(policy.priority) + ", ";
+    return priority + (policy.value.empty() ? "no value" : hidden(policy.value, show));
+}
+
 std::string policyText(const Layers& layers, bool show) {
     if (layers.policyUnreadable) return "there is one, and it can't be read: it " + layers.policyFault;
-    if (!layers.policy) return "none";
-    const std::string priority = "priority " + std::to_string(layers.policy->priority) + ", ";
-    return priority + (layers.policy->value.empty() ? "no value" : hidden(layers.policy->value, show));
+    return layers.policy ? policyText(*layers.policy, show) : "none";
+}
+
+// Of a policy of a file, which may be told where the rest can't be.
+std::string machineText(const apps::MachinePolicy& machine, bool show) {
+    const std::string text = "  policy of the machine: " + policyText(machine.policy, show) +
+                             "\n    it stands in: " + shownInLine(machine.place()) + "\n";
+    return machine.description.empty() ? text : text + "    description: " + shownInLine(machine.description) + "\n";
 }
 
 std::string localText(const Layers& layers, bool show) {
@@ -116,16 +135,23 @@ const char* localName(Layers::Row row) {
 
 std::string secureText(const Request& request, const Findings& found) {
     const Effective& effective = found.effective;
-    const auto policy = found.layers ? found.layers->policy : std::nullopt;
+    const auto policy = found.layers ? found.layers->counting() : std::nullopt;
     std::string text = std::string("secure value: ") + (effective.value.empty() ? "not set" : "set") + ": " +
                        inWords(request.key, effective, policy) + "\n";
     if (!effective.value.empty()) text += "  value: " + hidden(effective.value, request.show) + "\n";
-    if (!found.layers) return text + "  policy, local value: the data folder would tell\n";
-    text += "  policy: " + policyText(*found.layers, request.show) + "\n";
+    if (found.machine) text += machineText(*found.machine, request.show);
+    const std::string stored = found.machine ? "  stored policy" : "  policy";
+    if (!found.layers) return text + stored + ", local value: the data folder would tell\n";
+    text += stored + ": " + policyText(*found.layers, request.show) + "\n";
     text += "  local value: " + localText(*found.layers, request.show) + "\n";
     if (policy) {
         const Effective rest = withoutPolicy(*found.layers);
-        text += std::string("  without the policy: ") + (rest.value.empty() ? "not set" : "the local value") + "\n";
+        const bool isLocal = rest.origin == Origin::Local;
+        text += std::string("  without the policy") + (found.machine ? " of the machine: " : ": ") +
+                (rest.value.empty() ? "not set"
+                 : isLocal          ? "the local value"
+                                    : "the stored policy's value") +
+                "\n";
     }
     return text;
 }
@@ -142,12 +168,22 @@ Object policyObject(const Layers& layers, bool show) {
     return object;
 }
 
+Object machineObject(const apps::MachinePolicy& machine, bool show) {
+    Object object{{"priority", machine.policy.priority}, {"set", !machine.policy.value.empty()}};
+    addSecret(object, "value", machine.policy.value, show);
+    addBytes(object, "file", machine.file);
+    object["line"] = machine.line;
+    if (!machine.description.empty()) addBytes(object, "description", machine.description);
+    return object;
+}
+
 Object layersObject(const Layers& layers, bool show) {
     Object local{{"row", localName(layers.row)}};
     if (layers.row == Layers::Row::Unreadable) local["fault"] = layers.rowFault;
     addSecret(local, "value", layers.local, show);
     const Effective rest = withoutPolicy(layers);
-    return {{"policy", policyObject(layers, show)},
+    return {{"machine", layers.machine ? machineObject(*layers.machine, show) : Object()},
+            {"policy", policyObject(layers, show)},
             {"local", local},
             {"without_policy", {{"set", !rest.value.empty()}, {"origin", nameOf(rest.origin)}}}};
 }

@@ -8,6 +8,7 @@
 #include "apps/sdconfig/data_commands/data_commands.h"
 #include "apps/sdconfig/files/whole_file.h"
 #include "apps/sdconfig/policy/property_clash.h"
+#include "apps/sdconfig/reading/machine_table.h"
 #include "apps/sdconfig/reading/policy_preview.h"
 #include "apps/sdconfig/reading/stored_policies.h"
 #include "apps/sdconfig/request/letter_case.h"
@@ -70,11 +71,12 @@ int noteProperties(const std::vector<PolicyEntry>& entries, Service& service) {
     return kDone;
 }
 
-enum class Outcome { InForce, Outweighed, NotStored, Untold, Deleted, NotDeleted };
+enum class Outcome { InForce, Outweighed, NotStored, Untold, Deleted, NotDeleted, Governed };
 
 struct Result {
     std::string uri;
     Outcome outcome;
+    std::string place{};  // of the policy of the machine that governs it
 };
 
 bool holds(const std::vector<Result>& results, Outcome outcome) {
@@ -174,31 +176,57 @@ int deleteSurplus(const Request& request, const std::vector<std::string>& surplu
 }
 
 int report(const Request& request, const std::vector<Result>& results) {
-    static constexpr const char* kText[] = {"in force",   "outweighed by what is set locally",
-                                            "not stored", "it can't be told whether it is stored",
-                                            "deleted",    "not deleted"};
-    static constexpr const char* kName[] = {"in_force", "outweighed", "not_stored", "untold", "deleted", "not_deleted"};
+    static constexpr const char* kText[] = {"in force",
+                                            "outweighed by what is set locally",
+                                            "not stored",
+                                            "it can't be told whether it is stored",
+                                            "deleted",
+                                            "not deleted",
+                                            "left as the machine's policy has it, in "};
+    static constexpr const char* kName[] = {"in_force", "outweighed",  "not_stored", "untold",
+                                            "deleted",  "not_deleted", "governed"};
     std::string text;
     Object object{{"policies", Object::array()}};
-    for (const auto& [uri, outcome] : results) {
+    for (const auto& [uri, outcome, place] : results) {
         const auto which = static_cast<std::size_t>(outcome);
-        text += shownInLine(uri) + ": " + kText[which] + "\n";
+        text += shownInLine(uri) + ": " + kText[which] + shownInLine(place) + "\n";
         Object one;
         addBytes(one, "uri", uri);
         one["outcome"] = kName[which];
+        if (!place.empty()) addBytes(one, "place", place);
         object["policies"].push_back(std::move(one));
     }
     const int printed = print(request, text, object);
     if (holds(results, Outcome::NotStored)) return policiesRefused(request);
     if (holds(results, Outcome::NotDeleted)) return notPruned(request);
-    return holds(results, Outcome::Untold) ? policiesUntold(request) : printed;
+    if (holds(results, Outcome::Untold)) return policiesUntold(request);
+    const auto governed = std::count_if(results.begin(), results.end(),
+                                        [](const Result& one) { return one.outcome == Outcome::Governed; });
+    return governed > 0 ? policiesGoverned(request, static_cast<std::size_t>(governed)) : printed;
+}
+
+// Takes out what the machine's policies govern, and nobody can set or delete, and adds it to the results.
+template <class Element, class UriOf>
+void takeOutGoverned(std::vector<Element>& elements, UriOf uriOf, const MachineTable& machine,
+                     std::vector<Result>& results) {
+    const auto isGoverned = [&](const Element& element) {
+        const auto governing = machine.find(uriOf(element));
+        if (governing) results.push_back({uriOf(element), Outcome::Governed, governing->place()});
+        return governing.has_value();
+    };
+    elements.erase(std::remove_if(elements.begin(), elements.end(), isGoverned), elements.end());
 }
 
 // First what is set, so that a URI whose spelling alone has changed is never without a policy.
-int apply(const Request& request, const std::vector<PolicyEntry>& entries, const std::vector<std::string>& surplus,
+int apply(const Request& request, std::vector<PolicyEntry> entries, std::vector<std::string> surplus,
           Service& service) {
-    if (const int code = sendAll(entries, service)) return code;
+    const MachineTable machine = machineTable(service);
     std::vector<Result> results;
+    takeOutGoverned(
+        entries, [](const PolicyEntry& entry) { return entry.uri; }, machine, results);
+    takeOutGoverned(
+        surplus, [](const std::string& uri) { return uri; }, machine, results);
+    if (const int code = sendAll(entries, service)) return code;
     if (const int code = readBack(request, entries, service, results)) return code;
     if (const int code = deleteSurplus(request, surplus, service, results)) return code;
     return report(request, results);
@@ -220,6 +248,10 @@ std::string pruneQuestion(std::size_t count) {
 }  // namespace
 
 int applyPolicies(const Request& request, Service& service) {
+    if (request.fileGiven != request.policyDirs.empty())
+        return misused(request.command, request.fileGiven ? "FILE and --policy-dir exclude each other"
+                                                          : "FILE is missing, or --policy-dir");
+    if (!request.policyDirs.empty()) return tryPolicyFolders(request, service);
     if (request.prune && !request.dryRun && !canConfirm(request))
         return notAskable(request, "the policies that the file doesn't name");
     std::string text;

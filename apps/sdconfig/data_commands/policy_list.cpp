@@ -1,6 +1,10 @@
-// policy list: the stored policies, and which of them are in force.
+// policy list: the stored policies and the machine's, and which of them are in force.
+#include <algorithm>
+#include <iterator>
+
 #include "apps/sdconfig/data_commands/data_commands.h"
 #include "apps/sdconfig/policy/effective.h"
+#include "apps/sdconfig/reading/machine_table.h"
 #include "apps/sdconfig/reading/stored_layers.h"
 #include "apps/sdconfig/reading/stored_policies.h"
 #include "apps/sdconfig/terminal/output.h"
@@ -11,28 +15,37 @@ namespace cli {
 namespace {
 
 struct Listed {
-    StoredPolicy stored;
-    std::optional<Origin> winner;  // what gives the key its value; nothing: it can't be told
+    std::string uri;
+    std::optional<apps::Policy> policy;          // nothing: there is one, and it can't be read
+    std::optional<apps::MachinePolicy> machine;  // that governs the URI
+    bool isMachine;                              // whether it is that one, else the stored one
+    std::optional<Origin> winner;                // what gives the key its value; nothing: it can't be told
 
-    bool inForce() const { return stored.policy && (winner == Origin::StrongPolicy || winner == Origin::WeakPolicy); }
+    bool counts() const { return policy && (isMachine || !machine); }
+    bool inForce() const { return counts() && (winner == Origin::StrongPolicy || winner == Origin::WeakPolicy); }
 };
 
 // What gives a value to the URI of each policy. A strong one does, whatever is set locally; of others the data tells.
-std::vector<Listed> judged(const StoredPolicies& stored) {
+std::vector<Listed> judged(const StoredPolicies& stored, const MachineTable& machine) {
     StoredLayers data;
     const bool known = stored.reader && data.read(*stored.reader).empty();
     std::vector<Listed> all;
-    for (const StoredPolicy& one : stored.all) {
-        Layers layers = known ? data.of(one.uri) : Layers();
-        layers.policy = one.policy;
+    const auto add = [&](const std::string& uri, const std::optional<apps::Policy>& policy, bool isMachine) {
+        Layers layers = known ? data.of(uri) : Layers();
+        layers.policy = policy;
+        layers.machine = machine.find(uri);
         const Origin winner = weigh(layers).origin;
-        all.push_back({one, known || winner == Origin::StrongPolicy ? std::optional(winner) : std::nullopt});
-    }
+        all.push_back({uri, policy, layers.machine, isMachine,
+                       known || winner == Origin::StrongPolicy ? std::optional(winner) : std::nullopt});
+    };
+    for (const apps::MachinePolicy& one : machine.all()) add(one.uri, one.policy, true);
+    for (const StoredPolicy& one : stored.all) add(one.uri, one.policy, false);
+    std::stable_sort(all.begin(), all.end(), [](const Listed& a, const Listed& b) { return a.uri < b.uri; });
     return all;
 }
 
 Object listedObject(const Listed& listed) {
-    const auto& [uri, policy] = listed.stored;
+    const auto& [uri, policy, machine, isMachine, winner] = listed;
     Object object;
     addBytes(object, "uri", uri);
     object["readable"] = policy.has_value();
@@ -40,13 +53,18 @@ Object listedObject(const Listed& listed) {
         addBytes(object, "value", policy->value);
         object["priority"] = policy->priority;
     }
-    object["in_force"] = !policy || listed.winner ? Object(listed.inForce()) : Object();
-    object["origin"] = listed.winner ? Object(nameOf(*listed.winner)) : Object();
+    object["in_force"] = !listed.counts() || winner ? Object(listed.inForce()) : Object();
+    object["origin"] = winner ? Object(nameOf(*winner)) : Object();
+    if (!machine) return object;
+    object["source"] = isMachine ? "machine" : "stored";
+    addBytes(object, "file", machine->file);
+    object["line"] = machine->line;
+    if (!machine->description.empty()) addBytes(object, "description", machine->description);
     return object;
 }
 
-std::string stateOf(const Listed& listed) {
-    if (!listed.stored.policy) return "not in force";
+std::string stateAlone(const Listed& listed) {
+    if (!listed.policy) return "not in force";
     if (!listed.winner) return "it can't be told";
     switch (*listed.winner) {
         case Origin::StrongPolicy:
@@ -60,9 +78,15 @@ std::string stateOf(const Listed& listed) {
     }
 }
 
+std::string stateOf(const Listed& listed) {
+    if (!listed.machine) return stateAlone(listed);
+    const std::string place = shownInLine(listed.machine->place());
+    return listed.isMachine ? stateAlone(listed) + ": " + place : "outweighed by the machine's: " + place;
+}
+
 Fields listedFields(const Listed& listed) {
-    const auto& [uri, policy] = listed.stored;
-    return {shownInLine(uri), policy ? std::to_string(policy->priority) : "-",
+    const std::optional<apps::Policy>& policy = listed.policy;
+    return {shownInLine(listed.uri), policy ? std::to_string(policy->priority) : "-",
             policy ? shownInLine(policy->value) : "(can't be read)", stateOf(listed)};
 }
 
@@ -73,7 +97,7 @@ int listPolicies(const Request& request, Service& service) {
     if (stored.exitCode) return stored.exitCode;
     std::vector<Fields> lines;
     Object object{{"policies", Object::array()}, {"complete", !stored.cut}};
-    for (const Listed& one : judged(stored)) {
+    for (const Listed& one : judged(stored, machineTable(service))) {
         lines.push_back(listedFields(one));
         object["policies"].push_back(listedObject(one));
     }

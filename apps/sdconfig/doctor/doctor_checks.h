@@ -37,6 +37,9 @@ Check checkEnvironment(const Service& service);
 // doctor_units.cpp: what systemd makes of the service. served: whether there is one.
 Check checkUnits(bool served);
 
+// doctor_policies.cpp: the machine's policies, as the service that answers has read them; nothing where it has none.
+Checks checkPolicies(const Service& service);
+
 // doctor_data.cpp: a security layer that binds no values. It may lack all that looking into the folder takes as well.
 Checks checkLayer();
 

@@ -10,10 +10,16 @@ Object uriObject(const Request& request) {
     return object;
 }
 
-int printPolicyChange(const Request& request, Object object, bool done) {
+int printPolicyChange(const Request& request, Object object, bool done,
+                      const std::optional<apps::MachinePolicy>& governing) {
     object["done"] = done;
+    if (!done && governing) {
+        addBytes(object, "file", governing->file);
+        object["line"] = governing->line;
+    }
     const int printed = print(request, "", object);
-    return done ? printed : policyRefused(request);
+    if (done) return printed;
+    return governing ? policyGoverned(request, governing->place()) : policyRefused(request);
 }
 
 }  // namespace cli

@@ -18,7 +18,7 @@ std::string ofPriority(int priority) {
 }  // namespace
 
 Effective weigh(const Layers& layers) {
-    const auto& policy = layers.policy;
+    const auto policy = layers.counting();
     if (policy && isStrong(policy->priority)) return {policy->value, policy->priority, Origin::StrongPolicy};
     if (!layers.local.empty()) return {layers.local, sd::kLocalPriority, Origin::Local};
     if (policy && !layers.rowHidesPolicy) return {policy->value, policy->priority, Origin::WeakPolicy};
@@ -82,7 +82,7 @@ const char* nameOf(Origin origin) {
 }
 
 std::optional<apps::Policy> hiddenPolicy(const Layers& layers) {
-    return weigh(layers).origin == Origin::EmptyRow ? layers.policy : std::nullopt;
+    return weigh(layers).origin == Origin::EmptyRow ? layers.counting() : std::nullopt;
 }
 
 }  // namespace cli

@@ -19,17 +19,21 @@ enum class Origin {
     UnsetOrHidden,  // likewise
 };
 
-// What the data folder holds of a key.
+// What the data folder holds of a key, and the files of the machine's policies.
 struct Layers {
     enum class Row { None, Empty, Value, Unreadable };
 
-    std::optional<apps::Policy> policy;
+    std::optional<apps::MachinePolicy> machine;
+    std::optional<apps::Policy> policy;  // the stored one, which counts where the machine has none
     bool policyUnreadable = false;
     std::string policyFault;  // why it is that: "belongs to another row"
     Row row = Row::None;
     bool rowHidesPolicy = false;  // the row is spelled exactly like the key: in another letter case it hides nothing
     std::string rowFault;         // why it is unreadable, likewise
     std::string local;
+
+    // The policy that counts, whether it is in force or not.
+    std::optional<apps::Policy> counting() const { return machine ? std::optional(machine->policy) : policy; }
 };
 
 struct Effective {

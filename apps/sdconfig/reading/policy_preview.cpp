@@ -5,6 +5,7 @@
 
 #include "apps/sdconfig/reading/data_access.h"
 #include "apps/sdconfig/reading/stored_layers.h"
+#include "apps/sdconfig/request/letter_case.h"
 #include "apps/sdconfig/service/service.h"
 #include "apps/sdconfig/terminal/messages.h"
 #include "apps/sdconfig/terminal/output.h"
@@ -31,12 +32,15 @@ Change changeOf(const PlannedPolicy& planned, Layers layers) {
     layers.policy = planned.policy;
     layers.policyUnreadable = false;
     change.after = weigh(layers);
-    change.why = inWords(planned.uri, *change.after, layers.policy);
+    change.why = inWords(planned.uri, *change.after, layers.counting());
+    if (layers.machine) change.why += "; the machine's policy counts, in " + layers.machine->place();
     return change;
 }
 
 // From what the service alone tells. A weak policy in force says that there is no local value to outweigh the new one.
-Change changeOf(const PlannedPolicy& planned, const Effective& before) {
+Change changeOf(const PlannedPolicy& planned, const Effective& before,
+                const std::optional<apps::MachinePolicy>& machine) {
+    if (machine) return {before, before, "it is left as the machine's policy has it, in " + machine->place()};
     const bool strong = planned.policy && planned.policy->priority > sd::kLocalPriority;
     if (!strong && before.origin != Origin::WeakPolicy)
         return {before, std::nullopt,
@@ -119,11 +123,34 @@ int previewPolicies(const Request& request, const std::vector<PlannedPolicy>& pl
     if (const int code = readEffective(uris, service, before)) return code;
     StoredLayers stored;
     const bool known = access.reader && stored.read(*access.reader).empty();
+    const MachineTable machine = machineTable(service);
+    stored.governBy(machine);
     std::vector<Change> changes;
     for (const PlannedPolicy& planned : plan) {
         const Effective& answer = before.at(planned.uri);
         const Layers layers = known ? stored.of(planned.uri) : Layers();
-        changes.push_back(known && agree(layers, answer) ? changeOf(planned, layers) : changeOf(planned, answer));
+        changes.push_back(known && agree(layers, answer) ? changeOf(planned, layers)
+                                                         : changeOf(planned, answer, machine.find(planned.uri)));
+    }
+    return printChanges(request, plan, changes);
+}
+
+int previewMachine(const Request& request, const StoredLayers& layers, const MachineTable& after) {
+    std::map<std::string, std::string> uris;  // as a person reads them, by the URI without letter case
+    for (const apps::MachinePolicy& one : layers.machine().all()) uris[folded(one.uri)] = one.uri;
+    for (const apps::MachinePolicy& one : after.all()) uris[folded(one.uri)] = one.uri;
+    std::vector<PlannedPolicy> plan;
+    std::vector<Change> changes;
+    for (const auto& [name, uri] : uris) {
+        Layers now = layers.of(uri);
+        Change change;
+        change.before = weigh(now);
+        now.machine = after.find(uri);
+        change.after = weigh(now);
+        change.why = inWords(uri, *change.after, now.counting());
+        if (now.machine) change.why += "; " + now.machine->place();
+        plan.push_back({uri, apps::Policy()});
+        changes.push_back(std::move(change));
     }
     return printChanges(request, plan, changes);
 }

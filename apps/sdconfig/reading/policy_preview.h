@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "apps/sdconfig/policy/effective.h"
+#include "apps/sdconfig/reading/stored_layers.h"
 #include "apps/sdconfig/request/request.h"
 
 namespace cli {
@@ -24,5 +25,8 @@ int readEffective(const std::vector<std::string>& uris, Service& service, std::m
 
 // Prints the difference and changes nothing. Returns the exit code.
 int previewPolicies(const Request& request, const std::vector<PlannedPolicy>& plan, Service& service);
+
+// The same of all URIs that policies of the machine govern or would govern. layers: as they are now.
+int previewMachine(const Request& request, const StoredLayers& layers, const MachineTable& after);
 
 }  // namespace cli

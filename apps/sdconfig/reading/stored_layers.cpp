@@ -33,6 +33,7 @@ std::string StoredLayers::read(const apps::DataReader& reader, const std::option
 
 Layers StoredLayers::of(const std::string& key) const {
     Layers layers;
+    layers.machine = mMachine.find(key);
     if (const auto found = mPolicies.find(folded(key)); found != mPolicies.end() && !found->second.value.empty()) {
         apps::RowFault fault;
         layers.policy = apps::DataReader::policy(found->second, &fault);
@@ -54,7 +55,9 @@ Layers storedLayers(const Request& request, const Service& service) {
     const DataAccess access = findData(request, service);
     StoredLayers stored;
     const bool known = access.reader && stored.read(*access.reader, request.key).empty();
-    return known ? stored.of(request.key) : Layers();
+    if (!known) return Layers();
+    stored.governBy(machineTable(service));
+    return stored.of(request.key);
 }
 
 }  // namespace cli

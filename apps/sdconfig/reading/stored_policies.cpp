@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "apps/sdconfig/reading/data_access.h"
+#include "apps/sdconfig/reading/machine_table.h"
 #include "apps/sdconfig/service/service.h"
 #include "apps/sdconfig/terminal/messages.h"
 #include "libsdconfig/dmconfig.h"
@@ -27,9 +28,11 @@ std::string readAll(const DataAccess& access, StoredPolicies& result) {
     return "";
 }
 
-std::vector<StoredPolicy> fromList(const sd::PolicyList& list) {
+// What is stored beneath a policy of the machine the list doesn't tell.
+std::vector<StoredPolicy> fromList(const sd::PolicyList& list, const MachineTable& machine) {
     std::vector<StoredPolicy> all;
     for (const auto& [uri, policy] : list) {
+        if (machine.find(uri)) continue;
         const auto& [value, priority] = *policy.begin();
         all.push_back({uri, apps::Policy{value == sd::kNullValue ? "" : sd::textAsSet(value), priority}});
     }
@@ -65,7 +68,7 @@ StoredPolicies storedPolicies(const Request& request, Service& service) {
     if (list.empty()) result.exitCode = service.requireCount(sd::protocol::kListPolicies);
     if (result.exitCode != kDone) return result;
 
-    result.all = fromList(list);
+    result.all = fromList(list, machineTable(service));
     result.cut = list.size() >= sd::protocol::kMaxElements;
     if (result.cut) noteListCut();
     return result;

@@ -39,6 +39,11 @@ struct Request {
     bool digest = false;
     std::string against;  // a digest; "": none
     bool reseal = false;
+    bool strict = false;
+    std::string name;                     // of a file of policies
+    std::vector<std::string> policyDirs;  // instead of the machine's
+    std::string backup;                   // a file; "": none
+    bool fileGiven = false;
 
     bool json = false;
     bool verbose = false;

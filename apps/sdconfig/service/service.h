@@ -78,7 +78,7 @@ public:
 
     // The same without a word where there is no such answer.
     std::shared_ptr<SDBusMessage> tryToAsk(const char* method, const std::function<void(SDBusMessage&)>& arguments,
-                                           const std::string& kinds, int timeoutMs) const;
+                                           const std::string& kinds, int timeoutMs = kUsualTimeoutMs) const;
 
     // Of a secure value that reads as "": whether it does because what is stored of it can't be opened.
     bool isUnopenable(const std::string& key) const;

@@ -222,6 +222,68 @@ int policyRefused(const Request& request) {
     return fail(kRefused, attempt(request), "the service could not store the change", seeItsLog());
 }
 
+int policyGoverned(const Request& request, const std::string& place) {
+    return fail(kRefused, attempt(request), "a policy of the machine governs it, which stands in " + place,
+                "root changes it there; see: " + typed("explain ") + asArgument(request.key));
+}
+
+int policiesGoverned(const Request& request, std::size_t count) {
+    return fail(kRefused, attemptOnFile(request),
+                std::to_string(count) + (count == 1 ? " policy is" : " policies are") +
+                    " left as the machine's policies have them",
+                "root changes them in the files that were named; see: " + typed("policy status"));
+}
+
+void noteGoverned(const std::string& place) {
+    note("a policy of the machine, in " + place + ", overrides what was set, which shows once that policy is gone");
+}
+
+int policyStatusUntold(const Request& request) {
+    return fail(kRefused, attempt(request), "the service tells nothing of policies of the machine", seeVersions());
+}
+
+int policiesLeftOut(const Request& request, std::size_t count) {
+    return fail(kRefused, attempt(request),
+                std::to_string(count) + (count == 1 ? " file or folder is" : " files or folders are") +
+                    " left out, or not as last written",
+                "mend what the lines tell; of a file's text this tells all: sdconfig policy lint FILE");
+}
+
+int notInstalled(const Request& request, const Problem& problem) {
+    return fail(request.dryRun ? kUsage : kRefused, attemptOnFile(request), problem.what,
+                "nothing was changed; " + problem.next);
+}
+
+int notRemoved(const Request& request, const Problem& problem) {
+    return fail(kRefused, attempt(request), problem.what, "nothing was changed; " + problem.next);
+}
+
+void noteUntold(const std::string& user, const std::string& why) {
+    note("what it changes for " + quoted(user) + " can't be told: " + why);
+}
+
+int notTried(const Request& request, const Problem& problem) {
+    return fail(kRefused, attempt(request), problem.what, problem.next);
+}
+
+int triedInPart(const Request& request) {
+    return fail(kRefused, attempt(request), "some of the folders was left out, as a service would leave it out",
+                "mend what was told, and repeat it");
+}
+
+void noteNotTried(const std::string& path, const std::string& why) {
+    note((path.empty() ? "" : path + ": ") + why + "; nothing of it counts");
+}
+
+void noteGovernsNobody(const std::string& name, const std::string& why) {
+    note("\"users\" names " + quoted(name) + ", which " + why + ", and governs nobody");
+}
+
+void notePoliciesStay(std::size_t count) {
+    note(std::to_string(count) + (count == 1 ? " policy" : " policies") +
+         " of the machine stay, which stand in files; see: " + typed("policy status"));
+}
+
 int policiesRefused(const Request& request) {
     return fail(kRefused, attemptOnFile(request), "not every policy reads back as it was sent",
                 (request.prune ? "none was deleted; " : "") + seeItsLog());

@@ -87,6 +87,19 @@ int secureWriteRefused(const Request& request);
 // Policies.
 int policyUnset(const Request& request);
 int policyRefused(const Request& request);
+int policyGoverned(const Request& request, const std::string& place);  // by a policy of the machine
+int policiesGoverned(const Request& request, std::size_t count);       // of a file
+void noteGoverned(const std::string& place);                           // what a secure value was set for
+int policyStatusUntold(const Request& request);
+int policiesLeftOut(const Request& request, std::size_t count);    // folders and files of the machine's policies
+int notInstalled(const Request& request, const Problem& problem);  // nothing was changed
+int notRemoved(const Request& request, const Problem& problem);    // likewise
+void noteUntold(const std::string& user, const std::string& why);  // what a file changes for that one
+int notTried(const Request& request, const Problem& problem);      // folders of policies
+int triedInPart(const Request& request);
+void noteNotTried(const std::string& path, const std::string& why);
+void noteGovernsNobody(const std::string& name, const std::string& why);
+void notePoliciesStay(std::size_t count);
 int policiesRefused(const Request& request);
 int notPruned(const Request& request);
 int notAskable(const Request& request, const std::string& what);

@@ -104,6 +104,10 @@ std::string timeText(std::int64_t seconds) {
     return text;
 }
 
+std::string inQuotes(const std::string& text) {
+    return '"' + shownInLine(text) + '"';
+}
+
 int printValue(const Request& request, const char* keyName, const std::string& value,
                int (*whenUnset)(const Request&)) {
     const bool set = !value.empty();

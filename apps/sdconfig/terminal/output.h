@@ -33,6 +33,7 @@ std::string shown(const std::string& text);
 
 // The same as part of a line: newlines and tabs, which would make other lines and fields of it, are escaped everywhere.
 std::string shownInLine(const std::string& text);
+std::string inQuotes(const std::string& text);  // so, between quotes: whole, unlike in a message
 
 // A point in time in UTC, "2030-01-31T12:00:00Z". seconds: since 1970; "" for 0, which stands for unknown.
 std::string timeText(std::int64_t seconds);
