@@ -115,6 +115,7 @@ try_policies() {
     done
     as bob sdconfig policy install /root/50-fleet.json 2>/dev/null && return 1
     sdconfig policy install /root/50-fleet.json >/tmp/told
+    grep '^root: ~ velmar.channel: (no value) -> "stable"' /tmp/told
     for user in tester alice bob; do
         grep "^$user: ~ velmar.channel: (a value that is not shown) -> \"stable\"" /tmp/told
         wait_for channel_is "$user" stable

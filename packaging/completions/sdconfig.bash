@@ -4,7 +4,8 @@ _sdconfig_options() { # COMMAND: those of its own
     case $1 in
         get) echo --local --product-dir --default ;;
         "secure get") echo --default ;;
-        "policy list" | "policy export" | "key list" | "key slots") echo --data-dir ;;
+        "policy list" | "key list" | "key slots") echo --data-dir ;;
+        "policy export") echo --machine --data-dir ;;
         "policy clear" | "key prune" | "key protect" | "key unprotect") echo --yes ;;
         "key rotate") echo --reseal ;;
         "policy apply") echo --dry-run --show --prune --yes --data-dir --policy-dir --backup ;;

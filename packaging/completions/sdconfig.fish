@@ -86,7 +86,7 @@ complete -c sdconfig -n '__sdconfig_at key:0' -a recover -d 'Open the key ring b
 complete -c sdconfig -n '__sdconfig_at policy:0' -a set -d 'Set a policy'
 complete -c sdconfig -n '__sdconfig_at policy:0' -a get -d 'Print the value in force'
 complete -c sdconfig -n '__sdconfig_at policy:0' -a delete -d 'Delete a policy'
-complete -c sdconfig -n '__sdconfig_at policy:0' -a list -d 'Print the stored policies'
+complete -c sdconfig -n '__sdconfig_at policy:0' -a list -d 'Print the policies'
 complete -c sdconfig -n '__sdconfig_at policy:0' -a strong -d 'Tell whether a policy overrides the local value'
 complete -c sdconfig -n '__sdconfig_at policy:0' -a clear -d 'Delete all policies'
 complete -c sdconfig -n '__sdconfig_at policy:0' -a export -d 'Write the stored policies to a file'
@@ -126,6 +126,7 @@ complete -c sdconfig -n '__sdconfig_in "policy apply" "policy install" "policy r
     -xa '(__fish_complete_directories)' -d 'A folder of policies'
 complete -c sdconfig -n '__sdconfig_in "policy apply"' -l backup -rF -d 'Try them on the data of this backup'
 complete -c sdconfig -n '__sdconfig_in "policy lint"' -F
+complete -c sdconfig -n '__sdconfig_in "policy export"' -l machine -d 'The policies of the machine, too'
 complete -c sdconfig -n '__sdconfig_in "policy lint"' -l strict -d 'Take warnings for faults'
 complete -c sdconfig -n '__sdconfig_in "policy install"' -l name -x -d 'Its name there'
 complete -c sdconfig -n '__sdconfig_at "policy remove:0"' \

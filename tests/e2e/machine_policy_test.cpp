@@ -73,6 +73,11 @@ TEST_F(MachinePolicyTest, WhoeverIsRefusedIsToldTheFile) {
                "\n    description: by law\n  stored policy: priority 8, \"stored\"\n  local value: \"local\"\n"
                "  without the policy of the machine: the stored policy's value\nproperty: not set\n");
 
+    const json exported = object({"policy", "export", "-", "--machine"});
+    EXPECT_EQ(exported, json::parse("{\"k\": {\"value\": \"caf\xc3\xa9\", \"priority\": 9},"
+                                    "\"soft\": {\"value\": \"s\", \"priority\": 3}}"));
+    EXPECT_EQ(object({"policy", "export", "-"}).size(), 1u);
+
     put("f.json", R"({"k": {"value": "x", "priority": 20}, "n": {"value": "x", "priority": 20}})");
     EXPECT_THAT(cli({"policy", "apply", path("f.json"), "--dry-run"}).out, HasSubstr("= k: "));
     expect({"policy", "apply", path("f.json"), "--prune", "--yes"}, 1,

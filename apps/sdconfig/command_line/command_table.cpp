@@ -138,6 +138,8 @@ constexpr Argument kInstalledFile = checked({"FILE", "A file of policies", &Requ
 constexpr Argument kInstalledName{"NAME", "The file's name, as in 50-fleet", &Request::key};
 constexpr Argument kLinted = checked(
     {"FILE", "Files of policies, and folders of such files", nullptr, nullptr, false, &Request::keys}, notThere);
+constexpr Flag kMachine{"--machine", "The machine's policies, too, in the place of those beneath them",
+                        &Request::machine};
 constexpr Flag kStrict{"--strict", "Take warnings for faults", &Request::strict};
 constexpr Flag kRehearse{"--dry-run", "Change nothing; print what would change for whom", &Request::dryRun};
 constexpr ValueOption kFileName{"--name", "NAME",         "Its name there; left out, it is FILE's",
@@ -410,7 +412,7 @@ const std::vector<Command>& commands() {
          {}},
         {"policy",
          "list",
-         "Prints the stored policies: URI, priority, value, and whether it is in force",
+         "Prints the policies: URI, priority, value, whether it is in force, and the file of one of the machine's",
          "sdconfig policy list --json",
          {},
          {},
@@ -428,7 +430,7 @@ const std::vector<Command>& commands() {
          "Writes the stored policies to a file",
          "sdconfig policy export fleet.json",
          {kWrittenFile},
-         {},
+         {kMachine},
          {kDataDir}},
         {"policy",
          "apply",

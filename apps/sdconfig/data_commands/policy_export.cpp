@@ -1,6 +1,7 @@
-// policy export: the stored policies as a file.
+// policy export: the stored policies as a file, and the machine's where they are wanted.
 #include "apps/sdconfig/data_commands/data_commands.h"
 #include "apps/sdconfig/files/whole_file.h"
+#include "apps/sdconfig/reading/machine_table.h"
 #include "apps/sdconfig/reading/stored_policies.h"
 #include "apps/sdconfig/terminal/messages.h"
 #include "apps/sdconfig/terminal/output.h"
@@ -33,7 +34,11 @@ int exportPolicies(const Request& request, Service& service) {
     std::vector<PolicyEntry> entries;
     std::string problem = stored.cut ? "the service lists no more of the policies" : "";
     std::string next = "name the service's data folder with --data-dir";
+    const MachineTable machine = request.machine ? machineTable(service) : MachineTable();
+    for (const apps::MachinePolicy& one : machine.all())
+        entries.push_back({one.uri, one.policy.value, one.policy.priority});
     for (const StoredPolicy& one : stored.all) {
+        if (machine.find(one.uri)) continue;
         const PolicyEntry entry =
             one.policy ? PolicyEntry{one.uri, one.policy->value, one.policy->priority} : PolicyEntry{one.uri, "", 0};
         const std::string unfit = one.policy ? sd::unfitForFile(entry) : "it can't be read";
