@@ -93,7 +93,7 @@ MachineTable machineTable(const Service& service) {
 
 std::optional<MachineStatus> machineStatus(const Service& service) {
     if (service.listening()) {
-        const auto answer = service.tryToAsk(
+        const auto answer = service.tryToAskKnown(
             sd::protocol::kPoliciesStatus, [](SDBusMessage&) {}, "b");
         return answer ? std::optional(statusOf(*answer)) : std::nullopt;
     }

@@ -40,7 +40,7 @@ std::optional<std::vector<apps::MachinePolicy>> governing(const Service& service
             call.appendInt32(static_cast<int32_t>(count));
             for (std::size_t i = at; i < at + count; ++i) call.appendString(uris[i]);
         };
-        const auto answer = service.tryToAsk(sd::protocol::kPoliciesGoverning, ask, "i");
+        const auto answer = service.tryToAskKnown(sd::protocol::kPoliciesGoverning, ask, "i");
         if (!answer) return std::nullopt;
         std::vector<apps::MachinePolicy> found = policiesAt(0, *answer);
         std::move(found.begin(), found.end(), std::back_inserter(all));
@@ -57,7 +57,7 @@ std::optional<std::vector<apps::MachinePolicy>> listGoverning(const Service& ser
     std::vector<apps::MachinePolicy> all;
     for (bool more = true; more;) {
         const auto ask = [&](SDBusMessage& call) { call.appendString(all.empty() ? "" : all.back().uri); };
-        const auto answer = service.tryToAsk(sd::protocol::kPoliciesList, ask, "bi");
+        const auto answer = service.tryToAskKnown(sd::protocol::kPoliciesList, ask, "bi");
         if (!answer) return std::nullopt;
         std::vector<apps::MachinePolicy> next = policiesAt(1, *answer);
         more = answer->getBool(0) && !next.empty();

@@ -80,6 +80,11 @@ public:
     std::shared_ptr<SDBusMessage> tryToAsk(const char* method, const std::function<void(SDBusMessage&)>& arguments,
                                            const std::string& kinds, int timeoutMs = kUsualTimeoutMs) const;
 
+    // The same of what the service answers from its memory, and a service of an earlier version, which leaves calls
+    // that it doesn't know unanswered, not at all: it is waited for a second at most while it answers other calls.
+    std::shared_ptr<SDBusMessage> tryToAskKnown(const char* method, const std::function<void(SDBusMessage&)>& arguments,
+                                                const std::string& kinds) const;
+
     // Of a secure value that reads as "": whether it does because what is stored of it can't be opened.
     bool isUnopenable(const std::string& key) const;
 

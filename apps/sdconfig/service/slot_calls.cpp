@@ -21,9 +21,6 @@ using SlotState = SDSecurity::SlotState;
 constexpr std::array<const char*, 4> kNames{"recovery", "passphrase", "host", "keyring"};
 constexpr int kRingStates = 4;
 
-// An earlier service answers no call that it doesn't know; this one is answered from what is known.
-constexpr int kKnownTimeoutMs = 500;
-
 std::string withReason(const std::string& what, const std::string& reason) {
     return reason.empty() ? what : what + ": " + reason;
 }
@@ -194,8 +191,8 @@ std::string howToOpen(const SlottedRing& ring) {
 }
 
 std::optional<SlottedRing> knownRing(const Service& service) {
-    const auto answer = service.tryToAsk(
-        sd::protocol::kKeySlots, [](SDBusMessage& call) { call.appendBool(false); }, "yysy", kKnownTimeoutMs);
+    const auto answer = service.tryToAskKnown(
+        sd::protocol::kKeySlots, [](SDBusMessage& call) { call.appendBool(false); }, "yysy");
     if (!answer || answer->getInt(0) != static_cast<int>(Outcome::Done)) return std::nullopt;
     return readRing(*answer);
 }
