@@ -9,6 +9,15 @@ trap 'rm -rf "$work"' EXIT
 
 mkdir "$work/try"
 cp "$@" "$packaging"/{units-test,expect}.sh "$work/try/"
+# A client's program is built here against the packages, so that the container needs no compiler.
+for package in "$@"; do
+    case $(basename "$package") in libsdconfig*) dpkg-deb --extract "$package" "$work/built-against" ;; esac
+done
+libraries=("$work"/built-against/usr/lib/*/libsdconfig.so)
+${CXX:-g++} -std=c++17 -Wall -Wextra -Werror -I"$work/built-against/usr/include/sdconfig" \
+    "$packaging/get_round_policy.cpp" -o "$work/try/get_round_policy" \
+    -L"${libraries[0]%/*}" -Wl,-rpath-link,"${libraries[0]%/*}" -lsdconfig
+chmod -R go+rX "$work/try"
 # Runs the test as the last thing of the start, and ends the container.
 cat >"$work/try.service" <<'END'
 [Unit]

@@ -102,12 +102,38 @@ try_seal() {
 
 channel_is() { [ "$(as "$1" sdconfig secure get velmar.channel)" = "$2" ]; } # USER VALUE
 
+# Calls of a user over the wire: METHOD [SIGNATURE ARGUMENT...], to the service of the user OWNER. Prints the answer.
+call_of() { # USER OWNER METHOD...
+    local who=$1 socket
+    socket=/run/user/$(id -u "$2")/sdbus/sdconfig
+    shift 2
+    as "$who" busctl --address="unix:path=$socket" call sd.config / sdbus.Service "$@"
+}
+
+# Whatever a user calls, on a key that a policy of the machine gives the value "stable" at 10.
+try_calls() { # USER
+    local who=$1 call
+    local key=velmar.channel
+    for call in "SET_POLICY ssy $key mine 127" "SET_POLICY ssy VELMAR.Channel mine 127" "DELETE_POLICY s $key" \
+        "SET_POLICYLIST yssy 1 $key mine 127" "SET_POLICYLIST yssyssy 2 $key mine 127 $key mine 9" \
+        "!DM_CLEAR_ALL_KEYS" "!SET_SECURE ss $key mine" "!DEL_SECURE s $key" "POLICIES_READ"; do
+        local wanted=false
+        [ "${call#!}" = "$call" ] || wanted=true  # it does what it can do: to what is stored
+        # shellcheck disable=SC2086
+        expect "b $wanted" call_of "$who" "$who" ${call#!}
+        expect 's "stable"' call_of "$who" "$who" GET_SECURE s $key
+        expect 'sy "stable" 10' call_of "$who" "$who" GET_POLICY s $key
+        expect "b true" call_of "$who" "$who" ISSTRONG_CONTROL s $key
+    done
+}
+
 # What the guide for administrators shows, with three users: policies hold whatever each of them tries.
 try_policies() {
     local user
     echo '{"velmar.channel": {"value": "stable", "priority": 10}}' >/root/50-fleet.json
     echo '{"velmar.channel": {"value": "beta", "priority": 10, "users": ["@pilot"]}}' >/root/60-pilot.json
     expect "files 2, policies 2, faults 0" sdconfig policy lint /root/50-fleet.json /root/60-pilot.json
+    install -m 755 "$(dirname "$0")/get_round_policy" /opt  # users can't look into /root
     for user in tester alice bob; do
         wait_for test -S "/run/user/$(id -u "$user")/bus"
         as "$user" systemctl --user start sdconfigd.socket
@@ -129,11 +155,17 @@ try_policies() {
             return 1
         as "$user" sh -c 'rm -f /etc/sdconfig/policies.d/50-fleet.json 2>/dev/null' && return 1
         channel_is "$user" stable
+        try_calls "$user"
+        as "$user" /opt/get_round_policy velmar.channel stable
+        as "$user" sdconfig secure set velmar.channel "of $user"
     done
+    ! call_of bob alice GET_SECURE s velmar.channel 2>/dev/null || return 1
     sdconfig policy install /root/60-pilot.json | grep '^alice: ~'
     wait_for channel_is alice beta
     channel_is tester stable
     channel_is bob stable
+    as alice /opt/get_round_policy velmar.channel beta
+    as alice sdconfig secure set velmar.channel "of alice"
 
     chmod 666 /etc/sdconfig/policies.d/60-pilot.json
     wait_for channel_is alice stable
