@@ -16,6 +16,8 @@
 #include <iterator>
 #include <utility>
 
+#include "policies/policy_folders.h"
+
 namespace sd {
 
 namespace {
@@ -95,7 +97,8 @@ bool FolderWatch::takeEvent(int id, std::uint32_t kinds, const std::string& name
     if (found == mWatched.end() || (kinds & IN_IGNORED) != 0) return false;
     const Watched& watched = found->second;
     if (name.empty() || watched.names.count(name) != 0) return true;
-    if (watched.folders.empty()) return false;
+    // A file that is written aside, to be renamed when it is whole, is none yet.
+    if (watched.folders.empty() || !isPolicyFileName(name)) return false;
     bool isNews = false;
     for (const std::string& folder : watched.folders) {
         const std::string path = std::string(folder).append("/").append(name);

@@ -8,6 +8,7 @@
 #include <future>
 #include <system_error>
 
+#include "policies/folder_watch.h"
 #include "policies/policy_folders.h"
 #include "tests/support/support.h"
 
@@ -205,6 +206,16 @@ TEST(PolicyUsersTest, ASlowAnswerCountsWhenItComes) {
     late.get_future().wait();
     EXPECT_THAT(users.lookUp({"@slow"}), UnorderedElementsAre());
     EXPECT_TRUE(users.isAmong({"@slow"}));
+}
+
+TEST(FolderWatchTest, LearnsOfAFileOnceItHasItsName) {
+    const test::TempDir folder;
+    FolderWatch watch({folder.path()});
+    (void)watch.arm();
+    test::writeFile(folder / "50-fleet.json.new", "{}");
+    EXPECT_FALSE(watch.hasNews());
+    fs::rename(folder / "50-fleet.json.new", folder / "50-fleet.json");
+    EXPECT_TRUE(watch.hasNews());
 }
 
 }  // namespace
