@@ -34,7 +34,7 @@ protected:
         return startService({"--policy-dir", path("vendor"), "--policy-dir", path("admin")});
     }
     json object(const std::vector<std::string>& arguments) const {
-        const json parsed = json::parse(cli(arguments).out, nullptr, false);
+        json parsed = json::parse(cli(arguments).out, nullptr, false);
         EXPECT_FALSE(parsed.is_discarded());
         return parsed;
     }
