@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <chrono>
 
+#include "apps/common/time_text.h"
 #include "apps/sdconfig/data_commands/data_commands.h"
 #include "apps/sdconfig/reading/machine_table.h"
 #include "apps/sdconfig/service/service.h"
@@ -33,7 +34,7 @@ const char* nameOf(State state) {
 }
 
 std::string timeOf(const MachineStatus& status) {
-    return timeText(std::chrono::system_clock::to_time_t(status.reading.when));
+    return apps::timeText(std::chrono::system_clock::to_time_t(status.reading.when));
 }
 
 std::string inWords(const sd::PolicySource& source, bool isFile) {

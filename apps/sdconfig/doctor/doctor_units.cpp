@@ -1,9 +1,7 @@
-#include <array>
-#include <cstdio>
 #include <map>
-#include <memory>
 #include <sstream>
 
+#include "apps/common/command_output.h"
 #include "apps/common/system_service.h"
 #include "apps/sdconfig/doctor/doctor_checks.h"
 #include "apps/sdconfig/terminal/messages.h"
@@ -18,22 +16,11 @@ constexpr char kServiceUnit[] = "sdconfigd.service";
 
 using Properties = std::map<std::string, std::string>;
 
-std::string outputOf(const std::string& command) {
-    const auto close = [](FILE* pipe) { ::pclose(pipe); };
-    const std::unique_ptr<FILE, decltype(close)> pipe(::popen(command.c_str(), "re"), close);
-    std::string output;
-    std::array<char, 4096> buffer;
-    std::size_t count = 0;
-    while (pipe && (count = std::fread(buffer.data(), 1, buffer.size(), pipe.get())) > 0)
-        output.append(buffer.data(), count);
-    return output;
-}
-
 // Lines NAME=VALUE; none where no manager answers.
 Properties propertiesOf(const std::string& unit) {
-    std::istringstream lines(outputOf(std::string("timeout 5 systemctl ") + (apps::isSystemService() ? "" : "--user ") +
-                                      "show --property=LoadState,ActiveState,UnitFileState,Result " + unit +
-                                      " 2>/dev/null"));
+    std::istringstream lines(
+        apps::outputOf(std::string("timeout 5 systemctl ") + (apps::isSystemService() ? "" : "--user ") +
+                       "show --property=LoadState,ActiveState,UnitFileState,Result " + unit + " 2>/dev/null"));
     Properties properties;
     for (std::string line; std::getline(lines, line);) {
         const std::size_t equals = line.find('=');

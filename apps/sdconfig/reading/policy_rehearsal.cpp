@@ -5,14 +5,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <set>
 
+#include "apps/common/command_output.h"
 #include "apps/data/temporary_folder.h"
 #include "apps/sdconfig/terminal/messages.h"
 #include "policies/policy_folders.h"
@@ -26,17 +24,6 @@ namespace fs = std::filesystem;
 constexpr char kDaemon[] = "sdconfigd";
 constexpr std::size_t kMostOutput = std::size_t{64} << 20;
 constexpr mode_t kForAll = 0755;  // the users' commands read it
-
-std::string outputOf(const std::string& command) {
-    const auto close = [](FILE* pipe) { ::pclose(pipe); };
-    const std::unique_ptr<FILE, decltype(close)> pipe(::popen(command.c_str(), "re"), close);
-    std::string output;
-    std::array<char, 4096> buffer;
-    std::size_t count = 0;
-    while (pipe && output.size() < kMostOutput && (count = std::fread(buffer.data(), 1, buffer.size(), pipe.get())) > 0)
-        output.append(buffer.data(), count);
-    return output;
-}
 
 // Whose sdconfigd runs: root asks for all, others for themselves.
 std::set<uid_t> servedUsers() {
@@ -108,7 +95,7 @@ private:
     void fill(uid_t user, UsersChanges& changes) const {
         const std::string self = environmentOf(user) + "timeout 20 " + shellWord(mProgram) +
                                  (user == ::geteuid() ? "" : " --user " + shellWord(changes.user)) + " --json policy ";
-        const Object status = Object::parse(outputOf(self + "status 2>/dev/null"), nullptr, false);
+        const Object status = Object::parse(apps::outputOf(self + "status 2>/dev/null", kMostOutput), nullptr, false);
         std::string folders;
         bool isRead = false;
         if (status.is_object() && status.contains("folders")) {
@@ -123,7 +110,7 @@ private:
             changes.problem = "that service doesn't answer, or doesn't read " + mFolder;
             return;
         }
-        const std::string told = outputOf(self + "apply --dry-run" + folders + " 2>/dev/null");
+        const std::string told = apps::outputOf(self + "apply --dry-run" + folders + " 2>/dev/null", kMostOutput);
         const Object preview = Object::parse(replaced(told, mStage, mFolder), nullptr, false);
         if (preview.is_object() && preview.contains("policies"))
             take(preview["policies"], changes);

@@ -40,7 +40,7 @@ struct Request {
     std::string against;  // a digest; "": none
     bool reseal = false;
     bool strict = false;
-    bool machine = false;  // the machine's policies, too
+    bool machine = false;                 // the machine's policies, too
     std::string name;                     // of a file of policies
     std::vector<std::string> policyDirs;  // instead of the machine's
     std::string backup;                   // a file; "": none

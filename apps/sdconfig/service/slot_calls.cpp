@@ -4,6 +4,7 @@
 #include <array>
 #include <charconv>
 
+#include "apps/common/time_text.h"
 #include "apps/sdconfig/service/service.h"
 #include "platform/sdbus/sdbus.h"
 #include "src/sdconfig_protocol.h"
@@ -163,7 +164,7 @@ Object slotsObject(const SlottedRing& ring) {
     Object all = Object::array();
     for (const auto& slot : ring.slots) {
         Object one{{"slot", nameOf(slot.kind)},
-                   {"made", timeText(slot.made)},
+                   {"made", apps::timeText(slot.made)},
                    {"state", stateName(slot.state)},
                    {"reason", nullptr}};
         if (!slot.reason.empty()) one["reason"] = slot.reason;

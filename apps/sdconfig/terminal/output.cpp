@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <optional>
 
 #include "apps/common/escaped.h"
@@ -93,15 +92,6 @@ std::string shownInLine(const std::string& text) {
     std::string line;
     for (const char c : text) line += c == '\n' || c == '\t' ? escaped({c}) : std::string(1, c);
     return line;
-}
-
-std::string timeText(std::int64_t seconds) {
-    const std::time_t time = seconds;
-    std::tm parts{};
-    char text[32];
-    if (seconds == 0 || !::gmtime_r(&time, &parts) || !std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts))
-        return "";
-    return text;
 }
 
 std::string inQuotes(const std::string& text) {

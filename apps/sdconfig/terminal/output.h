@@ -1,7 +1,6 @@
 // What goes to standard output: plain text, or one JSON object on one line.
 #pragma once
 
-#include <cstdint>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -34,9 +33,6 @@ std::string shown(const std::string& text);
 // The same as part of a line: newlines and tabs, which would make other lines and fields of it, are escaped everywhere.
 std::string shownInLine(const std::string& text);
 std::string inQuotes(const std::string& text);  // so, between quotes: whole, unlike in a message
-
-// A point in time in UTC, "2030-01-31T12:00:00Z". seconds: since 1970; "" for 0, which stands for unknown.
-std::string timeText(std::int64_t seconds);
 
 // What a look-up found. keyName: what the key is called in JSON. An empty value is told as unset, by `whenUnset`.
 int printValue(const Request& request, const char* keyName, const std::string& value, int (*whenUnset)(const Request&));
