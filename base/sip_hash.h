@@ -2,9 +2,12 @@
 // OpenSSL for it nor pay for what its digests cost to set up.
 #pragma once
 
+#include <endian.h>
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string_view>
 
 namespace sd {
@@ -61,12 +64,19 @@ inline std::uint64_t sipWord(std::string_view bytes) {
     return word;
 }
 
+// The first 8 of them, in one load.
+inline std::uint64_t wholeSipWord(std::string_view bytes) {
+    std::uint64_t word = 0;
+    std::memcpy(&word, bytes.data(), sizeof word);
+    return ::le64toh(word);
+}
+
 // Who has not the key can neither foresee a hash nor find by trying which text has one.
 inline std::uint64_t sipHash(const SipKey& key, std::string_view text) {
     constexpr std::size_t kWord = 8;
     const std::uint64_t length = text.size();
     SipState state(key);
-    for (; text.size() >= kWord; text.remove_prefix(kWord)) state.take(sipWord(text.substr(0, kWord)));
+    for (; text.size() >= kWord; text.remove_prefix(kWord)) state.take(wholeSipWord(text));
     state.take(length << 56U | sipWord(text));
     return state.finish();
 }
