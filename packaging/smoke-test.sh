@@ -29,7 +29,7 @@ listen() {
 }
 
 try_programs() {
-    test -z "$(compgen -G '/usr/lib/*/libglib-2.0.so*')"  # the login keyring's package alone draws it
+    test -z "$(compgen -G '/usr/lib/*/libglib-2.0.so*' || true)"  # the login keyring's package alone draws it
     listen
     test ! -e "$HOME/.local"  # nobody called yet
     sdconfig list >/dev/null  # asks who serves before it reads that one's data
