@@ -1,26 +1,18 @@
 #include "apps/sdconfig-seal/connection.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
+
+#include "base/wait_ready.h"
 
 namespace seal {
 namespace {
 
 constexpr int kSocket = STDIN_FILENO;
 constexpr off_t kTurnsOfUser = 4;
-
-bool isReadable(const sd::Deadline& deadline) {
-    pollfd source{kSocket, POLLIN, 0};
-    int ready = 0;
-    do {
-        ready = ::poll(&source, 1, deadline.millisecondsLeft());
-    } while (ready < 0 && errno == EINTR);
-    return ready > 0;
-}
 
 }  // namespace
 
@@ -41,7 +33,7 @@ const char* readRequest(FixedText<sd::security::seal::kMaxLine>& line, const sd:
             return nullptr;
         }
         if (line.roomSize() == 0) return "the request is too long";
-        if (!isReadable(deadline)) return "no request came";
+        if (!sd::isReadyBy(deadline, kSocket, POLLIN)) return "no request came";
         const ssize_t count = ::recv(kSocket, line.room(), line.roomSize(), MSG_DONTWAIT);
         if (count < 0 && (errno == EINTR || errno == EAGAIN)) continue;
         if (count <= 0) return "the connection ended before the request did";

@@ -1,6 +1,5 @@
 #include "platform/sdsecurity/host_slot.h"
 
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -13,6 +12,7 @@
 
 #include "base/deadline.h"
 #include "base/unique_fd.h"
+#include "base/wait_ready.h"
 #include "platform/sdsecurity/hex.h"
 #include "platform/sdsecurity/seal_protocol.h"
 #include "platform/sdsecurity/short_program.h"
@@ -54,15 +54,6 @@ std::string shown(std::string_view reason) {
 
 // ---- sdconfig-seal
 
-bool isReady(int socket, short events, const Deadline& deadline) {
-    pollfd source{socket, events, 0};
-    int ready = 0;
-    do {
-        ready = ::poll(&source, 1, deadline.millisecondsLeft());
-    } while (ready < 0 && errno == EINTR);
-    return ready > 0;
-}
-
 // Why there is no connection to root's service, or nothing.
 std::optional<SlotAnswer> connect(const std::string& path, UniqueFd& connection) {
     sockaddr_un address{};
@@ -92,7 +83,7 @@ bool send(int socket, const SecretBytes& line, const Deadline& deadline) {
         const ssize_t count = ::send(socket, line.data() + done, line.size() - done, MSG_NOSIGNAL);
         if (count < 0 && errno != EINTR && errno != EAGAIN) return false;
         if (count > 0) done += static_cast<std::size_t>(count);
-        if (count < 0 && errno == EAGAIN && !isReady(socket, POLLOUT, deadline)) return false;
+        if (count < 0 && errno == EAGAIN && !isReadyBy(deadline, socket, POLLOUT)) return false;
     }
     return true;
 }
@@ -101,7 +92,7 @@ bool send(int socket, const SecretBytes& line, const Deadline& deadline) {
 bool receive(int socket, SecretBytes& line, const Deadline& deadline) {
     line.resize(seal::kMaxLine + 1);
     std::size_t size = 0;
-    while (size < line.size() && isReady(socket, POLLIN, deadline)) {
+    while (size < line.size() && isReadyBy(deadline, socket, POLLIN)) {
         const ssize_t count = ::recv(socket, line.data() + size, line.size() - size, 0);
         if (count < 0 && (errno == EINTR || errno == EAGAIN)) continue;
         if (count < 0 && errno != ECONNRESET) return false;

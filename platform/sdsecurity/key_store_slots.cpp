@@ -54,6 +54,17 @@ std::optional<TypedKey> typedKeyOf(std::string_view text) {
     return isKey ? std::optional<TypedKey>(std::move(typed)) : std::nullopt;
 }
 
+// The master key of a slot, where this is the key that was stretched for it.
+std::optional<SecretBytes> masterBy(const std::optional<TypedKey>& typed, const Slot& slot) {
+    if (!typed || typed->how.salt != slot.stretching.salt) return std::nullopt;
+    return openSlot(slot, typed->key);
+}
+
+SlotResult wrongKey(SlotKind kind) {
+    return {SlotOutcome::WrongKey, kind == SlotKind::Recovery ? "that is not the recovery code of this key ring"
+                                                              : "that is not the passphrase"};
+}
+
 SlotResult needed(SlotKind kind) {
     if (kind == SlotKind::Recovery) return {SlotOutcome::NeedsRecovery, "that takes a new recovery code"};
     return {SlotOutcome::NeedsPassphrase, "that takes the passphrase"};
@@ -343,8 +354,7 @@ SlotResult KeyStore::addSlot(Held& held, SlotKind kind, const SlotKeys& keys) {
 SlotResult KeyStore::keepSlot(const Slot& standing, const std::string& typedKey, NewSlot& made) const {
     std::optional<TypedKey> typed = typedKeyOf(typedKey);
     if (!typed) return needed(standing.kind);
-    if (typed->how.salt != standing.stretching.salt || !openSlot(standing, typed->key))
-        return {SlotOutcome::WrongKey, "that is not the passphrase"};
+    if (!masterBy(typed, standing)) return wrongKey(standing.kind);
     made = {standing, std::move(typed->key)};
     return kDone;
 }
@@ -426,11 +436,8 @@ SlotResult KeyStore::openBy(SlotKind kind, const std::string& key) {
     if (!wrapping) return why;
     const Slot* const slot = wrapping->find(kind);
     if (!slot) return noSlot(kind);
-    const std::optional<TypedKey> typed = typedKeyOf(key);
-    const auto master = typed && typed->how.salt == slot->stretching.salt ? openSlot(*slot, typed->key) : std::nullopt;
-    if (!master)
-        return {SlotOutcome::WrongKey, kind == SlotKind::Recovery ? "that is not the recovery code of this key ring"
-                                                                  : "that is not the passphrase"};
+    const auto master = masterBy(typedKeyOf(key), *slot);
+    if (!master) return wrongKey(kind);
     std::optional<SecretBytes> text = openRing(*wrapping, *master);
     if (!text) return {SlotOutcome::RingUnusable, "the slot opens, but not the key ring: it was damaged or edited"};
     RingRead found = parseRing({KeyRingState::Usable, std::move(*text), ""});

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "base/unique_fd.h"
+#include "base/wait_ready.h"
 
 namespace sd::security {
 namespace {
@@ -114,13 +115,7 @@ bool readBoth(Output& output, Output& error, const Deadline& deadline) {
 
 bool waitForEnd(pid_t process, const Deadline& deadline) {
     const UniqueFd handle(static_cast<int>(::syscall(SYS_pidfd_open, process, 0)));
-    if (!handle) return false;
-    pollfd source{handle.get(), POLLIN, 0};
-    int ready = 0;
-    do {
-        ready = ::poll(&source, 1, deadline.millisecondsLeft());
-    } while (ready < 0 && errno == EINTR);
-    return ready > 0;
+    return handle && isReadyBy(deadline, handle.get(), POLLIN);
 }
 
 }  // namespace

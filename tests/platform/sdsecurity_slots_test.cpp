@@ -11,13 +11,13 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <random>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "platform/sdsecurity/sdsecurity.h"
+#include "tests/support/damage.h"
 #include "tests/support/support.h"
 
 using Kind = sd::SDSecurity::SlotKind;
@@ -175,22 +175,10 @@ TEST_F(SlotsTest, KeepsTheFormatAndIsLockedUntilSomethingOpensIt) {
 TEST_F(SlotsTest, NeitherTakesADamagedRingForAnAbsentOneNorOpensIt) {
     writeRing(kWrapped);
     const std::string passphrase = keyOf(Kind::Passphrase, kPassphrase), code = keyOf(Kind::Recovery, kCode);
-    std::mt19937 random(1);
-    const auto below = [&](std::size_t limit) {
-        return std::uniform_int_distribution<std::size_t>(0, limit - 1)(random);
-    };
+    test::Damage damage;
     int broken = 0;
     for (int i = 0; i < 10000; ++i) {
-        std::string text = kWrapped;
-        const std::size_t at = below(text.size()), length = 1 + below(8);
-        if (i % 4 == 0)
-            text.erase(at, length);
-        else if (i % 4 == 1)
-            text.insert(at, text.substr(below(text.size()), length));
-        else if (i % 4 == 2)
-            text[at] = static_cast<char>(static_cast<unsigned char>(text[at]) ^ 1U << below(8));
-        else
-            std::swap(text[at], text[below(text.size())]);
+        const std::string text = damage.of(kWrapped);
         if (text == kWrapped) continue;
         writeRing(text);
         const State before = state();

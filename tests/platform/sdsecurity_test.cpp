@@ -19,7 +19,6 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <random>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -27,6 +26,7 @@
 #include <utility>
 #include <vector>
 
+#include "tests/support/damage.h"
 #include "tests/support/support.h"
 
 using KeyState = sd::SDSecurity::KeyState;
@@ -230,21 +230,9 @@ TEST_F(SecurityTest, KeepsTheSecondFormatOfTheRingAndRefusesADamagedOne) {
     EXPECT_TRUE(security.RequireBoundForm() && security.RequiresBoundForm());
     EXPECT_EQ(readFile(ring), kRing2);
 
-    std::mt19937 random(1);
-    const auto below = [&](std::size_t limit) {
-        return std::uniform_int_distribution<std::size_t>(0, limit - 1)(random);
-    };
+    test::Damage damage;
     for (int i = 0; i < 10000; ++i) {
-        std::string text = kRing2;
-        const std::size_t at = below(text.size()), length = 1 + below(8);
-        if (i % 4 == 0)
-            text.erase(at, length);
-        else if (i % 4 == 1)
-            text.insert(at, text.substr(below(text.size()), length));
-        else if (i % 4 == 2)
-            text[at] = static_cast<char>(static_cast<unsigned char>(text[at]) ^ 1U << below(8));
-        else
-            std::swap(text[at], text[below(text.size())]);
+        const std::string text = damage.of(kRing2);
         ASSERT_TRUE(text == kRing2 || refused(text)) << text;
     }
 
