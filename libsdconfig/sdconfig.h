@@ -46,6 +46,13 @@ public:
     std::string GetSecure(const std::string& key);
     bool DeleteSecure(const std::string& key);  // deleting an absent key succeeds
 
+    // What a key reads as, and why. Where GetProperty and GetSecure give "" for all but Value, these tell which it was:
+    // the key has no value, or an empty one, which is the same; what is stored can't be opened, as under a locked key
+    // ring; no service answered. *value is set to what those would have returned; it is not null.
+    enum class Reading { Value, Unset, Unreadable, NoAnswer };
+    Reading ReadProperty(const std::string& key, std::string* value);
+    Reading ReadSecure(const std::string& key, std::string* value);
+
     // A constant that the service's host registered.
     std::string GetConst(const std::string& key);
 

@@ -15,6 +15,7 @@
 
 #include "base/sdconfig_export.h"
 #include "libsdconfig/dmconfig.h"
+#include "libsdconfig/sdconfig.h"
 #include "platform/sdbus/sdbus.h"
 
 namespace sd {
@@ -36,11 +37,13 @@ public:
     SDConfigClient& operator=(const SDConfigClient&) = delete;
 
     std::string GetProperty(const std::string& key);
+    SDConfig::Reading ReadProperty(const std::string& key, std::string& value);
     bool SetProperty(const std::string& key, const std::string& value);
     bool DeleteProperty(const std::string& key);
     bool GetAllProperties(std::map<std::string, std::string>& properties);
     bool SetSecure(const std::string& key, const std::string& value);
     std::string GetSecure(const std::string& key);
+    SDConfig::Reading ReadSecure(const std::string& key, std::string& value);
     bool DeleteSecure(const std::string& key);
     std::string GetConst(const std::string& key);
     std::string SignRequest(const std::string& content);
@@ -90,7 +93,6 @@ private:
     Answer send(const std::shared_ptr<SDBusMessage>& call);
     Answer sendWithin(const std::shared_ptr<SDBusMessage>& call, Clock::time_point begun);
     Answer request(const char* method, std::initializer_list<std::string> strings);
-    Answer requestSecure(const std::string& key);
     static int millisecondsLeft(Clock::time_point begun);
 
     // Events come from the first registration on: the subscription is in force before the service knows of it.

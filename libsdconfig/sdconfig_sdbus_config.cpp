@@ -22,13 +22,23 @@ constexpr int kMostPairs = 500'000;  // no message holds more, whatever it says 
 
 // ---- Requests ----
 
-std::string SDConfigClient::GetProperty(const std::string& key) {
+SDConfig::Reading SDConfigClient::ReadProperty(const std::string& key, std::string& value) {
+    constexpr char kCaller[] = "GetProperty";
     const Answer answer = request(protocol::kGetProperty, {key});
     if (answer.errorType() != 0)
-        LOG(7, AT "callWithReplyBlocking timeout, reply error type = %d", HERE, answer.errorType());
-    if (answer.ok()) return answer->getString(0);
-    LOG(7, AT "error reply: type=%d, GetProperty the key : %s failed", HERE, answer.type(), key.c_str());
-    return "";
+        LOG(7, AT "callWithReplyBlocking timeout, reply error type = %d", HERE_AS(kCaller), answer.errorType());
+    if (answer.ok()) {
+        value = answer->getString(0);
+        return value.empty() ? SDConfig::Reading::Unset : SDConfig::Reading::Value;
+    }
+    LOG(7, AT "error reply: type=%d, GetProperty the key : %s failed", HERE_AS(kCaller), answer.type(), key.c_str());
+    return SDConfig::Reading::NoAnswer;
+}
+
+std::string SDConfigClient::GetProperty(const std::string& key) {
+    std::string value;
+    ReadProperty(key, value);
+    return value;
 }
 
 bool SDConfigClient::SetProperty(const std::string& key, const std::string& value) {
@@ -66,17 +76,23 @@ bool SDConfigClient::SetSecure(const std::string& key, const std::string& value)
     return false;
 }
 
-SDConfigClient::Answer SDConfigClient::requestSecure(const std::string& key) {
-    Answer answer = request(protocol::kGetSecure, {key});
-    if (!answer.ok())
+SDConfig::Reading SDConfigClient::ReadSecure(const std::string& key, std::string& value) {
+    const Answer answer = request(protocol::kGetSecure, {key});
+    if (!answer.ok()) {
         LOG(7, AT "error reply: type=%d, GetSecure the key : %s failed", HERE_AS("GetSecure"), answer.type(),
             key.c_str());
-    return answer;
+        return SDConfig::Reading::NoAnswer;
+    }
+    value = answer->getString(0);
+    if (!value.empty()) return SDConfig::Reading::Value;
+    const bool isSealed = answer->getBool(1);  // a row is there that the service can't open
+    return isSealed ? SDConfig::Reading::Unreadable : SDConfig::Reading::Unset;
 }
 
 std::string SDConfigClient::GetSecure(const std::string& key) {
-    const Answer answer = requestSecure(key);
-    return answer.ok() ? answer->getString(0) : "";
+    std::string value;
+    ReadSecure(key, value);
+    return value;
 }
 
 bool SDConfigClient::DeleteSecure(const std::string& key) {
@@ -147,11 +163,24 @@ bool SDConfig::SetSecure(const std::string& key, const std::string& value) {
 }
 
 std::string SDConfig::GetSecure(const std::string& key) {
-    const char* const function = __func__;
-    return withClient(function, std::string(), [&](SDConfigClient& client) {
-        std::string value = client.GetSecure(key);
-        if (isIdentityKey(key)) LOG(5, AT "key is %s, value is %s", HERE_AS(function), key.c_str(), SECRET(value));
-        return value;
+    std::string value;
+    ReadSecure(key, &value);
+    return value;
+}
+
+SDConfig::Reading SDConfig::ReadProperty(const std::string& key, std::string* value) {
+    value->clear();
+    return withClient("GetProperty", Reading::NoAnswer,
+                      [&](SDConfigClient& client) { return client.ReadProperty(key, *value); });
+}
+
+SDConfig::Reading SDConfig::ReadSecure(const std::string& key, std::string* value) {
+    const char* const function = "GetSecure";
+    value->clear();
+    return withClient(function, Reading::NoAnswer, [&](SDConfigClient& client) {
+        const Reading reading = client.ReadSecure(key, *value);
+        if (isIdentityKey(key)) LOG(5, AT "key is %s, value is %s", HERE_AS(function), key.c_str(), SECRET(*value));
+        return reading;
     });
 }
 

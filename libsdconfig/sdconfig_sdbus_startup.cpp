@@ -115,12 +115,9 @@ void SDConfigClient::printProductInfo() {
 
 // Nothing, with a line, where the value can't be read: it may be there all the same, and is nothing to write over.
 std::optional<std::string> SDConfigClient::readAtStartUp(const std::string& key, const char* task) {
-    const Answer answer = requestSecure(key);
-    if (answer.ok()) {
-        std::string value = answer->getString(0);
-        const bool isSealed = value.empty() && answer->getBool(1);  // a row is there that the service can't open
-        if (!isSealed) return value;
-    }
+    std::string value;
+    const SDConfig::Reading reading = ReadSecure(key, value);
+    if (reading == SDConfig::Reading::Value || reading == SDConfig::Reading::Unset) return value;
     LOG(6, AT "%s can't be read and is left alone", HERE_AS(task), key.c_str());
     return std::nullopt;
 }

@@ -103,6 +103,21 @@ TEST_F(ClientTest, StartUpOnAnEmptyStoreWritesAllDefaultsOneByOneAndSeveralEntri
     EXPECT_EQ(mService.takeCalls(), wanted);
 }
 
+TEST_F(ClientTest, ReadingTellsWhyThereIsNoValue) {
+    std::string value = "from before";
+    EXPECT_EQ(mConfig->ReadProperty("k", &value), SDConfig::Reading::NoAnswer);
+    EXPECT_EQ(value, "");
+    mService.values = {{"k", "v"}, {"config.device.batteryBrightness", "1"}};
+    mService.sealed = {"locked"};
+    serve();
+    EXPECT_EQ(mConfig->ReadProperty("k", &value), SDConfig::Reading::Value);
+    EXPECT_EQ(value, "v");
+    EXPECT_EQ(mConfig->ReadSecure("locked", &value), SDConfig::Reading::Unreadable);
+    EXPECT_EQ(mConfig->ReadSecure("k", &value), SDConfig::Reading::Value);
+    EXPECT_EQ(mConfig->ReadSecure("none", &value), SDConfig::Reading::Unset);
+    EXPECT_EQ(value, "");
+}
+
 TEST_F(ClientTest, AServiceThatHangsCostsTheFirstCallNoMoreThanAnyOther) {
     serve();
     mService.hang();
