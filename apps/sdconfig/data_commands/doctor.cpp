@@ -1,10 +1,8 @@
 // doctor: what is wrong with the service, its surroundings and its data, and what to type next.
 #include <algorithm>
-#include <iterator>
 
 #include "apps/sdconfig/data_commands/data_commands.h"
 #include "apps/sdconfig/doctor/doctor_checks.h"
-#include "apps/sdconfig/service/service.h"
 #include "apps/sdconfig/terminal/colour.h"
 #include "apps/sdconfig/terminal/messages.h"
 #include "apps/sdconfig/terminal/output.h"
@@ -12,19 +10,6 @@
 namespace cli {
 
 namespace {
-
-void append(Checks& all, Checks more) {
-    std::move(more.begin(), more.end(), std::back_inserter(all));
-}
-
-// A start that can't help before something else is mended is no advice.
-void holdBackStarts(Checks& checks) {
-    const auto first = std::find_if(checks.begin(), checks.end(),
-                                    [](const Check& check) { return !check.ok() && check.turn == Turn::First; });
-    if (first == checks.end()) return;
-    for (Check& check : checks)
-        if (!check.ok() && check.turn == Turn::Last) check.next = "first mend the " + first->name;
-}
 
 std::string lineOf(const Check& check) {
     const std::string seen = ": " + check.name + ": " + escaped(check.what);
@@ -42,17 +27,7 @@ Object objectOf(const Check& check) {
 }  // namespace
 
 int diagnoseService(const Request& request, Service& service) {
-    const Probe probe = service.probe();
-    Checks checks = checkBus(service, probe);
-    checks.push_back(checkVersions(service));
-    checks.push_back(checkEnvironment(service));
-    checks.push_back(checkUnits(service.processId() != 0));
-    if (probe.answered) append(checks, checkPolicies(service));
-    Checks layer = checkLayer();
-    const auto served = probe.answered ? knownRing(service) : std::nullopt;
-    append(checks, layer.empty() ? checkDataFolder(findData(request, service), served) : std::move(layer));
-    holdBackStarts(checks);
-
+    const Checks checks = checkAll(request, service);
     const bool ok = std::all_of(checks.begin(), checks.end(), [](const Check& check) { return check.ok(); });
     std::string text;
     Object object{{"checks", Object::array()}, {"ok", ok}};

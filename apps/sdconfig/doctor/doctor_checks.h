@@ -1,4 +1,4 @@
-// What "doctor" looks at, an area a file. Nothing is created or changed, and no value is told.
+// What "doctor" and "report" look at, an area a file. Nothing is created or changed, and no value is told.
 #pragma once
 
 #include <optional>
@@ -26,6 +26,9 @@ struct Check {
 };
 
 using Checks = std::vector<Check>;
+
+// doctor_checks.cpp: all of them, in the order in which they are told.
+Checks checkAll(const Request& request, const Service& service);
 
 // doctor_bus.cpp: where the service is looked for, and whether it is there.
 Checks checkBus(const Service& service, const Probe& probe);
