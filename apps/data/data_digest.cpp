@@ -64,7 +64,7 @@ private:
     }
 
     std::string make(const std::vector<std::string_view>& texts) const {
-        return sd::SDSecurity::GetInstance()->DigestUnderKey(mKeyId, texts);
+        return sd::SDSecurity::DigestUnderKey(mKeyId, texts);
     }
 
     static constexpr std::size_t kRowsBetweenAsking = 256;

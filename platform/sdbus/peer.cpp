@@ -31,10 +31,9 @@ bool hasLeft(int error) {
 
 }  // namespace
 
-Peer::Peer(Service& service, pid_t processId, uint64_t number, int fd)
+Peer::Peer(Service& service, const SDBusPeer& client, int fd)
     : mService(service.shared_from_this()),
-      mProcess(processId),
-      mNumber(number),
+      mClient(client),
       mInherited(std::make_unique<ClosedInChild>(fd)),
       mQueue(service.loop().budget(), *this) {}
 
@@ -45,8 +44,8 @@ int Peer::onMessage(sd_bus_message* message, void* peer, sd_bus_error*) {
     return self.mService->take(self, message);
 }
 
-std::shared_ptr<Peer> Peer::create(Service& service, UniqueFd fd, pid_t processId, uint64_t number, int& error) {
-    std::shared_ptr<Peer> peer(new Peer(service, processId, number, fd.get()));
+std::shared_ptr<Peer> Peer::create(Service& service, UniqueFd fd, const SDBusPeer& client, int& error) {
+    std::shared_ptr<Peer> peer(new Peer(service, client, fd.get()));
     error = peer->start(std::move(fd));
     return error < 0 ? nullptr : peer;
 }
@@ -192,7 +191,7 @@ BusMessagePtr Peer::makeEvent(const std::string& member, const Arguments& argume
 
 void Peer::cutOff(const char* reason) {
     if (mDoomed || !mBus) return;
-    mService->logOfClient(mProcess, "cut off", reason);
+    mService->logOfClient(mClient.process, "cut off", reason);
     close();
 }
 
@@ -211,6 +210,7 @@ void Peer::close() {
 
 PendingCall::PendingCall(ServiceLoop& loop, const std::shared_ptr<Peer>& caller, sd_bus_message* call)
     : mLoop(loop),
+      mPeer(caller->client()),
       mCaller(caller),
       mCall(sd_bus_message_ref(call)),
       mWantsReply(sd_bus_message_get_expect_reply(call) > 0) {}

@@ -27,7 +27,7 @@ public:
     using Clock = std::chrono::steady_clock;
 
     // Null, and the errno-style error, when sd-bus refuses.
-    static std::shared_ptr<Peer> create(Service& service, UniqueFd fd, pid_t processId, uint64_t number, int& error);
+    static std::shared_ptr<Peer> create(Service& service, UniqueFd fd, const SDBusPeer& client, int& error);
     ~Peer();
     Peer(const Peer&) = delete;
     Peer& operator=(const Peer&) = delete;
@@ -46,13 +46,13 @@ public:
     void close();
 
     bool hasNothingQueued() const { return mQueue.isEmpty(); }
-    pid_t processId() const { return mProcess; }
+    const SDBusPeer& client() const { return mClient; }
     Clock::time_point admittedAt() const { return mAdmittedAt; }
-    std::string uniqueName() const { return ":1." + std::to_string(mNumber); }
+    std::string uniqueName() const { return ":1." + std::to_string(mClient.connection); }
     std::set<std::string>& subscriptions() { return mSubscriptions; }
 
 private:
-    Peer(Service& service, pid_t processId, uint64_t number, int fd);
+    Peer(Service& service, const SDBusPeer& client, int fd);
     int start(UniqueFd fd);
     static int onMessage(sd_bus_message* message, void* peer, sd_bus_error* error);
     bool isOpen() const { return mBus && !mDoomed && sd_bus_is_open(mBus.get()) > 0; }
@@ -63,8 +63,7 @@ private:
     void rearm();
 
     const std::shared_ptr<Service> mService;
-    const pid_t mProcess;
-    const uint64_t mNumber;
+    const SDBusPeer mClient;
     const Clock::time_point mAdmittedAt = Clock::now();
     std::unique_ptr<ClosedInChild> mInherited;
     BusPtr mBus;
@@ -89,8 +88,11 @@ public:
     // False when the caller is gone, was answered already, or can't be sent this.
     bool answer(const Message& reply);
 
+    const SDBusPeer& peer() const { return mPeer; }
+
 private:
     ServiceLoop& mLoop;
+    const SDBusPeer mPeer;
     const std::weak_ptr<Peer> mCaller;
     BusMessagePtr mCall;  // touched on the loop's thread alone: sd-bus counts its users without locks
     const bool mWantsReply;

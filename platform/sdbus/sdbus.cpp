@@ -25,6 +25,7 @@ using sdbus::EventListener;
 using sdbus::forkGeneration;
 using sdbus::forkMutex;
 using sdbus::Message;
+using sdbus::RefusalObserver;
 using sdbus::RuntimeFolder;
 using sdbus::Service;
 
@@ -67,6 +68,12 @@ int SDBusMessage::getErrorType() const {
 std::string SDBusMessage::signature() const {
     const auto* own = dynamic_cast<const Message*>(this);
     return own ? sdbus::kindsOf(own->arguments()) : "";
+}
+bool SDBusMessage::peerOf(const SDBusMessage& call, SDBusPeer& peer) {
+    const auto* own = dynamic_cast<const Message*>(&call);
+    if (!own || !own->pendingCall() || own->type() != Message::kCall) return false;
+    peer = own->pendingCall()->peer();
+    return true;
 }
 
 SDBusEventCallback::SDBusEventCallback(Function function) : mFunction(std::move(function)) {}
@@ -167,6 +174,7 @@ struct SDBusServiceInterface::State {
 
     std::shared_ptr<Service> service;  // guarded by forkMutex(), as what follows
     unsigned generation = 0;
+    RefusalObserver refusalObserver;  // of the thread that registers
 };
 
 SDBusServiceInterface::SDBusServiceInterface() : mState(std::make_unique<State>()) {}
@@ -198,6 +206,10 @@ bool SDBusServiceInterface::publishEvent(std::shared_ptr<SDBusMessage> event) {
     const auto own = ofType(event, Message::kEvent);
     const auto service = mState->current();
     return own && service && service->publish(*own);
+}
+
+void SDBusServiceInterface::observeRefusals(RefusalObserver observer) {
+    mState->refusalObserver = std::move(observer);
 }
 
 // ---- The process's door ----
@@ -268,7 +280,8 @@ bool SDBusSerivceManager::State::tryRegister(const std::string& name, SDBusServi
     if (!loop) return false;
     auto socket = sdbus::ServiceSocket::claim(name, why);
     if (!socket) return false;
-    const auto service = std::make_shared<Service>(*loop, name, *interface, std::move(*socket));
+    const auto service =
+        std::make_shared<Service>(*loop, name, *interface, std::move(*socket), interface->mState->refusalObserver);
     // In place before the first call comes, whose handler may publish.
     const bool attached = interface->mState->attach(service);
     if (!attached) why = "the interface serves another name";

@@ -31,6 +31,21 @@ enum SDBusErrorType : int {
     SDBusNotSent = 5,      // the message could not be sent: its name or its size is beyond what the wire takes
 };
 
+// Who connected to a service, as the kernel had it then.
+struct SDBusPeer {
+    uint64_t connection;  // no two connections of a service have the same
+    uint32_t user;
+    int32_t process;     // 0 where it has no number here; once it has ended, another one may have its number
+    int64_t admittedNs;  // when the service took the connection, nanoseconds of CLOCK_BOOTTIME
+};
+
+// Who was turned away before a call of theirs came to the handler.
+struct SDBusRefusal {
+    SDBusPeer peer;
+    std::string reason;  // for a person
+    unsigned untold;     // how many others were turned away since the last one that was told of
+};
+
 // A message: a method call, its reply, an error or an event, with a list of typed arguments.
 // Reading a position that is absent gives 0, false or "" quietly; reading one of another kind gives the same and logs a
 // line. One thread at a time.
@@ -56,6 +71,9 @@ public:
     // For tools that look whether the other end means the same: the kinds of the arguments, a letter each. y is int8,
     // i int32, b bool, s string, ? another one.
     std::string signature() const;
+
+    // Who made a call that came in. False, with `peer` left alone, for any other message.
+    SDBUS_OPTIONAL static bool peerOf(const SDBusMessage& call, SDBusPeer& peer);
 
 protected:
     SDBusMessage(int type, std::string name, int errorType);
@@ -136,6 +154,10 @@ public:
     // Sends an event to the clients of this service that asked for its name. Any thread. Holds up nobody: a subscriber
     // that does not read is cut off at a bound. False when the interface is not registered or the event can't be sent.
     bool publishEvent(std::shared_ptr<SDBusMessage> event);
+
+    // Has `observer` told, on the service thread, of clients of another user and of calls that are malformed: of the
+    // first 20 in 10 s, so that nobody can flood it. To be called before the registration.
+    SDBUS_OPTIONAL void observeRefusals(std::function<void(const SDBusRefusal&)> observer);
 
     SDBusServiceInterface(const SDBusServiceInterface&) = delete;
     SDBusServiceInterface& operator=(const SDBusServiceInterface&) = delete;

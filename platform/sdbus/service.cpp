@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <ctime>
 #include <exception>
 #include <future>
 
@@ -66,6 +67,12 @@ int addTimer(sd_event* event, Service* service, SourcePtr& timer) {
     return sd_event_source_set_enabled(made, SD_EVENT_OFF);
 }
 
+int64_t nanosecondsSinceBoot() {
+    timespec now{};
+    (void)::clock_gettime(CLOCK_BOOTTIME, &now);
+    return std::chrono::nanoseconds(std::chrono::seconds(now.tv_sec)).count() + now.tv_nsec;
+}
+
 bool isText(const char* text, const char* wanted) {
     return text && std::strcmp(text, wanted) == 0;
 }
@@ -76,8 +83,13 @@ bool startsWith(const char* text, const char* start) {
 
 }  // namespace
 
-Service::Service(ServiceLoop& loop, std::string name, SDBusServiceInterface& interface, ServiceSocket socket)
-    : mLoop(loop), mName(std::move(name)), mInterface(interface), mSocket(std::move(socket)) {
+Service::Service(ServiceLoop& loop, std::string name, SDBusServiceInterface& interface, ServiceSocket socket,
+                 RefusalObserver refusalObserver)
+    : mLoop(loop),
+      mName(std::move(name)),
+      mInterface(interface),
+      mSocket(std::move(socket)),
+      mRefusalObserver(std::move(refusalObserver)) {
     (void)sd_id128_randomize(&mId);
 }
 
@@ -183,11 +195,16 @@ void Service::resumeAccepting() {
 void Service::admit(UniqueFd fd) {
     PeerIdentity identity{};
     if (!identifyPeer(fd.get(), identity)) return;
-    if (!isTrustedUser(identity.user)) return logOfClient(identity.process, "refused", "it belongs to another user");
+    const SDBusPeer client{++mPeerNumber, identity.user, identity.process, nanosecondsSinceBoot()};
+    if (!isTrustedUser(identity.user)) {
+        constexpr char kReason[] = "it belongs to another user";
+        logOfClient(identity.process, "refused", kReason);
+        return tellRefusal(client, kReason);
+    }
     if (mHandshakes.size() >= kHandshakesMax)
         mHandshakes.front()->cutOff("too many clients have not finished their handshake");
     int error = 0;
-    const auto peer = Peer::create(*this, std::move(fd), identity.process, ++mPeerNumber, error);
+    const auto peer = Peer::create(*this, std::move(fd), client, error);
     if (!peer) return logOfClient(identity.process, "refused", std::strerror(-error));
     mPeers.emplace(peer.get(), peer);
     mHandshakes.push_back(peer.get());
@@ -277,8 +294,15 @@ int Service::takeHello(Peer& peer, sd_bus_message* call) {
     return r < 0 ? r : 1;
 }
 
+void Service::tellRefusal(const SDBusPeer& peer, const char* reason) {
+    unsigned untold = 0;
+    if (!mRefusalObserver || !mRefusalLimiter.allow(untold)) return;
+    contained("the observer of refusals", [&] { mRefusalObserver({peer, reason, untold}); });
+}
+
 int Service::refuse(Peer& peer, sd_bus_message* call, const char* error, const char* reason) {
-    logOfClient(peer.processId(), "refused a call", reason);
+    logOfClient(peer.client().process, "refused a call", reason);
+    tellRefusal(peer.client(), reason);
     (void)sd_bus_reply_method_errorf(call, error, "%s", reason);
     return 1;
 }

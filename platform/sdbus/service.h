@@ -23,9 +23,12 @@ namespace sdbus {
 
 class ServiceLoop;
 
+using RefusalObserver = std::function<void(const SDBusRefusal&)>;
+
 class Service : public std::enable_shared_from_this<Service> {
 public:
-    Service(ServiceLoop& loop, std::string name, SDBusServiceInterface& interface, ServiceSocket socket);
+    Service(ServiceLoop& loop, std::string name, SDBusServiceInterface& interface, ServiceSocket socket,
+            RefusalObserver refusalObserver);
     ~Service();
     Service(const Service&) = delete;
     Service& operator=(const Service&) = delete;
@@ -71,6 +74,7 @@ private:
     int takeOrdinaryCall(Peer& peer, sd_bus_message* call);
     int takeControlCall(Peer& peer, sd_bus_message* call);
     int takeHello(Peer& peer, sd_bus_message* call);
+    void tellRefusal(const SDBusPeer& peer, const char* reason);
     int refuse(Peer& peer, sd_bus_message* call, const char* error, const char* reason);
     void handle(const std::shared_ptr<SDBusMessage>& call);
 
@@ -86,6 +90,7 @@ private:
     const std::string mName;
     SDBusServiceInterface& mInterface;
     ServiceSocket mSocket;
+    const RefusalObserver mRefusalObserver;  // may be empty
     sd_id128_t mId{};
     std::atomic<bool> mEnded{false};
 
@@ -98,6 +103,7 @@ private:
     std::unordered_map<const Peer*, std::shared_ptr<Peer>> mPeers;
     std::deque<Peer*> mHandshakes;  // not finished yet, the oldest first
     LogLimiter mLogLimiter;
+    LogLimiter mRefusalLimiter;
     std::atomic<bool> mStopping{false};
     std::function<void()> mWhenStopped;
 

@@ -230,7 +230,7 @@ std::string SDSecurity::DigestUnderKey(const std::string& id, const std::vector<
     return guarded(__func__, std::string(), [&]() -> std::string {
         const std::optional<security::KeyId> key = security::keyIdOf(id);
         OpenResult why{};
-        const auto ring = key ? mState->keys.ringToOpen(*key, why) : nullptr;
+        const auto ring = key ? GetInstance()->mState->keys.ringToOpen(*key, why) : nullptr;
         return ring ? security::digestUnder(*ring->find(*key), texts) : "";
     });
 }

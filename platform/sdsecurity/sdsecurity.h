@@ -167,7 +167,8 @@ public:
     // A digest of the texts under a key of the ring: who has not the ring can neither foresee nor forge it. Where a
     // text ends counts, and their order. 64 hexadecimal digits; "" with a line logged where there is no such key, or it
     // is disabled.
-    std::string DigestUnderKey(const std::string& id, const std::vector<std::string_view>& texts);
+    SDSECURITY_OPTIONAL static std::string DigestUnderKey(const std::string& id,
+                                                          const std::vector<std::string_view>& texts);
 
     struct Seal {
         std::string keyId;

@@ -29,8 +29,11 @@ class TestService : public SDBusServiceInterface {
 public:
     using Handler = std::function<bool(TestService&, const std::shared_ptr<SDBusMessage>&)>;
 
-    explicit TestService(Handler handler = echo, std::string name = kService)
+    using Observer = std::function<void(const SDBusRefusal&)>;
+
+    explicit TestService(Handler handler = echo, std::string name = kService, Observer observer = {})
         : mHandler(std::move(handler)), mName(std::move(name)) {
+        observeRefusals(std::move(observer));
         mRegistered = bus().registerServiceInterface(mName, this, SDBusSameUser, 1);
     }
     ~TestService() override {  // a handler may be at work, and wants the whole object

@@ -11,6 +11,7 @@
 #include <array>
 #include <atomic>
 #include <csignal>
+#include <ctime>
 #include <filesystem>
 #include <future>
 #include <stdexcept>
@@ -262,6 +263,32 @@ TEST_F(CallTest, HoldsUpNoOtherThread) {
     for (auto& thread : threads) EXPECT_EQ(thread.get(), 20100);
 }
 
+TEST_F(CallTest, TellsWhoMadeIt) {
+    Heard callers;
+    TestService service([&](TestService& self, const std::shared_ptr<SDBusMessage>& message) {
+        SDBusPeer peer{};
+        SDBusPeer untouched{};
+        timespec now{};
+        ::clock_gettime(CLOCK_BOOTTIME, &now);
+        const bool known = SDBusMessage::peerOf(*message, peer) && peer.user == ::geteuid() && peer.admittedNs > 0 &&
+                           peer.admittedNs / 1'000'000'000 <= now.tv_sec &&
+                           !SDBusMessage::peerOf(*self.makeMethodReplyMessage(message, SDBusSameUser), untouched);
+        callers.add(known ? std::to_string(peer.process) : "unknown");
+        return self.reply(message, std::to_string(peer.connection));
+    });
+    const auto proxy = proxyTo();
+    const std::string connection = call(proxy, "A")->getString(0);
+    EXPECT_EQ(call(proxy, "A")->getString(0), connection);
+    EXPECT_TRUE(inChild([&] {
+        const std::string own = call(proxy, "A", std::to_string(::getpid()))->getString(0);
+        return !own.empty() && own != connection;
+    }));
+    const std::string self = std::to_string(::getpid());
+    EXPECT_THAT(callers.all(), testing::ElementsAre(self, self, testing::Not(testing::AnyOf(self, "0", "unknown"))));
+    SDBusPeer peer{};
+    EXPECT_FALSE(SDBusMessage::peerOf(*proxy->makeMethodCallMessage("A"), peer)) << "it came from nobody";
+}
+
 TEST_F(CallTest, WorksInAForkedChildAndAfterIt) {
     TestService service;
     const auto proxy = proxyTo();
@@ -296,9 +323,14 @@ TEST(ClosedInChildTest, ANumberThatIsUsedAgainKeepsItsNoteWhenTheOldOneGoes) {
 
 TEST_F(CallTest, TakesWhatOtherClientsSend) {
     Heard seen;
-    TestService service([&](TestService& self, const std::shared_ptr<SDBusMessage>& message) {
+    Heard refused;
+    const auto echo = [&](TestService& self, const std::shared_ptr<SDBusMessage>& message) {
         seen.add(message->getString(0) + message->getString(1) + message->getString(2));
         return TestService::echo(self, message);
+    };
+    TestService service(echo, kService, [&](const SDBusRefusal& refusal) {
+        const bool isOurs = refusal.peer.process == ::getpid() && refusal.untold == 0;
+        refused.add(isOurs ? refusal.reason : "of another one");
     });
     const RawClient client = rawClient();
     const auto answers = [&](const char* method, const char* types, auto... values) {
@@ -309,6 +341,9 @@ TEST_F(CallTest, TakesWhatOtherClientsSend) {
     EXPECT_THAT(seen.all(), testing::ElementsAre("vw", "pq"));
     EXPECT_FALSE(answers("_hex_41", ""));
     EXPECT_TRUE(mLog.has("the method's name is malformed", 6));
+    for (int i = 0; i < 40; ++i) EXPECT_FALSE(answers("_hex_41", ""));
+    EXPECT_THAT(refused.all(), testing::Each("the method's name is malformed"));
+    EXPECT_THAT(refused.all(), testing::SizeIs(testing::AllOf(testing::Ge(20U), testing::Lt(41U)))) << "of a flood";
     EXPECT_EQ(sd_bus_can_send(client.get(), SD_BUS_TYPE_UNIX_FD), 0) << "it would hold them";
     // A debugging tool takes it for a message bus and asks for a name first.
     sd_bus_message* hello = nullptr;
@@ -444,7 +479,10 @@ TEST_F(RegistrationTest, AdmitsNoOtherUser) {
         return inChild([&] { return ::setuid(kNobody) == 0 && act(); });
     };
     {
-        TestService service;
+        Heard refused;
+        TestService service(TestService::echo, kService, [&](const SDBusRefusal& refusal) {
+            refused.add(std::to_string(refusal.peer.user) + " " + refusal.reason);
+        });
         for (const std::string& path : {mBus.folder().path(), folder(), socket()})
             fs::permissions(path, fs::perms::all);
         EXPECT_TRUE(asNobody([&] {
@@ -453,6 +491,8 @@ TEST_F(RegistrationTest, AdmitsNoOtherUser) {
             return fd >= 0 && ::read(fd, &byte, 1) == 0;
         }));
         EXPECT_TRUE(waitUntil([&] { return mLog.has("it belongs to another user", 6); }));
+        EXPECT_TRUE(waitUntil([&] { return !refused.all().empty(); }));
+        EXPECT_THAT(refused.all(), testing::ElementsAre("65534 it belongs to another user"));
     }
     // A listener is who it was when it began to listen.
     for (const std::string& path : {mBus.folder().path(), folder()}) fs::permissions(path, fs::perms::owner_all);
