@@ -3,10 +3,13 @@
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <optional>
 
 #include "platform/velmarlog/log_line.h"
 #include "sql/SQLiteDatabase.h"
 #include "sql/SQLiteStatement.h"
+#include "sql/SQLiteTransaction.h"
+#include "sql/SQLiteWitness.h"
 #include "sql/sqlite_api.h"
 
 namespace sd::data {
@@ -158,6 +161,10 @@ bool SQLiteTable::isInPlace() const {
 
 bool SQLiteTable::executeStatement(const std::string& sql, const TableRow& row) {
     if (!isInPlace()) return false;
+    std::optional<SQLiteTransaction> transaction;
+    if (SQLiteWitnessed::current() && mDb.handle() && sqlite().getAutocommit(mDb.handle()) != 0)
+        transaction.emplace(mDb);
+    if (transaction && !transaction->isActive()) return false;
     SQLiteStatement statement(mDb, sql);
     if (statement.prepare() != 0) return false;
     for (size_t i = 0; i < row.size(); ++i) {
@@ -171,7 +178,7 @@ bool SQLiteTable::executeStatement(const std::string& sql, const TableRow& row) 
     if (!done)
         LOG(7, AT "SQLiteTable::insert failed to execute statement /%s/ error /%s/", HERE, sql.c_str(),
             sqlite().errmsg(mDb.handle()));
-    return done;
+    return done && (!transaction || transaction->commit());
 }
 
 }  // namespace sd::data

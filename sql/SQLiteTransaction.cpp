@@ -2,6 +2,7 @@
 
 #include "sql/SQLiteDatabase.h"
 #include "sql/SQLiteStatement.h"
+#include "sql/SQLiteWitness.h"
 #include "sql/sqlite_api.h"
 
 namespace sd::data {
@@ -18,7 +19,11 @@ bool SQLiteTransaction::isActive() const {
 }
 
 bool SQLiteTransaction::commit() {
-    return isActive() && SQLiteStatement(mDb, "COMMIT").executeCommand();
+    SQLiteWitness* const witness = isActive() ? SQLiteWitnessed::current() : nullptr;
+    if (witness) witness->beforeCommit(mDb);
+    const bool committed = isActive() && SQLiteStatement(mDb, "COMMIT").executeCommand();
+    if (witness) witness->afterCommit(committed);
+    return committed;
 }
 
 }  // namespace sd::data

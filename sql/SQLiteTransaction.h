@@ -20,8 +20,8 @@ public:
     // would then be a commit of its own.
     bool isActive() const;
 
-    // One durable commit. False, with nothing stored as far as this process sees, when it fails; after a sync that
-    // failed the next start may find it all the same.
+    // One durable commit, with what this thread's witness writes (SQLiteWitness). False, with nothing stored as far as
+    // this process sees, when it fails; after a sync that failed the next start may find it all the same.
     bool commit();
 
 private:

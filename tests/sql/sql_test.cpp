@@ -6,6 +6,8 @@
 #include "sql/SQLiteDatabase.h"
 #include "sql/SQLiteStatement.h"
 #include "sql/SQLiteTable.h"
+#include "sql/SQLiteTransaction.h"
+#include "sql/SQLiteWitness.h"
 #include "tests/support/support.h"
 
 namespace sd::data {
@@ -51,6 +53,54 @@ TEST_F(SqlTest, StatementsRefuseWhatIsNotOneCommand) {
     EXPECT_TRUE(mLog.has("executeCommand failed: prepare failed", 7));
 
     EXPECT_EQ(SQLiteStatement(db, "SELECT 1").step(), 0) << "it was not prepared";
+}
+
+// Writes a row of its own beside each commit, and keeps what came of it.
+struct Note : SQLiteWitness {
+    void beforeCommit(SQLiteDatabase& db) override {
+        EXPECT_TRUE(db.executeCommand("INSERT INTO n VALUES('" + std::to_string(told.size()) + "')"));
+    }
+    void afterCommit(bool isCommitted) override { told += isCommitted ? '+' : '-'; }
+    std::string told;
+};
+
+TEST_F(SqlTest, AWitnessWritesInTheSameCommitOrNotAtAll) {
+    SQLiteDatabase db(mPath);
+    SQLiteTable table(db, "t");
+    const TableField column{0, "a", 1, "", "", 0};
+    ASSERT_TRUE(table.create(&column, 1) && db.executeCommand("CREATE TABLE n(a)"));
+    const auto row = [&](const std::string& value) {
+        TableRow fields;
+        table.addFieldToRow(fields, 0, value);
+        return fields;
+    };
+    const auto stored = [&] { return test::query(mPath, "SELECT a FROM t UNION ALL SELECT a FROM n"); };
+    Note note;
+    {
+        const SQLiteWitnessed witnessed(note);
+        SQLiteTransaction transaction(db);
+        EXPECT_TRUE(table.insert(row("x")) && table.insert(row("y")) && note.told.empty());
+        EXPECT_TRUE(transaction.commit());
+        EXPECT_EQ(stored(), (Rows{{"x"}, {"y"}, {"0"}}));
+        EXPECT_TRUE(table.remove(row("x"))) << "by itself";
+        EXPECT_EQ(stored(), (Rows{{"y"}, {"0"}, {"1"}}));
+        SQLiteTransaction abandoned(db);
+        EXPECT_TRUE(table.remove(row("y")));
+    }
+    EXPECT_EQ(note.told, "++");
+    EXPECT_TRUE(table.remove(row("y")));
+    EXPECT_EQ(stored(), (Rows{{"0"}, {"1"}})) << "nobody is told any more";
+
+    // What the commit can't store the witness doesn't, either.
+    db.executeCommand("PRAGMA foreign_keys = ON");
+    ASSERT_TRUE(db.executeCommand("CREATE TABLE c(a REFERENCES p(a) DEFERRABLE INITIALLY DEFERRED)") &&
+                db.executeCommand("CREATE TABLE p(a PRIMARY KEY)"));
+    const SQLiteWitnessed witnessed(note);
+    SQLiteTransaction transaction(db);
+    ASSERT_TRUE(db.executeCommand("INSERT INTO c VALUES('orphan')"));
+    EXPECT_FALSE(transaction.commit());
+    EXPECT_EQ(note.told, "++-");
+    EXPECT_EQ(stored(), (Rows{{"0"}, {"1"}}));
 }
 
 TEST_F(SqlTest, WaitsFiveSecondsForAnotherWriterThenFails) {
