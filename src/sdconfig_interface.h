@@ -87,6 +87,7 @@ private:
     bool policiesStatus(Call& call);
     bool governingPolicies(Call& call);
     bool listMachinePolicies(Call& call);
+    bool listListeners(Call& call);
     bool listSlots(Call& call);
     bool protectRing(Call& call);
     bool unprotectRing(Call& call);

@@ -44,6 +44,9 @@ inline constexpr char kPoliciesStatus[] = "POLICIES_STATUS";
 inline constexpr char kPoliciesGoverning[] = "POLICIES_GOVERNING";
 inline constexpr char kPoliciesList[] = "POLICIES_LIST";
 
+// The same: what clients listen to.
+inline constexpr char kListenersList[] = "LISTENERS_LIST";
+
 // Beside them, the slots of a wrapped key ring.
 inline constexpr char kKeySlots[] = "KEY_SLOTS";
 inline constexpr char kKeyProtect[] = "KEY_PROTECT";

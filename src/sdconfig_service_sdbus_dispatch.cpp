@@ -99,6 +99,7 @@ const SDConfigInterface::Method SDConfigInterface::kMethods[] = {
     {protocol::kPoliciesStatus, &SDConfigInterface::policiesStatus},
     {protocol::kPoliciesGoverning, &SDConfigInterface::governingPolicies},
     {protocol::kPoliciesList, &SDConfigInterface::listMachinePolicies},
+    {protocol::kListenersList, &SDConfigInterface::listListeners},
     {protocol::kKeySlots, &SDConfigInterface::listSlots},
     {protocol::kKeyProtect, &SDConfigInterface::protectRing},
     {protocol::kKeyUnprotect, &SDConfigInterface::unprotectRing},

@@ -1,7 +1,11 @@
 // The service's registry of listeners.
+#include <cstddef>
+#include <cstdint>
+
 #include "platform/velmarlog/log_line.h"
 #include "src/sdconfig_helpers.h"
 #include "src/sdconfig_interface.h"
+#include "src/sdconfig_interface_call.h"
 #include "src/sdconfig_protocol.h"
 
 namespace sd {
@@ -9,6 +13,10 @@ namespace sd {
 namespace {
 constexpr char kTag[] = "sdconfig";
 constexpr char kSource[] = "src/sdconfig_service_sdbus";
+
+// Of one answer of the list.
+constexpr std::ptrdiff_t kListedMost = 1000;
+constexpr std::size_t kListedBytesMost = std::size_t{1} << 20;
 }  // namespace
 
 bool SDConfigInterface::RegisterListener(const std::string& key, bool flag) {
@@ -54,7 +62,7 @@ bool SDConfigInterface::UnRegisterListener(const std::string& key, bool /*flag*/
     return true;
 }
 
-// This and DMChanged take no lock: they run on the thread that alone changes the maps.
+// This, DMChanged and listListeners take no lock: they run on the thread that alone changes the maps.
 bool SDConfigInterface::IsAllConfigsAlreadyListened(const std::vector<std::string>& keys) {
     if (keys.empty()) {
         LOG(7, AT "keys is empty", HERE);
@@ -76,6 +84,26 @@ bool SDConfigInterface::DMChanged(const std::string& key, const std::string& val
     event->appendString(value);
     if (mListenerFlags[key]) event->appendBool(strong);
     publishEvent(event);
+    return true;
+}
+
+// Some of the keys that clients listen to, from the one after the given one on.
+bool SDConfigInterface::listListeners(Call& call) {
+    const auto begin = mListenerCounts.upper_bound(call.request->getString(0));
+    auto end = begin;
+    std::ptrdiff_t count = 0;
+    for (std::size_t bytes = 0; end != mListenerCounts.end() && count < kListedMost; ++end, ++count) {
+        bytes += end->first.size();
+        if (count > 0 && bytes > kListedBytesMost) break;
+    }
+    const auto reply = makeReply(call);
+    reply->appendBool(end != mListenerCounts.end());
+    reply->appendInt32(static_cast<int32_t>(count));
+    for (auto one = begin; one != end; ++one) {
+        reply->appendString(one->first);
+        reply->appendInt32(one->second);
+    }
+    sendMessage(reply);
     return true;
 }
 

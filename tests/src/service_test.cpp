@@ -213,6 +213,14 @@ TEST_F(ServiceTest, ListenersHearOfPropertiesAndOfTheFlagIfTheyAsked) {
     EXPECT_TRUE(ok("UNREG_LISTENER", "asked", true));
     EXPECT_TRUE(ok("SET_PROPERTY", "asked", "2"));
     for (const bool flag : {true, false}) EXPECT_TRUE(ok("REG_LISTENER", "asked", flag));  // the latest flag counts
+    EXPECT_TRUE(ok("REG_LISTENER", "later", true));
+    const Message first = call("LISTENERS_LIST", "");
+    EXPECT_EQ(first->signature(), "bisisi");
+    EXPECT_FALSE(first->getBool(0));
+    EXPECT_EQ(first->getString(2) + std::to_string(first->getInt32(3)), "asked2");
+    EXPECT_EQ(call("LISTENERS_LIST", "asked")->getString(2), "later");
+    EXPECT_EQ(call("LISTENERS_LIST", "later")->getInt32(1), 0);
+    EXPECT_TRUE(ok("UNREG_LISTENER", "later", true));
     EXPECT_TRUE(ok("SET_PROPERTY", "asked", "3"));
     for (int i = 0; i < 2; ++i) EXPECT_TRUE(ok("UNREG_LISTENER", "asked", true));
     EXPECT_TRUE(ok("SET_SECURE", "fence", "up"));
