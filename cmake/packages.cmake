@@ -73,7 +73,7 @@ set(CPACK_DEBIAN_LIBRARIES_PACKAGE_NAME ${package_of_libraries})
 set(CPACK_DEBIAN_LIBRARIES_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_LIBRARIES_PACKAGE_SHLIBDEPS ON)
 # What is loaded when it is first needed is in no list that dpkg-shlibdeps reads; it would say this of the names used.
-set(CPACK_DEBIAN_LIBRARIES_PACKAGE_DEPENDS "libsqlite3-0 (>= 3.5.9), libssl3 (>= 3.0.0)")
+set(CPACK_DEBIAN_LIBRARIES_PACKAGE_DEPENDS "libsqlite3-0 (>= 3.5.9), libssl3 (>= 3.0.0), libzstd1 (>= 1.4.0)")
 set(CPACK_DEBIAN_LIBRARIES_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/debian/triggers)
 
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "configuration library of a desktop client (development)

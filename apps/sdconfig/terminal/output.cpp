@@ -2,30 +2,17 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <optional>
 
 #include "apps/common/escaped.h"
 #include "apps/sdconfig/terminal/messages.h"
+#include "base/base64.h"
 
 namespace cli {
 
 namespace {
-
-std::string base64(const std::string& bytes) {
-    static constexpr char kDigits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string text;
-    for (std::size_t at = 0; at < bytes.size(); at += 3) {
-        const std::size_t count = std::min<std::size_t>(3, bytes.size() - at);
-        unsigned bits = 0;
-        for (std::size_t i = 0; i < 3; ++i)
-            bits = bits << 8 | (i < count ? static_cast<unsigned char>(bytes[at + i]) : 0u);
-        for (std::size_t i = 0; i < 4; ++i) text += i <= count ? kDigits[bits >> (18 - 6 * i) & 63u] : '=';
-    }
-    return text;
-}
 
 std::string lineOf(const Object& object) {
     return apps::escapedInJson(object.dump()) + "\n";
@@ -60,7 +47,7 @@ void addBytes(Object& object, const std::string& name, const std::string& bytes)
     if (fitsJson(bytes)) {
         object[name] = bytes;
     } else {
-        object[name + "_base64"] = base64(bytes);
+        object[name + "_base64"] = sd::toBase64(bytes);
     }
 }
 

@@ -1,0 +1,109 @@
+#include "trail/files.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+namespace sd::trail {
+
+namespace {
+
+constexpr std::string_view kBeginning = "trail-";
+constexpr std::string_view kEnding = ".jsonl";
+constexpr std::string_view kPacked = ".zst";
+constexpr std::size_t kDigits = 12;
+
+std::optional<RotatedFile> rotatedOf(const std::string& name) {
+    RotatedFile file{name};
+    if (name.compare(0, kBeginning.size(), kBeginning) != 0) return std::nullopt;
+    (void)std::from_chars(name.data() + kBeginning.size(), name.data() + name.size(), file.first);
+    file.isPacked = name == packedName(rotatedName(file.first));
+    return file.isPacked || name == rotatedName(file.first) ? std::optional(file) : std::nullopt;
+}
+
+std::string kindOf(mode_t mode) {
+    if (S_ISFIFO(mode)) return "is a pipe";
+    if (S_ISDIR(mode)) return "is a folder";
+    return S_ISSOCK(mode) ? "is a socket" : "is a device";
+}
+
+std::string distrustOf(int folder, const struct stat& status) {
+    struct stat owner {};
+    if (!S_ISREG(status.st_mode)) return kindOf(status.st_mode);
+    if (::fstat(folder, &owner) != 0) return reasonOf("its folder can't be looked at", errno);
+    if (status.st_uid != owner.st_uid) return "belongs to the user " + std::to_string(status.st_uid);
+    return (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 ? "is writable by others" : "";
+}
+
+}  // namespace
+
+std::string reasonOf(const char* what, int failure) {
+    return std::string(what) + ": " + std::strerror(failure);
+}
+
+std::string rotatedName(std::uint64_t first) {
+    const std::string digits = std::to_string(first);
+    std::string name(kBeginning);
+    if (digits.size() < kDigits) name.append(kDigits - digits.size(), '0');
+    return name.append(digits).append(kEnding);
+}
+
+std::string packedName(const std::string& rotated) {
+    return rotated + std::string(kPacked);
+}
+
+UniqueFd openFolder(const std::string& path) {
+    return UniqueFd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+}
+
+std::vector<RotatedFile> listRotated(int folder) {
+    // Opened anew: a folder's descriptor has one place in its list.
+    UniqueFd own(::openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const std::unique_ptr<DIR, int (*)(DIR*)> list(own ? ::fdopendir(own.get()) : nullptr, ::closedir);
+    if (!list) return {};
+    (void)own.release();
+    std::map<std::uint64_t, RotatedFile> found;
+    while (const dirent* const entry = ::readdir(list.get())) {  // NOLINT(concurrency-mt-unsafe): a list of our own
+        std::optional<RotatedFile> file = rotatedOf(entry->d_name);
+        if (!file) continue;
+        const auto [at, isNew] = found.emplace(file->first, *file);
+        if (!isNew && !file->isPacked) at->second = std::move(*file);
+    }
+    std::vector<RotatedFile> files;
+    for (auto& [first, file] : found) files.push_back(std::move(file));
+    return files;
+}
+
+OpenedFile openFile(int folder, const std::string& name, int flags) {
+    OpenedFile opened;
+    UniqueFd file(::openat(folder, name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0600));
+    if (!file) {
+        opened.isAbsent = errno == ENOENT;
+        if (errno == ELOOP)
+            opened.problem = "is a link";
+        else if (errno == ENXIO)
+            opened.problem = "is a pipe or a socket";
+        else if (!opened.isAbsent)
+            opened.problem = reasonOf("can't be opened", errno);
+        return opened;
+    }
+    if (::fstat(file.get(), &opened.status) != 0)
+        opened.problem = reasonOf("can't be looked at", errno);
+    else
+        opened.problem = distrustOf(folder, opened.status);
+    if (opened.problem.empty()) opened.file = std::move(file);
+    return opened;
+}
+
+}  // namespace sd::trail
