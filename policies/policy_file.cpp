@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <iterator>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <unordered_map>
@@ -10,6 +9,7 @@
 #include "base/escaped.h"
 #include "base/letter_case.h"
 #include "base/limits.h"
+#include "base/tracked_text.h"
 #include "policies/policy_value.h"
 
 namespace sd {
@@ -44,46 +44,6 @@ std::string unfitUser(const std::string& user) {
     return "";
 }
 
-// Where the parser is. It reads one byte beyond a number, and never beyond a text.
-struct Position {
-    int line = 1;
-    char last = 0;
-    bool atEnd = false;
-
-    int lineOfToken() const { return last == '\n' ? line - 1 : line; }
-};
-
-// Hands out the bytes of the text, and keeps the position.
-class TrackingIterator {
-public:
-    using iterator_category = std::input_iterator_tag;
-    using value_type = char;
-    using difference_type = std::ptrdiff_t;
-    using pointer = const char*;
-    using reference = const char&;
-
-    TrackingIterator(const char* at, const char* end, Position* position) : mAt(at), mEnd(end), mPosition(position) {}
-    reference operator*() const { return *mAt; }
-    TrackingIterator& operator++() {
-        mPosition->last = *mAt;
-        if (*mAt == '\n') ++mPosition->line;
-        mPosition->atEnd = ++mAt == mEnd;
-        return *this;
-    }
-    TrackingIterator operator++(int) {
-        TrackingIterator before = *this;
-        ++*this;
-        return before;
-    }
-    bool operator==(const TrackingIterator& other) const { return mAt == other.mAt; }
-    bool operator!=(const TrackingIterator& other) const { return mAt != other.mAt; }
-
-private:
-    const char* mAt;
-    const char* mEnd;
-    Position* mPosition;
-};
-
 constexpr char kNameTheKey[] = "name the key in 1 byte to 64 KiB, without a zero byte";
 constexpr char kKeepOne[] = "keep one of the two: they are one policy";
 constexpr char kOtherValue[] = R"(give another value, or "" for none)";
@@ -95,7 +55,7 @@ enum class AtFault { Stop, GoOn };
 // Takes the parser's events. Each returns whether to go on; that at which it doesn't has told the fault.
 class PolicyReader {
 public:
-    PolicyReader(const Position& position, PolicyForm form, AtFault atFault)
+    PolicyReader(const TextPosition& position, PolicyForm form, AtFault atFault)
         : mPosition(position), mForm(form), mAtFault(atFault) {}
 
     bool null() { return wrongKind(); }
@@ -254,7 +214,7 @@ private:
         int line;
     };
 
-    const Position& mPosition;
+    const TextPosition& mPosition;
     const PolicyForm mForm;
     const AtFault mAtFault;
     LintedPolicies mFound;
@@ -276,7 +236,7 @@ LintedPolicies readPolicies(const std::string& text, PolicyForm form, AtFault at
         return {{},
                 {{1, "", "", "begins with a byte order mark; save it as UTF-8 without one",
                   "nothing behind it was looked at"}}};
-    Position position;
+    TextPosition position;
     PolicyReader reader(position, form, atFault);
     const char* const end = text.data() + text.size();
     (void)json::sax_parse(TrackingIterator(text.data(), end, &position), TrackingIterator(end, end, &position),

@@ -8,9 +8,9 @@
 
 #include "apps/common/usage.h"
 #include "apps/sdconfig/command_line/command_table.h"
-#include "apps/sdconfig/command_line/suggestion.h"
 #include "apps/sdconfig/terminal/messages.h"
 #include "apps/sdconfig/terminal/output.h"
+#include "base/nearest.h"
 
 namespace cli {
 
@@ -91,7 +91,7 @@ std::string meantCommand(const CLI::App& group, const std::string& groupName, co
     std::vector<std::string> names;
     for (const CLI::App* one : group.get_subcommands([](const CLI::App*) { return true; }))
         names.push_back(one->get_name());
-    const std::string near = nearest(word, names);
+    const std::string near = sd::nearest(word, {names.begin(), names.end()});
     if (!near.empty()) return groupName.empty() ? near : groupName + " " + near;
     const auto same =
         std::find_if(commands().begin(), commands().end(), [&](const Command& one) { return one.name == word; });

@@ -1,0 +1,22 @@
+// Names that stand for several keys: in "velmar.printer.*.name", "*" is what stands between two dots.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace sd {
+
+// Why it is no glob; "" where it is one. A "*" stands for one or more characters, but no dot. Before the first dot
+// there is none, so that nothing describes the keys of everybody.
+std::string unfitGlob(std::string_view glob);
+
+// Whether it stands for the key, in whatever letter case.
+bool fitsGlob(std::string_view key, std::string_view glob);
+
+// Whether there is a key that both stand for.
+bool doGlobsMeet(std::string_view one, std::string_view other);
+
+// How much of it is said: of two that stand for a key, the one with more of it counts.
+std::size_t lettersOf(std::string_view glob);
+
+}  // namespace sd
