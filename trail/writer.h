@@ -76,6 +76,7 @@ public:
     // Opens the trail or begins one, by its last line alone, whatever its length. What stands behind the last sound
     // line is kept aside (trail.torn) and cut away. slots: the texts of all slots of all databases, in any order; lines
     // that the file lacks are put back and synced, so that all slots are free then. Call it once, before all others.
+    // Throws LibraryFailure (base/shared_library.h) where there is no libcrypto; nothing else throws.
     Opening open(const std::vector<std::string>& slots);
 
     // Makes the lines of the entries of one commit, and sets what of an entry is 0 or "" and the writer's: seq, the
@@ -93,8 +94,11 @@ public:
     bool sync();
 
     // The key for digests of values, the same for as long as it is at hand, so that they can be compared; "" as long as
-    // there is none. Where it is not at hand any more, goes on under the sealing key, and an entry TRAIL_KEY says so.
+    // there is none. It may be locked now, or gone.
     std::string key();
+    // The same, for when no digest could be made under key(): where there is a sealing key nevertheless, the trail goes
+    // on under that one from now on, and an entry TRAIL_KEY says so.
+    std::string renewedKey();
 
     WriterStatus status() const;
 

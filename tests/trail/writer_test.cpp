@@ -1,0 +1,327 @@
+// The trail's writer: what a reader finds after commits, kills, other people's hands, full disks, and rotations.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <thread>
+
+#include "tests/support/support.h"
+#include "tests/trail/trail_support.h"
+#include "trail/files.h"
+#include "trail/verify.h"
+#include "trail/writer.h"
+
+using namespace sd::trail;
+using test::entryOf;
+using test::storyOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+namespace fs = std::filesystem;
+
+namespace {
+
+class WriterTest : public testing::Test {
+protected:
+    // The slots as a database has them.
+    using Slots = std::array<std::string, kSlots>;
+
+    WriterOptions options() {
+        return {mFolder.path(), std::uint64_t{8} << 20, 4, mKeys.digest(), [this] { return mKeys.sealing(); }};
+    }
+    std::string path(const std::string& name = kCurrentFile) const { return mFolder.path() + "/" + name; }
+    std::string problem() { return verify(mFolder.path(), mKeys.digest()).problem; }
+
+    std::vector<RotatedFile> rotated() const { return listRotated(openFolder(mFolder.path()).get()); }
+    bool isAllPacked() const {
+        const std::vector<RotatedFile> files = rotated();
+        return std::all_of(files.begin(), files.end(), [](const RotatedFile& file) { return file.isPacked; });
+    }
+
+    // A change that is committed.
+    void commit(Writer& writer, const std::vector<Entry>& entries) {
+        const Carried carried = writer.prepare(entries);
+        if (!carried.text.empty()) mSlots[static_cast<std::size_t>(carried.slot)] = carried.text;
+        writer.confirm();
+    }
+    Opening open(Writer& writer) { return writer.open({mSlots.begin(), mSlots.end()}); }
+
+    test::TempDir mFolder;
+    test::Keys mKeys;
+    Slots mSlots;
+};
+
+}  // namespace
+
+TEST_F(WriterTest, CommitsAreThereAndDroppedOnesAreNot) {
+    {
+        Writer writer(options());
+        EXPECT_TRUE(open(writer).isNew);
+        (void)writer.append(entryOf("START"));
+        commit(writer, {entryOf("SET_SECURE", "a")});
+        (void)writer.prepare({entryOf("SET_SECURE", "dropped")});
+        writer.drop();
+        EXPECT_EQ(writer.append(entryOf("SET_SECURE", "failed")), 3u);
+        commit(writer, {entryOf("SET_POLICY", "b"), entryOf("SET_POLICY", "c")});
+        EXPECT_THAT(mSlots[1], HasSubstr("failed"));  // so that the chain of the slots has no hole
+        (void)writer.append(entryOf("END"));
+        EXPECT_TRUE(writer.sync());
+        EXPECT_EQ(writer.status().onDisk, 6u);
+        EXPECT_EQ(verify(mFolder.path(), mKeys.digest(), writer.status().head).problem, "");
+    }
+    EXPECT_THAT(storyOf(mFolder.path()),
+                ElementsAre("START", "SET_SECURE a", "SET_SECURE failed", "SET_POLICY b", "SET_POLICY c", "END"));
+    EXPECT_EQ(test::linesOf({mFolder.path(), Order::NewestFirst})[1].entry.cause, 4u);
+    struct stat status {};
+    ASSERT_EQ(::stat(path().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777u, 0600u);
+
+    Writer writer(options());
+    const Opening opening = open(writer);
+    EXPECT_TRUE(opening.wasEnded);
+    EXPECT_EQ(opening.putBack, 0u);
+    EXPECT_THAT(opening.damages, testing::IsEmpty());
+    EXPECT_EQ(writer.append(entryOf("START")), 7u);
+    EXPECT_EQ(problem(), "");
+}
+
+TEST_F(WriterTest, WhatAPowerCutTookFromTheFileComesFromTheSlots) {
+    {
+        Writer writer(options());
+        open(writer);
+        for (int i = 0; i < 100; ++i) {
+            if (i % 3 == 0) (void)writer.append(entryOf("REFUSED"));
+            commit(writer, {entryOf("SET_SECURE", std::to_string(i))});
+        }
+    }
+    const std::string whole = test::contentOf(path());
+    const std::vector<std::string> story = storyOf(mFolder.path());
+    for (std::size_t size = whole.size() - 6000; size <= whole.size(); size += 97) {
+        test::putContent(path(), whole.substr(0, size) + (size % 2 == 0 ? std::string(size % 5000, '\0') : ""));
+        const bool isTorn = size % 2 == 0 ? size % 5000 > 0 : whole[size - 1] != '\n';
+        Writer writer(options());
+        const Opening opening = open(writer);
+        EXPECT_EQ(opening.damages.size(), isTorn ? 1u : 0u) << size;
+        std::vector<std::string> found = storyOf(mFolder.path());
+        if (isTorn) {
+            EXPECT_EQ(found.back(), "DAMAGE");
+            found.pop_back();
+        }
+        EXPECT_EQ(found, story) << size;
+        EXPECT_EQ(problem(), "") << size;
+    }
+    // More than that no power cut takes: somebody did.
+    test::putContent(path(), whole.substr(0, whole.find('\n') + 1));
+    Writer writer(options());
+    EXPECT_THAT(open(writer).damages, ElementsAre(HasSubstr("are missing")));
+    EXPECT_THAT(problem(), HasSubstr("behind entry 1"));
+}
+
+TEST_F(WriterTest, ACommitThatWasToldAsFailedAndWasMadeIsTold) {
+    {
+        Writer writer(options());
+        open(writer);
+        (void)writer.append(entryOf("START"));
+        const Carried carried = writer.prepare({entryOf("SET_SECURE", "a")});
+        mSlots[7] = carried.text;
+        writer.drop();
+        (void)writer.append(entryOf("SET_SECURE", "failed"));
+    }
+    {
+        Writer writer(options());
+        EXPECT_THAT(open(writer).damages, ElementsAre(HasSubstr("a commit was made that had been told as failed")));
+        (void)writer.append(entryOf("START"));
+    }
+    EXPECT_THAT(storyOf(mFolder.path()), ElementsAre("START", "SET_SECURE failed", "DAMAGE a", "START"));
+    Writer writer(options());
+    EXPECT_THAT(open(writer).damages, testing::IsEmpty());  // it was told
+}
+
+TEST_F(WriterTest, OtherHandsOnTheFileAreTold) {
+    Writer writer(options());
+    open(writer);
+    const struct {
+        std::function<void()> act;
+        const char* told;
+        bool isLoss;
+    } kHands[] = {
+        {[&] { test::putContent(path(), test::contentOf(path()) + "somebody's line\n"); }, "16 bytes behind the last",
+         false},
+        {[&] { test::putContent(path(), test::contentOf(path()) + std::string(1 << 20, '\0')); }, "1048576 bytes",
+         false},
+        {[&] { fs::rename(path(), path("away")), ::mkfifo(path().c_str(), 0600); }, "is a pipe; it is trail.torn now",
+         true},
+        {[&] { fs::rename(path(), path("away")), fs::create_symlink("away", path()); }, "is a link", true},
+        {[&] { fs::remove(path()); }, "was taken away, and was left with entry", true},
+        {[&] { fs::resize_file(path(), fs::file_size(path()) / 2); }, "ended with entry", true},
+    };
+    for (const auto& hand : kHands) {
+        for (const char* key : {"1", "2", "3"}) commit(writer, {entryOf("SET_SECURE", key)});
+        hand.act();
+        (void)writer.append(entryOf("SET_SECURE", "next"));
+        EXPECT_EQ(writer.status().waiting, 0u) << hand.told;
+        std::vector<Line> lines = test::linesOf({mFolder.path(), Order::NewestFirst});
+        std::string why;
+        while (lines.back().entry.key != "next") lines.pop_back();
+        for (const Line& line : lines) why += line.entry.what + " " + line.entry.why + "\n";
+        EXPECT_THAT(why, HasSubstr(hand.told));
+        EXPECT_EQ(problem().empty(), !hand.isLoss) << hand.told << problem();
+    }
+}
+
+TEST_F(WriterTest, AFullDiskStopsNobodyAndTheGapIsTold) {
+    Writer writer(options());
+    open(writer);
+    (void)writer.append(entryOf("START"));
+    ::signal(SIGXFSZ, SIG_IGN);
+    rlimit limit{};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &limit), 0);
+    const rlimit full{fs::file_size(path()) + 100, limit.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &full), 0);
+    const std::string longKey(60000, 'k');
+    for (int i = 0; i < 100; ++i) commit(writer, {entryOf("SET_SECURE", longKey)});
+    const WriterStatus status = writer.status();
+    EXPECT_GT(status.waiting, 50u);
+    EXPECT_EQ(status.waiting + status.lost, 100u);
+    EXPECT_THAT(status.why, HasSubstr("File too large"));
+    EXPECT_FALSE(writer.sync());
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
+    (void)writer.append(entryOf("SET_SECURE", "after"));
+    EXPECT_TRUE(writer.sync());
+    const std::vector<Line> lines = test::linesOf({mFolder.path(), Order::NewestFirst});
+    EXPECT_EQ(lines.size(), status.waiting + 3);
+    EXPECT_EQ(lines[0].entry.key, "after");
+    EXPECT_EQ(lines[1].entry.what, "GAP");
+    EXPECT_EQ(lines[1].entry.count, status.lost);
+    EXPECT_EQ(problem(), "");
+}
+
+TEST_F(WriterTest, EntriesWaitForTheRingAndOutliveItsKey) {
+    mKeys.set({});
+    Writer writer(options());
+    open(writer);
+    (void)writer.append(entryOf("START"));
+    commit(writer, {entryOf("SET_POLICY", "a"), entryOf("SET_POLICY", "b")});
+    EXPECT_THAT(storyOf(mFolder.path()), ElementsAre());
+    EXPECT_EQ(writer.status().waiting, 3u);
+    EXPECT_EQ(writer.status().why, "the key ring is absent or locked");
+    mKeys.set({"k2"});
+    writer.flush();
+    EXPECT_EQ(writer.key(), "k2");
+    mKeys.set({"k1"});  // k2 was pruned
+    EXPECT_EQ(writer.key(), "k2");
+    commit(writer, {entryOf("SET_POLICY", "c"), entryOf("SET_POLICY", "d")});
+    EXPECT_THAT(storyOf(mFolder.path()),
+                ElementsAre("START", "SET_POLICY a", "SET_POLICY b", "TRAIL_KEY", "SET_POLICY c", "SET_POLICY d"));
+    const std::vector<Line> lines = test::linesOf({mFolder.path(), Order::OldestFirst});
+    EXPECT_EQ(lines[2].entry.cause, 2u);
+    EXPECT_EQ(lines[5].entry.cause, 5u);
+    EXPECT_EQ(problem(), "");
+    mKeys.set({"k2"});  // the last lines are nobody's
+    EXPECT_THAT(problem(), HasSubstr("attested by no key at hand"));
+}
+
+TEST_F(WriterTest, MoreThanASlotTakesIsOneEntry) {
+    Writer writer(options());
+    open(writer);
+    const std::vector<Entry> entries(100, entryOf("DM_CLEAR_ALL_KEYS", std::string(60000, 'k')));
+    commit(writer, entries);
+    EXPECT_THAT(storyOf(mFolder.path()), ElementsAre("DM_CLEAR_ALL_KEYS"));
+    EXPECT_EQ(test::linesOf({mFolder.path(), Order::OldestFirst})[0].entry.count, 100u);
+}
+
+// Also how to follow a trail: a reader that is asked again.
+TEST_F(WriterTest, RotationsKeepTheChainAndDropTheOldest) {
+    WriterOptions small = options();
+    small.bytesMax = 20000;
+    std::uint64_t last = 0, followed = 0;
+    {
+        Writer writer(small);
+        open(writer);
+        Reader follower(mFolder.path(), Order::OldestFirst);
+        for (int round = 0; round < 9; ++round) {
+            for (int i = 0; i < 100; ++i) commit(writer, {entryOf("SET_SECURE", "key" + std::to_string(i))});
+            for (int i = 0; i < 1000 && fs::file_size(path()) > small.bytesMax; ++i) ::usleep(10000);
+            for (Line line; follower.next(line);) {
+                EXPECT_EQ(line.problem, "");
+                EXPECT_EQ(line.entry.seq, ++followed);
+            }
+        }
+        last = writer.status().head.seq;
+        for (int i = 0; i < 1000 && !isAllPacked(); ++i) ::usleep(10000);
+    }
+    EXPECT_EQ(followed, last);
+    const std::vector<RotatedFile> files = rotated();
+    ASSERT_EQ(files.size(), 4u);
+    EXPECT_TRUE(isAllPacked());
+    const Verdict verdict = verify(mFolder.path(), mKeys.digest());
+    EXPECT_EQ(verdict.problem, "");
+    EXPECT_EQ(verdict.head.seq, last);
+    EXPECT_GT(verdict.first, 1u);
+    EXPECT_EQ(test::linesOf({mFolder.path(), Order::NewestFirst}).size(), verdict.lines);
+    fs::remove(path(files.front().name));
+    EXPECT_THAT(problem(), HasSubstr("what is kept begins with entry " + std::to_string(verdict.first)));
+}
+
+TEST_F(WriterTest, ARotationThatWasNotFinishedIsGoneOnWith) {
+    {
+        Writer writer(options());
+        open(writer);
+        for (int i = 0; i < 10; ++i) commit(writer, {entryOf("SET_SECURE", "a")});
+    }
+    fs::rename(path(), path(rotatedName(1)));
+    Writer writer(options());
+    EXPECT_FALSE(open(writer).isNew);
+    EXPECT_EQ(writer.append(entryOf("START")), 11u);
+    EXPECT_EQ(problem(), "");
+}
+
+TEST_F(WriterTest, AForkedChildLeavesItAlone) {
+    auto writer = std::make_unique<Writer>(options());
+    open(*writer);
+    (void)writer->append(entryOf("START"));
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const bool isLeftAlone = writer->append(entryOf("SET_SECURE", "child")) == 0 && !writer->sync();
+        writer.reset();
+        ::_exit(isLeftAlone ? 0 : 1);
+    }
+    int status = 1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(writer->append(entryOf("END")), 2u);
+    EXPECT_EQ(problem(), "");
+}
+
+// The service's thread writes, while others ask how it is and read.
+TEST_F(WriterTest, ThreadsAndReadersBesideIt) {
+    WriterOptions small = options();
+    small.bytesMax = 100000;
+    small.keep = 100;
+    Writer writer(small);
+    open(writer);
+    std::thread other([&] {
+        for (int i = 0; i < 300; ++i) (void)writer.append(entryOf("REFUSED")), (void)writer.status();
+    });
+    for (int i = 0; i < 300; ++i) {
+        commit(writer, {entryOf("SET_SECURE", "a")});
+        if (i % 30 == 0) {
+            EXPECT_EQ(problem(), "");
+        }
+    }
+    other.join();
+    EXPECT_TRUE(writer.sync());
+    const std::vector<std::string> story = storyOf(mFolder.path());
+    EXPECT_EQ(std::count(story.begin(), story.end(), "SET_SECURE a"), 300);
+    EXPECT_EQ(std::count(story.begin(), story.end(), "REFUSED"), 300);
+    EXPECT_EQ(problem(), "");
+}

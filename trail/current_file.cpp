@@ -1,0 +1,198 @@
+#include "trail/current_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <optional>
+#include <utility>
+
+#include "trail/blocks.h"
+#include "trail/files.h"
+
+namespace sd::trail {
+
+namespace {
+
+// How far from the end the last sound line is looked for. No crash leaves more behind it than was written in a moment.
+constexpr std::uint64_t kTailBytesMax = std::uint64_t{16} << 20;
+
+struct LastLine {
+    Head head;
+    Entry entry;
+    std::uint64_t end = 0;  // where it ends in the file, with its newline
+};
+
+// Goes back from the end of a file to its last line that is an entry, and is not known to be changed.
+class TailSearch {
+public:
+    TailSearch(int file, std::uint64_t size, const Digest& digest)
+        : mBlocks(plainBlocks(file)), mLowest(size - std::min(size, kTailBytesMax)), mDigest(digest) {
+        mBlocks->setPlace(size);
+    }
+
+    std::optional<LastLine> run() {
+        while (true) {
+            std::size_t newline = mBytes.rfind('\n');
+            if (newline == std::string::npos) {
+                if (mBytes.size() > kLineBytesMax) mBytes.clear();  // no line that is sound
+                if (!readBlock()) return std::nullopt;
+                continue;
+            }
+            mBytes.resize(newline);
+            if (std::optional<LastLine> found = lineBefore()) return found;
+            if (mBytes.empty() && mBlocks->place() <= mLowest) return std::nullopt;
+        }
+    }
+
+private:
+    bool readBlock() {
+        if (mBlocks->place() <= mLowest) return false;
+        std::string block = mBlocks->previous();
+        mBytes.insert(0, block);
+        return !block.empty();
+    }
+
+    // The bytes end before a newline.
+    std::optional<LastLine> lineBefore() {
+        std::size_t begin = mBytes.rfind('\n');
+        while (begin == std::string::npos && mBytes.size() <= kLineBytesMax && readBlock()) begin = mBytes.rfind('\n');
+        begin = begin == std::string::npos ? 0 : begin + 1;
+        const std::string_view text = std::string_view(mBytes).substr(begin);
+        LastLine found;
+        std::string problem;
+        if (parseLine(text, found.entry, problem) && isAttested(text, found.entry, mDigest) != false) {
+            found.head = {found.entry.seq, lineDigest(text)};
+            found.end = mBlocks->place() + mBytes.size() + 1;
+            return found;
+        }
+        mBytes.resize(begin);
+        return std::nullopt;
+    }
+
+    const std::unique_ptr<Blocks> mBlocks;
+    const std::uint64_t mLowest;
+    const Digest& mDigest;
+    std::string mBytes;  // from the place of the blocks on
+};
+
+std::string bytesText(std::uint64_t bytes) {
+    return std::to_string(bytes) + (bytes == 1 ? " byte" : " bytes");
+}
+
+}  // namespace
+
+CurrentFile::Found CurrentFile::open(const Digest& digest) {
+    Found found;
+    close();
+    OpenedFile opened = openFile(mFolder, kCurrentFile, O_RDWR | O_APPEND);
+    if (!opened.file && !opened.isAbsent) {
+        found.damage = std::string(kCurrentFile) + " " + opened.problem + setAside();
+        opened.isAbsent = true;
+    }
+    if (opened.file) {
+        const auto size = static_cast<std::uint64_t>(opened.status.st_size);
+        const std::optional<LastLine> last = TailSearch(opened.file.get(), size, digest).run();
+        adopt(std::move(opened.file), opened.status);
+        if (last && last->end < size) keepTail(last->end, found.damage);
+        if (last) {
+            found.head = last->head;
+            found.last = last->entry;
+        } else if (size > 0) {
+            found.damage = std::string(kCurrentFile) + " has no sound line at its end" + setAside();
+            close();
+            opened.isAbsent = true;
+        }
+    }
+    if (!opened.isAbsent) return found;
+    found.isNew = found.damage.empty();
+    opened = openFile(mFolder, kCurrentFile, O_RDWR | O_APPEND | O_CREAT | O_EXCL);
+    if (opened.file)
+        adopt(std::move(opened.file), opened.status);
+    else
+        found.problem = std::string(kCurrentFile) + " " + (opened.isAbsent ? "has no folder" : opened.problem);
+    return found;
+}
+
+void CurrentFile::adopt(UniqueFd file, const struct stat& status) {
+    mFile = std::make_shared<UniqueFd>(std::move(file));
+    mDevice = status.st_dev;
+    mInode = status.st_ino;
+    mSize = static_cast<std::uint64_t>(status.st_size);
+}
+
+void CurrentFile::close() {
+    mFile.reset();
+    mSize = 0;
+}
+
+bool CurrentFile::isOurs() const {
+    struct stat named {};
+    return mFile && ::fstatat(mFolder, kCurrentFile, &named, AT_SYMLINK_NOFOLLOW) == 0 && named.st_ino == mInode &&
+           named.st_dev == mDevice && static_cast<std::uint64_t>(named.st_size) == mSize;
+}
+
+std::string CurrentFile::append(std::string_view lines) {
+    std::size_t done = 0;
+    while (done < lines.size()) {  // once, but for a disk that is about to be full
+        const ssize_t written = ::write(mFile->get(), lines.data() + done, lines.size() - done);
+        if (written < 0 && errno == EINTR) continue;
+        if (written <= 0) break;
+        done += static_cast<std::size_t>(written);
+    }
+    if (done == lines.size()) {
+        mSize += done;
+        return "";
+    }
+    std::string problem = reasonOf("trail.jsonl can't be written", errno);
+    // A part of a line is cut away now, or by the next opening.
+    if (done > 0 && ::ftruncate(mFile->get(), static_cast<off_t>(mSize)) != 0) close();
+    return problem;
+}
+
+std::string CurrentFile::rotate(std::uint64_t lastSeq, std::string& name) {
+    const std::uint64_t first = firstSeq();
+    name = rotatedName(first != 0 ? first : lastSeq);
+    if (::renameat(mFolder, kCurrentFile, mFolder, name.c_str()) != 0)
+        return reasonOf("trail.jsonl can't be renamed", errno);
+    close();
+    return "";
+}
+
+// Keeps what stands from there on in the file aside, and cuts it away.
+void CurrentFile::keepTail(std::uint64_t from, std::string& damage) {
+    const std::unique_ptr<Blocks> blocks = plainBlocks(mFile->get());
+    blocks->setPlace(from);
+    const OpenedFile kept = openFile(mFolder, kTornFile, O_WRONLY | O_CREAT | O_TRUNC);
+    bool isKept = static_cast<bool>(kept.file);
+    for (std::string block = blocks->next(); isKept && !block.empty(); block = blocks->next())
+        isKept = ::write(kept.file.get(), block.data(), block.size()) == static_cast<ssize_t>(block.size());
+    damage = bytesText(mSize - from) + " behind the last sound line of " + kCurrentFile +
+             (isKept ? std::string(" are in ") + kTornFile : " could not be kept aside");
+    if (::ftruncate(mFile->get(), static_cast<off_t>(from)) == 0) mSize = from;
+}
+
+std::string CurrentFile::setAside() {
+    if (::renameat(mFolder, kCurrentFile, mFolder, kTornFile) == 0) return std::string("; it is ") + kTornFile + " now";
+    return reasonOf("; it can't be renamed", errno);
+}
+
+// 0 where its first line is none.
+std::uint64_t CurrentFile::firstSeq() const {
+    const std::unique_ptr<Blocks> blocks = plainBlocks(mFile->get());
+    std::string bytes;
+    std::size_t end = std::string::npos;
+    while ((end = bytes.find('\n')) == std::string::npos && bytes.size() <= kLineBytesMax) {
+        const std::string block = blocks->next();
+        if (block.empty()) return 0;
+        bytes += block;
+    }
+    Entry entry;
+    std::string problem;
+    return parseLine(std::string_view(bytes).substr(0, end), entry, problem) ? entry.seq : 0;
+}
+
+}  // namespace sd::trail

@@ -1,0 +1,111 @@
+#include "trail/packer.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdio>
+#include <stdexcept>
+#include <string_view>
+#include <vector>
+
+#include "trail/entry.h"
+#include "trail/files.h"
+#include "trail/packed.h"
+
+namespace sd::trail {
+
+namespace {
+
+std::string partName(const std::string& rotated) {
+    return packedName(rotated) + ".part";
+}
+
+std::size_t dropped(const std::vector<RotatedFile>& files, int keep) {
+    return files.size() - std::min(files.size(), static_cast<std::size_t>(std::max(keep, 1)));
+}
+
+}  // namespace
+
+bool Packer::step() {
+    if (mIsDone) return false;
+    try {
+        if (mName.empty() && !begin()) return !(mIsDone = true);
+        return packBlock() || giveUp();
+    } catch (const std::runtime_error&) {  // no libzstd: they stay as they are
+        (void)giveUp();
+        return !(mIsDone = true);
+    }
+}
+
+void Packer::look() {
+    mIsDone = false;
+    if (!mName.empty() && ::faccessat(mFolder, mName.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) != 0) (void)giveUp();
+}
+
+bool Packer::begin() {
+    for (const RotatedFile& file : listRotated(mFolder)) {
+        if (file.isPacked || file.first <= mTried) continue;
+        mTried = file.first;
+        mFrom = openFile(mFolder, file.name, O_RDONLY).file;
+        if (!mFrom) continue;
+        mName = file.name;
+        mPlace = 0;
+        (void)::unlinkat(mFolder, partName(mName).c_str(), 0);
+        mTo = openFile(mFolder, partName(mName), O_WRONLY | O_CREAT | O_EXCL).file;
+        return static_cast<bool>(mTo) || (giveUp(), false);
+    }
+    return false;
+}
+
+// Whole lines of about kBlockBytes, or one that is longer.
+bool Packer::packBlock() {
+    std::string lines(kLineBytesMax + 1, '\0');
+    const ssize_t count = ::pread(mFrom.get(), lines.data(), lines.size(), static_cast<off_t>(mPlace));
+    if (count <= 0) return count == 0 && finish();
+    lines.resize(static_cast<std::size_t>(count));
+    std::size_t end = lines.rfind('\n', kBlockBytes - 1);
+    if (end == std::string::npos) end = lines.find('\n');
+    if (end == std::string::npos) return false;
+    const std::string packed = packedBlock(std::string_view(lines).substr(0, end + 1));
+    mPlace += end + 1;
+    return ::write(mTo.get(), packed.data(), packed.size()) == static_cast<ssize_t>(packed.size());
+}
+
+bool Packer::finish() {
+    if (::fsync(mTo.get()) != 0 ||
+        ::renameat(mFolder, partName(mName).c_str(), mFolder, packedName(mName).c_str()) != 0)
+        return false;
+    (void)::fsync(mFolder);
+    (void)::unlinkat(mFolder, mName.c_str(), 0);
+    mName.clear();
+    mFrom.reset();
+    mTo.reset();
+    return true;
+}
+
+// Leaves the file as it is.
+bool Packer::giveUp() {
+    if (!mName.empty()) (void)::unlinkat(mFolder, partName(mName).c_str(), 0);
+    mName.clear();
+    mFrom.reset();
+    mTo.reset();
+    return true;
+}
+
+void dropOldest(int folder, int keep) {
+    const std::vector<RotatedFile> files = listRotated(folder);
+    for (std::size_t i = 0; i < dropped(files, keep); ++i) {
+        const std::string name = rotatedName(files[i].first);
+        for (const std::string& form : {name, packedName(name), partName(name)})
+            (void)::unlinkat(folder, form.c_str(), 0);
+    }
+}
+
+std::uint64_t oldestKept(int folder, int keep) {
+    const std::vector<RotatedFile> files = listRotated(folder);
+    return files.empty() ? 0 : files[dropped(files, keep)].first;
+}
+
+}  // namespace sd::trail

@@ -1,0 +1,42 @@
+// Packs the rotated files of a trail, a block at a time, so that whoever has more urgent work does it in between.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "base/unique_fd.h"
+
+namespace sd::trail {
+
+class Packer {
+public:
+    // folder: stays open for as long as this is used.
+    explicit Packer(int folder) : mFolder(folder) {}
+
+    // Packs the next block of the oldest file that is not packed yet. False where nothing is left that can be: then not
+    // before look() is there any. A file takes the place of the other once it is on the disk.
+    bool step();
+    // Says that there may be files to pack, and that some may have gone.
+    void look();
+
+private:
+    bool begin();
+    bool packBlock();
+    bool finish();
+    bool giveUp();
+
+    const int mFolder;
+    bool mIsDone = false;
+    std::uint64_t mTried = 0;  // files up to that number were packed, or can't be
+    std::string mName;         // of the file that is being packed; "": none
+    UniqueFd mFrom, mTo;
+    std::uint64_t mPlace = 0;
+};
+
+// Removes the oldest rotated files but for the newest `keep`, in any form.
+void dropOldest(int folder, int keep);
+// Number of the oldest entry that is there after that; 0: no file is.
+std::uint64_t oldestKept(int folder, int keep);
+
+}  // namespace sd::trail

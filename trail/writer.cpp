@@ -1,0 +1,564 @@
+#include "trail/writer.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "base/quiet_thread.h"
+#include "base/shared_library.h"
+#include "trail/current_file.h"
+#include "trail/files.h"
+#include "trail/packer.h"
+#include "trail/reader.h"
+#include "trail/slots.h"
+
+namespace sd::trail {
+
+namespace {
+
+constexpr std::chrono::milliseconds kSyncDelay{40};     // so that a burst of entries is synced once
+constexpr std::chrono::milliseconds kRetryDelay{1000};  // what could not be written, or synced
+constexpr std::size_t kUncarriedBytesMax = std::size_t{256} << 10;
+constexpr char kNoKey[] = "the key ring is absent or locked";
+
+// About what an entry takes in memory.
+std::size_t sizeOf(const Entry& entry) {
+    return sizeof entry + 512 + (entry.key ? entry.key->size() : 0) + entry.why.size() + entry.source.size();
+}
+
+}  // namespace
+
+class Writer::State {
+public:
+    explicit State(WriterOptions options)
+        : mOptions(std::move(options)),
+          mFolder(openFolder(mOptions.folder)),
+          mFile(mFolder.get()),
+          mPacker(mFolder.get()) {}
+
+    ~State() {
+        {
+            const std::lock_guard lock(mMutex);
+            mIsEnding = true;
+        }
+        mWake.notify_one();
+        if (mThread.joinable()) mThread.join();
+        const std::lock_guard lock(mMutex);
+        (void)syncAll();
+    }
+
+    bool isForked() const { return ::getpid() != mProcess; }
+    std::unique_lock<std::mutex> lock() const { return std::unique_lock(mMutex); }
+
+    Opening open(const std::vector<std::string>& slots) {
+        Opening opening;
+        (void)lineDigest("");  // libcrypto is there from now on
+        CurrentFile::Found found = mFile.open(mOptions.digest);
+        opening.isNew = found.isNew;
+        noteProblem(found);
+        if (found.head.seq == 0) findLastRotated(found, opening);
+        mLast = mWritten = found.head;
+        mKey = found.last.ring;
+        opening.wasEnded = found.last.what == "END";
+        putBack(slots, opening);
+        for (const Entry& damage : mDamages) opening.damages.push_back(damage.why);
+        settle();
+        (void)syncAll();
+        mPacker.look();
+        start();
+        return opening;
+    }
+
+    Carried prepare(std::vector<Entry> entries) {
+        settle();
+        mPrepared = Prepared();
+        mPrepared.isOut = true;
+        mPrepared.before = mLast;
+        Carried carried;
+        if (mayWrite() && ensureKey()) {
+            mPrepared.before = mLast;  // a key's entry may have come
+            compose(entries);
+        }
+        if (mPrepared.lines.empty()) {
+            mPrepared.waiting = std::move(entries);
+            return carried;
+        }
+        if (mSlotLast[mNextSlot] > mOnDisk || mUncarried.size() > kUncarriedBytesMax) (void)syncAll();
+        carried.seq = mPrepared.before.seq + 1;
+        carried.slot = static_cast<int>(mNextSlot);
+        carried.text = mUncarried + mPrepared.lines;
+        return carried;
+    }
+
+    void confirm() {
+        Prepared prepared = std::exchange(mPrepared, Prepared());
+        if (!prepared.isOut) return;
+        if (!prepared.lines.empty()) {
+            mUnwritten += prepared.lines;
+            mUnwrittenCount += prepared.count;
+            dropUncarried();
+            mSlotLast[mNextSlot] = mLast.seq;
+            mNextSlot = (mNextSlot + 1) % mSlotLast.size();
+        }
+        settle();
+        if (!prepared.waiting.empty()) appendAll(std::move(prepared.waiting));
+    }
+
+    void drop() {
+        if (!mPrepared.isOut) return;
+        mLast = mPrepared.before;
+        mPrepared = Prepared();
+        settle();
+    }
+
+    std::uint64_t append(Entry entry) {
+        fill(entry);
+        if (!mPrepared.isOut) settle();
+        if (!mPrepared.isOut && mayWrite() && seal(entry)) {
+            settle();
+            if (mUncarried.size() > kUncarriedBytesMax) (void)syncAll();
+            return entry.seq;
+        }
+        return wait(std::move(entry));
+    }
+
+    // Writes what waits, in its order: lines, entries without a line, and what was found or lost.
+    void settle() {
+        if (mPrepared.isOut) return;
+        if (!mPending.empty()) sealPending();
+        if (!mUnwritten.empty()) write();
+        if (mDamages.empty() && mLost.count == 0) return;
+        if (!mUnwritten.empty() || !mPending.empty()) return;
+        while (!mDamages.empty() && seal(mDamages.front())) mDamages.pop_front();
+        if (mLost.count > 0 && mDamages.empty() && sealGap()) mLost = Lost();
+        write();
+    }
+
+    bool syncAll() {
+        settle();
+        const std::shared_ptr<UniqueFd> file = mFile.handle();
+        if (!file || ::fdatasync(file->get()) != 0) return false;
+        mOnDisk = mWritten.seq;
+        if (mUnwritten.empty()) dropUncarried();
+        return mUnwritten.empty() && mPending.empty() && mDamages.empty() && mLost.count == 0;
+    }
+
+    const std::string& key() {
+        if (mKey.empty()) (void)ensureKey();
+        return mKey;
+    }
+    const std::string& renewKey() {
+        if (mPrepared.isOut) return mKey;  // whose lines are under it
+        (void)ensureKey();
+        write();
+        return mKey;
+    }
+
+    WriterStatus status() const {
+        WriterStatus status;
+        status.head = mWritten;
+        status.onDisk = mOnDisk;
+        status.key = mKey;
+        status.waiting = mUnwrittenCount + mPending.size() + mDamages.size();
+        status.lost = mLost.count;
+        status.lostSince = mLost.from;
+        if (status.waiting > 0 || status.lost > 0) status.why = mWhy;
+        return status;
+    }
+
+private:
+    // Lines of a commit that is being made.
+    struct Prepared {
+        bool isOut = false;
+        Head before;
+        std::string lines;
+        std::uint64_t count = 0;
+        std::vector<Entry> waiting;  // where there could be no lines
+    };
+    struct Lost {
+        std::uint64_t count = 0;
+        std::int64_t from = 0, to = 0;
+        std::string why;
+    };
+
+    // The number of the next entry, whether there will be a line for it now or later.
+    std::uint64_t nextSeq() const { return (mPending.empty() ? mLast.seq : mPending.back().seq) + 1; }
+
+    void appendAll(std::vector<Entry> entries) {
+        if (mayWrite()) (void)ensureKey();
+        const std::uint64_t first = nextSeq();
+        for (Entry& entry : entries) {
+            if (entries.size() > 1 && entry.cause == 0) entry.cause = first;
+            (void)append(std::move(entry));
+        }
+    }
+
+    void noteProblem(const CurrentFile::Found& found) {
+        if (!found.damage.empty()) mDamages.push_back(damageEntry(found.damage));
+        if (!found.problem.empty()) mWhy = found.problem;
+    }
+
+    // After a rotation that was not finished, or the loss of the current file.
+    void findLastRotated(CurrentFile::Found& found, Opening& opening) const {
+        Reader reader(mOptions.folder, Order::NewestFirst);
+        Line line;
+        while (reader.next(line)) {
+            opening.isNew = false;
+            if (!line.problem.empty() || isAttested(line.text, line.entry, mOptions.digest) == false) continue;
+            found.last = line.entry;
+            found.head = {line.entry.seq, lineDigest(line.text)};
+            return;
+        }
+    }
+
+    void putBack(const std::vector<std::string>& slots, Opening& opening) {
+        SlotFindings findings = readSlots(slots, mLast, mOptions.folder, mOptions.digest);
+        for (const SlotLine& line : findings.lacking) {
+            mUnwritten += line.text + "\n";
+            mLast = {line.entry.seq, line.digest};
+            mKey = line.entry.ring;
+            ++mUnwrittenCount;
+            ++opening.putBack;
+            opening.wasEnded = line.entry.what == "END";
+        }
+        for (Entry& damage : findings.damages) mDamages.push_back(std::move(damage));
+    }
+
+    static void fill(Entry& entry) {
+        if (entry.utc != 0) return;
+        Moment now = currentMoment();
+        entry.utc = now.utc;
+        entry.mono = now.mono;
+        entry.boot = std::move(now.boot);
+    }
+
+    bool mayWrite() const {
+        return mPending.empty() && mDamages.empty() && mLost.count == 0 && mUnwritten.size() < kWaitingBytesMax;
+    }
+
+    // The next line of the chain, or "".
+    std::string lineOf(Entry& entry) {
+        fill(entry);
+        entry.seq = mLast.seq + 1;
+        entry.ring = mKey;
+        entry.before = mLast.digest;
+        try {
+            if (mKey.empty()) return "";
+            std::string line = sealedLine(entry, mOptions.digest);
+            if (!line.empty()) mLast = {entry.seq, lineDigest(line)};
+            return line.empty() ? line : line + "\n";
+        } catch (const LibraryFailure& failure) {
+            mWhy = failure.what();
+            return "";
+        }
+    }
+
+    bool seal(Entry& entry) {
+        std::string line = lineOf(entry);
+        if (line.empty() && ensureKey()) line = lineOf(entry);
+        if (line.empty()) return false;
+        mUnwritten += line;
+        mUncarried += line;
+        ++mUnwrittenCount;
+        return true;
+    }
+
+    bool isAtHand(const std::string& key) const { return !key.empty() && !mOptions.digest(key, {"trail key"}).empty(); }
+
+    // Whether there is a key to go on under. Another one than before begins with an entry that says so.
+    bool ensureKey() {
+        if (isAtHand(mKey)) return true;
+        const std::string next = mOptions.sealingKey ? mOptions.sealingKey() : "";
+        if (next == mKey || !isAtHand(next)) {
+            mWhy = kNoKey;
+            return false;
+        }
+        const std::string before = std::exchange(mKey, next);
+        if (before.empty()) return true;
+        Entry entry;
+        entry.source = "trail";
+        entry.what = "TRAIL_KEY";
+        entry.why =
+            "the key " + before + " is at hand no more; digests of values up to here can't be compared with later ones";
+        return seal(entry);
+    }
+
+    void compose(std::vector<Entry>& entries) {
+        const std::uint64_t first = mLast.seq + 1;
+        for (Entry& entry : entries) {
+            if (entries.size() > 1 && entry.cause == 0) entry.cause = first;
+            const std::string line = lineOf(entry);
+            mPrepared.lines += line;
+            ++mPrepared.count;
+            if (!line.empty() && mPrepared.lines.size() <= kSlotBytesMax) continue;
+            takeBack();
+            if (!line.empty() && entries.size() > 1) composeCount(entries);
+            return;
+        }
+    }
+    void takeBack() {
+        mLast = mPrepared.before;
+        mPrepared.lines.clear();
+        mPrepared.count = 0;
+    }
+    // One line for more than a slot takes.
+    void composeCount(std::vector<Entry>& entries) {
+        Entry all = std::move(entries.front());
+        all.key.reset();
+        all.oldDigest.clear();
+        all.newDigest.clear();
+        all.cause = 0;
+        all.count = entries.size();
+        entries = {std::move(all)};
+        compose(entries);
+    }
+
+    bool sealGap() {
+        Entry entry;
+        entry.source = "trail";
+        entry.what = "GAP";
+        entry.count = mLost.count;
+        entry.from = mLost.from;
+        entry.to = mLost.to;
+        entry.why = mLost.why;
+        return seal(entry);
+    }
+
+    // Numbers that were given before may have to give way to an entry of our own.
+    void sealPending() {
+        if (mUnwritten.size() >= kWaitingBytesMax || !ensureKey()) return;
+        const std::uint64_t first = mPending.front().seq;
+        const std::uint64_t shift = mLast.seq + 1 - first;
+        while (!mPending.empty()) {
+            Entry& entry = mPending.front();
+            if (entry.cause >= first) entry.cause += shift;
+            if (!seal(entry)) return;
+            mPendingBytes -= sizeOf(entry);
+            mPending.pop_front();
+        }
+    }
+
+    std::uint64_t wait(Entry entry) {
+        const std::size_t size = sizeOf(entry);
+        if (mLost.count > 0 || mPendingBytes + mUnwritten.size() + size > kWaitingBytesMax) return lose(entry);
+        entry.seq = nextSeq();
+        mPendingBytes += size;
+        mPending.push_back(std::move(entry));
+        return mPending.back().seq;
+    }
+
+    std::uint64_t lose(const Entry& entry) {
+        if (mLost.count++ == 0) mLost.from = entry.utc;
+        mLost.to = entry.utc;
+        mLost.why = mWhy;
+        return 0;
+    }
+
+    // What came of it shows in mUnwritten.
+    void write() {
+        if (mUnwritten.empty()) return;
+        if (!mFile.isOurs() && !reopen()) return;
+        if (std::string problem = mFile.append(mUnwritten); !problem.empty()) {
+            mWhy = std::move(problem);
+            return;
+        }
+        mUnwritten.clear();
+        mUnwrittenCount = 0;
+        mWritten = mLast;
+        if (!mNeedsSync && !mIsEnding) {
+            mNeedsSync = true;
+            mWake.notify_one();
+        }
+    }
+
+    bool reopen() {
+        const bool wasOpen = mFile.isOpen();
+        const CurrentFile::Found found = mFile.open(mOptions.digest);
+        noteProblem(found);
+        const std::string left = ", and was left with entry " + std::to_string(mWritten.seq);
+        if (wasOpen && found.isNew)
+            mDamages.push_back(damageEntry("trail.jsonl was taken away" + left));
+        else if (wasOpen && found.head != mWritten)
+            mDamages.push_back(damageEntry("trail.jsonl ended with entry " + std::to_string(found.head.seq) + left));
+        return mFile.isOpen();
+    }
+
+    void dropUncarried() {
+        mUncarried.clear();
+        ++mUncarriedDrops;
+    }
+
+    void start() {
+        try {
+            mThread = startQuietThread("sd-trail", [this] { run(); });
+        } catch (const std::system_error&) {  // then only sync() and the slots' turn sync
+        }
+    }
+
+    void run() {
+        std::unique_lock lock(mMutex);
+        while (!mIsEnding) {
+            if (mNeedsSync) {
+                mWake.wait_for(lock, kSyncDelay, [this] { return mIsEnding; });
+                if (mIsEnding) return;
+                syncBeside(lock);
+                if (mFile.size() >= mOptions.bytesMax) rotate();
+            } else if (mIsPacking) {
+                lock.unlock();
+                const bool isMore = mPacker.step();
+                lock.lock();
+                mIsPacking = isMore;
+            } else {
+                const bool isStuck = !mUnwritten.empty() || !mDamages.empty() || mLost.count > 0;
+                const auto hasWork = [this] { return mIsEnding || mNeedsSync || mIsPacking; };
+                isStuck ? void(mWake.wait_for(lock, kRetryDelay, hasWork)) : mWake.wait(lock, hasWork);
+                if (!mIsEnding && isStuck) settle();
+            }
+        }
+    }
+
+    // Others go on writing meanwhile.
+    void syncBeside(std::unique_lock<std::mutex>& lock) {
+        mNeedsSync = false;
+        const std::shared_ptr<UniqueFd> file = mFile.handle();
+        const std::uint64_t seq = mWritten.seq, drops = mUncarriedDrops;
+        const std::size_t uncarried = mUnwritten.empty() ? mUncarried.size() : 0;
+        if (!file) return;
+        lock.unlock();
+        const bool isOnDisk = ::fdatasync(file->get()) == 0;
+        lock.lock();
+        if (!isOnDisk) return;
+        mOnDisk = std::max(mOnDisk, seq);
+        if (drops == mUncarriedDrops) mUncarried.erase(0, uncarried);
+    }
+
+    // Only with all lines in the file and on the disk, so that what slots put back belongs to the current one.
+    void rotate() {
+        if (mPrepared.isOut || !mayWrite() || !syncAll() || !mFile.isOurs()) return;
+        Entry entry;
+        entry.source = "trail";
+        entry.what = "ROTATE";
+        entry.last = mWritten.seq;
+        if (!isAtHand(mKey)) return;
+        if (std::string problem = mFile.rotate(mWritten.seq, entry.file); !problem.empty()) {
+            mWhy = std::move(problem);
+            return;
+        }
+        entry.oldest = oldestKept(mFolder.get(), mOptions.keep);
+        if (!seal(entry)) return;
+        write();
+        if (!syncAll()) return;
+        (void)::fsync(mFolder.get());
+        dropOldest(mFolder.get(), mOptions.keep);
+        mPacker.look();
+        mIsPacking = true;
+    }
+
+    const pid_t mProcess = ::getpid();
+    const WriterOptions mOptions;
+    mutable std::mutex mMutex;
+    const UniqueFd mFolder;
+    CurrentFile mFile;
+    Packer mPacker;
+
+    Head mLast;                 // the last line that was made
+    Head mWritten;              // the last line in the file
+    std::uint64_t mOnDisk = 0;  // its lines up to that one are
+    std::string mKey;
+    std::string mUnwritten;  // lines that are to be appended
+    std::uint64_t mUnwrittenCount = 0;
+    std::deque<Entry> mPending;  // that have no line yet
+    std::size_t mPendingBytes = 0;
+    std::deque<Entry> mDamages;  // to be told
+    Lost mLost;
+    std::string mWhy;  // what went wrong last
+
+    Prepared mPrepared;
+    std::string mUncarried;  // lines that neither a slot nor the disk has
+    std::uint64_t mUncarriedDrops = 0;
+    std::array<std::uint64_t, kSlots> mSlotLast{};
+    std::size_t mNextSlot = 0;
+
+    std::thread mThread;
+    std::condition_variable mWake;
+    bool mIsEnding = false;
+    bool mNeedsSync = false;
+    bool mIsPacking = true;
+};
+
+Writer::Writer(WriterOptions options) : mState(std::make_unique<State>(std::move(options))) {}
+
+Writer::~Writer() {
+    if (mState->isForked()) (void)mState.release();  // its thread and its locks are the parent's
+}
+
+Opening Writer::open(const std::vector<std::string>& slots) {
+    if (mState->isForked()) return {};
+    const auto lock = mState->lock();
+    return mState->open(slots);
+}
+
+Carried Writer::prepare(std::vector<Entry> entries) {
+    if (mState->isForked()) return {};
+    const auto lock = mState->lock();
+    return mState->prepare(std::move(entries));
+}
+
+void Writer::confirm() {
+    if (mState->isForked()) return;
+    const auto lock = mState->lock();
+    mState->confirm();
+}
+
+void Writer::drop() {
+    if (mState->isForked()) return;
+    const auto lock = mState->lock();
+    mState->drop();
+}
+
+std::uint64_t Writer::append(Entry entry) {
+    if (mState->isForked()) return 0;
+    const auto lock = mState->lock();
+    return mState->append(std::move(entry));
+}
+
+void Writer::flush() {
+    if (mState->isForked()) return;
+    const auto lock = mState->lock();
+    mState->settle();
+}
+
+bool Writer::sync() {
+    if (mState->isForked()) return false;
+    const auto lock = mState->lock();
+    return mState->syncAll();
+}
+
+std::string Writer::key() {
+    if (mState->isForked()) return "";
+    const auto lock = mState->lock();
+    return mState->key();
+}
+
+std::string Writer::renewedKey() {
+    if (mState->isForked()) return "";
+    const auto lock = mState->lock();
+    return mState->renewKey();
+}
+
+WriterStatus Writer::status() const {
+    if (mState->isForked()) return {};
+    const auto lock = mState->lock();
+    return mState->status();
+}
+
+}  // namespace sd::trail
