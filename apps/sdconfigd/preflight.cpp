@@ -5,8 +5,11 @@
 #include <filesystem>
 #include <vector>
 
+#include "apps/common/descriptor.h"
 #include "apps/data/database_check.h"
 #include "platform/sdsecurity/sdsecurity.h"
+#include "src/sdconfig_impl.h"
+#include "src/sdconfig_impl_policy.h"
 
 namespace {
 
@@ -20,6 +23,19 @@ std::string problemWith(sqlite3* db, const std::string& path) {
 
 std::string lineOf(const apps::Finding& finding) {
     return finding.what + ": " + finding.next;
+}
+
+// A database with its tables, under its name only when all of it is on the disk.
+void makeWhole(const std::string& path) {
+    const std::string aside = path + ".new";
+    std::error_code ignored;
+    for (const std::string suffix : {"", "-wal", "-shm", "-journal"}) fs::remove(aside + suffix, ignored);
+    if (fs::path(path).filename() == apps::kPolicyLayout.file)
+        sd::SDConfigDmHelper made(aside);
+    else
+        sd::SDConfigImpl made(aside);  // closed again, which moves its log into the file
+    fs::rename(aside, path, ignored);
+    apps::syncFolder(fs::path(path).parent_path());
 }
 
 }  // namespace
@@ -89,6 +105,9 @@ std::string Preflight::check(Integrity integrity) {
     std::vector<std::string> absent;
     for (std::size_t which = 0; which < mDatabases.size(); ++which)
         if (std::string path = pathOf(which); !fs::exists(fs::symlink_status(path))) absent.push_back(std::move(path));
+    // Beside a ring an empty database is taken for one that was emptied: it must not be there while it is being made.
+    if (fs::exists(mFolder + "/" + apps::kRingFile))
+        for (const std::string& path : absent) makeWhole(path);
     std::string problem = checkBoth(integrity);
     if (problem.empty()) return "";
     close();

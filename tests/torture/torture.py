@@ -19,6 +19,7 @@ import time
 import traceback
 
 import pieces
+import power_cuts
 from pieces import SLACK, Client, Failed, Honest, Marshal, Peer, Service, World, Writer, check, strings, wait_for
 
 METHODS = ("GET_PROPERTY SET_PROPERTY LST_PROPERTY DEL_PROPERTY GET_SECURE SET_SECURE DEL_SECURE GET_CONST "
@@ -1162,7 +1163,7 @@ def policies(run):
 
 
 SCENARIOS = (kill, backup, io, disk, damage, busy, hostile, user, silent, restarts, threads, secrets, ring, reseal,
-             slots, policies)
+             slots, policies, power_cuts.power)
 
 
 def perform(scenario, arguments):
@@ -1194,7 +1195,9 @@ def main():
         parser.error("no scenario " + ", ".join(unknown))
     build = os.path.abspath(arguments.build)
     pieces.PROGRAMS.update(sdconfigd=f"{build}/apps/sdconfigd/sdconfigd", sdconfig=f"{build}/apps/sdconfig/sdconfig",
-                           torture_client=f"{build}/tests/torture/torture_client")
+                           torture_client=f"{build}/tests/torture/torture_client",
+                           power_recorder=f"{build}/tests/torture/libpower_recorder.so",
+                           power_cut=f"{build}/tests/torture/power_cut")
     SLACK["factor"] = 6 if build.endswith("asan") else 1
     SLACK["patience"] = 4 if arguments.short else 1
     print(f"seed {arguments.seed}", flush=True)

@@ -1,0 +1,386 @@
+// Replays what power_recorder noted, cuts the power at places of its choice, starts the real service on each disk that
+// may be left, and compares what it answers with what was acknowledged.
+//     power_cut LOG ROOT SEED STATES SDCONFIGD SDCONFIG [--only NUMBER FOLDER] [-- OPTION...]
+//     power_cut --legacy FILE        makes a database of an earlier version
+// ROOT: what was recorded below; its "data" is the data folder. SEED and NUMBER make one state of a log, which --only
+// leaves in FOLDER. OPTION: of the service, with ROOT written as @.
+// The marks of the log, fields between tabs: "begin KIND KEY VALUE" and "ack KIND KEY VALUE" of a write, where KIND is
+// secure or policy and "" is a deletion; "begin file PATH" and "ack file PATH" of a file that is written whole.
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+#include <unordered_set>
+
+#include "base/unique_fd.h"
+#include "platform/sdbus/sdbus.h"
+#include "platform/velmarlog/velmarlog.h"
+#include "tests/support/legacy_database.h"
+#include "tests/torture/power/disk.h"
+
+extern char** environ;  // NOLINT(readability-redundant-declaration): the headers need not have it
+
+namespace power {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kStartLimitMs = 20000;
+constexpr int kCallLimitMs = 10000;
+constexpr int kLookEach = 40;  // states between two whole checks
+
+struct Failed : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+std::vector<std::string> fields(const std::string& mark) {
+    std::vector<std::string> all;
+    std::istringstream text(mark);
+    for (std::string field; std::getline(text, field, '\t');) all.push_back(field);
+    all.resize(std::max<std::size_t>(all.size(), 4));
+    return all;
+}
+
+// What each key, and each file that is written whole, may hold: what was acknowledged last, or what was under way.
+class Model {
+public:
+    // seen: the file's content at that moment.
+    void apply(const std::string& mark, const std::function<std::string(const std::string& path)>& seen) {
+        const auto field = fields(mark);
+        const bool isAck = field[0] == "ack";
+        auto& allowed = mAllowed[{field[1], field[2]}];
+        if (allowed.empty()) allowed.insert("");
+        const std::string value = field[1] == "file" && isAck ? seen(field[2]) : field[3];
+        if (isAck) allowed.clear();
+        allowed.insert(value);
+    }
+    // Of a file under way anything is known of only when it is done.
+    void foresee(const std::string& path, const std::string& content) { mAllowed[{"file", path}].insert(content); }
+
+    using Key = std::pair<std::string, std::string>;  // its kind and its name
+    const std::map<Key, std::set<std::string>>& allowed() const { return mAllowed; }
+
+private:
+    std::map<Key, std::set<std::string>> mAllowed;
+};
+
+struct Arguments {
+    std::string log, root, sdconfigd, sdconfig;
+    std::uint64_t seed = 0;
+    long states = 0;
+    long only = -1;
+    std::string folder;
+    std::vector<std::string> options;
+};
+
+// What all workers have done, in memory that they share.
+struct Told {
+    std::atomic<long> states{0};
+    std::atomic<long> distinct{0};
+    std::atomic<long> looks{0};
+    std::atomic<bool> failed{false};
+};
+
+pid_t spawn(const std::vector<std::string>& command, const std::vector<std::string>& more, const std::string& log) {
+    std::vector<char*> words, variables;
+    for (const std::string& word : command) words.push_back(const_cast<char*>(word.c_str()));
+    words.push_back(nullptr);
+    for (char** one = environ; *one; ++one) variables.push_back(*one);
+    for (const std::string& one : more) variables.push_back(const_cast<char*>(one.c_str()));
+    variables.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 1, log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    posix_spawn_file_actions_adddup2(&actions, 1, 2);
+    pid_t process = 0;
+    const int error = ::posix_spawn(&process, words[0], &actions, nullptr, words.data(), variables.data());
+    posix_spawn_file_actions_destroy(&actions);
+    if (error != 0) throw Failed(command[0] + ": " + std::strerror(error));
+    return process;
+}
+
+std::string textOf(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+std::string shown(const std::string& value) {
+    return "\"" + value.substr(0, 60) + "\" (" + std::to_string(value.size()) + " bytes)";
+}
+
+// A folder of its own, and the service on each state in it.
+class Worker {
+public:
+    Worker(const Arguments& arguments, std::string place) : mArguments(arguments), mPlace(std::move(place)) {
+        fs::create_directories(mPlace + "/run");
+        fs::permissions(mPlace + "/run", fs::perms::owner_all);
+        ::setenv("XDG_RUNTIME_DIR", (mPlace + "/run").c_str(), 1);
+        ::setenv("NOTIFY_SOCKET", (mPlace + "/notify").c_str(), 1);
+        mNotify = sd::UniqueFd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, (mPlace + "/notify").c_str(), sizeof address.sun_path - 1);
+        if (::bind(mNotify.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+            throw Failed(std::string("the socket for \"ready\": ") + std::strerror(errno));
+    }
+    ~Worker() { fs::remove_all(mPlace); }
+    Worker(const Worker&) = delete;
+    Worker& operator=(const Worker&) = delete;
+
+    std::string disk() const { return mPlace + "/disk"; }
+
+    void put(const Files& files) const {
+        fs::remove_all(disk());
+        fs::create_directories(disk() + "/data");
+        for (const auto& [path, content] : files) {
+            const fs::path target = fs::path(disk()) / path;
+            fs::create_directories(target.parent_path());
+            const sd::UniqueFd file(::open(target.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+            if (::write(file.get(), content.data(), content.size()) != static_cast<ssize_t>(content.size()))
+                throw Failed("no room for a state");
+        }
+        for (const auto& entry : fs::recursive_directory_iterator(disk()))
+            if (entry.is_directory()) fs::permissions(entry, fs::perms::owner_all);
+        fs::permissions(disk() + "/data", fs::perms::owner_all);
+    }
+
+    void check(const Model& model, const Files& files, bool lookWhole) {
+        for (const auto& [key, allowed] : model.allowed()) {
+            if (key.first != "file") continue;
+            const auto found = files.find(key.second);
+            const std::string content = found == files.end() ? "" : found->second;
+            if (allowed.count(content) == 0) throw Failed(key.second + " holds " + shown(content));
+        }
+        const pid_t service = start();
+        try {
+            compare(model);
+        } catch (const Failed& failure) {
+            end(service, SIGKILL);
+            throw Failed(failure.what() + ("; the service said: " + said()));
+        }
+        end(service, lookWhole ? SIGTERM : SIGKILL);
+        if (lookWhole) look();
+    }
+
+private:
+    std::string said() const {
+        const std::string text = textOf(mPlace + "/log");
+        return text.size() > 600 ? "..." + text.substr(text.size() - 600) : text;
+    }
+
+    pid_t start() {
+        std::vector<std::string> command{mArguments.sdconfigd, "--data-dir", disk() + "/data"};
+        for (std::string option : mArguments.options) {
+            if (option[0] == '@') option.replace(0, 1, disk());
+            command.push_back(std::move(option));
+        }
+        const pid_t service = spawn(command, {}, mPlace + "/log");
+        const sd::UniqueFd ended(static_cast<int>(::syscall(SYS_pidfd_open, service, 0)));
+        pollfd waits[] = {{mNotify.get(), POLLIN, 0}, {ended.get(), POLLIN, 0}};
+        char text[256] = {};
+        while (::poll(waits, 2, kStartLimitMs) > 0 && waits[1].revents == 0) {
+            const ssize_t length = ::recv(mNotify.get(), text, sizeof text - 1, 0);
+            text[std::max<ssize_t>(length, 0)] = 0;
+            if (std::strstr(text, "READY=1")) return service;
+        }
+        end(service, SIGKILL);
+        throw Failed("the service doesn't start: " + said());
+    }
+
+    void end(pid_t service, int signal) const {
+        ::kill(service, signal);
+        ::waitpid(service, nullptr, 0);
+        char text[256];
+        while (::recv(mNotify.get(), text, sizeof text, MSG_DONTWAIT) > 0) continue;
+    }
+
+    void compare(const Model& model) {
+        if (!mProxy) mProxy = SDBusSerivceManager::initSync(-1)->getServiceProxyInterface("sdconfig", SDBusSameUser, 1);
+        std::vector<std::shared_ptr<SDBusMessage>> calls;
+        for (const auto& [key, allowed] : model.allowed()) {
+            if (key.first == "file") continue;
+            calls.push_back(mProxy->makeMethodCallMessage(key.first == "secure" ? "GET_SECURE" : "GET_POLICY"));
+            calls.back()->appendString(key.second);
+        }
+        const auto answers = mProxy->callsWithRepliesBlocking(calls, kCallLimitMs);
+        auto answer = answers.begin();
+        for (const auto& [key, allowed] : model.allowed()) {
+            if (key.first == "file") continue;
+            if ((*answer)->type() != 2) throw Failed(key.second + ": no answer");
+            const std::string value = (*answer++)->getString(0);
+            if (allowed.count(value) == 0) throw Failed(key.second + " holds " + shown(value));
+        }
+    }
+
+    // After an end by itself the folder has to be sound.
+    void look() {
+        const pid_t process = spawn({mArguments.sdconfig, "check", disk() + "/data"}, {}, mPlace + "/log");
+        int status = 0;
+        ::waitpid(process, &status, 0);
+        if (status != 0) throw Failed("sdconfig check: " + said());
+    }
+
+    const Arguments& mArguments;
+    const std::string mPlace;
+    sd::UniqueFd mNotify;
+    std::shared_ptr<SDBusProxyInterface> mProxy;
+};
+
+std::mt19937_64 randomOf(std::uint64_t seed, long number) {
+    std::seed_seq sequence{seed >> 32U, seed & 0xffffffffU, static_cast<std::uint64_t>(number)};
+    return std::mt19937_64(sequence);
+}
+
+// The states of this worker, by the place of their cut: the numbers that are left over `step`.
+std::multimap<std::size_t, long> cuts(const Arguments& arguments, std::size_t entries, long first, long step) {
+    std::multimap<std::size_t, long> all;
+    for (long number = first; number < arguments.states; number += step) {
+        auto random = randomOf(arguments.seed, number);
+        all.emplace(std::uniform_int_distribution<std::size_t>(1, entries)(random), number);
+    }
+    return all;
+}
+
+std::size_t digestOf(std::size_t cut, const Files& files) {
+    std::size_t digest = cut;
+    for (const auto& [path, content] : files)
+        digest = digest * 1099511628211U + std::hash<std::string>()(path) * 31U + std::hash<std::string>()(content);
+    return digest;
+}
+
+void work(const Arguments& arguments, const std::vector<Entry>& log, Worker& worker,
+          const std::multimap<std::size_t, long>& numbers, Told& told) {
+    Disk disk(arguments.root);
+    Model model;
+    // What a file that is written whole will be.
+    Disk whole(arguments.root);
+    std::multimap<std::string, std::pair<std::size_t, std::string>> done;  // by path: the place of the ack
+    const auto seenIn = [](const Disk& of) { return [&of](const std::string& path) { return of.asSeen()[path]; }; };
+    for (std::size_t i = 0; i < log.size(); ++i) {
+        whole.apply(log[i]);
+        if (log[i].kind == Kind::Mark && fields(log[i].data)[0] == "ack" && fields(log[i].data)[1] == "file")
+            done.emplace(fields(log[i].data)[2], std::pair(i, seenIn(whole)(fields(log[i].data)[2])));
+    }
+    std::unordered_set<std::size_t> known;
+    auto number = numbers.begin();
+    for (std::size_t i = 0; i < log.size() && number != numbers.end(); ++i) {
+        disk.apply(log[i]);
+        if (log[i].kind == Kind::Mark) {
+            model.apply(log[i].data, seenIn(disk));
+            const auto field = fields(log[i].data);
+            const auto [from, to] = done.equal_range(field[2]);
+            const auto next = std::find_if(from, to, [i](const auto& one) { return one.second.first > i; });
+            if (field[0] == "begin" && field[1] == "file" && next != to) model.foresee(field[2], next->second.second);
+        }
+        for (; number != numbers.end() && number->first == i + 1; ++number) {
+            auto random = randomOf(arguments.seed, number->second);
+            (void)random();
+            const Files files = disk.afterCut(random);
+            ++told.states;
+            if (arguments.only < 0 && !known.insert(digestOf(i, files)).second) continue;
+            ++told.distinct;
+            const bool isLooked = arguments.only >= 0 || number->second % kLookEach == 0;
+            told.looks += isLooked ? 1 : 0;
+            try {
+                worker.put(files);
+                if (!arguments.folder.empty()) fs::copy(worker.disk(), arguments.folder, fs::copy_options::recursive);
+                worker.check(model, files, isLooked);
+            } catch (const Failed& failure) {
+                told.failed = true;
+                std::cout << "state " << number->second << " of seed " << arguments.seed << ", cut after call " << i + 1
+                          << " of " << log.size() << ": " << failure.what() << std::endl;
+                return;
+            }
+            if (told.failed) return;
+        }
+    }
+}
+
+Arguments parsed(int count, char** words) {
+    if (count < 7)
+        throw Failed("power_cut LOG ROOT SEED STATES SDCONFIGD SDCONFIG [--only NUMBER FOLDER] [-- OPTION...]");
+    Arguments arguments{words[1], words[2], words[5], words[6], std::stoull(words[3]), std::stol(words[4]), -1, "", {}};
+    int next = 7;
+    if (next + 2 < count && std::string(words[next]) == "--only") {
+        arguments.only = std::stol(words[next + 1]);
+        arguments.folder = words[next + 2];
+        next += 3;
+    }
+    if (next < count && std::string(words[next]) == "--") arguments.options.assign(words + next + 1, words + count);
+    return arguments;
+}
+
+int run(const Arguments& arguments) {
+    const std::vector<Entry> log = readLog(arguments.log);
+    if (log.empty()) throw Failed("nothing was recorded");
+    char place[] = "/dev/shm/power-XXXXXX";
+    if (!::mkdtemp(place)) throw Failed("no room in /dev/shm");
+    void* const shared = ::mmap(nullptr, sizeof(Told), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    Told& told = *new (shared) Told;
+    const long workers = arguments.only >= 0 ? 1 : std::max(1U, std::thread::hardware_concurrency());
+    const auto begin = std::chrono::steady_clock::now();
+    std::vector<pid_t> processes;
+    for (long i = 0; i < workers; ++i) {
+        const pid_t process = ::fork();
+        if (process > 0) processes.push_back(process);
+        if (process != 0) continue;
+        try {
+            auto numbers = cuts(arguments, log.size(), i, workers);
+            if (arguments.only >= 0)
+                for (auto one = numbers.begin(); one != numbers.end();)
+                    one = one->second == arguments.only ? std::next(one) : numbers.erase(one);
+            Worker worker(arguments, std::string(place) + "/" + std::to_string(i));
+            work(arguments, log, worker, numbers, told);
+        } catch (const std::exception& failure) {
+            told.failed = true;
+            std::cout << failure.what() << std::endl;
+        }
+        ::_exit(0);
+    }
+    for (const pid_t process : processes) ::waitpid(process, nullptr, 0);
+    fs::remove_all(place);
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
+    std::printf("%ld states, %ld of them distinct, %ld checked whole, of %zu calls, in %.0f s\n", told.states.load(),
+                told.distinct.load(), told.looks.load(), log.size(), took.count());
+    return told.failed ? 1 : 0;
+}
+
+}  // namespace
+}  // namespace power
+
+int main(int count, char** words) {
+    velmarLogSetLevel(7);
+    try {
+        if (count == 3 && std::string(words[1]) == "--legacy") {
+            test::makeLegacyDatabase(words[2]);
+            return 0;
+        }
+        return power::run(power::parsed(count, words));
+    } catch (const std::exception& failure) {
+        std::fprintf(stderr, "power_cut: %s\n", failure.what());
+        return 2;
+    }
+}
