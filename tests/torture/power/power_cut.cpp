@@ -7,13 +7,7 @@
 // The marks of the log, fields between tabs: "begin KIND KEY VALUE" and "ack KIND KEY VALUE" of a write, where KIND is
 // secure or policy and "" is a deletion; "begin file PATH" and "ack file PATH" of a file that is written whole.
 #include <fcntl.h>
-#include <poll.h>
-#include <spawn.h>
 #include <sys/mman.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/syscall.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -39,21 +33,17 @@
 #include "platform/velmarlog/velmarlog.h"
 #include "tests/support/legacy_database.h"
 #include "tests/torture/power/disk.h"
-
-extern char** environ;  // NOLINT(readability-redundant-declaration): the headers need not have it
+#include "tests/torture/service_life.h"
 
 namespace power {
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int kStartLimitMs = 20000;
 constexpr int kCallLimitMs = 10000;
 constexpr int kLookEach = 40;  // states between two whole checks
 
-struct Failed : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
+using torture::Failed;
 
 std::vector<std::string> fields(const std::string& mark) {
     std::vector<std::string> all;
@@ -103,30 +93,6 @@ struct Told {
     std::atomic<bool> failed{false};
 };
 
-pid_t spawn(const std::vector<std::string>& command, const std::vector<std::string>& more, const std::string& log) {
-    std::vector<char*> words, variables;
-    for (const std::string& word : command) words.push_back(const_cast<char*>(word.c_str()));
-    words.push_back(nullptr);
-    for (char** one = environ; *one; ++one) variables.push_back(*one);
-    for (const std::string& one : more) variables.push_back(const_cast<char*>(one.c_str()));
-    variables.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_adddup2(&actions, 1, 2);
-    pid_t process = 0;
-    const int error = ::posix_spawn(&process, words[0], &actions, nullptr, words.data(), variables.data());
-    posix_spawn_file_actions_destroy(&actions);
-    if (error != 0) throw Failed(command[0] + ": " + std::strerror(error));
-    return process;
-}
-
-std::string textOf(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
 std::string shown(const std::string& value) {
     return "\"" + value.substr(0, 60) + "\" (" + std::to_string(value.size()) + " bytes)";
 }
@@ -134,23 +100,9 @@ std::string shown(const std::string& value) {
 // A folder of its own, and the service on each state in it.
 class Worker {
 public:
-    Worker(const Arguments& arguments, std::string place) : mArguments(arguments), mPlace(std::move(place)) {
-        fs::create_directories(mPlace + "/run");
-        fs::permissions(mPlace + "/run", fs::perms::owner_all);
-        ::setenv("XDG_RUNTIME_DIR", (mPlace + "/run").c_str(), 1);
-        ::setenv("NOTIFY_SOCKET", (mPlace + "/notify").c_str(), 1);
-        mNotify = sd::UniqueFd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, (mPlace + "/notify").c_str(), sizeof address.sun_path - 1);
-        if (::bind(mNotify.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-            throw Failed(std::string("the socket for \"ready\": ") + std::strerror(errno));
-    }
-    ~Worker() { fs::remove_all(mPlace); }
-    Worker(const Worker&) = delete;
-    Worker& operator=(const Worker&) = delete;
+    Worker(const Arguments& arguments, const std::string& place) : mArguments(arguments), mLife(place) {}
 
-    std::string disk() const { return mPlace + "/disk"; }
+    std::string disk() const { return mLife.place() + "/disk"; }
 
     void put(const Files& files) const {
         fs::remove_all(disk());
@@ -174,47 +126,24 @@ public:
             const std::string content = found == files.end() ? "" : found->second;
             if (allowed.count(content) == 0) throw Failed(key.second + " holds " + shown(content));
         }
-        const pid_t service = start();
+        if (!mLife.start(command())) throw Failed("the service doesn't start: " + mLife.said());
         try {
             compare(model);
         } catch (const Failed& failure) {
-            end(service, SIGKILL);
-            throw Failed(failure.what() + ("; the service said: " + said()));
+            throw Failed(failure.what() + ("; the service said: " + mLife.said()));
         }
-        end(service, lookWhole ? SIGTERM : SIGKILL);
+        (void)mLife.end(lookWhole ? SIGTERM : SIGKILL);
         if (lookWhole) look();
     }
 
 private:
-    std::string said() const {
-        const std::string text = textOf(mPlace + "/log");
-        return text.size() > 600 ? "..." + text.substr(text.size() - 600) : text;
-    }
-
-    pid_t start() {
-        std::vector<std::string> command{mArguments.sdconfigd, "--data-dir", disk() + "/data"};
+    std::vector<std::string> command() const {
+        std::vector<std::string> words{mArguments.sdconfigd, "--data-dir", disk() + "/data"};
         for (std::string option : mArguments.options) {
             if (option[0] == '@') option.replace(0, 1, disk());
-            command.push_back(std::move(option));
+            words.push_back(std::move(option));
         }
-        const pid_t service = spawn(command, {}, mPlace + "/log");
-        const sd::UniqueFd ended(static_cast<int>(::syscall(SYS_pidfd_open, service, 0)));
-        pollfd waits[] = {{mNotify.get(), POLLIN, 0}, {ended.get(), POLLIN, 0}};
-        char text[256] = {};
-        while (::poll(waits, 2, kStartLimitMs) > 0 && waits[1].revents == 0) {
-            const ssize_t length = ::recv(mNotify.get(), text, sizeof text - 1, 0);
-            text[std::max<ssize_t>(length, 0)] = 0;
-            if (std::strstr(text, "READY=1")) return service;
-        }
-        end(service, SIGKILL);
-        throw Failed("the service doesn't start: " + said());
-    }
-
-    void end(pid_t service, int signal) const {
-        ::kill(service, signal);
-        ::waitpid(service, nullptr, 0);
-        char text[256];
-        while (::recv(mNotify.get(), text, sizeof text, MSG_DONTWAIT) > 0) continue;
+        return words;
     }
 
     void compare(const Model& model) {
@@ -236,16 +165,16 @@ private:
     }
 
     // After an end by itself the folder has to be sound.
-    void look() {
-        const pid_t process = spawn({mArguments.sdconfig, "check", disk() + "/data"}, {}, mPlace + "/log");
+    void look() const {
+        const std::string log = mLife.place() + "/check";
+        const pid_t process = torture::spawn({mArguments.sdconfig, "check", disk() + "/data"}, {}, log);
         int status = 0;
         ::waitpid(process, &status, 0);
-        if (status != 0) throw Failed("sdconfig check: " + said());
+        if (status != 0) throw Failed("sdconfig check: " + torture::textOf(log));
     }
 
     const Arguments& mArguments;
-    const std::string mPlace;
-    sd::UniqueFd mNotify;
+    torture::ServiceLife mLife;
     std::shared_ptr<SDBusProxyInterface> mProxy;
 };
 

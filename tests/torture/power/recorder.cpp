@@ -52,7 +52,7 @@ std::string pathOf(int folder, const char* name) {
     static auto* const sOpenAt = next<int(int, const char*, int, ...)>("openat");
     const int fd = sOpenAt(folder, parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0) return "";
-    const std::string path = pathOf(fd) + "/" + text.substr(slash == std::string::npos ? 0 : slash + 1);
+    std::string path = pathOf(fd) + "/" + text.substr(slash == std::string::npos ? 0 : slash + 1);
     ::close(fd);
     return path;
 }

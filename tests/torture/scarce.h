@@ -1,0 +1,18 @@
+// What the library that makes things scarce shares with the program that watches.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+namespace torture {
+
+// In a file that both map. All zero: nothing is counted yet.
+struct Scarcity {
+    enum Kind : std::uint32_t { Memory, Descriptor, Thread };
+    std::atomic<std::uint32_t> kind;
+    std::atomic<std::uint32_t> isCounting;
+    std::atomic<std::uint64_t> at;     // the number of the time that fails; 0 for none
+    std::atomic<std::uint64_t> asked;  // how often it was asked for
+};
+
+}  // namespace torture
