@@ -26,6 +26,7 @@ public:
     // the time is over. Negative: no limit.
     void wait(std::chrono::milliseconds limit);
 
+    bool canWake() const { return static_cast<bool>(mWake); }  // false where it could not have a descriptor for that
     void wake() const;
 
     // Whether something changed since arm(), so that what was read meanwhile may be of two times.

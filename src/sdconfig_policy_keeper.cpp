@@ -92,6 +92,10 @@ void PolicyKeeper::tell(const PolicyReadingStatus& now, const MachinePolicies* b
 void PolicyKeeper::start(std::function<Progress()> haveTaken) {
     if (mThread.joinable()) return;  // a host may start its service again
     mHaveTaken = std::move(haveTaken);
+    if (!mEnd || !mWatch.canWake()) {  // a thread that can't be woken could not be ended either
+        LOG(7, AT "machine policies: changes of them won't be noticed: there are no descriptors left", HERE);
+        return;
+    }
     try {
         mThread = startQuietThread("sdconfig.policy", [this] { run(); });
     } catch (const std::system_error& error) {

@@ -274,18 +274,21 @@ void waitForEnd(const sigset_t& endSignals) {
 int serve(HeldFolder& folder, const sigset_t& endSignals) {
     SDBusSerivceManager& bus = *SDBusSerivceManager::initSync(-1);
     sd::SDConfigService* const service = sd::SDConfigService::GetInstance();
-    const std::string problemOfTables = folder.preflight().checkTables();
+    std::string problem = folder.preflight().checkTables();
+    if (problem.empty()) problem = Preflight::checkStores();
     folder.preflight().close();
-    if (!problemOfTables.empty()) return fail(problemOfTables);
+    if (!problem.empty()) return fail(problem);
     const bool buildProp = mayHaveBuildProp();
     // Each client asks for the product's version at its start, and error lines would tell each time what is told below.
     if (!buildProp) sd::SDPropertyInf::SetAbsentFileLevel(5);
     folder.noteServed();
-    if (const std::string problem = folder.markRemoved(); !problem.empty()) return fail(problem);
+    if (problem = folder.markRemoved(); !problem.empty()) return fail(problem);
     service->Start();
-    if (const std::string problem = bus.registrationFailure(kName); !problem.empty()) return fail(problem);
+    if (problem = bus.registrationFailure(kName); !problem.empty()) return fail(problem);
 
-    sd_notify(0, "READY=1");
+    // A manager that waits for it would end a service that is untold.
+    if (const int told = sd_notify(0, "READY=1"); told < 0)
+        return fail(std::string("can't tell the manager that it is ready: ") + std::strerror(-told));
     if (!buildProp) tell("there is no build.prop, so the product's properties are unset; see --product-dir");
     tell("ready on " + bus.socketPath(kName) + ", data in " + sd::SDConfig::getDataPath());
     ::malloc_trim(0);  // what it took to look at the databases

@@ -127,3 +127,14 @@ std::string Preflight::checkTables() {
     }
     return "";
 }
+
+std::string Preflight::checkStores() {
+    for (sqlite3* const store : {sd::SDConfigImpl::GetInstance()->handle(),
+                                 sd::SDConfigDmHelper::GetInstance().sealedTable().database().handle()}) {
+        // Takes the lock that a write takes; nothing is written.
+        const bool writes = store && sqlite3_exec(store, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) == SQLITE_OK;
+        if (!writes) return "a database could not be opened for writing; were memory and descriptors short?";
+        sqlite3_exec(store, "ROLLBACK", nullptr, nullptr, nullptr);
+    }
+    return "";
+}

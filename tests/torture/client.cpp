@@ -5,9 +5,11 @@
 
 #include <atomic>
 #include <csignal>
+#include <cstdio>
 #include <iostream>
 #include <map>
 #include <mutex>
+#include <new>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -144,16 +146,30 @@ std::string inRing(const std::string& folder, const std::string& text, bool seal
     return seal ? security.FastEncrypt(text) : security.FastDecrypt(text);
 }
 
+// No operation of the facades throws, not even for want of memory.
+template <class Operation>
+auto quiet(Operation operation) -> decltype(operation()) {
+    try {
+        return operation();
+    } catch (...) {
+        std::fputs("a facade threw\n", stderr);
+        ::_exit(3);
+    }
+}
+
 std::string answer(const std::string& command, const std::string& a, const std::string& b, int n) {
-    if (command == "set") return bit(config().SetSecure(a, b));
-    if (command == "get") return config().GetSecure(a);
-    if (command == "delete") return bit(config().DeleteSecure(a));
-    if (command == "property.set") return bit(config().SetProperty(a, b));
-    if (command == "property.get") return config().GetProperty(a);
-    if (command == "policy.set") return bit(policies().SetPolicyWithUri(a, {{b, n}}));
-    if (command == "policy.get") return priorityAndValue(policies().GetPolicyWithUri(a));
-    if (command == "policy.delete") return bit(policies().DeletePolicyWithUri(a));
-    if (command == "sign") return config().SignRequest(a);
+    if (command == "set") return bit(quiet([&] { return config().SetSecure(a, b); }));
+    if (command == "get") return quiet([&] { return config().GetSecure(a); });
+    if (command == "delete") return bit(quiet([&] { return config().DeleteSecure(a); }));
+    if (command == "property.set") return bit(quiet([&] { return config().SetProperty(a, b); }));
+    if (command == "property.get") return quiet([&] { return config().GetProperty(a); });
+    if (command == "policy.set") {
+        const sd::PolicyMap policy{{b, n}};
+        return bit(quiet([&] { return policies().SetPolicyWithUri(a, policy); }));
+    }
+    if (command == "policy.get") return priorityAndValue(quiet([&] { return policies().GetPolicyWithUri(a); }));
+    if (command == "policy.delete") return bit(quiet([&] { return policies().DeletePolicyWithUri(a); }));
+    if (command == "sign") return quiet([&] { return config().SignRequest(a); });
     if (command == "listen") return listenAgain(a);
     if (command == "events") return sListener.told();
     if (command == "threads") return callFromThreads(std::stoi(a), std::stoi(b), n > 0);
@@ -169,11 +185,15 @@ int main() {
     velmarLogSetSecretsShown(false);
     std::string line;
     while (std::getline(std::cin, line)) {
-        std::istringstream words(line);
-        std::string command, a, b;
-        int n = 0;
-        words >> command >> a >> b >> n;
-        std::cout << answer(command, a, b, n) << std::endl;
+        try {
+            std::istringstream words(line);
+            std::string command, a, b;
+            int n = 0;
+            words >> command >> a >> b >> n;
+            std::cout << answer(command, a, b, n) << std::endl;
+        } catch (const std::bad_alloc&) {
+            std::cout << "no memory" << std::endl;
+        }
     }
     return 0;
 }

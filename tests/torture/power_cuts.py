@@ -189,7 +189,7 @@ def install(recording, run):
 
 
 def power(run):
-    run.needs("env")
+    run.needs_plain_build()
     told = []
     with pieces.World() as world:
         for scene, short, long in ((serve, 400, 60000), (upgrade, 100, 10000), (backup, 300, 20000),

@@ -18,6 +18,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
+#include <cstring>
 
 extern "C" {
 // The C library's own allocator, by the names under which it stays within reach.
@@ -57,10 +58,12 @@ void showPlace(Scarcity& scarcity) {
     scarcity.isCounting = 1;
 }
 
-bool isRefused(Scarcity::Kind kind) {
+bool isRefused(Scarcity::Kind kind, const void* caller) {
     Scarcity* const scarcity = shared();
     if (!scarcity || scarcity->kind != kind || scarcity->isCounting == 0 || ++scarcity->asked != scarcity->at)
         return false;
+    Dl_info place{};
+    if (::dladdr(caller, &place) != 0) std::strncpy(scarcity->place, place.dli_fname, sizeof scarcity->place - 1);
     showPlace(*scarcity);
     return true;
 }
@@ -77,7 +80,7 @@ void* none() {
 
 template <class Call>
 int descriptor(Call&& call) {
-    if (!isRefused(Scarcity::Descriptor)) return call();
+    if (!isRefused(Scarcity::Descriptor, nullptr)) return call();
     errno = EMFILE;
     return -1;
 }
@@ -93,19 +96,19 @@ mode_t modeOf(int flags, va_list arguments) {
 // The names are the C library's own.
 // NOLINTBEGIN(readability-identifier-naming, readability-inconsistent-declaration-parameter-name)
 SCARCE void* malloc(size_t size) noexcept {
-    return isRefused(Scarcity::Memory) ? none() : __libc_malloc(size);
+    return isRefused(Scarcity::Memory, __builtin_return_address(0)) ? none() : __libc_malloc(size);
 }
 
 SCARCE void* calloc(size_t count, size_t size) noexcept {
-    return isRefused(Scarcity::Memory) ? none() : __libc_calloc(count, size);
+    return isRefused(Scarcity::Memory, __builtin_return_address(0)) ? none() : __libc_calloc(count, size);
 }
 
 SCARCE void* realloc(void* old, size_t size) noexcept {
-    return isRefused(Scarcity::Memory) ? none() : __libc_realloc(old, size);
+    return isRefused(Scarcity::Memory, __builtin_return_address(0)) ? none() : __libc_realloc(old, size);
 }
 
 SCARCE void* memalign(size_t alignment, size_t size) noexcept {
-    return isRefused(Scarcity::Memory) ? none() : __libc_memalign(alignment, size);
+    return isRefused(Scarcity::Memory, __builtin_return_address(0)) ? none() : __libc_memalign(alignment, size);
 }
 
 SCARCE void* aligned_alloc(size_t alignment, size_t size) noexcept {
@@ -174,7 +177,7 @@ SCARCE int dup(int fd) noexcept {
 }
 
 SCARCE int pthread_create(pthread_t* thread, const pthread_attr_t* how, void* (*run)(void*), void* argument) noexcept {
-    if (isRefused(Scarcity::Thread)) return EAGAIN;
+    if (isRefused(Scarcity::Thread, nullptr)) return EAGAIN;
     using Create = int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
     return next<Create>("pthread_create")(thread, how, run, argument);
 }

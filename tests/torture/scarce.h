@@ -13,6 +13,7 @@ struct Scarcity {
     std::atomic<std::uint32_t> isCounting;
     std::atomic<std::uint64_t> at;     // the number of the time that fails; 0 for none
     std::atomic<std::uint64_t> asked;  // how often it was asked for
+    char place[256];                   // the file of who was refused
 };
 
 }  // namespace torture

@@ -29,8 +29,8 @@ constexpr int kEndLimitMs = 20000;
 
 }  // namespace
 
-pid_t spawn(const std::vector<std::string>& command, const std::vector<std::string>& variables,
-            const std::string& log) {
+pid_t spawn(const std::vector<std::string>& command, const std::vector<std::string>& variables, const std::string& log,
+            const std::string& input, const std::string& output) {
     std::vector<char*> words, environment;
     for (const std::string& word : command) words.push_back(const_cast<char*>(word.c_str()));
     words.push_back(nullptr);
@@ -39,9 +39,11 @@ pid_t spawn(const std::vector<std::string>& command, const std::vector<std::stri
     environment.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_adddup2(&actions, 1, 2);
+    constexpr int kWritten = O_WRONLY | O_CREAT | O_TRUNC;
+    posix_spawn_file_actions_addopen(&actions, 0, input.c_str(), O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 2, log.c_str(), kWritten, 0600);
+    posix_spawn_file_actions_adddup2(&actions, 2, 1);
+    if (!output.empty()) posix_spawn_file_actions_addopen(&actions, 1, output.c_str(), kWritten, 0600);
     pid_t process = 0;
     const int error = ::posix_spawn(&process, words[0], &actions, nullptr, words.data(), environment.data());
     posix_spawn_file_actions_destroy(&actions);
@@ -87,9 +89,9 @@ bool ServiceLife::start(const std::vector<std::string>& command, const std::vect
     throw Failed("the service neither starts nor ends: " + said());
 }
 
-bool ServiceLife::hasEnded() const {
+bool ServiceLife::endsWithin(int milliseconds) const {
     pollfd wait{mEnded.get(), POLLIN, 0};
-    return ::poll(&wait, 1, 0) > 0;
+    return ::poll(&wait, 1, milliseconds) > 0;
 }
 
 int ServiceLife::end(int signal) {

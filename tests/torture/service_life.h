@@ -16,8 +16,10 @@ struct Failed : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// Runs a program with more variables than this process has. What it says goes to the file. Throws Failed.
-pid_t spawn(const std::vector<std::string>& command, const std::vector<std::string>& variables, const std::string& log);
+// Runs a program with more variables than this process has. What it says goes to the file, or what it prints to
+// another. Throws Failed.
+pid_t spawn(const std::vector<std::string>& command, const std::vector<std::string>& variables, const std::string& log,
+            const std::string& input = "/dev/null", const std::string& output = "");
 
 std::string textOf(const std::string& path);
 
@@ -37,7 +39,7 @@ public:
 
     // The status of waitpid. signal: 0 where it is to have ended by itself.
     int end(int signal);
-    bool hasEnded() const;
+    bool endsWithin(int milliseconds) const;
 
     // The end of what it said.
     std::string said() const;

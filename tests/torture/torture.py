@@ -69,6 +69,11 @@ class Run:
         if "strace" in tools and subprocess.run(["strace", "true"], check=False, capture_output=True).returncode != 0:
             raise Skipped("needs the right to trace")
 
+    @staticmethod
+    def needs_plain_build():
+        if SLACK["factor"] != 1:
+            raise Skipped("a sanitizer has to be the first library of a process")
+
 
 # ---- Crashes and disks ----
 
@@ -1162,8 +1167,23 @@ def policies(run):
             "them half of it")
 
 
+# ---- What runs out ----
+
+def scarcity(run):
+    run.needs_plain_build()
+    told = []
+    for whose, kind, lives in (("service", "memory", 60), ("service", "descriptor", 0), ("service", "thread", 0),
+                               ("client", "memory", 100), ("client", "descriptor", 0)):
+        programs = [pieces.PROGRAMS[name] for name in ("scarcity", "scarce", "sdconfigd", "torture_client")]
+        done = subprocess.run([programs[0], whose, kind, str(run.random.getrandbits(32)),
+                               str(run.count(lives, 0)), *programs[1:]], text=True, capture_output=True, check=False)
+        check(done.returncode == 0, f"{whose}, {kind}: {done.stdout[-1500:]}{done.stderr[-300:]}")
+        told.append(f"{whose}, {kind}: {done.stdout.strip()}")
+    return "; ".join(told)
+
+
 SCENARIOS = (kill, backup, io, disk, damage, busy, hostile, user, silent, restarts, threads, secrets, ring, reseal,
-             slots, policies, power_cuts.power)
+             slots, policies, power_cuts.power, scarcity)
 
 
 def perform(scenario, arguments):
@@ -1197,7 +1217,8 @@ def main():
     pieces.PROGRAMS.update(sdconfigd=f"{build}/apps/sdconfigd/sdconfigd", sdconfig=f"{build}/apps/sdconfig/sdconfig",
                            torture_client=f"{build}/tests/torture/torture_client",
                            power_recorder=f"{build}/tests/torture/libpower_recorder.so",
-                           power_cut=f"{build}/tests/torture/power_cut")
+                           power_cut=f"{build}/tests/torture/power_cut",
+                           scarce=f"{build}/tests/torture/libscarce.so", scarcity=f"{build}/tests/torture/scarcity")
     SLACK["factor"] = 6 if build.endswith("asan") else 1
     SLACK["patience"] = 4 if arguments.short else 1
     print(f"seed {arguments.seed}", flush=True)
