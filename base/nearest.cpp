@@ -25,7 +25,7 @@ void dropCommon(std::string_view& one, std::string_view& other) {
 // The least number of letters to add, drop, replace or swap with their neighbour; `most` where it is that or more.
 std::size_t distance(std::string_view one, std::string_view other, std::size_t most) {
     dropCommon(one, other);
-    const auto [shorter, longer] = std::minmax(one.size(), other.size());
+    const auto [shorter, longer] = std::minmax({one.size(), other.size()});
     if (longer - shorter >= most || longer > kLongestWord) return most;
     using Row = std::array<std::size_t, kLongestWord + 1>;
     Row rows[3];
