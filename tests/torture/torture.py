@@ -1182,8 +1182,17 @@ def scarcity(run):
     return "; ".join(told)
 
 
+# ---- Histories ----
+
+def model(run):
+    done = subprocess.run([pieces.PROGRAMS["model"], str(run.random.getrandbits(32)), str(run.count(200, 10000)), "50",
+                           pieces.PROGRAMS["sdconfigd"]], text=True, capture_output=True, check=False)
+    check(done.returncode == 0, done.stdout + done.stderr)
+    return done.stdout.strip()
+
+
 SCENARIOS = (kill, backup, io, disk, damage, busy, hostile, user, silent, restarts, threads, secrets, ring, reseal,
-             slots, policies, power_cuts.power, scarcity)
+             slots, policies, power_cuts.power, scarcity, model)
 
 
 def perform(scenario, arguments):
@@ -1218,7 +1227,8 @@ def main():
                            torture_client=f"{build}/tests/torture/torture_client",
                            power_recorder=f"{build}/tests/torture/libpower_recorder.so",
                            power_cut=f"{build}/tests/torture/power_cut",
-                           scarce=f"{build}/tests/torture/libscarce.so", scarcity=f"{build}/tests/torture/scarcity")
+                           scarce=f"{build}/tests/torture/libscarce.so", scarcity=f"{build}/tests/torture/scarcity",
+                           model=f"{build}/tests/torture/model")
     SLACK["factor"] = 6 if build.endswith("asan") else 1
     SLACK["patience"] = 4 if arguments.short else 1
     print(f"seed {arguments.seed}", flush=True)
