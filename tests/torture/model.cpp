@@ -63,16 +63,15 @@ public:
     explicit Generator(std::uint64_t seed) : mRandom(seed) {}
 
     std::vector<Step> history(int length) {
-        std::vector<Step> steps;
-        for (int i = 0; i < length; ++i) steps.push_back(step());
+        std::vector<Step> steps(static_cast<std::size_t>(length));
+        std::generate(steps.begin(), steps.end(), [this] { return step(); });
         return steps;
     }
 
 private:
     template <class Pool>
     auto one(const Pool& pool) {
-        return *std::next(std::begin(pool),
-                          std::uniform_int_distribution<std::ptrdiff_t>(0, std::size(pool) - 1)(mRandom));
+        return pool[std::uniform_int_distribution<std::size_t>(0, pool.size() - 1)(mRandom)];
     }
     std::string key() {
         static const std::vector<std::string> kKeys{"k",     "K",          "net.proxy", "Net.Proxy",
@@ -512,12 +511,10 @@ public:
         Model model;
         restart(0);
         std::string why;
-        for (std::size_t i = 0; i < history.size() && why.empty(); ++i) {
-            why = take(history[i], model);
-            if (!why.empty()) why = "step " + std::to_string(i + 1) + ", " + shown(history[i]) + ": " + why;
-        }
+        auto step = history.begin();
+        while (step != history.end() && (why = take(*step, model)).empty()) ++step;
         (void)mLife.end(SIGKILL);
-        return why;
+        return why.empty() ? "" : "step " + std::to_string(step - history.begin() + 1) + ": " + why;
     }
 
 private:
