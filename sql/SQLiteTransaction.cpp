@@ -7,11 +7,15 @@
 
 namespace sd::data {
 
+// What undoes it is made ready first: where memory runs out meanwhile it still can be done, and no lock is kept.
 SQLiteTransaction::SQLiteTransaction(SQLiteDatabase& db)
-    : mDb(db), mBegun(SQLiteStatement(db, "BEGIN IMMEDIATE").executeCommand()) {}
+    : mDb(db),
+      mRollback(db, "ROLLBACK"),
+      mBegun((!db.handle() || mRollback.prepare() == 0) && SQLiteStatement(db, "BEGIN IMMEDIATE").executeCommand()) {}
 
 SQLiteTransaction::~SQLiteTransaction() {
-    if (isActive()) SQLiteStatement(mDb, "ROLLBACK").executeCommand();
+    if (isActive()) mRollback.step();
+    mRollback.finalize();
 }
 
 bool SQLiteTransaction::isActive() const {

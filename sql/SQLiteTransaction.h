@@ -1,6 +1,8 @@
 // One transaction that writes.
 #pragma once
 
+#include "sql/SQLiteStatement.h"
+
 namespace sd::data {
 
 class SQLiteDatabase;
@@ -26,6 +28,7 @@ public:
 
 private:
     SQLiteDatabase& mDb;
+    SQLiteStatement mRollback;
     const bool mBegun;
 };
 

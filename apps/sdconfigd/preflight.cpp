@@ -131,10 +131,10 @@ std::string Preflight::checkTables() {
 std::string Preflight::checkStores() {
     for (sqlite3* const store : {sd::SDConfigImpl::GetInstance()->handle(),
                                  sd::SDConfigDmHelper::GetInstance().sealedTable().database().handle()}) {
-        // Takes the lock that a write takes; nothing is written.
-        const bool writes = store && sqlite3_exec(store, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) == SQLITE_OK;
-        if (!writes) return "a database could not be opened for writing; were memory and descriptors short?";
-        sqlite3_exec(store, "ROLLBACK", nullptr, nullptr, nullptr);
+        // Takes the lock that a write takes, and gives it back; nothing is written.
+        for (const char* const step : {"BEGIN IMMEDIATE", "ROLLBACK"})
+            if (!store || sqlite3_exec(store, step, nullptr, nullptr, nullptr) != SQLITE_OK)
+                return "a database could not be opened for writing; were memory and descriptors short?";
     }
     return "";
 }
