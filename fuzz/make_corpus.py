@@ -181,6 +181,26 @@ def bus_calls():
           ("SET_SECURE", 1, 2), ("SET_POLICY", Other(3), Other(1), True))
 
 
+def trail():
+    def line(seq, **fields):
+        start = {"seq": seq, "utc": "2026-11-25T23:57:03.123456Z", "mono": 4711.123456, "boot": "1a2b3c4d"}
+        end = {"ring": "key", "before": "%064x" % seq, "mac": "0" * 32}
+        return json.dumps({**start, **fields, **end}, separators=(",", ":")) + "\n"
+
+    caller = {"uid": 1000, "pid": 4711, "exe": "/usr/bin/a", "unit": None, "name_base64": "Yf8=", "gone": True}
+    change = line(1, by=caller, what="SET_POLICY", key="a", priority=7, came="changed", new="%032x" % 7, cause=1)
+    rotation = line(2, source="trail", what="ROTATE", file="trail-000000000001.jsonl", last=1, oldest=1)
+    gap = line(3, source="trail", what="GAP", count=7, why="full", **{"from": "2026-11-25T23:57:03.000000Z"})
+    odd = line(4, by=None, what="SET_SECURE", key_base64="gA==", later=[{"a": [1, None, 1e9]}])
+    for name, text in {"change": change, "rotation": rotation, "gap": gap, "odd": odd}.items():
+        put("trail", name, "\0" + text[:-1])
+    put("trail", "file", "\1" + change + rotation + "torn" + gap + "{")
+    put("trail", "start", "\3" + change + "torn\x1e" + rotation + gap)
+    # A block as zstd stores it, and its mark.
+    block = b"\x28\xb5\x2f\xfd\x20\x03\x19\0\0{}\n"
+    put("trail", "packed", b"\2" + block + struct.pack("<III", 0x184D2A5E, 4, len(block)))
+
+
 for make in (build_prop, legacy_cipher, envelope, key_ring, wrapped_ring, policy_text, lockscreen, policy_file, bus_bytes,
-             bus_calls):
+             bus_calls, trail):
     make()

@@ -5,6 +5,9 @@
 #include <cstdio>
 #include <ctime>
 #include <fstream>
+#include <initializer_list>
+#include <iterator>
+#include <limits>
 #include <nlohmann/json.hpp>
 #include <utility>
 #include <variant>
@@ -19,6 +22,7 @@ namespace {
 using nlohmann::json;
 
 constexpr std::int64_t kSecond = 1'000'000;
+constexpr int kDaysTo1970 = 719162;
 constexpr std::size_t kBootDigits = 8;
 constexpr std::string_view kBase64Suffix = "_base64";
 
@@ -247,7 +251,7 @@ public:
     bool start_object(std::size_t) {
         if (mDepth == 0) return ++mDepth == 1;
         if (mDepth > 1 || mName != "by") return skip();
-        if (!isFirst(mName)) return false;
+        if (!isFirst(placeOf(mName))) return false;
         mEntry.by.emplace();
         return ++mDepth == 2;
     }
@@ -268,8 +272,8 @@ public:
 
     std::string problem() {
         if (!mProblem.empty()) return mProblem;
-        if (!has("seq") || !has("utc") || !has("what") || !has("before") || !has("mac"))
-            return R"(lacks one of "seq", "utc", "what", "before" and "mac")";
+        static const std::uint64_t sRequired = bitsOf({"seq", "utc", "what", "before", "mac"});
+        if ((mSeen & sRequired) != sRequired) return R"(lacks one of "seq", "utc", "what", "before" and "mac")";
         return isHex(mEntry.before, 64) && isHex(mEntry.mac, 32) ? "" : R"(has a "before" or a "mac" of another form)";
     }
 
@@ -300,51 +304,65 @@ private:
         return true;
     }
 
-    bool isFirst(std::string_view name) {
-        const std::string inPlace = std::string(mDepth == 2 ? "by." : "").append(name);
-        return std::find(mSeen.begin(), mSeen.end(), inPlace) == mSeen.end() ? (mSeen.push_back(inPlace), true)
-                                                                             : failField("stands twice");
+    // Of a field, by its bit.
+    bool isFirst(std::size_t bit) {
+        if ((mSeen >> bit & 1) != 0) return failField("stands twice");
+        mSeen |= std::uint64_t{1} << bit;
+        return true;
     }
-    bool has(std::string_view name) const { return std::find(mSeen.begin(), mSeen.end(), name) != mSeen.end(); }
+    static std::size_t placeOf(std::string_view name) {
+        const auto isIt = [name](const Field& field) { return field.name == name; };
+        return static_cast<std::size_t>(std::find_if(std::begin(kFields), std::end(kFields), isIt) -
+                                        std::begin(kFields));
+    }
+    static std::uint64_t bitsOf(std::initializer_list<std::string_view> names) {
+        std::uint64_t bits = 0;
+        for (const std::string_view name : names) bits |= std::uint64_t{1} << placeOf(name);
+        return bits;
+    }
 
     bool field(const Value& value) {
-        const auto* const found = std::find_if(std::begin(kFields), std::end(kFields),
-                                               [this](const Field& field) { return field.name == mName; });
-        if (found == std::end(kFields)) return true;
-        if (!isFirst(mName)) return false;
+        const std::size_t place = placeOf(mName);
+        if (place == std::size(kFields)) return true;
+        if (!isFirst(place)) return false;
         const std::string* const text = std::get_if<std::string>(&value);
-        if (text && text->size() > found->bytesMax) return failField("is too long");
-        return std::visit(Taker(mEntry, value), found->member) || failField("is of another type");
+        if (text && text->size() > kFields[place].bytesMax) return failField("is too long");
+        return std::visit(Taker(mEntry, value), kFields[place].member) || failField("is of another type");
     }
 
     bool peerField(const Value& value) {
         Peer& peer = *mEntry.by;
-        if (mName == "gone") return assign<bool>(peer.isGone, value) || failField("is of another type");
-        if (mName == "uid" || mName == "pid") return peerNumber(mName == "uid", value);
-        for (const PeerText& field : kPeerTexts)
-            if (field.name == mName) return peerText(peer.*field.member, value);
+        if (mName == "gone")
+            return isFirst(kGone) && (assign<bool>(peer.isGone, value) || failField("is of another type"));
+        if (mName == "uid") return isFirst(kUid) && peerNumber(peer.uid, value);
+        if (mName == "pid") return isFirst(kPid) && peerNumber(peer.pid, value);
+        for (std::size_t i = 0; i < std::size(kPeerTexts); ++i)
+            if (kPeerTexts[i].name == mName)
+                return isFirst(kPeerText + i) && peerText(peer.*kPeerTexts[i].member, value);
         return true;
     }
-    bool peerNumber(bool isUid, const Value& value) {
-        const std::uint64_t* const number = std::get_if<std::uint64_t>(&value);
-        if (!number || *number > (isUid ? UINT32_MAX : INT32_MAX)) return failField("is of another type");
-        if (!isFirst(mName)) return false;
-        isUid ? void(mEntry.by->uid = static_cast<std::uint32_t>(*number))
-              : void(mEntry.by->pid = static_cast<std::int32_t>(*number));
+    template <class Number>
+    bool peerNumber(Number& number, const Value& value) {
+        const std::uint64_t* const found = std::get_if<std::uint64_t>(&value);
+        if (!found || *found > static_cast<std::uint64_t>(std::numeric_limits<Number>::max()))
+            return failField("is of another type");
+        number = static_cast<Number>(*found);
         return true;
     }
     bool peerText(std::optional<std::string>& text, const Value& value) {
-        if (!isFirst(mName)) return false;
         if (!assign<std::string>(text, value) && !std::holds_alternative<Null>(value))
             return failField("is of another type");
         return !text || text->size() <= kTextBytesMax || failField("is too long");
     }
 
+    // Behind the bits of kFields.
+    static constexpr std::size_t kGone = std::size(kFields), kUid = kGone + 1, kPid = kGone + 2, kPeerText = kGone + 3;
+
     Entry& mEntry;
     std::string mName;
-    int mDepth = 0;    // 1: in the entry; 2: in its "by"
-    int mSkipped = 0;  // how deep in a field that is not known
-    std::vector<std::string> mSeen;
+    int mDepth = 0;           // 1: in the entry; 2: in its "by"
+    int mSkipped = 0;         // how deep in a field that is not known
+    std::uint64_t mSeen = 0;  // a bit a field
     std::string mProblem;
 };
 
@@ -402,23 +420,25 @@ std::string utcText(std::int64_t microseconds) {
 
 std::optional<std::int64_t> utcOf(std::string_view text) {
     constexpr std::string_view kForm = "0000-00-00T00:00:00.000000Z";
+    constexpr int kDays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
     if (text.size() != kForm.size()) return std::nullopt;
+    for (std::size_t i = 0; i < text.size(); ++i)
+        if (kForm[i] == '0' ? text[i] < '0' || text[i] > '9' : text[i] != kForm[i]) return std::nullopt;
     const auto number = [&](std::size_t at, std::size_t size) {
         int value = 0;
         for (const char digit : text.substr(at, size)) value = value * 10 + (digit - '0');
         return value;
     };
-    for (std::size_t i = 0; i < text.size(); ++i)
-        if (kForm[i] == '0' ? text[i] < '0' || text[i] > '9' : text[i] != kForm[i]) return std::nullopt;
-    std::tm parts{};
-    parts.tm_year = number(0, 4) - 1900;
-    parts.tm_mon = number(5, 2) - 1;
-    parts.tm_mday = number(8, 2);
-    parts.tm_hour = number(11, 2);
-    parts.tm_min = number(14, 2);
-    parts.tm_sec = number(17, 2);
-    const std::int64_t microseconds = std::int64_t{::timegm(&parts)} * kSecond + number(20, 6);
-    return utcText(microseconds) == text ? std::optional(microseconds) : std::nullopt;
+    const int year = number(0, 4), month = number(5, 2), day = number(8, 2);
+    const int hour = number(11, 2), minute = number(14, 2), second = number(17, 2);
+    const bool isLeap = (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
+    if (year < 1 || month < 1 || month > 12 || day < 1 || hour > 23 || minute > 59 || second > 59) return std::nullopt;
+    if (day > kDays[month - 1] + (isLeap && month == 2 ? 1 : 0)) return std::nullopt;
+    const int before = year - 1;  // whole years
+    std::int64_t days = 365 * before + before / 4 - before / 100 + before / 400 - kDaysTo1970;
+    for (int i = 1; i < month; ++i) days += kDays[i - 1] + (isLeap && i == 2 ? 1 : 0);
+    days += day - 1;
+    return (((days * 24 + hour) * 60 + minute) * 60 + second) * kSecond + number(20, 6);
 }
 
 }  // namespace sd::trail

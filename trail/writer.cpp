@@ -108,6 +108,7 @@ public:
             dropUncarried();
             mSlotLast[mNextSlot] = mLast.seq;
             mNextSlot = (mNextSlot + 1) % mSlotLast.size();
+            if (mSlotLast[(mNextSlot + kSlots / 2) % mSlotLast.size()] > mOnDisk) hurry();
         }
         settle();
         if (!prepared.waiting.empty()) appendAll(std::move(prepared.waiting));
@@ -200,6 +201,12 @@ private:
             if (entries.size() > 1 && entry.cause == 0) entry.cause = first;
             (void)append(std::move(entry));
         }
+    }
+
+    // Half of the slots wait for the disk.
+    void hurry() {
+        if (std::exchange(mIsHurried, true)) return;
+        mWake.notify_one();
     }
 
     void noteProblem(const CurrentFile::Found& found) {
@@ -408,7 +415,7 @@ private:
         std::unique_lock lock(mMutex);
         while (!mIsEnding) {
             if (mNeedsSync) {
-                mWake.wait_for(lock, kSyncDelay, [this] { return mIsEnding; });
+                mWake.wait_for(lock, kSyncDelay, [this] { return mIsEnding || mIsHurried; });
                 if (mIsEnding) return;
                 syncBeside(lock);
                 if (mFile.size() >= mOptions.bytesMax) rotate();
@@ -428,7 +435,7 @@ private:
 
     // Others go on writing meanwhile.
     void syncBeside(std::unique_lock<std::mutex>& lock) {
-        mNeedsSync = false;
+        mNeedsSync = mIsHurried = false;
         const std::shared_ptr<UniqueFd> file = mFile.handle();
         const std::uint64_t seq = mWritten.seq, drops = mUncarriedDrops;
         const std::size_t uncarried = mUnwritten.empty() ? mUncarried.size() : 0;
@@ -492,6 +499,7 @@ private:
     std::condition_variable mWake;
     bool mIsEnding = false;
     bool mNeedsSync = false;
+    bool mIsHurried = false;
     bool mIsPacking = true;
 };
 

@@ -1,16 +1,18 @@
 // The trail: a line and back, reading files of any kind from both ends, and what verifying finds.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
+#include <cstdlib>
 #include <filesystem>
-#include <fstream>
+#include <map>
+#include <random>
 
 #include "tests/support/support.h"
-#include "trail/chain.h"
-#include "trail/entry.h"
+#include "tests/trail/trail_support.h"
 #include "trail/packed.h"
-#include "trail/reader.h"
 #include "trail/verify.h"
+#include "trail/writer.h"
 
 using namespace sd::trail;
 using testing::ElementsAre;
@@ -18,57 +20,37 @@ using testing::HasSubstr;
 
 namespace {
 
-constexpr char kKey[] = "k1";
-
-// Keyed enough for a test: the digest of the key's name and the texts.
-std::string digest(const std::string& key, const std::vector<std::string_view>& texts) {
-    if (key != kKey) return "";
-    std::string all = key;
-    for (const std::string_view text : texts) (all += '\0').append(text);
-    return lineDigest(all);
-}
-
 // Lines of a trail, as its writer would have made them.
 class Lines {
 public:
+    explicit Lines(Digest digest) : mDigest(std::move(digest)) {}
+
     std::string make(Entry entry) {
         entry.seq = mHead.seq + 1;
         if (entry.utc == 0) entry.utc = static_cast<std::int64_t>(entry.seq) * 1'000'000;
-        entry.ring = kKey;
+        entry.ring = "k1";
         entry.before = mHead.digest;
-        const std::string line = sealedLine(entry, digest);
+        const std::string line = sealedLine(entry, mDigest);
         mHead = {entry.seq, lineDigest(line)};
         return line + "\n";
     }
     std::string make(int count) {
         std::string lines;
-        for (int i = 0; i < count; ++i) {
-            Entry entry;
-            entry.what = "SET_SECURE";
-            entry.key = "key" + std::to_string(i % 7);
-            lines += make(entry);
-        }
+        for (int i = 0; i < count; ++i) lines += make(test::entryOf("SET_SECURE", "key" + std::to_string(i % 7)));
         return lines;
+    }
+    // A file after a rotation.
+    std::string makeFile(std::uint64_t oldest, int count) {
+        Entry entry = test::entryOf("ROTATE");
+        entry.oldest = oldest;
+        const std::string first = make(entry);
+        return first + make(count);
     }
     const Head& head() const { return mHead; }
 
 private:
+    const Digest mDigest;
     Head mHead;
-};
-
-class TrailTest : public testing::Test {
-protected:
-    test::TempDir mFolder;
-
-    void write(const std::string& name, const std::string& text) const {
-        std::ofstream(mFolder.path() + "/" + name, std::ios::binary) << text;
-    }
-    std::vector<std::uint64_t> read(Order order, std::optional<Since> since = std::nullopt) const {
-        Reader reader(mFolder.path(), order, since);
-        std::vector<std::uint64_t> found;
-        for (Line line; reader.next(line);) found.push_back(line.problem.empty() ? line.entry.seq : 0);
-        return found;
-    }
 };
 
 std::string packedLines(const std::string& lines) {
@@ -80,35 +62,80 @@ std::string packedLines(const std::string& lines) {
     return packed;
 }
 
+class TrailTest : public testing::Test {
+protected:
+    test::TempDir mFolder;
+    test::Keys mKeys;
+    const Digest mDigest = mKeys.digest();
+
+    std::string path(const std::string& name) const { return mFolder.path() + "/" + name; }
+    void write(const std::string& name, const std::string& text) const { test::putContent(path(name), text); }
+    std::vector<std::uint64_t> read(Order order, std::optional<Since> since = std::nullopt) const {
+        std::vector<std::uint64_t> found;
+        for (const Line& line : test::linesOf({mFolder.path(), order, since}))
+            found.push_back(line.problem.empty() ? line.entry.seq : 0);
+        return found;
+    }
+    std::string problem(const std::optional<Head>& head = std::nullopt) const {
+        return verify(mFolder.path(), mDigest, head).problem;
+    }
+};
+
 }  // namespace
 
 TEST_F(TrailTest, LineAndBack) {
-    Entry entry;
+    Entry entry = test::entryOf("SET_SECURE", std::string("\xed\xa0\x80 \0 \"\\", 8));
     entry.by = Peer{1000, 4711, "/usr/bin/\x1b[31m\xe2\x80\xae", std::nullopt, "a\xff", true};
-    entry.what = "SET_SECURE";
-    entry.key = std::string("\xed\xa0\x80 \0 \"\\", 8);
     entry.priority = -3;
     entry.mono = 4711'000'001;
     entry.utc = -1;
-    Lines lines;
-    std::string line = lines.make(entry);
+    std::string line = Lines(mDigest).make(entry);
     line.pop_back();
-    EXPECT_THAT(
-        line,
-        HasSubstr(
-            R"("by":{"uid":1000,"pid":4711,"exe":"/usr/bin/\u001b[31m\u202e","unit":null,"name_base64":"Yf8=","gone":true})"));
+    EXPECT_THAT(line, HasSubstr(R"("by":{"uid":1000,"pid":4711,"exe":"/usr/bin/\u001b[31m\u202e","unit":null,)"
+                                R"("name_base64":"Yf8=","gone":true})"));
     EXPECT_THAT(line, HasSubstr(R"("utc":"1969-12-31T23:59:59.999999Z","mono":4711.000001,)"));
     Entry read;
     std::string problem;
     ASSERT_TRUE(parseLine(line, read, problem)) << problem;
-    EXPECT_EQ(sealedLine(read, digest), line);
     EXPECT_EQ(read.key, entry.key);
     EXPECT_EQ(read.by->name, "a\xff");
-    EXPECT_EQ(isAttested(line, read, digest), true);
+    EXPECT_EQ(isAttested(line, read, mDigest), true);
+    EXPECT_EQ(sealedLine(read, mDigest), line);
+}
+
+TEST_F(TrailTest, LinesThatAreNoEntries) {
+    const std::string sound = Lines(mDigest).make(test::entryOf("SET_SECURE", "a"));
+    const auto problemOf = [&](const std::string& from, const std::string& to) {
+        std::string line = sound.substr(0, sound.size() - 1), why;
+        line.replace(line.find(from), from.size(), to);
+        Entry entry;
+        return parseLine(line, entry, why) ? "none" : why;
+    };
+    EXPECT_EQ(problemOf(R"("key":"a")", R"("later":[{"a":[1,null]}],"key":"a")"), "none");
+    EXPECT_EQ(problemOf(R"("key":"a")", R"("key":"a","key":"a")"), "\"key\" stands twice");
+    EXPECT_EQ(problemOf(R"("key":"a")", R"("key":"a","key_base64":"YQ==")"), "\"key\" stands twice");
+    EXPECT_EQ(problemOf(R"("key":"a")", R"("key_base64":"YQ=")"), "\"key_base64\" is not in base64");
+    EXPECT_EQ(problemOf(R"("key":"a")", "\"key\":\"" + std::string(65537, 'k') + "\""), "\"key\" is too long");
+    EXPECT_EQ(problemOf(R"("by":null)", R"("by":{"uid":-1})"), "\"uid\" is of another type");
+    EXPECT_EQ(problemOf("1970-01-01", "1970-02-29"), "\"utc\" is of another type");
+    EXPECT_THAT(problemOf(R"("seq":1,)", ""), HasSubstr("lacks one of"));
+    EXPECT_THAT(problemOf("{", "[{"), HasSubstr("is no JSON object"));
+    EXPECT_THAT(problemOf("{", std::string(100000, '[')), HasSubstr("is no JSON object"));
+}
+
+// An entry with all that is as long as it may be, and as long as it gets when it is escaped, can be read again.
+TEST_F(TrailTest, TheLongestLine) {
+    const std::string escapes(std::size_t{1} << 20, '\x01');
+    Entry entry = test::entryOf("SET_SECURE", escapes);
+    entry.by = Peer{0, 0, escapes, escapes, escapes, false};
+    entry.why = escapes;
+    write("trail.jsonl", Lines(mDigest).make(entry));
+    EXPECT_EQ(problem(), "");
+    EXPECT_EQ(read(Order::NewestFirst).size(), 1u);
 }
 
 TEST_F(TrailTest, ReadsFromBothEndsOverFiles) {
-    Lines lines;
+    Lines lines(mDigest);
     write("trail-000000000001.jsonl.zst", packedLines(lines.make(40)));
     write("trail-000000000041.jsonl", lines.make(40));
     write("trail.jsonl", lines.make(40));
@@ -122,8 +149,171 @@ TEST_F(TrailTest, ReadsFromBothEndsOverFiles) {
         EXPECT_EQ(read(Order::NewestFirst, at), std::vector(later.rbegin(), later.rend())) << since;
     }
     EXPECT_EQ(read(Order::NewestFirst), std::vector(wanted.rbegin(), wanted.rend()));
-    const Verdict verdict = verify(mFolder.path(), digest, lines.head());
+    const Verdict verdict = verify(mFolder.path(), mDigest, lines.head());
     EXPECT_EQ(verdict.problem, "");
     EXPECT_EQ(verdict.lines, 120u);
     EXPECT_EQ(verdict.attested, 120u);
+}
+
+TEST_F(TrailTest, FilesOfAnyKindAreRead) {
+    const std::string lines = Lines(mDigest).make(3);
+    const auto both = [&](const std::string& wanted) {
+        const std::vector<Line> found = test::linesOf({mFolder.path(), Order::OldestFirst});
+        EXPECT_THAT(found.empty() ? "" : found.front().problem, HasSubstr(wanted));
+        std::vector<std::uint64_t> forward = read(Order::OldestFirst);
+        EXPECT_EQ(read(Order::NewestFirst), std::vector(forward.rbegin(), forward.rend())) << wanted;
+        EXPECT_THAT(problem(), HasSubstr(wanted));
+        std::filesystem::remove_all(path("trail.jsonl"));
+        return forward;
+    };
+    EXPECT_TRUE(both("").empty());
+    ASSERT_EQ(::mkfifo(path("trail.jsonl").c_str(), 0600), 0);
+    (void)both("is a pipe");
+    std::filesystem::create_directory(path("trail.jsonl"));
+    (void)both("is a folder");
+    std::filesystem::create_symlink("/dev/zero", path("trail.jsonl"));
+    (void)both("is a link");
+    write("trail.jsonl", "");
+    EXPECT_TRUE(both("").empty());
+    write("trail.jsonl", std::string(kLineBytesMax + 100000, 'x') + "\n" + lines);
+    EXPECT_THAT(both("is longer than 512 KiB"), ElementsAre(0, 1, 2, 3));
+    write("trail.jsonl", lines + "{");
+    EXPECT_THAT(read(Order::NewestFirst), ElementsAre(3, 2, 1));
+    EXPECT_EQ(problem(), "is cut short");
+    write("trail.jsonl", "");
+    std::filesystem::resize_file(path("trail.jsonl"), std::uintmax_t{1} << 30);
+    EXPECT_TRUE(read(Order::NewestFirst).empty());
+    EXPECT_TRUE(read(Order::OldestFirst).empty());
+    Writer writer({mFolder.path(), 1000, 1, mDigest, {}});
+    EXPECT_THAT(writer.open({lines}).damages,
+                ElementsAre(HasSubstr("has no sound line at its end; it is trail.torn now")));
+    EXPECT_EQ(problem(), "");
+    EXPECT_EQ(std::filesystem::file_size(path("trail.torn")), std::uintmax_t{1} << 30);
+    write("trail-000000000001.jsonl.zst", packedLines(lines).substr(1));
+    EXPECT_THAT(both("has a damaged block"), ElementsAre(0, 1, 2, 3, 4));
+}
+
+// UTC was set back a year, then ahead, then put right: within one start of the machine the other clock tells.
+TEST_F(TrailTest, ClocksThatJump) {
+    const Moment now = currentMoment();
+    const std::int64_t hour = 3'600'000'000, year = 8766 * hour;
+    const std::pair<std::int64_t, std::int64_t> kAgoAndWrong[] = {
+        {2 * hour, 0}, {hour / 2, -year}, {hour / 3, year}, {hour / 4, 0}};
+    Lines lines(mDigest);
+    std::string text;
+    for (const auto& [ago, wrong] : kAgoAndWrong) {
+        Entry entry = test::entryOf("SET_SECURE", "a");
+        entry.utc = now.utc - ago + wrong;
+        entry.mono = now.mono + 3 * hour - ago;
+        entry.boot = "11111111";
+        text += lines.make(entry);
+    }
+    write("trail.jsonl", text);
+    const Since since{{now.utc - hour, now.mono + 2 * hour, "11111111"}};
+    EXPECT_THAT(read(Order::NewestFirst, since), ElementsAre(4, 3, 2));
+    EXPECT_THAT(read(Order::OldestFirst, since), ElementsAre(2, 3, 4));
+}
+
+namespace {
+
+// Tampers with a trail at a random place.
+class Tampering {
+public:
+    using Files = std::map<std::string, std::string>;  // their names and lines
+
+    static constexpr int kKinds = 13;
+
+    void tamper(Files& files, int kind) {
+        std::string &text = any(files)->second, &other = any(files)->second;
+        const auto [at, size] = lineIn(text);
+        const auto [otherAt, otherSize] = lineIn(other);
+        const std::string line = text.substr(at, size), otherLine = other.substr(otherAt, otherSize);
+        const std::size_t byte = below(text.size());
+        const std::size_t length = std::min(1 + below(2000), text.size() - byte);
+        switch (kind) {
+            case 0:
+                return void(text[byte] = static_cast<char>(text[byte] ^ 1 << below(8)));
+            case 1:
+                return void(text[at + below(size - 1)] = static_cast<char>('0' + below(10)));
+            case 2:
+                return void(text.erase(at, size));
+            case 3:
+                return void(text.insert(at, otherLine));
+            case 4:
+                text.replace(at, size, otherLine);
+                return &text == &other ? void() : void(other.replace(otherAt, otherSize, line));
+            case 5:
+                return void(text.erase(byte, length));
+            case 6:
+                return void(text.replace(byte, length, length, '\0'));
+            case 7:
+                return void(files.erase(any(files)));
+            case 8:
+                return std::swap(text, other);
+            case 9:
+                return void(files.emplace("trail-000000000" + std::to_string(100 + below(400)) + ".jsonl", text));
+            case 10:
+                return void(text.erase(at));
+            case 11:
+                return void(text.erase(byte));
+            default:
+                return void(text += text.substr(at));
+        }
+    }
+    std::size_t below(std::size_t limit) { return std::uniform_int_distribution<std::size_t>(0, limit - 1)(mRandom); }
+
+private:
+    Files::iterator any(Files& files) { return std::next(files.begin(), static_cast<long>(below(files.size()))); }
+    std::pair<std::size_t, std::size_t> lineIn(const std::string& text) {
+        const std::size_t at = below(text.size());
+        const std::size_t begin = at == 0 ? 0 : text.rfind('\n', at - 1) + 1;
+        return {begin, text.find('\n', begin) + 1 - begin};
+    }
+
+    std::mt19937 mRandom{1};
+};
+
+}  // namespace
+
+// SDCONFIG_TRAIL_TAMPERINGS: how many. What can be read after each tells what it was: nothing, where the bytes mean
+// what they did; a clean cut at the end, which takes a head to be found; or what verifying has to find by itself.
+TEST_F(TrailTest, EveryTamperingIsFound) {
+    Lines lines(mDigest);
+    (void)lines.make(100);  // dropped by now
+    Tampering::Files sound;
+    sound["trail-000000000101.jsonl.zst"] = lines.makeFile(1, 20);
+    sound["trail-000000000122.jsonl"] = lines.makeFile(1, 20);
+    sound["trail.jsonl"] = lines.makeFile(101, 20);
+    std::string whole;
+    for (const auto& [name, text] : sound) whole += text;
+    Tampering tampering;
+    const char* const wanted = std::getenv("SDCONFIG_TRAIL_TAMPERINGS");
+    const int count = wanted ? std::atoi(wanted) : 400;
+    int cuts = 0, packed = 0;
+    for (int i = 0; i < count; ++i) {
+        Tampering::Files files = sound;
+        const int kind = i % (Tampering::kKinds + 1);
+        const bool isRaw = kind == Tampering::kKinds;  // a bit of the packed file
+        if (!isRaw) tampering.tamper(files, kind);
+        for (const auto& [name, text] : files) {
+            const bool isPacked = name == sound.begin()->first && (text.empty() || text.back() == '\n');
+            std::string bytes = isPacked ? packedLines(text) : text;
+            if (isPacked && isRaw) bytes[tampering.below(bytes.size())] ^= static_cast<char>(1 << tampering.below(8));
+            write(name, bytes);
+        }
+        std::string read;
+        bool isWhole = true;
+        Reader reader(mFolder.path(), Order::OldestFirst);
+        for (Line line; reader.next(line); read += line.text + "\n") isWhole = isWhole && line.problem.empty();
+        isWhole = isWhole && !reader.isLastLineCut();
+        const bool isSame = isWhole && read == whole;
+        const bool isCut = isWhole && !isSame && whole.compare(0, read.size(), read) == 0;
+        cuts += isCut ? 1 : 0;
+        packed += isRaw && !isSame ? 1 : 0;
+        EXPECT_TRUE(problem().empty() == isSame || isCut) << i << problem();
+        EXPECT_EQ(problem(lines.head()).empty(), isSame) << i << problem(lines.head());
+        for (const auto& [name, text] : files) std::filesystem::remove(path(name));
+    }
+    EXPECT_GT(cuts, count / 50);
+    EXPECT_GT(packed, count / 20);
 }
