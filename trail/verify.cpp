@@ -11,7 +11,7 @@ namespace sd::trail {
 namespace {
 
 // How long a line that is being written lacks its newline at most.
-constexpr std::chrono::milliseconds kWriting{50};
+constexpr std::chrono::milliseconds kWriting{10};
 
 class Verifier {
 public:
