@@ -69,6 +69,9 @@ for command in $(subcommands); do
         continue
     fi
     compare "$nested" "$command" ""
+    compare "$(options "$command")" "$command" --
+    # It may be a command by itself, too.
+    ! "$program" "$command" --help | grep -q '^Positionals:' || look_up "$command"
     for second in $nested; do
         compare "$(options "$command" "$second")" "$command" "$second" --
         look_up "$command" "$second"

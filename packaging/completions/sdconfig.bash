@@ -13,6 +13,9 @@ _sdconfig_options() { # COMMAND: those of its own
         "policy install") echo --dry-run --name --policy-dir ;;
         "policy remove") echo --dry-run --policy-dir ;;
         explain) echo --show --data-dir --product-dir ;;
+        log) echo --since --by --follow --reverse --data-dir ;;
+        "log verify") echo --head --data-dir ;;
+        "log head") echo --data-dir ;;
         watch) echo --exec ;;
         list) echo --show --data-dir ;;
         doctor) echo --data-dir ;;
@@ -35,12 +38,13 @@ _sdconfig_policy_files() { # those of the administrator, without what all end wi
 _sdconfig_arguments() { # COMMAND NUMBER: what its NUMBERth argument may be, from 0 on, a line each
     case $1:$2 in
         :0)
-            printf '%s\n' get set delete secure key policy explain watch list upgrade doctor check backup restore const \
+            printf '%s\n' get set delete secure key policy explain log watch list upgrade doctor check backup restore const \
                 sign verify status help
             ;;
         secure:0) printf '%s\n' get set delete exec ;;
         key:0) printf '%s\n' list rotate disable enable prune slots protect unprotect unlock recover ;;
         policy:0) printf '%s\n' set get delete list strong clear export apply status lint install remove ;;
+        log:0) printf '%s\n' verify head && _sdconfig_keys "secure|policy" ;;
         "secure get:"* | "secure set:0" | "secure delete:0") _sdconfig_keys secure ;;
         "secure exec:"*) _sdconfig_keys secure | sed "s/\$/=/" ;;
         "policy set:0" | "policy get:0" | "policy delete:0" | "policy strong:0") _sdconfig_keys policy ;;
@@ -48,7 +52,7 @@ _sdconfig_arguments() { # COMMAND NUMBER: what its NUMBERth argument may be, fro
         "key unprotect:0") printf '%s\n' host keyring passphrase all ;;
         "key disable:0" | "key enable:0") sdconfig key list 2>/dev/null | cut -f 1 ;;
         "policy remove:0") _sdconfig_policy_files ;;
-        explain:0 | watch:* | list:*) _sdconfig_keys "secure|policy" ;;
+        explain:0 | log:* | watch:* | list:*) _sdconfig_keys "secure|policy" ;;
     esac
 }
 
@@ -67,10 +71,12 @@ _sdconfig() {
         --user) mapfile -t COMPREPLY < <(compgen -u -- "$word"); return ;;
         --backup) compopt -o filenames; mapfile -t COMPREPLY < <(compgen -f -- "$word"); return ;;
         --exec) mapfile -t COMPREPLY < <(compgen -c -- "$word"); return ;;
+        --since) mapfile -t COMPREPLY < <(compgen -W "15m 2h 2d 3w" -- "$word"); return ;;
     esac
     for ((i = 1; i < COMP_CWORD; i++)); do
         case ${COMP_WORDS[i]} in
-            --data-dir | --product-dir | --policy-dir | --backup | --name | --exec | --default | --user | --against) ((++i)) ;;
+            --data-dir | --product-dir | --policy-dir | --backup | --name | --exec | --default | --user | --against | --since | \
+                --by | --head) ((++i)) ;;
             --)
                 if [[ $command == "secure exec" ]]; then
                     mapfile -t COMPREPLY < <(compgen -c -- "$word")
@@ -86,6 +92,7 @@ _sdconfig() {
                 case $command in
                     "") command=${COMP_WORDS[i]} ;;
                     secure | key | policy) command+=" ${COMP_WORDS[i]}" ;;
+                    log) [[ $number == 0 && ${COMP_WORDS[i]} == @(verify|head) ]] && command+=" ${COMP_WORDS[i]}" || ((++number)) ;;
                     *) ((++number)) ;;
                 esac
                 ;;
@@ -96,7 +103,7 @@ _sdconfig() {
         return
     fi
     case ${help:+$command:$number} in
-        "" | :0 | secure:0 | key:0 | policy:0) ;;
+        "" | :0 | secure:0 | key:0 | policy:0 | log:0) ;;
         *) return ;;  # the help of this one
     esac
     [[ $command != "secure exec" ]] || compopt -o nospace

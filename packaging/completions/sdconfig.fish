@@ -11,7 +11,7 @@ function __sdconfig_place
             continue
         end
         switch $word
-            case --data-dir --product-dir --policy-dir --backup --name --exec --default --user
+            case --data-dir --product-dir --policy-dir --backup --name --exec --default --user --against --since --by --head
                 set skip yes
             case '-*'
             case '*'
@@ -20,6 +20,12 @@ function __sdconfig_place
                         set command $word
                     case secure key policy
                         set command "$command $word"
+                    case log
+                        if test $number = 0; and contains -- $word verify head
+                            set command "$command $word"
+                        else
+                            set number (math $number + 1)
+                        end
                     case '*'
                         set number (math $number + 1)
                 end
@@ -54,6 +60,7 @@ complete -c sdconfig -n '__sdconfig_at ":0"' -a secure -d 'Values that are seale
 complete -c sdconfig -n '__sdconfig_at ":0"' -a key -d 'The keys that values and policies are sealed with'
 complete -c sdconfig -n '__sdconfig_at ":0"' -a policy -d 'Policies'
 complete -c sdconfig -n '__sdconfig_at ":0"' -a explain -d 'Tell where the value of a key comes from'
+complete -c sdconfig -n '__sdconfig_at ":0"' -a log -d 'Tell what was done to which key, when and by whom'
 complete -c sdconfig -n '__sdconfig_at ":0"' -a watch -d 'Print changes of keys as they happen'
 complete -c sdconfig -n '__sdconfig_at ":0"' -a list -d 'Print the keys of secure values and policies'
 complete -c sdconfig -n '__sdconfig_at ":0"' -a upgrade -d 'Carry the database of an earlier version over'
@@ -83,6 +90,9 @@ complete -c sdconfig -n '__sdconfig_at key:0' -a unprotect -d 'Remove a slot, or
 complete -c sdconfig -n '__sdconfig_at key:0' -a unlock -d 'Open the key ring by its passphrase'
 complete -c sdconfig -n '__sdconfig_at key:0' -a recover -d 'Open the key ring by its recovery code'
 
+complete -c sdconfig -n '__sdconfig_at log:0' -a verify -d 'Find whether the trail is as it was written'
+complete -c sdconfig -n '__sdconfig_at log:0' -a head -d 'Print what attests the trail up to now'
+
 complete -c sdconfig -n '__sdconfig_at policy:0' -a set -d 'Set a policy'
 complete -c sdconfig -n '__sdconfig_at policy:0' -a get -d 'Print the value in force'
 complete -c sdconfig -n '__sdconfig_at policy:0' -a delete -d 'Delete a policy'
@@ -105,7 +115,7 @@ complete -c sdconfig -n '__sdconfig_at "key protect:0"' -a recovery
 complete -c sdconfig -n '__sdconfig_at "key unprotect:0"' -a all
 complete -c sdconfig -n '__sdconfig_at "key disable:0" "key enable:0"' -a '(sdconfig key list 2>/dev/null | cut -f 1)'
 complete -c sdconfig -n '__sdconfig_in "secure exec"' -a '(__sdconfig_keys secure | string replace -r \'$\' =)'
-complete -c sdconfig -n '__sdconfig_at explain:0; or __sdconfig_in watch list' -a '(__sdconfig_keys "secure|policy")'
+complete -c sdconfig -n '__sdconfig_at explain:0; or __sdconfig_in log watch list' -a '(__sdconfig_keys "secure|policy")'
 complete -c sdconfig -n '__sdconfig_at "policy export:0" "policy apply:0" "policy install:0" backup:0 restore:0' -F
 complete -c sdconfig -n '__sdconfig_at upgrade:0 check:0 backup:1 restore:1' -a '(__fish_complete_directories)'
 
@@ -115,7 +125,7 @@ complete -c sdconfig -n '__sdconfig_in get' -l local -d 'Read the build.prop fil
 complete -c sdconfig -n '__sdconfig_in get "secure get"' -l default -x -d 'Print it instead of what is unset'
 complete -c sdconfig -n '__sdconfig_in get explain' -l product-dir -xa '(__fish_complete_directories)' \
     -d 'The data folder of the product'
-complete -c sdconfig -n '__sdconfig_in explain list doctor "key list" "key slots" "policy list" "policy export" "policy apply"' \
+complete -c sdconfig -n '__sdconfig_in explain list doctor log "log verify" "log head" "key list" "key slots" "policy list" "policy export" "policy apply"' \
     -l data-dir \
     -xa '(__fish_complete_directories)' -d 'The data folder of the service'
 complete -c sdconfig -n '__sdconfig_in explain list "policy apply"' -l show -d 'Show values, which can be secrets'
@@ -135,4 +145,9 @@ complete -c sdconfig -n '__sdconfig_in "policy apply" "policy install" "policy r
 complete -c sdconfig -n '__sdconfig_in upgrade' -l force -d 'Copy, whatever the version'
 complete -c sdconfig -n '__sdconfig_in backup restore' -l force -d 'Replace what is there'
 complete -c sdconfig -n '__sdconfig_in backup restore' -l without-keys -d 'Leave the key ring out'
+complete -c sdconfig -n '__sdconfig_in log' -l since -xa '15m 2h 2d 3w' -d 'Only from then on'
+complete -c sdconfig -n '__sdconfig_in log' -l by -x -d 'Only by this program, unit or user'
+complete -c sdconfig -n '__sdconfig_in log' -l follow -d 'Go on with those to come'
+complete -c sdconfig -n '__sdconfig_in log' -l reverse -d 'Print the oldest first'
+complete -c sdconfig -n '__sdconfig_in "log verify"' -l head -x -d 'Compare with a head'
 complete -c sdconfig -n '__sdconfig_in watch' -l exec -x -d 'Run a command for each change'

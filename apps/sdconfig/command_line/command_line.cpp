@@ -65,15 +65,17 @@ std::vector<std::string> commandWords(const std::vector<std::string>& arguments)
     return words;
 }
 
-// Null where no command is named.
+const Command* commandOf(const std::string& group, const std::string& name) {
+    const auto found = std::find_if(commands().begin(), commands().end(),
+                                    [&](const Command& one) { return one.group == group && one.name == name; });
+    return found == commands().end() ? nullptr : &*found;
+}
+
+// Null where no command is named. A name of two words comes before one of the first alone.
 const Command* namedCommand(const std::vector<std::string>& arguments) {
     const std::vector<std::string> words = commandWords(arguments);
-    const auto isNamed = [&words](const Command& command) {
-        if (!command.group[0]) return !words.empty() && words[0] == command.name;
-        return words.size() > 1 && words[0] == command.group && words[1] == command.name;
-    };
-    const auto named = std::find_if(commands().begin(), commands().end(), isNamed);
-    return named == commands().end() ? nullptr : &*named;
+    const Command* const longer = words.size() > 1 ? commandOf(words[0], words[1]) : nullptr;
+    return longer || words.empty() ? longer : commandOf("", words[0]);
 }
 
 // Behind "--" of "secure exec" stands another program, with options of its own.
@@ -96,6 +98,12 @@ std::string meantCommand(const CLI::App& group, const std::string& groupName, co
     const auto same =
         std::find_if(commands().begin(), commands().end(), [&](const Command& one) { return one.name == word; });
     return same == commands().end() ? "" : nameOf(*same);
+}
+
+// A command with which longer names begin, where one of those was typed: its own arguments and options are none of
+// theirs.
+Group asGroup(const Command& command) {
+    return {command.name, command.help, command.example};
 }
 
 // The option's name alone: what follows it may be a secret.
@@ -129,13 +137,15 @@ void CommandLine::prepareFor(const Command& command) {
     prepare();
     for (const Group& group : groups())
         if (command.group == std::string(group.name)) add(group);
+    if (const Command* const first = commandOf("", command.group)) add(asGroup(*first));
     add(command);
 }
 
-void CommandLine::prepareWhole() {
+void CommandLine::prepareWhole(const Command* named) {
     prepare();
     for (const Group& group : groups()) add(group);
-    for (const Command& command : commands()) add(command);
+    for (const Command& command : commands())
+        named&& command.name == std::string(named->group) ? add(asGroup(command)) : add(command);
     addHelp();
 }
 
@@ -179,6 +189,7 @@ void CommandLine::add(const Command& command) {
         if (value.needs[0]) option->needs(app->get_option(value.needs));
     }
     app->callback([this, app, &command] {
+        if (!app->get_subcommands().empty()) return;  // a longer name was typed
         mCommand = &command;
         mRequest.command = nameOf(command);
         for (const Argument& argument : command.arguments)
@@ -194,7 +205,7 @@ std::optional<int> CommandLine::parse(int argc, char** argv) {
     const Command* const named = namedCommand(arguments);
     std::reverse(arguments.begin(), arguments.end());  // as the parser wants them
     if (!named || !isRightFor(*named, arguments)) {
-        prepareWhole();
+        prepareWhole(named);
         try {
             mApp->parse(std::move(arguments));
         } catch (const CLI::ParseError& error) {

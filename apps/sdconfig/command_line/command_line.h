@@ -35,7 +35,7 @@ private:
     // To make a parser takes much of the time of a call, and most calls name a command and are right: for them that of
     // the command is made. The whole one has the helps, and says what is wrong.
     void prepareFor(const Command& command);
-    void prepareWhole();
+    void prepareWhole(const Command* named);
     void prepare();
     void add(const Group& group);
     void add(const Command& command);

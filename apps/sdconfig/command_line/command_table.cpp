@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "apps/common/digest_text.h"
+#include "apps/common/time_text.h"
 #include "apps/common/usage.h"
 #include "apps/sdconfig/terminal/messages.h"
 #include "base/limits.h"
@@ -46,6 +47,11 @@ std::string tooLong(const std::string& key) {
 
 std::string notADigest(const std::string& text) {
     return apps::isDigestText(text) ? "" : "it is no digest that \"check --digest\" printed";
+}
+
+std::string notATime(const std::string& text) {
+    if (apps::typedTime(text, 0)) return "";
+    return quoted(text) + " is no time: that is 90s, 15m, 2h, 2d or 3w, or 2030-01-31 or 2030-01-31T12:00";
 }
 
 // What no id of a key begins with.
@@ -206,6 +212,22 @@ constexpr ValueOption kAgainst{
     "--against", "DIGEST",          "Find whether the folder holds what it held when this was printed",
     "",          &Request::against, notADigest};
 
+constexpr Argument kLogged = checked({"KEY", "Of these alone; \"a.b.*\" is all that begin with \"a.b.\"", nullptr,
+                                      &Request::keysGiven, false, &Request::keys},
+                                     tooLong);
+constexpr Flag kFollow{"--follow", "Begin with the last ten, and go on with those to come, the oldest first",
+                       &Request::follow};
+constexpr Flag kReverse{"--reverse", "Print the oldest first", &Request::reverse};
+constexpr ValueOption kSince{
+    "--since", "TIME",          "Only from then on: 90s, 15m, 2h, 2d or 3w ago, or 2030-01-31T12:00",
+    "",        &Request::since, notATime};
+constexpr ValueOption kBy{
+    "--by", "WHO",        "Only by this program, unit or user: a path or its last part, a unit, a uid",
+    "",     &Request::by, apps::notEmpty};
+constexpr ValueOption kHead{
+    "--head", "HEAD",         "Find whether all is there that was when \"log head\" printed this",
+    "",       &Request::head, apps::notEmpty};
+
 constexpr char kSetSecureNotes[] =
     "Without VALUE, or where it is \"-\", the value is read from standard input up to its end, less one final "
     "newline;\n"
@@ -246,6 +268,22 @@ constexpr char kLintNotes[] =
 
 constexpr char kInstallNotes[] =
     "For root. Each user whose service runs is told of, with what changes there; a service takes it up at once.\n";
+
+constexpr char kLogNotes[] =
+    "A line an entry, the newest first: its number, when it was, what was done, the key, and by whom. Values are "
+    "never\n"
+    "in it. At a terminal it goes through $PAGER, or less. Needs no service. Exit code 1 where something can't be\n"
+    "shown. A key that is called as a command that begins with log is given behind --.\n";
+
+constexpr char kLogVerifyNotes[] =
+    "Names the first line that is not as it was written, with exit code 1: changed, put in, taken out, put elsewhere.\n"
+    "That lines at the end are gone shows by --head alone. A locked key ring is opened by its slots, or at a terminal\n"
+    "by what is typed.\n";
+
+constexpr char kLogHeadNotes[] =
+    "To be noted where nobody who writes to the folder can change it: \"log verify --head\" finds then whether all "
+    "that\n"
+    "came before is there and as it was.\n";
 
 constexpr char kWatchNotes[] =
     "A line a change, KEY and value, until it is interrupted. It goes on through restarts of the service. Values are\n"
@@ -545,6 +583,30 @@ const std::vector<Command>& commands() {
          {kKey},
          {kShow},
          {kDataDir, kProductFiles}},
+        {"",
+         "log",
+         "Tells what was done to which key, when and by whom",
+         "sdconfig log 'velmar.proxy.*' --since 2d",
+         {kLogged},
+         {kFollow, kReverse},
+         {kSince, kBy, kDataDir},
+         kLogNotes},
+        {"log",
+         "verify",
+         "Finds whether the trail is as it was written",
+         "sdconfig log verify --head \"$(cat noted)\"",
+         {},
+         {},
+         {kHead, kDataDir},
+         kLogVerifyNotes},
+        {"log",
+         "head",
+         "Prints what attests the trail up to now",
+         "sdconfig log head >noted",
+         {},
+         {},
+         {kDataDir},
+         kLogHeadNotes},
         {"",
          "watch",
          "Prints changes of keys as they happen",

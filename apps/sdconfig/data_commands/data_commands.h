@@ -18,6 +18,9 @@ int showPolicyStatus(const Request& request, Service& service);
 int applyPolicies(const Request& request, Service& service);
 int tryPolicyFolders(const Request& request, Service& service);  // a kind of the one before
 int explainKey(const Request& request, Service& service);
+int showLog(const Request& request, Service& service);
+int verifyLog(const Request& request, Service& service);
+int printLogHead(const Request& request, Service& service);
 int watchPatterns(const Request& request, Service& service);
 int listKeys(const Request& request, Service& service);
 int listKeyRing(const Request& request, Service& service);

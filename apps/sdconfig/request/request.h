@@ -45,6 +45,11 @@ struct Request {
     std::vector<std::string> policyDirs;  // instead of the machine's
     std::string backup;                   // a file; "": none
     bool fileGiven = false;
+    std::string since;  // a point in time, as typed; "": none
+    std::string by;     // a program, a unit or a uid; "": any
+    std::string head;   // of a trail; "": none
+    bool follow = false;
+    bool reverse = false;
 
     bool json = false;
     bool verbose = false;

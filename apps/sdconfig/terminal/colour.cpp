@@ -1,5 +1,7 @@
 #include "apps/sdconfig/terminal/colour.h"
 
+#include <array>
+#include <cstddef>
 #include <cstdlib>
 
 #include "apps/sdconfig/terminal/output.h"
@@ -22,7 +24,8 @@ bool isWanted() {
 std::string coloured(const std::string& word, Colour colour) {
     static const bool sWanted = isWanted();
     if (!sWanted) return word;
-    return (colour == Colour::Good ? "\x1b[32m" : "\x1b[31m") + word + "\x1b[0m";
+    static constexpr std::array kBegins{"\x1b[32m", "\x1b[31m", "\x1b[33m", "\x1b[2m"};
+    return kBegins.at(static_cast<std::size_t>(colour)) + word + "\x1b[0m";
 }
 
 }  // namespace cli

@@ -387,6 +387,30 @@ int valuesUnreadable(const Request& request, const Problem& problem) {
         problem.next.empty() ? "the key ring belongs to the databases: restore it from the same backup" : problem.next);
 }
 
+int noTrail(const Request& request, const std::string& folder) {
+    return fail(kRefused, attempt(request), "there is no trail in " + folder,
+                "a service of this version keeps one, unless it was started with --no-audit; see: " + typed("status"));
+}
+
+int notAllShown(const Request& request, std::size_t count, const std::string& first) {
+    const std::string places = count == 1 ? "a place of the trail" : std::to_string(count) + " places of the trail";
+    return fail(kRefused, attempt(request), places + " can't be shown: " + first,
+                "see what it proves with: " + typed("log verify"));
+}
+
+void noteNotShown(const std::string& place) {
+    note("can't be shown: " + place);
+}
+
+int notAttested(const Request& request, const Problem& keyProblem) {
+    return fail(kRefused, attempt(request), "no key attests the trail: " + keyProblem.what,
+                keyProblem.next + "; or compare it with a head that was noted, by --head");
+}
+
+void noteTrailBegins(std::uint64_t seq) {
+    note("the trail is kept from entry " + std::to_string(seq) + " on; what was before was removed with its files");
+}
+
 int keyRefused(const Request& request, const Problem& problem) {
     return fail(kRefused, attempt(request), problem.what, problem.next.empty() ? seeItsLog() : problem.next);
 }

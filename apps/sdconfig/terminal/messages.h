@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 #include "apps/common/escaped.h"
@@ -124,6 +125,13 @@ void noteDataNotRead(const std::string& problem);
 void noteNoDatabase(const std::string& folder, const char* what);
 void noteContradiction(const std::string& folder);
 int valuesUnreadable(const Request& request, const Problem& problem);
+
+// The trail.
+int noTrail(const Request& request, const std::string& folder);
+int notAllShown(const Request& request, std::size_t count, const std::string& first);  // places of it; the first one's
+void noteTrailBegins(std::uint64_t seq);
+void noteNotShown(const std::string& place);                         // while the trail is followed
+int notAttested(const Request& request, const Problem& keyProblem);  // since no key is at hand
 
 // Keys.
 int keyRefused(const Request& request, const Problem& problem);

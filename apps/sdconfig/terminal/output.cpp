@@ -14,10 +14,6 @@ namespace cli {
 
 namespace {
 
-std::string lineOf(const Object& object) {
-    return apps::escapedInJson(object.dump()) + "\n";
-}
-
 Object valueObject(const char* keyName, const std::string& key, bool set, const std::optional<std::string>& value) {
     Object object;
     addBytes(object, keyName, key);
@@ -49,6 +45,10 @@ void addBytes(Object& object, const std::string& name, const std::string& bytes)
     } else {
         object[name + "_base64"] = sd::toBase64(bytes);
     }
+}
+
+std::string lineOf(const Object& object) {
+    return apps::escapedInJson(object.dump()) + "\n";
 }
 
 int printText(const std::string& text) {

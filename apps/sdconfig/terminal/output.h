@@ -26,6 +26,7 @@ void addBytes(Object& object, const std::string& name, const std::string& bytes)
 // written is a failure; a reader that had enough and closed the pipe is none.
 int print(const Request& request, const std::string& text, const Object& object);
 int printText(const std::string& text);
+std::string lineOf(const Object& object);  // with its newline
 
 // A key or a value as standard output shows it: exact, but at a terminal escaped.
 std::string shown(const std::string& text);

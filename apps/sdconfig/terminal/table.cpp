@@ -1,7 +1,6 @@
 #include "apps/sdconfig/terminal/table.h"
 
 #include <algorithm>
-#include <cstddef>
 
 #include "apps/sdconfig/terminal/output.h"
 
@@ -12,9 +11,17 @@ namespace {
 constexpr std::size_t kWidest = 40;  // a longer field moves its own line alone
 constexpr std::size_t kGap = 2;
 
-// In characters: what begins with these bits goes on with one.
+// In characters: what begins with these bits goes on with one. A change of colour takes no room, and no field has
+// another escape.
 std::size_t widthOf(const std::string& text) {
-    return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xc0) != 0x80; }));
+    std::size_t width = 0;
+    bool isColour = false;
+    for (const char c : text) {
+        isColour = isColour || c == '\x1b';
+        if (!isColour && (c & 0xc0) != 0x80) ++width;
+        if (c == 'm') isColour = false;
+    }
+    return width;
 }
 
 std::vector<std::size_t> widthsOf(const Fields& headings, const std::vector<Fields>& lines) {
@@ -43,6 +50,10 @@ std::string withTabs(const Fields& line) {
 }
 
 }  // namespace
+
+std::string tableLine(const Fields& fields, const std::vector<std::size_t>& widths) {
+    return isTerminal() ? inColumns(fields, widths) : withTabs(fields);
+}
 
 std::string table(const Fields& headings, const std::vector<Fields>& lines) {
     const bool columns = isTerminal() && !lines.empty();
