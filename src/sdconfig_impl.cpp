@@ -139,8 +139,12 @@ bool SDConfigImpl::SetSecure_v3(const std::string& key, const std::string& value
 }
 
 std::string SDConfigImpl::GetSecure(const std::string& key) {
+    return GetSecure(key, nullptr);
+}
+
+std::string SDConfigImpl::GetSecure(const std::string& key, PolicyLayers* layers) {
     const Stopwatch watch;
-    PolicyMap policy = SDConfigDmHelper::GetInstance().GetPolicyWithUri(key);
+    PolicyMap policy = SDConfigDmHelper::GetInstance().GetPolicyWithUri(key, layers);
     std::string value;
     if (policy.size() == 1 && policy.begin()->first != kNullValue)
         value = std::move(policy.extract(policy.begin()).key());  // not a copy of what may be 16 MiB
@@ -172,6 +176,11 @@ bool SDConfigImpl::DeleteSecure_v3(const std::string& key) {
 
 std::size_t SDConfigImpl::storedBytes_v3(const std::string& key) {
     return getValueFromDatabaseTable(mSecureV3Table, key).size();
+}
+
+std::string SDConfigImpl::openedValue_v3(const std::string& key) {
+    const std::string encrypted = getValueFromDatabaseTable(mSecureV3Table, key);
+    return encrypted.empty() ? "" : openForRow(secureRow(key), encrypted);
 }
 
 std::string SDConfigImpl::replacedKey() {

@@ -11,6 +11,8 @@
 
 namespace sd {
 
+struct PolicyLayers;
+
 // The object is itself the connection to sdconfig.db, with four tables of one form (id, key, value):
 //   dbinfor    the file's own version, under "dbVersion"; "replacedKey" while all is being sealed anew
 //   config     plain settings
@@ -40,6 +42,9 @@ public:
     // The effective value: what the policy store makes of the key's policy and the stored value.
     std::string GetSecure(const std::string& key);
 
+    // For the service, and not exported. The same, and where `layers` is not null what it was made of.
+    [[gnu::visibility("hidden")]] std::string GetSecure(const std::string& key, PolicyLayers* layers);
+
     // True for an absent key too.
     bool DeleteSecure(const std::string& key);
 
@@ -50,6 +55,9 @@ public:
 
     // For the service, and not exported. How long the text is that secure_v3 has for the key, sealed as it stands.
     [[gnu::visibility("hidden")]] std::size_t storedBytes_v3(const std::string& key);
+
+    // The same: GetSecure_v3 without its line about an identity key.
+    [[gnu::visibility("hidden")]] std::string openedValue_v3(const std::string& key);
 
     // The same: the table of secure values; and the key under which all of both stores is being sealed anew, "" for
     // none.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <stdexcept>
 #include <utility>
 #include <vector>
 
@@ -57,6 +58,24 @@ const MachinePolicies::Policy* governing(const MachinePolicies* policies, const 
 // As a stored one reads back.
 PolicyMap policyOf(const PolicyEntry& entry) {
     return policyOf(latin1ToUtf8(entry.value), entry.priority);
+}
+
+// The policy that a stored text holds; nothing where it is malformed.
+std::optional<PolicyMap> parsePolicy(const std::string& text) {
+    auto [value, priorityText] = splitPolicyText(text);
+    if (!isDecimal(priorityText)) return std::nullopt;
+    // An empty text, or one beyond an int, raises std::stoi's exception: it is let through on purpose.
+    const int priority = std::stoi(priorityText);
+    return priority == kNoPriority ? PolicyMap() : policyOf(std::move(value), priority);
+}
+
+// hasRow: whether a row of exactly this URI holds a local value, an empty one included; asked where that decides.
+template <class HasRow>
+PolicyMap weigh(PolicyMap policy, std::string local, const HasRow& hasRow) {
+    const int priority = policy.empty() ? kNoPriority : policy.begin()->second;
+    // A strong policy, or a weak one with no local value and no row that says there is none.
+    const bool policyWins = priority > kLocalPriority || (!policy.empty() && local.empty() && !hasRow());
+    return policyWins ? std::move(policy) : policyOf(std::move(local), kLocalPriority);
 }
 
 // Whether the machine's policies leave the URI's stored one alone; else a line has told by which file they don't.
@@ -143,43 +162,68 @@ PolicyMap SDConfigDmHelper::GetPolicyFromDMtable(const std::string& uri) {
     const std::string text = openForRow(policyRow(uri), encrypted);
     if (text.empty()) return {};
 
-    auto [value, priorityText] = splitPolicyText(text);
-    if (!isDecimal(priorityText)) {
-        LOG(7, AT "valueWithPriority data format", HERE);
-        return {};
-    }
-    // An empty text, or one beyond an int, raises std::stoi's exception: it is let through on purpose.
-    const int priority = std::stoi(priorityText);
-    if (priority == kNoPriority) return {};
+    auto policy = parsePolicy(text);
+    if (!policy) LOG(7, AT "valueWithPriority data format", HERE);
+    if (!policy || policy->empty()) return {};
 
     if (const int ms = watch.elapsedMs(); ms >= kSlowPolicyMs)
         LOG(6, AT "GetPolicyFromDMtable %s takes %d ms", HERE, uri.c_str(), ms);
-    return policyOf(std::move(value), priority);
+    return std::move(*policy);
 }
 
 PolicyMap SDConfigDmHelper::GetPolicyWithUri(const std::string& uri) {
+    return GetPolicyWithUri(uri, nullptr);
+}
+
+PolicyMap SDConfigDmHelper::GetPolicyWithUri(const std::string& uri, PolicyLayers* layers) {
     const Stopwatch watch;
-    PolicyMap effective = effectiveUnder(machine().policies.get(), uri);
+    PolicyMap effective = effectiveUnder(machine().policies.get(), uri, layers);
     if (const int ms = watch.elapsedMs(); ms >= kSlowWeighingMs)
         LOG(6, AT "GetPolicyWithUri %s takes %d ms", HERE, uri.c_str(), ms);
     return effective;
 }
 
-PolicyMap SDConfigDmHelper::effectiveUnder(const MachinePolicies* policies, const std::string& uri) {
+PolicyMap SDConfigDmHelper::effectiveUnder(const MachinePolicies* policies, const std::string& uri,
+                                           PolicyLayers* layers) {
     const auto* const governed = governing(policies, uri);
     PolicyMap policy = governed ? policyOf(*governed->entry) : GetPolicyFromDMtable(uri);
     if (policy.size() >= 2) {
         LOG(7, AT "format is error, size is %zu", HERE_AS("GetPolicyWithUri"), policy.size());
         return {};
     }
-    const int priority = policy.empty() ? kNoPriority : policy.begin()->second;
-
-    if (governed && priority > kLocalPriority) return policy;
+    if (layers) *layers = {policy, governed != nullptr, std::nullopt};
+    if (governed && governed->entry->priority > kLocalPriority) return policy;
     SDConfigImpl& config = *SDConfigImpl::GetInstance();
     std::string local = config.GetSecure_v3(uri);
-    // A strong policy, or a weak one with no local value and no row that says there is none.
-    const bool policyWins = priority > kLocalPriority || (!policy.empty() && local.empty() && !config.isKeyInDB(uri));
-    return policyWins ? std::move(policy) : policyOf(std::move(local), kLocalPriority);
+    if (layers) layers->local = local;
+    return weigh(std::move(policy), std::move(local), [&] { return config.isKeyInDB(uri); });
+}
+
+PolicyLayers SDConfigDmHelper::layersOf(const std::string& uri) {
+    PolicyLayers layers;
+    layers.local = SDConfigImpl::GetInstance()->openedValue_v3(uri);
+    if (const auto* const governed = governing(machine().policies.get(), uri)) {
+        layers.policy = policyOf(*governed->entry);
+        layers.isGoverned = true;
+        return layers;
+    }
+    const std::string sealed = getValueFromDatabaseTable(mDmHelperTable, uri);
+    const std::string text = sealed.empty() ? "" : openForRow(policyRow(uri), sealed);
+    try {
+        if (!text.empty()) layers.policy = parsePolicy(text).value_or(PolicyMap());
+    } catch (const std::logic_error&) {  // its priority is none: it has no effect, but that reading it fails
+    }
+    return layers;
+}
+
+PolicyMap SDConfigDmHelper::effectiveOf(PolicyLayers layers, const std::function<bool()>& hasRow) {
+    return weigh(std::move(layers.policy), std::move(layers.local).value_or(""), hasRow);
+}
+
+PolicyMap SDConfigDmHelper::asStored(const PolicyMap& policy) {
+    if (policy.empty()) return {};
+    const auto& [value, priority] = *policy.begin();
+    return parsePolicy(latin1ToUtf8(composePolicyText(value, priority))).value_or(PolicyMap());
 }
 
 bool SDConfigDmHelper::isUnopenable(const std::string& uri) {
@@ -202,8 +246,7 @@ bool SDConfigDmHelper::DeletePolicyWithUri(const std::string& uri) {
 }
 
 bool SDConfigDmHelper::deleteStored(const std::string& uri) {
-    if (getValueFromDatabaseTable(mDmHelperTable, uri).empty()) return true;
-    return deleteValueFromDatabase(mDmHelperTable, uri);
+    return !isStored(uri) || deleteValueFromDatabase(mDmHelperTable, uri);
 }
 
 bool SDConfigDmHelper::isStrongControl(const std::string& uri) {
@@ -247,7 +290,15 @@ std::optional<PolicyList> SDConfigDmHelper::allKeysWithin(std::size_t bytes) {
     return list;
 }
 
+bool SDConfigDmHelper::isStored(const std::string& uri) {
+    return !getValueFromDatabaseTable(mDmHelperTable, uri).empty();
+}
+
 bool SDConfigDmHelper::ClearAllKeys() {
+    return ClearAllKeys([](const std::string&) {});
+}
+
+bool SDConfigDmHelper::ClearAllKeys(const std::function<void(const std::string&)>& deleting) {
     std::vector<std::string> uris;
     if (!key_value::keys(mDmHelperTable, uris)) {
         LOG(5, AT "mDmHelperTable is empty()", HERE);
@@ -256,7 +307,10 @@ bool SDConfigDmHelper::ClearAllKeys() {
     if (uris.empty()) return true;
     // A commit for each would hold up everybody for as long as the disk takes, times their number.
     data::SQLiteTransaction transaction(mDatabase);
-    const auto remove = [this](const std::string& uri) { return deleteStored(uri); };
+    const auto remove = [&](const std::string& uri) {
+        deleting(uri);
+        return deleteStored(uri);
+    };
     const bool deleted = transaction.isActive() && std::all_of(uris.begin(), uris.end(), remove);
     if (!deleted) LOG(7, AT "DeletePolicyWithUri failed", HERE);
     return transaction.commit() && deleted;

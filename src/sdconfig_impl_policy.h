@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -15,6 +16,13 @@
 namespace sd {
 
 class MachinePolicies;
+
+// What a URI's effective value is made of.
+struct PolicyLayers {
+    PolicyMap policy{};                  // the machine's, or the stored one
+    bool isGoverned = false;             // it is the machine's
+    std::optional<std::string> local{};  // the secure value; not looked at where the machine's policy is strong
+};
 
 // One policy a URI: a value and a priority, kept sealed. A local secure value counts as priority 5; a policy wins over
 // it only with a priority above 5 (strong control), so a tie goes to the local value.
@@ -69,8 +77,19 @@ public:
     // there is neither.
     PolicyMap GetPolicyWithUri(const std::string& uri);
 
-    // For the service, and not exported. The same, had the machine these policies.
-    [[gnu::visibility("hidden")]] PolicyMap effectiveUnder(const MachinePolicies* machine, const std::string& uri);
+    // For the service, and not exported. The same, and where `layers` is not null what it was made of.
+    [[gnu::visibility("hidden")]] PolicyMap GetPolicyWithUri(const std::string& uri, PolicyLayers* layers);
+    // The same, had the machine these policies.
+    [[gnu::visibility("hidden")]] PolicyMap effectiveUnder(const MachinePolicies* machine, const std::string& uri,
+                                                           PolicyLayers* layers = nullptr);
+
+    // The same. What a URI's effective value is made of, without a line about what is wrong with it; what layers have
+    // for their effective value, where `hasRow` tells whether there is a local value, an empty one included; and a
+    // policy as it reads back once it is stored.
+    [[gnu::visibility("hidden")]] PolicyLayers layersOf(const std::string& uri);
+    [[gnu::visibility("hidden")]] static PolicyMap effectiveOf(PolicyLayers layers,
+                                                               const std::function<bool()>& hasRow);
+    [[gnu::visibility("hidden")]] static PolicyMap asStored(const PolicyMap& policy);
 
     // The same. Of a URI whose effective value is empty: whether it is that because the row
     // that decides, the policy's or the local secure value's, is there and can't be opened. And what has to be read to
@@ -80,6 +99,10 @@ public:
 
     // The same: GetAllKeys, but nothing where the values have more bytes together. Looks no further than that.
     [[gnu::visibility("hidden")]] std::optional<PolicyList> allKeysWithin(std::size_t bytes);
+
+    // The same: ClearAllKeys, which tells of each URI before its policy is deleted; and whether a URI has a stored one.
+    [[gnu::visibility("hidden")]] bool ClearAllKeys(const std::function<void(const std::string&)>& deleting);
+    [[gnu::visibility("hidden")]] bool isStored(const std::string& uri);
 
     // The same: the table of policies.
     [[gnu::visibility("hidden")]] data::SQLiteTable& sealedTable() { return mDmHelperTable; }

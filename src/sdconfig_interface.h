@@ -12,13 +12,18 @@
 
 #include "base/sdconfig_types.h"
 #include "platform/sdbus/sdbus.h"
+#include "src/sdconfig_callers.h"
+#include "trail/entry.h"
 
 namespace sd {
 
 class KeyKeeper;
 class PolicyKeeper;
 class SlotKeeper;
+class TrailKeeper;
+struct PolicyLayers;
 struct SealedRows;
+struct TrailChange;
 
 // The bus layer calls handleMethodCall on one thread, one call at a time; nothing else touches the stores.
 class SDConfigInterface : public SDBusServiceInterface {
@@ -34,6 +39,11 @@ public:
     // anything is served; and has changes taken up from then on.
     void readMachinePolicies();
     void watchMachinePolicies();
+
+    // The trail, where the host wants one: what was carried of it is read before anything is served; and it begins
+    // once nobody else serves.
+    void openTrail();
+    void beginTrail();
 
     // Registrations per key: how many are live, and whether the latest one asked for the strong-control flag.
     bool RegisterListener(const std::string& key, bool flag);
@@ -93,10 +103,11 @@ private:
     bool unprotectRing(Call& call);
     bool unlockRing(Call& call);
     bool recoverRing(Call& call);
+    bool trailStatus(Call& call);
 
     KeyKeeper& keys(const Call& call);
     SlotKeeper& slots();
-    std::function<void(int, const std::string&)> slotAnswer(const Call& call);
+    std::function<void(int, const std::string&)> slotAnswer(const Call& call, const std::string& slot);
     static void appendRows(SDBusMessage& reply, const SealedRows& rows);
     std::shared_ptr<SDBusMessage> makeReply(const Call& call);
     void replyBool(const Call& call, bool value);
@@ -104,15 +115,34 @@ private:
     static std::optional<Effective> effectiveOf(PolicyMap policy);
     std::optional<Effective> readBack(const Call& call, const std::string& key);
     void announceSecure(const Call& call, const std::string& key, const std::string& value);
-    PolicyChange writePolicy(const Call& call, const std::string& key, const std::string& value, int priority);
-    bool announcePolicy(const Call& call, const PolicyChange& change, std::shared_ptr<SDBusMessage> event);
+    PolicyChange writePolicy(Call& call, const std::string& key, const std::string& value, int priority);
+    std::optional<Effective> announcePolicy(const Call& call, const PolicyChange& change,
+                                            std::shared_ptr<SDBusMessage> event);
     bool tellOfPolicies(const Call& call);
+
+    trail::Entry entryOf(const Call& call);
+    TrailChange changeOf(const Call& call, const std::string& key, const std::string& old);
+    bool noteRead(const Call& call, const std::string& key, const std::string& value);
+    void noteProperty(const Call& call, const std::string& key, const std::string& old, const std::string& value,
+                      bool isDone);
+    bool storeSecure(const Call& call, const std::string& key, const std::optional<std::string>& value,
+                     const std::string& old, PolicyLayers layers);
+    bool storePolicy(Call& call, const std::string& key, const PolicyMap& policy, const std::string& old,
+                     PolicyLayers layers);
+    bool erasePolicy(Call& call, const std::string& key);
+    TrailChange erasureOf(const Call& call, const std::string& uri);
+    bool eraseAllPolicies(const Call& call);
+    void noteMachinePolicy(const Call& call, const std::string& uri, const std::string& old, const std::string& latest);
+    void noteFailure(const Call& call, std::size_t count);
+    void noteRing(trail::Entry entry, bool isDone, std::string why);
 
     void countRegistration(const std::string& key, bool flag);  // under mMutex
 
     SDBusSerivceManager* mManager;
     std::unique_ptr<KeyKeeper> mKeys;             // made by the first call that needs it
     std::unique_ptr<PolicyKeeper> mPolicyKeeper;  // null where there are no policies of the machine
+    Callers mCallers;
+    std::unique_ptr<TrailKeeper> mTrail;  // null where none is kept
     std::mutex mMutex;
     std::map<std::string, int> mListenerCounts;
     std::map<std::string, bool> mListenerFlags;

@@ -1,6 +1,7 @@
 // What the dispatcher's functions hand each other. For its own files only.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -27,6 +28,7 @@ struct SDConfigInterface::Call {
     SDConfigImpl& config;
     SDPropertyInf& properties;
     SDConfigDmHelper& policies;
+    std::uint64_t cause = 0;  // the first entry of a list in the trail
 
     void logIfSlow() const;
 };

@@ -245,11 +245,13 @@ KeyKeeper::Pruning KeyKeeper::prune(bool begin) {
     if (begin || !mPruning)
         if (const KeyOutcome begun = beginPrune(); begun != KeyOutcome::Done) return {begun};
     PrunePass& pass = *mPruning;
+    const std::size_t removedBefore = pass.removed.size();
     const KeyOutcome outcome = pass.place.isAtEnd() ? removeOne(pass) : findNeeded(pass);
     const bool isAtEnd =
         outcome == KeyOutcome::Done && pass.place.isAtEnd() && pass.unneeded() == pass.candidates.end();
     Pruning result{outcome, isAtEnd, pass.place.percent()};
     result.removed = pass.removed;
+    if (pass.removed.size() > removedBefore) result.removedNow = pass.removed.back();
     if (isAtEnd) result.needed = std::move(pass.candidates);
     if (isAtEnd || outcome != KeyOutcome::Done) mPruning.reset();
     return result;

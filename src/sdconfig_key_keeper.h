@@ -71,6 +71,7 @@ public:
         bool isAtEnd = false;
         int percent = 0;
         std::vector<std::string> removed{};          // so far
+        std::string removedNow{};                    // by this step; "" for none
         std::map<std::string, SealedRows> needed{};  // by the key's id; those that do not seal
     };
     Pruning prune(bool begin);

@@ -54,6 +54,9 @@ inline constexpr char kKeyUnprotect[] = "KEY_UNPROTECT";
 inline constexpr char kKeyUnlock[] = "KEY_UNLOCK";
 inline constexpr char kKeyRecover[] = "KEY_RECOVER";
 
+// The same: the trail.
+inline constexpr char kTrailStatus[] = "TRAIL_STATUS";
+
 // What the answers about keys begin with.
 enum class KeyOutcome : int {
     Done,

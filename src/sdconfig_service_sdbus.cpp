@@ -1,6 +1,9 @@
 // Start-up of the service.
 #include "src/sdconfig_service_sdbus.h"
 
+#include <algorithm>
+#include <utility>
+
 #include "platform/velmarlog/log_line.h"
 #include "src/sdconfig_impl.h"
 #include "src/sdconfig_impl_policy.h"
@@ -10,6 +13,7 @@
 #include "src/sdconfig_protocol.h"
 #include "src/sdconfig_slot_keeper.h"
 #include "src/sdconfig_store_folder.h"
+#include "src/sdconfig_trail_keeper.h"
 
 namespace sd {
 
@@ -25,8 +29,10 @@ public:
         LOG(5, AT "sdconfig service name=%s", HERE, protocol::kServiceName);
         if (!settleDataPath()) return;
         mInterface.readMachinePolicies();
-        if (manager->registerServiceInterface(protocol::kServiceName, &mInterface, SDBusSameUser, 1))
-            mInterface.watchMachinePolicies();
+        mInterface.openTrail();
+        if (!manager->registerServiceInterface(protocol::kServiceName, &mInterface, SDBusSameUser, 1)) return;
+        mInterface.beginTrail();
+        mInterface.watchMachinePolicies();
     }
 
     void Stop() override {}
@@ -38,6 +44,19 @@ private:
 }  // namespace
 
 SDConfigService::~SDConfigService() = default;
+
+void SDConfigService::SetTrailKept(bool isKept) {
+    trailSettings().isKept = isKept;
+}
+
+void SDConfigService::SetTrailSize(int fileMiB, int filesKept) {
+    trailSettings().fileMiB = std::max(fileMiB, 1);
+    trailSettings().filesKept = std::max(filesKept, 1);
+}
+
+void SDConfigService::SetAuditedReads(std::vector<std::string> patterns) {
+    trailSettings().auditedReads = std::move(patterns);
+}
 
 SDConfigService* SDConfigService::GetInstance() {
     static SDConfigServiceImpl instance;

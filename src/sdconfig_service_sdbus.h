@@ -1,6 +1,9 @@
 // The configuration service, as its host process sees it.
 #pragma once
 
+#include <string>
+#include <vector>
+
 #include "base/sdconfig_export.h"
 
 namespace sd {
@@ -10,6 +13,16 @@ public:
     // The process's one service. The first call opens both databases in the data folder, so the host sets
     // SDConfig::setDataPath, setVelmarDataPath and the security layer's key ring folder before it.
     static SDConfigService* GetInstance();
+
+    // The trail of what is changed, and by whom, that the service keeps beside its databases (docs/security.md). To be
+    // told before Start; untold, a trail is kept in files of 8 MiB, four besides the current one, and no readings stand
+    // in it.
+    static void SetTrailKept(bool isKept);
+    // fileMiB: from 1 on; about. filesKept: besides the current one, from 1 on.
+    static void SetTrailSize(int fileMiB, int filesKept);
+    // Each reading of a secure value or a policy whose key fits one of these patterns, as of the shell, whatever the
+    // letter case, is in the trail before it is answered.
+    static void SetAuditedReads(std::vector<std::string> patterns);
 
     virtual ~SDConfigService();
 

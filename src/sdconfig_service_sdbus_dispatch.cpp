@@ -11,6 +11,7 @@
 #include "src/sdconfig_interface_call.h"
 #include "src/sdconfig_key_keeper.h"
 #include "src/sdconfig_protocol.h"
+#include "src/sdconfig_trail_keeper.h"
 
 namespace sd {
 
@@ -105,11 +106,13 @@ const SDConfigInterface::Method SDConfigInterface::kMethods[] = {
     {protocol::kKeyUnprotect, &SDConfigInterface::unprotectRing},
     {protocol::kKeyUnlock, &SDConfigInterface::unlockRing},
     {protocol::kKeyRecover, &SDConfigInterface::recoverRing},
+    {protocol::kTrailStatus, &SDConfigInterface::trailStatus},
 };
 
 bool SDConfigInterface::handleMethodCall(std::shared_ptr<SDBusMessage> message) {
     const std::string name = message->methodName();
     initManager();
+    beginTrail();
     auto sdconfigChanged = mManager->makeEventMessage(protocol::kSdconfigChanged, SDBusSameUser);
     auto policyChanged = mManager->makeEventMessage(protocol::kPolicyChanged, SDBusSameUser);
     Call call{name,
@@ -172,6 +175,7 @@ bool SDConfigInterface::setProperty(Call& call) {
     const std::string old = call.properties.GetProperty(key);
     const bool ok = call.properties.SetProperty(key, value);
     if (!ok) LOG(7, AT "SetProperty error", DISPATCH);
+    noteProperty(call, key, old, value, ok);
     replyBool(call, ok);
     if (ok && value != old) DMChanged(key, value, true);
     return true;
@@ -200,8 +204,10 @@ void SDConfigInterface::appendProperties(SDBusMessage& reply, const std::map<std
 
 bool SDConfigInterface::deleteProperty(Call& call) {
     const std::string key = call.request->getString(0);
+    const std::string old = mTrail ? call.properties.GetProperty(key) : "";
     const bool ok = call.properties.DeleteProperty(key);
     if (!ok) LOG(7, AT "DeleteProperty error", DISPATCH);
+    noteProperty(call, key, old, "", ok);
     replyBool(call, ok);
     if (ok) DMChanged(key, "", true);
     return true;
@@ -213,6 +219,7 @@ bool SDConfigInterface::getSecure(Call& call) {
     const std::string key = call.request->getString(0);
     const std::string value = call.config.GetSecure(key);
     call.logIfSlow();
+    if (noteRead(call, key, value)) mTrail->sync();
     const auto reply = makeReply(call);
     reply->appendCString(value.c_str());
     // So that a caller does not take what can't be read for unset, and write over it.
@@ -224,8 +231,9 @@ bool SDConfigInterface::getSecure(Call& call) {
 
 bool SDConfigInterface::setSecure(Call& call) {
     const std::string key = call.request->getString(0);
-    const std::string old = call.config.GetSecure(key);
-    const bool ok = call.config.SetSecure(key, call.request->getString(1));
+    PolicyLayers layers;
+    const std::string old = call.config.GetSecure(key, mTrail ? &layers : nullptr);
+    const bool ok = storeSecure(call, key, call.request->getString(1), old, std::move(layers));
     call.logIfSlow();
     if (!ok) LOG(7, AT "SetSecure error", DISPATCH);
     replyBool(call, ok);
@@ -248,8 +256,9 @@ bool SDConfigInterface::setSecure(Call& call) {
 
 bool SDConfigInterface::deleteSecure(Call& call) {
     const std::string key = call.request->getString(0);
-    const std::string old = call.config.GetSecure(key);
-    const bool ok = call.config.DeleteSecure(key);
+    PolicyLayers layers;
+    const std::string old = call.config.GetSecure(key, mTrail ? &layers : nullptr);
+    const bool ok = storeSecure(call, key, std::nullopt, old, std::move(layers));
     if (!ok) {
         // No answer on purpose: the caller's time-out is how a failed deletion is told.
         LOG(7, AT "DeleteSecure error, key is %s", DISPATCH, key.c_str());
@@ -338,22 +347,25 @@ bool SDConfigInterface::registerListeners(Call& call) {
 
 // ---- Policies ----
 
-SDConfigInterface::PolicyChange SDConfigInterface::writePolicy(const Call& call, const std::string& key,
+SDConfigInterface::PolicyChange SDConfigInterface::writePolicy(Call& call, const std::string& key,
                                                                const std::string& value, int priority) {
-    PolicyChange change{key, value, call.config.GetSecure(key), call.policies.isStrongControl(key), false};
-    change.ok = call.policies.SetPolicyWithUri(key, {{value, priority}});
+    PolicyLayers layers;
+    const std::string old = call.config.GetSecure(key, mTrail ? &layers : nullptr);
+    PolicyChange change{key, value, old, call.policies.isStrongControl(key), false};
+    change.ok = storePolicy(call, key, {{value, priority}}, old, std::move(layers));
     return change;
 }
 
 // Tells of what the written policy changed. event: the empty ".DMChanged" to publish; null makes one where it is
-// needed. False when the effective value can't be read back.
-bool SDConfigInterface::announcePolicy(const Call& call, const PolicyChange& change,
-                                       std::shared_ptr<SDBusMessage> event) {
+// needed. Returns the effective value; nothing when it can't be read back.
+std::optional<SDConfigInterface::Effective> SDConfigInterface::announcePolicy(const Call& call,
+                                                                              const PolicyChange& change,
+                                                                              std::shared_ptr<SDBusMessage> event) {
     const bool strongAfter = call.policies.isStrongControl(change.key);
-    const auto latest = readBack(call, change.key);
+    auto latest = readBack(call, change.key);
     if (!latest) {
         LOG(7, AT "GET_POLICY format error", DISPATCH);
-        return false;
+        return latest;
     }
     const bool changed = latest->value != change.old;
     const bool flipped = change.strongBefore != strongAfter;
@@ -370,7 +382,7 @@ bool SDConfigInterface::announcePolicy(const Call& call, const PolicyChange& cha
     if (isIdentityKey(change.key))
         LOG(5, AT "key is %s, value is %s, latestVal is %s", DISPATCH, change.key.c_str(), SECRET(change.value),
             SECRET(latest->value));
-    return true;
+    return latest;
 }
 
 bool SDConfigInterface::setPolicy(Call& call) {
@@ -379,7 +391,7 @@ bool SDConfigInterface::setPolicy(Call& call) {
     call.logIfSlow();
     if (!change.ok) LOG(7, AT "SetPolicyWithUri error", DISPATCH);
     replyBool(call, change.ok);
-    return announcePolicy(call, change, call.policyChanged);
+    return announcePolicy(call, change, call.policyChanged).has_value();
 }
 
 bool SDConfigInterface::setPolicyList(Call& call) {
@@ -392,6 +404,7 @@ bool SDConfigInterface::setPolicyList(Call& call) {
     if (isBeyond(kListBytesMax, triples, [](const Triple& one) { return one.key.size() + one.value.size(); }) ||
         isBeyond(kStoredBytesMax, triples, [&](const Triple& one) { return call.policies.storedBytes(one.key); })) {
         LOG(7, AT "set policylist refused: its values, or those in their place, are too long together", DISPATCH);
+        noteFailure(call, triples.size());
         replyBool(call, false);
         return true;
     }
@@ -415,6 +428,7 @@ bool SDConfigInterface::getPolicy(Call& call) {
         LOG(7, AT "GET_POLICY format error", DISPATCH);
         return false;
     }
+    if (noteRead(call, key, latest->value)) mTrail->sync();
     const auto reply = makeReply(call);
     reply->appendString(latest->value);
     reply->appendInt8(static_cast<int8_t>(latest->priority));
@@ -425,7 +439,7 @@ bool SDConfigInterface::getPolicy(Call& call) {
 
 bool SDConfigInterface::deletePolicy(Call& call) {
     const std::string key = call.request->getString(0);
-    const bool ok = call.policies.DeletePolicyWithUri(key);
+    const bool ok = erasePolicy(call, key);
     call.logIfSlow();
     replyBool(call, ok);
     if (ok) DMChanged(key, "", false);
@@ -455,19 +469,22 @@ bool SDConfigInterface::listPolicies(Call& call) {
     }
     const auto reply = makeReply(call);
     reply->appendInt8(static_cast<int8_t>(count));
+    bool isNoted = false;
     for (const auto& [uri, policy] : *all) {
         reply->appendString(uri);
         for (const auto& [value, priority] : policy) {
+            isNoted = noteRead(call, uri, value) || isNoted;
             reply->appendString(value);
             reply->appendInt8(static_cast<int8_t>(priority));
         }
     }
+    if (isNoted) mTrail->sync();
     sendMessage(reply);
     return true;
 }
 
 bool SDConfigInterface::clearPolicies(Call& call) {
-    const bool ok = call.policies.ClearAllKeys();
+    const bool ok = eraseAllPolicies(call);
     if (!ok) LOG(7, AT "clear all keys in DM table failed", DISPATCH);
     replyBool(call, ok);
     return true;
@@ -489,12 +506,15 @@ bool SDConfigInterface::getPolicies(Call& call) {
         return false;
     }
     reply->appendInt8(static_cast<int8_t>(count));
+    bool isNoted = false;
     for (const std::string& key : keys) {
         const Effective latest = readBack(call, key).value_or(Effective{"", kPriorityUnknown});
+        isNoted = noteRead(call, key, latest.value) || isNoted;
         reply->appendString(key);
         reply->appendString(latest.value);
         reply->appendInt8(static_cast<int8_t>(latest.priority));
     }
+    if (isNoted) mTrail->sync();
     sendMessage(reply);
     call.logIfSlow();
     return true;
@@ -517,7 +537,11 @@ void SDConfigInterface::appendRows(SDBusMessage& reply, const SealedRows& rows) 
 }
 
 bool SDConfigInterface::rotateKey(Call& call) {
-    const KeyKeeper::Rotation rotation = keys(call).rotate(call.request->getBool(0));
+    const bool isToReseal = call.request->getBool(0);
+    const KeyKeeper::Rotation rotation = keys(call).rotate(isToReseal);
+    noteRing(entryOf(call), rotation.outcome == protocol::KeyOutcome::Done,
+             "key " + rotation.keyId + (rotation.goesOn ? " goes on sealing" : " seals") +
+                 (isToReseal ? ", and all is to be sealed anew" : ""));
     const auto reply = makeReply(call);
     reply->appendInt8(static_cast<int8_t>(rotation.outcome));
     reply->appendString(rotation.keyId);
@@ -529,6 +553,11 @@ bool SDConfigInterface::rotateKey(Call& call) {
 bool SDConfigInterface::resealRows(Call& call) {
     const KeyKeeper::Resealing step = keys(call).reseal();
     call.logIfSlow();
+    if (step.isAtEnd || step.outcome != protocol::KeyOutcome::Done) {
+        trail::Entry entry = entryOf(call);
+        entry.count = static_cast<std::uint64_t>(step.sealed);
+        noteRing(std::move(entry), step.outcome == protocol::KeyOutcome::Done, "under key " + step.keyId);
+    }
     const auto reply = makeReply(call);
     reply->appendInt8(static_cast<int8_t>(step.outcome));
     reply->appendBool(step.isAtEnd);
@@ -541,7 +570,10 @@ bool SDConfigInterface::resealRows(Call& call) {
 }
 
 bool SDConfigInterface::enableKey(Call& call) {
-    const KeyKeeper::Change change = keys(call).enable(call.request->getString(0), call.request->getBool(1));
+    const bool isToOpen = call.request->getBool(1);
+    const KeyKeeper::Change change = keys(call).enable(call.request->getString(0), isToOpen);
+    noteRing(entryOf(call), change.outcome == protocol::KeyOutcome::Done,
+             "key " + change.keyId + (isToOpen ? " enabled" : " disabled"));
     const auto reply = makeReply(call);
     reply->appendInt8(static_cast<int8_t>(change.outcome));
     reply->appendString(change.keyId);
@@ -551,6 +583,9 @@ bool SDConfigInterface::enableKey(Call& call) {
 
 bool SDConfigInterface::pruneKeys(Call& call) {
     const KeyKeeper::Pruning step = keys(call).prune(call.request->getBool(0));
+    const bool isDone = step.outcome == protocol::KeyOutcome::Done;
+    if (!step.removedNow.empty() || !isDone || (step.isAtEnd && step.removed.empty()))
+        noteRing(entryOf(call), isDone, step.removedNow.empty() ? "no key" : "key " + step.removedNow);
     const auto reply = makeReply(call);
     reply->appendInt8(static_cast<int8_t>(step.outcome));
     reply->appendBool(step.isAtEnd);

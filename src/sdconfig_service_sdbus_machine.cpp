@@ -133,7 +133,9 @@ bool SDConfigInterface::tellOfPolicies(const Call& call) {
         const std::string& uri = transition.uris[transition.told++];
         const auto before = effectiveOf(call.policies.effectiveUnder(transition.before.get(), uri));
         if (!before) continue;
-        announcePolicy(call, {uri, "", before->value, before->priority > kLocalPriority, true}, nullptr);
+        const auto latest =
+            announcePolicy(call, {uri, "", before->value, before->priority > kLocalPriority, true}, nullptr);
+        if (latest) noteMachinePolicy(call, uri, before->value, latest->value);
     }
     if (!transition.isDone()) return false;
     transition = {};

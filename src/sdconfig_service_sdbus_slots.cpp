@@ -9,14 +9,28 @@
 
 namespace sd {
 
+namespace {
+
+std::string slotText(int kind) {
+    return std::string("slot ") + SlotKeeper::nameOf(kind);
+}
+
+std::string slotText(SDSecurity::SlotKind kind) {
+    return slotText(static_cast<int>(kind));
+}
+
+}  // namespace
+
 SlotKeeper& SDConfigInterface::slots() {
     if (!mSlots) mSlots = std::make_unique<SlotKeeper>();
     return *mSlots;
 }
 
-// Answers the call with an outcome and a reason, from whatever thread.
-std::function<void(int, const std::string&)> SDConfigInterface::slotAnswer(const Call& call) {
-    return [this, reply = makeReply(call)](int outcome, const std::string& reason) {
+// Answers the call with an outcome and a reason, from whatever thread. slot: its kind, or what else it is about.
+std::function<void(int, const std::string&)> SDConfigInterface::slotAnswer(const Call& call, const std::string& slot) {
+    return [this, slot, entry = entryOf(call), reply = makeReply(call)](int outcome, const std::string& reason) {
+        noteRing(entry, outcome == static_cast<int>(SDSecurity::SlotOutcome::Done),
+                 reason.empty() ? slot : slot + ": " + reason);
         reply->appendInt8(static_cast<int8_t>(outcome));
         reply->appendString(reason);
         sendMessage(reply);
@@ -43,26 +57,27 @@ bool SDConfigInterface::listSlots(Call& call) {
 
 bool SDConfigInterface::protectRing(Call& call) {
     slots().protect(call.request->getInt(0), {call.request->getString(1), call.request->getString(2)},
-                    slotAnswer(call));
+                    slotAnswer(call, slotText(call.request->getInt(0))));
     return true;
 }
 
 bool SDConfigInterface::unprotectRing(Call& call) {
     const int kind = call.request->getInt(0);
     if (kind == protocol::kAllSlots)
-        slots().unprotectAll(slotAnswer(call));
+        slots().unprotectAll(slotAnswer(call, "all slots"));
     else
-        slots().unprotect(kind, {call.request->getString(1), call.request->getString(2)}, slotAnswer(call));
+        slots().unprotect(kind, {call.request->getString(1), call.request->getString(2)},
+                          slotAnswer(call, slotText(kind)));
     return true;
 }
 
 bool SDConfigInterface::unlockRing(Call& call) {
-    slots().unlock(call.request->getString(0), slotAnswer(call));
+    slots().unlock(call.request->getString(0), slotAnswer(call, slotText(SDSecurity::SlotKind::Passphrase)));
     return true;
 }
 
 bool SDConfigInterface::recoverRing(Call& call) {
-    slots().recover(call.request->getString(0), slotAnswer(call));
+    slots().recover(call.request->getString(0), slotAnswer(call, slotText(SDSecurity::SlotKind::Recovery)));
     return true;
 }
 

@@ -33,11 +33,6 @@ bool isKind(int kind) {
     return kind >= static_cast<int>(SlotKind::Recovery) && kind <= static_cast<int>(SlotKind::Keyring);
 }
 
-const char* nameOf(int kind) {
-    static constexpr const char* kNames[] = {"recovery", "passphrase", "host", "keyring"};
-    return isKind(kind) ? kNames[kind] : "of no known kind";
-}
-
 // done: what is so where it was done.
 void logChange(const std::string& done, const SlotResult& result) {
     const std::string reason = result.reason.empty() ? "" : ": " + result.reason;
@@ -48,7 +43,7 @@ void logChange(const std::string& done, const SlotResult& result) {
 }
 
 SlotResult noSlot(int kind) {
-    return {SlotOutcome::NoSuchSlot, std::string("there is no slot ") + nameOf(kind)};
+    return {SlotOutcome::NoSuchSlot, std::string("there is no slot ") + SlotKeeper::nameOf(kind)};
 }
 
 int codeOf(SlotOutcome outcome) {
@@ -62,6 +57,11 @@ SlotKeeper::Ring ringUntold(int outcome) {
 }
 
 }  // namespace
+
+const char* SlotKeeper::nameOf(int kind) {
+    static constexpr const char* kNames[] = {"recovery", "passphrase", "host", "keyring"};
+    return isKind(kind) ? kNames[kind] : "of no known kind";
+}
 
 SlotKeeper::Ring SlotKeeper::known() {
     if (!hasLayerSlots()) return ringUntold(static_cast<int>(SlotsTold::LayerWithout));

@@ -23,6 +23,9 @@ public:
     // As it is known, without asking anybody and without a wait.
     static Ring known();
 
+    // A kind's name, whatever number it is.
+    static const char* nameOf(int kind);
+
     // The next ones answer from a thread of their own, or at once where they can't begin.
 
     // Asks everybody who keeps a slot's key.

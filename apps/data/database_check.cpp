@@ -12,6 +12,7 @@
 #include "apps/data/write_ahead_log.h"
 #include "platform/sdsecurity/sdsecurity.h"
 #include "src/sdconfig_helpers.h"
+#include "src/sdconfig_trail_slots.h"
 
 namespace apps {
 
@@ -20,7 +21,7 @@ namespace {
 constexpr char kRestore[] = "restore the folder from a backup";
 
 // Tables as the service makes them, what SQLite makes beside them, and what its ANALYZE leaves.
-constexpr char kStrangeObject[] = R"(
+const std::string kStrangeObject = std::string(R"(
     SELECT type || ' ' || name FROM
         (SELECT type, name, sql, lower(replace(replace(sql, ' ', ''), '"', '')) AS text FROM sqlite_master)
     WHERE NOT (type = 'index' AND sql IS NULL)
@@ -29,6 +30,8 @@ constexpr char kStrangeObject[] = R"(
         AND sql IS NOT 'CREATE TABLE sqlite_sequence(name,seq)'
         AND sql IS NOT 'CREATE TABLE sqlite_stat1(tbl,idx,stat)'
         AND sql IS NOT 'CREATE TABLE sqlite_stat4(tbl,idx,neq,nlt,ndlt,sample)'
+        AND sql IS NOT 'CREATE TABLE )") +
+                                   sd::kTrailTable + sd::kTrailColumns + R"('
     LIMIT 1)";
 
 Finding refusal(const std::string& file, const std::string& what, const std::string& next) {

@@ -59,6 +59,10 @@ struct Options {
     bool allowDumps = false;
     bool upgrade = false;
     bool rotateKey = false;
+    bool noAudit = false;
+    std::vector<std::string> auditReads;
+    int auditMiB = 8;
+    int auditKeep = 4;
 };
 
 // One line, whatever bytes a path in it has.
@@ -96,6 +100,21 @@ void declareOptions(CLI::App& app, Options& options) {
                    "The socket of the service of root that keeps a key ring's slot host, instead of the machine's")
         ->type_name("PATH")
         ->check(apps::notEmpty);
+    app.add_flag("--no-audit", options.noAudit, "Keep no trail of what is changed, and by whom");
+    app.add_option("--audit-reads", options.auditReads,
+                   "Have each reading of the keys that fit the pattern in the trail, too; may be given several times")
+        ->type_name("KEY-GLOB")
+        ->check(apps::notEmpty)
+        ->take_all()
+        ->allow_extra_args(false);
+    app.add_option("--audit-size", options.auditMiB, "Size from which on the trail goes on in another file")
+        ->type_name("MIB")
+        ->check(CLI::Range(1, 1024))
+        ->capture_default_str();
+    app.add_option("--audit-keep", options.auditKeep, "Files of the trail to keep besides the current one")
+        ->type_name("N")
+        ->check(CLI::Range(1, 1000))
+        ->capture_default_str();
     app.add_option("--log-level", options.logLevel,
                    "Least level of log lines to write: 5 information, 6 warnings, 7 errors, 8 none")
         ->type_name("N")
@@ -231,6 +250,9 @@ std::string prepare(const Options& options, HeldFolder& folder) {
     sd::SDConfig::setDataPath(dataDir);
     if (sd::SDConfig::getDataPathUtf8() != dataDir) return "the path of the data folder is not valid UTF-8";
 
+    sd::SDConfigService::SetTrailKept(!options.noAudit);
+    sd::SDConfigService::SetTrailSize(options.auditMiB, options.auditKeep);
+    sd::SDConfigService::SetAuditedReads(options.auditReads);
     if (!options.policyDirs.empty()) sd::SDConfigDmHelper::SetMachinePolicyFolders(options.policyDirs);
     sd::SDSecurity& security = *sd::SDSecurity::GetInstance();
     security.SetKeyRingFolder(dataDir);

@@ -9,7 +9,7 @@ _sdconfigd() {
         --log-level) mapfile -t COMPREPLY < <(compgen -W "5 6 7 8" -- "$word") ;;
         *)
             mapfile -t COMPREPLY < <(compgen -W "--data-dir --product-dir --constants --policy-dir --seal-socket \
-                --log-level --log-secrets --allow-dumps --upgrade --rotate-key --version --help" -- "$word")
+                --no-audit --audit-reads --audit-size --audit-keep --log-level --log-secrets --allow-dumps --upgrade --rotate-key --version --help" -- "$word")
             ;;
     esac
 }

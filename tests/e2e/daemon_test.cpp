@@ -13,9 +13,11 @@
 #include <algorithm>
 #include <csignal>
 #include <filesystem>
+#include <functional>
 
 #include "libsdconfig/sdconfig.h"
 #include "tests/e2e/sandbox.h"
+#include "trail/reader.h"
 
 namespace test {
 namespace {
@@ -75,6 +77,9 @@ protected:
         return holder;
     }
     void release() const { writeFile(path("ended"), ""); }
+
+    static std::vector<std::string> trailOf(const std::string& folder);
+    void serveUntil(int signal, const std::function<void()>& act, const std::vector<std::string>& options = {}) const;
 
     unsigned int mode(const std::string& name) const {
         struct stat status {};
@@ -195,6 +200,64 @@ TEST_F(DaemonTest, AFullDiskCostsNothingAndIsTold) {
     EXPECT_EQ(cli({"secure", "get", "k"}).out, "small\n");
     EXPECT_EQ(cli({"secure", "set", "k", "other"}).exitCode, 0);
     EXPECT_EQ(cli({"secure", "get", "k"}).out, "other\n");
+    // The trail has what came meanwhile once there is room again.
+    ASSERT_EQ(::mount("none", path("data").c_str(), "tmpfs", MS_REMOUNT, "mode=700,size=8m"), 0);
+    EXPECT_TRUE(waitUntil([this] { return trailOf(path("data")).size() == 4; }, 20000));
+    EXPECT_THAT(trailOf(path("data")),
+                testing::ElementsAre("START=", "SET_SECURE k=changed", "SET_SECURE k=failed", "SET_SECURE k=changed"));
+}
+
+// What "what key=came" the trail has of each entry whose `what` is not left out; and its START's, as "START came
+// count".
+std::vector<std::string> DaemonTest::trailOf(const std::string& folder) {
+    std::vector<std::string> told;
+    sd::trail::Reader reader(folder, sd::trail::Order::OldestFirst);
+    for (sd::trail::Line line; reader.next(line);) {
+        EXPECT_EQ(line.problem, "");
+        const sd::trail::Entry& entry = line.entry;
+        const std::string count = entry.count ? " " + std::to_string(*entry.count) : "";
+        if (entry.key.value_or("").compare(0, 14, "config.device.") == 0) continue;  // of a client's start
+        told.push_back(entry.what + (entry.key ? " " + *entry.key : "") + "=" + entry.came + count);
+    }
+    return told;
+}
+
+void DaemonTest::serveUntil(int signal, const std::function<void()>& act,
+                            const std::vector<std::string>& options) const {
+    Process service = startService(options);
+    act();
+    service.kill(signal);
+    service.wait();
+}
+
+TEST_F(DaemonTest, AKillTakesNothingFromTheTrail) {
+    serveUntil(SIGKILL, [this] {
+        for (const char* key : {"a", "b", "c"}) EXPECT_EQ(cli({"secure", "set", key, "1"}).exitCode, 0);
+        EXPECT_EQ(cli({"policy", "set", "c", "2", "9"}).exitCode, 0);
+    });
+    const std::string file = path("data/trail.jsonl");
+    const std::string whole = readFile(file);
+    // What the disk lost of it, in the middle of a line, stands in the databases.
+    writeFile(file, whole.substr(0, whole.find("\"b\"")));
+    serveUntil(SIGTERM, [] {});
+    EXPECT_EQ(readFile(file).substr(0, whole.size()), whole);
+    serveUntil(SIGTERM, [] {});
+    const std::vector<std::string> told = trailOf(path("data"));
+    EXPECT_THAT(told, testing::ElementsAre("START=", "SET_SECURE a=changed", "SET_SECURE b=changed",
+                                           "SET_SECURE c=changed", "SET_POLICY c=changed", "DAMAGE=", "START=unclean 3",
+                                           "END=", "START=clean", "END="));
+    EXPECT_EQ(mode("data/trail.jsonl"), 0600U);
+}
+
+TEST_F(DaemonTest, KeepsNoTrailWhereItIsToldSo) {
+    const auto change = [this] {
+        EXPECT_EQ(cli({"secure", "set", "k", "1"}).exitCode, 0);
+        EXPECT_EQ(cli({"policy", "set", "k", "1", "9"}).exitCode, 0);
+    };
+    serveUntil(SIGTERM, change, {"--no-audit"});
+    EXPECT_FALSE(std::filesystem::exists(path("data/trail.jsonl")));
+    for (const char* database : {"data/sdconfig.db", "data/dmhelper.db"})
+        EXPECT_TRUE(query(path(database), "SELECT 1 FROM sqlite_master WHERE name='trail'").empty());
 }
 
 TEST_F(DaemonTest, RefusesSealedRowsWithoutTheirRing) {

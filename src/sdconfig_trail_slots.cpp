@@ -1,0 +1,35 @@
+#include "src/sdconfig_trail_slots.h"
+
+#include "sql/SQLiteDatabase.h"
+#include "sql/SQLiteStatement.h"
+
+namespace sd {
+
+using data::SQLiteStatement;
+
+std::vector<std::string> TrailSlots::read() {
+    if (!mDatabase.handle()) return {};
+    mDatabase.executeCommand("PRAGMA cache_spill = 16");
+    SQLiteStatement table(mDatabase,
+                          std::string("SELECT 1 FROM sqlite_master WHERE type='table' AND name='") + kTrailTable + "'");
+    mHasTable = table.prepare() == 0 && table.step() == SQLiteStatement::kRow;
+    table.finalize();
+    std::vector<std::string> slots;
+    SQLiteStatement rows(mDatabase, std::string("SELECT value FROM ") + kTrailTable);
+    if (!mHasTable || rows.prepare() != 0) return slots;
+    while (rows.step() == SQLiteStatement::kRow) slots.push_back(rows.getColumnText(0));
+    rows.finalize();
+    return slots;
+}
+
+void TrailSlots::write(int slot, const std::string& lines) {
+    mIsTableMade =
+        mHasTable || mDatabase.executeCommand(std::string("CREATE TABLE IF NOT EXISTS ") + kTrailTable + kTrailColumns);
+    SQLiteStatement insert(mDatabase, std::string("INSERT OR REPLACE INTO ") + kTrailTable + "(id,value) VALUES(?,?)");
+    if (!mIsTableMade || insert.prepare() != 0) return;
+    insert.bindInt(1, slot);
+    insert.bindText(2, lines);
+    insert.executeCommand();
+}
+
+}  // namespace sd

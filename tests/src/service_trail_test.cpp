@@ -1,0 +1,229 @@
+// The service's trail: what each call leaves in it, as a reader finds it beside the databases.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "libsdconfig/sdconfig.h"
+#include "platform/sdbus/sdbus.h"
+#include "platform/sdsecurity/sdsecurity.h"
+#include "src/sdconfig_impl_policy.h"
+#include "src/sdconfig_protocol.h"
+#include "src/sdconfig_service_sdbus.h"
+#include "tests/support/arguments.h"
+#include "tests/support/support.h"
+#include "trail/reader.h"
+#include "trail/verify.h"
+
+namespace sd {
+namespace {
+
+using Message = std::shared_ptr<SDBusMessage>;
+using testing::ElementsAre;
+using trail::Entry;
+
+class ServiceTrailTest : public testing::Test {
+protected:
+    // One service a process, on a bus, a data folder and machine policies of its own.
+    struct Service {
+        test::PrivateBus bus;
+        test::TempDir data;
+        std::shared_ptr<SDBusProxyInterface> proxy;
+        Service() {
+            std::filesystem::create_directory(data / "policies");
+            test::writeFile(data / "policies/10.json", "{\"governed\":\n{\"value\": \"machine's\", \"priority\": 9}}");
+            SDConfig::setDataPath(data.path());
+            SDSecurity::GetInstance()->SetKeyRingFolder(data.path());
+            SDConfigDmHelper::SetMachinePolicyFolders({data / "policies"});
+            SDConfigService::SetAuditedReads({"audited.*", "Other"});
+            SDConfigService::GetInstance()->Start();
+            proxy = SDBusSerivceManager::initSync(-1)->getServiceProxyInterface("sdconfig", SDBusSameUser, 1);
+        }
+        ~Service() { SDBusSerivceManager::initSync(-1)->unregisterServiceInterface("sdconfig"); }
+    };
+
+    ServiceTrailTest() {
+        static Service service;
+        mService = &service;
+    }
+
+    template <typename... Arguments>
+    Message call(const std::string& method, const Arguments&... arguments) {
+        const Message message = mService->proxy->makeMethodCallMessage(method);
+        test::appendAll(*message, arguments...);
+        return mService->proxy->callWithReplyBlocking(message, 30000);
+    }
+
+    std::vector<Entry> all() {
+        std::vector<Entry> entries;
+        trail::Reader reader(mService->data.path(), trail::Order::OldestFirst);
+        for (trail::Line line; reader.next(line);) {
+            EXPECT_EQ(line.problem, "");
+            entries.push_back(line.entry);
+        }
+        return entries;
+    }
+    // Those since the last time.
+    std::vector<Entry> added() {
+        std::vector<Entry> entries = all();
+        entries.erase(entries.begin(), entries.begin() + static_cast<std::ptrdiff_t>(mSeen));
+        mSeen += entries.size();
+        return entries;
+    }
+    // "METHOD key=came", and "!" where the effective value became another one.
+    static std::string told(const Entry& entry) {
+        return entry.what + " " + entry.key.value_or("") + "=" + entry.came +
+               (entry.oldDigest != entry.newDigest ? "!" : "");
+    }
+    std::vector<std::string> toldOf(const std::vector<Entry>& entries) {
+        std::vector<std::string> texts;
+        for (const Entry& entry : entries) texts.push_back(told(entry));
+        return texts;
+    }
+    std::vector<std::string> addedTold() { return toldOf(added()); }
+
+    static std::string digest(const std::string& id, const std::vector<std::string_view>& texts) {
+        return SDSecurity::DigestUnderKey(id, texts);
+    }
+    std::string file(const std::string& name) const { return mService->data / name; }
+
+    Service* mService = nullptr;
+    std::size_t mSeen = 0;
+};
+
+TEST_F(ServiceTrailTest, EachChangeHasItsEntryAndNoValueIsInIt) {
+    call("SET_PROPERTY", "p", "canary.1");
+    const std::vector<Entry> first = added();
+    ASSERT_THAT(toldOf(first), ElementsAre("START =", "SET_PROPERTY p=changed!"));
+    EXPECT_EQ(first.front().source, "start");
+    ASSERT_TRUE(first.back().by);
+    EXPECT_EQ(first.back().by->uid, ::geteuid());
+    EXPECT_EQ(first.back().by->pid, ::getpid());
+    EXPECT_EQ(first.back().by->exe, std::filesystem::read_symlink("/proc/self/exe").string());
+
+    call("SET_PROPERTY", "p", "canary.1");
+    call("SET_PROPERTY", "ro.p", "canary.1");
+    call("SET_PROPERTY", "ro.p", "canary.2");
+    call("DEL_PROPERTY", "p");
+    call("DEL_PROPERTY", "p");
+    EXPECT_THAT(addedTold(),
+                ElementsAre("SET_PROPERTY p=same", "SET_PROPERTY ro.p=changed!", "SET_PROPERTY ro.p=failed",
+                            "DEL_PROPERTY p=changed!", "DEL_PROPERTY p=failed"));
+
+    for (const char* value : {"canary.1", "canary.1", "canary.2"}) call("SET_SECURE", "S", value);
+    call("SET_SECURE", std::string("z\0", 2), "canary.1");
+    call("SET_POLICY", "s", "canary.3", 4);
+    call("SET_POLICY", "s", "canary.3", 9);
+    call("SET_POLICY", "s", "canary.3", 9);
+    call("SET_SECURE", "s", "canary.1");
+    call("SET_POLICY", "s", "a&&&b", 9);  // which reads back as none
+    call("DELETE_POLICY", "s");
+    call("DELETE_POLICY", "s");  // there is none any more, as for a value that is not there
+    call("DEL_SECURE", "S");
+    call("DEL_SECURE", "S");
+    const std::vector<Entry> changes = added();
+    EXPECT_THAT(toldOf(changes),
+                ElementsAre("SET_SECURE S=changed!", "SET_SECURE S=same", "SET_SECURE S=changed!",
+                            std::string("SET_SECURE z\0=failed", 20), "SET_POLICY s=stored", "SET_POLICY s=changed!",
+                            "SET_POLICY s=same", "SET_SECURE s=stored", "SET_POLICY s=changed!",
+                            "DELETE_POLICY s=stored", "DEL_SECURE S=changed!"));
+    EXPECT_EQ(changes[5].priority, 9);
+    EXPECT_EQ(changes[0].newDigest, changes[8].newDigest) << "equal values of one key, whatever its letter case";
+    EXPECT_NE(changes[0].newDigest, first.back().newDigest) << "and not of another";
+    EXPECT_EQ(changes[0].oldDigest, changes[10].newDigest);
+
+    // What a commit carried stands in the slots of its own database, in the words of the file.
+    const std::string text = test::readFile(file("trail.jsonl"));
+    for (const auto& [database, word] : {std::pair{"sdconfig.db", "SET_SECURE"}, {"dmhelper.db", "SET_POLICY"}}) {
+        const auto slots = test::query(file(database), "SELECT value FROM trail");
+        ASSERT_GE(slots.size(), 3U);
+        for (const auto& slot : slots) EXPECT_NE(text.find(slot.front()), std::string::npos) << slot.front();
+        EXPECT_THAT(slots.front().front(), testing::HasSubstr(word));
+    }
+    EXPECT_EQ(text.find("canary"), std::string::npos);
+    const trail::Verdict verdict = trail::verify(mService->data.path(), digest);
+    EXPECT_EQ(verdict.problem, "");
+    EXPECT_EQ(verdict.attested, changes.back().seq);
+}
+
+TEST_F(ServiceTrailTest, AListHasOneCause) {
+    call("SET_POLICYLIST", 3, "l.1", "a", 9, "l.2", "b", 4, "governed", "c", 9);
+    call("SET_SECURE", "l.2", "local");
+    const std::vector<Entry> list = added();
+    ASSERT_THAT(toldOf(list), ElementsAre("START =", "SET_POLICYLIST l.1=changed!", "SET_POLICYLIST l.2=changed!",
+                                          "SET_POLICYLIST governed=governed", "SET_SECURE l.2=changed!"));
+    EXPECT_EQ(list[1].cause, 0U);
+    for (const std::size_t i : {2U, 3U}) EXPECT_EQ(list[i].cause, list[1].seq);
+
+    call("DM_CLEAR_ALL_KEYS");
+    call("DM_CLEAR_ALL_KEYS");
+    const std::vector<Entry> cleared = added();
+    ASSERT_THAT(toldOf(cleared), ElementsAre("DM_CLEAR_ALL_KEYS l.1=changed!", "DM_CLEAR_ALL_KEYS l.2=stored"));
+    EXPECT_EQ(cleared[1].cause, cleared[0].seq);
+
+    const Message status = call("TRAIL_STATUS");
+    EXPECT_TRUE(status->getBool(0));
+    EXPECT_THAT(status->getString(1), testing::StartsWith("trail-1-" + std::to_string(cleared[1].seq) + "-"));
+    EXPECT_EQ(status->signature(), "bsssssss");
+    EXPECT_EQ(status->getString(4) + status->getString(5) + status->getString(7), "00");
+}
+
+TEST_F(ServiceTrailTest, AMachinePolicysEntryNamesItsFileAndLine) {
+    call("SET_SECURE", "governed", "own");
+    test::writeFile(file("new"), "\n\n{\"governed\": {\"value\": \"another\", \"priority\": 9}}");
+    std::filesystem::rename(file("new"), file("policies/10.json"));
+    const auto isTold = [&] { return all().back().what == "POLICIES_READ"; };
+    ASSERT_TRUE(test::waitUntil(isTold, 20000));
+    std::filesystem::remove(file("policies/10.json"));
+    ASSERT_TRUE(test::waitUntil([&] { return isTold() && all().back().why == "it is there no more"; }, 20000));
+    const std::vector<Entry> entries = added();
+    ASSERT_THAT(toldOf(entries), ElementsAre("START =", "SET_SECURE governed=stored", "POLICIES_READ governed=changed!",
+                                             "POLICIES_READ governed=changed!"));
+    EXPECT_FALSE(entries[2].by);
+    EXPECT_EQ(entries[2].source, file("policies/10.json:3"));
+    EXPECT_EQ(entries[2].priority, 9);
+    EXPECT_EQ(entries[3].oldDigest, entries[2].newDigest);
+}
+
+TEST_F(ServiceTrailTest, ReadingsOfAuditedKeysAreInItBeforeTheyAreAnswered) {
+    call("SET_SECURE", "Audited.a", "1");
+    call("SET_POLICY", "audited.b", "2", 9);
+    const std::vector<Entry> sets = added();
+    for (const char* key : {"audited.A", "other", "unheard"}) call("GET_SECURE", key);
+    call("GET_POLICY", "audited.b");
+    call("DM_GET_POLICIES", 2, "audited.b", "unheard");
+    call("DM_LIST");
+    call("GET_PROPERTY", "audited.p");
+    const std::vector<Entry> reads = added();
+    EXPECT_THAT(toldOf(reads),
+                ElementsAre("GET_SECURE audited.A=read!", "GET_SECURE other=read!", "GET_POLICY audited.b=read!",
+                            "DM_GET_POLICIES audited.b=read!", "DM_LIST audited.b=read!"));
+    EXPECT_EQ(reads[0].newDigest, sets[1].newDigest);
+}
+
+TEST_F(ServiceTrailTest, GoesOnUnderAnotherKeyWhereItsOwnOpensNothing) {
+    test::LogCapture log;
+    call("SET_SECURE", "k", "1");
+    const std::string key = added().back().ring;
+    call("KEY_ROTATE", false);
+    call("SET_SECURE", "k", "1");
+    const std::vector<Entry> rotated = added();
+    ASSERT_THAT(toldOf(rotated), ElementsAre("KEY_ROTATE =done", "SET_SECURE k=same"));
+    EXPECT_EQ(rotated.back().ring, key) << "so that digests can be compared";
+    call("KEY_ENABLE", key, false);
+    call("SET_SECURE", "k", "1");
+    call("KEY_ENABLE", "no key's", false);
+    const std::vector<Entry> left = added();
+    ASSERT_THAT(toldOf(left),
+                ElementsAre("TRAIL_KEY =", "KEY_ENABLE =done", "SET_SECURE k=same", "KEY_ENABLE =failed"));
+    EXPECT_EQ(left[1].why, "key " + key + " disabled");
+    EXPECT_NE(left[1].ring, key);
+    EXPECT_NE(left[2].newDigest, rotated[1].newDigest);
+    call("KEY_ENABLE", key, true);
+    EXPECT_EQ(trail::verify(mService->data.path(), digest).problem, "");
+    EXPECT_FALSE(log.has(key, 7)) << "the layer is not asked for what it can't do";
+}
+
+}  // namespace
+}  // namespace sd
