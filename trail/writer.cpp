@@ -376,6 +376,7 @@ private:
         if (!mFile.isOurs() && !reopen()) return;
         if (std::string problem = mFile.append(mUnwritten); !problem.empty()) {
             mWhy = std::move(problem);
+            mWake.notify_one();
             return;
         }
         mUnwritten.clear();
@@ -411,6 +412,9 @@ private:
         }
     }
 
+    // Whether something waits that could be written now, though it could not be before.
+    bool isStuck() const { return !mUnwritten.empty() || !mDamages.empty() || mLost.count > 0; }
+
     void run() {
         std::unique_lock lock(mMutex);
         while (!mIsEnding) {
@@ -425,10 +429,9 @@ private:
                 lock.lock();
                 mIsPacking = isMore;
             } else {
-                const bool isStuck = !mUnwritten.empty() || !mDamages.empty() || mLost.count > 0;
                 const auto hasWork = [this] { return mIsEnding || mNeedsSync || mIsPacking; };
-                isStuck ? void(mWake.wait_for(lock, kRetryDelay, hasWork)) : mWake.wait(lock, hasWork);
-                if (!mIsEnding && isStuck) settle();
+                mWake.wait(lock, [&] { return hasWork() || isStuck(); });
+                if (isStuck() && !mWake.wait_for(lock, kRetryDelay, hasWork)) settle();
             }
         }
     }
