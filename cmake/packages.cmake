@@ -1,6 +1,6 @@
 # cpack -G DEB: one package a component. scripts/package drives it.
 set(debian_revision 1)
-set(packages libraries development programs)
+set(packages libraries development programs python)
 if(TARGET sdconfig_keyring)
     list(APPEND packages keyring)
 endif()
@@ -8,6 +8,7 @@ set(package_of_libraries libsdconfig${PROJECT_VERSION_MAJOR})
 set(package_of_development libsdconfig-dev)
 set(package_of_programs sdconfig)
 set(package_of_keyring sdconfig-keyring)
+set(package_of_python python3-sdconfig)
 
 # What every package has in its folder of documents, and an installation by cmake has not.
 find_program(GZIP gzip REQUIRED)
@@ -110,4 +111,17 @@ set(CPACK_DEBIAN_KEYRING_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_KEYRING_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_KEYRING_PACKAGE_DEPENDS "${package_of_programs} (= ${PROJECT_VERSION}-${debian_revision})")
 set(CPACK_DEBIAN_KEYRING_PACKAGE_SUGGESTS gnome-keyring)
+
+set(CPACK_COMPONENT_PYTHON_DESCRIPTION "configuration library of a desktop client (Python 3)
+Settings, sealed values and policies, read and written through one service
+process of the user. This package holds the module for Python; it speaks to
+the service by itself and needs none of the libraries.")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME ${package_of_python})
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3 (>= 3.10)")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_RECOMMENDS ${package_of_programs})
+set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA
+    ${PROJECT_SOURCE_DIR}/packaging/debian/python3-sdconfig/postinst
+    ${PROJECT_SOURCE_DIR}/packaging/debian/python3-sdconfig/prerm)
 include(CPack)

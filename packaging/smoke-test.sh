@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Uses what is installed, as an ordinary user: packaging/smoke-test.sh programs|keyring|examples|documents
+# Uses what is installed, as an ordinary user: packaging/smoke-test.sh programs|keyring|python|examples|documents
 set -Eeuo pipefail
 trap 'echo "packaging/smoke-test.sh: line $LINENO failed" >&2' ERR
 here=$(realpath "$(dirname "$0")")
@@ -66,6 +66,22 @@ try_programs() {
 try_keyring() {
     local id=00112233445566778899aabbccddeeff
     expect "1 not-now absent: there is no session bus" /usr/libexec/sdconfig/sdconfig-keyring <<<"1 find $id"
+}
+
+try_python() {
+    listen
+    expect "grün 8080 1.5KiB" python3 - <<'END'
+import sdconfig
+
+NAME = sdconfig.Key("velmar.name", str, "", sdconfig.Store.SECURE)
+PORT = sdconfig.Key("velmar.proxy.port", int, 8080)
+SIZE = sdconfig.Key("velmar.size", sdconfig.Size, sdconfig.Size(0))
+with sdconfig.Settings() as settings:
+    settings.set(NAME, "grün")
+    settings.set(SIZE, sdconfig.Size(1536))
+    print(settings.get(NAME), settings.get(PORT), f"{settings.get(SIZE) / 1024}KiB")
+END
+    test -d /usr/lib/python3/dist-packages/sdconfig/__pycache__
 }
 
 try_examples() {

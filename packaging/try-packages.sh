@@ -26,8 +26,10 @@ mmdebstrap --quiet --variant=minbase --format=null \
     --customize-hook="$(as_user programs)" \
     --customize-hook="$(install '/tmp/try/sdconfig-keyring_*.deb')" \
     --customize-hook="$(as_user keyring)" \
+    --customize-hook="$(install '/tmp/try/python3-sdconfig_*.deb')" \
+    --customize-hook="$(as_user python)" \
     --customize-hook="$(install g++ cmake make ninja-build pkg-config python3 sqlite3 '/tmp/try/libsdconfig-dev_*.deb')" \
     --customize-hook="$(as_user examples)" \
     --customize-hook="$(as_user documents)" \
-    --customize-hook="$(in_root apt-get purge -qq -y sdconfig-keyring sdconfig libsdconfig-dev libsdconfig1)" \
+    --customize-hook="$(in_root apt-get purge -qq -y python3-sdconfig sdconfig-keyring sdconfig libsdconfig-dev libsdconfig1)" \
     bookworm /dev/null "${sources[@]}"
