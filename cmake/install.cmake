@@ -26,11 +26,14 @@ if(TARGET sdconfig_keyring)
 endif()
 install(TARGETS sdconfig sdbus sdsecurity velmarlog EXPORT sdconfig-targets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT libraries NAMELINK_COMPONENT development)
+install(TARGETS sdconfig_keygen EXPORT sdconfig-targets
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT development)
 
 set(headers
-    base/sdconfig_export.h base/sdconfig_types.h
+    base/quiet_thread.h base/sdconfig_export.h base/sdconfig_forms.h base/sdconfig_types.h
     libsdconfig/sdconfig.h libsdconfig/dmconfig.h libsdconfig/sdconfig_client.h
-    libsdconfig/sdconfig_export.h libsdconfig/sdconfig_text.h libsdconfig/sdconfig_types.h
+    libsdconfig/sdconfig_export.h libsdconfig/sdconfig_key.h libsdconfig/sdconfig_settings.h
+    libsdconfig/sdconfig_text.h libsdconfig/sdconfig_types.h libsdconfig/sdconfig_watch.h
     src/sdconfig_impl.h src/sdconfig_impl_property.h src/sdconfig_impl_policy.h src/sdconfig_impl_tks.h
     src/sdconfig_key_classes.h src/sdconfig_service_sdbus.h src/sdconfig_protocol.h
     sql/SQLiteDatabase.h sql/SQLiteTable.h sdtks/sdtks.h
@@ -46,6 +49,7 @@ configure_package_config_file(packaging/sdconfig-config.cmake.in ${PROJECT_BINAR
     INSTALL_DESTINATION ${package_dir})
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/sdconfig-config-version.cmake COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/sdconfig-config.cmake ${PROJECT_BINARY_DIR}/sdconfig-config-version.cmake
+    packaging/sdconfig-keys.cmake
     DESTINATION ${package_dir} COMPONENT development)
 
 # The prefix is written when it is installed: "cmake --install --prefix" may tell another one. A tree that was moved since

@@ -79,10 +79,11 @@ set(CPACK_DEBIAN_LIBRARIES_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging
 
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "configuration library of a desktop client (development)
 Settings, sealed values and policies, read and written through one service
-process of the user. This package holds the headers, a CMake package and a
-pkg-config file.")
+process of the user. This package holds the headers, a CMake package, a
+pkg-config file, and the program that writes a header of described keys.")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME ${package_of_development})
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS ${exactly_libraries})
 
 set(CPACK_COMPONENT_PROGRAMS_DESCRIPTION "configuration service and command line of a desktop client

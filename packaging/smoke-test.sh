@@ -94,6 +94,10 @@ try_examples() {
         g++ -std=c++17 "$here/examples/$example.cpp" -o "$work/pkg-config/$example" \
             $(pkg-config --cflags --libs sdconfig)
     done
+    sdconfig-keygen "$here/examples/velmar.keys.json" -o "$work/pkg-config/typed_settings_keys.h"
+    # shellcheck disable=SC2046
+    g++ -std=c++17 -I "$work/pkg-config" "$here/examples/typed_settings.cpp" -o "$work/pkg-config/typed_settings" \
+        $(pkg-config --cflags --libs sdconfig)
     local built
     for built in "$work/cmake" "$work/pkg-config"; do run_examples "$built"; done
 }
@@ -105,6 +109,13 @@ run_examples() { # FOLDER
 secure value: correct horse
 under a policy: from the administrator (strong)
 without it: correct horse" "$1/read_and_write"
+
+    expect "port: 8080
+port: 3128
+70000 is no port
+printer: Größe 3
+interval: not set
+theme: light" "$1/typed_settings"
 
     "$1/policy_listener" wlan.enabled 60 >"$work/heard" &
     local listener=$!
