@@ -32,7 +32,7 @@ install(TARGETS sdconfig_keygen EXPORT sdconfig-targets
 set(headers
     base/quiet_thread.h base/sdconfig_export.h base/sdconfig_forms.h base/sdconfig_types.h
     libsdconfig/sdconfig.h libsdconfig/dmconfig.h libsdconfig/sdconfig_client.h
-    libsdconfig/sdconfig_export.h libsdconfig/sdconfig_key.h libsdconfig/sdconfig_settings.h
+    libsdconfig/sdconfig-qt.h libsdconfig/sdconfig_export.h libsdconfig/sdconfig_key.h libsdconfig/sdconfig_settings.h
     libsdconfig/sdconfig_text.h libsdconfig/sdconfig_types.h libsdconfig/sdconfig_watch.h
     src/sdconfig_impl.h src/sdconfig_impl_property.h src/sdconfig_impl_policy.h src/sdconfig_impl_tks.h
     src/sdconfig_key_classes.h src/sdconfig_service_sdbus.h src/sdconfig_protocol.h
@@ -46,7 +46,7 @@ endforeach()
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/sdconfig)
 install(EXPORT sdconfig-targets NAMESPACE sdconfig:: DESTINATION ${package_dir} COMPONENT development)
 configure_package_config_file(packaging/sdconfig-config.cmake.in ${PROJECT_BINARY_DIR}/sdconfig-config.cmake
-    INSTALL_DESTINATION ${package_dir})
+    INSTALL_DESTINATION ${package_dir} PATH_VARS CMAKE_INSTALL_INCLUDEDIR)
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/sdconfig-config-version.cmake COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/sdconfig-config.cmake ${PROJECT_BINARY_DIR}/sdconfig-config-version.cmake
     packaging/sdconfig-keys.cmake

@@ -1,6 +1,5 @@
 // A Qt program that hears of changes in its own thread: prints the value of a key at the start and after each change.
 //     qt_client KEY [SECONDS]        for so many seconds; for ever untold
-// Listens as long as the service runs; policy_listener.cpp shows how to outlive its restarts.
 #include <QCoreApplication>
 #include <QFile>
 #include <QObject>
@@ -8,44 +7,11 @@
 #include <QString>
 #include <QTimer>
 #include <cstdio>
-#include <functional>
 #include <string>
-#include <utility>
 
-#include "libsdconfig/dmconfig.h"
-#include "libsdconfig/sdconfig.h"
-#include "libsdconfig/sdconfig_text.h"
+#include "libsdconfig/sdconfig-qt.h"
 
 namespace {
-
-// A key's value; changes are told by the event loop of this object's thread, in which it has to be destroyed, too.
-class Setting final : public QObject, private sd::DMConfig::Listener {
-public:
-    Setting(std::string key, std::function<void(const QString&)> tell) : mKey(std::move(key)), mTell(std::move(tell)) {
-        // RegisterListener would tell the service of a key once a process, and objects of this class come and go.
-        mListens = sd::DMConfig::GetInstance()->RegisterListenersWithList({{mKey, this}}, true);
-    }
-
-    // When this call returns, onChanged runs no more, and what it left in the queue goes with the QObject.
-    ~Setting() override { sd::DMConfig::GetInstance()->UnRegisterListener(mKey, this, true); }
-
-    bool listens() const { return mListens; }
-
-    QString value() const {
-        return QString::fromStdString(sd::textAsSet(sd::SDConfig::GetInstance()->GetSecure(mKey)));
-    }
-
-private:
-    // On a thread of the library's own, where a call to the service holds up no window.
-    void onChanged(const std::string&, const std::string&, bool) override {
-        QMetaObject::invokeMethod(
-            this, [this, now = value()] { mTell(now); }, Qt::QueuedConnection);
-    }
-
-    const std::string mKey;
-    const std::function<void(const QString&)> mTell;
-    bool mListens = false;
-};
 
 void print(const QString& value) {
     std::printf("%s\n", value.isEmpty() ? "(not set)" : qUtf8Printable(value));
@@ -67,12 +33,11 @@ int main(int argc, char** argv) {
     const QString folder = QStandardPaths::writableLocation(QStandardPaths::AppDataLocation);
     sd::SDConfig::setDataPath(QFile::encodeName(folder).toStdString());
 
-    const Setting setting(argv[1], print);
-    if (!setting.listens()) {
-        std::fprintf(stderr, "qt_client: the service could not be asked to tell of %s\n", argv[1]);
-        return 1;
-    }
-    print(setting.value());
+    // A program knows its keys, and has constants of them: velmar::ui::theme.
+    const sd::Key<std::string> key{argv[1], sd::Store::Secure, {}, {}};
+    const sd::QtSetting setting(key);
+    QObject::connect(&setting, &sd::QtSetting::valueChanged, &app, [&] { print(setting.value().toString()); });
+    print(setting.value().toString());
     if (argc > 2) QTimer::singleShot(std::stoi(argv[2]) * 1000, &app, &QCoreApplication::quit);
     return QCoreApplication::exec();
 }
