@@ -89,7 +89,11 @@ CurrentFile::Found CurrentFile::open(const Digest& digest) {
     Found found;
     close();
     OpenedFile opened = openFile(mFolder, kCurrentFile, O_RDWR | O_APPEND);
-    if (!opened.file && !opened.isAbsent) {
+    if (!opened.file && !opened.isAbsent && !opened.isDistrusted) {
+        found.problem = std::string(kCurrentFile) + " " + opened.problem;
+        return found;
+    }
+    if (opened.isDistrusted) {
         found.damage = std::string(kCurrentFile) + " " + opened.problem + setAside();
         opened.isAbsent = true;
     }

@@ -81,6 +81,7 @@ std::vector<RotatedFile> listRotated(int folder) {
         if (!isNew && !file->isPacked) at->second = std::move(*file);
     }
     std::vector<RotatedFile> files;
+    files.reserve(found.size());
     for (auto& [first, file] : found) files.push_back(std::move(file));
     return files;
 }
@@ -90,18 +91,19 @@ OpenedFile openFile(int folder, const std::string& name, int flags) {
     UniqueFd file(::openat(folder, name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0600));
     if (!file) {
         opened.isAbsent = errno == ENOENT;
-        if (errno == ELOOP)
-            opened.problem = "is a link";
-        else if (errno == ENXIO)
-            opened.problem = "is a pipe or a socket";
+        opened.isDistrusted = errno == ELOOP || errno == ENXIO || errno == EISDIR;
+        if (opened.isDistrusted)
+            opened.problem = errno == ELOOP ? "is a link" : errno == ENXIO ? "is a pipe or a socket" : "is a folder";
         else if (!opened.isAbsent)
             opened.problem = reasonOf("can't be opened", errno);
         return opened;
     }
-    if (::fstat(file.get(), &opened.status) != 0)
+    if (::fstat(file.get(), &opened.status) != 0) {
         opened.problem = reasonOf("can't be looked at", errno);
-    else
+    } else {
         opened.problem = distrustOf(folder, opened.status);
+        opened.isDistrusted = !opened.problem.empty();
+    }
     if (opened.problem.empty()) opened.file = std::move(file);
     return opened;
 }

@@ -30,13 +30,14 @@ std::vector<RotatedFile> listRotated(int folder);
 // Opens a folder to look for its files; none where it can't be, with errno set.
 UniqueFd openFolder(const std::string& path);
 
-// A file that is there; of another kind, or another user's than the folder, or somebody else's to write, it is not
-// opened, and `problem` says so: "is a pipe". Neither waits for anybody.
+// A file that is there. One of another kind, of another user than the folder, or that others may write, is not opened,
+// and `problem` says so: "is a pipe". It waits for nobody.
 struct OpenedFile {
     UniqueFd file;
     struct stat status {};
     std::string problem;  // "" for one that is open or absent
     bool isAbsent = false;
+    bool isDistrusted = false;  // it is not ours to take; else nobody knows what it is
 };
 OpenedFile openFile(int folder, const std::string& name, int flags);
 

@@ -62,16 +62,9 @@ public:
     Opening open(const std::vector<std::string>& slots) {
         Opening opening;
         (void)lineDigest("");  // libcrypto is there from now on
-        CurrentFile::Found found = mFile.open(mOptions.digest);
-        opening.isNew = found.isNew;
-        noteProblem(found);
-        if (found.head.seq == 0) findLastRotated(found, opening);
-        mLast = mWritten = found.head;
-        mKey = found.last.ring;
-        opening.wasEnded = found.last.what == "END";
-        putBack(slots, opening);
+        mSlots = slots;
+        begin(opening);
         for (const Entry& damage : mDamages) opening.damages.push_back(damage.why);
-        settle();
         (void)syncAll();
         mPacker.look();
         start();
@@ -82,13 +75,8 @@ public:
         settle();
         mPrepared = Prepared();
         mPrepared.isOut = true;
-        mPrepared.before = mLast;
         Carried carried;
-        if (mayWrite() && ensureKey()) {
-            mPrepared.before = mLast;  // a key's entry may have come
-            compose(entries);
-        }
-        if (mPrepared.lines.empty()) {
+        if (!mayWrite() || (!compose(entries) && !(ensureKey() && compose(entries)))) {
             mPrepared.waiting = std::move(entries);
             return carried;
         }
@@ -135,6 +123,7 @@ public:
     // Writes what waits, in its order: lines, entries without a line, and what was found or lost.
     void settle() {
         if (mPrepared.isOut) return;
+        if (Opening late; !mHasBegun && !begin(late)) return;
         if (!mPending.empty()) sealPending();
         if (!mUnwritten.empty()) write();
         if (mDamages.empty() && mLost.count == 0) return;
@@ -214,6 +203,21 @@ private:
         if (!found.problem.empty()) mWhy = found.problem;
     }
 
+    // Until the file can be opened nobody knows what the next entry follows; all wait.
+    bool begin(Opening& opening) {
+        CurrentFile::Found found = mFile.open(mOptions.digest);
+        noteProblem(found);
+        if (!mFile.isOpen()) return false;
+        opening.isNew = found.isNew;
+        if (found.head.seq == 0) findLastRotated(found, opening);
+        mLast = mWritten = found.head;
+        mKey = found.last.ring;
+        opening.wasEnded = found.last.what == "END";
+        putBack(opening);
+        mSlotLast.fill(mLast.seq);
+        return mHasBegun = true;
+    }
+
     // After a rotation that was not finished, or the loss of the current file.
     void findLastRotated(CurrentFile::Found& found, Opening& opening) const {
         Reader reader(mOptions.folder, Order::NewestFirst);
@@ -227,8 +231,8 @@ private:
         }
     }
 
-    void putBack(const std::vector<std::string>& slots, Opening& opening) {
-        SlotFindings findings = readSlots(slots, mLast, mOptions.folder, mOptions.digest);
+    void putBack(Opening& opening) {
+        SlotFindings findings = readSlots(std::exchange(mSlots, {}), mLast, mOptions.folder, mOptions.digest);
         for (const SlotLine& line : findings.lacking) {
             mUnwritten += line.text + "\n";
             mLast = {line.entry.seq, line.digest};
@@ -249,7 +253,8 @@ private:
     }
 
     bool mayWrite() const {
-        return mPending.empty() && mDamages.empty() && mLost.count == 0 && mUnwritten.size() < kWaitingBytesMax;
+        return mHasBegun && mPending.empty() && mDamages.empty() && mLost.count == 0 &&
+               mUnwritten.size() < kWaitingBytesMax;
     }
 
     // The next line of the chain, or "".
@@ -299,26 +304,25 @@ private:
         return seal(entry);
     }
 
-    void compose(std::vector<Entry>& entries) {
-        const std::uint64_t first = mLast.seq + 1;
+    // Makes the lines of a commit; none where there can't be any now.
+    bool compose(std::vector<Entry>& entries) {
+        mPrepared.before = mLast;
         for (Entry& entry : entries) {
-            if (entries.size() > 1 && entry.cause == 0) entry.cause = first;
+            if (entries.size() > 1 && entry.cause == 0) entry.cause = mPrepared.before.seq + 1;
             const std::string line = lineOf(entry);
             mPrepared.lines += line;
             ++mPrepared.count;
             if (!line.empty() && mPrepared.lines.size() <= kSlotBytesMax) continue;
-            takeBack();
-            if (!line.empty() && entries.size() > 1) composeCount(entries);
-            return;
+            mLast = mPrepared.before;
+            mPrepared.lines.clear();
+            mPrepared.count = 0;
+            return !line.empty() && entries.size() > 1 && composeCount(entries);
         }
+        return !entries.empty();
     }
-    void takeBack() {
-        mLast = mPrepared.before;
-        mPrepared.lines.clear();
-        mPrepared.count = 0;
-    }
+
     // One line for more than a slot takes.
-    void composeCount(std::vector<Entry>& entries) {
+    bool composeCount(std::vector<Entry>& entries) {
         Entry all = std::move(entries.front());
         all.key.reset();
         all.oldDigest.clear();
@@ -326,7 +330,7 @@ private:
         all.cause = 0;
         all.count = entries.size();
         entries = {std::move(all)};
-        compose(entries);
+        return compose(entries);
     }
 
     bool sealGap() {
@@ -389,15 +393,16 @@ private:
     }
 
     bool reopen() {
-        const bool wasOpen = mFile.isOpen();
         const CurrentFile::Found found = mFile.open(mOptions.digest);
         noteProblem(found);
+        if (!mFile.isOpen()) return false;
+        const bool isExpected = std::exchange(mIsRotated, false) ? found.isNew : found.head == mWritten;
+        if (isExpected) return true;
         const std::string left = ", and was left with entry " + std::to_string(mWritten.seq);
-        if (wasOpen && found.isNew)
-            mDamages.push_back(damageEntry("trail.jsonl was taken away" + left));
-        else if (wasOpen && found.head != mWritten)
-            mDamages.push_back(damageEntry("trail.jsonl ended with entry " + std::to_string(found.head.seq) + left));
-        return mFile.isOpen();
+        mDamages.push_back(damageEntry(found.isNew
+                                           ? "trail.jsonl was taken away" + left
+                                           : "trail.jsonl ended with entry " + std::to_string(found.head.seq) + left));
+        return true;
     }
 
     void dropUncarried() {
@@ -413,7 +418,7 @@ private:
     }
 
     // Whether something waits that could be written now, though it could not be before.
-    bool isStuck() const { return !mUnwritten.empty() || !mDamages.empty() || mLost.count > 0; }
+    bool isStuck() const { return !mHasBegun || !mUnwritten.empty() || !mDamages.empty() || mLost.count > 0; }
 
     void run() {
         std::unique_lock lock(mMutex);
@@ -463,6 +468,7 @@ private:
             mWhy = std::move(problem);
             return;
         }
+        mIsRotated = true;
         entry.oldest = oldestKept(mFolder.get(), mOptions.keep);
         if (!seal(entry)) return;
         write();
@@ -480,6 +486,9 @@ private:
     CurrentFile mFile;
     Packer mPacker;
 
+    std::vector<std::string> mSlots;  // until it has begun
+    bool mHasBegun = false;
+    bool mIsRotated = false;    // and the next file is not there yet
     Head mLast;                 // the last line that was made
     Head mWritten;              // the last line in the file
     std::uint64_t mOnDisk = 0;  // its lines up to that one are

@@ -205,6 +205,28 @@ TEST_F(WriterTest, AFullDiskStopsNobodyAndTheGapIsTold) {
     EXPECT_EQ(problem(), "");
 }
 
+TEST_F(WriterTest, AFileThatCantBeOpenedYetIsGoneOnWithOnceItCan) {
+    {
+        Writer writer(options());
+        open(writer);
+        commit(writer, {entryOf("SET_SECURE", "a"), entryOf("SET_SECURE", "b")});
+    }
+    rlimit limit{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlimit none{0, limit.rlim_max};
+    Writer writer(options());
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    open(writer);
+    commit(writer, {entryOf("SET_SECURE", "c")});
+    const WriterStatus status = writer.status();
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_EQ(status.waiting, 1u);
+    EXPECT_THAT(status.why, HasSubstr("Too many open files"));
+    commit(writer, {entryOf("SET_SECURE", "d")});
+    EXPECT_THAT(storyOf(mFolder.path()), ElementsAre("SET_SECURE a", "SET_SECURE b", "SET_SECURE c", "SET_SECURE d"));
+    EXPECT_EQ(problem(), "");
+}
+
 TEST_F(WriterTest, EntriesWaitForTheRingAndOutliveItsKey) {
     mKeys.set({});
     Writer writer(options());
