@@ -288,7 +288,7 @@ TEST_F(TrailTest, EveryTamperingIsFound) {
     for (const auto& [name, text] : sound) whole += text;
     Tampering tampering;
     const char* const wanted = std::getenv("SDCONFIG_TRAIL_TAMPERINGS");
-    const int count = wanted ? std::atoi(wanted) : 250;
+    const int count = wanted ? std::atoi(wanted) : 200;
     int cuts = 0, packed = 0;
     for (int i = 0; i < count; ++i) {
         Tampering::Files files = sound;
