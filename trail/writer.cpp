@@ -428,17 +428,23 @@ private:
                 if (mIsEnding) return;
                 syncBeside(lock);
                 if (mFile.size() >= mOptions.bytesMax) rotate();
-            } else if (mIsPacking) {
-                lock.unlock();
-                const bool isMore = mPacker.step();
-                lock.lock();
-                mIsPacking = isMore;
-            } else {
-                const auto hasWork = [this] { return mIsEnding || mNeedsSync || mIsPacking; };
-                mWake.wait(lock, [&] { return hasWork() || isStuck(); });
-                if (isStuck() && !mWake.wait_for(lock, kRetryDelay, hasWork)) settle();
             }
+            mIsPacking ? packBeside(lock) : waitForWork(lock);
         }
+    }
+
+    void waitForWork(std::unique_lock<std::mutex>& lock) {
+        const auto hasWork = [this] { return mIsEnding || mNeedsSync; };
+        mWake.wait(lock, [&] { return hasWork() || isStuck(); });
+        if (isStuck() && !mWake.wait_for(lock, kRetryDelay, hasWork)) settle();
+    }
+
+    // A block, so that the next sync does not wait long.
+    void packBeside(std::unique_lock<std::mutex>& lock) {
+        lock.unlock();
+        const bool isMore = mPacker.step();
+        lock.lock();
+        mIsPacking = isMore;
     }
 
     // Others go on writing meanwhile.

@@ -142,9 +142,9 @@ TEST_F(TrailTest, ReadsFromBothEndsOverFiles) {
     std::vector<std::uint64_t> wanted(120);
     for (std::size_t i = 0; i < wanted.size(); ++i) wanted[i] = i + 1;
     EXPECT_EQ(read(Order::OldestFirst), wanted);
-    for (const std::uint64_t since : {1, 2, 30, 40, 41, 77, 80, 81, 100, 120, 121}) {
-        const Since at{{static_cast<std::int64_t>(since) * 1'000'000, 0, ""}};
-        const std::vector<std::uint64_t> later(wanted.begin() + static_cast<std::ptrdiff_t>(since) - 1, wanted.end());
+    for (const int since : {1, 2, 30, 40, 41, 77, 80, 81, 100, 120, 121}) {
+        const Since at{{std::int64_t{since} * 1'000'000, 0, ""}};
+        const std::vector<std::uint64_t> later(wanted.begin() + since - 1, wanted.end());
         EXPECT_EQ(read(Order::OldestFirst, at), later) << since;
         EXPECT_EQ(read(Order::NewestFirst, at), std::vector(later.rbegin(), later.rend())) << since;
     }
@@ -232,7 +232,7 @@ public:
         const std::size_t length = std::min(1 + below(2000), text.size() - byte);
         switch (kind) {
             case 0:
-                return void(text[byte] = static_cast<char>(text[byte] ^ 1 << below(8)));
+                return flip(text);
             case 1:
                 return void(text[at + below(size - 1)] = static_cast<char>('0' + below(10)));
             case 2:
@@ -260,9 +260,13 @@ public:
                 return void(text += text.substr(at));
         }
     }
-    std::size_t below(std::size_t limit) { return std::uniform_int_distribution<std::size_t>(0, limit - 1)(mRandom); }
+    void flip(std::string& bytes) {
+        char& byte = bytes[below(bytes.size())];
+        byte = static_cast<char>(static_cast<unsigned char>(byte) ^ 1U << below(8));
+    }
 
 private:
+    std::size_t below(std::size_t limit) { return std::uniform_int_distribution<std::size_t>(0, limit - 1)(mRandom); }
     Files::iterator any(Files& files) { return std::next(files.begin(), static_cast<long>(below(files.size()))); }
     std::pair<std::size_t, std::size_t> lineIn(const std::string& text) {
         const std::size_t at = below(text.size());
@@ -288,7 +292,7 @@ TEST_F(TrailTest, EveryTamperingIsFound) {
     for (const auto& [name, text] : sound) whole += text;
     Tampering tampering;
     const char* const wanted = std::getenv("SDCONFIG_TRAIL_TAMPERINGS");
-    const int count = wanted ? std::atoi(wanted) : 200;
+    const int count = wanted ? std::stoi(wanted) : 200;
     int cuts = 0, packed = 0;
     for (int i = 0; i < count; ++i) {
         Tampering::Files files = sound;
@@ -298,7 +302,7 @@ TEST_F(TrailTest, EveryTamperingIsFound) {
         for (const auto& [name, text] : files) {
             const bool isPacked = name == sound.begin()->first && (text.empty() || text.back() == '\n');
             std::string bytes = isPacked ? packedLines(text) : text;
-            if (isPacked && isRaw) bytes[tampering.below(bytes.size())] ^= static_cast<char>(1 << tampering.below(8));
+            if (isPacked && isRaw) tampering.flip(bytes);
             write(name, bytes);
         }
         std::string read;
