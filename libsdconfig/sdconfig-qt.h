@@ -33,7 +33,10 @@ namespace sd {
 template <typename T, typename = void>
 struct QtForm {
     static QVariant print(const T& value) { return QString::fromStdString(Form<T>::print(value)); }
-    static std::optional<T> parse(const QVariant&) { return std::nullopt; }
+    static std::optional<T> parse(const QVariant& value) {
+        if (!value.canConvert<QString>()) return std::nullopt;
+        return Form<T>::parse(value.toString().toStdString());
+    }
 };
 
 // As a number: a duration as milliseconds, a size as bytes.

@@ -100,7 +100,8 @@ public:
 
     // Calls back when what get() gives is another value than before, from now on, as long as the watch that is returned
     // lives: on a thread of these settings, one callback at a time. It may call anything, and must not throw. Restarts
-    // of the service are outlived: what changed meanwhile is told when it is back.
+    // of the service are outlived: what changed meanwhile is told when it is back. A forked child that watches makes
+    // settings of its own.
     template <typename T>
     [[nodiscard]] Watch watch(const Key<T>& key, Callback<T> callback) const noexcept;
 

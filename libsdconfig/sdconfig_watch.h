@@ -137,7 +137,7 @@ private:
         lock.unlock();
         work();
         lock.lock();
-        mBusyWith = nullptr;
+        if (mBusyWith == key.get()) mBusyWith = nullptr;  // else a thread that came after this one is at work
         mChanged.notify_all();
     }
 

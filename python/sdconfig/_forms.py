@@ -7,6 +7,7 @@ from __future__ import annotations
 
 import json
 import math
+import operator
 import re
 from datetime import timedelta
 from decimal import Decimal
@@ -182,7 +183,7 @@ def _print_json(value: Json) -> str:
 
 
 def _print_int(value: int) -> str:
-    return str(_whole(int(value)))
+    return str(_whole(operator.index(value)))
 
 
 _FORMS: dict[Any, Form] = {

@@ -72,6 +72,19 @@ TEST_F(TypedTest, WhatCannotComeBackIsNotSent) {
     EXPECT_EQ(cli({"secure", "get", "exchange.a.string"}).out, "");
 }
 
+TEST_F(TypedTest, EveryByteComesBackFromBothStores) {
+    test::Process service = startService();
+    std::string bytes;
+    for (int byte = 1; byte < 256; ++byte) bytes += static_cast<char>(byte);
+    for (const std::string& text : {bytes, std::string("gr\xC3\xBC"), std::string("gr\xFC"), std::string("\xC3\x83")}) {
+        EXPECT_TRUE(mSettings.set(exchange::string("a"), text) && mSettings.set(exchange::plain("a"), text));
+        EXPECT_EQ(mSettings.get(exchange::string("a")), text);
+        EXPECT_EQ(mSettings.get(exchange::plain("a")), text);
+        EXPECT_EQ(cli({"secure", "get", "exchange.a.string"}).out, cli({"get", "exchange.a.plain"}).out);
+    }
+    for (const char* none : {"\xE2\x82\xAC \xC3\xBC", "\xFC", "\xC3\xBC\xC3"}) EXPECT_EQ(sd::textAsSet(none), none);
+}
+
 TEST_F(TypedTest, AWatchOutlivesRestartsOfTheService) {
     test::Heard heard;
     std::optional<test::Process> service(startService());
