@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "src/sdconfig_came.h"
 #include "src/sdconfig_trail_slots.h"
 #include "trail/entry.h"
 #include "trail/writer.h"
@@ -27,18 +28,6 @@ struct TrailSettings {
     bool isAudited(const std::string& key) const;
 };
 TrailSettings& trailSettings();
-
-// What came of it, as an entry says.
-namespace came {
-inline constexpr char kChanged[] = "changed";
-inline constexpr char kStored[] = "stored";  // a row is another one, the effective value is what it was
-inline constexpr char kSame[] = "same";      // nothing is another one
-inline constexpr char kFailed[] = "failed";
-inline constexpr char kGoverned[] = "governed";  // a policy of the machine has the say
-inline constexpr char kRefused[] = "refused";
-inline constexpr char kRead[] = "read";
-inline constexpr char kDone[] = "done";
-}  // namespace came
 
 // What a call changes, or tries to.
 struct TrailChange {

@@ -27,6 +27,8 @@
 #include "apps/data/data_folder_lock.h"
 #include "apps/data/database_check.h"
 #include "apps/data/served_folder.h"
+#include "apps/data/table_reader.h"
+#include "apps/data/trail_note.h"
 #include "apps/data/upgrader.h"
 #include "apps/sdconfigd/clean_end.h"
 #include "apps/sdconfigd/constants_file.h"
@@ -36,6 +38,8 @@
 #include "platform/sdbus/sdbus.h"
 #include "platform/sdsecurity/sdsecurity.h"
 #include "platform/velmarlog/log_secret.h"
+#include "src/sdconfig_came.h"
+#include "src/sdconfig_helpers.h"
 #include "src/sdconfig_impl_policy.h"
 #include "src/sdconfig_impl_property.h"
 #include "src/sdconfig_protocol.h"
@@ -151,10 +155,26 @@ void stopDumps() {
     if (::setrlimit(RLIMIT_CORE, &limit) != 0) tell(std::string("can't stop core dumps: ") + std::strerror(errno));
 }
 
+void note(const std::string& folder, const char* what, bool isDone) {
+    sd::trail::Entry entry;
+    entry.what = what;
+    entry.came = isDone ? sd::came::kDone : sd::came::kFailed;
+    if (const std::string problem = apps::noteInTrail(folder, std::move(entry)); !problem.empty())
+        tell("the trail has no entry of that: " + problem);
+}
+
+bool isOfEarlierVersion(const std::string& database) {
+    const apps::Tables tables = apps::readTables(database, {"dbinfor"}, "dbVersion");
+    const auto found = tables.rows.find("dbinfor");
+    return found != tables.rows.end() && !found->second.empty() && found->second.front().value != sd::kDatabaseVersion;
+}
+
 // The upgrade of the store itself, whose connection is closed again before the service opens its own.
-std::string upgrade(const std::string& dataDir) {
+std::string upgrade(const std::string& dataDir, bool isNoted) {
     const std::string database = dataDir + "/" + apps::kSecureLayout.file;
+    const bool isToNote = isNoted && isOfEarlierVersion(database);
     apps::Upgrader store(database);
+    if (isToNote) note(dataDir, "UPGRADE", store.isCurrent());
     if (!store.isCurrent()) return database + " could not be upgraded; the lines above tell why";
     if (store.leftBehind())
         tell(database + " has data of an earlier version, of which nothing was copied; stop the service and copy it " +
@@ -267,7 +287,7 @@ std::string prepare(const Options& options, HeldFolder& folder) {
     if (!folder.preflight().isRingLocked()) tellKeyUse(dataDir);
     if (!options.upgrade) return "";
     folder.preflight().close();
-    return upgrade(dataDir);
+    return upgrade(dataDir, !options.noAudit);
 }
 
 // Whether the service answers its own client: where its thread hangs it does not.
@@ -376,8 +396,9 @@ int rotateKey(const Options& options) {
     const bool isServed = SDBusSerivceManager::initSync(-1)->isServiceRegistered(kName);
     if (const auto locked = apps::lockedRing(folder, ring); locked && !isServed)
         return fail(locked->what + ": " + locked->next);
-    if (!makeKey(security))
-        return fail("the key ring could not be changed; the line above, or the service's log, tells why");
+    const bool isMade = makeKey(security);
+    if (!isServed && !options.noAudit) note(folder, sd::protocol::kKeyRotate, isMade);  // a service does it itself
+    if (!isMade) return fail("the key ring could not be changed; the line above, or the service's log, tells why");
     tell("a new key seals from now on; what was sealed before still opens; back up " +
          (apps::isRingOf(folder, ring) ? folder + "/" + apps::kRingFile : ring.detail));
     return kDone;

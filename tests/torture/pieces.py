@@ -210,6 +210,7 @@ class Writer:
     def __init__(self, client, kind, name, seed):
         self.client, self.kind, self.random = client, kind, random.Random(seed)
         self.may_hold = {f"{name}.{i}": {""} for i in range(4)}
+        self.entries = {key: [0, 0] for key in self.may_hold}  # of the trail, at least and at most
         self.acknowledged = self.in_flight = self.number = 0
         self.service_dies = threading.Event()
         self.failure = None
@@ -225,7 +226,9 @@ class Writer:
             answer = self.client.ask("set", key, value)
         else:
             answer = self.client.ask("policy.set", key, value, 9)
+        self.entries[key][1] += value != "" or self.may_hold[key] != {""}
         if answer == "1":
+            self.entries[key][0] += value != "" or "" not in self.may_hold[key]
             self.may_hold[key] = {value}
             self.acknowledged += 1
             return True

@@ -5,6 +5,7 @@ import collections
 import concurrent.futures
 import contextlib
 import glob
+import hashlib
 import json
 import os
 import random
@@ -105,6 +106,93 @@ def kill(run):
     acknowledged = sum(writer.acknowledged for writer in writers)
     check(acknowledged > rounds, "hardly a write was acknowledged")
     return f"{rounds + 1} kills, {acknowledged} acknowledged writes, {sum(w.in_flight for w in writers)} in flight"
+
+
+class Trail:
+    """What the trail of a world's data folder tells of its writers, read bit by bit as it grows."""
+
+    CHANGES = ("SET_SECURE", "DEL_SECURE", "SET_POLICY", "DELETE_POLICY")
+
+    def __init__(self, world, writers):
+        self.file = world.path("data/trail.jsonl")
+        self.writers = writers
+        self.entries = collections.Counter()
+        self.last = {}  # the digest of each key's value
+        self.before, self.seq, self.read = "0" * 64, 0, 0
+
+    def lines(self):
+        with open(self.file, "rb") as file:
+            file.seek(self.read)
+            return file.read().splitlines(keepends=True)
+
+    def check(self):
+        """The chain is whole. Of each key there is an entry for every change that was acknowledged, and none that nobody
+        asked for; each begins with the value that the one before left."""
+        for line in self.lines():
+            check(line.endswith(b"\n"), "the trail ends within a line")
+            self.take(json.loads(line))
+            self.before = hashlib.sha256(line[:-1]).hexdigest()
+            self.read += len(line)
+        for writer in self.writers:
+            for key, (least, most) in writer.entries.items():
+                check(least <= self.entries[key] <= most,
+                      f"{key}: {self.entries[key]} entries, {least} acknowledged changes, {most} were asked for")
+
+    def take(self, entry):
+        self.seq += 1
+        check((entry["seq"], entry["before"]) == (self.seq, self.before), f"entry {entry['seq']} follows {self.seq - 1}")
+        check(entry["what"] != "GAP", "entries were lost")
+        if entry["what"] not in self.CHANGES or not any(entry["key"] in one.entries for one in self.writers):
+            return
+        check(entry["came"] in ("changed", "stored", "same"), f"entry {entry['seq']}: {entry['came']}")
+        check(self.last.get(entry["key"], entry["old"]) == entry["old"], f"entry {entry['seq']} has another old value")
+        self.last[entry["key"]] = entry["new"]
+        self.entries[entry["key"]] += 1
+
+    def cut(self, rng):
+        """As a power cut may leave it: without the end that only the databases have on the disk."""
+        lines, cut = self.lines(), 0
+        for line in reversed(lines[-5:]):
+            if json.loads(line)["what"] not in self.CHANGES:
+                break
+            cut += len(line)
+        if cut:
+            os.truncate(self.file, os.path.getsize(self.file) - rng.randrange(1, cut + 1))
+
+
+def trail(run):
+    """Kills under writers, and cuts: the trail has what was acknowledged, in its order, and nothing else."""
+    kills = 0
+    with World() as world:
+        writers = [Writer(world.client(), kind, name, f"{run.seed}/{name}")
+                   for kind, name in (("secure", "a"), ("secure", "b"), ("policy", "p"))]
+        told = Trail(world, writers)
+        for kills in run.rounds(30, 1000):
+            service = world.start("--audit-size", "1024")
+            for writer in writers:
+                writer.check()
+                writer.service_dies.clear()
+            told.check()
+            threads = [threading.Thread(target=writer.write_until_death) for writer in writers]
+            for thread in threads:
+                thread.start()
+            time.sleep(run.random.uniform(0, 0.15))
+            for writer in writers:
+                writer.service_dies.set()
+            service.kill()
+            for thread, writer in zip(threads, writers):
+                thread.join()
+                if writer.failure:
+                    raise writer.failure
+            if run.random.random() < 0.5:
+                told.cut(run.random)
+        world.start("--audit-size", "1024")
+        told.check()
+        verified = subprocess.run([pieces.PROGRAMS["sdconfig"], "log", "verify"], env=world.environment, text=True,
+                                  capture_output=True, check=False)
+        check(verified.returncode == 0, f"log verify says {verified.stdout + verified.stderr}")
+    acknowledged = sum(writer.acknowledged for writer in writers)
+    return f"{kills + 1} kills, {told.seq} entries, {acknowledged} acknowledged writes"
 
 
 class Counter:
@@ -1191,7 +1279,7 @@ def model(run):
     return done.stdout.strip()
 
 
-SCENARIOS = (kill, backup, io, disk, damage, busy, hostile, user, silent, restarts, threads, secrets, ring, reseal,
+SCENARIOS = (kill, trail, backup, io, disk, damage, busy, hostile, user, silent, restarts, threads, secrets, ring, reseal,
              slots, policies, power_cuts.power, scarcity, model)
 
 

@@ -8,6 +8,7 @@
 
 #include "apps/data/data_files.h"
 #include "apps/data/data_folder_lock.h"
+#include "apps/data/trail_note.h"
 #include "apps/data/upgrader.h"
 #include "apps/sdconfig/data_commands/data_commands.h"
 #include "apps/sdconfig/terminal/messages.h"
@@ -15,6 +16,7 @@
 #include "apps/sdconfig/upgrade/database_backup.h"
 #include "apps/sdconfig/upgrade/upgrade_plan.h"
 #include "platform/sdsecurity/sdsecurity.h"
+#include "src/sdconfig_came.h"
 
 namespace cli {
 
@@ -152,7 +154,13 @@ int upgradeDatabase(const Request& request, Service& /*service*/) {
     const Backup backup = keepBackup(database);
     if (!backup.problem.empty())
         return notUpgraded(request, backup.problem, "see that the folder can be written and has room");
-    return finish(request, plan, {backup.path, carryOver(database, plan.step)});
+    const bool isDone = carryOver(database, plan.step);
+    sd::trail::Entry entry;
+    entry.what = "UPGRADE";
+    entry.came = isDone ? sd::came::kDone : sd::came::kFailed;
+    if (const std::string untold = apps::noteInTrail(folder, std::move(entry)); !untold.empty())
+        noteUpgradeUntold(untold);
+    return finish(request, plan, {backup.path, isDone});
 }
 
 }  // namespace cli

@@ -594,6 +594,10 @@ void noteNotSealed(std::size_t count, const std::string& folder) {
          typed("upgrade --force " + asArgument(folder)));
 }
 
+void noteUpgradeUntold(const std::string& why) {
+    note("the trail has no entry of the upgrade: " + why);
+}
+
 void noteWatching(std::size_t keys, bool more) {
     note("watching " + std::to_string(keys) + (keys == 1 ? " key" : " keys") + (more ? " and those to come" : "") +
          "; Ctrl-C ends it");

@@ -167,6 +167,7 @@ int upgradeFailed(const Request& request, const std::string& backup);
 int rowsUnfit(const Request& request, std::size_t count, const std::string& backup);  // backup: "" in a dry run
 int rowsLost(const Request& request, std::size_t count);
 void noteNotSealed(std::size_t count, const std::string& folder);
+void noteUpgradeUntold(const std::string& why);  // by an entry of the trail
 
 // Backups.
 Problem interrupted();
