@@ -5,11 +5,18 @@
 
 namespace sd {
 
+namespace {
+
 using data::SQLiteStatement;
+
+// The pages of a change and of its slot: what has no room would be written before the commit, and again with it.
+constexpr int kCacheKiB = 40;
+
+}  // namespace
 
 std::vector<std::string> TrailSlots::read() {
     if (!mDatabase.handle()) return {};
-    mDatabase.executeCommand("PRAGMA cache_spill = 16");
+    mDatabase.tune({kCacheKiB, data::SQLiteDatabase::kUsual.logPages});
     SQLiteStatement table(mDatabase,
                           std::string("SELECT 1 FROM sqlite_master WHERE type='table' AND name='") + kTrailTable + "'");
     mHasTable = table.prepare() == 0 && table.step() == SQLiteStatement::kRow;

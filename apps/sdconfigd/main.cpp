@@ -113,7 +113,7 @@ void declareOptions(CLI::App& app, Options& options) {
         ->allow_extra_args(false);
     app.add_option("--audit-size", options.auditMiB, "Size from which on the trail goes on in another file")
         ->type_name("MIB")
-        ->check(CLI::Range(1, 1024))
+        ->check(CLI::Range(1, 1 << 20))
         ->capture_default_str();
     app.add_option("--audit-keep", options.auditKeep, "Files of the trail to keep besides the current one")
         ->type_name("N")

@@ -1,6 +1,8 @@
 // The service's trail: what each call leaves in it, as a reader finds it beside the databases.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -200,6 +202,28 @@ TEST_F(ServiceTrailTest, ReadingsOfAuditedKeysAreInItBeforeTheyAreAnswered) {
                 ElementsAre("GET_SECURE audited.A=read!", "GET_SECURE other=read!", "GET_POLICY audited.b=read!",
                             "DM_GET_POLICIES audited.b=read!", "DM_LIST audited.b=read!"));
     EXPECT_EQ(reads[0].newDigest, sets[1].newDigest);
+}
+
+// Root alone can play two users.
+TEST_F(ServiceTrailTest, HasWhoWasRefused) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root";
+    const std::string socket = SDBusSerivceManager::initSync(-1)->socketPath("sdconfig");
+    for (const std::string& path :
+         {socket, std::filesystem::path(socket).parent_path().string(), mService->bus.folder().path()})
+        std::filesystem::permissions(path, std::filesystem::perms::all);
+    EXPECT_TRUE(test::inChild([&] {
+        sockaddr_un address{AF_UNIX, {}};
+        socket.copy(address.sun_path, sizeof address.sun_path - 1);
+        const int end = ::socket(AF_UNIX, SOCK_STREAM, 0);
+        char byte = 0;
+        return ::setuid(65534) == 0 && ::connect(end, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+               ::read(end, &byte, 1) == 0;
+    }));
+    call("GET_CONST", "fence");
+    const std::vector<Entry> entries = all();
+    ASSERT_THAT(toldOf(entries), ElementsAre("START =", "REFUSED =refused"));
+    EXPECT_EQ(entries.back().by->uid, 65534U);
+    EXPECT_EQ(entries.back().why, "it belongs to another user");
 }
 
 TEST_F(ServiceTrailTest, GoesOnUnderAnotherKeyWhereItsOwnOpensNothing) {
