@@ -140,6 +140,7 @@ public:
     virtual QVariant get() const = 0;
     virtual bool set(const QVariant& value) const = 0;
     virtual bool unset() const = 0;
+    virtual bool isGoverned() const = 0;
     virtual Watch watch(std::function<void(const QVariant&)> tell) const = 0;
 
 private:
@@ -160,6 +161,7 @@ public:
         return typed && mSettings.set(mKey, *typed);
     }
     bool unset() const override { return mSettings.unset(mKey); }
+    bool isGoverned() const override { return mSettings.isGoverned(mKey); }
     Watch watch(std::function<void(const QVariant&)> tell) const override {
         return mSettings.watch(mKey, [tell = std::move(tell)](const T& now) { tell(QtForm<T>::print(now)); });
     }
@@ -174,7 +176,8 @@ private:
 // Its value is what sd::Settings gives for the key: bool, int, qlonglong (a number of 64 bits, the milliseconds of a
 // duration, the bytes of a size), double, or a text as it is stored; of a list, a QVariantList of these. It is read
 // when the object is made, and kept up to date by the event loop of the object's thread, in which the object is used
-// and destroyed. Reading it asks nobody. Making the object, setting and resetting it are a call to the service each.
+// and destroyed. Reading it asks nobody. Making the object, setting and resetting it are a call to the service each,
+// and so is isGoverned().
 class QtSetting final : public QObject {
     Q_OBJECT
     Q_PROPERTY(QString key READ key CONSTANT)
@@ -201,6 +204,9 @@ public:
     // What doesn't fit the key, or is not stored, is told by refused(), and changes nothing.
     void setValue(const QVariant& value) { settle(mKey->set(value)); }
     void reset() { settle(mKey->unset()); }
+
+    // Whether a policy has the say, so that setting it has no effect.
+    Q_INVOKABLE bool isGoverned() const { return mKey->isGoverned(); }
 
 Q_SIGNALS:
     void valueChanged();

@@ -94,6 +94,14 @@ def delete(key: Key[Any]) -> Operation[None]:
         raise Refused(f"{key.name} was not deleted: the service's log says why")
 
 
+def is_governed(key: Key[Any]) -> Operation[bool]:
+    """Whether a policy has the say, so that setting the key has no effect."""
+    if key.store is not Store.SECURE:
+        return False
+    answer = yield Call("ISSTRONG_CONTROL", [_name_of(key)])
+    return answer.flag(0)
+
+
 class Watch:
     """Keys that are watched, and what they were last known to read as."""
 

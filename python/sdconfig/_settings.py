@@ -142,6 +142,10 @@ class Settings:
         """Deletes what is stored. Raises Refused."""
         self._ask(_operations.delete(key))
 
+    def is_governed(self, key: Key[Any]) -> bool:
+        """Whether a policy has the say, so that setting the key has no effect."""
+        return self._ask(_operations.is_governed(key))
+
     def changes(self, *keys: Key[Any], timeout: Optional[float] = None) -> Changes:
         """An iterator of changes of these keys, from now on; it ends when there was none for so many seconds."""
         return Changes(keys, timeout)

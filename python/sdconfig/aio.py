@@ -125,6 +125,9 @@ class Settings:
     async def delete(self, key: Key[Any]) -> None:
         await self._ask(_operations.delete(key))
 
+    async def is_governed(self, key: Key[Any]) -> bool:
+        return await self._ask(_operations.is_governed(key))
+
     def changes(self, *keys: Key[Any]) -> Changes:
         """Changes of these keys, from the first time that it is awaited or entered on."""
         return Changes(keys)

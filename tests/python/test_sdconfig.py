@@ -113,6 +113,7 @@ def test_changes_are_told_over_a_restart(world):
         world.cli("set", "port", "1")
         found = [next(changes), next(changes)]
         assert [(change.key, change.value, change.is_set) for change in found] == [(name, "jürgen", True), (port, 1, True)]
+        assert settings.is_governed(name) and not settings.is_governed(port)
         world.kill()
         world.start()  # a property is gone with the service
         assert next(changes).value == 8080

@@ -31,6 +31,7 @@ TEST_F(QtTest, APropertyIsToldInTheThreadOfItsObject) {
     EXPECT_EQ(name.value().toString(), "") << "nothing changes before the event loop runs";
     ASSERT_TRUE(told.wait(20000));
     EXPECT_EQ(name.value().toString(), QString::fromUtf8("grün"));
+    EXPECT_TRUE(name.isGoverned());
     name.setValue("blau");
     EXPECT_EQ(name.value().toString(), QString::fromUtf8("grün")) << "the policy has the say";
 
