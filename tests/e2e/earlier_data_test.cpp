@@ -62,6 +62,8 @@ TEST_F(EarlierDataTest, IsSealedByALayerOfTheHostsOwnThatKnowsNoRows) {
     const Result served = run({OWN_LAYER_HOST, folder, "secret"}, environment());
     EXPECT_EQ(served.out, folder + ": secret\n") << served.err;
     EXPECT_EQ(query(folder + "/sdconfig.db", "SELECT value FROM secure_v3 WHERE key = 'key'")[0][0], "host:secret");
+    EXPECT_NE(served.err.find("no trail is kept: the security layer makes no digests"), std::string::npos);
+    EXPECT_FALSE(std::filesystem::exists(folder + "/trail.jsonl"));
     const std::string layers = std::filesystem::path(OWN_LAYER_HOST).parent_path();
     const Result doctor = run({"env", "LD_LIBRARY_PATH=" + layers, SDCONFIG_CLI, "doctor"}, environment());
     EXPECT_NE(doctor.out.find("problem: security layer"), std::string::npos) << doctor.err;

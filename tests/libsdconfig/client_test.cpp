@@ -78,7 +78,7 @@ TEST_F(ClientTest, StartUpTasksMoveTheLockScreenDataAndSetPowerDefaults) {
                                     "GET_SECURE config.device.chargeLidCloseAction ",
                                     "GET_SECURE config.device.batteryLidCloseAction ",
                                     "VERIFY_SIGN content sign"};
-    if (!std::getenv("BUS_CALLS_ONE_BY_ONE"))  // else what follows the first setting is read at once
+    if (!std::getenv("BUS_OF_VERSION_1_0"))  // else what follows the first setting is read at once
         std::stable_partition(wanted.begin() + 6, wanted.end() - 1, [](auto& call) { return call[0] == 'G'; });
     EXPECT_EQ(mService.takeCalls(), wanted);
     EXPECT_TRUE(mLog.has("printProductInfo(1032): ProductInfo build.version: 1.2", 5));

@@ -5,6 +5,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
 
 #include "libsdconfig/sdconfig.h"
@@ -155,6 +156,7 @@ TEST_F(ServiceTrailTest, AListHasOneCause) {
     const std::vector<Entry> list = added();
     ASSERT_THAT(toldOf(list), ElementsAre("START =", "SET_POLICYLIST l.1=changed!", "SET_POLICYLIST l.2=changed!",
                                           "SET_POLICYLIST governed=governed", "SET_SECURE l.2=changed!"));
+    EXPECT_EQ(list[1].by.has_value(), std::getenv("BUS_OF_VERSION_1_0") == nullptr) << "which can't tell who called";
     EXPECT_EQ(list[1].cause, 0U);
     for (const std::size_t i : {2U, 3U}) EXPECT_EQ(list[i].cause, list[1].seq);
 
