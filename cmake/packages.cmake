@@ -36,9 +36,10 @@ add_custom_target(installed_docs ALL
     COMMAND sed -E -i -f ${PROJECT_SOURCE_DIR}/packaging/installed-links.sed ${pages} VERBATIM)
 install(DIRECTORY ${installed_docs}/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package_of_programs}
     COMPONENT programs EXCLUDE_FROM_ALL)
-# Where a file governs every user's service: the vendor's packages put theirs into the first, administrators into the
-# other.
-foreach(folder lib/sdconfig/policies.d /etc/sdconfig/policies.d)
+# Where a file governs every user's service, and where one describes keys: the vendor's packages put theirs into the
+# first of each, administrators into the other.
+foreach(folder lib/sdconfig/policies.d /etc/sdconfig/policies.d ${CMAKE_INSTALL_DATADIR}/sdconfig/keys.d
+        /etc/sdconfig/keys.d)
     install(DIRECTORY DESTINATION ${folder} COMPONENT programs EXCLUDE_FROM_ALL)
 endforeach()
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package_of_development} COMPONENT development

@@ -53,7 +53,7 @@ struct KeyDescription {
 
 // What is wrong at a place of a file; never with a value in it that may be a secret.
 struct DescriptionFault {
-    int line = 0;
+    int line = 0;        // 0: of the file as a whole
     std::string key;     // "": of no description
     std::string field;   // "": of no field
     std::string what;    // behind the place: "is no type"

@@ -21,6 +21,8 @@ namespace {
 using Kind = JsonNode::Kind;
 using Names = std::vector<std::string_view>;
 
+constexpr std::size_t kAllowedMax = 1'000;
+
 constexpr std::array kTypeNames{"bool", "int", "number", "string", "enum", "duration",
                                 "size", "url", "path",   "color",  "json", "array"};
 
@@ -42,7 +44,7 @@ bool hasRange(KeyType type) {
     return type == KeyType::Int || type == KeyType::Number || type == KeyType::Duration || type == KeyType::Size;
 }
 
-bool hasPattern(KeyType type) {
+bool mayHavePattern(KeyType type) {
     return type == KeyType::String || type == KeyType::Url || type == KeyType::Path;
 }
 
@@ -91,11 +93,10 @@ std::string unfitName(const std::string& name) {
 
 class Reader {
 public:
-    Reader(const OutlinedDescription& outlined, LineCounter& lines, std::vector<DescriptionFault>& faults)
-        : mText(outlined.text), mName(sd::nameOf(outlined)), mFaults(faults) {
-        mFound.line = lines.lineOf(outlined.name);
+    Reader(const OutlinedDescription& outlined, int line, std::vector<DescriptionFault>& faults)
+        : mOutlined(outlined), mName(sd::nameOf(outlined)), mFaults(faults) {
+        mFound.line = line;
         mFound.key = mName.value_or(std::string(outlined.name));
-        mLine = lines.lineOf(outlined.text);
     }
 
     std::optional<KeyDescription> read() {
@@ -114,12 +115,14 @@ private:
             fail(mFound.line, "", unfit, R"(name a key, or a glob as "velmar.printer.*.name")");
             return std::nullopt;
         }
-        if (mText.size() > kDescriptionBytesMax) {
+        if (mOutlined.text.size() > kDescriptionBytesMax) {
             fail(mFound.line, "", "has more than 256 KiB", "shorten it: it is one key's description");
             return std::nullopt;
         }
+        const std::string_view text = mOutlined.text;
         int line = 0;
-        auto root = readJson(mText, mLine, line);
+        auto root =
+            readJson(text, mFound.line + static_cast<int>(std::count(mOutlined.name.data(), text.data(), '\n')), line);
         if (!root)
             fail(line, "", "is no JSON, or not UTF-8, at this place",
                  "look for a comma, a quote or a bracket there, or right before");
@@ -193,6 +196,9 @@ private:
                              R"(write "type": "enum", or delete it)"));
         if (!isOf(Kind::Array, all, prefix + "enum")) return;
         if (all.children.empty()) fail(all.line, prefix + "enum", "allows nothing", "list what is allowed");
+        if (all.children.size() > kAllowedMax)
+            return void(
+                fail(all.line, prefix + "enum", "allows more than 1,000 values", "use a string with a pattern"));
         for (const JsonNode& one : all.children) {
             if (!isOf(Kind::Text, one, prefix + "enum")) continue;
             const bool isTwice = std::find(rule.allowed.begin(), rule.allowed.end(), one.text) != rule.allowed.end();
@@ -221,7 +227,7 @@ private:
     void takePattern(const Members& members, const std::string& prefix, ValueRule& rule) {
         const JsonNode* const node = textOf(members, "pattern", prefix);
         if (!node) return;
-        if (!hasPattern(rule.type))
+        if (!mayHavePattern(rule.type))
             return void(fail(node->line, prefix + "pattern",
                              std::string("makes no sense of the type ") + sd::nameOf(rule.type),
                              "delete it: string, url and path have one"));
@@ -249,6 +255,8 @@ private:
     std::optional<std::string> takeValue(const JsonNode& node, const std::string& field, const ValueRule& rule) {
         const Kind kind = kindOf(rule.type);
         if (rule.type != KeyType::Json && !isOf(kind, node, field)) return std::nullopt;
+        if (node.kind == Kind::Text && node.text.empty() && rule.type != KeyType::String)
+            return fail(node.line, field, "is empty", "write " + inWords(rule) + ", or delete it"), std::nullopt;
         const CheckedValue checked = checkValue(rule, rule.type == KeyType::Json ? compact(node) : node.text);
         if (checked.fits()) return checked.stored;
         fail(node.line, field, checked.what, checked.remedy);
@@ -420,9 +428,8 @@ private:
         return false;
     }
 
-    const std::string_view mText;
+    const OutlinedDescription& mOutlined;
     const std::optional<std::string> mName;
-    int mLine = 0;  // in which the text begins
     KeyDescription mFound;
     std::vector<DescriptionFault>& mFaults;
 };
@@ -434,7 +441,7 @@ const char* nameOf(KeyType type) {
 }
 
 std::string DescriptionFault::place() const {
-    return "line " + std::to_string(line) + (key.empty() ? "" : ", " + quoted(key)) +
+    return (line == 0 ? "" : "line " + std::to_string(line)) + (key.empty() ? "" : ", " + quoted(key)) +
            (field.empty() ? "" : ", " + quoted(field));
 }
 
@@ -448,9 +455,9 @@ std::optional<std::string> nameOf(const OutlinedDescription& outlined) {
     return text ? std::optional(text->text) : std::nullopt;
 }
 
-std::optional<KeyDescription> readDescription(const OutlinedDescription& outlined, LineCounter& lines,
+std::optional<KeyDescription> readDescription(const OutlinedDescription& outlined, int line,
                                               std::vector<DescriptionFault>& faults) {
-    return Reader(outlined, lines, faults).read();
+    return Reader(outlined, line, faults).read();
 }
 
 DescriptionFile readDescriptions(std::string_view text) {
@@ -460,7 +467,7 @@ DescriptionFile readDescriptions(std::string_view text) {
     LineCounter lines(text);
     std::unordered_map<std::string, int> known;  // by the key without letter case
     for (const OutlinedDescription& one : outline.descriptions) {
-        auto description = readDescription(one, lines, file.faults);
+        auto description = readDescription(one, lines.lineOf(one.name), file.faults);
         if (!description) continue;
         const auto [first, isNew] = known.emplace(folded(description->key), description->line);
         if (isNew)

@@ -9,8 +9,8 @@
 
 namespace sd {
 
-// lines: of the text that the outline is of. Nothing where there are faults, which are added.
-std::optional<KeyDescription> readDescription(const OutlinedDescription& outlined, LineCounter& lines,
+// line: the one in which its name stands. Nothing where there are faults, which are added.
+std::optional<KeyDescription> readDescription(const OutlinedDescription& outlined, int line,
                                               std::vector<DescriptionFault>& faults);
 
 // The name of an outlined description as it is meant; nothing where it is none.

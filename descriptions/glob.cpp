@@ -8,12 +8,16 @@
 namespace sd {
 
 std::string unfitGlob(std::string_view glob) {
+    if (glob.size() > kGlobBytesMax) return "is a glob longer than 256 bytes";
     const std::size_t dot = glob.find('.');
     if (dot == std::string_view::npos || glob.find('*') < dot) return "is a glob that stands for keys of everybody";
     return glob.find("**") == std::string_view::npos ? "" : "is a glob with \"**\"";
 }
 
-bool fitsGlob(std::string_view key, std::string_view glob) {
+bool fitsGlob(std::string_view key, std::string_view glob, LetterCase letterCase) {
+    const auto isSame = [letterCase](char a, char b) {
+        return a == b || (letterCase == LetterCase::Ignored && folded(a) == folded(b));
+    };
     // A "*" takes one character first, and one more where what follows it doesn't fit.
     std::size_t at = 0;
     std::size_t in = 0;
@@ -23,7 +27,7 @@ bool fitsGlob(std::string_view key, std::string_view glob) {
         if (in < glob.size() && glob[in] == '*' && key[at] != '.') {
             star = in++;
             taken = ++at;
-        } else if (in < glob.size() && glob[in] != '*' && folded(glob[in]) == folded(key[at])) {
+        } else if (in < glob.size() && glob[in] != '*' && isSame(glob[in], key[at])) {
             ++in;
             ++at;
         } else if (star != std::string_view::npos && key[taken] != '.') {

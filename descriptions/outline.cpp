@@ -181,7 +181,13 @@ Outline outlineOf(std::string_view text) {
 }
 
 int LineCounter::lineOf(std::string_view piece) {
-    mLine += static_cast<int>(std::count(mAt, piece.data(), '\n'));
+    const auto next = [&] {
+        return static_cast<const char*>(std::memchr(mAt, '\n', static_cast<std::size_t>(piece.data() - mAt)));
+    };
+    for (const char* end = next(); end; end = next()) {
+        ++mLine;
+        mAt = end + 1;
+    }
     mAt = piece.data();
     return mLine;
 }

@@ -19,9 +19,13 @@ RE2::Options options() {
 
 }  // namespace
 
-PatternMatch findPattern(const std::string& pattern, const std::string& text) {
+bool knowsPatterns() {
+    return true;
+}
+
+bool hasPattern(const std::string& text, const std::string& pattern) {
     const RE2 compiled(pattern, options());
-    return compiled.ok() && RE2::PartialMatch(text, compiled) ? PatternMatch::Found : PatternMatch::NotFound;
+    return compiled.ok() && RE2::PartialMatch(text, compiled);
 }
 
 std::string patternProblem(const std::string& pattern) {

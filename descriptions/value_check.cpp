@@ -47,36 +47,6 @@ std::string listed(const std::vector<std::string>& values) {
     return values.size() > kShown ? text + ", or one of " + std::to_string(values.size() - kShown) + " more" : text;
 }
 
-std::string inWords(const ValueRule& rule) {
-    const std::string range = rangeInWords(rule);
-    switch (rule.type) {
-        case KeyType::Bool:
-            return "true or false";
-        case KeyType::Int:
-            return "a whole number" + range;
-        case KeyType::Number:
-            return "a number" + range;
-        case KeyType::Enum:
-            return listed(rule.allowed);
-        case KeyType::Duration:
-            return "a duration" + range + ", in " + kDurationUnits + ", as 1h30m";
-        case KeyType::Size:
-            return "a size" + range + ", as 512B, 64KiB or 10MB";
-        case KeyType::Url:
-            return "a URL with its scheme, as https://host/path";
-        case KeyType::Path:
-            return "an absolute path, as /var/lib/velmar";
-        case KeyType::Color:
-            return "a color, as #rrggbb or #rrggbbaa";
-        case KeyType::Json:
-            return "a JSON value";
-        case KeyType::Array:
-            return R"(a JSON array, as ["a","b"], or items between commas)";
-        default:
-            return "a text";
-    }
-}
-
 CheckedValue unfitFor(const ValueRule& rule, std::string what) {
     return unfit(std::move(what), "write " + inWords(rule));
 }
@@ -242,7 +212,6 @@ CheckedValue checkArray(const KeyDescription& description, const std::string& te
     const std::string_view list = forms::detail::trimmed(text);
     auto items = !list.empty() && list.front() == '[' ? forms::parseList(list) : splitItems(text);
     if (!items) return unfitFor(description.value, "is no JSON array of texts, numbers and booleans");
-    CheckedValue all;
     for (std::size_t i = 0; i < items->size(); ++i) {
         std::string& item = (*items)[i];
         // Inside of an array nothing stands for no value.
@@ -252,10 +221,8 @@ CheckedValue checkArray(const KeyDescription& description, const std::string& te
         if (!one.fits())
             return unfit("has an item, number " + std::to_string(i + 1) + ", that " + one.what, one.remedy);
         item = std::move(one.stored);
-        all.isUnknown |= one.isUnknown;
     }
-    all.stored = forms::printList(*items, !isBare(description.items.type));
-    return all;
+    return stored(forms::printList(*items, !isBare(description.items.type)));
 }
 
 }  // namespace
@@ -265,16 +232,9 @@ CheckedValue checkValue(const ValueRule& rule, const std::string& text) {
     if (text.find('\0') != std::string::npos)
         return unfit("has a zero byte, behind which nothing is kept", "encode it as text, in base64 for example");
     CheckedValue checked = checkForm(rule, text);
-    if (!checked.fits() || rule.pattern.empty()) return checked;
-    switch (findPattern(rule.pattern, checked.stored)) {
-        case PatternMatch::NotFound:
-            return unfit("does not fit the pattern " + quoted(rule.pattern), "write " + inWords(rule) + " that does");
-        case PatternMatch::Unknown:
-            checked.isUnknown = true;
-            return checked;
-        default:
-            return checked;
-    }
+    if (!checked.fits() || rule.pattern.empty() || hasPattern(checked.stored, rule.pattern)) return checked;
+    return unfit("does not fit the pattern " + quoted(rule.pattern),
+                 "write " + inWords(rule) + " in which it is found");
 }
 
 CheckedValue checkValue(const KeyDescription& description, const std::string& text) {
@@ -297,6 +257,36 @@ int compareStored(KeyType type, const std::string& one, const std::string& other
             return compare(forms::parseSize);
         default:
             return compare(forms::parseInt);
+    }
+}
+
+std::string inWords(const ValueRule& rule) {
+    const std::string range = rangeInWords(rule);
+    switch (rule.type) {
+        case KeyType::Bool:
+            return "true or false";
+        case KeyType::Int:
+            return "a whole number" + range;
+        case KeyType::Number:
+            return "a number" + range;
+        case KeyType::Enum:
+            return listed(rule.allowed);
+        case KeyType::Duration:
+            return "a duration" + range + ", in " + kDurationUnits + ", as 1h30m";
+        case KeyType::Size:
+            return "a size" + range + ", as 512B, 64KiB or 10MB";
+        case KeyType::Url:
+            return "a URL with its scheme, as https://host/path";
+        case KeyType::Path:
+            return "an absolute path, as /var/lib/velmar";
+        case KeyType::Color:
+            return "a color, as #rrggbb or #rrggbbaa";
+        case KeyType::Json:
+            return "a JSON value";
+        case KeyType::Array:
+            return R"(a JSON array, as ["a","b"], or items between commas)";
+        default:
+            return "a text";
     }
 }
 

@@ -8,10 +8,9 @@
 namespace sd {
 
 struct CheckedValue {
-    std::string stored;      // the form that is stored, of a text that fits
-    std::string what;        // why it doesn't fit: "is beyond the largest, 65535"; never the text itself; "": it fits
-    std::string remedy;      // what to do about it: "write a whole number from 1 to 65535"
-    bool isUnknown = false;  // it fits, but for its pattern, which another program has to look at
+    std::string stored;  // the form that is stored, of a text that fits
+    std::string what;    // why it doesn't fit: "is beyond the largest, 65535"; never the text itself; "": it fits
+    std::string remedy;  // what to do about it: "write a whole number from 1 to 65535"
 
     bool fits() const { return what.empty(); }
 };
@@ -28,5 +27,6 @@ int compareStored(KeyType type, const std::string& one, const std::string& other
 
 // What a value may be, for people: "a whole number from 1 to 65535".
 std::string inWords(const KeyDescription& description);
+std::string inWords(const ValueRule& rule);
 
 }  // namespace sd

@@ -18,6 +18,27 @@ def build_prop():
     put("build_prop", "long", "k=" + "v" * 1021 + "ro.cut=1\n" + "x" * 1023 + "=y\n")
 
 
+def descriptions():
+    """A file, a value and a glob each."""
+    kinds = {
+        "int": '"minimum": 1, "maximum": 9, "default": 5, "unit": "%"',
+        "duration": '"minimum": "1s", "default": "1h30m"',
+        "size": '"maximum": "1GiB", "default": "64KiB"',
+        "enum": '"enum": ["dark", "light"], "words": {"dark": "x"}, "translations": {"de": {"words": {"dark": "y"}}}',
+        "string": '"pattern": "^[a-z]+$", "secret": true',
+        "json": '"default": {"a": [1, null]}, "deprecated": true, "replacedBy": "b.c"',
+        "array": '"items": {"type": "int", "maximum": 3}, "default": [1, 2]',
+        "url": '"default": "http://h:80/x", "store": "secure", "governable": false',
+    }
+    values = {"duration": "1w 0.5h", "size": "1.5 mib", "array": "1, 2", "url": "HTTPS://me@[::1]/%20", "json": "[ 1 ]"}
+    for kind, fields in kinds.items():
+        text = '{"keys": {\n"a.%s": {"type": "%s", %s}}}' % (kind, kind, fields)
+        put("descriptions", kind, f"{text}\x1e{values.get(kind, '5')}\x1ea.*")
+    put("descriptions", "globs", '{"keys": {"a.*.c": {"type": "bool"}, "a.b*.*": {"type": "bool"}}}\x1ea.*.c\x1ea.b*.*')
+    put("descriptions", "escapes", r'{"keys": {"a\u002eb": {"type": "path"}, "A.B": {"type": "color"}}}' + "\x1e#aBc\x1e")
+    put("descriptions", "broken", '{"keys": {"a": {"type": "int" "b"}, "c": [}}}')
+
+
 def legacy_cipher():
     for length in (15, 16, 24, 32, 33, 48, 100, 101):
         cipher = hashlib.shake_128(bytes([length])).digest(length)
@@ -202,5 +223,5 @@ def trail():
 
 
 for make in (build_prop, legacy_cipher, envelope, key_ring, wrapped_ring, policy_text, lockscreen, policy_file, bus_bytes,
-             bus_calls, trail):
+             bus_calls, trail, descriptions):
     make()

@@ -45,7 +45,7 @@ try_programs() {
     sdconfig doctor
 
     local page
-    for page in man1/sdconfig.1 man5/build.prop.5 man5/sdconfig-policy.5 man8/sdconfigd.8; do
+    for page in man1/sdconfig.1 man5/build.prop.5 man5/sdconfig-keys.5 man5/sdconfig-policy.5 man8/sdconfigd.8; do
         gzip -t "/usr/share/man/$page.gz"
     done
     local program

@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
+#include "base/trusted_path.h"
 #include "policies/machine_policies.h"
 #include "policies/policy_users.h"
-#include "policies/trusted_path.h"
 
 namespace sd {
 

@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "apps/sdconfig/commands/commands.h"
 #include "apps/sdconfig/data_commands/data_commands.h"
 #include "apps/sdconfig/hand_over.h"
 #include "apps/sdconfig/program.h"
@@ -32,6 +33,11 @@ int main(int argc, char** argv) {
                          "install sdconfig again, whole");
     return cli::runProgram(argc, argv,
                            {
+                               {"set", cli::setProperty},
+                               {"secure set", cli::setSecure},
+                               {"policy set", cli::setPolicy},
+                               {"describe", cli::describeKeys},
+                               {"keys lint", cli::lintKeys},
                                {"secure delete", cli::deleteSecure},
                                {"policy list", cli::listPolicies},
                                {"policy export", cli::exportPolicies},

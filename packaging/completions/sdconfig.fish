@@ -1,4 +1,5 @@
-# Completion of sdconfig for fish: commands, options, and the keys that can be read in the data folder.
+# Completion of sdconfig for fish: commands, options, the keys that can be read in the data folder, and what is described
+# of keys and their values.
 
 # The command so far and the number of its arguments: "secure get:1".
 function __sdconfig_place
@@ -11,14 +12,15 @@ function __sdconfig_place
             continue
         end
         switch $word
-            case --data-dir --product-dir --policy-dir --backup --name --exec --default --user --against --since --by --head
+            case --data-dir --product-dir --policy-dir --keys-dir --backup --name --exec --default --user --against --since \
+                    --by --head
                 set skip yes
             case '-*'
             case '*'
                 switch "$command"
                     case ''
                         set command $word
-                    case secure key policy
+                    case secure key keys policy
                         set command "$command $word"
                     case log
                         if test $number = 0; and contains -- $word verify head
@@ -32,6 +34,10 @@ function __sdconfig_place
         end
     end
     echo "$command:$number"
+end
+
+function __sdconfig_values # those that the key, the word before the cursor, may have
+    sdconfig describe --values -- (commandline -opc)[-1] 2>/dev/null
 end
 
 function __sdconfig_at # PLACE...: whether the cursor is at one of them
@@ -60,6 +66,8 @@ complete -c sdconfig -n '__sdconfig_at ":0"' -a secure -d 'Values that are seale
 complete -c sdconfig -n '__sdconfig_at ":0"' -a key -d 'The keys that values and policies are sealed with'
 complete -c sdconfig -n '__sdconfig_at ":0"' -a policy -d 'Policies'
 complete -c sdconfig -n '__sdconfig_at ":0"' -a explain -d 'Tell where the value of a key comes from'
+complete -c sdconfig -n '__sdconfig_at ":0"' -a describe -d 'Tell what keys are for'
+complete -c sdconfig -n '__sdconfig_at ":0"' -a keys -d 'Descriptions of keys'
 complete -c sdconfig -n '__sdconfig_at ":0"' -a log -d 'Tell what was done to which key, when and by whom'
 complete -c sdconfig -n '__sdconfig_at ":0"' -a watch -d 'Print changes of keys as they happen'
 complete -c sdconfig -n '__sdconfig_at ":0"' -a list -d 'Print the keys of secure values and policies'
@@ -93,6 +101,8 @@ complete -c sdconfig -n '__sdconfig_at key:0' -a recover -d 'Open the key ring b
 complete -c sdconfig -n '__sdconfig_at log:0' -a verify -d 'Find whether the trail is as it was written'
 complete -c sdconfig -n '__sdconfig_at log:0' -a head -d 'Print what attests the trail up to now'
 
+complete -c sdconfig -n '__sdconfig_at keys:0' -a lint -d 'Find all that is wrong with files of descriptions'
+
 complete -c sdconfig -n '__sdconfig_at policy:0' -a set -d 'Set a policy'
 complete -c sdconfig -n '__sdconfig_at policy:0' -a get -d 'Print the value in force'
 complete -c sdconfig -n '__sdconfig_at policy:0' -a delete -d 'Delete a policy'
@@ -114,6 +124,9 @@ complete -c sdconfig -n '__sdconfig_at "key protect:0" "key unprotect:0"' -a 'ho
 complete -c sdconfig -n '__sdconfig_at "key protect:0"' -a recovery
 complete -c sdconfig -n '__sdconfig_at "key unprotect:0"' -a all
 complete -c sdconfig -n '__sdconfig_at "key disable:0" "key enable:0"' -a '(sdconfig key list 2>/dev/null | cut -f 1)'
+complete -c sdconfig -n '__sdconfig_at set:0 delete:0 describe:0 explain:0 "secure set:0" "policy set:0"; or __sdconfig_in get' \
+    -a '(sdconfig describe --names 2>/dev/null)'
+complete -c sdconfig -n '__sdconfig_at set:1 "secure set:1" "policy set:1"' -a '(__sdconfig_values)'
 complete -c sdconfig -n '__sdconfig_in "secure exec"' -a '(__sdconfig_keys secure | string replace -r \'$\' =)'
 complete -c sdconfig -n '__sdconfig_at explain:0; or __sdconfig_in log watch list' -a '(__sdconfig_keys "secure|policy")'
 complete -c sdconfig -n '__sdconfig_at "policy export:0" "policy apply:0" "policy install:0" backup:0 restore:0' -F
@@ -135,9 +148,16 @@ complete -c sdconfig -n '__sdconfig_in "policy apply"' -l prune -d 'Delete the p
 complete -c sdconfig -n '__sdconfig_in "policy apply" "policy install" "policy remove"' -l policy-dir \
     -xa '(__fish_complete_directories)' -d 'A folder of policies'
 complete -c sdconfig -n '__sdconfig_in "policy apply"' -l backup -rF -d 'Try them on the data of this backup'
-complete -c sdconfig -n '__sdconfig_in "policy lint"' -F
+complete -c sdconfig -n '__sdconfig_in "policy lint" "keys lint"' -F
+complete -c sdconfig -n '__sdconfig_in set "secure set" "policy set" "policy apply" "policy lint" "policy install"' \
+    -l unchecked -d 'Go on whatever the descriptions of keys say'
+complete -c sdconfig -n '__sdconfig_in set "secure set" "policy set" "policy apply" "policy lint" "policy install" \
+        "keys lint" describe explain list' -l keys-dir -xa '(__fish_complete_directories)' -d 'A folder of descriptions'
+complete -c sdconfig -n '__sdconfig_in list' -l described -d 'What is described and unset, too'
+complete -c sdconfig -n '__sdconfig_in describe' -l names -d 'Print the keys alone'
+complete -c sdconfig -n '__sdconfig_in describe' -l values -d 'Print the values that the key may have'
 complete -c sdconfig -n '__sdconfig_in "policy export"' -l machine -d 'The policies of the machine, too'
-complete -c sdconfig -n '__sdconfig_in "policy lint"' -l strict -d 'Take warnings for faults'
+complete -c sdconfig -n '__sdconfig_in "policy lint" "keys lint"' -l strict -d 'Take warnings for faults'
 complete -c sdconfig -n '__sdconfig_in "policy install"' -l name -x -d 'Its name there'
 complete -c sdconfig -n '__sdconfig_at "policy remove:0"' \
     -a '(for file in /etc/sdconfig/policies.d/*.json; basename $file .json; end)'

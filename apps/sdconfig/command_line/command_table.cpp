@@ -134,6 +134,26 @@ constexpr ValueOption kExecute{
     "--exec",          "CMD",         "Run \"sh -c CMD\" for each change, with SDCONFIG_KEY and SDCONFIG_VALUE set", "",
     &Request::execute, apps::notEmpty};
 
+constexpr Flag kUnchecked{"--unchecked", "Go on whatever the key's description says", &Request::unchecked};
+constexpr ValueOption kKeysDir{"--keys-dir",
+                               "DIR",
+                               "A folder of descriptions besides /usr/share/sdconfig/keys.d and /etc/sdconfig/keys.d; "
+                               "its files replace those of the same name there",
+                               "",
+                               nullptr,
+                               notAFolder,
+                               nullptr,
+                               &Request::keysDirs};
+constexpr Argument kDescribed{"KEY", "A key, or a glob; left out, all that is described", &Request::key,
+                              &Request::keyGiven};
+constexpr Argument kLintedKeys =
+    checked({"FILE", "Files of descriptions, and folders of such files; left out, those of the machine", nullptr,
+             &Request::keysGiven, false, &Request::keys},
+            notThere);
+constexpr Flag kNames{"--names", "Print the keys alone", &Request::names};
+constexpr Flag kAllowed{"--values", "Print the values that KEY may have, where they are few", &Request::values};
+constexpr Flag kListDescribed{"--described", "What is described and unset, too, with its default", &Request::described};
+
 constexpr Argument kUri =
     checked({"URI", "The configuration key that the policy governs, never empty", &Request::key}, tooLong);
 constexpr Argument kPriority{"PRIORITY", "0 to 127; above 5 it overrides the local secure value", &Request::priority};
@@ -240,6 +260,18 @@ constexpr char kExecNotes[] =
     "Runs the program behind -- with the secure values in its environment, where its user's processes and root can\n"
     "read them, and in no list of processes. Where a value is missing nothing is run, with exit code 1; else the exit\n"
     "code is the program's, 126 where it can't be run, or 127 where there is none.\n";
+
+constexpr char kSetNotes[] =
+    "Where files of descriptions describe the key, VALUE is checked, and brought into the form that programs read:\n"
+    "true for yes, 1h30m for 90m.\n";
+
+constexpr char kDescribeNotes[] =
+    "A line a key, KEY, type, default and summary; of one key all that its description says, in the language of the\n"
+    "environment. In a glob \"*\" stands for what is between two dots, and at the end for all that follows.\n";
+
+constexpr char kKeysLintNotes[] =
+    "A line a finding: a fault, for which a description is left out, or a warning, as where two files describe one\n"
+    "key. Exit code 1 where there are faults. Needs no service, and no rights.\n";
 
 constexpr char kGetNotes[] =
     "One key's value, else a line KEY=VALUE each. What is missing is told on standard error, with exit code 1. Listed\n"
@@ -373,6 +405,7 @@ const std::vector<Group>& groups() {
          "sdconfig key list"},
         {"policy", "Policies: set, get, delete, list, strong, clear, export, apply, status, lint, install, remove",
          "sdconfig policy list"},
+        {"keys", "Descriptions of keys: lint", "sdconfig keys lint"},
     };
     return all;
 }
@@ -392,8 +425,9 @@ const std::vector<Command>& commands() {
          "Sets a property, until the service stops",
          "sdconfig set sd.ui.theme dark",
          {kKey, kValue},
-         {},
-         {}},
+         {kUnchecked},
+         {kKeysDir},
+         kSetNotes},
         {"", "delete", "Deletes a property", "sdconfig delete sd.ui.theme", {kKey}, {}, {}},
         {"secure",
          "get",
@@ -408,8 +442,8 @@ const std::vector<Command>& commands() {
          "Stores a secure value",
          "pass show mail | sdconfig secure set mail.password",
          {kKey, kSecret},
-         {},
-         {},
+         {kUnchecked},
+         {kKeysDir},
          kSetSecureNotes},
         {"secure",
          "delete",
@@ -431,8 +465,8 @@ const std::vector<Command>& commands() {
          "Sets a policy",
          "sdconfig policy set wlan.enabled off 6",
          {kUri, kValue, kPriority},
-         {},
-         {},
+         {kUnchecked},
+         {kKeysDir},
          kSetPolicyNotes},
         {"policy",
          "get",
@@ -475,8 +509,8 @@ const std::vector<Command>& commands() {
          "Sets the policies of a file",
          "sdconfig policy apply fleet.json --dry-run",
          {kReadFile},
-         {kDryRun, kShowChanges, kPrune, kYesPrune},
-         {kDataDir, kTriedFolders, kTriedBackup},
+         {kDryRun, kShowChanges, kPrune, kYesPrune, kUnchecked},
+         {kDataDir, kTriedFolders, kTriedBackup, kKeysDir},
          kApplyNotes},
         {"policy",
          "status",
@@ -491,16 +525,16 @@ const std::vector<Command>& commands() {
          "Finds all that is wrong with files of the machine's policies",
          "sdconfig policy lint 50-fleet.json",
          {kLinted},
-         {kStrict},
-         {},
+         {kStrict, kUnchecked},
+         {kKeysDir},
          kLintNotes},
         {"policy",
          "install",
          "Makes a file's policies those of the machine, for every user",
          "sudo sdconfig policy install fleet.json --name 50-fleet",
          {kInstalledFile},
-         {kRehearse},
-         {kFileName, kChangedFolder},
+         {kRehearse, kUnchecked},
+         {kFileName, kChangedFolder, kKeysDir},
          kInstallNotes},
         {"policy",
          "remove",
@@ -582,7 +616,23 @@ const std::vector<Command>& commands() {
          "sdconfig explain wlan.enabled --show",
          {kKey},
          {kShow},
-         {kDataDir, kProductFiles}},
+         {kDataDir, kProductFiles, kKeysDir}},
+        {"",
+         "describe",
+         "Tells what keys are for, and what their values may be",
+         "sdconfig describe velmar.proxy.port",
+         {kDescribed},
+         {kNames, kAllowed},
+         {kKeysDir},
+         kDescribeNotes},
+        {"keys",
+         "lint",
+         "Finds all that is wrong with files of descriptions",
+         "sdconfig keys lint velmar.keys.json",
+         {kLintedKeys},
+         {kStrict},
+         {kKeysDir},
+         kKeysLintNotes},
         {"",
          "log",
          "Tells what was done to which key, when and by whom",
@@ -620,8 +670,8 @@ const std::vector<Command>& commands() {
          "Prints the keys of the secure values and of the policies",
          "sdconfig list 'velmar.proxy.*'",
          {kListed},
-         {kShow},
-         {kDataDir}},
+         {kShow, kListDescribed},
+         {kDataDir, kKeysDir}},
         {"",
          "upgrade",
          "Carries an earlier version's database over, while no service runs on it",

@@ -2,6 +2,7 @@
 #include <optional>
 
 #include "apps/sdconfig/commands/commands.h"
+#include "apps/sdconfig/described/new_value.h"
 #include "apps/sdconfig/request/letter_case.h"
 #include "apps/sdconfig/service/policy_calls.h"
 #include "apps/sdconfig/service/secure_values.h"
@@ -37,9 +38,12 @@ std::optional<int> hiddenPriority(const std::string& key) {
 
 // The service comes first: nobody types a secret to learn then that there was none to take it.
 int setSecure(const Request& request, Service& service) {
+    const NewValue described(request, Target::Secure);
+    if (described.isElsewhere()) return kElsewhere;
     if (const int code = service.require()) return code;
-    const SecretInput secret = secretOf(request);
+    SecretInput secret = secretOf(request);
     if (!secret.problem.empty()) return unfitSecret(request, {secret.problem, secret.next});
+    if (const int code = described.fit(secret.value)) return code;
     const auto [done, code] = storeSecure(request.key, secret.value, service);
     if (code) return code;
     if (done && sd::DMConfig::GetInstance()->isStrongControl(request.key)) {

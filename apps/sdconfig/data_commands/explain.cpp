@@ -1,5 +1,7 @@
 // explain: where the value of a key comes from, among the secure values and among the properties.
 #include "apps/sdconfig/data_commands/data_commands.h"
+#include "apps/sdconfig/described/described_keys.h"
+#include "apps/sdconfig/described/description_output.h"
 #include "apps/sdconfig/policy/effective.h"
 #include "apps/sdconfig/properties/property_files.h"
 #include "apps/sdconfig/reading/data_access.h"
@@ -9,12 +11,20 @@
 #include "apps/sdconfig/service/service.h"
 #include "apps/sdconfig/terminal/messages.h"
 #include "apps/sdconfig/terminal/output.h"
+#include "descriptions/value_check.h"
 #include "libsdconfig/dmconfig.h"
 #include "libsdconfig/sdconfig.h"
 
 namespace cli {
 
 namespace {
+
+// What the key's description says of its value.
+struct Described {
+    sd::Descriptions::Found found;
+    bool isDefault = false;  // nothing is set, and programs go by the default
+    Problem misfit;          // why the value is none of the key's
+};
 
 // What is known of the key, and by whom.
 struct Findings {
@@ -27,6 +37,7 @@ struct Findings {
     std::optional<std::string> property;  // the service's
     std::string productDir;               // "": none, or it isn't known
     FileValue fromFiles;
+    std::optional<Described> described;
 };
 
 int askService(const Request& request, Service& service, Findings& found) {
@@ -246,11 +257,50 @@ Object propertyObject(const Request& request, const Findings& found) {
     return object;
 }
 
+// ---- The description ----
+
+void describe(const Request& request, Findings& found) {
+    sd::Descriptions descriptions = describedKeys(request);
+    const auto description = descriptions.find(request.key);
+    noteLeftOut(descriptions);
+    if (!description) {
+        if (const std::string near = descriptions.near(request.key); !near.empty()) noteUndescribed(request.key, near);
+        return;
+    }
+    const bool isSecure = description->description.store == sd::KeyStore::Secure;
+    const std::string value = isSecure ? found.effective.value : found.property.value_or(found.fromFiles.value);
+    const sd::CheckedValue checked = sd::checkValue(description->description, value);
+    found.described = Described{*description, value.empty() && description->description.defaultValue, {}};
+    if (!checked.fits()) found.described->misfit = {"the value " + checked.what, checked.remedy};
+}
+
+std::string describedText(const Described& described) {
+    const sd::KeyDescription& description = described.found.description;
+    const std::string summary = localWords(description).summary;
+    std::string text = "description: " + (summary.empty() ? "" : shownInLine(summary) + "; ") +
+                       shownInLine(sd::inWords(description)) +
+                       "\n  it stands in: " + shownInLine(placeOf(described.found)) + "\n";
+    if (description.defaultValue)
+        text += "  default: " + inQuotes(*description.defaultValue) +
+                (described.isDefault ? ", which programs take, as nothing is set\n" : "\n");
+    if (described.misfit)
+        text += "  misfit: " + escaped(described.misfit.what) + "; next: " + escaped(described.misfit.next) + "\n";
+    return text;
+}
+
+Object describedObject(const Request& request, const Described& described) {
+    Object object = objectOf(described.found, request.key);
+    object["default_counts"] = described.isDefault;
+    object["misfit"] = described.misfit ? Object(described.misfit.what) : Object();
+    return object;
+}
+
 }  // namespace
 
 int explainKey(const Request& request, Service& service) {
     Findings found;
     if (const int code = gather(request, service, found)) return code;
+    describe(request, found);
     Object object;
     addBytes(object, "key", request.key);
     object["secure"] = secureObject(request, found);
@@ -261,7 +311,11 @@ int explainKey(const Request& request, Service& service) {
         object.erase("data_folder");
         addBytes(object, "data_folder", found.folder);
     }
-    return print(request, secureText(request, found) + propertyText(request, found), object);
+    if (found.described) object["description"] = describedObject(request, *found.described);
+    return print(request,
+                 secureText(request, found) + propertyText(request, found) +
+                     (found.described ? describedText(*found.described) : ""),
+                 object);
 }
 
 }  // namespace cli

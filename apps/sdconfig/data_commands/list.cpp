@@ -2,12 +2,16 @@
 #include <algorithm>
 
 #include "apps/sdconfig/data_commands/data_commands.h"
+#include "apps/sdconfig/described/described_keys.h"
+#include "apps/sdconfig/properties/property_files.h"
 #include "apps/sdconfig/reading/data_access.h"
+#include "apps/sdconfig/reading/machine_table.h"
 #include "apps/sdconfig/request/key_pattern.h"
 #include "apps/sdconfig/request/letter_case.h"
 #include "apps/sdconfig/service/service.h"
 #include "apps/sdconfig/terminal/messages.h"
 #include "apps/sdconfig/terminal/output.h"
+#include "libsdconfig/sdconfig.h"
 
 namespace cli {
 
@@ -56,6 +60,17 @@ bool showPolicy(const apps::Row& row, std::string& line, Object& object) {
     return true;
 }
 
+// What is described and has no value, with its default.
+void addDescribed(const sd::Descriptions::Found& found, Listing& listing) {
+    const sd::KeyDescription& description = found.description;
+    Object object;
+    addBytes(object, "key", description.key);
+    object["default"] = description.defaultValue ? Object(*description.defaultValue) : Object();
+    listing.text += "described\t" + shownInLine(description.key) + "\t" +
+                    (description.defaultValue ? shownInLine(*description.defaultValue) : "-") + "\n";
+    listing.object["described"].push_back(std::move(object));
+}
+
 constexpr Kind kSecure{"secure", "key", "secure", "\t(can't be opened)", showSecure};
 constexpr Kind kPolicy{"policy", "uri", "policies", "\t-\t(can't be opened)", showPolicy};
 
@@ -84,6 +99,55 @@ std::string readRows(const apps::DataReader& reader, std::vector<apps::Row>& sec
     return problem;
 }
 
+// Tells which keys have a value, or may have one that can't be read.
+class SetKeys {
+public:
+    SetKeys(const std::vector<apps::Row>& secure, const std::vector<apps::Row>& policies, Service& service)
+        : mService(service), mMachine(machineTable(service)), mListens(service.listening()) {
+        for (const auto* rows : {&secure, &policies})
+            for (const apps::Row& row : *rows) mSecure.insert(folded(row.key));
+        if (!mListens) mInFiles = keysInFiles("");
+    }
+
+    // Returns the exit code.
+    int ask(const sd::KeyDescription& description, bool& isSet) const {
+        const std::string& key = description.key;
+        if (description.store == sd::KeyStore::Secure) {
+            isSet = mSecure.count(folded(key)) != 0 || mMachine.find(key);
+            return kDone;
+        }
+        if (!mListens) {
+            isSet = mInFiles.count(key) != 0;
+            return kDone;
+        }
+        const auto answer =
+            mService.call("GetProperty the key", key, [&] { return sd::SDConfig::GetInstance()->GetProperty(key); });
+        isSet = !answer.result.empty();
+        return answer.exitCode;
+    }
+
+private:
+    Service& mService;
+    const MachineTable mMachine;
+    const bool mListens;
+    std::set<std::string> mSecure;
+    std::set<std::string> mInFiles;
+};
+
+// Returns the exit code.
+int listDescribed(const Request& request, const SetKeys& setKeys, Listing& listing) {
+    sd::Descriptions descriptions = describedKeys(request);
+    listing.object["described"] = Object::array();
+    for (const auto& found : descriptions.all()) {
+        bool isSet = false;
+        if (found.description.isGlob() || !isWanted(found.description.key, request)) continue;
+        if (const int code = setKeys.ask(found.description, isSet)) return code;
+        if (!isSet) addDescribed(found, listing);
+    }
+    noteLeftOut(descriptions);
+    return kDone;
+}
+
 }  // namespace
 
 int listKeys(const Request& request, Service& service) {
@@ -104,6 +168,8 @@ int listKeys(const Request& request, Service& service) {
         if (isWanted(row.key, request)) add(row, kSecure, request.show, listing);
     for (const apps::Row& row : policies)
         if (isWanted(row.key, request)) add(row, kPolicy, request.show, listing);
+    if (request.described)
+        if (const int code = listDescribed(request, SetKeys(secure, policies, service), listing)) return code;
     const int printed = print(request, listing.text, listing.object);
     return listing.complete
                ? printed

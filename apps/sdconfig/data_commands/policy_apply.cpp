@@ -6,6 +6,7 @@
 #include <set>
 
 #include "apps/sdconfig/data_commands/data_commands.h"
+#include "apps/sdconfig/described/weighed_policies.h"
 #include "apps/sdconfig/files/whole_file.h"
 #include "apps/sdconfig/policy/property_clash.h"
 #include "apps/sdconfig/reading/machine_table.h"
@@ -257,8 +258,9 @@ int applyPolicies(const Request& request, Service& service) {
     std::string text;
     if (const std::string problem = readWhole(request.file, kMaxFileBytes, text); !problem.empty())
         return policyFileUnread(request, problem);
-    const sd::PolicyFile file = sd::parsePolicyFile(text);
+    sd::PolicyFile file = sd::parsePolicyFile(text);
     if (!file.problem.empty()) return unfitPolicyFile(request, file.problem);
+    if (const int code = weighPolicies(request, file.entries)) return code;
     if (const int code = service.require()) return code;
     std::vector<std::string> surplus;
     if (request.prune)

@@ -9,14 +9,15 @@
 
 #include "apps/common/descriptor.h"
 #include "apps/sdconfig/data_commands/data_commands.h"
+#include "apps/sdconfig/described/weighed_policies.h"
 #include "apps/sdconfig/files/whole_file.h"
 #include "apps/sdconfig/reading/policy_lint.h"
 #include "apps/sdconfig/reading/policy_rehearsal.h"
 #include "apps/sdconfig/terminal/messages.h"
 #include "apps/sdconfig/terminal/output.h"
+#include "base/trusted_path.h"
 #include "policies/policy_file.h"
 #include "policies/policy_folders.h"
-#include "policies/trusted_path.h"
 
 namespace cli {
 
@@ -89,6 +90,16 @@ std::string write(const std::string& path, const std::string& text) {
     return std::string("it can't be written: ") + std::strerror(errno);
 }
 
+// The file is installed as it is, whatever form its values have. Returns the exit code.
+int weigh(const Request& request, const std::vector<sd::PolicyEntry>& entries) {
+    std::vector<sd::PolicyEntry> weighed = entries;
+    if (const int code = weighPolicies(request, weighed)) return code;
+    std::size_t others = 0;
+    for (std::size_t i = 0; i < entries.size(); ++i) others += entries[i].value != weighed[i].value ? 1 : 0;
+    if (others > 0) noteOtherForms(request, others);
+    return kDone;
+}
+
 // Prints what it changes for whom, and that it is done.
 int report(const Request& request, const Place& place, const std::vector<UsersChanges>& all, const std::string& done) {
     std::string text;
@@ -119,6 +130,7 @@ int installPolicies(const Request& request, Service& /*service*/) {
     if (!file.problem.empty())
         return notInstalled(request,
                             {file.problem, "see all that is wrong: sdconfig policy lint " + asArgument(request.file)});
+    if (const int code = weigh(request, file.entries)) return code;
     if (const Problem problem = prepare(place.folder, !request.dryRun)) return notInstalled(request, problem);
     const auto changes = rehearse(place.folder, place.name, text);
     if (!request.dryRun)

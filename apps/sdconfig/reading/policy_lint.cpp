@@ -3,10 +3,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <map>
 #include <set>
 
+#include "apps/sdconfig/described/described_keys.h"
+#include "apps/sdconfig/files/named_files.h"
 #include "apps/sdconfig/files/whole_file.h"
 #include "apps/sdconfig/terminal/messages.h"
 #include "base/letter_case.h"
@@ -18,18 +19,18 @@ namespace cli {
 
 namespace {
 
-namespace fs = std::filesystem;
 using sd::PolicyEntry;
 
 constexpr std::chrono::milliseconds kNameLimit{2000};
+constexpr std::size_t kMeantMost = 100;  // keys for which it is worth its time to look what was meant
 
-struct File {
-    std::string path;
-    std::string name;
-};
+std::string placeOf(const PolicyEntry& entry) {
+    return "line " + std::to_string(entry.line) + ", " + quoted(entry.uri);
+}
 
 class Linter {
 public:
+    explicit Linter(sd::Descriptions& descriptions) : mDescriptions(descriptions) {}
     void take(const std::vector<std::string>& paths);
     LintResult finish();
 
@@ -39,46 +40,34 @@ private:
         PolicyEntry entry;
     };
 
-    void takeFolder(const std::string& path);
-    void lint(const File& file);
+    void lint(const NamedFile& file);
+    void weigh(const std::string& file, const PolicyEntry& entry);
     void compare(const std::string& file, const PolicyEntry& entry);
     void lookUpUsers();
     void fault(const std::string& file, const std::string& what, const std::string& next) {
         mResult.findings.push_back({true, file, "", 0, "", what, next});
     }
     void warn(const std::string& file, const PolicyEntry& entry, const std::string& what, const std::string& next) {
-        mResult.findings.push_back({false, file, "line " + std::to_string(entry.line) + ", " + quoted(entry.uri),
-                                    entry.line, entry.uri, what, next});
+        mResult.findings.push_back({false, file, placeOf(entry), entry.line, entry.uri, what, next});
     }
 
-    std::vector<File> mFiles;
+    sd::Descriptions& mDescriptions;
+    std::size_t mUndescribed = 0;
+    std::vector<NamedFile> mFiles;
     std::map<std::string, Earlier> mByUri;                // without letter case
     std::map<std::string, std::vector<Earlier>> mByUser;  // whom "users" names, and where
     LintResult mResult;
 };
 
 void Linter::take(const std::vector<std::string>& paths) {
-    for (const std::string& path : paths) {
-        std::error_code failure;
-        if (fs::is_directory(path, failure))
-            takeFolder(path);
-        else
-            mFiles.push_back({path, fs::path(path).filename()});
-    }
-    std::stable_sort(mFiles.begin(), mFiles.end(), [](const File& a, const File& b) { return a.name < b.name; });
-    for (const File& file : mFiles) lint(file);
+    NamedFiles named = namedFiles(paths, sd::isPolicyFileName);
+    for (const auto& [folder, why] : named.unreadable)
+        fault(folder, "the folder can't be read: " + why, "make it readable");
+    mFiles = std::move(named.files);
+    for (const NamedFile& file : mFiles) lint(file);
 }
 
-void Linter::takeFolder(const std::string& path) {
-    std::error_code failure;
-    for (fs::directory_iterator entry(path, failure), end; !failure && entry != end; entry.increment(failure)) {
-        const std::string name = entry->path().filename();
-        if (sd::isPolicyFileName(name)) mFiles.push_back({entry->path(), name});
-    }
-    if (failure) fault(path, "the folder can't be read: " + failure.message(), "make it readable");
-}
-
-void Linter::lint(const File& file) {
+void Linter::lint(const NamedFile& file) {
     std::string text;
     const std::string problem = readWhole(file.path, sd::kPolicyFileBytesMax, text);
     ++mResult.files;
@@ -88,12 +77,13 @@ void Linter::lint(const File& file) {
     sd::LintedPolicies found = sd::lintPolicyFile(text, sd::PolicyForm::Machine);
     for (const sd::PolicyFault& one : found.faults)
         mResult.findings.push_back({true, file.path, one.place(), one.line, one.uri, one.what, one.remedy});
-    mResult.policies += found.entries.size();
-    const auto isOfThatName = [&](const File& other) { return &other > &file && other.name == file.name; };
+    mResult.entries += found.entries.size();
+    const auto isOfThatName = [&](const NamedFile& other) { return &other > &file && other.name == file.name; };
     if (std::any_of(mFiles.begin(), mFiles.end(), isOfThatName)) return;  // one of a later folder counts instead
     for (const PolicyEntry& entry : found.entries) {
         for (const std::string& user : entry.users) mByUser[user].push_back({file.path, entry});
         compare(file.path, entry);
+        weigh(file.path, entry);
     }
 }
 
@@ -114,6 +104,27 @@ void Linter::compare(const std::string& file, const PolicyEntry& entry) {
              "keep the one that is meant, or give the earlier one another purpose with \"users\" in a later file");
 }
 
+// Against the description of its key.
+void Linter::weigh(const std::string& file, const PolicyEntry& entry) {
+    if (mDescriptions.isEmpty()) return;
+    const auto found = mDescriptions.find(entry.uri);
+    if (!found) {
+        const std::string near = ++mUndescribed <= kMeantMost ? mDescriptions.near(entry.uri) : "";
+        return warn(file, entry, "is described nowhere",
+                    near.empty() ? "look at its spelling" : "did you mean " + quoted(near) + "?");
+    }
+    std::string value = entry.value;
+    if (const Problem problem = misfit(*found, Target::Policy, value))
+        return mResult.findings.push_back(
+            {true, file, placeOf(entry), entry.line, entry.uri, problem.what, problem.next});
+    if (value != entry.value)
+        warn(file, entry, "has a value in another form than programs write",
+             found->description.isSecret ? "write it as secure set stores it" : "write " + quoted(value));
+    if (found->description.isDeprecated)
+        warn(file, entry, "is deprecated",
+             found->description.replacedBy.empty() ? "delete it" : "use " + quoted(found->description.replacedBy));
+}
+
 void Linter::lookUpUsers() {
     std::set<std::string> names;
     for (const auto& [name, places] : mByUser) names.insert(name);
@@ -131,13 +142,8 @@ LintResult Linter::finish() {
 
 }  // namespace
 
-bool LintResult::isSound(bool warningsToo) const {
-    return std::none_of(findings.begin(), findings.end(),
-                        [&](const LintFinding& one) { return one.isFault || warningsToo; });
-}
-
-LintResult lintPolicyFiles(const std::vector<std::string>& paths) {
-    Linter linter;
+LintResult lintPolicyFiles(const std::vector<std::string>& paths, sd::Descriptions& descriptions) {
+    Linter linter(descriptions);
     linter.take(paths);
     return linter.finish();
 }

@@ -50,6 +50,11 @@ struct Request {
     std::string head;   // of a trail; "": none
     bool follow = false;
     bool reverse = false;
+    std::vector<std::string> keysDirs;  // of descriptions, besides those of the machine
+    bool unchecked = false;             // whatever descriptions say
+    bool described = false;             // what is described and unset, too
+    bool names = false;                 // of the keys alone
+    bool values = false;                // that are allowed, alone
 
     bool json = false;
     bool verbose = false;

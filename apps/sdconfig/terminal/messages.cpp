@@ -351,6 +351,51 @@ void noteWithoutService(const std::string& folder) {
     note("the service is not running; this was read from " + folder);
 }
 
+int valueMisfit(const Request& request, const Problem& problem) {
+    return fail(kUsage, attempt(request), problem.what,
+                "nothing was changed; " + problem.next + ", or say --unchecked");
+}
+
+void noteUndescribed(const std::string& key, const std::string& meant) {
+    note("the key " + quoted(key) + " is described nowhere" +
+         (meant.empty() ? "" : "; did you mean " + quoted(meant) + "?"));
+}
+
+void noteUndescribed(std::size_t count) {
+    note(std::to_string(count) + (count == 1 ? " more key is" : " more keys are") + " described nowhere");
+}
+
+void noteDeprecated(const std::string& key, const std::string& replacedBy) {
+    note("the key " + quoted(key) + " is deprecated" +
+         (replacedBy.empty() ? "" : "; use " + quoted(replacedBy) + " instead"));
+}
+
+void noteDescriptionLeftOut(const std::string& file, const std::string& place, const Problem& problem) {
+    note(file + (file.empty() || place.empty() ? "" : ", ") + place + ": " + problem.what + "; it is left out; " +
+         problem.next);
+}
+
+int notDescribed(const Request& request, const std::string& meant) {
+    return fail(kRefused, attempt(request), "nothing describes it",
+                meant.empty() ? "see what is described: " + typed("describe") : "did you mean " + quoted(meant) + "?");
+}
+
+void noteOtherForms(const Request& request, std::size_t count) {
+    note(std::to_string(count) + (count == 1 ? " value is" : " values are") +
+         " in another form than programs write, and stay so; see: sdconfig policy lint " + asArgument(request.file));
+}
+
+void tellMisfit(const std::string& file, int line, const std::string& uri, const Problem& problem) {
+    (void)fail(kUsage, file + ", line " + std::to_string(line) + ", " + quoted(uri), problem.what, problem.next);
+}
+
+int policiesMisfit(const Request& request, std::size_t count) {
+    return fail(kUsage, attemptOnFile(request),
+                std::to_string(count) + (count == 1 ? " policy is" : " policies are") +
+                    " not as the descriptions of keys have it",
+                "nothing was changed; mend what was told, or say --unchecked");
+}
+
 int dataUnreadable(const Request& request, const Problem& problem) {
     return fail(kRefused, attempt(request), problem.what,
                 problem.next.empty() ? "name the service's data folder with --data-dir" : problem.next);

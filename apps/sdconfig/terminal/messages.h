@@ -117,6 +117,17 @@ void notePartlyDeleted(std::size_t deleted, std::size_t all);
 void noteListCut();
 void noteWithoutService(const std::string& folder);
 
+// Descriptions of keys.
+int valueMisfit(const Request& request, const Problem& problem);
+void noteUndescribed(const std::string& key, const std::string& meant);  // "": no idea
+void noteUndescribed(std::size_t count);                                 // of keys
+void noteDeprecated(const std::string& key, const std::string& replacedBy);
+void noteDescriptionLeftOut(const std::string& file, const std::string& place, const Problem& problem);
+int notDescribed(const Request& request, const std::string& meant);
+void noteOtherForms(const Request& request, std::size_t count);  // of values of a file
+void tellMisfit(const std::string& file, int line, const std::string& uri, const Problem& problem);  // of a policy
+int policiesMisfit(const Request& request, std::size_t count);  // nothing was changed
+
 // The data folder.
 int dataUnreadable(const Request& request, const Problem& problem);
 int otherDataFolder(const Request& request, const std::string& folder);

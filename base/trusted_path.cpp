@@ -1,4 +1,4 @@
-#include "policies/trusted_path.h"
+#include "base/trusted_path.h"
 
 #include <fcntl.h>
 #include <sys/sysmacros.h>

@@ -1,0 +1,261 @@
+#include "descriptions/descriptions.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <memory>
+
+#include "base/letter_case.h"
+#include "base/nearest.h"
+#include "base/trusted_path.h"
+#include "descriptions/description_reader.h"
+#include "descriptions/glob.h"
+
+namespace sd {
+
+namespace {
+
+constexpr std::string_view kSuffix = ".keys.json";
+constexpr std::size_t kFilesMax = 10'000;
+constexpr char kTrust[] = "give it to root, for others to read alone";
+constexpr std::size_t kGlobsMax = 1'000;  // each is tried for each key that is looked up
+
+struct CloseFolder {
+    void operator()(DIR* folder) const { ::closedir(folder); }
+};
+
+// The names of the files in an open folder.
+std::vector<std::string> listFiles(const UniqueFd& folder) {
+    std::vector<std::string> names;
+    const int listed = ::openat(folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const std::unique_ptr<DIR, CloseFolder> listing(listed < 0 ? nullptr : ::fdopendir(listed));
+    while (const dirent* const entry = listing ? ::readdir(listing.get()) : nullptr)
+        if (isDescriptionFileName(entry->d_name)) names.emplace_back(entry->d_name);
+    return names;
+}
+
+bool isMeant(const KeyDescription& description, const std::string& key) {
+    if (description.store == KeyStore::Secure) return true;
+    return description.isGlob() ? fitsGlob(key, description.key, LetterCase::Told) : description.key == key;
+}
+
+}  // namespace
+
+std::vector<DescriptionFolder> standardDescriptionFolders() {
+    return {{"/usr/share/sdconfig/keys.d", 0}, {"/etc/sdconfig/keys.d", 0}};
+}
+
+bool isDescriptionFileName(const std::string& name) {
+    return name.size() > kSuffix.size() && name.front() != '.' &&
+           name.compare(name.size() - kSuffix.size(), kSuffix.size(), kSuffix) == 0;
+}
+
+std::string readDescriptionFile(int file, std::string& text) {
+    constexpr std::size_t kMost = kDescriptionFileBytesMax + 1;
+    struct stat status {};
+    if (::fstat(file, &status) != 0) return std::string("can't be read: ") + std::strerror(errno);
+    text.resize(std::min(kMost, static_cast<std::size_t>(status.st_size) + 1));
+    std::size_t size = 0;
+    while (true) {
+        const ssize_t count = ::read(file, &text[size], text.size() - size);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) return std::string("can't be read: ") + std::strerror(errno);
+        size += static_cast<std::size_t>(count);
+        if (count == 0 || size == kMost) break;
+        if (size == text.size()) text.resize(std::min(text.size() * 2, kMost));
+    }
+    text.resize(size);
+    return size == kMost ? "is larger than 64 MiB" : "";
+}
+
+std::size_t Descriptions::FoldedHash::operator()(std::string_view key) const {
+    std::size_t hash = 0xcbf29ce484222325;  // FNV-1a
+    for (const char c : key) hash = (hash ^ static_cast<unsigned char>(folded(c))) * 0x100000001b3;
+    return hash;
+}
+
+bool Descriptions::FoldedEqual::operator()(std::string_view one, std::string_view other) const {
+    return one.size() == other.size() && compareFolded(one, other) == 0;
+}
+
+Descriptions::Descriptions(const std::vector<DescriptionFolder>& folders) {
+    std::vector<TrustedOpening> open;
+    std::map<std::string, std::vector<std::size_t>> names;  // and the folders that have them
+    for (const DescriptionFolder& folder : folders) {
+        TrustedOpening& opening = open.emplace_back(openTrusted(folder.path, folder.owner));
+        if (!opening.distrust.empty())
+            leaveOut(folder.path, opening.distrust, kTrust);
+        else if (opening.failure != 0 && opening.failure != ENOENT && opening.failure != ENOTDIR)
+            leaveOut(folder.path, std::string("can't be read: ") + std::strerror(opening.failure), "make it readable");
+        if (!opening.file) continue;
+        for (std::string& name : listFiles(opening.file)) names[std::move(name)].push_back(open.size() - 1);
+    }
+    if (names.size() > kFilesMax) {
+        leaveOut("", "there are more than 10,000 files of descriptions", "describe more keys in one file");
+        names.clear();
+    }
+    for (const auto& [name, having] : names) {
+        for (auto at = having.rbegin(); at != having.rend(); ++at) {
+            const DescriptionFolder& folder = folders[*at];
+            const std::string path = folder.path + "/" + name;
+            if (take(path, openTrustedIn(open[*at].file, folder.path, name, folder.owner))) break;
+        }
+    }
+}
+
+// Returns whether it takes the place of those of its name in earlier folders.
+bool Descriptions::take(const std::string& path, const TrustedOpening& opening) {
+    if (!opening.distrust.empty()) {
+        leaveOut(path, opening.distrust, kTrust);
+        return false;
+    }
+    if (opening.isNull) return true;
+    std::string text;
+    const std::string problem = opening.failure != 0 ? std::string("can't be read: ") + std::strerror(opening.failure)
+                                                     : readDescriptionFile(opening.file.get(), text);
+    if (!problem.empty())
+        leaveOut(path, problem, "make it readable, or smaller");
+    else if (!text.empty())
+        add(path, std::move(text));
+    return true;
+}
+
+void Descriptions::leaveOut(std::string file, std::string what, std::string remedy) {
+    mLeftOut.push_back({std::move(file), {0, "", "", std::move(what), std::move(remedy)}});
+}
+
+void Descriptions::add(std::string file, std::string text) {
+    if (mBytes + text.size() > kDescriptionFileBytesMax)
+        return leaveOut(std::move(file), "has, with the files before it, more than 64 MiB", "describe fewer keys");
+    File& added = mFiles.emplace_back(File{std::move(file), std::move(text), {}, {}});
+    added.outline = outlineOf(added.text);
+    const auto& all = added.outline.descriptions;
+    const auto isGlob = [](const OutlinedDescription& one) { return one.name.find('*') != std::string_view::npos; };
+    const auto globs = static_cast<std::size_t>(std::count_if(all.begin(), all.end(), isGlob));
+    if (added.outline.fault) {
+        mLeftOut.push_back({added.path, *added.outline.fault});
+    } else if (mGlobs.size() + globs > kGlobsMax) {
+        leaveOut(added.path, "has, with the files before it, more than 1,000 globs", "name keys, or use fewer globs");
+    } else {
+        mBytes += added.text.size();
+        for (std::size_t i = 0; i < all.size(); ++i) {
+            const std::string_view name = unescaped(all[i]);
+            const Place place{mFiles.size() - 1, i};
+            if (name.find('*') == std::string_view::npos)
+                mKeys.emplace_back(name, place);
+            else if (unfitGlob(name).empty())
+                mGlobs.push_back({name, place});
+        }
+        return;
+    }
+    mFiles.pop_back();
+}
+
+// What can't be read stands as it is written, for whoever asks what is left out.
+std::string_view Descriptions::unescaped(const OutlinedDescription& outlined) {
+    if (outlined.name.find('\\') == std::string_view::npos) return outlined.name;
+    auto name = nameOf(outlined);
+    return name ? mUnescaped.emplace_back(std::move(*name)) : outlined.name;
+}
+
+std::vector<Descriptions::Place> Descriptions::placesNamed(const std::string& key) {
+    constexpr std::size_t kWithoutIndex = 8;
+    std::vector<Place> places;
+    if (++mLookUps <= kWithoutIndex) {
+        for (const auto& [name, place] : mKeys)
+            if (name.size() == key.size() && compareFolded(name, key) == 0) places.push_back(place);
+        return places;
+    }
+    if (mByKey.size() != mKeys.size()) mByKey = {mKeys.begin(), mKeys.end()};
+    const auto [begin, end] = mByKey.equal_range(key);
+    for (auto at = begin; at != end; ++at) places.push_back(at->second);
+    return places;
+}
+
+// The one that counts first, then those that do where it is left out.
+std::vector<Descriptions::Place> Descriptions::placesOf(const std::string& key) {
+    const auto isBefore = [](const Place& one, const Place& other) {
+        return one.file != other.file ? one.file > other.file : one.index < other.index;
+    };
+    std::vector<Place> places = placesNamed(key);
+    std::sort(places.begin(), places.end(), isBefore);
+
+    std::vector<Glob> globs;
+    for (const Glob& glob : mGlobs)
+        if (fitsGlob(key, glob.name, LetterCase::Ignored)) globs.push_back(glob);
+    std::sort(globs.begin(), globs.end(), [&](const Glob& one, const Glob& other) {
+        const std::size_t a = lettersOf(one.name);
+        const std::size_t b = lettersOf(other.name);
+        return a != b ? a > b : isBefore(one.place, other.place);
+    });
+    for (const Glob& glob : globs) places.push_back(glob.place);
+    return places;
+}
+
+std::optional<KeyDescription> Descriptions::read(Place place) {
+    File& file = mFiles[place.file];
+    const auto& all = file.outline.descriptions;
+    if (file.lines.empty()) {
+        LineCounter counter(file.text);
+        for (const OutlinedDescription& one : all) file.lines.push_back(counter.lineOf(one.name));
+    }
+    const OutlinedDescription& outlined = all[place.index];
+    std::vector<DescriptionFault> faults;
+    auto description = readDescription(outlined, file.lines[place.index], faults);
+    if (!faults.empty() && mTold.insert(outlined.name.data()).second)
+        for (DescriptionFault& fault : faults) mLeftOut.push_back({file.path, std::move(fault)});
+    return description;
+}
+
+std::optional<Descriptions::Found> Descriptions::find(const std::string& key) {
+    for (const Place place : placesOf(key)) {
+        auto description = read(place);
+        if (description && isMeant(*description, key)) return Found{std::move(*description), mFiles[place.file].path};
+    }
+    return std::nullopt;
+}
+
+std::vector<Descriptions::ReadFile> Descriptions::readFiles() const {
+    std::vector<ReadFile> files;
+    files.reserve(mFiles.size());
+    for (const File& file : mFiles) files.push_back({file.path, readDescriptions(file.text)});
+    return files;
+}
+
+std::vector<Descriptions::Found> Descriptions::all() {
+    std::map<std::string, Found> found;  // by the key without letter case
+    for (ReadFile& file : readFiles()) {
+        for (DescriptionFault& fault : file.content.faults) mLeftOut.push_back({file.path, std::move(fault)});
+        for (KeyDescription& one : file.content.descriptions) {
+            std::string name = folded(one.key);
+            found.insert_or_assign(std::move(name), Found{std::move(one), file.path});
+        }
+    }
+    std::vector<Found> all;
+    all.reserve(found.size());
+    for (auto& [name, one] : found) all.push_back(std::move(one));
+    return all;
+}
+
+std::vector<std::string> Descriptions::names() const {
+    std::vector<std::string> names;
+    names.reserve(mKeys.size());
+    for (const auto& [name, place] : mKeys) names.emplace_back(name);
+    std::sort(names.begin(), names.end());
+    names.erase(std::unique(names.begin(), names.end()), names.end());
+    return names;
+}
+
+std::string Descriptions::near(const std::string& key) const {
+    std::vector<std::string_view> names;
+    names.reserve(mKeys.size());
+    for (const auto& [name, place] : mKeys) names.push_back(name);
+    return nearest(key, names);
+}
+
+}  // namespace sd
