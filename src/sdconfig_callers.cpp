@@ -26,7 +26,7 @@ constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
 std::optional<std::string> readSmall(int folder, const char* name) {
     const UniqueFd file(::openat(folder, name, O_RDONLY | O_CLOEXEC));
     if (!file) return std::nullopt;
-    std::array<char, 2 * PATH_MAX> buffer;
+    std::array<char, std::size_t{2} * PATH_MAX> buffer;
     const ssize_t size = ::read(file.get(), buffer.data(), buffer.size());
     if (size <= 0) return std::nullopt;
     return std::string(buffer.data(), static_cast<std::size_t>(size));

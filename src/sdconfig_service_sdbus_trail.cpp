@@ -172,6 +172,7 @@ bool SDConfigInterface::eraseAllPolicies(const Call& call) {
         // Where one could not be deleted, those before it have gone all the same.
         if (call.policies.isStored(*changes.back().entry.key)) changes.pop_back();
         std::vector<trail::Entry> told;
+        told.reserve(changes.size());
         if (*whole.entry.count > kDeletedMost) return std::vector{mTrail->entryOf(whole)};
         for (const TrailChange& change : changes) told.push_back(mTrail->entryOf(change));
         if (told.empty()) {

@@ -90,17 +90,6 @@ TEST_F(SqlTest, AWitnessWritesInTheSameCommitOrNotAtAll) {
     EXPECT_EQ(note.told, "++");
     EXPECT_TRUE(table.remove(row("y")));
     EXPECT_EQ(stored(), (Rows{{"0"}, {"1"}})) << "nobody is told any more";
-
-    // What the commit can't store the witness doesn't, either.
-    db.executeCommand("PRAGMA foreign_keys = ON");
-    ASSERT_TRUE(db.executeCommand("CREATE TABLE c(a REFERENCES p(a) DEFERRABLE INITIALLY DEFERRED)") &&
-                db.executeCommand("CREATE TABLE p(a PRIMARY KEY)"));
-    const SQLiteWitnessed witnessed(note);
-    SQLiteTransaction transaction(db);
-    ASSERT_TRUE(db.executeCommand("INSERT INTO c VALUES('orphan')"));
-    EXPECT_FALSE(transaction.commit());
-    EXPECT_EQ(note.told, "++-");
-    EXPECT_EQ(stored(), (Rows{{"0"}, {"1"}}));
 }
 
 TEST_F(SqlTest, WaitsFiveSecondsForAnotherWriterThenFails) {

@@ -49,9 +49,7 @@ protected:
         return "7 (" + name + ") " + state + " 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 " + std::to_string(ticks) +
                " 20 21\n";
     }
-    std::optional<std::string> unitIn(const std::string& groups) {
-        return lookUpWith(statusOf("n", "S", 1), groups).unit;
-    }
+    auto unitIn(const std::string& groups) { return lookUpWith(statusOf("n", "S", 1), groups).unit; }
     test::TempDir mProc;
 };
 
@@ -61,9 +59,8 @@ TEST_F(FakeProcessTest, TakesNoLaterProcessAndNoNameForAnother) {
     EXPECT_TRUE(lookUpWith(statusOf("n", "S", 10 * ticks + 1), "").isGone);
     EXPECT_TRUE(lookUpWith(statusOf("n", "Z", 1), "").isGone);
     EXPECT_EQ(lookUpWith(statusOf(") Z 1 (\n", "S", 1), "").name, ") Z 1 (\n");
-    for (const char* damaged : {"", "7", "7 )n(", "7 (n", "7 (n)", "7 (n) S", "7 (n) S 1 2 x x x x"})
+    for (const char* damaged : {"", "7", "7 )n(", "7 (n", "7 (n)", "7 (n) S", "7 (n) S 1 2 x x"})
         EXPECT_FALSE(lookUpWith(damaged, "").name == "x") << damaged;
-
     const std::string longest = "/" + std::string(4000, 'x');
     EXPECT_EQ(lookUpWith(statusOf("n", "S", 1), "", longest).exe, longest);
 }
