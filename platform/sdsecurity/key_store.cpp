@@ -47,6 +47,8 @@ std::string findToChange(KeyRing& ring, const std::string& id, std::vector<Key>:
 
 void KeyStore::useFolder(const std::string& folder) {
     const std::lock_guard lock(mMutex);
+    // What holds should the folder's name find no memory: no other folder's ring may seal in the place of this one's.
+    mPlace = Place{Place::Kind::Folder, "", "", "out of memory"};
     mToldFolder = folder;
     mPlace.reset();
     mRing.reset();

@@ -60,6 +60,7 @@ ServiceLife::ServiceLife(std::string place) : mPlace(std::move(place)) {
     fs::create_directories(mPlace + "/run");
     fs::permissions(mPlace + "/run", fs::perms::owner_all);
     ::setenv("XDG_RUNTIME_DIR", (mPlace + "/run").c_str(), 1);
+    for (const char* const name : {"HOME", "XDG_DATA_HOME"}) ::setenv(name, mPlace.c_str(), 1);
     ::setenv("NOTIFY_SOCKET", (mPlace + "/notify").c_str(), 1);
     mNotify = sd::UniqueFd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     sockaddr_un address{};
