@@ -131,10 +131,12 @@ std::string Preflight::checkTables() {
 std::string Preflight::checkStores() {
     for (sqlite3* const store : {sd::SDConfigImpl::GetInstance()->handle(),
                                  sd::SDConfigDmHelper::GetInstance().sealedTable().database().handle()}) {
-        // Takes the lock that a write takes, and gives it back; nothing is written.
-        for (const char* const step : {"BEGIN IMMEDIATE", "ROLLBACK"})
-            if (!store || sqlite3_exec(store, step, nullptr, nullptr, nullptr) != SQLITE_OK)
-                return "a database could not be opened for writing; were memory and descriptors short?";
+        const auto run = [store](const char* sql) {
+            return sqlite3_exec(store, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
+        };
+        // The first tells of the database's own file, the lock that a write takes of its log's. Nothing is written.
+        if (!store || sqlite3_db_readonly(store, "main") != 0 || !run("BEGIN IMMEDIATE") || !run("ROLLBACK"))
+            return "a database could not be opened for writing; were memory and descriptors short?";
     }
     return "";
 }
