@@ -1,5 +1,5 @@
-// The end by an exception that nobody can catch: one of the start or the end of the process, when memory runs out there.
-// It is told like any other, and is no crash.
+// The end by an exception that nobody can catch: one of the start or the end of the process, when memory runs out
+// there. It is told like any other, and is no crash.
 #include <unistd.h>
 
 #include <cstring>
