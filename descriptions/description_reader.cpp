@@ -70,16 +70,15 @@ const char* kindInWords(Kind kind) {
 
 // "de", "pt_BR", "sr@latin": as the environment has them, without an encoding.
 bool isLocale(std::string_view name) {
-    const std::size_t letters =
-        std::find_if(name.begin(), name.end(), [](char c) { return c < 'a' || c > 'z'; }) - name.begin();
-    if (letters < 2 || letters > 3) return false;
-    std::string_view rest = name.substr(letters);
-    if (rest.size() >= 3 && rest[0] == '_' &&
-        std::all_of(rest.begin() + 1, rest.begin() + 3, [](char c) { return c >= 'A' && c <= 'Z'; }))
+    constexpr std::string_view kSmall = "abcdefghijklmnopqrstuvwxyz";
+    constexpr std::string_view kCapital = "ABCDEFGHIJKLMNOPQRSTUVWXYZ";
+    constexpr auto kNone = std::string_view::npos;
+    const std::size_t language = std::min(name.find_first_not_of(kSmall), name.size());
+    if (language < 2 || language > 3) return false;
+    std::string_view rest = name.substr(language);
+    if (rest.size() >= 3 && rest[0] == '_' && rest.substr(1, 2).find_first_not_of(kCapital) == kNone)
         rest.remove_prefix(3);
-    return rest.empty() || (rest.size() > 1 && rest[0] == '@' && std::all_of(rest.begin() + 1, rest.end(), [](char c) {
-                                return folded(c) >= 'a' && folded(c) <= 'z';
-                            }));
+    return rest.empty() || (rest.size() > 1 && rest[0] == '@' && rest.find_first_not_of(kSmall, 1) == kNone);
 }
 
 // Why no key can be called so.
