@@ -23,7 +23,12 @@ namespace {
 constexpr std::string_view kSuffix = ".keys.json";
 constexpr std::size_t kFilesMax = 10'000;
 constexpr char kTrust[] = "give it to root, for others to read alone";
+constexpr std::size_t kWithoutIndex = 8;  // look-ups
 constexpr std::size_t kGlobsMax = 1'000;  // each is tried for each key that is looked up
+
+bool isPlainKey(std::string_view name) {
+    return std::none_of(name.begin(), name.end(), [](char c) { return c == '*' || c == '\\'; });
+}
 
 struct CloseFolder {
     void operator()(DIR* folder) const { ::closedir(folder); }
@@ -135,43 +140,51 @@ void Descriptions::add(std::string file, std::string text) {
     File& added = mFiles.emplace_back(File{std::move(file), std::move(text), {}, {}});
     added.outline = outlineOf(added.text);
     const auto& all = added.outline.descriptions;
-    const auto isGlob = [](const OutlinedDescription& one) { return one.name.find('*') != std::string_view::npos; };
-    const auto globs = static_cast<std::size_t>(std::count_if(all.begin(), all.end(), isGlob));
+    const auto isOdd = [](const OutlinedDescription& one) { return !isPlainKey(one.name); };
+    const auto odd = static_cast<std::size_t>(std::count_if(all.begin(), all.end(), isOdd));
     if (added.outline.fault) {
         mLeftOut.push_back({added.path, *added.outline.fault});
-    } else if (mGlobs.size() + globs > kGlobsMax) {
-        leaveOut(added.path, "has, with the files before it, more than 1,000 globs", "name keys, or use fewer globs");
+    } else if (mGlobs.size() + mEscaped.size() + odd > kGlobsMax) {
+        leaveOut(added.path, "has, with the files before it, more than 1,000 globs or keys with backslashes",
+                 "name keys as they are, or use fewer globs");
     } else {
         mBytes += added.text.size();
-        for (std::size_t i = 0; i < all.size(); ++i) {
-            const std::string_view name = unescaped(all[i]);
-            const Place place{mFiles.size() - 1, i};
-            if (name.find('*') == std::string_view::npos)
-                mKeys.emplace_back(name, place);
-            else if (unfitGlob(name).empty())
-                mGlobs.push_back({name, place});
-        }
+        mCount += all.size();
+        for (std::size_t i = 0; i < all.size(); ++i)
+            if (!isPlainKey(all[i].name)) addOdd(all[i], {mFiles.size() - 1, i});
         return;
     }
     mFiles.pop_back();
 }
 
-// What can't be read stands as it is written, for whoever asks what is left out.
-std::string_view Descriptions::unescaped(const OutlinedDescription& outlined) {
-    if (outlined.name.find('\\') == std::string_view::npos) return outlined.name;
+// A glob, or a key that is written with a backslash.
+void Descriptions::addOdd(const OutlinedDescription& outlined, Place place) {
     auto name = nameOf(outlined);
-    return name ? mUnescaped.emplace_back(std::move(*name)) : outlined.name;
+    if (!name) return;  // whoever asks what is left out finds it
+    if (name->find('*') == std::string::npos)
+        mEscaped.emplace_back(std::move(*name), place);
+    else if (unfitGlob(*name).empty())
+        mGlobs.push_back({std::move(*name), place});
+}
+
+void Descriptions::forEachKey(const TakeKey& take) const {
+    for (std::size_t file = 0; file < mFiles.size(); ++file) {
+        const auto& all = mFiles[file].outline.descriptions;
+        for (std::size_t i = 0; i < all.size(); ++i)
+            if (isPlainKey(all[i].name)) take(all[i].name, {file, i});
+    }
+    for (const auto& [key, place] : mEscaped) take(key, place);
 }
 
 std::vector<Descriptions::Place> Descriptions::placesNamed(const std::string& key) {
-    constexpr std::size_t kWithoutIndex = 8;
     std::vector<Place> places;
     if (++mLookUps <= kWithoutIndex) {
-        for (const auto& [name, place] : mKeys)
+        forEachKey([&](std::string_view name, Place place) {
             if (name.size() == key.size() && compareFolded(name, key) == 0) places.push_back(place);
+        });
         return places;
     }
-    if (mByKey.size() != mKeys.size()) mByKey = {mKeys.begin(), mKeys.end()};
+    if (mByKey.empty()) forEachKey([this](std::string_view name, Place place) { mByKey.emplace(name, place); });
     const auto [begin, end] = mByKey.equal_range(key);
     for (auto at = begin; at != end; ++at) places.push_back(at->second);
     return places;
@@ -197,16 +210,22 @@ std::vector<Descriptions::Place> Descriptions::placesOf(const std::string& key) 
     return places;
 }
 
+// Of a few the lines before them are counted, of more those of all at once.
+int Descriptions::lineOf(File& file, std::size_t index) const {
+    const auto& all = file.outline.descriptions;
+    LineCounter counter(file.text);
+    if (mLookUps <= kWithoutIndex) return counter.lineOf(all[index].name);
+    if (file.lines.empty())
+        for (const OutlinedDescription& one : all) file.lines.push_back(counter.lineOf(one.name));
+    return file.lines[index];
+}
+
 std::optional<KeyDescription> Descriptions::read(Place place) {
     File& file = mFiles[place.file];
     const auto& all = file.outline.descriptions;
-    if (file.lines.empty()) {
-        LineCounter counter(file.text);
-        for (const OutlinedDescription& one : all) file.lines.push_back(counter.lineOf(one.name));
-    }
     const OutlinedDescription& outlined = all[place.index];
     std::vector<DescriptionFault> faults;
-    auto description = readDescription(outlined, file.lines[place.index], faults);
+    auto description = readDescription(outlined, lineOf(file, place.index), faults);
     if (!faults.empty() && mTold.insert(outlined.name.data()).second)
         for (DescriptionFault& fault : faults) mLeftOut.push_back({file.path, std::move(fault)});
     return description;
@@ -244,8 +263,7 @@ std::vector<Descriptions::Found> Descriptions::all() {
 
 std::vector<std::string> Descriptions::names() const {
     std::vector<std::string> names;
-    names.reserve(mKeys.size());
-    for (const auto& [name, place] : mKeys) names.emplace_back(name);
+    forEachKey([&names](std::string_view name, Place) { names.emplace_back(name); });
     std::sort(names.begin(), names.end());
     names.erase(std::unique(names.begin(), names.end()), names.end());
     return names;
@@ -253,8 +271,7 @@ std::vector<std::string> Descriptions::names() const {
 
 std::string Descriptions::near(const std::string& key) const {
     std::vector<std::string_view> names;
-    names.reserve(mKeys.size());
-    for (const auto& [name, place] : mKeys) names.push_back(name);
+    forEachKey([&names](std::string_view name, Place) { names.push_back(name); });
     return nearest(key, names);
 }
 

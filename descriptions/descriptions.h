@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <deque>
+#include <functional>
 #include <optional>
 #include <set>
 #include <string>
@@ -56,7 +57,7 @@ public:
     void add(std::string file, std::string text);
 
     // Whether nothing is described.
-    bool isEmpty() const { return mKeys.empty() && mGlobs.empty(); }
+    bool isEmpty() const { return mCount == 0; }
 
     // Keys of secure values don't tell upper from lower case, properties do.
     std::optional<Found> find(const std::string& key);
@@ -93,7 +94,7 @@ private:
         std::size_t index;  // in its outline
     };
     struct Glob {
-        std::string_view name;
+        std::string name;
         Place place;
     };
     struct FoldedHash {
@@ -105,15 +106,18 @@ private:
 
     bool take(const std::string& path, const TrustedOpening& opening);
     void leaveOut(std::string file, std::string what, std::string remedy);
-    std::string_view unescaped(const OutlinedDescription& outlined);
+    using TakeKey = std::function<void(std::string_view key, Place place)>;
+    void addOdd(const OutlinedDescription& outlined, Place place);
+    int lineOf(File& file, std::size_t index) const;
+    void forEachKey(const TakeKey& take) const;
     std::vector<Place> placesNamed(const std::string& key);
     std::vector<Place> placesOf(const std::string& key);
     std::optional<KeyDescription> read(Place place);
 
     std::deque<File> mFiles;
-    std::deque<std::string> mUnescaped;  // names that are written with backslashes
-    std::vector<std::pair<std::string_view, Place>> mKeys;
-    // The same by the key: made when more than a few are looked up, as that takes as long as some hundred looks at all.
+    std::vector<std::pair<std::string, Place>> mEscaped;  // keys that are written with backslashes, as they are meant
+    std::size_t mCount = 0;                               // of descriptions
+    // Keys and their places: made when more than a few are looked up, as that takes as long as some hundred looks.
     std::unordered_multimap<std::string_view, Place, FoldedHash, FoldedEqual> mByKey;
     std::size_t mLookUps = 0;
     std::vector<Glob> mGlobs;
