@@ -13,6 +13,7 @@
 #include "apps/data/data_reader.h"
 #include "apps/data/database_check.h"
 #include "apps/data/sqlite_handles.h"
+#include "apps/data/trail_check.h"
 
 namespace apps {
 
@@ -141,6 +142,7 @@ std::vector<Finding> folderAccessFindings(const std::string& folder, uid_t owner
         files.emplace_back(layout->file);
         for (const char* suffix : kDatabaseSuffixes) files.push_back(layout->file + std::string(suffix));
     }
+    for (std::string& file : trailFiles(folder)) files.push_back(std::move(file));
     const std::string inside = folder + "/";
     for (const std::string& file : files) append(findings, accessFindings(inside + file, "600", owner));
     return findings;
@@ -207,6 +209,7 @@ DataCheck checkData(const std::string& folder, const Stop& stop) {
     }
     if (auto finding = lockedRing(folder, sd::SDSecurity::GetInstance()->CheckKeyRing()))
         result.findings.push_back(std::move(*finding));
+    if (auto finding = checkTrail(folder, ringDigest()).finding) result.findings.push_back(std::move(*finding));
     if (auto finding = keyUseFinding(folder)) result.findings.push_back(std::move(*finding));
     return result;
 }

@@ -2,6 +2,7 @@
 
 #include "base/shared_library.h"
 #include "platform/sdsecurity/sdsecurity.h"
+#include "trail/files.h"
 
 namespace apps {
 
@@ -27,6 +28,14 @@ sd::trail::Digest ringDigest() {
     return [&layer](const std::string& id, const std::vector<std::string_view>& texts) {
         return layer.DigestUnderKey(id, texts);
     };
+}
+
+std::vector<std::string> trailFiles(const std::string& folder) {
+    std::vector<std::string> files;
+    if (const sd::UniqueFd opened = sd::trail::openFolder(folder))
+        for (sd::trail::RotatedFile& one : sd::trail::listRotated(opened.get())) files.push_back(std::move(one.name));
+    files.insert(files.end(), {sd::trail::kCurrentFile, sd::trail::kTornFile});
+    return files;
 }
 
 TrailCheck checkTrail(const std::string& folder, const sd::trail::Digest& digest,

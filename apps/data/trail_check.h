@@ -3,6 +3,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "apps/data/finding.h"
 #include "trail/verify.h"
@@ -11,6 +12,9 @@ namespace apps {
 
 // Digests under the keys of the ring that the security layer was told; none where that can't be used now.
 sd::trail::Digest ringDigest();
+
+// The names of its files, there or not, the oldest first.
+std::vector<std::string> trailFiles(const std::string& folder);
 
 struct TrailCheck {
     sd::trail::Verdict verdict;

@@ -50,7 +50,7 @@ int main(int argc, char** argv) {
                                {"log", cli::showLog},
                                {"log verify", cli::verifyLog},
                                {"log head", cli::printLogHead},
-                               {"watch", cli::watchPatterns},
+                               {"watch", cli::watchKeys},
                                {"list", cli::listKeys},
                                {"key list", cli::listKeyRing},
                                {"key slots", cli::listSlots},

@@ -1,16 +1,10 @@
 // sdconfig, the command line: the first program, which has what a shell calls often.
-#include <algorithm>
-
 #include "apps/sdconfig/commands/commands.h"
 #include "apps/sdconfig/hand_over.h"
 #include "apps/sdconfig/program.h"
-#include "apps/sdconfig/request/key_pattern.h"
+#include "apps/sdconfig/request/request.h"
 
 namespace {
-
-bool namesKeys(const cli::Request& request) {
-    return std::none_of(request.keys.begin(), request.keys.end(), cli::isPattern);
-}
 
 // For another user the whole command is the second's, which could not become that user once more.
 bool actsForItself(const cli::Request& request) {
@@ -38,7 +32,6 @@ int main(int argc, char** argv) {
                                {"key disable", cli::disableKey},
                                {"key enable", cli::enableKey},
                                {"key prune", cli::pruneKeys},
-                               {"watch", cli::watchKeys, namesKeys},
                                {"const", cli::getConst},
                                {"sign", cli::signText},
                                {"verify", cli::verifyText},

@@ -32,9 +32,10 @@ protected:
         SDSecurity::GetInstance()->FastEncrypt("makes the ring");
     }
 
-    // What the service would write.
-    void append(const std::vector<Entry>& entries) const {
+    // What the service would write. bytesMax: of a file.
+    void append(const std::vector<Entry>& entries, std::uint64_t bytesMax = std::uint64_t{8} << 20) const {
         sd::trail::WriterOptions options;
+        options.bytesMax = bytesMax;
         options.folder = path("data");
         options.digest = [](const auto& id, const auto& texts) {
             return SDSecurity::GetInstance()->DigestUnderKey(id, texts);
@@ -228,6 +229,105 @@ TEST_F(LogTest, VerifiesWithTheRingOrAHead) {
     terminal.type("a passphrase\n");
     EXPECT_TRUE(terminal.waitForScreen("entries 1 to 3, since"));
     EXPECT_EQ(terminal.wait(), 0);
+}
+
+TEST_F(LogTest, OtherCommandsTellOfTheTrail) {
+    Process service = startService();
+    cli({"secure", "set", "k", "local"});
+    cli({"policy", "set", "k", "policy", "6"});
+    cli({"policy", "set", "gone", "policy", "6"});
+    cli({"policy", "delete", "gone"});
+    cli({"set", "theme", "dark"});
+    const std::string by = " ago by " SDCONFIG_CLI ", pid ";
+    const std::string text = cli({"explain", "K"}).out;
+    EXPECT_THAT(text, AllOf(HasSubstr("last changes:\n  local value: set "), HasSubstr("  policy: set, priority 6, "),
+                            HasSubstr(by)));
+    EXPECT_THAT(cli({"explain", "gone"}).out, HasSubstr("  policy: deleted "));
+    EXPECT_THAT(cli({"explain", "theme"}).out, HasSubstr("  property: set "));
+    EXPECT_THAT(cli({"explain", "never"}).out, HasSubstr("none since entry 1 of the trail"));
+    const json changes = json::parse(cli({"explain", "k", "--json"}).out)["changes"];
+    EXPECT_EQ(changes["policy"]["priority"], 6);
+    EXPECT_EQ(changes["local"]["by"]["exe"], SDCONFIG_CLI);
+    EXPECT_TRUE(changes["machine"].is_null());
+
+    Process watcher = Process::start(cliCommand({"watch", "theme", "--json"}), environment());
+    ASSERT_TRUE(watcher.waitForErr("watching "));
+    cli({"set", "theme", "light"});
+    EXPECT_TRUE(waitUntil([&] { return watcher.out().find('\n') != std::string::npos; }));
+    const json told = json::parse(watcher.out());
+    EXPECT_EQ(told["value"], "light");
+    EXPECT_EQ(told["entry"]["by"]["exe"], SDCONFIG_CLI);
+
+    EXPECT_THAT(cli({"status"}).out, HasSubstr("\ntrail: up to entry "));
+    EXPECT_THAT(cli({"doctor"}).out, HasSubstr("ok: trail: up to entry "));
+    EXPECT_EQ(json::parse(cli({"status", "--json"}).out)["trail"]["head"],
+              json::parse(log({"head", "--json"}).out)["head"]);
+
+    service.kill(SIGTERM);
+    EXPECT_EQ(service.wait(), 0);
+    std::string changed = readFile(trailPath());
+    changed.replace(changed.find("theme"), 5, "thEme");
+    writeFile(trailPath(), changed);
+    EXPECT_THAT(cli({"check", path("data")}).out, HasSubstr(trailPath() + ", line "));
+    EXPECT_THAT(cli({"doctor", "--data-dir", path("data")}).out, HasSubstr("problem: data folder: " + trailPath()));
+
+    const Process without = startService({"--no-audit"});
+    EXPECT_THAT(cli({"status"}).out, HasSubstr("trail: none is kept\n"));
+    EXPECT_THAT(cli({"log"}).err, HasSubstr("none is kept"));
+}
+
+TEST_F(LogTest, AFullDiskIsTold) {
+    if (!mountDisk("data", "1m")) GTEST_SKIP() << "mounting a disk takes a privilege";
+    const Process service = startService();
+    EXPECT_THAT(cli({"status"}).out, HasSubstr("trail: none yet, entries that wait: 1: the key ring is absent"));
+    EXPECT_THAT(cli({"doctor"}).out, HasSubstr("ok: trail: none yet"));
+    EXPECT_EQ(cli({"secure", "set", "k", "v"}).exitCode, 0);
+    (void)run({"dd", "if=/dev/zero", "of=" + path("data/fills"), "bs=4k"});
+    for (int i = 0; i < 20; ++i) cli({"secure", "set", "k", std::string(1000, 'x') + std::to_string(i)});
+    EXPECT_GT(json::parse(cli({"status", "--json"}).out)["trail"]["waiting"], 0);
+    EXPECT_THAT(cli({"doctor"}).out, AllOf(HasSubstr("problem: trail: up to entry "), HasSubstr("has room")));
+    EXPECT_THAT(cli({"log"}).err, HasSubstr("the service that runs now and its trail: up to entry "));
+}
+
+TEST_F(LogTest, ABackupCarriesItAndARestoreGoesOn) {
+    append(std::vector<Entry>(40, entry("SET_SECURE", "early", "/bin/a")), 4096);
+    Process service = startService();
+    cli({"secure", "set", "k", "backed up"});
+    const std::string secret = "open sesame\n";
+    ASSERT_EQ(cli({"backup", path("file"), path("data")}, secret).exitCode, 0);
+    cli({"secure", "set", "k", "later"});
+    service.kill(SIGTERM);
+    service.wait();
+    const std::string noted = log({"head"}).out.substr(0, log({"head"}).out.size() - 1);
+
+    const Result restored = cli({"restore", path("file"), path("data"), "--force", "--json"}, secret);
+    ASSERT_EQ(restored.exitCode, 0) << restored.err;
+    const std::string newest = log({"--json"}).out;
+    const json told = json::parse(newest.substr(0, newest.find('\n')));
+    EXPECT_EQ(told["what"], "RESTORE");
+    EXPECT_EQ(told["head"], noted);
+    EXPECT_THAT(log({"early", "--reverse"}).out, HasSubstr("\tset\tearly\t/bin/a"));
+    EXPECT_EQ(log({"verify"}).exitCode, 0) << log({"verify"}).out;
+    EXPECT_EQ(log({"verify", "--head", noted}).exitCode, 1);
+    const std::string old = json::parse(restored.out)["old"];
+    EXPECT_EQ(cli({"log", "verify", "--data-dir", old, "--head", noted}).exitCode, 0);
+
+    Process next = startService();
+    cli({"secure", "set", "k", "next"});
+    EXPECT_EQ(cli({"log", "verify", "--data-dir", old}).exitCode, 0) << "also while a service runs elsewhere";
+    next.kill(SIGTERM);
+    next.wait();
+    EXPECT_EQ(log({"verify"}).exitCode, 0) << log({"verify"}).out;
+    EXPECT_EQ(cli({"check", path("data")}).exitCode, 0) << cli({"check", path("data")}).out;
+
+    // A backup may be anybody's.
+    std::string forged = readFile(path("file"));
+    const std::size_t name = forged.find("trail trail-") + 6;
+    forged.replace(name, 6, "../../");
+    const std::string lines = forged.substr(0, forged.find("\nsum ") + 1);
+    forged.replace(lines.size() + 4, 64, run({"sha256sum"}, {}, lines).out.substr(0, 64));
+    writeFile(path("file"), forged);
+    EXPECT_THAT(cli({"restore", path("file"), path("new")}, secret).err, HasSubstr("no backup, or a damaged one"));
 }
 
 }  // namespace

@@ -44,7 +44,7 @@ private:
 };
 
 TEST_F(WatchTest, PrintsEveryChangeUntilItIsInterrupted) {
-    const Process service = startService();
+    const Process service = startService({"--no-audit"});  // else who made a change stands behind it
     Process text = watch({"k", "theme", "k", "[a,b]"});
     Process objects = watch({"k", "--json"});
     cli({"secure", "set", "k", "local"});

@@ -820,7 +820,7 @@ def secrets(run):
     forms = [canary.encode(), canary.encode().hex().encode(), canary.encode("utf-16-le"),
              *(base64.b64encode(b"x" * i + canary.encode())[4:-4] for i in range(3))]
     with World() as world:
-        service = world.start("--log-level", "5")
+        service = world.start("--log-level", "5", "--audit-reads", "*")
         client = world.client()
 
         def scan_processes():
@@ -876,7 +876,10 @@ def secrets(run):
                 check(client.ask(operation, "k", canary) == "0", "a set without a service succeeded")
             check(client.ask("sign", canary) == "", "a text was signed without a service")
             command_line("secure", "set", "k", text=canary)
-            service = world.start("--log-level", "5")
+            service = world.start("--log-level", "5", "--audit-reads", "*")
+        trail = command_line("log", "--json").encode()  # of packed files, too
+        check(not any(form in trail for form in [*forms, identity.encode()]), "the secret stands in the trail")
+        check(b'"what":"GET_SECURE"' in trail and b'"new":"' in trail, "the trail has no reading, or no digest")
         places, hidden = 0, 0
         for folder, _, names in os.walk(world.folder):
             for name in names:

@@ -5,12 +5,14 @@
 #include "apps/common/digest_text.h"
 #include "apps/data/data_files.h"
 #include "apps/sdconfig/backup/hex.h"
+#include "apps/sdconfig/backup/trail_copy.h"
 
 namespace cli {
 
 namespace {
 
 constexpr std::string_view kNoDigest = "-";
+constexpr std::string_view kTrail = "trail";
 constexpr std::string_view kSum = "sum ";
 constexpr std::size_t kDigestDigits = 64;
 
@@ -55,11 +57,13 @@ std::optional<BackupManifest::State> readState(std::istream& line) {
 
 std::string contextOf(const BackupManifest& manifest) {
     std::ostringstream text;
-    text << kBackupName << (manifest.state ? 2 : 1) << '\n';
+    text << kBackupName << (!manifest.trail.empty() ? 3 : manifest.state ? 2 : 1) << '\n';
     for (std::size_t i = 0; i < apps::kLayouts.size(); ++i)
         text << "database " << apps::kLayouts[i]->file << ' ' << manifest.databases[i].size << ' '
              << manifest.databases[i].digest << '\n';
     if (manifest.state) text << "state " << manifest.state->made << ' ' << digestWord(*manifest.state) << '\n';
+    for (const BackupManifest::TrailFile& one : manifest.trail)
+        text << kTrail << ' ' << one.name << ' ' << one.file.size << ' ' << one.file.digest << '\n';
     return text.str();
 }
 
@@ -83,7 +87,13 @@ std::optional<BackupManifest> parseManifest(std::string_view text, std::size_t& 
         manifest.databases.push_back(database);
     }
     if (format != "1" && !(manifest.state = readState(words))) return std::nullopt;
-    words >> word >> word;
+    while (words >> word && word == kTrail) {
+        BackupManifest::TrailFile one{};
+        words >> one.name >> one.file.size >> one.file.digest;
+        if (!isTrailFile(one.name)) return std::nullopt;
+        manifest.trail.push_back(std::move(one));
+    }
+    words >> word;
     if (word != "none" && !(manifest.ring = readRing(words))) return std::nullopt;
     if (formatManifest(manifest) != text.substr(0, length)) return std::nullopt;
     return manifest;

@@ -23,15 +23,21 @@ struct BackupManifest {
         std::string digest;  // apps/common/digest_text.h; "" where there was no key ring that could be used
     };
     std::optional<State> state;
+    struct TrailFile {
+        std::string name;
+        Database file;
+    };
+    std::vector<TrailFile> trail;  // the oldest first; none before the third format
     std::optional<SealedRing> ring;
 };
 
 // What each begins with; the number of the format follows.
 inline constexpr std::string_view kBackupName = "sdconfig-backup ";
-inline constexpr char kLatestFormat = '2';
+inline constexpr char kLatestFormat = '3';
 
-// The bound of a manifest: a wrapped key ring has 96 KiB at most, and a digit is half a byte.
-inline constexpr std::size_t kMaxManifest = std::size_t{208} << 10;
+// The bound of a manifest: a wrapped key ring has 96 KiB at most, and a digit is half a byte; a file of the trail takes
+// 125 bytes, and there are 1,001 at most.
+inline constexpr std::size_t kMaxManifest = std::size_t{336} << 10;
 
 // What a sealed ring is bound to: everything but itself.
 std::string contextOf(const BackupManifest& manifest);

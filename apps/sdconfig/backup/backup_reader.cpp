@@ -50,10 +50,12 @@ Problem BackupReader::open() {
     return {};
 }
 
-Problem BackupReader::unpackDatabases(const std::string& folder, const Interruption& interruption) {
+Problem BackupReader::unpackFiles(const std::string& folder, const Interruption& interruption) {
     for (std::size_t i = 0; i < apps::kLayouts.size(); ++i)
         if (Problem problem = unpack(mManifest.databases[i], folder + "/" + apps::kLayouts[i]->file, interruption))
             return problem;
+    for (const BackupManifest::TrailFile& one : mManifest.trail)
+        if (Problem problem = unpack(one.file, folder + "/" + one.name, interruption)) return problem;
     return mFile.peek() == std::ifstream::traits_type::eof() ? Problem{} : damaged();
 }
 

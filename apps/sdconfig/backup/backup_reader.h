@@ -17,11 +17,12 @@ public:
     // Takes the manifest. Comes first.
     Problem open();
     bool hasRing() const { return mManifest.ring.has_value(); }
+    bool hasTrail() const { return !mManifest.trail.empty(); }
     // Proven by unpackRing alone.
     const std::optional<BackupManifest::State>& state() const { return mManifest.state; }
 
-    // Puts the files into the folder: the databases, all of them, and then the key ring.
-    Problem unpackDatabases(const std::string& folder, const Interruption& interruption);
+    // Puts the files into the folder: the databases and the trail, all of them, and then the key ring.
+    Problem unpackFiles(const std::string& folder, const Interruption& interruption);
     Problem unpackRing(const SecretText& passphrase, const std::string& folder) const;
 
 private:

@@ -12,6 +12,7 @@
 #include "apps/data/data_reader.h"
 #include "apps/data/sqlite_handles.h"
 #include "apps/sdconfig/backup/ring_text.h"
+#include "apps/sdconfig/backup/trail_copy.h"
 
 namespace cli {
 
@@ -45,7 +46,7 @@ Problem BackupWriter::copyDatabases() {
 Problem BackupWriter::copyDatabase(const apps::DatabaseLayout& layout) {
     std::string failure;
     const auto copyTo = [&](sqlite3* db) {
-        failure = copy(db, copyOf(layout));
+        failure = copy(db, copyOf(layout.file));
         return SQLITE_OK;  // of the source; where reading it failed, so did the copy
     };
     const apps::DatabaseCheck check =
@@ -56,7 +57,7 @@ Problem BackupWriter::copyDatabase(const apps::DatabaseLayout& layout) {
     mCounts.push_back(check.count);
     mSealed += check.sealed;
     mUnreadable += check.rows.size();
-    return addDigest(copyOf(layout));
+    return describe(copyOf(layout.file), mManifest.databases.emplace_back());
 }
 
 // Returns why not, or "".
@@ -74,16 +75,31 @@ std::string BackupWriter::copy(sqlite3* source, const std::string& path) const {
     return code == SQLITE_DONE ? "" : sqlite3_errstr(code);
 }
 
-Problem BackupWriter::addDigest(const std::string& copy) {
+Problem BackupWriter::describe(const std::string& copy, BackupManifest::Database& description) {
     Digest digest;
-    std::uint64_t size = 0;
+    description.size = 0;
     const bool read = readPieces(copy, [&](std::string_view piece) {
         digest.add(piece);
-        size += piece.size();
+        description.size += piece.size();
         return !mInterruption.came();
     });
     if (!read) return stopped();
-    mManifest.databases.push_back({size, digest.hex()});
+    description.digest = digest.hex();
+    return {};
+}
+
+Problem BackupWriter::copyTrail() {
+    std::vector<std::string> names;
+    const std::string failure = cli::copyTrail(mFolder, mStaging.path(), mInterruption, names);
+    if (mInterruption.came()) return interrupted();
+    if (!failure.empty()) {
+        noteTrailLeftOut(failure);
+        return {};
+    }
+    for (const std::string& name : names) {
+        mManifest.trail.push_back({name, {}});
+        if (Problem problem = describe(copyOf(name), mManifest.trail.back().file)) return problem;
+    }
     return {};
 }
 
@@ -106,7 +122,9 @@ Problem BackupWriter::writeFile(UnfinishedFile::Existing existing) const {
     if (!file.write(formatManifest(mManifest))) return unwritten();
     const auto take = [&](std::string_view piece) { return !mInterruption.came() && file.write(piece); };
     for (const apps::DatabaseLayout* layout : apps::kLayouts)
-        if (!readPieces(copyOf(*layout), take)) return stopped();
+        if (!readPieces(copyOf(layout->file), take)) return stopped();
+    for (const BackupManifest::TrailFile& one : mManifest.trail)
+        if (!readPieces(copyOf(one.name), take)) return stopped();
     if (file.putInPlace(existing)) return {};
     return errno == EEXIST ? Problem{"the file was made meanwhile", "repeat it"} : unwritten();
 }

@@ -24,6 +24,10 @@ public:
     // The databases, each as it stands at one moment and none that is damaged. A running service is not held up.
     Problem copyDatabases();
 
+    // The trail, after the databases: so it has all that they carry of it. One that can't be copied is left out, and
+    // told.
+    Problem copyTrail();
+
     // What the copies hold, as a digest under the key that seals, where there is one. After the databases.
     Problem addState();
 
@@ -40,9 +44,9 @@ public:
     std::size_t unreadable() const { return mUnreadable; }
 
 private:
-    std::string copyOf(const apps::DatabaseLayout& layout) const { return mStaging.path() + "/" + layout.file; }
+    std::string copyOf(const std::string& file) const { return mStaging.path() + "/" + file; }
     Problem copyDatabase(const apps::DatabaseLayout& layout);
-    Problem addDigest(const std::string& copy);
+    Problem describe(const std::string& copy, BackupManifest::Database& description);
     std::string copy(sqlite3* source, const std::string& path) const;
     Problem unwritten() const;  // as errno has it
     Problem stopped() const;    // or interrupted

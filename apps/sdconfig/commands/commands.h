@@ -27,7 +27,6 @@ int rotateKey(const Request& request, Service& service);
 int disableKey(const Request& request, Service& service);
 int enableKey(const Request& request, Service& service);
 int pruneKeys(const Request& request, Service& service);
-int watchKeys(const Request& request, Service& service);
 int showStatus(const Request& request, Service& service);
 
 }  // namespace cli

@@ -94,6 +94,7 @@ Problem lackOfRing(const std::string& folder, bool sealed) {
 Problem write(const Request& request, const std::string& folder, Keys keys, const SecretText* passphrase,
               BackupWriter& writer) {
     if (Problem problem = writer.copyDatabases()) return problem;
+    if (Problem problem = writer.copyTrail()) return problem;
     if (keys == Keys::None)
         if (Problem problem = lackOfRing(folder, writer.hasSealed())) return problem;
     if (Problem problem = writer.addState()) return problem;

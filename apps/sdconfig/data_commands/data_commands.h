@@ -23,7 +23,7 @@ int explainKey(const Request& request, Service& service);
 int showLog(const Request& request, Service& service);
 int verifyLog(const Request& request, Service& service);
 int printLogHead(const Request& request, Service& service);
-int watchPatterns(const Request& request, Service& service);
+int watchKeys(const Request& request, Service& service);
 int listKeys(const Request& request, Service& service);
 int listKeyRing(const Request& request, Service& service);
 int listSlots(const Request& request, Service& service);

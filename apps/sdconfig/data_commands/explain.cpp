@@ -11,6 +11,7 @@
 #include "apps/sdconfig/service/service.h"
 #include "apps/sdconfig/terminal/messages.h"
 #include "apps/sdconfig/terminal/output.h"
+#include "apps/sdconfig/trail/key_history.h"
 #include "descriptions/value_check.h"
 #include "libsdconfig/dmconfig.h"
 #include "libsdconfig/sdconfig.h"
@@ -38,6 +39,8 @@ struct Findings {
     std::string productDir;               // "": none, or it isn't known
     FileValue fromFiles;
     std::optional<Described> described;
+
+    KeyHistory history;  // of all of these
 };
 
 int askService(const Request& request, Service& service, Findings& found) {
@@ -81,6 +84,7 @@ int gather(const Request& request, Service& service, Findings& found) {
     if (!problem.empty() && !probe.listening) return nothingToReadFrom(request, problemOfData(access, problem));
     if (!problem.empty()) noteDataNotRead(problem);
     if (problem.empty() && !probe.listening) noteMissingDatabases(*access.reader);
+    if (access.reader) found.history = historyOf(access.reader->folder(), request.key);
     const bool ofService = request.productDir.empty() && probe.listening;
     found.productDir = ofService ? service.productFolder() : request.productDir;
     found.fromFiles = propertyFromFiles(request.key, found.productDir);
@@ -312,9 +316,10 @@ int explainKey(const Request& request, Service& service) {
         addBytes(object, "data_folder", found.folder);
     }
     if (found.described) object["description"] = describedObject(request, *found.described);
+    if (found.history.from > 0) object["changes"] = objectOf(found.history);
     return print(request,
                  secureText(request, found) + propertyText(request, found) +
-                     (found.described ? describedText(*found.described) : ""),
+                     (found.described ? describedText(*found.described) : "") + textOf(found.history),
                  object);
 }
 

@@ -10,6 +10,7 @@
 #include "apps/sdconfig/data_commands/data_commands.h"
 #include "apps/sdconfig/reading/data_access.h"
 #include "apps/sdconfig/service/service.h"
+#include "apps/sdconfig/service/trail_calls.h"
 #include "apps/sdconfig/terminal/colour.h"
 #include "apps/sdconfig/terminal/messages.h"
 #include "apps/sdconfig/terminal/output.h"
@@ -161,11 +162,15 @@ int follow(const Request& request, const std::string& folder) {
 }  // namespace
 
 int showLog(const Request& request, Service& service) {
-    const DataAccess access = accessData(request, service);
-    if (access.exitCode) return access.exitCode;
-    if (!access.reader) return dataUnreadable(request, problemOfData(access, kFolderUntold));
-    const std::string& folder = access.reader->folder();
-    return request.follow ? follow(request, folder) : list(request, folder);
+    int exitCode = kDone;
+    const auto folder = folderToRead(request, service, exitCode);
+    if (!folder) return exitCode;
+    if (request.follow) return follow(request, *folder);
+    exitCode = list(request, *folder);
+    // Of the folder that was named nobody knows whether this service writes there.
+    const auto trail = request.dataDir.empty() && service.listening() ? trailState(service) : std::nullopt;
+    if (trail && (!trail->isKept || trail->isAmiss())) noteTrailNow(textOf(*trail));
+    return exitCode;
 }
 
 }  // namespace cli

@@ -3,7 +3,6 @@
 #include "apps/data/trail_check.h"
 #include "apps/sdconfig/data_commands/data_commands.h"
 #include "apps/sdconfig/reading/data_access.h"
-#include "apps/sdconfig/service/service.h"
 #include "apps/sdconfig/slots/opened_ring.h"
 #include "apps/sdconfig/terminal/colour.h"
 #include "apps/sdconfig/terminal/messages.h"
@@ -15,14 +14,6 @@ namespace cli {
 namespace {
 
 using sd::trail::Verdict;
-
-// The folder, or nothing, after it was told why; then the exit code is set.
-std::optional<std::string> folderOf(const Request& request, const Service& service, int& exitCode) {
-    const DataAccess access = accessData(request, service);
-    exitCode = access.exitCode;
-    if (!exitCode && !access.reader) exitCode = dataUnreadable(request, problemOfData(access, kFolderUntold));
-    return exitCode ? std::nullopt : std::optional(access.reader->folder());
-}
 
 std::string textOf(const Request& request, const apps::TrailCheck& check, bool attested) {
     const Verdict& found = check.verdict;
@@ -67,7 +58,7 @@ int verifyLog(const Request& request, Service& service) {
     if (!request.head.empty() && !head)
         return misused(request.command, "--head: " + quoted(request.head) + " is no head that \"log head\" printed");
     int exitCode = kDone;
-    const auto folder = folderOf(request, service, exitCode);
+    const auto folder = folderToRead(request, service, exitCode);
     if (!folder) return exitCode;
     // Without a key the lines tell only that they belong together, as anybody's would; a head holds those up to it.
     const Problem locked = openRingOf(*folder);
@@ -80,7 +71,7 @@ int verifyLog(const Request& request, Service& service) {
 
 int printLogHead(const Request& request, Service& service) {
     int exitCode = kDone;
-    const auto folder = folderOf(request, service, exitCode);
+    const auto folder = folderToRead(request, service, exitCode);
     if (!folder) return exitCode;
     sd::trail::Reader reader(*folder, sd::trail::Order::NewestFirst);
     sd::trail::Line last;

@@ -66,7 +66,7 @@ int tryOnBackup(const Request& request) {
         return notTried(request, {std::string("no folder can be made to unpack it: ") + std::strerror(errno),
                                   "name another folder with TMPDIR"});
     const Interruption interruption;
-    if (const Problem problem = backup.unpackDatabases(folder.path(), interruption)) return notTried(request, problem);
+    if (const Problem problem = backup.unpackFiles(folder.path(), interruption)) return notTried(request, problem);
     if (passphrase)
         if (const Problem problem = backup.unpackRing(passphrase->text, folder.path()))
             return notTried(request, problem);

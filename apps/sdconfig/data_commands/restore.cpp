@@ -16,6 +16,7 @@
 #include "apps/sdconfig/backup/passphrase.h"
 #include "apps/sdconfig/backup/replaced_state.h"
 #include "apps/sdconfig/backup/restore_place.h"
+#include "apps/sdconfig/backup/restored_trail.h"
 #include "apps/sdconfig/backup/ring_text.h"
 #include "apps/sdconfig/data_commands/data_commands.h"
 #include "apps/sdconfig/files/whole_file.h"
@@ -93,6 +94,7 @@ public:
         if (const Problem problem = prepare()) return notRestored(mRequest, problem);
         if (mInterruption.came()) return notRestored(mRequest, interrupted());
         if (const Problem problem = unfitPlace(mFolder, mRequest.force)) return notRestored(mRequest, problem);
+        mUntold = tellRestored(mStaging.path(), mFolder, mBackup.state());
         const FolderSwap swap = putInPlace(mStaging.path(), mFolder);
         if (swap.problem) return notRestored(mRequest, swap.problem);
         mStaging.release();
@@ -104,7 +106,7 @@ private:
         if (mMakingFailure)
             return {"no folder can be made beside " + mFolder + ": " + std::strerror(mMakingFailure),
                     "see that the folder above it is there and can be written"};
-        if (Problem problem = mBackup.unpackDatabases(mStaging.path(), mInterruption)) return problem;
+        if (Problem problem = mBackup.unpackFiles(mStaging.path(), mInterruption)) return problem;
         if (Problem problem = mPassphrase ? restoreRing() : keepRing()) return problem;
         mLosesWrap = isWrappedRing(mFolder + "/" + apps::kRingFile) && !isWrappedRing(ringPath());
         useRing();
@@ -166,6 +168,7 @@ private:
 
     int finish(const std::string& old) const {
         if (mKeys != Keys::Restored) noteUnproven();
+        if (!mUntold.empty()) noteRestoreUntold(mUntold);
         if (mUnreadable > 0) noteRowsUnreadable(mUnreadable, mFolder);
         if (mLacksRing) noteNoRing(mFolder);
         if (mLosesWrap) noteRingPlain(mFolder);
@@ -203,6 +206,7 @@ private:
     bool mLacksRing = false;  // for what is sealed
     bool mLosesWrap = false;  // of the ring that was there: the backup's is plain
     std::string mLocked;      // what the ring waits for; "": nothing
+    std::string mUntold;      // why the trail has no entry of this; "": it has
     Keys mKeys = Keys::None;
 };
 

@@ -32,6 +32,7 @@ Checks checkAll(const Request& request, const Service& service) {
     checks.push_back(checkEnvironment(service));
     checks.push_back(checkUnits(service.processId() != 0));
     if (probe.answered) append(checks, checkPolicies(service));
+    if (probe.answered) append(checks, checkTrail(service));
     Checks layer = checkLayer();
     const auto served = probe.answered ? knownRing(service) : std::nullopt;
     append(checks, layer.empty() ? checkDataFolder(findData(request, service), served) : std::move(layer));

@@ -43,6 +43,10 @@ Check checkUnits(bool served);
 // doctor_policies.cpp: the machine's policies, as the service that answers has read them; nothing where it has none.
 Checks checkPolicies(const Service& service);
 
+// doctor_trail.cpp: whether the service that answers can write its trail; nothing of one that knows none. What stands
+// there is looked at with the folder.
+Checks checkTrail(const Service& service);
+
 // doctor_data.cpp: a security layer that binds no values. It may lack all that looking into the folder takes as well.
 Checks checkLayer();
 

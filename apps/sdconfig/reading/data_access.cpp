@@ -49,6 +49,17 @@ DataAccess accessFolder(const Request& request, const Service& service) {
     return access;
 }
 
+std::optional<std::string> folderToRead(const Request& request, const Service& service, int& exitCode) {
+    DataAccess access;
+    if (!request.dataDir.empty())
+        access.reader.emplace(folderNamed(request.dataDir));
+    else
+        access = accessData(request, service);
+    exitCode = access.exitCode;
+    if (!exitCode && !access.reader) exitCode = dataUnreadable(request, problemOfData(access, kFolderUntold));
+    return exitCode ? std::nullopt : std::optional(access.reader->folder());
+}
+
 Problem problemOfData(const DataAccess& access, const std::string& what) {
     if (access.reader) return {what, apps::remedyFor(access.reader->folder())};
     const auto displaced = apps::displacedData();

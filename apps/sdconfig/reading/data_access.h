@@ -30,6 +30,10 @@ void noteMissingDatabases(const apps::DataReader& reader);
 // reader it was told why.
 DataAccess accessFolder(const Request& request, const Service& service);
 
+// The folder, for a command that asks the service for nothing: one that --data-dir names counts, whoever serves it.
+// Nothing, with the exit code, where it was told why.
+std::optional<std::string> folderToRead(const Request& request, const Service& service, int& exitCode);
+
 // What hindered reading the data, and what to do about it; "" where its folder doesn't tell.
 Problem problemOfData(const DataAccess& access, const std::string& what);
 

@@ -443,6 +443,10 @@ int notAllShown(const Request& request, std::size_t count, const std::string& fi
                 "see what it proves with: " + typed("log verify"));
 }
 
+void noteTrailNow(const std::string& state) {
+    note("the service that runs now and its trail: " + state + "; see: " + typed("doctor"));
+}
+
 void noteNotShown(const std::string& place) {
     note("can't be shown: " + place);
 }
@@ -579,6 +583,14 @@ int notChecked(const Request& request) {
 
 int notBackedUp(const Request& request, const Problem& problem) {
     return fail(kRefused, attemptOnFile(request), problem.what, "no backup was made; " + problem.next);
+}
+
+void noteTrailLeftOut(const std::string& why) {
+    note("the trail is not in the backup: " + why + "; see: " + typed("log verify"));
+}
+
+void noteRestoreUntold(const std::string& why) {
+    note("the trail has no entry of this restoring: " + why);
 }
 
 void noteKeysLeftOut() {

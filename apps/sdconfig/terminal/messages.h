@@ -141,6 +141,7 @@ int valuesUnreadable(const Request& request, const Problem& problem);
 int noTrail(const Request& request, const std::string& folder);
 int notAllShown(const Request& request, std::size_t count, const std::string& first);  // places of it; the first one's
 void noteTrailBegins(std::uint64_t seq);
+void noteTrailNow(const std::string& state);                         // of the service that runs
 void noteNotShown(const std::string& place);                         // while the trail is followed
 int notAttested(const Request& request, const Problem& keyProblem);  // since no key is at hand
 
@@ -185,11 +186,13 @@ Problem interrupted();
 int noDataFolder(const Request& request, const Problem& problem);
 int notChecked(const Request& request);
 int notBackedUp(const Request& request, const Problem& problem);
+void noteTrailLeftOut(const std::string& why);
 void noteKeysLeftOut();
 void noteKeysHandedOver(const std::string& ring);
 void noteRowsUnreadable(std::size_t count, const std::string& folder);
 int notRestored(const Request& request, const Problem& problem);  // nothing was changed
 void noteUnproven();
+void noteRestoreUntold(const std::string& why);  // by an entry of the trail
 // What is replaced. made, written: when the backup was made, and the folder written.
 void noteSameAsBackup(const std::string& folder, const std::string& made);
 void noteUnlikeBackup(const std::string& folder, const std::string& made, const std::string& written, bool isNewer);

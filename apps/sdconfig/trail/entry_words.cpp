@@ -6,11 +6,13 @@
 #include <array>
 
 #include "apps/common/escaped.h"
+#include "src/sdconfig_came.h"
 
 namespace cli {
 
 namespace {
 
+namespace came = sd::came;
 using sd::trail::Entry;
 
 struct Word {
@@ -80,15 +82,15 @@ std::string callerOf(const sd::trail::Peer& peer) {
 }  // namespace
 
 bool isAmiss(const Entry& entry) {
-    static constexpr std::array kWell{"", "changed", "stored", "same", "read", "done"};
+    static constexpr std::array kWell{"", came::kChanged, came::kStored, came::kSame, came::kRead, came::kDone};
     return isNews(entry) || std::find(kWell.begin(), kWell.end(), entry.came) == kWell.end();
 }
 
 std::string deedOf(const Entry& entry) {
     std::string text = wordsOf(entry.what);
     if (entry.priority) text += ", priority " + std::to_string(*entry.priority);
-    if (entry.came == "same") text += ", no change";
-    if (entry.came == "stored") text += ", without effect now";
+    if (entry.came == came::kSame) text += ", no change";
+    if (entry.came == came::kStored) text += ", without effect now";
     if (isAmiss(entry) && !isNews(entry)) text += ": " + told(entry.came);
     if (entry.count) text += ": " + std::to_string(*entry.count);
     if (!entry.why.empty()) text += ": " + told(entry.why);

@@ -19,6 +19,7 @@
 #include "apps/sdconfig/properties/property_files.h"
 #include "apps/sdconfig/request/key_pattern.h"
 #include "apps/sdconfig/service/service.h"
+#include "apps/sdconfig/terminal/colour.h"
 #include "apps/sdconfig/terminal/messages.h"
 #include "apps/sdconfig/terminal/output.h"
 #include "apps/sdconfig/terminal/signal_pipe.h"
@@ -104,10 +105,11 @@ Inbox& inbox() {
 
 class Watch {
 public:
-    Watch(const Request& request, Service& service, StoredKeys storedKeys)
+    Watch(const Request& request, Service& service, StoredKeys storedKeys, LastDoer lastDoer)
         : mRequest(request),
           mService(service),
           mStoredKeys(std::move(storedKeys)),
+          mLastDoer(std::move(lastDoer)),
           // The reader of our output may leave, too.
           mSignals({SIGINT, SIGTERM, SIGHUP, SIGPIPE}),
           mRunner(request.execute) {
@@ -224,7 +226,11 @@ private:
         addBytes(object, "key", change.key);
         addBytes(object, "value", change.value);
         object["strong"] = change.strong;
-        return print(mRequest, shownInLine(change.key) + " " + shownInLine(change.value) + "\n", object);
+        // Without a terminal a line ends with the value, whatever that is.
+        const auto doer = mRequest.json || isTerminal() ? mLastDoer(change.key) : std::nullopt;
+        if (doer) object["entry"] = doer->entry;
+        const std::string who = doer ? "  " + coloured(doer->words, Colour::Faint) : "";
+        return print(mRequest, shownInLine(change.key) + " " + shownInLine(change.value) + who + "\n", object);
     }
 
     int tellIfNew(const Change& now) {
@@ -327,6 +333,7 @@ private:
     const Request& mRequest;
     Service& mService;
     const StoredKeys mStoredKeys;
+    const LastDoer mLastDoer;
     SignalPipe mSignals;
     CommandRunner mRunner;
     Inbox& mInbox = inbox();
@@ -344,11 +351,11 @@ private:
 
 }  // namespace
 
-int watch(const Request& request, Service& service, StoredKeys storedKeys) {
+int watch(const Request& request, Service& service, StoredKeys storedKeys, LastDoer lastDoer) {
     if (request.keys.size() > kMostKeysOfACall)
         return misused(request.command, "more than 122 keys are more than one call takes");
     if (const int code = service.require()) return code;
-    return Watch(request, service, std::move(storedKeys)).run();
+    return Watch(request, service, std::move(storedKeys), std::move(lastDoer)).run();
 }
 
 }  // namespace cli

@@ -2,10 +2,12 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <set>
 #include <string>
 
 #include "apps/sdconfig/request/request.h"
+#include "apps/sdconfig/terminal/output.h"
 
 namespace cli {
 
@@ -15,7 +17,14 @@ class Service;
 // has been away.
 using StoredKeys = std::function<std::set<std::string>()>;
 
+// Who made the latest change of a key; nothing where that isn't known.
+struct Doer {
+    std::string words;  // "by /usr/bin/velmar-settings, pid 4711"
+    Object entry;       // of the trail
+};
+using LastDoer = std::function<std::optional<Doer>(const std::string& key)>;
+
 // Returns the exit code, once a signal has come or nobody reads any more.
-int watch(const Request& request, Service& service, StoredKeys storedKeys);
+int watch(const Request& request, Service& service, StoredKeys storedKeys, LastDoer lastDoer);
 
 }  // namespace cli
