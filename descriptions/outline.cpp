@@ -51,7 +51,9 @@ private:
     }
 
     bool fail(std::string what, const char* remedy) {
-        mFound.fault = DescriptionFault{LineCounter(mText).lineOf({mAt, 0}), "", "", std::move(what), remedy};
+        mFound.fault =
+            DescriptionFault{LineCounter(mText).lineOf(mText.substr(static_cast<std::size_t>(mAt - mText.data()))), "",
+                             "", std::move(what), remedy};
         return false;
     }
 

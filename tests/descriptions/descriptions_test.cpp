@@ -170,13 +170,13 @@ TEST(DescriptionTest, EachMistakeIsNamedWithItsLineAndARemedy) {
     for (const Mistake& mistake : mistakes) text += std::string(text.empty() ? "" : ",\n") + mistake.description;
     const auto found = lint({fileOf(text)});
     int line = 1;
-    for (const auto& [description, what, remedy] : mistakes) {
+    for (const Mistake& mistake : mistakes) {
         ++line;
         const bool isNamed = std::any_of(found.begin(), found.end(), [&](const DescriptionLint& one) {
-            return one.isFault && one.fault.line == line && one.fault.what.find(what) != std::string::npos &&
-                   one.fault.remedy.find(remedy) != std::string::npos;
+            return one.isFault && one.fault.line == line && one.fault.what.find(mistake.what) != std::string::npos &&
+                   one.fault.remedy.find(mistake.remedy) != std::string::npos;
         });
-        EXPECT_TRUE(isNamed) << description;
+        EXPECT_TRUE(isNamed) << mistake.description;
     }
     EXPECT_EQ(found.size(), std::size(mistakes)) << "and nothing else is told";
 }

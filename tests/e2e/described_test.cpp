@@ -104,14 +104,14 @@ TEST_F(DescribedTest, MistakesInPoliciesAreNamedByLine) {
     EXPECT_EQ(result.exitCode, 1);
     const json findings = json::parse(result.out)["findings"];
     int line = 0;
-    for (const auto& [policy, isFault, what, next] : mistakes) {
+    for (const Mistake& mistake : mistakes) {
         ++line;
         const bool isNamed = std::any_of(findings.begin(), findings.end(), [&](const json& one) {
-            return one["line"] == line && one["file"] == path("p.json") && one["fault"] == isFault &&
-                   one["what"].get<std::string>().find(what) != std::string::npos &&
-                   one["next"].get<std::string>().find(next) != std::string::npos;
+            return one["line"] == line && one["file"] == path("p.json") && one["fault"] == mistake.isFault &&
+                   one["what"].get<std::string>().find(mistake.what) != std::string::npos &&
+                   one["next"].get<std::string>().find(mistake.next) != std::string::npos;
         });
-        EXPECT_TRUE(isNamed) << policy;
+        EXPECT_TRUE(isNamed) << mistake.policy;
     }
     EXPECT_EQ(findings.size(), std::size(mistakes));
 
