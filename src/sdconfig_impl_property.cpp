@@ -58,7 +58,12 @@ bool isBlank(char c) {
     return std::isspace(static_cast<unsigned char>(c)) != 0;
 }
 
-std::optional<std::pair<std::string, std::string>> parseLine(std::string line) {
+struct Line {
+    std::string key;
+    std::string value;
+};
+
+std::optional<Line> parseLine(std::string line) {
     if (!line.empty() && line.back() == '\n') line.pop_back();
     const size_t equals = line.find('=');
     if (equals == std::string::npos) return std::nullopt;
@@ -67,7 +72,28 @@ std::optional<std::pair<std::string, std::string>> parseLine(std::string line) {
     while (keyEnd > 1 && isBlank(line[keyEnd - 1])) --keyEnd;
     size_t valueBegin = equals + 1;
     while (valueBegin < line.size() && isBlank(line[valueBegin])) ++valueBegin;
-    return std::make_pair(line.substr(0, keyEnd), line.substr(valueBegin));
+    return Line{line.substr(0, keyEnd), line.substr(valueBegin)};
+}
+
+// Hands over each definition, with its line's number, until `take` has enough and says so. False when `path` is no file
+// that can be read.
+template <class Take>
+bool readLines(const std::string& path, Take take) {
+    const File file = openRegularFile(path);
+    if (!file) {
+        LOG(levelFor(path), AT "can not find filename %s", HERE_AS("fileOperate"), path.c_str());
+        return false;
+    }
+    char line[kLineBuffer];
+    bool isNew = true;  // and not the rest of a long one
+    for (int number = 0; std::fgets(line, sizeof line, file.get());) {
+        if (isNew) ++number;
+        isNew = std::strchr(line, '\n') != nullptr;
+        const auto definition = parseLine(line);
+        if (definition && take(*definition, number)) return true;
+    }
+    if (std::ferror(file.get())) LOG(7, AT "can not read %s to its end", HERE_AS("fileOperate"), path.c_str());
+    return true;
 }
 
 bool isReadOnly(const std::string& key) {
@@ -115,24 +141,20 @@ bool SDPropertyInf::readPropertyFile(std::string path) {
 }
 
 bool SDPropertyInf::fileOperate(std::string path, bool load, std::string& value, std::string key) {
-    const File file = openRegularFile(path);
-    if (!file) {
-        LOG(levelFor(path), AT "can not find filename %s", HERE, path.c_str());
+    return readLines(path, [&](const Line& line, int /*number*/) {
+        if (load)
+            SetProperty(line.key, line.value);
+        else if (line.key == key)
+            value = line.value;
+        return !load && line.key == key;
+    });
+}
+
+bool SDPropertyInf::readDefinitions(const std::string& path, std::vector<Definition>& definitions) {
+    return readLines(path, [&](const Line& line, int number) {
+        definitions.push_back({line.key, line.value, number});
         return false;
-    }
-    char line[kLineBuffer];
-    while (std::fgets(line, sizeof line, file.get())) {
-        const auto definition = parseLine(line);
-        if (!definition) continue;
-        if (load) {
-            SetProperty(definition->first, definition->second);
-        } else if (definition->first == key) {
-            value = definition->second;
-            return true;
-        }
-    }
-    if (std::ferror(file.get())) LOG(7, AT "can not read %s to its end", HERE, path.c_str());
-    return true;
+    });
 }
 
 std::string SDPropertyInf::GetProperty(const std::string& key) {

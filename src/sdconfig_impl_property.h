@@ -3,6 +3,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 #include "base/sdconfig_export.h"
 
@@ -50,6 +51,17 @@ public:
     bool initProperties();
 
     bool readPropertyFile(std::string path);
+
+    // What a line of a file says, and which line that is, from 1 on.
+    struct Definition {
+        std::string key;
+        std::string value;
+        int line;
+    };
+
+    // All that the file says, in its order, for tools that tell where a value stands. False when `path` is no file that
+    // can be read.
+    static bool readDefinitions(const std::string& path, std::vector<Definition>& definitions);
 
     // load: passes every definition of the file to SetProperty. Otherwise looks `key` up and puts what its first
     // definition says into `value`, which stays as it was when there is none.

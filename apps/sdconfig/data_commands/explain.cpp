@@ -214,13 +214,8 @@ Object secureObject(const Request& request, const Findings& found) {
 
 // ---- The property ----
 
-enum class PropertyOrigin { Unset, File, Service, Deleted };
-
 PropertyOrigin propertyOrigin(const Findings& found) {
-    const std::string& files = found.fromFiles.value;
-    const std::string& value = found.property.value_or(files);
-    if (value.empty()) return files.empty() ? PropertyOrigin::Unset : PropertyOrigin::Deleted;
-    return value == files ? PropertyOrigin::File : PropertyOrigin::Service;
+    return originOf(found.property, found.fromFiles.value);
 }
 
 std::string propertyWords(const Findings& found) {

@@ -1,47 +1,37 @@
 #include "apps/sdconfig/properties/property_files.h"
 
+#include <algorithm>
 #include <vector>
 
 #include "apps/sdconfig/request/read_only_key.h"
 #include "libsdconfig/sdconfig.h"
-#include "src/sdconfig_impl_property.h"
 #include "src/sdconfig_key_classes.h"
 
 namespace cli {
 
 namespace {
 
-std::string firstDefinition(sd::SDPropertyInf& reader, const std::string& file, const std::string& key) {
-    std::string value;
-    reader.fileOperate(file, false, value, key);
-    return value;
-}
-
-// Takes the key out, reads the file again and sees whether it came back.
-bool defines(sd::SDPropertyInf& reader, const std::string& file, const std::string& key) {
-    reader.DeleteProperty(key);
-    reader.readPropertyFile(file);
-    return reader.DeleteProperty(key);
+// By the rules of the service's reader.
+const PropertyLine* countingLine(const std::string& key, const std::vector<PropertyLine>& lines) {
+    const auto isProducts = [](const PropertyLine& line) { return line.file->isProducts; };
+    const auto hasValue = [](const PropertyLine& line) { return !line.definition->value.empty(); };
+    auto found = lines.end();
+    if (sd::isSpecialKeyInBuildProp(key))
+        return (found = std::find_if(lines.begin(), lines.end(), isProducts)) == lines.end() ? nullptr : &*found;
+    if (isReadOnlyKey(key)) found = std::find_if(lines.begin(), lines.end(), hasValue);
+    return found == lines.end() ? &lines.back() : &*found;
 }
 
 }  // namespace
 
 FileValue propertyFromFiles(const std::string& key, const std::string& productDir) {
-    std::vector<std::string> files;  // in the order in which they are read
-    if (!productDir.empty()) files.push_back(productDir + "/../etc/build.prop");
-    if (!sd::isSpecialKeyInBuildProp(key)) files.insert(files.end(), {"/etc/build.prop", "/velmar/etc/build.prop"});
-
-    sd::SDConfig::setVelmarDataPath(productDir);
-    sd::SDPropertyInf reader;
-    FileValue result{reader.GetProperty(key), ""};
-    for (const std::string& file : files) {
-        if (!isReadOnlyKey(key)) {
-            if (defines(reader, file, key)) result.file = file;
-        } else if (result.file.empty() && !result.value.empty() && firstDefinition(reader, file, key) == result.value) {
-            result.file = file;
-        }
-    }
-    return result;
+    const std::vector<PropertyFile> files = readPropertyFiles(productDir);
+    const std::map<std::string, PropertyLines> lines = linesByKey(files);
+    const auto found = lines.find(key);
+    if (found == lines.end() || !found->second.counting) return {};
+    const PropertyLine& line = *found->second.counting;
+    const bool isNothing = isReadOnlyKey(key) && line.definition->value.empty();
+    return {line.definition->value, isNothing ? "" : line.file->path};
 }
 
 std::set<std::string> keysInFiles(const std::string& productDir) {
@@ -51,6 +41,28 @@ std::set<std::string> keysInFiles(const std::string& productDir) {
     std::set<std::string> keys{"ro.sd.build.version", "ro.sd.product.channel", "ro.velmar.switch.env"};
     for (const auto& [key, value] : reader.cached()) keys.insert(key);
     return keys;
+}
+
+std::vector<PropertyFile> readPropertyFiles(const std::string& productDir) {
+    std::vector<PropertyFile> files;
+    if (!productDir.empty()) files.push_back({productDir + "/../etc/build.prop", true});
+    files.insert(files.end(), {{"/etc/build.prop"}, {"/velmar/etc/build.prop"}});
+    for (PropertyFile& file : files) file.isRead = sd::SDPropertyInf::readDefinitions(file.path, file.definitions);
+    return files;
+}
+
+std::map<std::string, PropertyLines> linesByKey(const std::vector<PropertyFile>& files) {
+    std::map<std::string, PropertyLines> lines;
+    for (const PropertyFile& file : files)
+        for (const auto& definition : file.definitions) lines[definition.key].all.push_back({&file, &definition});
+    for (auto& [key, ofKey] : lines) ofKey.counting = countingLine(key, ofKey.all);
+    return lines;
+}
+
+PropertyOrigin originOf(const std::optional<std::string>& ofService, const std::string& inFiles) {
+    const std::string value = ofService.value_or(inFiles);
+    if (value.empty()) return inFiles.empty() ? PropertyOrigin::Unset : PropertyOrigin::Deleted;
+    return value == inFiles ? PropertyOrigin::File : PropertyOrigin::Service;
 }
 
 }  // namespace cli

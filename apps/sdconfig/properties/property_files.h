@@ -1,8 +1,13 @@
 // Which build.prop file gives a property its value.
 #pragma once
 
+#include <map>
+#include <optional>
 #include <set>
 #include <string>
+#include <vector>
+
+#include "src/sdconfig_impl_property.h"
 
 namespace cli {
 
@@ -16,5 +21,36 @@ FileValue propertyFromFiles(const std::string& key, const std::string& productDi
 
 // The keys that the files define.
 std::set<std::string> keysInFiles(const std::string& productDir);
+
+struct PropertyFile {
+    std::string path;
+    bool isProducts = false;
+    bool isRead = false;  // else it isn't there, or can't be read
+    std::vector<sd::SDPropertyInf::Definition> definitions{};
+};
+
+// All that the files say, in the order in which the service reads them.
+std::vector<PropertyFile> readPropertyFiles(const std::string& productDir);
+
+// A line of a file that names a property.
+struct PropertyLine {
+    const PropertyFile* file;
+    const sd::SDPropertyInf::Definition* definition;
+};
+
+// The lines that name a property, in the order in which they are read, and the one of them that gives its value.
+struct PropertyLines {
+    std::vector<PropertyLine> all;
+    const PropertyLine* counting = nullptr;  // null where none does
+};
+
+// By the property's key. files: have to outlive it.
+std::map<std::string, PropertyLines> linesByKey(const std::vector<PropertyFile>& files);
+
+// Where a property's value comes from.
+enum class PropertyOrigin { Unset, File, Service, Deleted };
+
+// ofService: nothing where no service told. inFiles: by propertyFromFiles.
+PropertyOrigin originOf(const std::optional<std::string>& ofService, const std::string& inFiles);
 
 }  // namespace cli
