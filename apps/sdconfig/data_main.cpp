@@ -60,6 +60,7 @@ int main(int argc, char** argv) {
                                {"key recover", cli::recoverRing},
                                {"upgrade", cli::upgradeDatabase},
                                {"doctor", cli::diagnoseService},
+                               {"report", cli::writeReport},
                                {"check", cli::checkFolder},
                                {"backup", cli::backupData},
                                {"restore", cli::restoreData},

@@ -23,6 +23,7 @@ _sdconfig_options() { # COMMAND: those of its own
         watch) echo --exec ;;
         list) echo --show --data-dir --described --keys-dir ;;
         doctor) echo --data-dir ;;
+        report) echo --show --output --with --data-dir --product-dir ;;
         check) echo --digest --against ;;
         upgrade) echo --dry-run --force ;;
         backup | restore) echo --force --without-keys ;;
@@ -50,7 +51,7 @@ _sdconfig_policy_files() { # those of the administrator, without what all end wi
 _sdconfig_arguments() { # COMMAND NUMBER FIRST: what its NUMBERth argument may be, from 0 on, a line each
     case $1:$2 in
         :0)
-            printf '%s\n' get set delete secure key policy explain describe keys log watch list upgrade doctor check \
+            printf '%s\n' get set delete secure key policy explain describe keys log watch list upgrade doctor report check \
                 backup restore const sign verify status help
             ;;
         secure:0) printf '%s\n' get set delete exec ;;
@@ -87,13 +88,13 @@ _sdconfig() {
     case ${COMP_WORDS[COMP_CWORD - 1]} in
         --data-dir | --product-dir | --policy-dir | --keys-dir) compopt -o filenames; mapfile -t COMPREPLY < <(compgen -d -- "$word"); return ;;
         --user) mapfile -t COMPREPLY < <(compgen -u -- "$word"); return ;;
-        --backup) compopt -o filenames; mapfile -t COMPREPLY < <(compgen -f -- "$word"); return ;;
+        --backup | --output | -o | --with) compopt -o filenames; mapfile -t COMPREPLY < <(compgen -f -- "$word"); return ;;
         --exec) mapfile -t COMPREPLY < <(compgen -c -- "$word"); return ;;
         --since) mapfile -t COMPREPLY < <(compgen -W "15m 2h 2d 3w" -- "$word"); return ;;
     esac
     for ((i = 1; i < COMP_CWORD; i++)); do
         case ${COMP_WORDS[i]} in
-            --data-dir | --product-dir | --policy-dir | --keys-dir | --backup | --name | --exec | --default | --user | \
+            --data-dir | --product-dir | --policy-dir | --keys-dir | --backup | --output | -o | --with | --name | --exec | --default | --user | \
                 --against | --since | --by | --head) ((++i)) ;;
             --)
                 if [[ $command == "secure exec" ]]; then

@@ -73,6 +73,7 @@ complete -c sdconfig -n '__sdconfig_at ":0"' -a watch -d 'Print changes of keys 
 complete -c sdconfig -n '__sdconfig_at ":0"' -a list -d 'Print the keys of secure values and policies'
 complete -c sdconfig -n '__sdconfig_at ":0"' -a upgrade -d 'Carry the database of an earlier version over'
 complete -c sdconfig -n '__sdconfig_at ":0"' -a doctor -d 'Tell what is wrong with the service'
+complete -c sdconfig -n '__sdconfig_at ":0"' -a report -d 'Write a page that tells what each key is, and why'
 complete -c sdconfig -n '__sdconfig_at ":0"' -a check -d 'Look for faults in the data folder'
 complete -c sdconfig -n '__sdconfig_at ":0"' -a backup -d 'Write the data folder to a file'
 complete -c sdconfig -n '__sdconfig_at ":0"' -a restore -d 'Put a backup in the place of a data folder'
@@ -136,12 +137,14 @@ complete -c sdconfig -n '__sdconfig_in check' -l digest -d 'Print a digest of al
 complete -c sdconfig -n '__sdconfig_in check' -l against -x -d 'Compare with a digest'
 complete -c sdconfig -n '__sdconfig_in get' -l local -d 'Read the build.prop files in this process'
 complete -c sdconfig -n '__sdconfig_in get "secure get"' -l default -x -d 'Print it instead of what is unset'
-complete -c sdconfig -n '__sdconfig_in get explain' -l product-dir -xa '(__fish_complete_directories)' \
+complete -c sdconfig -n '__sdconfig_in get explain report' -l product-dir -xa '(__fish_complete_directories)' \
     -d 'The data folder of the product'
-complete -c sdconfig -n '__sdconfig_in explain list doctor log "log verify" "log head" "key list" "key slots" "policy list" "policy export" "policy apply"' \
+complete -c sdconfig -n '__sdconfig_in explain list doctor report log "log verify" "log head" "key list" "key slots" "policy list" "policy export" "policy apply"' \
     -l data-dir \
     -xa '(__fish_complete_directories)' -d 'The data folder of the service'
-complete -c sdconfig -n '__sdconfig_in explain list "policy apply"' -l show -d 'Show values, which can be secrets'
+complete -c sdconfig -n '__sdconfig_in report' -s o -l output -rF -d 'Write the page to this file'
+complete -c sdconfig -n '__sdconfig_in report' -l with -rF -d 'Tell what would change with these policies'
+complete -c sdconfig -n '__sdconfig_in explain list report "policy apply"' -l show -d 'Show values, which can be secrets'
 complete -c sdconfig -n '__sdconfig_in "key prune" "key protect" "key unprotect" "policy clear" "policy apply"' -l yes -d 'Do not ask'
 complete -c sdconfig -n '__sdconfig_in "key rotate"' -l reseal -d 'Seal everything anew'
 complete -c sdconfig -n '__sdconfig_in "policy apply"' -l prune -d 'Delete the policies that the file does not name'

@@ -247,6 +247,18 @@ constexpr ValueOption kBy{
 constexpr ValueOption kHead{
     "--head", "HEAD",         "Find whether all is there that was when \"log head\" printed this",
     "",       &Request::head, apps::notEmpty};
+constexpr Flag kShowInPage{"--show", "Put values in that are sealed at rest; the page says so", &Request::show};
+constexpr ValueOption kOutput{
+    "-o,--output",  "FILE",        "Write the page to this file, for your eyes alone; left out, to standard output", "",
+    &Request::file, apps::notEmpty};
+constexpr ValueOption kWith{"--with",
+                            "FILE",
+                            "A file of policies: tell what would change, were it among the machine's",
+                            "",
+                            nullptr,
+                            notAFile,
+                            nullptr,
+                            &Request::policyFiles};
 
 constexpr char kSetSecureNotes[] =
     "Without VALUE, or where it is \"-\", the value is read from standard input up to its end, less one final "
@@ -385,6 +397,10 @@ constexpr char kDoctorNotes[] =
     "is\n"
     "changed; where systemd listens in the service's place, the service is started. Exit code 1 where there are "
     "problems.\n";
+
+constexpr char kReportNotes[] =
+    "One page of HTML, which loads nothing: what each key is and why, who changed it and who listens, what is wrong,\n"
+    "and what could not be seen. Needs no service. Values that are sealed at rest are not in it without --show.\n";
 
 constexpr char kBackupNotes[] =
     "FILE gets both databases, each as it stood at one moment, and the key ring, sealed under a passphrase: the first\n"
@@ -688,6 +704,14 @@ const std::vector<Command>& commands() {
          {},
          {kDataDir},
          kDoctorNotes},
+        {"",
+         "report",
+         "Writes a page that tells what each key is, and why",
+         "sdconfig report -o report.html --with 60-pilot.json",
+         {},
+         {kShowInPage},
+         {kOutput, kWith, kDataDir, kProductFiles},
+         kReportNotes},
         {"",
          "check",
          "Looks for faults in the data folder",

@@ -32,6 +32,7 @@ int unprotectRing(const Request& request, Service& service);
 int unlockRing(const Request& request, Service& service);
 int recoverRing(const Request& request, Service& service);
 int upgradeDatabase(const Request& request, Service& service);
+int writeReport(const Request& request, Service& service);
 int checkFolder(const Request& request, Service& service);
 int diagnoseService(const Request& request, Service& service);
 int backupData(const Request& request, Service& service);

@@ -120,12 +120,13 @@ std::string resolveTarget(std::string& path) {
     return there && !S_ISREG(status.st_mode) ? "it is there and is no regular file" : "";
 }
 
-std::string writeWhole(const std::string& path, const std::string& text) {
+std::string writeWhole(const std::string& path, const std::string& text, Mode mode) {
     std::string target = path;
     if (std::string problem = resolveTarget(target); !problem.empty()) return problem;
     UnfinishedFile file(target);
     struct stat replaced {};
-    const bool keepsMode = ::stat(target.c_str(), &replaced) == 0 && replaced.st_uid == ::geteuid();
+    const bool keepsMode =
+        mode == Mode::Kept && ::stat(target.c_str(), &replaced) == 0 && replaced.st_uid == ::geteuid();
     if (file.write(text) && (!keepsMode || file.setMode(replaced.st_mode & kPermissions)) &&
         file.putInPlace(UnfinishedFile::Existing::Replace))
         return "";

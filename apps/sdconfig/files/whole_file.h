@@ -46,7 +46,8 @@ std::string readWhole(const std::string& path, std::size_t mostBytes, std::strin
 std::string resolveTarget(std::string& path);
 
 // Puts a file in the place of what was there, whole or not at all: with the mode of that one where it was the caller's
-// own, else for the user's eyes alone.
-std::string writeWhole(const std::string& path, const std::string& text);
+// own and that is kept, else for the user's eyes alone.
+enum class Mode { Kept, Private };
+std::string writeWhole(const std::string& path, const std::string& text, Mode mode = Mode::Kept);
 
 }  // namespace cli

@@ -12,14 +12,14 @@ namespace cli {
 namespace {
 
 // By the rules of the service's reader.
-const PropertyLine* countingLine(const std::string& key, const std::vector<PropertyLine>& lines) {
+std::optional<std::size_t> countingLine(const std::string& key, const std::vector<PropertyLine>& lines) {
     const auto isProducts = [](const PropertyLine& line) { return line.file->isProducts; };
     const auto hasValue = [](const PropertyLine& line) { return !line.definition->value.empty(); };
-    auto found = lines.end();
-    if (sd::isSpecialKeyInBuildProp(key))
-        return (found = std::find_if(lines.begin(), lines.end(), isProducts)) == lines.end() ? nullptr : &*found;
-    if (isReadOnlyKey(key)) found = std::find_if(lines.begin(), lines.end(), hasValue);
-    return found == lines.end() ? &lines.back() : &*found;
+    const auto first = [&lines](auto holds) { return std::find_if(lines.begin(), lines.end(), holds); };
+    const bool isSpecial = sd::isSpecialKeyInBuildProp(key);
+    const auto found = isSpecial ? first(isProducts) : isReadOnlyKey(key) ? first(hasValue) : lines.end();
+    if (found != lines.end()) return static_cast<std::size_t>(found - lines.begin());
+    return isSpecial ? std::nullopt : std::optional(lines.size() - 1);
 }
 
 }  // namespace
@@ -29,7 +29,7 @@ FileValue propertyFromFiles(const std::string& key, const std::string& productDi
     const std::map<std::string, PropertyLines> lines = linesByKey(files);
     const auto found = lines.find(key);
     if (found == lines.end() || !found->second.counting) return {};
-    const PropertyLine& line = *found->second.counting;
+    const PropertyLine& line = found->second.all[*found->second.counting];
     const bool isNothing = isReadOnlyKey(key) && line.definition->value.empty();
     return {line.definition->value, isNothing ? "" : line.file->path};
 }

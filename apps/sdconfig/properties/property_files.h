@@ -1,6 +1,7 @@
 // Which build.prop file gives a property its value.
 #pragma once
 
+#include <cstddef>
 #include <map>
 #include <optional>
 #include <set>
@@ -40,8 +41,8 @@ struct PropertyLine {
 
 // The lines that name a property, in the order in which they are read, and the one of them that gives its value.
 struct PropertyLines {
-    std::vector<PropertyLine> all;
-    const PropertyLine* counting = nullptr;  // null where none does
+    std::vector<PropertyLine> all{};
+    std::optional<std::size_t> counting{};  // nothing where none does
 };
 
 // By the property's key. files: have to outlive it.

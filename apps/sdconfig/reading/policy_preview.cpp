@@ -135,20 +135,27 @@ int previewPolicies(const Request& request, const std::vector<PlannedPolicy>& pl
     return printChanges(request, plan, changes);
 }
 
-int previewMachine(const Request& request, const StoredLayers& layers, const MachineTable& after) {
+std::vector<MachineChange> changesUnder(const StoredLayers& layers, const MachineTable& after) {
     std::map<std::string, std::string> uris;  // as a person reads them, by the URI without letter case
     for (const apps::MachinePolicy& one : layers.machine().all()) uris[folded(one.uri)] = one.uri;
     for (const apps::MachinePolicy& one : after.all()) uris[folded(one.uri)] = one.uri;
+    std::vector<MachineChange> changes;
+    for (const auto& [name, uri] : uris) {
+        MachineChange change{uri, layers.of(uri), {}};
+        change.after = change.before;
+        change.after.machine = after.find(uri);
+        changes.push_back(std::move(change));
+    }
+    return changes;
+}
+
+int previewMachine(const Request& request, const StoredLayers& layers, const MachineTable& after) {
     std::vector<PlannedPolicy> plan;
     std::vector<Change> changes;
-    for (const auto& [name, uri] : uris) {
-        Layers now = layers.of(uri);
-        Change change;
-        change.before = weigh(now);
-        now.machine = after.find(uri);
-        change.after = weigh(now);
-        change.why = inWords(uri, *change.after, now.counting());
-        if (now.machine) change.why += "; " + now.machine->place();
+    for (const auto& [uri, before, then] : changesUnder(layers, after)) {
+        Change change{weigh(before), weigh(then), ""};
+        change.why = inWords(uri, *change.after, then.counting());
+        if (then.machine) change.why += "; " + then.machine->place();
         plan.push_back({uri, apps::Policy()});
         changes.push_back(std::move(change));
     }

@@ -26,7 +26,18 @@ int readEffective(const std::vector<std::string>& uris, Service& service, std::m
 // Prints the difference and changes nothing. Returns the exit code.
 int previewPolicies(const Request& request, const std::vector<PlannedPolicy>& plan, Service& service);
 
-// The same of all URIs that policies of the machine govern or would govern. layers: as they are now.
+// The layers of a URI as they are, and as they would be.
+struct MachineChange {
+    std::string uri;
+    Layers before;
+    Layers after;
+};
+
+// Of all URIs that policies of the machine govern or would govern, in their order without letter case. layers: as they
+// are now.
+std::vector<MachineChange> changesUnder(const StoredLayers& layers, const MachineTable& after);
+
+// Prints those.
 int previewMachine(const Request& request, const StoredLayers& layers, const MachineTable& after);
 
 }  // namespace cli

@@ -12,8 +12,8 @@
 
 #include "apps/common/command_output.h"
 #include "apps/data/temporary_folder.h"
+#include "apps/sdconfig/reading/policy_stage.h"
 #include "apps/sdconfig/terminal/messages.h"
-#include "policies/policy_folders.h"
 
 namespace cli {
 
@@ -23,7 +23,6 @@ namespace fs = std::filesystem;
 
 constexpr char kDaemon[] = "sdconfigd";
 constexpr std::size_t kMostOutput = std::size_t{64} << 20;
-constexpr mode_t kForAll = 0755;  // the users' commands read it
 
 // Whose sdconfigd runs: root asks for all, others for themselves.
 std::set<uid_t> servedUsers() {
@@ -42,25 +41,6 @@ std::set<uid_t> servedUsers() {
 std::string nameOf(uid_t user) {
     const passwd* const entry = ::getpwuid(user);
     return entry ? entry->pw_name : std::to_string(user);
-}
-
-// The folder as it would be: files, and links that mask.
-void fillStage(const fs::path& stage, const std::string& folder, const std::string& name,
-               const std::optional<std::string>& text) {
-    std::error_code failure;
-    for (fs::directory_iterator entry(folder, failure), end; !failure && entry != end; entry.increment(failure)) {
-        const fs::path file = entry->path().filename();
-        std::error_code ignored;
-        if (!sd::isPolicyFileName(file) || file == name) continue;
-        if (entry->is_regular_file(ignored))
-            fs::copy_file(entry->path(), stage / file, ignored);
-        else if (fs::read_symlink(entry->path(), ignored) == "/dev/null")
-            fs::create_symlink("/dev/null", stage / file, ignored);
-    }
-    if (text) std::ofstream(stage / name) << *text;
-    for (fs::directory_iterator entry(stage, failure), end; !failure && entry != end; entry.increment(failure))
-        if (!entry->is_symlink()) (void)::chmod(entry->path().c_str(), 0644);
-    (void)::chmod(stage.c_str(), kForAll);
 }
 
 std::string replaced(std::string text, const std::string& what, const std::string& by) {
@@ -144,7 +124,7 @@ std::vector<UsersChanges> rehearse(const std::string& folder, const std::string&
                                    const std::optional<std::string>& text) {
     const std::string start = ::geteuid() == 0 ? "/run" : fs::temp_directory_path().string();
     const apps::TemporaryFolder stage(start + "/sdconfig-policies.");
-    fillStage(stage.path(), folder, name, text);
+    fillStage(stage.path(), folder, {{name, text}});
     const Rehearsal rehearsal(folder, stage.path());
     std::vector<UsersChanges> all;
     for (const uid_t user : servedUsers()) all.push_back(rehearsal.of(user));

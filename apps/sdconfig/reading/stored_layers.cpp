@@ -51,6 +51,13 @@ Layers StoredLayers::of(const std::string& key) const {
     return layers;
 }
 
+std::map<std::string, std::string> StoredLayers::keys() const {
+    std::map<std::string, std::string> all;
+    for (const auto* rows : {&mSecure, &mPolicies})
+        for (const auto& [name, row] : *rows) all.emplace(name, row.key);
+    return all;
+}
+
 Layers storedLayers(const Request& request, const Service& service) {
     const DataAccess access = findData(request, service);
     StoredLayers stored;

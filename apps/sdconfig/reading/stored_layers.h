@@ -28,6 +28,9 @@ public:
 
     Layers of(const std::string& key) const;
 
+    // All keys that have a row, by the key without letter case: as the secure value spells it, or else the policy.
+    std::map<std::string, std::string> keys() const;
+
 private:
     std::map<std::string, apps::Row> mSecure;  // by the key without letter case
     std::map<std::string, apps::Row> mPolicies;

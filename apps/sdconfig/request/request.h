@@ -40,10 +40,11 @@ struct Request {
     std::string against;  // a digest; "": none
     bool reseal = false;
     bool strict = false;
-    bool machine = false;                 // the machine's policies, too
-    std::string name;                     // of a file of policies
-    std::vector<std::string> policyDirs;  // instead of the machine's
-    std::string backup;                   // a file; "": none
+    bool machine = false;                  // the machine's policies, too
+    std::string name;                      // of a file of policies
+    std::vector<std::string> policyDirs;   // instead of the machine's
+    std::vector<std::string> policyFiles;  // as if they were the machine's, too
+    std::string backup;                    // a file; "": none
     bool fileGiven = false;
     std::string since;  // a point in time, as typed; "": none
     std::string by;     // a program, a unit or a uid; "": any
