@@ -74,6 +74,7 @@ public:
     Carried prepare(std::vector<Entry> entries) {
         settle();
         mPrepared = Prepared();
+        mPrepared.before = mLast;
         mPrepared.isOut = true;
         Carried carried;
         if (!mayWrite() || (!compose(entries) && !(ensureKey() && compose(entries)))) {
@@ -84,6 +85,7 @@ public:
         carried.seq = mPrepared.before.seq + 1;
         carried.slot = static_cast<int>(mNextSlot);
         carried.text = mUncarried + mPrepared.lines;
+        mUnwritten.reserve(mUnwritten.size() + mPrepared.lines.size());  // once the commit is made nothing may fail
         return carried;
     }
 
@@ -198,8 +200,10 @@ private:
         mWake.notify_one();
     }
 
+    // The same may be found again at each try to open the file.
     void noteProblem(const CurrentFile::Found& found) {
-        if (!found.damage.empty()) mDamages.push_back(damageEntry(found.damage));
+        const bool isNews = !found.damage.empty() && (mDamages.empty() || mDamages.back().why != found.damage);
+        if (isNews) mDamages.push_back(damageEntry(found.damage));
         if (!found.problem.empty()) mWhy = found.problem;
     }
 
@@ -257,8 +261,8 @@ private:
                mUnwritten.size() < kWaitingBytesMax;
     }
 
-    // The next line of the chain, or "".
-    std::string lineOf(Entry& entry) {
+    // The next line of the chain, and where the chain ends with it; or "".
+    std::string lineOf(Entry& entry, Head& end) {
         fill(entry);
         entry.seq = mLast.seq + 1;
         entry.ring = mKey;
@@ -266,8 +270,9 @@ private:
         try {
             if (mKey.empty()) return "";
             std::string line = sealedLine(entry, mOptions.digest);
-            if (!line.empty()) mLast = {entry.seq, lineDigest(line)};
-            return line.empty() ? line : line + "\n";
+            if (line.empty()) return "";
+            end = {entry.seq, lineDigest(line)};
+            return line += '\n';
         } catch (const LibraryFailure& failure) {
             mWhy = failure.what();
             return "";
@@ -275,11 +280,14 @@ private:
     }
 
     bool seal(Entry& entry) {
-        std::string line = lineOf(entry);
-        if (line.empty() && ensureKey()) line = lineOf(entry);
+        Head end;
+        std::string line = lineOf(entry, end);
+        if (line.empty() && ensureKey()) line = lineOf(entry, end);
         if (line.empty()) return false;
+        mUncarried.reserve(mUncarried.size() + line.size());  // all of what follows, or nothing
         mUnwritten += line;
         mUncarried += line;
+        mLast = std::move(end);
         ++mUnwrittenCount;
         return true;
     }
@@ -309,7 +317,7 @@ private:
         mPrepared.before = mLast;
         for (Entry& entry : entries) {
             if (entries.size() > 1 && entry.cause == 0) entry.cause = mPrepared.before.seq + 1;
-            const std::string line = lineOf(entry);
+            const std::string line = lineOf(entry, mLast);
             mPrepared.lines += line;
             ++mPrepared.count;
             if (!line.empty() && mPrepared.lines.size() <= kSlotBytesMax) continue;
@@ -536,7 +544,12 @@ Opening Writer::open(const std::vector<std::string>& slots) {
 Carried Writer::prepare(std::vector<Entry> entries) {
     if (mState->isForked()) return {};
     const auto lock = mState->lock();
-    return mState->prepare(std::move(entries));
+    try {
+        return mState->prepare(std::move(entries));
+    } catch (...) {  // memory ran out
+        mState->drop();
+        throw;
+    }
 }
 
 void Writer::confirm() {

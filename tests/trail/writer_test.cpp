@@ -189,6 +189,8 @@ TEST_F(WriterTest, AFullDiskStopsNobodyAndTheGapIsTold) {
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &full), 0);
     const std::string longKey(60000, 'k');
     for (int i = 0; i < 100; ++i) commit(writer, {entryOf("SET_SECURE", longKey)});
+    (void)writer.prepare({entryOf("SET_SECURE", "dropped")});
+    writer.drop();
     const WriterStatus status = writer.status();
     EXPECT_GT(status.waiting, 50u);
     EXPECT_EQ(status.waiting + status.lost, 100u);
@@ -225,6 +227,11 @@ TEST_F(WriterTest, AFileThatCantBeOpenedYetIsGoneOnWithOnceItCan) {
     commit(writer, {entryOf("SET_SECURE", "d")});
     EXPECT_THAT(storyOf(mFolder.path()), ElementsAre("SET_SECURE a", "SET_SECURE b", "SET_SECURE c", "SET_SECURE d"));
     EXPECT_EQ(problem(), "");
+    fs::rename(path(), path("away"));
+    fs::create_directory(path());
+    test::putContent(path(kTornFile), "in its way");
+    for (int i = 0; i < 3; ++i) (void)writer.append(entryOf("REFUSED"));
+    EXPECT_EQ(writer.status().waiting, 3u + 1) << "each try finds the same damage";
 }
 
 TEST_F(WriterTest, EntriesWaitForTheRingAndOutliveItsKey) {
