@@ -13,13 +13,18 @@ namespace {
 
 struct OpenSslApi {
     const SharedLibrary library{OPENSSL_SONAME};
-    LOADED(library, EVP_sha256);
+    LOADED(library, EVP_MD_fetch);
     LOADED(library, EVP_Digest);
 };
 
 const OpenSslApi& openssl() {
     static const OpenSslApi sApi;
     return sApi;
+}
+
+const EVP_MD* fetchSha256() {
+    if (const EVP_MD* const sha256 = openssl().EVP_MD_fetch(nullptr, "SHA256", nullptr)) return sha256;
+    throw LibraryFailure("libcrypto has no SHA-256");
 }
 
 constexpr std::string_view kHeadBeginning = "trail-1-";
@@ -60,8 +65,8 @@ std::string lineDigest(std::string_view line) {
     static constexpr char kHex[] = "0123456789abcdef";
     std::array<unsigned char, EVP_MAX_MD_SIZE> bytes{};
     unsigned size = 0;
-    const OpenSslApi& api = openssl();
-    if (api.EVP_Digest(line.data(), line.size(), bytes.data(), &size, api.EVP_sha256(), nullptr) != 1)
+    static const EVP_MD* const sSha256 = fetchSha256();  // to look for it takes as long as a line's digest
+    if (openssl().EVP_Digest(line.data(), line.size(), bytes.data(), &size, sSha256, nullptr) != 1)
         throw LibraryFailure("libcrypto makes no SHA-256");
     std::string text;
     text.reserve(kLineDigits);

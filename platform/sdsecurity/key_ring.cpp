@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <ctime>
 #include <iterator>
+#include <memory>
 
 #include "platform/sdsecurity/crypto.h"
 #include "platform/sdsecurity/hex.h"
@@ -26,7 +27,6 @@ constexpr std::string_view kDigestLabel = "sdsecurity digest v1";
 
 constexpr std::size_t kIdDigits = 2 * kKeyIdSize;
 constexpr std::size_t kKeyDigits = 2 * kKeySize;
-constexpr std::size_t kDigestSize = 32;
 constexpr std::size_t kSumLine = kSum.size() + 2 * kDigestSize + 1;
 constexpr std::size_t kMaxVersion = 32;
 constexpr std::size_t kMaxLine = 160;  // of a key, with all its fields at their longest
@@ -55,23 +55,77 @@ Digest derived(std::string_view label, const SecretBytes& secret) {
     return digest;
 }
 
-// HMAC-SHA256 of the text, under a key that is derived from key material.
-Digest keyed(std::string_view label, const SecretBytes& material, std::string_view text) {
-    Digest secret = derived(label, material);
-    Digest sum{};
-    const bool done = openssl().HMAC(openssl().EVP_sha256(), secret.data(), static_cast<int>(secret.size()),
-                                     reinterpret_cast<const unsigned char*>(text.data()), text.size(), sum.data(),
-                                     nullptr) != nullptr;
-    openssl().OPENSSL_cleanse(secret.data(), secret.size());
-    demand(done);
-    return sum;
+// The same as a key.
+SecretBytes derivedKey(std::string_view label, const SecretBytes& secret, std::size_t size) {
+    Digest digest = derived(label, secret);
+    SecretBytes key(digest.begin(), digest.begin() + size);
+    openssl().OPENSSL_cleanse(digest.data(), digest.size());
+    return key;
 }
+
+const EVP_MD* fetchSha256() {
+    const EVP_MD* const sha256 = openssl().EVP_MD_fetch(nullptr, "SHA256", nullptr);
+    demand(sha256 != nullptr);
+    return sha256;
+}
+
+// HMAC-SHA256 of a text that comes in pieces, none of which is kept. OpenSSL's own looks for both algorithms by their
+// names each time, which takes longer than the digest of a line.
+class Hmac {
+public:
+    // secret: of kDigestSize bytes; it has to outlive this.
+    explicit Hmac(const unsigned char* secret) : mSecret(secret) {
+        demandCrypto();
+        mContext.reset(openssl().EVP_MD_CTX_new());
+        demand(mContext != nullptr);
+        begin(0x36);
+    }
+
+    void add(std::string_view text) { add(text.data(), text.size()); }
+
+    Digest take() {
+        const Digest inner = end();
+        begin(0x5c);
+        add(inner.data(), inner.size());
+        return end();
+    }
+
+private:
+    // With a block of SHA-256: the secret, and zeros behind it, with each byte changed.
+    void begin(unsigned char pad) {
+        static const EVP_MD* const sSha256 = fetchSha256();
+        std::array<unsigned char, 64> block{};
+        std::copy_n(mSecret, kDigestSize, block.begin());
+        for (unsigned char& byte : block) byte ^= pad;
+        const bool isBegun = openssl().EVP_DigestInit_ex2(mContext.get(), sSha256, nullptr) == 1 &&
+                             openssl().EVP_DigestUpdate(mContext.get(), block.data(), block.size()) == 1;
+        openssl().OPENSSL_cleanse(block.data(), block.size());
+        demand(isBegun);
+    }
+    void add(const void* bytes, std::size_t size) {
+        demand(openssl().EVP_DigestUpdate(mContext.get(), bytes, size) == 1);
+    }
+    Digest end() {
+        Digest digest{};
+        demand(openssl().EVP_DigestFinal_ex(mContext.get(), digest.data(), nullptr) == 1);
+        return digest;
+    }
+
+    struct Free {
+        void operator()(EVP_MD_CTX* context) const { openssl().EVP_MD_CTX_free(context); }
+    };
+    const unsigned char* const mSecret;
+    std::unique_ptr<EVP_MD_CTX, Free> mContext;
+};
 
 // Over a ring's text up to here, under all its keys: what was damaged or edited by hand shows.
 Digest sumOf(const KeyRing& ring, std::string_view text) {
     SecretBytes all;
     for (const Key& key : ring.keys) all.insert(all.end(), key.bytes.begin(), key.bytes.end());
-    return keyed(kSumLabel, all, text);
+    const SecretBytes secret = derivedKey(kSumLabel, all, kDigestSize);
+    Hmac sum(secret.data());
+    sum.add(text);
+    return sum.take();
 }
 
 bool isPlainFirst(const KeyRing& ring) {
@@ -203,9 +257,8 @@ Key keyOf(SecretBytes bytes) {
     Key key;
     const Digest id = derived(kIdLabel, bytes);
     std::copy_n(id.begin(), key.id.size(), key.id.begin());
-    Digest mark = derived(kRowMarkLabel, bytes);
-    key.rowMarkKey.assign(mark.begin(), mark.begin() + kRowMarkKeySize);
-    openssl().OPENSSL_cleanse(mark.data(), mark.size());
+    key.rowMarkKey = derivedKey(kRowMarkLabel, bytes, kRowMarkKeySize);
+    key.digestKey = derivedKey(kDigestLabel, bytes, kDigestSize);
     key.bytes = std::move(bytes);
     return key;
 }
@@ -221,14 +274,13 @@ Key makeKey() {
 }
 
 std::string digestUnder(const Key& key, const std::vector<std::string_view>& texts) {
-    SecretBytes framed;  // values are among them
+    Hmac digest(key.digestKey.data());
     for (const std::string_view text : texts) {
-        append(framed, std::to_string(text.size()));
-        append(framed, " ");
-        append(framed, text);
+        digest.add(std::to_string(text.size()) + " ");
+        digest.add(text);
     }
     std::string digits;
-    appendHex(keyed(kDigestLabel, key.bytes, viewOf(framed)), digits);
+    appendHex(digest.take(), digits);
     return digits;
 }
 

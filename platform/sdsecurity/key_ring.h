@@ -35,6 +35,7 @@ constexpr std::size_t kKeySize = 32;
 constexpr std::size_t kNonceSize = 12;  // this and the tag: of AES-256-GCM
 constexpr std::size_t kTagSize = 16;
 constexpr std::size_t kRowMarkKeySize = 16;
+constexpr std::size_t kDigestSize = 32;  // of SHA-256
 using KeyId = std::array<unsigned char, kKeyIdSize>;
 using KeyState = SDSecurity::KeyState;
 std::string toHex(const KeyId& id);
@@ -45,6 +46,7 @@ struct Key {
     KeyId id{};              // computed from the bytes, so a damaged key is noticed when its line is read
     SecretBytes bytes;       // kKeySize of them
     SecretBytes rowMarkKey;  // derived from them, kRowMarkKeySize
+    SecretBytes digestKey;   // and this, kDigestSize
     KeyState state = KeyState::Opening;
     std::int64_t made = 0;  // UTC seconds; 0: not known
     std::string version;    // of this library, when it made the key; "": not known

@@ -4,7 +4,6 @@
 #include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
-#include <openssl/hmac.h>
 
 #include "base/shared_library.h"
 
@@ -19,7 +18,12 @@ struct OpenSslApi {
     LOADED(library, ERR_clear_error);
     LOADED(library, EVP_sha256);
     LOADED(library, EVP_Digest);
-    LOADED(library, HMAC);
+    LOADED(library, EVP_MD_fetch);
+    LOADED(library, EVP_MD_CTX_new);
+    LOADED(library, EVP_MD_CTX_free);
+    LOADED(library, EVP_DigestInit_ex2);
+    LOADED(library, EVP_DigestUpdate);
+    LOADED(library, EVP_DigestFinal_ex);
     LOADED(library, EVP_PBE_scrypt);
     LOADED(library, CRYPTO_memcmp);
     LOADED(library, EVP_EncodeBlock);
