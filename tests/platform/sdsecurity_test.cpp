@@ -75,6 +75,8 @@ const std::string kRing2 =
     "dc4bc7547e35e387 opening - - 000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f\n"
     "07f9fd67daa9576e sealing 1764100000 1.1.0 202122232425262728292a2b2c2d2e2f303132333435363738393a3b3c3d3e3f\n"
     "sum 94c7530d7d086ea1cf48256980de80cf9ea20ab07b601b7319e32735044ed885\n";
+// hmac.new(hashlib.sha256(b"sdsecurity digest v1" + K).digest(), b"1 a4 b\0cd", "sha256"):
+const std::string kDigest = "a46f3c55eb51bc5f8b87afa7b59878e7a21872bc7fab4b48ef88572f3bb3ac71";
 const std::string kSecret = "top secret";
 
 // The n-th allocation from here on that OpenSSL makes fails; 0: none does.
@@ -148,6 +150,7 @@ TEST_F(SecurityTest, KeepsTheFormatOfValuesSealedBefore) {
     writeRing(kRing);
     EXPECT_EQ(open(kEnvelope), kPlain);
     EXPECT_EQ(open(kEnvelopeOfNothing), "");
+    EXPECT_EQ(sd::SDSecurity::DigestUnderKey(kFirstLine.substr(0, 16), {"a", std::string_view("b\0cd", 4)}), kDigest);
     std::string all;
     for (int byte = 0; byte < 256; ++byte) all.push_back(static_cast<char>(byte));
     for (const std::string& plain : {std::string(), kPlain, all, std::string(1 << 20U, 'x')}) {
