@@ -2,6 +2,7 @@
 
 #include "sql/SQLiteDatabase.h"
 #include "sql/SQLiteStatement.h"
+#include "trail/writer.h"
 
 namespace sd {
 
@@ -22,7 +23,8 @@ std::vector<std::string> TrailSlots::read() {
     mHasTable = table.prepare() == 0 && table.step() == SQLiteStatement::kRow;
     table.finalize();
     std::vector<std::string> slots;
-    SQLiteStatement rows(mDatabase, std::string("SELECT value FROM ") + kTrailTable);
+    SQLiteStatement rows(mDatabase, std::string("SELECT value FROM ") + kTrailTable + " WHERE id>=0 AND id<" +
+                                        std::to_string(trail::kSlots));
     if (!mHasTable || rows.prepare() != 0) return slots;
     while (rows.step() == SQLiteStatement::kRow) slots.push_back(rows.getColumnText(0));
     rows.finalize();

@@ -19,6 +19,8 @@ namespace {
 
 // How far from the end the last sound line is looked for. No crash leaves more behind it than was written in a moment.
 constexpr std::uint64_t kTailBytesMax = std::uint64_t{16} << 20;
+// No entry is shorter than its time and its digests: millions of such lines are passed over in no time.
+constexpr std::size_t kLineBytesMin = 128;
 
 struct LastLine {
     Head head;
@@ -64,7 +66,8 @@ private:
         const std::string_view text = std::string_view(mBytes).substr(begin);
         LastLine found;
         std::string problem;
-        if (parseLine(text, found.entry, problem) && isAttested(text, found.entry, mDigest) != false) {
+        if (text.size() >= kLineBytesMin && parseLine(text, found.entry, problem) &&
+            isAttested(text, found.entry, mDigest) != false) {
             found.head = {found.entry.seq, lineDigest(text)};
             found.end = mBlocks->place() + mBytes.size() + 1;
             return found;

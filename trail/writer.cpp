@@ -244,6 +244,7 @@ private:
             ++mUnwrittenCount;
             ++opening.putBack;
             opening.wasEnded = line.entry.what == "END";
+            opening.isNew = false;
         }
         for (Entry& damage : findings.damages) mDamages.push_back(std::move(damage));
     }

@@ -119,6 +119,12 @@ TEST_F(WriterTest, WhatAPowerCutTookFromTheFileComesFromTheSlots) {
         EXPECT_EQ(found, story) << size;
         EXPECT_EQ(problem(), "") << size;
     }
+    // A file that is gone was there all the same.
+    fs::remove(path());
+    {
+        Writer writer(options());
+        EXPECT_FALSE(open(writer).isNew);
+    }
     // More than that no power cut takes: somebody did.
     test::putContent(path(), whole.substr(0, whole.find('\n') + 1));
     Writer writer(options());
