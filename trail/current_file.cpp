@@ -142,7 +142,7 @@ bool CurrentFile::isOurs() const {
            named.st_dev == mDevice && static_cast<std::uint64_t>(named.st_size) == mSize;
 }
 
-std::string CurrentFile::append(std::string_view lines) {
+std::string CurrentFile::append(std::string_view lines, std::size_t& appended) {
     std::size_t done = 0;
     while (done < lines.size()) {  // once, but for a disk that is about to be full
         const ssize_t written = ::write(mFile->get(), lines.data() + done, lines.size() - done);
@@ -150,13 +150,11 @@ std::string CurrentFile::append(std::string_view lines) {
         if (written <= 0) break;
         done += static_cast<std::size_t>(written);
     }
-    if (done == lines.size()) {
-        mSize += done;
-        return "";
-    }
-    std::string problem = reasonOf("trail.jsonl can't be written", errno);
+    std::string problem = done < lines.size() ? reasonOf("trail.jsonl can't be written", errno) : "";
+    appended = done == 0 ? 0 : lines.rfind('\n', done - 1) + 1;
+    mSize += appended;
     // A part of a line is cut away now, or by the next opening.
-    if (done > 0 && ::ftruncate(mFile->get(), static_cast<off_t>(mSize)) != 0) close();
+    if (done > appended && ::ftruncate(mFile->get(), static_cast<off_t>(mSize)) != 0) close();
     return problem;
 }
 

@@ -38,8 +38,9 @@ public:
     bool isOurs() const;
     std::uint64_t size() const { return mSize; }
 
-    // Appends all or nothing, in one call. "" when it did, else why not.
-    std::string append(std::string_view lines);
+    // Appends the lines, or as many of them as there is room for; `appended`: their bytes. "" when that is all, else
+    // why not.
+    std::string append(std::string_view lines, std::size_t& appended);
 
     // For a thread that syncs it meanwhile.
     std::shared_ptr<UniqueFd> handle() const { return mFile; }

@@ -387,14 +387,30 @@ private:
     void write() {
         if (mUnwritten.empty()) return;
         if (!mFile.isOurs() && !reopen()) return;
-        if (std::string problem = mFile.append(mUnwritten); !problem.empty()) {
+        std::size_t appended = 0;
+        if (std::string problem = mFile.append(mUnwritten, appended); !problem.empty()) {
             mWhy = std::move(problem);
             mWake.notify_one();
-            return;
         }
-        mUnwritten.clear();
-        mUnwrittenCount = 0;
-        mWritten = mLast;
+        if (appended > 0) noteWritten(appended);
+    }
+
+    static Head endOf(std::string_view lines) {
+        lines.remove_suffix(1);
+        const std::string_view last = lines.substr(lines.rfind('\n') + 1);
+        Entry entry;
+        std::string problem;
+        (void)parseLine(last, entry, problem);
+        return {entry.seq, lineDigest(last)};
+    }
+
+    // So many bytes of the lines are in the file now.
+    void noteWritten(std::size_t bytes) {
+        const std::string_view lines = std::string_view(mUnwritten).substr(0, bytes);
+        const auto count = static_cast<std::uint64_t>(std::count(lines.begin(), lines.end(), '\n'));
+        mWritten = bytes == mUnwritten.size() ? mLast : endOf(lines);
+        mUnwritten.erase(0, bytes);
+        mUnwrittenCount -= count;
         if (!mNeedsSync && !mIsEnding) {
             mNeedsSync = true;
             mWake.notify_one();
