@@ -31,6 +31,7 @@ public:
         report.policies = cli::MachineTable({{text(), {"", 1}, report.machine->reading.files[0].path, 1, ""}});
         report.propertyFiles.push_back({text(), false, true, {{text(), text(), 1}}});
         for (const cli::ReportedKey& one : report.keys) report.names.insert(cli::nameOf(one.key, one.isProperty));
+        if (report.whatIf) report.names.insert(cli::nameOf(report.whatIf->changes.front().key, false));
         const auto first = report.keys.empty() ? std::nullopt : std::optional(report.keys.front());
         const auto linked = first ? std::optional(first->key) : std::nullopt;
         report.trail.push_back({7, text(), text(), mInput.ConsumeBool(), linked, first && first->isProperty, text()});
@@ -88,8 +89,8 @@ std::string tagsOf(const std::string& page) {
     std::string tags;
     for (std::size_t at = page.find('<', page.find("<body")); at != std::string::npos; at = page.find('<', at + 1)) {
         const std::string tag = page.substr(at, page.find('>', at) - at);
-        const std::size_t name = std::min(tag.find(" id=k:"), std::min(tag.find(" id=p:"), tag.find(" href=#")));
-        tags += tag.compare(0, 2, "<a") == 0 ? tag.substr(0, 2) : tag.substr(0, name);
+        const bool isNamed = tag.compare(0, 7, "<tr id=") == 0 || tag.compare(0, 2, "<a") == 0;
+        tags += isNamed ? tag.substr(0, tag.find('=')) : tag;
         if (tag == "<script") break;  // whose text is ours
     }
     return tags;
