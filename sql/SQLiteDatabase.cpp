@@ -6,6 +6,7 @@
 
 #include "platform/velmarlog/log_line.h"
 #include "sql/SQLiteStatement.h"
+#include "sql/SQLiteTransaction.h"
 #include "sql/sqlite_api.h"
 
 namespace sd::data {
@@ -86,6 +87,11 @@ bool SQLiteDatabase::executeCommand(const std::string& sql) {
 bool SQLiteDatabase::isDetached() const {
     int moved = 0;  // SQLite looks at the path anew, and compares what stands there with the file that it has open
     return mHandle && sqlite().fileControl(mHandle, nullptr, SQLITE_FCNTL_HAS_MOVED, &moved) == SQLITE_OK && moved != 0;
+}
+
+bool SQLiteDatabase::isWritable() {
+    // The first tells of the database's own file, the lock of its log's.
+    return mHandle && sqlite().dbReadonly(mHandle, "main") == 0 && SQLiteTransaction(*this).isActive();
 }
 
 int SQLiteDatabase::close() {

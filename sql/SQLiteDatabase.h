@@ -35,6 +35,10 @@ public:
     // written to it then is gone when the path is opened again.
     bool isDetached() const;
 
+    // Whether this connection can write: where descriptors run out SQLite opens a file, or its log, for reading alone,
+    // and leaves it so. Takes the write lock for that, and gives it back; writes nothing.
+    bool isWritable();
+
     struct Tuning {
         int cacheKiB;  // of pages in memory
         int logPages;  // from which on a commit moves the log to the database; fewer, and more commits take a little

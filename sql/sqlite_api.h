@@ -14,6 +14,7 @@ struct SqliteApi {
     LOADED_AS(busyHandler, library, sqlite3_busy_handler);
     LOADED_AS(busyTimeout, library, sqlite3_busy_timeout);
     LOADED_AS(fileControl, library, sqlite3_file_control);
+    LOADED_AS(dbReadonly, library, sqlite3_db_readonly);
     LOADED_AS(exec, library, sqlite3_exec);
     LOADED_AS(getAutocommit, library, sqlite3_get_autocommit);
     LOADED_AS(errmsg, library, sqlite3_errmsg);

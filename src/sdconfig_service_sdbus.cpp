@@ -58,6 +58,11 @@ void SDConfigService::SetAuditedReads(std::vector<std::string> patterns) {
     trailSettings().auditedReads = std::move(patterns);
 }
 
+bool SDConfigService::CanStore() {
+    return SDConfigImpl::GetInstance()->isWritable() &&
+           SDConfigDmHelper::GetInstance().sealedTable().database().isWritable();
+}
+
 SDConfigService* SDConfigService::GetInstance() {
     static SDConfigServiceImpl instance;
     return &instance;

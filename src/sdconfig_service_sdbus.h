@@ -24,6 +24,10 @@ public:
     // letter case, is in the trail before it is answered.
     static void SetAuditedReads(std::vector<std::string> patterns);
 
+    // Whether the stores' own connections can write, from the first GetInstance on. Where memory or descriptors ran out
+    // when they opened their files they can't, and stay so: a host does well not to serve then.
+    static bool CanStore();
+
     virtual ~SDConfigService();
 
     // Registers the service under "sdconfig"; from then on calls are answered, on the bus layer's own thread. Whether

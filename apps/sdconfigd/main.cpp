@@ -317,7 +317,8 @@ int serve(HeldFolder& folder, const sigset_t& endSignals) {
     SDBusSerivceManager& bus = *SDBusSerivceManager::initSync(-1);
     sd::SDConfigService* const service = sd::SDConfigService::GetInstance();
     std::string problem = folder.preflight().checkTables();
-    if (problem.empty()) problem = Preflight::checkStores();
+    if (problem.empty() && !sd::SDConfigService::CanStore())
+        problem = "a database could not be opened for writing; were memory and descriptors short?";
     folder.preflight().close();
     if (!problem.empty()) return fail(problem);
     const bool buildProp = mayHaveBuildProp();

@@ -127,16 +127,3 @@ std::string Preflight::checkTables() {
     }
     return "";
 }
-
-std::string Preflight::checkStores() {
-    for (sqlite3* const store : {sd::SDConfigImpl::GetInstance()->handle(),
-                                 sd::SDConfigDmHelper::GetInstance().sealedTable().database().handle()}) {
-        const auto run = [store](const char* sql) {
-            return sqlite3_exec(store, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
-        };
-        // The first tells of the database's own file, the lock that a write takes of its log's. Nothing is written.
-        if (!store || sqlite3_db_readonly(store, "main") != 0 || !run("BEGIN IMMEDIATE") || !run("ROLLBACK"))
-            return "a database could not be opened for writing; were memory and descriptors short?";
-    }
-    return "";
-}

@@ -25,10 +25,6 @@ public:
     // Whether the stores, once opened, have all their tables: a disk that has no room for them is told by this alone.
     std::string checkTables();
 
-    // Whether their own connections can write. Where memory or descriptors ran out when they opened them they are open
-    // for reading alone, or not at all, and stay so.
-    static std::string checkStores();
-
     void close() { mDatabases = {}; }
 
     // Whether check() left a wrapped ring that was still being opened, or can't be.
