@@ -23,6 +23,7 @@ constexpr char kTag[] = "sdconfig";
 constexpr char kSource[] = "src/sdconfig_trail_keeper";
 
 constexpr std::chrono::minutes kRingPause{1};
+constexpr std::chrono::milliseconds kLockedPause{100};
 constexpr std::uint64_t kMiB = std::uint64_t{1} << 20;
 
 SDSecurity& layer() {
@@ -206,16 +207,25 @@ void TrailKeeper::lookAtRingAgain() {
     {
         const std::lock_guard lock(mRingMutex);
         mIsRingOpen = false;
+        mNextLook = {};
         mKeyAtHand.clear();
     }
     contained("what waits", [this] { mWriter.flush(); });
 }
 
-// Whether what needs the ring need not wait for it.
+// Whether what needs the ring need not wait for it. One that is locked is not looked at for each digest.
 bool TrailKeeper::isRingOpen() {
     const std::lock_guard lock(mRingMutex);
-    if (!mIsRingOpen) mIsRingOpen = layer().OpenKeyRingAhead().state == SDSecurity::KeyRingState::Usable;
+    if (!mIsRingOpen && Clock::now() >= mNextLook) (void)lookAtRing();
     return mIsRingOpen;
+}
+
+// With mRingMutex held.
+SDSecurity::KeyRingState TrailKeeper::lookAtRing() {
+    const SDSecurity::KeyRingState state = layer().OpenKeyRingAhead().state;
+    mIsRingOpen = state == SDSecurity::KeyRingState::Usable;
+    if (state == SDSecurity::KeyRingState::Locked) mNextLook = Clock::now() + kLockedPause;
+    return state;
 }
 
 // The layer would tell in the log of a key that isn't.
@@ -242,12 +252,11 @@ std::string TrailKeeper::digestOf(const std::string& key, const std::string& val
 
 // Not in a folder that isn't ours any more, where the databases aren't written, either.
 void TrailKeeper::makeRing() {
-    if (isRingOpen()) return;
     const std::lock_guard lock(mRingMutex);
+    if (mIsRingOpen || lookAtRing() != SDSecurity::KeyRingState::Absent) return;
     const bool isInPlace = std::none_of(mSlots.begin(), mSlots.end(),
                                         [](const TrailSlots& slots) { return slots.database().isDetached(); });
     if (!isInPlace || Clock::now() < mNextRingTry) return;
-    if (layer().OpenKeyRingAhead().state != SDSecurity::KeyRingState::Absent) return;
     if (layer().FastEncrypt("trail").empty()) mNextRingTry = Clock::now() + kRingPause;
 }
 

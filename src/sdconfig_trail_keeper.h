@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/sdsecurity/sdsecurity.h"
 #include "src/sdconfig_came.h"
 #include "src/sdconfig_trail_slots.h"
 #include "trail/entry.h"
@@ -94,6 +95,7 @@ private:
     TrailSlots* slotsOf(const data::SQLiteDatabase& database);
     void makeRing();
     bool isRingOpen();
+    SDSecurity::KeyRingState lookAtRing();
     bool isAtHand(const std::string& keyId);
     std::string digestUnder(const std::string& keyId, const std::vector<std::string_view>& texts);
 
@@ -104,6 +106,7 @@ private:
 
     std::mutex mRingMutex;  // of what follows
     bool mIsRingOpen = false;
+    Clock::time_point mNextLook{};     // not before, where it is locked
     std::string mKeyAtHand;            // the id of one that digests
     Clock::time_point mNextRingTry{};  // not before, where making a ring failed
 
