@@ -6,10 +6,12 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdio>
+#include <iterator>
 #include <stdexcept>
 #include <string_view>
 #include <vector>
 
+#include "trail/blocks.h"
 #include "trail/entry.h"
 #include "trail/files.h"
 #include "trail/packed.h"
@@ -22,8 +24,17 @@ std::string partName(const std::string& rotated) {
     return packedName(rotated) + ".part";
 }
 
-std::size_t dropped(const std::vector<RotatedFile>& files, int keep) {
-    return files.size() - std::min(files.size(), static_cast<std::size_t>(std::max(keep, 1)));
+// The name of the file before this one, as its first line has it; "" where it has none.
+std::string nameBefore(int folder, const RotatedFile& file) {
+    const OpenedFile opened = openFile(folder, file.name, O_RDONLY);
+    if (!opened.file) return "";
+    const int number = opened.file.get();
+    const std::string block = (file.isPacked ? packedBlocks(number) : plainBlocks(number))->next();
+    Entry entry;
+    std::string problem;
+    const bool isRotation =
+        parseLine(std::string_view(block).substr(0, block.find('\n')), entry, problem) && entry.what == "ROTATE";
+    return isRotation ? entry.file : "";
 }
 
 }  // namespace
@@ -94,18 +105,28 @@ bool Packer::giveUp() {
     return true;
 }
 
-void dropOldest(int folder, int keep) {
+std::uint64_t oldestKept(int folder, const std::string& newest, int keep) {
     const std::vector<RotatedFile> files = listRotated(folder);
-    for (std::size_t i = 0; i < dropped(files, keep); ++i) {
-        const std::string name = rotatedName(files[i].first);
+    const auto named = [](const std::string& name) {
+        return [&name](const RotatedFile& file) { return rotatedName(file.first) == name; };
+    };
+    auto file = std::find_if(files.rbegin(), files.rend(), named(newest));
+    if (file == files.rend()) return 0;
+    for (int kept = 1; kept < keep && std::next(file) != files.rend(); ++kept) {
+        const std::string name = nameBefore(folder, *file);
+        const auto before = std::find_if(std::next(file), files.rend(), named(name));
+        file = before == files.rend() ? std::next(file) : before;  // it names none, or one that is gone
+    }
+    return file->first;
+}
+
+void dropBefore(int folder, std::uint64_t oldest) {
+    for (const RotatedFile& file : listRotated(folder)) {
+        if (file.first >= oldest) break;
+        const std::string name = rotatedName(file.first);
         for (const std::string& form : {name, packedName(name), partName(name)})
             (void)::unlinkat(folder, form.c_str(), 0);
     }
-}
-
-std::uint64_t oldestKept(int folder, int keep) {
-    const std::vector<RotatedFile> files = listRotated(folder);
-    return files.empty() ? 0 : files[dropped(files, keep)].first;
 }
 
 }  // namespace sd::trail

@@ -34,9 +34,10 @@ private:
     std::uint64_t mPlace = 0;
 };
 
-// Removes the oldest rotated files but for the newest `keep`, in any form.
-void dropOldest(int folder, int keep);
-// Number of the oldest entry that is there after that; 0: no file is.
-std::uint64_t oldestKept(int folder, int keep);
+// Number of the oldest rotated file that is kept: of `keep` of them, the newest among them. A file's first line names
+// the one before it, so that a file which somebody put between them takes nobody's place.
+std::uint64_t oldestKept(int folder, const std::string& newest, int keep);
+// Removes the rotated files before that one, in any form.
+void dropBefore(int folder, std::uint64_t oldest);
 
 }  // namespace sd::trail

@@ -500,12 +500,13 @@ private:
             return;
         }
         mIsRotated = true;
-        entry.oldest = oldestKept(mFolder.get(), mOptions.keep);
+        entry.oldest = oldestKept(mFolder.get(), entry.file, mOptions.keep);
+        const std::uint64_t oldest = entry.oldest;
         if (!seal(entry)) return;
         write();
         if (!syncAll()) return;
         (void)::fsync(mFolder.get());
-        dropOldest(mFolder.get(), mOptions.keep);
+        dropBefore(mFolder.get(), oldest);
         mPacker.look();
         mIsPacking = true;
     }

@@ -280,6 +280,7 @@ TEST_F(WriterTest, RotationsKeepTheChainAndDropTheOldest) {
     WriterOptions small = options();
     small.bytesMax = 20000;
     std::uint64_t last = 0, followed = 0;
+    std::vector<std::string> planted;  // by somebody who wants the others dropped
     {
         Writer writer(small);
         open(writer);
@@ -291,11 +292,14 @@ TEST_F(WriterTest, RotationsKeepTheChainAndDropTheOldest) {
                 EXPECT_EQ(line.problem, "");
                 EXPECT_EQ(line.entry.seq, ++followed);
             }
+            for (int i = 1; i <= 4 && round == 7; ++i) planted.push_back(path(rotatedName(followed - i)));
+            for (const std::string& name : planted) test::putContent(name, "");
         }
         last = writer.status().head.seq;
         for (int i = 0; i < 1000 && !isAllPacked(); ++i) ::usleep(10000);
     }
     EXPECT_EQ(followed, last);
+    for (const std::string& name : planted) fs::remove(name), fs::remove(packedName(name));
     const std::vector<RotatedFile> files = rotated();
     ASSERT_EQ(files.size(), 4u);
     EXPECT_TRUE(isAllPacked());
