@@ -58,6 +58,9 @@ bool TrailSettings::isAudited(const std::string& key) const {
 class TrailKeeper::Carried : public data::SQLiteWitness {
 public:
     Carried(TrailKeeper& keeper, const Entries& entries) : mKeeper(keeper), mEntries(entries) {}
+    ~Carried() override { Carried::afterCommit(false); }  // where an exception came in between
+    Carried(const Carried&) = delete;
+    Carried& operator=(const Carried&) = delete;
 
     void beforeCommit(data::SQLiteDatabase& db) override {
         mSlots = mSeq == 0 ? mKeeper.slotsOf(db) : nullptr;

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <exception>
 #include <mutex>
 #include <system_error>
 #include <thread>
@@ -53,7 +54,10 @@ public:
         mWake.notify_one();
         if (mThread.joinable()) mThread.join();
         const std::lock_guard lock(mMutex);
-        (void)syncAll();
+        try {
+            (void)syncAll();
+        } catch (const std::exception&) {  // memory ran out: what waits is lost, as with a kill
+        }
     }
 
     bool isForked() const { return ::getpid() != mProcess; }
@@ -448,14 +452,24 @@ private:
     void run() {
         std::unique_lock lock(mMutex);
         while (!mIsEnding) {
-            if (mNeedsSync) {
-                mWake.wait_for(lock, kSyncDelay, [this] { return mIsEnding || mIsHurried; });
-                if (mIsEnding) return;
-                syncBeside(lock);
-                if (mFile.size() >= mOptions.bytesMax) rotate();
+            try {
+                work(lock);
+            } catch (const std::exception&) {  // memory ran out: it is tried again, and nobody's process ends for it
+                if (!lock.owns_lock()) lock.lock();
+                mWake.wait_for(lock, kRetryDelay, [this] { return mIsEnding; });
+                mNeedsSync = true;
             }
-            mIsPacking ? packBeside(lock) : waitForWork(lock);
         }
+    }
+
+    void work(std::unique_lock<std::mutex>& lock) {
+        if (mNeedsSync) {
+            mWake.wait_for(lock, kSyncDelay, [this] { return mIsEnding || mIsHurried; });
+            if (mIsEnding) return;
+            syncBeside(lock);
+            if (mFile.size() >= mOptions.bytesMax) rotate();
+        }
+        mIsPacking ? packBeside(lock) : waitForWork(lock);
     }
 
     void waitForWork(std::unique_lock<std::mutex>& lock) {

@@ -8,10 +8,12 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <new>
 #include <thread>
 
 #include "tests/support/support.h"
@@ -279,6 +281,11 @@ TEST_F(WriterTest, MoreThanASlotTakesIsOneEntry) {
 TEST_F(WriterTest, RotationsKeepTheChainAndDropTheOldest) {
     WriterOptions small = options();
     small.bytesMax = 20000;
+    std::atomic<bool> isShortOfMemory{true};  // the writer's own thread
+    small.digest = [&, digest = mKeys.digest(), self = std::this_thread::get_id()](const auto& key, const auto& texts) {
+        if (std::this_thread::get_id() != self && isShortOfMemory.exchange(false)) throw std::bad_alloc();
+        return digest(key, texts);
+    };
     std::uint64_t last = 0, followed = 0;
     std::vector<std::string> planted;  // by somebody who wants the others dropped
     {
