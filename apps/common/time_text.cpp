@@ -72,6 +72,7 @@ std::string timeText(std::int64_t seconds) {
 std::string agoText(std::int64_t seconds, std::int64_t now) {
     if (seconds > now) return timeText(seconds);
     const std::int64_t passed = now - seconds;
+    if (passed == 0) return "just now";
     const Unit* unit = kUnits.data();
     while (passed >= unit->below) ++unit;
     const std::int64_t count = (passed + unit->seconds / 2) / unit->seconds;

@@ -73,10 +73,15 @@ std::string userOf(const sd::trail::Peer& peer) {
     return peer.uid == 0 ? ", of root" : ", of user " + std::to_string(peer.uid);
 }
 
+// A process that no manager put anywhere is in the root of the control groups.
+bool isInUnit(const sd::trail::Peer& peer) {
+    return peer.unit && *peer.unit != "/";
+}
+
 std::string callerOf(const sd::trail::Peer& peer) {
     const std::string program = peer.exe ? told(*peer.exe) : peer.name ? told(*peer.name) : "a process";
     return program + ", pid " + std::to_string(peer.pid) + userOf(peer) +
-           (peer.unit ? ", in " + told(*peer.unit) : "") + (peer.isGone ? ", which had ended" : "");
+           (isInUnit(peer) ? ", in " + told(*peer.unit) : "") + (peer.isGone ? ", which had ended" : "");
 }
 
 }  // namespace
