@@ -22,6 +22,9 @@ constexpr std::uint64_t kTailBytesMax = std::uint64_t{16} << 20;
 // No entry is shorter than its time and its digests: millions of such lines are passed over in no time.
 constexpr std::size_t kLineBytesMin = 128;
 
+// What was kept aside before, which may be a whole trail, makes room for more only when it is larger than that.
+constexpr off_t kTornBytesMax = off_t{64} << 20;
+
 struct LastLine {
     Head head;
     Entry entry;
@@ -171,8 +174,8 @@ std::string CurrentFile::rotate(std::uint64_t lastSeq, std::string& name) {
 void CurrentFile::keepTail(std::uint64_t from, std::string& damage) {
     const std::unique_ptr<Blocks> blocks = plainBlocks(mFile->get());
     blocks->setPlace(from);
-    const OpenedFile kept = openFile(mFolder, kTornFile, O_WRONLY | O_CREAT | O_TRUNC);
-    bool isKept = static_cast<bool>(kept.file);
+    const OpenedFile kept = openFile(mFolder, kTornFile, O_WRONLY | O_CREAT | O_APPEND);
+    bool isKept = kept.file && (kept.status.st_size <= kTornBytesMax || ::ftruncate(kept.file.get(), 0) == 0);
     for (std::string block = blocks->next(); isKept && !block.empty(); block = blocks->next())
         isKept = ::write(kept.file.get(), block.data(), block.size()) == static_cast<ssize_t>(block.size());
     damage = bytesText(mSize - from) + " behind the last sound line of " + kCurrentFile +

@@ -411,10 +411,14 @@ private:
     // So many bytes of the lines are in the file now.
     void noteWritten(std::size_t bytes) {
         const std::string_view lines = std::string_view(mUnwritten).substr(0, bytes);
-        const auto count = static_cast<std::uint64_t>(std::count(lines.begin(), lines.end(), '\n'));
-        mWritten = bytes == mUnwritten.size() ? mLast : endOf(lines);
+        if (bytes == mUnwritten.size()) {
+            mWritten = mLast;
+            mUnwrittenCount = 0;
+        } else {
+            mWritten = endOf(lines);
+            mUnwrittenCount -= static_cast<std::uint64_t>(std::count(lines.begin(), lines.end(), '\n'));
+        }
         mUnwritten.erase(0, bytes);
-        mUnwrittenCount -= count;
         if (!mNeedsSync && !mIsEnding) {
             mNeedsSync = true;
             mWake.notify_one();
