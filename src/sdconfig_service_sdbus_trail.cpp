@@ -173,7 +173,11 @@ bool SDConfigInterface::eraseAllPolicies(const Call& call) {
         if (call.policies.isStored(*changes.back().entry.key)) changes.pop_back();
         std::vector<trail::Entry> told;
         told.reserve(changes.size());
-        if (*whole.entry.count > kDeletedMost) return std::vector{mTrail->entryOf(whole)};
+        if (*whole.entry.count > kDeletedMost) {
+            trail::Entry all = mTrail->entryOf(whole);
+            all.came = came::kChanged;
+            return std::vector{std::move(all)};
+        }
         for (const TrailChange& change : changes) told.push_back(mTrail->entryOf(change));
         if (told.empty()) {
             whole.entry.came = came::kFailed;

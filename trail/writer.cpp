@@ -336,7 +336,11 @@ private:
 
     // One line for more than a slot takes.
     bool composeCount(std::vector<Entry>& entries) {
+        const std::string came = entries.front().came;
+        const bool isAlike =
+            std::all_of(entries.begin(), entries.end(), [&](const Entry& one) { return one.came == came; });
         Entry all = std::move(entries.front());
+        if (!isAlike) all.came.clear();
         all.key.reset();
         all.oldDigest.clear();
         all.newDigest.clear();

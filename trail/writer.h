@@ -81,7 +81,8 @@ public:
 
     // Makes the lines of the entries of one commit, and sets what of an entry is 0 or "" and the writer's: seq, the
     // times, ring, before and mac; and, where they are several, `cause` to the first. Entries that come meanwhile wait.
-    // More than kSlotBytesMax of lines become one entry, the first without its key and digests, with their count.
+    // More than kSlotBytesMax of lines become one entry, the first without its key and digests, with their count;
+    // `came` only where it is the same for all.
     Carried prepare(std::vector<Entry> entries);
     void confirm();  // the commit was made: the lines go into the file
     void drop();     // it was not: they are forgotten, and their numbers given to others

@@ -276,10 +276,12 @@ TEST_F(WriterTest, EntriesWaitForTheRingAndOutliveItsKey) {
 TEST_F(WriterTest, MoreThanASlotTakesIsOneEntry) {
     Writer writer(options());
     open(writer);
-    const std::vector<Entry> entries(100, entryOf("DM_CLEAR_ALL_KEYS", std::string(60000, 'k')));
+    std::vector<Entry> entries(100, entryOf("DM_CLEAR_ALL_KEYS", std::string(60000, 'k')));
+    entries[0].came = "stored";  // the others weren't
     commit(writer, entries);
     EXPECT_THAT(storyOf(mFolder.path()), ElementsAre("DM_CLEAR_ALL_KEYS"));
     EXPECT_EQ(test::linesOf({mFolder.path(), Order::OldestFirst})[0].entry.count, 100u);
+    EXPECT_EQ(test::linesOf({mFolder.path(), Order::OldestFirst})[0].entry.came, "");
 }
 
 // Also how to follow a trail: a reader that is asked again.
@@ -293,14 +295,18 @@ TEST_F(WriterTest, RotationsKeepTheChainAndDropTheOldest) {
     };
     std::uint64_t last = 0, followed = 0;
     std::vector<std::string> planted;  // by somebody who wants the others dropped
+    const auto isRotated = [&] {
+        std::error_code absent;
+        const auto size = fs::file_size(path(), absent);
+        return size > 0 && size <= small.bytesMax;
+    };
     {
         Writer writer(small);
         open(writer);
         Reader follower(mFolder.path(), Order::OldestFirst);
         for (int round = 0; round < 9; ++round) {
             for (int i = 0; i < 100; ++i) commit(writer, {entryOf("SET_SECURE", "key" + std::to_string(i))});
-            std::error_code amidRotation;
-            for (int i = 0; i < 1000 && fs::file_size(path(), amidRotation) > small.bytesMax; ++i) ::usleep(10000);
+            for (int i = 0; i < 1000 && !isRotated(); ++i) ::usleep(10000);
             for (Line line; follower.next(line);) {
                 EXPECT_EQ(line.problem, "");
                 EXPECT_EQ(line.entry.seq, ++followed);
