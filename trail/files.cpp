@@ -28,6 +28,7 @@ std::optional<RotatedFile> rotatedOf(const std::string& name) {
     RotatedFile file{name};
     if (name.compare(0, kBeginning.size(), kBeginning) != 0) return std::nullopt;
     (void)std::from_chars(name.data() + kBeginning.size(), name.data() + name.size(), file.first);
+    if (file.first == 0 || file.first == UINT64_MAX) return std::nullopt;  // no entry's: readers begin at either
     file.isPacked = name == packedName(rotatedName(file.first));
     return file.isPacked || name == rotatedName(file.first) ? std::optional(file) : std::nullopt;
 }

@@ -311,8 +311,10 @@ TEST_F(WriterTest, RotationsKeepTheChainAndDropTheOldest) {
                 EXPECT_EQ(line.problem, "");
                 EXPECT_EQ(line.entry.seq, ++followed);
             }
-            for (int i = 1; i <= 4 && round == 7; ++i) planted.push_back(path(rotatedName(followed - i)));
-            for (const std::string& name : planted) test::putContent(name, "");
+            for (int i = 1; i <= 4 && round == 7; ++i) {
+                planted.push_back(path(rotatedName(followed - i)));
+                test::putContent(planted.back(), "");
+            }
         }
         last = writer.status().head.seq;
         for (int i = 0; i < 1000 && !isAllPacked(); ++i) ::usleep(10000);
@@ -325,6 +327,8 @@ TEST_F(WriterTest, RotationsKeepTheChainAndDropTheOldest) {
     const Verdict verdict = verify(mFolder.path(), mKeys.digest());
     EXPECT_EQ(verdict.problem, "");
     EXPECT_EQ(verdict.head.seq, last);
+    test::putContent(path(rotatedName(UINT64_MAX)), "");
+    test::putContent(path(rotatedName(0)), "what no verification would see\n");
     EXPECT_GT(verdict.first, 1u);
     EXPECT_EQ(test::linesOf({mFolder.path(), Order::NewestFirst}).size(), verdict.lines);
     fs::remove(path(files.front().name));
