@@ -52,6 +52,7 @@ bool Packer::step() {
 
 void Packer::look() {
     mIsDone = false;
+    mTried = 0;  // files need not come in the order of their numbers, where somebody put some of his own among them
     if (!mName.empty() && ::faccessat(mFolder, mName.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) != 0) (void)giveUp();
 }
 

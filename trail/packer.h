@@ -28,7 +28,7 @@ private:
 
     const int mFolder;
     bool mIsDone = false;
-    std::uint64_t mTried = 0;  // files up to that number were packed, or can't be
+    std::uint64_t mTried = 0;  // files up to that number were packed since the last look(), or can't be
     std::string mName;         // of the file that is being packed; "": none
     UniqueFd mFrom, mTo;
     std::uint64_t mPlace = 0;
