@@ -311,8 +311,9 @@ TEST_F(WriterTest, RotationsKeepTheChainAndDropTheOldest) {
                 EXPECT_EQ(line.problem, "");
                 EXPECT_EQ(line.entry.seq, ++followed);
             }
-            for (int i = 1; i <= 4 && round == 7; ++i) {
-                planted.push_back(path(rotatedName(followed - i)));
+            const std::uint64_t newest = rotated().back().first;
+            for (std::uint64_t i = 1; i <= 4 && round == 7; ++i) {
+                planted.push_back(path(rotatedName(newest + i)));
                 test::putContent(planted.back(), "");
             }
         }
