@@ -44,6 +44,10 @@ std::vector<std::string> listFiles(const UniqueFd& folder) {
     return names;
 }
 
+std::string excerptOf(const OutlinedDescription& outlined) {
+    return "{\"keys\": {\"" + std::string(outlined.name) + "\": " + std::string(outlined.text) + "}}";
+}
+
 bool isMeant(const KeyDescription& description, const std::string& key) {
     if (description.store == KeyStore::Secure) return true;
     return description.isGlob() ? fitsGlob(key, description.key, LetterCase::Told) : description.key == key;
@@ -231,10 +235,13 @@ std::optional<KeyDescription> Descriptions::read(Place place) {
     return description;
 }
 
-std::optional<Descriptions::Found> Descriptions::find(const std::string& key) {
+std::optional<Descriptions::Found> Descriptions::find(const std::string& key, std::string* excerpt) {
     for (const Place place : placesOf(key)) {
         auto description = read(place);
-        if (description && isMeant(*description, key)) return Found{std::move(*description), mFiles[place.file].path};
+        if (!description || !isMeant(*description, key)) continue;
+        const File& file = mFiles[place.file];
+        if (excerpt) *excerpt = excerptOf(file.outline.descriptions[place.index]);
+        return Found{std::move(*description), file.path};
     }
     return std::nullopt;
 }
@@ -271,8 +278,13 @@ std::vector<std::string> Descriptions::names() const {
 
 std::string Descriptions::near(const std::string& key) const {
     std::vector<std::string_view> names;
-    forEachKey([&names](std::string_view name, Place) { names.push_back(name); });
-    return nearest(key, names);
+    std::string_view same;
+    forEachKey([&](std::string_view name, Place) {
+        names.push_back(name);
+        if (name.size() == key.size() && compareFolded(name, key) == 0 && same != key) same = name;
+    });
+    if (same == key) return "";  // its description is left out, and nothing else was meant
+    return same.empty() ? nearest(key, names) : std::string(same);
 }
 
 }  // namespace sd

@@ -59,8 +59,9 @@ public:
     // Whether nothing is described.
     bool isEmpty() const { return mCount == 0; }
 
-    // Keys of secure values don't tell upper from lower case, properties do.
-    std::optional<Found> find(const std::string& key);
+    // Keys of secure values don't tell upper from lower case, properties do. excerpt: gets the text of the file without
+    // the other descriptions.
+    std::optional<Found> find(const std::string& key, std::string* excerpt = nullptr);
 
     // In the order of the keys. What is left out comes to what was met so far.
     std::vector<Found> all();

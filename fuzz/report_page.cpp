@@ -67,6 +67,7 @@ private:
         one.place = text();
         one.description = text();
         one.lost = {text()};
+        if (mInput.ConsumeBool()) one.described = cli::ReportedDescription{text(), text(), text(), text()};
         if (mInput.ConsumeBool()) one.change = cli::ReportedChange{text(), text()};
         return one;
     }

@@ -23,7 +23,7 @@ _sdconfig_options() { # COMMAND: those of its own
         watch) echo --exec ;;
         list) echo --show --data-dir --described --keys-dir ;;
         doctor) echo --data-dir ;;
-        report) echo --show --output --with --data-dir --product-dir ;;
+        report) echo --show --output --with --data-dir --product-dir --keys-dir ;;
         check) echo --digest --against ;;
         upgrade) echo --dry-run --force ;;
         backup | restore) echo --force --without-keys ;;

@@ -155,7 +155,7 @@ complete -c sdconfig -n '__sdconfig_in "policy lint" "keys lint"' -F
 complete -c sdconfig -n '__sdconfig_in set "secure set" "policy set" "policy apply" "policy lint" "policy install"' \
     -l unchecked -d 'Go on whatever the descriptions of keys say'
 complete -c sdconfig -n '__sdconfig_in set "secure set" "policy set" "policy apply" "policy lint" "policy install" \
-        "keys lint" describe explain list' -l keys-dir -xa '(__fish_complete_directories)' -d 'A folder of descriptions'
+        "keys lint" describe explain list report' -l keys-dir -xa '(__fish_complete_directories)' -d 'A folder of descriptions'
 complete -c sdconfig -n '__sdconfig_in list' -l described -d 'What is described and unset, too'
 complete -c sdconfig -n '__sdconfig_in describe' -l names -d 'Print the keys alone'
 complete -c sdconfig -n '__sdconfig_in describe' -l values -d 'Print the values that the key may have'

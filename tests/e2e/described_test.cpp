@@ -57,10 +57,25 @@ TEST_F(DescribedTest, ValuesAreCheckedAndStoredInOneForm) {
     EXPECT_EQ(cli({"get", "velmar.on"}).out, "true\n");
     EXPECT_THAT(described({"set", "velmar.prot", "1"}).err, HasSubstr("did you mean \"velmar.port\"?"));
     EXPECT_EQ(cli({"get", "velmar.prot"}).out, "1\n") << "a note stops nothing";
+    EXPECT_THAT(described({"set", "VELMAR.PORT", "1"}).err, HasSubstr("did you mean \"velmar.port\"?"));
+    EXPECT_THAT(described({"set", "velmar.wrong", "1"}).err, Not(HasSubstr("mean \"velmar.wrong\"")));
 
     // Patterns are the second program's.
     EXPECT_EQ(described({"set", "velmar.host", "example.org"}).exitCode, 0);
     EXPECT_THAT(described({"set", "velmar.host", "Example"}).err, HasSubstr("does not fit the pattern"));
+    // It takes what the first one found, and nothing that isn't of the key or isn't sound.
+    for (const char* stale :
+         {"7 /x.keys.json\n{\"keys\": {\"sd.other\": {\"type\": \"int\"}}}", "x", "1 x\n{",
+          "7 /x.keys.json\n{\"keys\": {\"velmar.host\": {\"type\": \"string\", \"pattern\": \"(\"}}}"}) {
+        const ScopedEnv handedOver("SDCONFIG_DESCRIBED_AS", stale);
+        EXPECT_EQ(described({"set", "velmar.host", "Example"}).exitCode, 2) << stale;
+    }
+    {
+        const ScopedEnv handedOver(
+            "SDCONFIG_DESCRIBED_AS",
+            "7 /x.keys.json\n{\"keys\": {\"sd.x\": {\"type\": \"string\", \"pattern\": \"^a\"}}}");
+        EXPECT_THAT(cli({"set", "sd.x", "b"}).err, HasSubstr("does not fit the pattern \"^a\""));
+    }
     EXPECT_EQ(described({"secure", "set", "velmar.pin"}, "1234\n").exitCode, 0);
     const Result pin = described({"secure", "set", "VELMAR.PIN"}, "s3cr3t\n");
     EXPECT_EQ(pin.exitCode, 2);

@@ -104,6 +104,34 @@ TEST_F(ReportTest, TellsWhatPoliciesWouldChange) {
     EXPECT_THAT(page(), Not(HasSubstr("id=\"whatif\""))) << "and nothing was installed";
 }
 
+TEST_F(ReportTest, TellsWhatKeysAreForAndWhatDoesNotFit) {
+    std::filesystem::create_directory(path("keys"));
+    writeFile(path("keys/velmar.keys.json"), R"({"keys": {
+"sd.port": {"type": "int", "maximum": 65535, "default": 8080, "summary": "Port", "unit": "<ports>"},
+"sd.free": {"type": "bool", "default": false},
+"sd.wrong": {"type": "boolean"},
+"velmar.*.name": {"type": "string", "store": "secure", "pattern": "^[a-z]+$"},
+"velmar.theme": {"type": "enum", "enum": ["dark"], "words": {"dark": "Night"}, "store": "secure", "default": "dark"}}})");
+    const Process service = startService();
+    cli({"set", "sd.port", "70000"});
+    cli({"set", "velmar.theme", "dark"});
+    cli({"secure", "set", "Velmar.A.Name", "CANARY"});
+    cli({"secure", "set", "velmar.b.name", "canary"});
+    const std::string text = page({"--keys-dir", path("keys")});
+    EXPECT_THAT(lineOf(text, "p:sd.port"),
+                AllOf(HasSubstr("Misfit  it is more than the largest, 65535; write"),
+                      HasSubstr("Port; a whole number of at most 65535, in &lt;ports&gt;; default: 8080")));
+    EXPECT_THAT(lineOf(text, "p:sd.free"),
+                AllOf(HasSubstr("no value true or false; default: false"), HasSubstr("Not set")));
+    EXPECT_THAT(lineOf(text, "p:velmar.theme"), HasSubstr("Misfit  the key is one of a secure value"));
+    EXPECT_THAT(lineOf(text, "k:velmar.theme"), AllOf(HasSubstr("dark: Night; default: dark"), HasSubstr("Not set")));
+    EXPECT_THAT(lineOf(text, "k:velmar.a.name"), HasSubstr("Misfit  see why: sdconfig explain Velmar.A.Name"));
+    EXPECT_THAT(lineOf(text, "k:velmar.b.name"),
+                AllOf(HasSubstr("not shown a text in which"), Not(HasSubstr("Misfit"))));
+    EXPECT_THAT(text, AllOf(HasSubstr("3 values don&#39;t fit the description of their keys."),
+                            HasSubstr("velmar.keys.json, line 4, &quot;sd.wrong&quot;"), Not(HasSubstr("CANARY"))));
+}
+
 // What a service would have written, as far as a reader looks at it.
 std::string trailLine(int seq, const std::string& what, const std::string& key, const std::string& by) {
     return "{\"seq\":" + std::to_string(seq) +

@@ -710,7 +710,7 @@ const std::vector<Command>& commands() {
          "sdconfig report -o report.html --with 60-pilot.json",
          {},
          {kShowInPage},
-         {kOutput, kWith, kDataDir, kProductFiles},
+         {kOutput, kWith, kDataDir, kProductFiles, kKeysDir},
          kReportNotes},
         {"",
          "check",

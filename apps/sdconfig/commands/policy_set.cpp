@@ -35,7 +35,7 @@ int setPolicy(const Request& request, Service& service) {
     if (const std::string unfit = sd::unfitPolicyValue(request.value); !unfit.empty())
         return unfitPolicy(request, {"VALUE " + unfit, "give another value, or \"\" for none"});
     const NewValue described(request, Target::Policy);
-    if (described.isElsewhere()) return kElsewhere;
+    if (described.goesElsewhere()) return kElsewhere;
     if (const int code = service.require()) return code;
     std::string value = request.value;
     if (const int code = described.fit(value)) return code;

@@ -39,7 +39,7 @@ std::optional<int> hiddenPriority(const std::string& key) {
 // The service comes first: nobody types a secret to learn then that there was none to take it.
 int setSecure(const Request& request, Service& service) {
     const NewValue described(request, Target::Secure);
-    if (described.isElsewhere()) return kElsewhere;
+    if (described.goesElsewhere()) return kElsewhere;
     if (const int code = service.require()) return code;
     SecretInput secret = secretOf(request);
     if (!secret.problem.empty()) return unfitSecret(request, {secret.problem, secret.next});

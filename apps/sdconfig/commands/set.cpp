@@ -10,7 +10,7 @@ namespace cli {
 
 int setProperty(const Request& request, Service& service) {
     const NewValue described(request, Target::Property);
-    if (described.isElsewhere()) return kElsewhere;
+    if (described.goesElsewhere()) return kElsewhere;
     if (const int code = service.require()) return code;
     std::string value = request.value;
     if (const int code = described.fit(value)) return code;

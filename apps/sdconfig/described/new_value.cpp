@@ -1,19 +1,26 @@
 #include "apps/sdconfig/described/new_value.h"
 
+#include "apps/sdconfig/described/handed_over.h"
 #include "descriptions/pattern.h"
 
 namespace cli {
 
 NewValue::NewValue(const Request& request, Target target) : mRequest(request), mTarget(target) {
     if (request.unchecked) return;
+    if (auto handedOver = takeHandedOver(request.key)) {
+        mFound = std::move(handedOver);
+        return;
+    }
     mDescriptions = describedKeys(request);
-    mFound = mDescriptions.find(request.key);
+    mFound = mDescriptions.find(request.key, &mExcerpt);
 }
 
-bool NewValue::isElsewhere() const {
+bool NewValue::goesElsewhere() const {
     if (!mFound || sd::knowsPatterns()) return false;
     const sd::KeyDescription& description = mFound->description;
-    return !description.value.pattern.empty() || !description.items.pattern.empty();
+    if (description.value.pattern.empty() && description.items.pattern.empty()) return false;
+    if (mDescriptions.leftOut().empty()) handOverFound(*mFound, mExcerpt);
+    return true;
 }
 
 int NewValue::fit(std::string& value) const {

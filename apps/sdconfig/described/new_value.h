@@ -13,8 +13,8 @@ public:
     // Reads what is described, unless the request goes on without.
     NewValue(const Request& request, Target target);
 
-    // Whether the other program has to weigh it, which knows patterns.
-    bool isElsewhere() const;
+    // Whether the other program has to weigh it, which knows patterns; then that one gets what was found.
+    bool goesElsewhere() const;
 
     // Makes it the form that is stored. Returns the exit code; where it isn't kDone, it told why.
     int fit(std::string& value) const;
@@ -23,6 +23,7 @@ private:
     const Request& mRequest;
     const Target mTarget;
     std::optional<sd::Descriptions::Found> mFound;
+    std::string mExcerpt;  // of the file in which it was found
     sd::Descriptions mDescriptions;
 };
 

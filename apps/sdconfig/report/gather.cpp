@@ -125,6 +125,7 @@ Report gatherReport(const Request& request, Service& service, const DataAccess& 
     readStored(gathering);
     readMachine(gathering);
     askForListeners(gathering);
+    gatherDescribed(gathering);
     gatherTrail(gathering);
     gatherSettings(gathering);
     gatherProperties(gathering);

@@ -83,6 +83,15 @@ std::string ofPolicies(const Gathering& gathering) {
            Gathering::momentOf(std::chrono::system_clock::to_time_t(machine->reading.when)) + ".";
 }
 
+std::string ofMisfits(const Gathering& gathering) {
+    const auto& keys = gathering.report.keys;
+    const auto count = std::count_if(keys.begin(), keys.end(),
+                                     [](const auto& one) { return one.described && !one.described->misfit.empty(); });
+    if (count == 0) return "";
+    return (count == 1 ? "One value doesn't fit" : std::to_string(count) + " values don't fit") +
+           std::string(" the description of ") + (count == 1 ? "its key." : "their keys.");
+}
+
 }  // namespace
 
 void gatherEnvironment(Gathering& gathering) {
@@ -103,7 +112,8 @@ void gatherEnvironment(Gathering& gathering) {
 }
 
 void putInWords(Gathering& gathering) {
-    for (std::string sentence : {ofService(gathering), ofFolder(gathering), ofRing(gathering), ofPolicies(gathering)})
+    for (std::string sentence :
+         {ofService(gathering), ofFolder(gathering), ofRing(gathering), ofPolicies(gathering), ofMisfits(gathering)})
         if (!sentence.empty()) gathering.report.words.push_back(std::move(sentence));
     if (gathering.request.show) return;
     const bool hides = std::any_of(gathering.report.keys.begin(), gathering.report.keys.end(),

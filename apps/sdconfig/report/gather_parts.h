@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "apps/sdconfig/described/described_keys.h"
 #include "apps/sdconfig/reading/stored_layers.h"
 #include "apps/sdconfig/report/report.h"
 #include "apps/sdconfig/service/service.h"
@@ -38,13 +39,20 @@ struct History {
 
 struct Gathering {
     Gathering(const Request& asked, Service& answering, const DataAccess& found, Report& made)
-        : request(asked), service(answering), access(found), report(made), visibility(asked.show) {}
+        : request(asked),
+          service(answering),
+          access(found),
+          report(made),
+          descriptions(::cli::describedKeys(asked)),
+          visibility(asked.show) {}
 
     const Request& request;
     Service& service;
     const DataAccess& access;
     Report& report;
 
+    sd::Descriptions descriptions;
+    std::map<std::string, sd::KeyStore> described;  // the keys that get a line, whatever is set
     Visibility visibility;
     Probe probe;
     StoredLayers stored;
@@ -60,12 +68,16 @@ struct Gathering {
 };
 
 // Each fills its part of the report, in this order, since some need what earlier ones found.
+void gatherDescribed(Gathering& gathering);
 void gatherTrail(Gathering& gathering);
 void gatherSettings(Gathering& gathering);
 void gatherProperties(Gathering& gathering);
 void gatherPlan(Gathering& gathering);
 void gatherEnvironment(Gathering& gathering);
 void putInWords(Gathering& gathering);
+
+// Adds what the description of the key says of it and of its value, which the report may not have.
+void describe(Gathering& gathering, const std::string& value, ReportedKey& one);
 
 // What gives the value, and the layers that lost.
 Source sourceOf(const Effective& effective, bool isOfMachine);

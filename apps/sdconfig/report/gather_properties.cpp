@@ -25,17 +25,24 @@ std::string placeOf(const PropertyLine& line) {
     return line.file->path + ", line " + std::to_string(line.definition->line);
 }
 
-// Those of the files, and those that clients listen to or the trail knows, beside the settings.
+// Those of the files, and those that are described, that clients listen to or the trail knows, beside the settings.
 std::set<std::string> keysOf(const Gathering& gathering, const Lines& lines) {
     std::set<std::string> settings;
     for (const ReportedKey& one : gathering.report.keys) settings.insert(folded(one.key));
     std::set<std::string> keys;
     for (const auto& [key, ofKey] : lines) keys.insert(key);
     for (const auto& [key, change] : gathering.history.properties) keys.insert(key);
+    for (const auto& [key, store] : gathering.described)
+        if (store == sd::KeyStore::Property) keys.insert(key);
     if (gathering.listeners)
         for (const auto& [key, clients] : *gathering.listeners)
             if (!settings.count(folded(key))) keys.insert(key);
     return keys;
+}
+
+bool isDescribed(const Gathering& gathering, const std::string& key) {
+    const auto found = gathering.described.find(key);
+    return found != gathering.described.end() && found->second == sd::KeyStore::Property;
 }
 
 // False where the service doesn't answer.
@@ -68,7 +75,8 @@ ReportedKey keyOf(Gathering& gathering, const std::string& key, const PropertyLi
     ReportedKey one;
     one.key = key;
     one.isProperty = true;
-    one.value = gathering.visibility.ofProperty(ofService.value_or(inFiles));
+    const std::string value = ofService.value_or(inFiles);
+    one.value = gathering.visibility.ofProperty(value);
     one.source = sourceOf(originOf(ofService, inFiles));
     one.isReadOnly = isReadOnlyKey(key) && one.value.kind != ReportedValue::Kind::None;
     if (one.source == Source::File) one.place = placeOf(*counting);
@@ -81,6 +89,7 @@ ReportedKey keyOf(Gathering& gathering, const std::string& key, const PropertyLi
         const auto found = gathering.listeners->find(key);
         one.listeners = found == gathering.listeners->end() ? 0 : found->second;
     }
+    describe(gathering, value, one);
     return one;
 }
 
@@ -98,12 +107,14 @@ void gatherProperties(Gathering& gathering) {
             return gathering.miss("Properties from " + quoted(key) + " on: the service did not answer", howToRestart());
         const auto found = lines.find(key);
         ReportedKey one = keyOf(gathering, key, found == lines.end() ? PropertyLines() : found->second, value);
-        const bool isThere = one.source != Source::Unset || !one.lost.empty() || one.listeners.value_or(0) > 0;
+        const bool isThere = one.source != Source::Unset || !one.lost.empty() || one.listeners.value_or(0) > 0 ||
+                             isDescribed(gathering, key);
         if (isThere) gathering.report.keys.push_back(std::move(one));
     }
     if (gathering.probe.answered)
-        gathering.miss("Properties that were set at run time, where no file, no listener and no trail names them",
-                       "ask for one by its key: " + typed("get KEY"));
+        gathering.miss(
+            "Properties that were set at run time, where no file, no description, no listener and no trail names them",
+            "ask for one by its key: " + typed("get KEY"));
 }
 
 }  // namespace cli

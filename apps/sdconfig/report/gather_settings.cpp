@@ -31,6 +31,8 @@ Names namesOf(Gathering& gathering) {
     Names names = gathering.stored.keys();
     if (!gathering.isStoredKnown && gathering.probe.answered) addListed(gathering, names);
     for (const apps::MachinePolicy& one : gathering.report.policies.all()) names.emplace(folded(one.uri), one.uri);
+    for (const auto& [key, store] : gathering.described)
+        if (store == sd::KeyStore::Secure) names.emplace(folded(key), key);
     return names;
 }
 
@@ -103,6 +105,7 @@ ReportedKey keyOf(Gathering& gathering, const std::string& key, const std::optio
         result.description = layers.machine->description;
     }
     if (gathering.isStoredKnown && !isOther) result.lost = lostLayers(layers, effective.origin);
+    describe(gathering, effective.value, result);
     return result;
 }
 

@@ -23,6 +23,21 @@ void writeSmall(const std::string& text, Markup& page) {
     page.text(text) << "</small>";
 }
 
+// In paragraphs, which need no end: there may be one for each of thousands of keys.
+void writeDescribed(const ReportedKey& one, Markup& page) {
+    if (!one.described) return;
+    const auto& [summary, values, usually, misfit] = *one.described;
+    if (!misfit.empty()) {
+        page << "<p><b class=x>Misfit</b> ";
+        page.text(misfit);
+    }
+    std::string words = summary + (summary.empty() || values.empty() ? "" : "; ") + values;
+    if (usually) words += (words.empty() ? "default: " : "; default: ") + *usually;
+    if (words.empty()) return;
+    page << "<p>";
+    page.text(words);
+}
+
 void writeOrigin(const ReportedKey& one, Markup& page) {
     writeSource(one.source, page);
     if (one.isReadOnly) page << " <b class=u>Read-only</b>";
@@ -50,6 +65,7 @@ void writeKey(const ReportedKey& one, Markup& page) {
     page.text(one.key);
     page << "<td>";
     writeValue(one.value, page);
+    writeDescribed(one, page);
     page << "<td>";
     writeOrigin(one, page);
     page << "<td>";

@@ -42,14 +42,23 @@ struct ReportedChange {
     std::string who;
 };
 
+// What a key is for, by its description.
+struct ReportedDescription {
+    std::string summary;                 // in the language of the environment
+    std::string values;                  // what a value may be; "": any text
+    std::optional<std::string> usually;  // the default
+    std::string misfit;                  // why the value is none of the key's; "": it is, or there is none
+};
+
 struct ReportedKey {
     std::string key;
     bool isProperty = false;
     ReportedValue value;
     Source source = Source::Unset;
-    std::string why;                // "": the source says it all
-    std::string place;              // the file and the line that give the value, or that of a policy
-    std::string description;        // of the policy
+    std::string why;          // "": the source says it all
+    std::string place;        // the file and the line that give the value, or that of a policy
+    std::string description;  // of the policy
+    std::optional<ReportedDescription> described{};
     std::vector<std::string> lost;  // the layers that lost, a sentence each, and why
     bool isReadOnly = false;
     std::optional<ReportedChange> change;
