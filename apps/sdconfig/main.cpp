@@ -6,7 +6,7 @@
 
 namespace {
 
-// For another user the whole command is the second's, which could not become that user once more.
+// For another user a command that may be handed over is the second's, which could not become that user once more.
 bool actsForItself(const cli::Request& request) {
     return request.user.empty();
 }
@@ -17,13 +17,13 @@ int main(int argc, char** argv) {
     return cli::runProgram(argc, argv,
                            {
                                {"get", cli::getProperty},
-                               {"set", cli::setProperty},
+                               {"set", cli::setProperty, actsForItself},
                                {"delete", cli::deleteProperty},
                                {"secure get", cli::getSecure},
-                               {"secure set", cli::setSecure},
+                               {"secure set", cli::setSecure, actsForItself},
                                {"secure delete", cli::deleteShownSecure, actsForItself},
                                {"secure exec", cli::executeWithSecrets},
-                               {"policy set", cli::setPolicy},
+                               {"policy set", cli::setPolicy, actsForItself},
                                {"policy get", cli::getPolicy},
                                {"policy delete", cli::deletePolicy},
                                {"policy strong", cli::showStrong},

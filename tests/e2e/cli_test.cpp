@@ -253,6 +253,10 @@ TEST_F(CliTest, ActsForAnotherUserAsRootAlone) {
     ASSERT_EQ(::chmod(path("").c_str(), 0711), 0);  // so that the folder can be reached, and stays
     EXPECT_THAT(cli({"status", "--user", "nobody"}).err,
                 AllOf(HasSubstr("nothing listens on " + socketPath()), HasSubstr("sdconfig --user nobody doctor\n")));
+    std::filesystem::create_directory(path("keys"));
+    writeFile(path("keys/a.keys.json"), R"({"keys": {"a": {"type": "string", "pattern": "^[0-9]+$"}}})");
+    EXPECT_THAT(cli({"--user", "nobody", "set", "a", "1", "--keys-dir", path("keys")}).err,
+                AllOf(HasSubstr("not running"), Not(HasSubstr("left out"))));
     expectError(cli({"--user", "no one", "status"}), kUsage, "no such user");
 }
 

@@ -7,7 +7,7 @@ namespace cli {
 
 NewValue::NewValue(const Request& request, Target target) : mRequest(request), mTarget(target) {
     if (request.unchecked) return;
-    if (auto handedOver = takeHandedOver(request.key)) {
+    if (auto handedOver = sd::knowsPatterns() ? takeHandedOver(request.key) : std::nullopt) {
         mFound = std::move(handedOver);
         return;
     }
