@@ -28,6 +28,15 @@ public:
         }
     }
 
+    std::vector<SlotLine> takeLast() {
+        std::vector<SlotLine> lines;
+        for (auto& [seq, candidates] : mLines) {
+            if (!lines.empty() && lines.back().entry.seq + 1 != seq) lines.clear();
+            lines.push_back(std::move(candidates.front()));
+        }
+        return lines;
+    }
+
     SlotFindings take(const Head& last, const std::string& folder) {
         if (mUnsound > 0) damage(std::to_string(mUnsound) + " lines in the databases are none of the trail");
         compare(last, folder);
@@ -113,6 +122,12 @@ private:
 };
 
 }  // namespace
+
+std::vector<SlotLine> slotLines(const std::vector<std::string>& slots, const Digest& digest) {
+    Findings findings(digest);
+    for (const std::string& slot : slots) findings.read(slot);
+    return findings.takeLast();
+}
 
 SlotFindings readSlots(const std::vector<std::string>& slots, const Head& last, const std::string& folder,
                        const Digest& digest) {

@@ -17,6 +17,9 @@ struct SlotLine {
     std::string digest;
 };
 
+// Those of the slots' lines that follow each other without a gap up to the last one, in their order.
+std::vector<SlotLine> slotLines(const std::vector<std::string>& slots, const Digest& digest);
+
 struct SlotFindings {
     std::vector<SlotLine> lacking;  // by the file, in the order in which they are to be put back
     std::vector<Entry> damages;     // what does not fit, an entry DAMAGE each, without its place in the chain

@@ -216,6 +216,7 @@ private:
         CurrentFile::Found found = mFile.open(mOptions.digest);
         noteProblem(found);
         if (!mFile.isOpen()) return false;
+        if (found.last.what != "END") fillHole(found);
         opening.isNew = found.isNew;
         if (found.head.seq == 0) findLastRotated(found, opening);
         mLast = mWritten = found.head;
@@ -224,6 +225,14 @@ private:
         putBack(opening);
         mSlotLast.fill(mLast.seq);
         return mHasBegun = true;
+    }
+
+    void fillHole(CurrentFile::Found& found) {
+        auto cut = mFile.cutAtHole(slotLines(mSlots, mOptions.digest), mOptions.digest);
+        if (!cut) return;
+        noteProblem(*cut);
+        found.head = cut->head;
+        found.last = cut->last;
     }
 
     // After a rotation that was not finished, or the loss of the current file.

@@ -123,6 +123,16 @@ TEST_F(WriterTest, WhatAPowerCutTookFromTheFileComesFromTheSlots) {
         EXPECT_EQ(found, story) << size;
         EXPECT_EQ(problem(), "") << size;
     }
+    // What was written later may be there without what was written before.
+    for (std::size_t at = whole.size() - 6000; at + 700 < whole.size(); at += 501) {
+        test::putContent(path(), std::string(whole).replace(at, 600, 600, '\0'));
+        Writer writer(options());
+        EXPECT_THAT(open(writer).damages, ElementsAre(HasSubstr("are in trail.torn"))) << at;
+        std::vector<std::string> found = storyOf(mFolder.path());
+        found.pop_back();
+        EXPECT_EQ(found, story) << at;
+        EXPECT_EQ(problem(), "") << at;
+    }
     // A file that is gone was there all the same.
     fs::remove(path());
     {

@@ -41,7 +41,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr int kCallLimitMs = 10000;
-constexpr int kLookEach = 40;  // states between two whole checks
+constexpr int kLookEach = 10;  // states between two whole checks
 
 using torture::Failed;
 
