@@ -1,6 +1,7 @@
 // Descriptions of keys on the command line: what is refused, what is stored, and what is told.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -164,8 +165,10 @@ TEST_F(DescribedTest, KeysAreDescribedWithoutAService) {
     const Result none = described({"describe", "velmar.prot"});
     EXPECT_EQ(none.exitCode, 1);
     EXPECT_THAT(none.err, HasSubstr("did you mean \"velmar.port\"?"));
+    ASSERT_EQ(::mkfifo(path("keys/pipe.keys.json").c_str(), 0600), 0);
     const Result lint = cli({"keys", "lint", path("keys")});
     EXPECT_EQ(lint.exitCode, 1);
+    EXPECT_THAT(lint.out, HasSubstr("pipe.keys.json: it is no regular file"));
     EXPECT_THAT(lint.out, HasSubstr("fault: " + path("keys/velmar.keys.json") + ", line 11, \"velmar.wrong\""));
 }
 

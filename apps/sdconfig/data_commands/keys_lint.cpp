@@ -32,7 +32,8 @@ sd::Descriptions readNamed(const Request& request, std::vector<LintFinding>& fin
     sd::Descriptions descriptions;
     for (const NamedFile& file : named.files) {
         std::string text;
-        const std::string problem = readWhole(file.path, sd::kDescriptionFileBytesMax, text);
+        const std::string problem =
+            file.problem.empty() ? readWhole(file.path, sd::kDescriptionFileBytesMax, text) : file.problem;
         if (!problem.empty())
             findings.push_back({true, file.path, "", 0, "", problem, "a file of descriptions is regular"});
         else if (!text.empty() && !isReplaced(file, named.files))

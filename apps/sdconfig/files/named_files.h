@@ -10,6 +10,7 @@ namespace cli {
 struct NamedFile {
     std::string path;
     std::string name;
+    std::string problem{};  // why it is not to be read
 };
 
 struct NamedFiles {
