@@ -29,7 +29,7 @@ std::string valuesIn(const sd::KeyDescription& description, const sd::KeyWords& 
     std::string text = isAny ? "" : sd::inWords(description);
     if (!pattern.empty()) text += " in which " + pattern + " is found";
     if (!words.unit.empty()) text += ", in " + words.unit;
-    for (const auto& [value, meaning] : words.values) text += "; " + value + ": " + meaning;
+    for (const auto& [value, meaning] : words.values) text.append("; ").append(value).append(": ").append(meaning);
     return text;
 }
 
@@ -38,9 +38,9 @@ void missLeftOut(const Gathering& gathering) {
     const auto& all = gathering.descriptions.leftOut();
     for (std::size_t i = 0; i < std::min(all.size(), kMost); ++i) {
         const auto& [file, fault] = all[i];
-        const std::string place = fault.place();
-        gathering.miss("What is described in " + file + (place.empty() ? "" : ", ") + place + ": " + fault.what,
-                       fault.remedy);
+        std::string what = "What is described in " + file;
+        if (const std::string place = fault.place(); !place.empty()) what.append(", ").append(place);
+        gathering.miss(what.append(": ").append(fault.what), fault.remedy);
     }
     if (all.size() > kMost)
         gathering.miss("What is described and left out, in " + std::to_string(all.size() - kMost) + " more places",
