@@ -25,7 +25,7 @@ constexpr std::array<Unit, 7> kUnits{{{90, 1, "second"},
                                       {36 * kHour, kHour, "hour"},
                                       {14 * kDay, kDay, "day"},
                                       {10 * kWeek, kWeek, "week"},
-                                      {2 * 365 * kDay, 30 * kDay, "month"},
+                                      {730 * kDay, 30 * kDay, "month"},
                                       {INT64_MAX, 365 * kDay, "year"}}};
 
 // Nothing where the text is no such number, or one of more than nine digits.
@@ -72,7 +72,6 @@ std::string timeText(std::int64_t seconds) {
 std::string agoText(std::int64_t seconds, std::int64_t now) {
     if (seconds > now) return timeText(seconds);
     const std::int64_t passed = now - seconds;
-    if (passed == 0) return "just now";
     const Unit* unit = kUnits.data();
     while (passed >= unit->below) ++unit;
     const std::int64_t count = (passed + unit->seconds / 2) / unit->seconds;

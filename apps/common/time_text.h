@@ -10,7 +10,7 @@ namespace apps {
 // UTC, as ISO 8601 has it, to the second. seconds: since 1970. "" for 0 and what no calendar has.
 std::string timeText(std::int64_t seconds);
 
-// "3 days ago" or "just now", from now on; the time itself where it is to come, as after a clock was set back.
+// "3 days ago", from now on; the time itself where it is to come, as after a clock was set back.
 std::string agoText(std::int64_t seconds, std::int64_t now);
 
 // A point in time as a person types it: so long before `now` ("90s", "15m", "2h", "2d", "3w"); a date, with or without
