@@ -15,7 +15,7 @@ namespace {
 // The source of a style sheet or a script that a page's own policy allows: by its digest alone.
 std::string sourceByDigest(std::string_view text) {
     std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
-    std::array<unsigned char, 2 * EVP_MAX_MD_SIZE> base64{};
+    std::array<unsigned char, std::size_t{2} * EVP_MAX_MD_SIZE> base64{};
     unsigned int size = 0;
     if (EVP_Digest(text.data(), text.size(), digest.data(), &size, EVP_sha256(), nullptr) != 1) return "'none'";
     EVP_EncodeBlock(base64.data(), digest.data(), static_cast<int>(size));
