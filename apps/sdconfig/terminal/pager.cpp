@@ -34,7 +34,7 @@ const char* variable(const char* name) {
 bool isProgram(const std::string& name) {
     std::istringstream folders(variable("PATH"));
     for (std::string folder; std::getline(folders, folder, ':');)
-        if (::access((folder + "/" + name).c_str(), X_OK) == 0) return true;
+        if (::access(folder.append("/").append(name).c_str(), X_OK) == 0) return true;
     return false;
 }
 
