@@ -66,8 +66,9 @@ TEST_F(DescribedTest, ValuesAreCheckedAndStoredInOneForm) {
     EXPECT_THAT(described({"set", "velmar.host", "Example"}).err, HasSubstr("does not fit the pattern"));
     // That one takes what the first one found, and nothing that isn't of the key or isn't sound.
     const auto setHost = [&](const std::string& handedOver, const std::string& folder) {
-        return run({"env", "SDCONFIG_DESCRIBED_AS=" + handedOver, SDCONFIG_CLI "-data", "set", "velmar.host", "Example",
-                    "--keys-dir", path(folder)},
+        const std::string second = std::string(SDCONFIG_CLI) + "-data";
+        return run({"env", "SDCONFIG_DESCRIBED_AS=" + handedOver, second, "set", "velmar.host", "Example", "--keys-dir",
+                    path(folder)},
                    environment());
     };
     const std::string begin = "7 /x.keys.json\n{\"keys\": {\"velmar.host\": {\"type\": \"string\", \"pattern\": ";
