@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <algorithm>
 
 #include <cstdlib>
 #include <filesystem>
@@ -80,8 +81,8 @@ protected:
                (entry.oldDigest != entry.newDigest ? "!" : "");
     }
     std::vector<std::string> toldOf(const std::vector<Entry>& entries) {
-        std::vector<std::string> texts;
-        for (const Entry& entry : entries) texts.push_back(told(entry));
+        std::vector<std::string> texts(entries.size());
+        std::transform(entries.begin(), entries.end(), texts.begin(), told);
         return texts;
     }
     std::vector<std::string> addedTold() { return toldOf(added()); }

@@ -15,7 +15,6 @@ namespace {
 using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::Not;
 
 class TypedTest : public test::Sandbox {
 protected:
