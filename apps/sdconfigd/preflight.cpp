@@ -29,7 +29,8 @@ std::string lineOf(const apps::Finding& finding) {
 void makeWhole(const std::string& path) {
     const std::string aside = path + ".new";
     std::error_code ignored;
-    for (const std::string suffix : {"", "-wal", "-shm", "-journal"}) fs::remove(aside + suffix, ignored);
+    fs::remove(aside, ignored);
+    for (const char* const suffix : apps::kDatabaseSuffixes) fs::remove(aside + suffix, ignored);
     if (fs::path(path).filename() == apps::kPolicyLayout.file)
         sd::SDConfigDmHelper made(aside);
     else
