@@ -78,27 +78,37 @@ class Run:
 
 # ---- Crashes and disks ----
 
+def make_writers(world, run):
+    return [Writer(world.client(), kind, name, f"{run.seed}/{name}")
+            for kind, name in (("secure", "a"), ("secure", "b"), ("policy", "p"))]
+
+
+def kill_beneath(service, writers, rng):
+    """Kills the service at some moment while all of them write."""
+    for writer in writers:
+        writer.service_dies.clear()
+    threads = [threading.Thread(target=writer.write_until_death) for writer in writers]
+    for thread in threads:
+        thread.start()
+    time.sleep(rng.uniform(0, 0.15))
+    for writer in writers:
+        writer.service_dies.set()
+    service.kill()
+    for thread, writer in zip(threads, writers):
+        thread.join()
+        if writer.failure:
+            raise writer.failure
+
+
 def kill(run):
     rounds = 0
     with World() as world:
-        writers = [Writer(world.client(), kind, name, f"{run.seed}/{name}")
-                   for kind, name in (("secure", "a"), ("secure", "b"), ("policy", "p"))]
+        writers = make_writers(world, run)
         for rounds in run.rounds(40, 1000):
             service = world.start()
             for writer in writers:
                 writer.check()
-                writer.service_dies.clear()
-            threads = [threading.Thread(target=writer.write_until_death) for writer in writers]
-            for thread in threads:
-                thread.start()
-            time.sleep(run.random.uniform(0, 0.15))
-            for writer in writers:
-                writer.service_dies.set()
-            service.kill()
-            for thread, writer in zip(threads, writers):
-                thread.join()
-                if writer.failure:
-                    raise writer.failure
+            kill_beneath(service, writers, run.random)
             world.check_integrity()
         world.start()
         for writer in writers:
@@ -164,26 +174,14 @@ def trail(run):
     """Kills under writers, and cuts: the trail has what was acknowledged, in its order, and nothing else."""
     kills = 0
     with World() as world:
-        writers = [Writer(world.client(), kind, name, f"{run.seed}/{name}")
-                   for kind, name in (("secure", "a"), ("secure", "b"), ("policy", "p"))]
+        writers = make_writers(world, run)
         told = Trail(world, writers)
         for kills in run.rounds(30, 1000):
             service = world.start("--audit-size", "1024")
             for writer in writers:
                 writer.check()
-                writer.service_dies.clear()
             told.check()
-            threads = [threading.Thread(target=writer.write_until_death) for writer in writers]
-            for thread in threads:
-                thread.start()
-            time.sleep(run.random.uniform(0, 0.15))
-            for writer in writers:
-                writer.service_dies.set()
-            service.kill()
-            for thread, writer in zip(threads, writers):
-                thread.join()
-                if writer.failure:
-                    raise writer.failure
+            kill_beneath(service, writers, run.random)
             if run.random.random() < 0.5:
                 told.cut(run.random)
         world.start("--audit-size", "1024")
