@@ -95,9 +95,7 @@ class _Connection:
             raise NoService(f"the service can't be asked: {error}") from error
         if not data:
             raise NoService("the service closed the connection")
-        messages = self._incoming.feed(data)
-        self.events.extend(message for message in messages if message.kind == _wire.EVENT)
-        return [message for message in messages if message.kind in (_wire.REPLY, _wire.ERROR)]
+        return self._incoming.answers(data, self.events)
 
 
 def _run(operation: Operation[T], connection: _Connection) -> T:

@@ -7,6 +7,7 @@ from __future__ import annotations
 
 import struct
 import sys
+from collections import deque
 from dataclasses import dataclass
 from typing import Iterator, Sequence, Union
 
@@ -232,6 +233,12 @@ class Incoming:
             messages.append(_parse(bytes(self._data[:length])))
             del self._data[:length]
         return messages
+
+    def answers(self, data: bytes, events: deque[Message]) -> list[Message]:
+        """What answers calls, of what these bytes complete; events go behind the others."""
+        messages = self.feed(data)
+        events.extend(message for message in messages if message.kind == EVENT)
+        return [message for message in messages if message.kind in (REPLY, ERROR)]
 
     def _finish_handshake(self) -> bool:
         """The service asks for the identity, which the kernel tells it, and agrees: DATA, OK ID."""
