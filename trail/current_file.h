@@ -38,8 +38,9 @@ public:
     void close();
 
     // Looks among the last lines for a hole: a power cut may keep what was written later and lose what was written
-    // before it, as long as neither was synced. Where there is one that `lines` (slotLines) can fill, what stands there
-    // and behind is kept aside and cut away, and the file ends with the head that is found; nothing where all is well.
+    // before it, as long as neither was synced. Where there is one that `lines` (Slots::latest) can fill, what stands
+    // there and behind is kept aside and cut away, and the file ends with the head that is found; nothing where all is
+    // well.
     std::optional<Found> cutAtHole(const std::vector<SlotLine>& lines, const Digest& digest);
 
     bool isOpen() const { return mFile != nullptr; }

@@ -2,7 +2,7 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -17,18 +17,38 @@ struct SlotLine {
     std::string digest;
 };
 
-// Those of the slots' lines that follow each other without a gap up to the last one, in their order.
-std::vector<SlotLine> slotLines(const std::vector<std::string>& slots, const Digest& digest);
-
 struct SlotFindings {
     std::vector<SlotLine> lacking;  // by the file, in the order in which they are to be put back
     std::vector<Entry> damages;     // what does not fit, an entry DAMAGE each, without its place in the chain
 };
 
-// last: the last line of the file. Lines up to it are compared with those of the file that came since its last start,
-// which `folder` has; older ones a start before has dealt with.
-SlotFindings readSlots(const std::vector<std::string>& slots, const Head& last, const std::string& folder,
-                       const Digest& digest);
+// The lines of all slots, read once.
+class Slots {
+public:
+    Slots(const std::vector<std::string>& slots, const Digest& digest);
+
+    // Those that follow each other without a gap up to the last one, in their order.
+    std::vector<SlotLine> latest() const;
+
+    // last: the last line of the file. Lines up to it are compared with those of the file that came since its last
+    // start, which `folder` has; older ones a start before has dealt with. To be asked once: the lines go with it.
+    SlotFindings compare(const Head& last, const std::string& folder);
+
+private:
+    using Candidates = std::vector<SlotLine>;  // of one number, which a commit that was told as failed may share
+    using Lines = std::map<std::uint64_t, Candidates>;
+
+    void add(std::string text, const Digest& digest);
+    void damage(const std::string& why, const Entry* entry = nullptr);
+    void tellStored(const SlotLine& line);
+    void compareWithFile(const Head& last, const std::string& folder);
+    SlotLine& choose(Candidates& candidates, Lines::iterator next);
+    void connect(const Head& before, const SlotLine& line);
+
+    Lines mLines;
+    std::uint64_t mUnsound = 0;
+    SlotFindings mFindings;
+};
 
 // An entry of the service itself that says what was found to be damaged.
 Entry damageEntry(const std::string& why);

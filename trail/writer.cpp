@@ -216,19 +216,21 @@ private:
         CurrentFile::Found found = mFile.open(mOptions.digest);
         noteProblem(found);
         if (!mFile.isOpen()) return false;
-        if (found.last.what != "END") fillHole(found);
+        Slots slots(mSlots, mOptions.digest);
+        if (found.last.what != "END") fillHole(slots, found);
         opening.isNew = found.isNew;
         if (found.head.seq == 0) findLastRotated(found, opening);
         mLast = mWritten = found.head;
         mKey = found.last.ring;
         opening.wasEnded = found.last.what == "END";
-        putBack(opening);
+        mSlots.clear();
+        putBack(slots, opening);
         mSlotLast.fill(mLast.seq);
         return mHasBegun = true;
     }
 
-    void fillHole(CurrentFile::Found& found) {
-        auto cut = mFile.cutAtHole(slotLines(mSlots, mOptions.digest), mOptions.digest);
+    void fillHole(const Slots& slots, CurrentFile::Found& found) {
+        auto cut = mFile.cutAtHole(slots.latest(), mOptions.digest);
         if (!cut) return;
         noteProblem(*cut);
         found.head = cut->head;
@@ -248,8 +250,8 @@ private:
         }
     }
 
-    void putBack(Opening& opening) {
-        SlotFindings findings = readSlots(std::exchange(mSlots, {}), mLast, mOptions.folder, mOptions.digest);
+    void putBack(Slots& slots, Opening& opening) {
+        SlotFindings findings = slots.compare(mLast, mOptions.folder);
         for (const SlotLine& line : findings.lacking) {
             mUnwritten += line.text + "\n";
             mLast = {line.entry.seq, line.digest};
