@@ -38,7 +38,6 @@ constexpr std::array<const char*, 23> kMethods{"GET_PROPERTY",
                                                "unknown"};
 constexpr std::array<const char*, 6> kKeys{"k",          "K", "ro.sd.uuid", "ro.sd.client.id", "ro.sd.build.version",
                                            "sd.ui.theme"};
-constexpr std::array<const char*, 3> kEvents{".sdconfigChanged", ".DMChanged", "DM_CHANGED"};
 
 constexpr int kCallsMax = 8;
 constexpr int kArgumentsMax = 12;
@@ -108,7 +107,7 @@ void appendArgument(sd_bus_message* call, FuzzedDataProvider& input, Mentioned& 
 void roundTrip(const sdbus::Arguments& arguments) {
     const auto plan = sdbus::WirePlan::make(arguments);
     if (!plan) return;
-    const sdbus::BusMessagePtr message = fuzz::Served::get().newCall("x");
+    const sdbus::BusMessagePtr message = fuzz::newCall(fuzz::Served::get().client(), "x");
     fuzz::expect(plan->append(message.get(), arguments), "what is planned can be appended");
     fuzz::expect(sd_bus_message_seal(message.get(), 1, 0) >= 0, "what is appended can be sealed");
     const auto again = sdbus::decodeArguments(message.get());
@@ -131,7 +130,8 @@ void checkName(const std::string& name) {
 
 void call(FuzzedDataProvider& input, Mentioned& mentioned) {
     auto& served = fuzz::Served::get();
-    const sdbus::BusMessagePtr message = served.newCall(kMethods[input.ConsumeIntegral<uint8_t>() % kMethods.size()]);
+    const sdbus::BusMessagePtr message =
+        fuzz::newCall(served.client(), kMethods[input.ConsumeIntegral<uint8_t>() % kMethods.size()]);
     const int count = input.ConsumeIntegralInRange(0, kArgumentsMax);
     for (int i = 0; i < count; ++i) appendArgument(message.get(), input, mentioned);
     uint64_t cookie = 0;
@@ -160,7 +160,8 @@ void takeAnswers() {
         fuzz::expect(sdbus::decodeArguments(taken).has_value(), "what comes can be read");
         if (const char* member = sd_bus_message_get_member(taken)) {
             const std::string event = sdbus::decodeName(member).value_or("");
-            fuzz::expect(std::find(kEvents.begin(), kEvents.end(), event) != kEvents.end(), "an event is a known one");
+            fuzz::expect(std::find(fuzz::kEvents.begin(), fuzz::kEvents.end(), event) != fuzz::kEvents.end(),
+                         "an event is a known one");
             continue;
         }
         uint64_t cookie = 0;
@@ -189,18 +190,10 @@ void undo(const Mentioned& mentioned) {
     }
 }
 
-void subscribe() {
-    auto& served = fuzz::Served::get();
-    for (const char* event : kEvents)
-        fuzz::expect(sd_bus_call_method(served.client(), nullptr, sdbus::wire::kPath, sdbus::wire::kControlInterface,
-                                        sdbus::wire::kSubscribe, nullptr, nullptr, "s", event) >= 0,
-                     "events can be asked for");
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    subscribe();
+    for (const char* event : fuzz::kEvents) fuzz::subscribe(fuzz::Served::get().client(), event);
     return 0;
 }
 

@@ -202,6 +202,25 @@ def bus_calls():
           ("SET_SECURE", 1, 2), ("SET_POLICY", Other(3), Other(1), True))
 
 
+def bus_sequences():
+    """A line a step; clients 0 to 2 have a connection each, 3 and 4 are proxies."""
+    put("bus_sequences", "listen", """subscribe 0 2\nsubscribe 3 2\nREG_LISTENER 0 true =k\nREG_LISTENER 3 =k
+SET_SECURE 1 =k =a\nISALREADY_LISTHENED 4 =k =K\nUNREG_LISTENER 3 =k\nSET_PROPERTY 2 =k =b\nleave 0\nDEL_PROPERTY 2 =k
+UNREG_LISTENER 0 =k\nUNREG_LISTENER 0 =k\nSET_SECURE 1 =k =c""")
+    put("bus_sequences", "policies", """subscribe 1 1\nsubscribe 4 0\nsubscribe 4 1\nSET_SECURE 0 =k =a
+SET_POLICY 2 10 =K =strong\nISSTRONG_CONTROL 3 =k\nGET_SECURE 3 =k\nSET_POLICYLIST 0 4 6 =k =weak =%C3%A4 =b\nDM_LIST 1
+DM_GET_POLICIES 1 =k =other\nDELETE_POLICY 2 =k\nwait 2\nDM_CLEAR_ALL_KEYS 2\nGET_POLICY 4 =k\nDEL_SECURE 4 =k""")
+    put("bus_sequences", "flips", """subscribe 0 2\nsubscribe 3 1\nREG_LISTENER 0 true =k\nSET_SECURE 1 =k =a\nSET_POLICY 1 10 =k =a
+SET_POLICY 1 10 =k =b\nSET_POLICY 4 4 =k =c\nREG_LISTENER 2 =k\nSET_POLICYLIST 4 10 =k =a\nSET_POLICYLIST 4 5 6 =k =a =k =b
+DELETE_POLICY 0 =k""")
+    put("bus_sequences", "hang_up", """subscribe 0 2\nsubscribe 1 0\nREG_LISTENER 2 true =k\nhang_up 2 0
+SET_SECURE 1 =k =1\nSET_SECURE 1 =k =2\nSET_SECURE 1 =k =3\nREG_LISTENER 1 =other\nhang_up 1 2\nGET_SECURE 1 =k
+SET_PROPERTY 1 =ro.once =x\nDM_REGISTER_LISTERNER 0 =k =other =\nSET_SECURE 3 =k =4""")
+    put("bus_sequences", "rest", """LST_PROPERTY 3\nGET_CONST 4 =x\nSIGN_REQUEST 4 =x\nVERIFY_SIGN 4 =x =x
+GET_PROPERTY 0 =ro.once\nSET_PROPERTY 0 =ro.once =1\nSET_PROPERTY 3 =ro.once =2\nDEL_PROPERTY 0 =ro.once
+SET_SECURE 0 =encryptedPassword =%E9\nSET_POLICY 0 7 =encryptedPassword =null_value""")
+
+
 def trail():
     def line(seq, **fields):
         start = {"seq": seq, "utc": "2026-11-25T23:57:03.123456Z", "mono": 4711.123456, "boot": "1a2b3c4d"}
@@ -223,5 +242,5 @@ def trail():
 
 
 for make in (build_prop, legacy_cipher, envelope, key_ring, wrapped_ring, policy_text, lockscreen, policy_file, bus_bytes,
-             bus_calls, trail, descriptions):
+             bus_calls, bus_sequences, trail, descriptions):
     make()

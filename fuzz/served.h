@@ -6,6 +6,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <array>
 #include <exception>
 #include <stdexcept>
 #include <string>
@@ -20,8 +21,26 @@
 #include "sql/SQLiteDatabase.h"
 #include "src/sdconfig_interface.h"
 #include "src/sdconfig_protocol.h"
+#include "src/sdconfig_service_sdbus.h"
 
 namespace fuzz {
+
+inline constexpr std::array<const char*, 3> kEvents{sd::protocol::kSdconfigChanged, sd::protocol::kPolicyChanged,
+                                                    sd::protocol::kDmChanged};
+
+inline void subscribe(sd_bus* bus, const std::string& event) {
+    expect(sd_bus_call_method(bus, nullptr, sdbus::wire::kPath, sdbus::wire::kControlInterface, sdbus::wire::kSubscribe,
+                              nullptr, nullptr, "s", event.c_str()) >= 0,
+           "events can be asked for");
+}
+
+inline sdbus::BusMessagePtr newCall(sd_bus* bus, const char* member) {
+    sd_bus_message* call = nullptr;
+    expect(
+        sd_bus_message_new_method_call(bus, &call, nullptr, sdbus::wire::kPath, sdbus::wire::kInterface, member) >= 0,
+        "a call can be made");
+    return sdbus::BusMessagePtr(call);
+}
 
 // Lets nothing out but what the stores let through: a priority that is empty or beyond an int. A value with a zero byte
 // in the right place makes one.
@@ -80,9 +99,18 @@ public:
         return fd;
     }
 
+    sdbus::BusPtr open() const {
+        sd_bus* opened = nullptr;
+        expect(sd_bus_new(&opened) >= 0, "a client can be made");
+        sdbus::BusPtr bus(opened);
+        const int fd = connect().release();
+        expect(sd_bus_set_fd(opened, fd, fd) >= 0 && sd_bus_start(opened) >= 0, "a client can connect");
+        return bus;
+    }
+
     // The answer to one call with strings; the service has handled by then what was sent over the client before.
     sdbus::Arguments ask(const char* method, std::initializer_list<std::string> strings) {
-        sdbus::BusMessagePtr call = newCall(method);
+        sdbus::BusMessagePtr call = newCall(mClient.get(), method);
         const sdbus::Arguments arguments(strings.begin(), strings.end());
         const auto plan = sdbus::WirePlan::make(arguments);
         expect(plan && plan->append(call.get(), arguments), "strings can be sent");
@@ -96,14 +124,6 @@ public:
         return *answer;
     }
 
-    sdbus::BusMessagePtr newCall(const char* member) {
-        sd_bus_message* call = nullptr;
-        expect(sd_bus_message_new_method_call(mClient.get(), &call, nullptr, sdbus::wire::kPath,
-                                              sdbus::wire::kInterface, member) >= 0,
-               "a call can be made");
-        return sdbus::BusMessagePtr(call);
-    }
-
     // So that an input finds what every other one found.
     void forgetRows() {
         mConfig.executeCommand("DELETE FROM secure_v3");
@@ -112,15 +132,13 @@ public:
 
 private:
     Served() {
+        mInterface.openTrail();
         auto* const manager = SDBusSerivceManager::initSync(-1);
         expect(manager->registerServiceInterface(sd::protocol::kServiceName, &mInterface, SDBusSameUser, 1),
                "the service can be registered");
+        mInterface.beginTrail();
         mSocket = manager->socketPath(sd::protocol::kServiceName);
-        sd_bus* client = nullptr;
-        expect(sd_bus_new(&client) >= 0, "a client can be made");
-        mClient.reset(client);
-        const int fd = connect().release();
-        expect(sd_bus_set_fd(client, fd, fd) >= 0 && sd_bus_start(client) >= 0, "a client can connect");
+        mClient = open();
     }
 
     static std::string prepare() {
@@ -128,6 +146,8 @@ private:
         std::string folder = makeFolder();
         ::setenv("XDG_RUNTIME_DIR", folder.c_str(), 1);
         sd::SDConfig::setDataPath(folder);
+        sd::SDConfigService::SetTrailKept(true);
+        sd::SDConfigService::SetTrailSize(1, 1);
         sd::SDSecurity::GetInstance()->SetKeyRingFolder(folder);
         return folder;
     }

@@ -1,0 +1,435 @@
+#include "tests/torture/service_model.h"
+
+#include <algorithm>
+#include <tuple>
+
+#include "base/letter_case.h"
+
+namespace torture {
+namespace {
+
+constexpr int kLocalPriority = 5;
+
+// Each byte beyond ASCII is kept as the character of that number.
+std::string doubled(const std::string& text) {
+    std::string utf8;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte >= 0x80) utf8 += static_cast<char>(0xc0 | byte >> 6);
+        utf8 += static_cast<char>(byte >= 0x80 ? 0x80 | (byte & 0x3f) : byte);
+    }
+    return utf8;
+}
+
+}  // namespace
+
+// ---- Steps ----
+
+std::string shown(const std::string& text) {
+    return "\"" + (text.size() > 40 ? text.substr(0, 20) + "... (" + std::to_string(text.size()) + ")" : text) + "\"";
+}
+
+std::string shown(const Step& step) {
+    std::string text = step.method + " by " + std::to_string(step.client);
+    for (const std::string& one : step.texts) text += " " + shown(one);
+    for (const int one : step.numbers) text += " " + std::to_string(one);
+    return text + (step.flag ? " true" : " false");
+}
+
+bool takesList(const std::string& method) {
+    return method == "SET_POLICYLIST" || method == "DM_GET_POLICIES" || method == "ISALREADY_LISTHENED" ||
+           method == "DM_REGISTER_LISTERNER";
+}
+
+void appendArguments(SDBusMessage& call, const Step& step) {
+    const bool isList = takesList(step.method);
+    const bool isPolicies = step.method == "SET_POLICYLIST";
+    const bool isListening = step.method == "REG_LISTENER" || step.method == "UNREG_LISTENER";
+    if (isList) call.appendInt8(static_cast<int8_t>(isPolicies ? step.numbers.size() : step.texts.size()));
+    for (std::size_t i = 0; i < step.texts.size(); ++i) {
+        call.appendString(step.texts[i]);
+        if (isPolicies && i % 2 == 1) call.appendInt8(static_cast<int8_t>(step.numbers[i / 2]));
+        if (isListening) break;
+    }
+    if (step.method == "SET_POLICY") call.appendInt8(static_cast<int8_t>(step.numbers[0]));
+    if (isListening || step.method == "DM_REGISTER_LISTERNER") call.appendBool(step.flag);
+}
+
+const std::vector<std::string>& weightedMethods() {
+    static const std::vector<std::string> kMethods{"SET_SECURE",
+                                                   "SET_SECURE",
+                                                   "SET_SECURE",
+                                                   "DEL_SECURE",
+                                                   "SET_POLICY",
+                                                   "SET_POLICY",
+                                                   "SET_POLICY",
+                                                   "DELETE_POLICY",
+                                                   "SET_POLICYLIST",
+                                                   "SET_PROPERTY",
+                                                   "DEL_PROPERTY",
+                                                   "GET_PROPERTY",
+                                                   "LST_PROPERTY",
+                                                   "GET_SECURE",
+                                                   "GET_SECURE",
+                                                   "GET_POLICY",
+                                                   "GET_POLICY",
+                                                   "ISSTRONG_CONTROL",
+                                                   "DM_LIST",
+                                                   "DM_GET_POLICIES",
+                                                   "DM_CLEAR_ALL_KEYS",
+                                                   "REG_LISTENER",
+                                                   "REG_LISTENER",
+                                                   "UNREG_LISTENER",
+                                                   "ISALREADY_LISTHENED",
+                                                   "DM_REGISTER_LISTERNER",
+                                                   "GET_CONST",
+                                                   "SIGN_REQUEST",
+                                                   "VERIFY_SIGN"};
+    return kMethods;
+}
+
+std::vector<Step> Generator::history(int length) {
+    std::vector<Step> steps(static_cast<std::size_t>(length));
+    std::generate(steps.begin(), steps.end(), [this] { return step(); });
+    return steps;
+}
+
+std::string Generator::key() {
+    static const std::vector<std::string> kKeys{"k",     "K",          "net.proxy", "Net.Proxy",
+                                                "other", "ro.sd.uuid", "ä",         "ro.once"};
+    return one(kKeys);
+}
+
+std::string Generator::value() {
+    static const std::vector<std::string> kValues{
+        "", "a", "a", "b", "null_value", "x&&&7", "5", "&&&", "Grüße", std::string(3000, 'v'), "7"};
+    return one(kValues);
+}
+
+int Generator::priority() {
+    static const std::vector<int> kPriorities{0, 4, 5, 6, 10, 127, -1};
+    return one(kPriorities);
+}
+
+Step Generator::step() {
+    Step step;
+    step.method = method();
+    step.client = below(mClients);
+    step.flag = below(2) == 1;
+    const bool isList = takesList(step.method);
+    for (std::size_t count = isList ? below(4) : 1; count > 0; --count) {
+        step.texts.push_back(key());
+        if (step.method == "SET_POLICYLIST") step.texts.push_back(value());
+        step.numbers.push_back(priority());
+    }
+    if (!isList) step.texts.push_back(value());
+    return step;
+}
+
+// ---- The model ----
+
+bool NoCase::operator()(const std::string& a, const std::string& b) const {
+    return sd::compareFolded(a, b) < 0;
+}
+
+Fields fieldsOf(SDBusMessage& message) {
+    Fields fields;
+    const std::string kinds = message.signature();
+    for (std::size_t i = 0; i < kinds.size(); ++i) {
+        const int at = static_cast<int>(i);
+        fields.push_back(kinds[i] == 's'   ? message.getString(at)
+                         : kinds[i] == 'b' ? yes(message.getBool(at))
+                         : kinds[i] == 'y' ? std::to_string(message.getInt(at))
+                                           : std::to_string(message.getInt32(at)));
+    }
+    return fields;
+}
+
+std::string yes(bool value) {
+    return value ? "true" : "false";
+}
+
+Fields Model::answer(const Step& step) {
+    using Method = Fields (Model::*)(const Step&);
+    static const std::map<std::string, Method> kMethods{{"SET_SECURE", &Model::setSecure},
+                                                        {"DEL_SECURE", &Model::deleteSecure},
+                                                        {"GET_SECURE", &Model::getSecure},
+                                                        {"SET_POLICY", &Model::setPolicy},
+                                                        {"DELETE_POLICY", &Model::deletePolicy},
+                                                        {"SET_POLICYLIST", &Model::setPolicyList},
+                                                        {"GET_POLICY", &Model::getPolicy},
+                                                        {"DM_GET_POLICIES", &Model::getPolicies},
+                                                        {"DM_LIST", &Model::listPolicies},
+                                                        {"DM_CLEAR_ALL_KEYS", &Model::clearPolicies},
+                                                        {"ISSTRONG_CONTROL", &Model::isStrongControl},
+                                                        {"SET_PROPERTY", &Model::setProperty},
+                                                        {"DEL_PROPERTY", &Model::deleteProperty},
+                                                        {"GET_PROPERTY", &Model::getProperty},
+                                                        {"LST_PROPERTY", &Model::listProperty},
+                                                        {"REG_LISTENER", &Model::registerListener},
+                                                        {"UNREG_LISTENER", &Model::unregisterListener},
+                                                        {"ISALREADY_LISTHENED", &Model::isListened},
+                                                        {"DM_REGISTER_LISTERNER", &Model::registerListeners},
+                                                        {"GET_CONST", &Model::getConst},
+                                                        {"SIGN_REQUEST", &Model::sign},
+                                                        {"VERIFY_SIGN", &Model::verify}};
+    return (this->*kMethods.at(step.method))(step);
+}
+
+void Model::restart() {
+    mProperties.clear();
+    mListeners.clear();
+}
+
+void Model::edit(const Step& step) {
+    for (Rows* const rows : {&mSecure, &mPolicies}) {
+        const auto row = rows->find(step.texts[0]);
+        if (row == rows->end()) continue;
+        if (step.method == "remove")
+            rows->erase(row);
+        else
+            row->second.text = step.method == "hollow" ? std::optional<std::string>("") : std::nullopt;
+    }
+}
+
+std::map<std::string, int> Model::registrations() const {
+    std::map<std::string, int> counts;
+    for (const auto& [key, one] : mListeners) counts[key] = one.count;
+    return counts;
+}
+
+Fields Model::listeners() const {
+    auto counts = registrations();
+    counts.erase("");  // the list begins behind it
+    Fields fields{yes(false), std::to_string(counts.size())};
+    for (const auto& [key, count] : counts) fields.insert(fields.end(), {key, std::to_string(count)});
+    return fields;
+}
+
+bool Model::operator==(const Model& other) const {
+    return std::tie(mSecure, mPolicies, mProperties, mListeners) ==
+           std::tie(other.mSecure, other.mPolicies, other.mProperties, other.mListeners);
+}
+
+std::optional<Model::Weighed> Model::policyOf(const Row& row) {
+    const std::string text = row.text.value_or("");
+    if (text.empty()) return std::nullopt;
+    const std::size_t at = text.find("&&&");
+    const std::string number = at == std::string::npos ? text.substr(text.size() - 1) : text.substr(at + 3);
+    if (number.empty() || number.find_first_not_of("0123456789") != std::string::npos) return std::nullopt;
+    return Weighed{at == std::string::npos ? text.substr(0, text.size() - 1) : text.substr(0, at), std::stoi(number)};
+}
+
+std::optional<Model::Weighed> Model::policy(const std::string& key) const {
+    const auto row = mPolicies.find(key);
+    return row == mPolicies.end() ? std::nullopt : policyOf(row->second);
+}
+
+Model::Weighed Model::effective(const std::string& key) const {
+    const auto row = mSecure.find(key);
+    const std::string local = row == mSecure.end() ? "" : row->second.text.value_or("");
+    const bool hidesWeak = row != mSecure.end() && row->second.key == key;
+    const auto weighed = policy(key);
+    const bool policyWins = weighed && (weighed->priority > kLocalPriority || (local.empty() && !hidesWeak));
+    Weighed result = policyWins ? *weighed : Weighed{local, kLocalPriority};
+    if (result.value == "null_value") result.value.clear();
+    return result;
+}
+
+bool Model::isStrong(const std::string& key) const {
+    return effective(key).priority > kLocalPriority;
+}
+
+// ---- Events ----
+
+void Model::tellListeners(const std::string& key, const std::string& value, bool strong) {
+    const auto found = mListeners.find(key);
+    if (found == mListeners.end()) return;
+    mEvents.push_back({"DM_CHANGED", {key, value}});
+    if (found->second.flag) mEvents.back().fields.push_back(yes(strong));
+}
+
+void Model::tellSecure(const std::string& key, const std::string& old) {
+    const Weighed now = effective(key);
+    if (now.value == old) return;
+    tellListeners(key, now.value, isStrong(key));
+    mEvents.push_back({".sdconfigChanged", {key, now.value}});
+}
+
+// ---- Secure values ----
+
+Fields Model::setSecure(const Step& step) {
+    const std::string& key = step.texts[0];
+    const std::string old = effective(key).value;
+    mSecure.erase(key);
+    mSecure[key] = {key, doubled(step.texts[1])};
+    tellSecure(key, old);
+    return {yes(true)};
+}
+
+Fields Model::deleteSecure(const Step& step) {
+    const std::string& key = step.texts[0];
+    const std::string old = effective(key).value;
+    const auto row = mSecure.find(key);
+    if (row != mSecure.end() && row->second.text != "") mSecure.erase(row);  // an empty row stays
+    tellSecure(key, old);
+    return {yes(true)};
+}
+
+Fields Model::getSecure(const Step& step) {
+    const std::string& key = step.texts[0];
+    Fields fields{effective(key).value};
+    if (!fields[0].empty()) return fields;
+    const auto policyRow = mPolicies.find(key);
+    const auto row = mSecure.find(key);
+    const bool isPolicyShut = policyRow != mPolicies.end() && !policyRow->second.text;
+    const bool isLocalShut = row != mSecure.end() && row->second.text != "";
+    const auto weighed = policy(key);
+    const bool isStrongOne = weighed && weighed->priority > kLocalPriority;
+    if (isPolicyShut || (!isStrongOne && isLocalShut)) fields.push_back(yes(true));
+    return fields;
+}
+
+// ---- Policies ----
+
+void Model::writePolicy(const std::string& key, const std::string& value, int priority) {
+    const Weighed before = effective(key);
+    mPolicies.erase(key);
+    mPolicies[key] = {key, doubled(value + "&&&" + std::to_string(priority))};
+    const Weighed now = effective(key);
+    const bool strong = now.priority > kLocalPriority;
+    const bool changed = now.value != before.value;
+    const bool flipped = strong != (before.priority > kLocalPriority);
+    if (changed || flipped) mEvents.push_back({".DMChanged", {key, now.value, yes(strong)}});
+    const auto listener = mListeners.find(key);
+    if (changed || (flipped && listener != mListeners.end() && listener->second.flag))
+        tellListeners(key, now.value, strong);
+}
+
+Fields Model::setPolicy(const Step& step) {
+    writePolicy(step.texts[0], step.texts[1], step.numbers[0]);
+    return {yes(true)};
+}
+
+Fields Model::setPolicyList(const Step& step) {
+    for (std::size_t i = 0; i < step.numbers.size(); ++i)
+        writePolicy(step.texts[2 * i], step.texts[2 * i + 1], step.numbers[i]);
+    return {yes(!step.numbers.empty())};
+}
+
+Fields Model::deletePolicy(const Step& step) {
+    const auto row = mPolicies.find(step.texts[0]);
+    if (row != mPolicies.end() && row->second.text != "") mPolicies.erase(row);
+    tellListeners(step.texts[0], "", false);
+    return {yes(true)};
+}
+
+Fields Model::clearPolicies(const Step& /*step*/) {
+    for (auto row = mPolicies.begin(); row != mPolicies.end();)
+        row = row->second.text == "" ? std::next(row) : mPolicies.erase(row);
+    return {yes(true)};
+}
+
+Fields Model::getPolicy(const Step& step) {
+    const Weighed now = effective(step.texts[0]);
+    return {now.value, std::to_string(now.priority)};
+}
+
+Fields Model::getPolicies(const Step& step) {
+    Fields fields{std::to_string(step.texts.size())};
+    for (const std::string& key : step.texts) {
+        const Weighed now = effective(key);
+        fields.insert(fields.end(), {key, now.value, std::to_string(now.priority)});
+    }
+    return fields;
+}
+
+Fields Model::listPolicies(const Step& /*step*/) {
+    std::map<std::string, std::optional<Weighed>> all;
+    for (const auto& [key, row] : mPolicies) all[row.key] = policyOf(row);
+    Fields fields{std::to_string(all.size())};
+    for (const auto& [key, weighed] : all) {
+        fields.push_back(key);
+        if (!weighed) continue;
+        fields.insert(fields.end(),
+                      {weighed->value.empty() ? "null_value" : weighed->value, std::to_string(weighed->priority)});
+    }
+    return fields;
+}
+
+Fields Model::isStrongControl(const Step& step) {
+    return {yes(isStrong(step.texts[0]))};
+}
+
+// ---- Properties ----
+
+bool Model::isReadOnly(const std::string& key) {
+    return key.compare(0, 3, "ro.") == 0;
+}
+
+Fields Model::setProperty(const Step& step) {
+    std::string& value = mProperties[step.texts[0]];
+    if (isReadOnly(step.texts[0]) && !value.empty()) return {yes(false)};
+    const bool changed = value != step.texts[1];
+    value = step.texts[1];
+    if (changed) tellListeners(step.texts[0], value, true);
+    return {yes(true)};
+}
+
+Fields Model::deleteProperty(const Step& step) {
+    if (isReadOnly(step.texts[0]) || mProperties.erase(step.texts[0]) == 0) return {yes(false)};
+    tellListeners(step.texts[0], "", true);
+    return {yes(true)};
+}
+
+Fields Model::getProperty(const Step& step) {
+    const auto found = mProperties.find(step.texts[0]);
+    return {found == mProperties.end() ? "" : found->second};
+}
+
+Fields Model::listProperty(const Step& /*step*/) {
+    return {"0"};
+}
+
+// ---- Listeners, and the rest ----
+
+void Model::listen(const std::string& key, bool flag) {
+    ++mListeners[key].count;
+    mListeners[key].flag = flag;
+}
+
+Fields Model::registerListener(const Step& step) {
+    listen(step.texts[0], step.flag);
+    return {yes(true)};
+}
+
+Fields Model::registerListeners(const Step& step) {
+    for (const std::string& key : step.texts) listen(key, step.flag);
+    return {yes(!step.texts.empty())};
+}
+
+Fields Model::unregisterListener(const Step& step) {
+    const auto found = mListeners.find(step.texts[0]);
+    if (found == mListeners.end()) return {yes(false)};
+    if (--found->second.count == 0) mListeners.erase(found);
+    return {yes(true)};
+}
+
+Fields Model::isListened(const Step& step) {
+    const auto listened = [this](const std::string& key) { return mListeners.count(key) != 0; };
+    return {yes(!step.texts.empty() && std::all_of(step.texts.begin(), step.texts.end(), listened))};
+}
+
+Fields Model::getConst(const Step& /*step*/) {
+    return {""};
+}
+
+Fields Model::sign(const Step& step) {
+    return {step.texts[0]};
+}
+
+Fields Model::verify(const Step& /*step*/) {
+    return {yes(true)};
+}
+
+}  // namespace torture

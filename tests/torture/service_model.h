@@ -1,0 +1,179 @@
+// A second service, of a few hundred lines and without a disk: what the 22 methods answer, whom they tell of what, and
+// the rows that they leave. And random calls to compare it with the real one by.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/sdbus/sdbus.h"
+
+namespace torture {
+
+using Fields = std::vector<std::string>;
+
+// ---- Steps ----
+
+struct Step {
+    std::string method;  // or what else happens: an end of the service, an edit of rows
+    std::size_t client = 0;
+    std::vector<std::string> texts;
+    std::vector<int> numbers;
+    bool flag = false;
+};
+
+std::string shown(const std::string& text);
+std::string shown(const Step& step);
+
+// Of the methods that take any number of keys.
+bool takesList(const std::string& method);
+
+// Gives the call the arguments of the step.
+void appendArguments(SDBusMessage& call, const Step& step);
+
+// Often what changes something, now and then what only asks.
+const std::vector<std::string>& weightedMethods();
+
+class Generator {
+public:
+    // methods: what a step may be, each as often as it stands there.
+    Generator(std::uint64_t seed, std::vector<std::string> methods, std::size_t clients)
+        : mRandom(seed), mMethods(std::move(methods)), mClients(clients) {}
+
+    std::vector<Step> history(int length);
+    Step step();
+    const std::string& method() { return one(mMethods); }
+    std::string key();
+    std::string value();
+    int priority();
+    std::size_t below(std::size_t most) { return std::uniform_int_distribution<std::size_t>(0, most - 1)(mRandom); }
+
+private:
+    template <class Value>
+    const Value& one(const std::vector<Value>& pool) {
+        return pool[below(pool.size())];
+    }
+
+    std::mt19937_64 mRandom;
+    const std::vector<std::string> mMethods;
+    const std::size_t mClients;
+};
+
+// ---- The model ----
+
+struct NoCase {
+    bool operator()(const std::string& a, const std::string& b) const;
+};
+
+// A row: the key as it was spelled, and what its value reads back as; nothing where that can't be opened.
+struct Row {
+    std::string key;
+    std::optional<std::string> text;
+    bool operator==(const Row& other) const { return key == other.key && text == other.text; }
+};
+using Rows = std::map<std::string, Row, NoCase>;
+
+struct Event {
+    std::string name;
+    Fields fields;
+    bool operator==(const Event& other) const { return name == other.name && fields == other.fields; }
+};
+
+// Of an answer or an event.
+Fields fieldsOf(SDBusMessage& message);
+
+std::string yes(bool value);
+
+class Model {
+public:
+    // The fields of the answer. Events go to mEvents.
+    Fields answer(const Step& step);
+
+    void restart();
+
+    // An edit of the rows of both databases.
+    void edit(const Step& step);
+
+    std::vector<Event> takeEvents() { return std::exchange(mEvents, {}); }
+    const Rows& secure() const { return mSecure; }
+    const Rows& policies() const { return mPolicies; }
+
+    // How many registrations of each key there are; and these as LISTENERS_LIST gives them.
+    std::map<std::string, int> registrations() const;
+    Fields listeners() const;
+
+    bool operator==(const Model& other) const;
+
+private:
+    struct Weighed {
+        std::string value;  // "" for none
+        int priority;
+    };
+    struct Registrations {
+        int count = 0;
+        bool flag = false;
+        bool operator==(const Registrations& other) const { return count == other.count && flag == other.flag; }
+    };
+
+    static std::optional<Weighed> policyOf(const Row& row);
+
+    std::optional<Weighed> policy(const std::string& key) const;
+
+    Weighed effective(const std::string& key) const;
+    bool isStrong(const std::string& key) const;
+
+    // ---- Events ----
+
+    void tellListeners(const std::string& key, const std::string& value, bool strong);
+    void tellSecure(const std::string& key, const std::string& old);
+
+    // ---- Secure values ----
+
+    Fields setSecure(const Step& step);
+    Fields deleteSecure(const Step& step);
+    Fields getSecure(const Step& step);
+
+    // ---- Policies ----
+
+    void writePolicy(const std::string& key, const std::string& value, int priority);
+    Fields setPolicy(const Step& step);
+    Fields setPolicyList(const Step& step);
+    Fields deletePolicy(const Step& step);
+    Fields clearPolicies(const Step& step);
+    Fields getPolicy(const Step& step);
+    Fields getPolicies(const Step& step);
+    Fields listPolicies(const Step& step);
+    Fields isStrongControl(const Step& step);
+
+    // ---- Properties ----
+
+    static bool isReadOnly(const std::string& key);
+
+    Fields setProperty(const Step& step);
+    Fields deleteProperty(const Step& step);
+    Fields getProperty(const Step& step);
+    Fields listProperty(const Step& step);
+
+    // ---- Listeners, and the rest ----
+
+    void listen(const std::string& key, bool flag);
+    Fields registerListener(const Step& step);
+    Fields registerListeners(const Step& step);
+    Fields unregisterListener(const Step& step);
+    Fields isListened(const Step& step);
+    Fields getConst(const Step& step);
+    Fields sign(const Step& step);
+    Fields verify(const Step& step);
+
+    Rows mSecure;
+    Rows mPolicies;
+    std::map<std::string, std::string> mProperties;
+    std::map<std::string, Registrations> mListeners;
+    std::vector<Event> mEvents;
+};
+
+}  // namespace torture
