@@ -15,7 +15,8 @@ using Environment = std::map<std::string, std::string>;
 constexpr int kProcessLimitMs = 20000;
 
 // A child process. Its output goes to memory files, so that it never waits for a reader; its input is there whole from
-// the start. Whatever still runs when the object goes, or when the starting thread ends, is killed.
+// the start. Whatever still runs when the object goes is told to end, and killed after two seconds; when the starting
+// thread ends it is killed at once.
 class Process {
 public:
     static constexpr int kRunning = -1;
