@@ -127,7 +127,6 @@ TEST_F(UpgradeTest, OnlyForceCopiesWhereNothingWasSealedYet) {
         const Process service = startService({"--upgrade"});
         EXPECT_THAT(service.err(), HasSubstr("of which nothing was copied"));
     }
-    std::filesystem::remove(socketPath());
     EXPECT_EQ(query(mDatabase, "SELECT value FROM dbinfor"), (Rows{{"3"}})) << "stamped";
     expectRefusal(upgrade(), "copy everything with: sdconfig upgrade --force");
     for (int copy = 0; copy < 2; ++copy) EXPECT_EQ(upgrade({"--force"}).exitCode, 0);
