@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <future>
@@ -37,21 +38,24 @@ constexpr std::size_t kBurstMax = 6;
 constexpr std::size_t kListMax = 4;
 constexpr std::size_t kTextMax = 300;
 constexpr std::size_t kModelsMax = 16;  // beyond that nobody hangs up amid calls
+constexpr std::chrono::seconds kPatience{8};
 constexpr int kPatienceMs = 8000;
+constexpr std::chrono::milliseconds kFenceRetry{20};
 constexpr char kFence[] = "fence";
 
 // ---- Steps ----
 
 // What happens beside the calls.
 constexpr char kSubscribe[] = "subscribe";
-constexpr char kWait[] = "wait";       // what follows is not sent before this is answered
-constexpr char kLeave[] = "leave";     // once all is answered
-constexpr char kHangUp[] = "hang_up";  // amid the calls before it, when so many are answered
+constexpr char kWait[] = "wait";        // what follows is not sent before this is answered
+constexpr char kLeave[] = "leave";      // once all is answered
+constexpr char kHangUp[] = "hang_up";   // amid the calls before it, when so many are answered
+constexpr char kRestart[] = "restart";  // of the service's end of the bus: all connections are lost
 
 const std::vector<std::string>& kinds() {
     static const std::vector<std::string> sKinds = [] {
         std::vector<std::string> all = torture::weightedMethods();
-        all.insert(all.end(), {kSubscribe, kSubscribe, kSubscribe, kWait, kWait, kLeave, kHangUp, kHangUp});
+        all.insert(all.end(), {kSubscribe, kSubscribe, kSubscribe, kWait, kWait, kLeave, kHangUp, kHangUp, kRestart});
         return all;
     }();
     return sKinds;
@@ -227,6 +231,17 @@ Fields fieldsOf(sd_bus_message* message) {
     return torture::fieldsOf(readable);
 }
 
+// An event that nobody but the proxies asked for, from a thread that isn't the service's.
+std::string raiseFence() {
+    static unsigned sFences = 0;
+    auto* const manager = SDBusSerivceManager::initSync(-1);
+    const auto event = manager->makeEventMessage(kFence, SDBusSameUser);
+    std::string number = std::to_string(++sFences);
+    event->appendString(number);
+    expect(manager->publishEvent(event), "an event can be sent");
+    return number;
+}
+
 class Client {
 public:
     Client() = default;
@@ -245,6 +260,8 @@ public:
     virtual std::vector<Fields> answers(std::size_t count) = 0;
     // Those before the fence of that number. Everybody's calls before it are answered.
     virtual std::vector<Event> takeEvents(const std::string& fence) = 0;
+    // After the service's restart. False for who is gone.
+    virtual bool comesBack() = 0;
 
 private:
     virtual void listen(const std::string& event) = 0;
@@ -282,6 +299,8 @@ public:
     }
 
     std::vector<Event> takeEvents(const std::string& /*fence*/) override { return std::exchange(mEvents, {}); }
+
+    bool comesBack() override { return false; }
 
     // Reads nothing more, and is gone when the service knows. Some of its calls may be carried out.
     void hangUp() {
@@ -348,12 +367,19 @@ public:
     }
 
     std::vector<Event> takeEvents(const std::string& fence) override {
-        std::unique_lock lock(mMutex);
-        const Event wanted{kFence, {fence}};
-        const auto hasCome = [&] { return !mEvents.empty() && mEvents.back() == wanted; };
-        expect(mCame.wait_for(lock, std::chrono::milliseconds(kPatienceMs), hasCome), "events come");
-        mEvents.pop_back();
+        expect(hearsFence(fence, kPatience), "events come");
+        const std::lock_guard lock(mMutex);
+        const auto isFence = [](const Event& event) { return event.name == kFence; };
+        mEvents.erase(std::remove_if(mEvents.begin(), mEvents.end(), isFence), mEvents.end());
         return std::exchange(mEvents, {});
+    }
+
+    // Events are asked for anew in the order of their names, the fence last.
+    bool comesBack() override {
+        const auto end = std::chrono::steady_clock::now() + kPatience;
+        while (!hearsFence(raiseFence(), kFenceRetry))
+            expect(std::chrono::steady_clock::now() < end, "a proxy finds the service again");
+        return true;
     }
 
 private:
@@ -363,7 +389,18 @@ private:
             mEvents.push_back({event, torture::fieldsOf(*message)});
             mCame.notify_one();
         };
-        expect(mProxy->addEventListener(event, new SDBusEventCallback(hear), SDBusSameUser), "events can be asked for");
+        bool isInForce = mProxy->addEventListener(event, new SDBusEventCallback(hear), SDBusSameUser);
+        // The layer waits for a second, and then goes on trying by itself. On a busy machine that may be needed.
+        const auto look = [](const std::shared_ptr<SDBusMessage>& /*event*/) {};
+        for (int i = 0; !isInForce && i < kPatience.count(); ++i)
+            isInForce = mProxy->addEventListener(event, new SDBusEventCallback(look), SDBusSameUser);
+        expect(isInForce, "events can be asked for");
+    }
+
+    bool hearsFence(const std::string& fence, std::chrono::milliseconds limit) {
+        std::unique_lock lock(mMutex);
+        const Event wanted{kFence, {fence}};
+        return mCame.wait_for(lock, limit, [&] { return !mEvents.empty() && mEvents.back() == wanted; });
     }
 
     std::mutex mMutex;
@@ -421,9 +458,17 @@ private:
             settle();
             if (step.method == kSubscribe)
                 client(step.client).subscribe(fuzz::kEvents[static_cast<std::size_t>(step.numbers[0]) % 3]);
+            else if (step.method == kRestart)
+                restart();
             else if (step.method != kWait)
                 mClients[step.client].reset();
         }
+    }
+
+    void restart() {
+        fuzz::Served::get().restart();
+        for (auto& client : mClients)
+            if (client && !client->comesBack()) client.reset();
     }
 
     void settle() {
@@ -525,16 +570,6 @@ private:
         return {"SIGN_REQUEST", client, {"question of " + std::to_string(client)}, {}, false};
     }
 
-    // An event that nobody but the proxies asked for, from a thread that isn't the service's.
-    std::string raiseFence() {
-        auto* const manager = SDBusSerivceManager::initSync(-1);
-        const auto event = manager->makeEventMessage(kFence, SDBusSameUser);
-        std::string number = std::to_string(++mFence);
-        event->appendString(number);
-        expect(manager->publishEvent(event), "an event can be sent");
-        return number;
-    }
-
     static Fields listenersList() {
         sdbus::Message message(sdbus::Message::kReply, "", fuzz::Served::get().ask(sd::protocol::kListenersList, {""}));
         return torture::fieldsOf(message);
@@ -565,7 +600,6 @@ private:
     std::vector<Model> mModels{Model()};
     Steps mBurst;  // calls of one client that are not sent yet
     std::set<std::string> mKeys;
-    unsigned mFence = 0;
 };
 
 }  // namespace

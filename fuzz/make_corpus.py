@@ -216,6 +216,8 @@ DELETE_POLICY 0 =k""")
     put("bus_sequences", "hang_up", """subscribe 0 2\nsubscribe 1 0\nREG_LISTENER 2 true =k\nhang_up 2 0
 SET_SECURE 1 =k =1\nSET_SECURE 1 =k =2\nSET_SECURE 1 =k =3\nREG_LISTENER 1 =other\nhang_up 1 2\nGET_SECURE 1 =k
 SET_PROPERTY 1 =ro.once =x\nDM_REGISTER_LISTERNER 0 =k =other =\nSET_SECURE 3 =k =4""")
+    put("bus_sequences", "restart", """subscribe 3 2\nsubscribe 0 2\nREG_LISTENER 3 true =k\nSET_SECURE 4 =k =1\nrestart 0
+SET_SECURE 4 =k =2\nISALREADY_LISTHENED 0 =k\nsubscribe 0 0\nrestart 0\nrestart 0\nDEL_SECURE 0 =k\nUNREG_LISTENER 4 =k""")
     put("bus_sequences", "rest", """LST_PROPERTY 3\nGET_CONST 4 =x\nSIGN_REQUEST 4 =x\nVERIFY_SIGN 4 =x =x
 GET_PROPERTY 0 =ro.once\nSET_PROPERTY 0 =ro.once =1\nSET_PROPERTY 3 =ro.once =2\nDEL_PROPERTY 0 =ro.once
 SET_SECURE 0 =encryptedPassword =%E9\nSET_POLICY 0 7 =encryptedPassword =null_value""")

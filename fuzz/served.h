@@ -124,6 +124,12 @@ public:
         return *answer;
     }
 
+    // Lets go of everybody, and serves on.
+    void restart() {
+        SDBusSerivceManager::initSync(-1)->unregisterServiceInterface(sd::protocol::kServiceName);
+        serve();
+    }
+
     // So that an input finds what every other one found.
     void forgetRows() {
         mConfig.executeCommand("DELETE FROM secure_v3");
@@ -133,10 +139,14 @@ public:
 private:
     Served() {
         mInterface.openTrail();
+        serve();
+        mInterface.beginTrail();
+    }
+
+    void serve() {
         auto* const manager = SDBusSerivceManager::initSync(-1);
         expect(manager->registerServiceInterface(sd::protocol::kServiceName, &mInterface, SDBusSameUser, 1),
                "the service can be registered");
-        mInterface.beginTrail();
         mSocket = manager->socketPath(sd::protocol::kServiceName);
         mClient = open();
     }
