@@ -42,6 +42,7 @@ bool takesList(const std::string& method) {
 }
 
 void appendArguments(SDBusMessage& call, const Step& step) {
+    if (step.method.compare(0, 4, "KEY_") == 0) return call.appendBool(step.flag);
     const bool isList = takesList(step.method);
     const bool isPolicies = step.method == "SET_POLICYLIST";
     const bool isListening = step.method == "REG_LISTENER" || step.method == "UNREG_LISTENER";
@@ -172,7 +173,8 @@ Fields Model::answer(const Step& step) {
                                                         {"DM_REGISTER_LISTERNER", &Model::registerListeners},
                                                         {"GET_CONST", &Model::getConst},
                                                         {"SIGN_REQUEST", &Model::sign},
-                                                        {"VERIFY_SIGN", &Model::verify}};
+                                                        {"VERIFY_SIGN", &Model::verify},
+                                                        {"LISTENERS_LIST", &Model::listListeners}};
     return (this->*kMethods.at(step.method))(step);
 }
 
@@ -196,14 +198,6 @@ std::map<std::string, int> Model::registrations() const {
     std::map<std::string, int> counts;
     for (const auto& [key, one] : mListeners) counts[key] = one.count;
     return counts;
-}
-
-Fields Model::listeners() const {
-    auto counts = registrations();
-    counts.erase("");  // the list begins behind it
-    Fields fields{yes(false), std::to_string(counts.size())};
-    for (const auto& [key, count] : counts) fields.insert(fields.end(), {key, std::to_string(count)});
-    return fields;
 }
 
 bool Model::operator==(const Model& other) const {
@@ -418,6 +412,14 @@ Fields Model::unregisterListener(const Step& step) {
 Fields Model::isListened(const Step& step) {
     const auto listened = [this](const std::string& key) { return mListeners.count(key) != 0; };
     return {yes(!step.texts.empty() && std::all_of(step.texts.begin(), step.texts.end(), listened))};
+}
+
+Fields Model::listListeners(const Step& step) {
+    const auto begin = mListeners.upper_bound(step.texts[0]);
+    Fields fields{yes(false), std::to_string(std::distance(begin, mListeners.end()))};
+    for (auto one = begin; one != mListeners.end(); ++one)
+        fields.insert(fields.end(), {one->first, std::to_string(one->second.count)});
+    return fields;
 }
 
 Fields Model::getConst(const Step& /*step*/) {

@@ -1,5 +1,5 @@
-// A second service, of a few hundred lines and without a disk: what the 22 methods answer, whom they tell of what, and
-// the rows that they leave. And random calls to compare it with the real one by.
+// A second service, of a few hundred lines and without a disk: what the 22 methods and the list of listeners answer,
+// whom they tell of what, and the rows that they leave. And random calls to compare it with the real one by.
 #pragma once
 
 #include <cstdint>
@@ -102,9 +102,7 @@ public:
     const Rows& secure() const { return mSecure; }
     const Rows& policies() const { return mPolicies; }
 
-    // How many registrations of each key there are; and these as LISTENERS_LIST gives them.
-    std::map<std::string, int> registrations() const;
-    Fields listeners() const;
+    std::map<std::string, int> registrations() const;  // how many of each key
 
     bool operator==(const Model& other) const;
 
@@ -165,6 +163,7 @@ private:
     Fields registerListeners(const Step& step);
     Fields unregisterListener(const Step& step);
     Fields isListened(const Step& step);
+    Fields listListeners(const Step& step);
     Fields getConst(const Step& step);
     Fields sign(const Step& step);
     Fields verify(const Step& step);
