@@ -218,6 +218,9 @@ SET_SECURE 1 =k =1\nSET_SECURE 1 =k =2\nSET_SECURE 1 =k =3\nREG_LISTENER 1 =othe
 SET_PROPERTY 1 =ro.once =x\nDM_REGISTER_LISTERNER 0 =k =other =\nSET_SECURE 3 =k =4""")
     put("bus_sequences", "restart", """subscribe 3 2\nsubscribe 0 2\nREG_LISTENER 3 true =k\nSET_SECURE 4 =k =1\nrestart 0
 SET_SECURE 4 =k =2\nISALREADY_LISTHENED 0 =k\nsubscribe 0 0\nrestart 0\nrestart 0\nDEL_SECURE 0 =k\nUNREG_LISTENER 4 =k""")
+    put("bus_sequences", "upkeep", """SET_SECURE 0 =k =1\nSET_POLICY 1 7 =k =2\nKEY_ROTATE 2 true\nSET_SECURE 2 =other =3
+KEY_RESEAL 3\nKEY_RESEAL 3\nKEY_PRUNE 2 true\nKEY_PRUNE 2\nGET_SECURE 0 =k\nhang_up 0 0\nTRAIL_STATUS 4\nPOLICIES_STATUS 4
+REG_LISTENER 1 =k\nREG_LISTENER 1 =k\nLISTENERS_LIST 3 =a""")
     put("bus_sequences", "rest", """LST_PROPERTY 3\nGET_CONST 4 =x\nSIGN_REQUEST 4 =x\nVERIFY_SIGN 4 =x =x
 GET_PROPERTY 0 =ro.once\nSET_PROPERTY 0 =ro.once =1\nSET_PROPERTY 3 =ro.once =2\nDEL_PROPERTY 0 =ro.once
 SET_SECURE 0 =encryptedPassword =%E9\nSET_POLICY 0 7 =encryptedPassword =null_value""")
@@ -236,6 +239,9 @@ def trail():
     odd = line(4, by=None, what="SET_SECURE", key_base64="gA==", later=[{"a": [1, None, 1e9]}])
     for name, text in {"change": change, "rotation": rotation, "gap": gap, "odd": odd}.items():
         put("trail", name, "\0" + text[:-1])
+    put("trail", "no_number", "\0" + line(0, by=None, what="SET_SECURE")[:-1])
+    put("trail", "no_what", "\0" + line(1, by=None, what="")[:-1])
+    put("trail", "last_number", "\3" + line((1 << 64) - 1, by=None, what="SET_SECURE"))
     put("trail", "file", "\1" + change + rotation + "torn" + gap + "{")
     put("trail", "start", "\3" + change + "torn\x1e" + rotation + gap)
     # A block as zstd stores it, and its mark.

@@ -24,6 +24,7 @@ using nlohmann::json;
 constexpr std::int64_t kSecond = 1'000'000;
 constexpr int kDaysTo1970 = 719162;
 constexpr std::size_t kBootDigits = 8;
+constexpr std::uint64_t kSeqMax = INT64_MAX;  // no trail gets that far, and what follows has a number, too
 constexpr std::string_view kBase64Suffix = "_base64";
 
 // How a field stands in the line.
@@ -274,6 +275,8 @@ public:
         if (!mProblem.empty()) return mProblem;
         static const std::uint64_t sRequired = bitsOf({"seq", "utc", "what", "before", "mac"});
         if ((mSeen & sRequired) != sRequired) return R"(lacks one of "seq", "utc", "what", "before" and "mac")";
+        if (mEntry.seq == 0 || mEntry.seq > kSeqMax || mEntry.what.empty())
+            return R"(has a "seq" or a "what" that no entry has)";
         return isHex(mEntry.before, 64) && isHex(mEntry.mac, 32) ? "" : R"(has a "before" or a "mac" of another form)";
     }
 

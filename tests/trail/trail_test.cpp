@@ -119,6 +119,9 @@ TEST_F(TrailTest, LinesThatAreNoEntries) {
     EXPECT_EQ(problemOf(R"("by":null)", R"("by":{"uid":-1})"), "\"uid\" is of another type");
     EXPECT_EQ(problemOf("1970-01-01", "1970-02-29"), "\"utc\" is of another type");
     EXPECT_THAT(problemOf(R"("seq":1,)", ""), HasSubstr("lacks one of"));
+    for (const char* seq : {R"("seq":0,)", R"("seq":18446744073709551615,)"})
+        EXPECT_EQ(problemOf(R"("seq":1,)", seq), "has a \"seq\" or a \"what\" that no entry has");
+    EXPECT_EQ(problemOf("SET_SECURE", ""), "has a \"seq\" or a \"what\" that no entry has");
     EXPECT_THAT(problemOf("{", "[{"), HasSubstr("is no JSON object"));
     EXPECT_THAT(problemOf("{", std::string(100000, '[')), HasSubstr("is no JSON object"));
 }
@@ -184,7 +187,7 @@ TEST_F(TrailTest, FilesOfAnyKindAreRead) {
     std::filesystem::resize_file(path("trail.jsonl"), std::uintmax_t{1} << 30);
     EXPECT_TRUE(read(Order::NewestFirst).empty());
     EXPECT_TRUE(read(Order::OldestFirst).empty());
-    Writer writer({mFolder.path(), 1000, 1, mDigest, {}});
+    Writer writer({mFolder.path(), 1 << 20, 1, mDigest, {}});  // with room, so that no rotation comes in between
     EXPECT_THAT(writer.open({lines}).damages,
                 ElementsAre(HasSubstr("has no sound line at its end; it is trail.torn now")));
     EXPECT_EQ(problem(), "");
