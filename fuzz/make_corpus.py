@@ -220,7 +220,7 @@ SET_PROPERTY 1 =ro.once =x\nDM_REGISTER_LISTERNER 0 =k =other =\nSET_SECURE 3 =k
 SET_SECURE 4 =k =2\nISALREADY_LISTHENED 0 =k\nsubscribe 0 0\nrestart 0\nrestart 0\nDEL_SECURE 0 =k\nUNREG_LISTENER 4 =k""")
     put("bus_sequences", "upkeep", """SET_SECURE 0 =k =1\nSET_POLICY 1 7 =k =2\nKEY_ROTATE 2 true\nSET_SECURE 2 =other =3
 KEY_RESEAL 3\nKEY_RESEAL 3\nKEY_PRUNE 2 true\nKEY_PRUNE 2\nGET_SECURE 0 =k\nhang_up 0 0\nTRAIL_STATUS 4\nPOLICIES_STATUS 4
-REG_LISTENER 1 =k\nREG_LISTENER 1 =k\nLISTENERS_LIST 3 =a""")
+REG_LISTENER 1 =k\nREG_LISTENER 1 =\nLISTENERS_LIST 3 =a\nLISTENERS_LIST 3 =""")
     put("bus_sequences", "rest", """LST_PROPERTY 3\nGET_CONST 4 =x\nSIGN_REQUEST 4 =x\nVERIFY_SIGN 4 =x =x
 GET_PROPERTY 0 =ro.once\nSET_PROPERTY 0 =ro.once =1\nSET_PROPERTY 3 =ro.once =2\nDEL_PROPERTY 0 =ro.once
 SET_SECURE 0 =encryptedPassword =%E9\nSET_POLICY 0 7 =encryptedPassword =null_value""")

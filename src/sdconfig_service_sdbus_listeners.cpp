@@ -89,7 +89,9 @@ bool SDConfigInterface::DMChanged(const std::string& key, const std::string& val
 
 // Some of the keys that clients listen to, from the one after the given one on.
 bool SDConfigInterface::listListeners(Call& call) {
-    const auto begin = mListenerCounts.upper_bound(call.request->getString(0));
+    const std::string after = call.request->getString(0);
+    // The empty key is the first one, not one that the list has got to.
+    const auto begin = after.empty() ? mListenerCounts.begin() : mListenerCounts.upper_bound(after);
     auto end = begin;
     std::ptrdiff_t count = 0;
     for (std::size_t bytes = 0; end != mListenerCounts.end() && count < kListedMost; ++end, ++count) {

@@ -220,6 +220,9 @@ TEST_F(ServiceTest, ListenersHearOfPropertiesAndOfTheFlagIfTheyAsked) {
     EXPECT_EQ(first->getString(2) + std::to_string(first->getInt32(3)), "asked2");
     EXPECT_EQ(call("LISTENERS_LIST", "asked")->getString(2), "later");
     EXPECT_EQ(call("LISTENERS_LIST", "later")->getInt32(1), 0);
+    EXPECT_TRUE(ok("REG_LISTENER", "", true));
+    EXPECT_EQ(call("LISTENERS_LIST", "")->getInt32(1), 3);
+    EXPECT_TRUE(ok("UNREG_LISTENER", "", true));
     EXPECT_TRUE(ok("UNREG_LISTENER", "later", true));
     EXPECT_TRUE(ok("SET_PROPERTY", "asked", "3"));
     for (int i = 0; i < 2; ++i) EXPECT_TRUE(ok("UNREG_LISTENER", "asked", true));

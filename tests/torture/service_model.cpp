@@ -415,7 +415,8 @@ Fields Model::isListened(const Step& step) {
 }
 
 Fields Model::listListeners(const Step& step) {
-    const auto begin = mListeners.upper_bound(step.texts[0]);
+    const std::string& after = step.texts[0];
+    const auto begin = after.empty() ? mListeners.begin() : mListeners.upper_bound(after);
     Fields fields{yes(false), std::to_string(std::distance(begin, mListeners.end()))};
     for (auto one = begin; one != mListeners.end(); ++one)
         fields.insert(fields.end(), {one->first, std::to_string(one->second.count)});
