@@ -234,11 +234,15 @@ void changeSteps(Steps& steps, torture::Generator& random) {
 
 // ---- Clients ----
 
+Fields fieldsOf(sdbus::Arguments arguments) {
+    sdbus::Message message(sdbus::Message::kReply, "", std::move(arguments));
+    return torture::fieldsOf(message);
+}
+
 Fields fieldsOf(sd_bus_message* message) {
     auto arguments = sdbus::decodeArguments(message);
     expect(arguments.has_value(), "what comes can be read");
-    sdbus::Message readable(sdbus::Message::kReply, "", std::move(*arguments));
-    return torture::fieldsOf(readable);
+    return fieldsOf(std::move(*arguments));
 }
 
 // An event that nobody but the proxies asked for, from a thread that isn't the service's.
@@ -469,7 +473,8 @@ private:
         } else {
             settle();
             if (step.method == kSubscribe)
-                client(step.client).subscribe(fuzz::kEvents[static_cast<std::size_t>(step.numbers[0]) % 3]);
+                client(step.client)
+                    .subscribe(fuzz::kEvents[static_cast<std::size_t>(step.numbers[0]) % fuzz::kEvents.size()]);
             else if (step.method == kRestart)
                 restart();
             else if (step.method != kWait)
@@ -513,7 +518,7 @@ private:
         for (const auto& client : mClients) {
             if (!client) continue;
             const std::vector<Event> events = client->takeEvents(fence);
-            keep(all, fieldsOf(events), "what a client heard of",
+            keep(all, told(events), "what a client heard of",
                  [&](const Foretold& one) { return heardBy(*client, one.events) == events; });
         }
         const Fields listeners = listenersList();
@@ -548,7 +553,7 @@ private:
         for (const Step& step : mBurst) std::fprintf(stderr, "  %s", lineOf(step).c_str());
         for (const Fields& fields : real) print("real", fields);
         for (const Fields& fields : first.answers) print("answer foretold", fields);
-        for (const Fields& fields : fieldsOf(first.events)) print("event foretold", fields);
+        for (const Fields& fields : told(first.events)) print("event foretold", fields);
         print("listeners foretold", first.model.answer(kListAll));
         expect(false, what);
     }
@@ -559,7 +564,7 @@ private:
         std::fprintf(stderr, "\n");
     }
 
-    static std::vector<Fields> fieldsOf(const std::vector<Event>& events) {
+    static std::vector<Fields> told(const std::vector<Event>& events) {
         std::vector<Fields> all;
         for (const Event& event : events) {
             all.push_back({event.name});
@@ -587,10 +592,7 @@ private:
         return {"SIGN_REQUEST", client, {"question of " + std::to_string(client)}, {}, false};
     }
 
-    static Fields listenersList() {
-        sdbus::Message message(sdbus::Message::kReply, "", fuzz::Served::get().ask("LISTENERS_LIST", {""}));
-        return torture::fieldsOf(message);
-    }
+    static Fields listenersList() { return fieldsOf(fuzz::Served::get().ask("LISTENERS_LIST", {""})); }
 
     void lookAtAll() {
         mBurst.push_back({"DM_LIST", 0, {}, {}, false});

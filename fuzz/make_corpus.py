@@ -160,6 +160,13 @@ def bus_bytes():
         ("structs", "a(a{sv})(((y)))", bytes(40)), ("no_signature", "", two), ("unclosed", "a{s(", bytes(8)),
     ):
         put("bus_bytes", name, b"\2\0" + bytes([len(signature)]) + signature.encode() + body)
+    # The methods by their place in the target, with what they take.
+    k, v = struct.pack("<I2s", 1, b"k"), struct.pack("<I2s", 1, b"v")
+    for name, place, signature, body in (
+        ("set_list", 1, "yssy", b"\1\0\0\0" + k + b"\0\0" + v + b"\7"), ("get_list", 2, "yss", b"\2\0\0\0" + two),
+        ("listen", 3, "ysb", b"\1\0\0\0" + k + b"\0\0\1\0\0\0"), ("set", 4, "ss", two),
+    ):
+        put("bus_bytes", name, bytes([2, place, len(signature)]) + signature.encode() + body)
 
 
 def bus_calls():
