@@ -473,13 +473,18 @@ private:
         } else {
             settle();
             if (step.method == kSubscribe)
-                client(step.client)
-                    .subscribe(fuzz::kEvents[static_cast<std::size_t>(step.numbers[0]) % fuzz::kEvents.size()]);
+                subscribe(step);
             else if (step.method == kRestart)
                 restart();
             else if (step.method != kWait)
                 mClients[step.client].reset();
         }
+    }
+
+    // While an event is sent.
+    void subscribe(const Step& step) {
+        const auto sent = std::async(std::launch::async, raiseFence);
+        client(step.client).subscribe(fuzz::kEvents[static_cast<std::size_t>(step.numbers[0]) % fuzz::kEvents.size()]);
     }
 
     void restart() {
@@ -640,6 +645,11 @@ extern "C" std::size_t LLVMFuzzerCustomCrossOver(const uint8_t* one, std::size_t
     steps.resize(random.below(steps.size() + 1));
     steps.insert(steps.end(), more.begin() + static_cast<std::ptrdiff_t>(random.below(more.size() + 1)), more.end());
     return writeSteps(steps, out, sizeMax);
+}
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    (void)fuzz::Served::get();  // before anybody looks for it
+    return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
