@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <exception>
+#include <vector>
 
 #include "platform/velmarlog/log_line.h"
 #include "src/sdconfig_protocol.h"
@@ -36,9 +37,13 @@ bool ListenerMap::addToKnown(const std::string& key, DMConfig::Listener* listene
     return true;
 }
 
-void ListenerMap::add(const std::string& key, DMConfig::Listener* listener) {
+void ListenerMap::add(Registrations registrations) noexcept {
     const std::lock_guard lock(mGuard);
-    mListeners[key].push_back(listener);
+    mListeners.merge(registrations);
+    for (auto& [key, listeners] : registrations) {  // what is left is of keys that are there
+        auto& known = mListeners.find(key)->second;
+        known.splice(known.end(), listeners);
+    }
 }
 
 ListenerMap::Removal ListenerMap::remove(const std::string& key, const DMConfig::Listener* listener) {
@@ -61,7 +66,8 @@ void ListenerMap::onEvent(SDBusMessage& event) {
     std::vector<DMConfig::Listener*> listeners;
     {
         const std::lock_guard lock(mGuard);
-        if (const auto found = mListeners.find(key); found != mListeners.end()) listeners = found->second;
+        if (const auto found = mListeners.find(key); found != mListeners.end())
+            listeners.assign(found->second.begin(), found->second.end());
     }
     struct Delivery {
         ListenerMap& map;

@@ -2,11 +2,11 @@
 #pragma once
 
 #include <condition_variable>
+#include <list>
 #include <map>
 #include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "libsdconfig/dmconfig.h"
 #include "platform/sdbus/sdbus.h"
@@ -18,9 +18,12 @@ namespace sd {
 // or a call is on the bus: a listener may call anything.
 class ListenerMap {
 public:
+    // By key. In nodes of their own, so that to add them takes no memory: the service has been told by then.
+    using Registrations = std::map<std::string, std::list<DMConfig::Listener*>>;
+
     // Adds a registration to a key that is there already; false when it isn't.
     bool addToKnown(const std::string& key, DMConfig::Listener* listener);
-    void add(const std::string& key, DMConfig::Listener* listener);
+    void add(Registrations registrations) noexcept;
 
     enum class Removal { Done, NoKey, NoListener };
     // Takes the listener's first registration out. The key's entry stays, even when it was the last one.
@@ -43,7 +46,7 @@ private:
     bool awaitEnd(std::unique_lock<std::mutex>& lock);
 
     std::mutex mGuard;
-    std::map<std::string, std::vector<DMConfig::Listener*>> mListeners;
+    Registrations mListeners;
     const DMConfig::Listener* mRunning = nullptr;  // whom the event thread is calling
     unsigned long mDeliveries = 0;                 // how many calls have come to their end
     bool mClosed = false;

@@ -2,6 +2,7 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -38,7 +39,7 @@ class SDConfigClient::Process {
 public:
     explicit Process(Process* parents = nullptr) : mParents(parents) {}
 
-    static Process* sCurrent;
+    static Process& current();
 
     std::shared_ptr<SDConfigClient> get();
     void end();
@@ -74,20 +75,42 @@ private:
     bool mEndsAtExit = false;
     bool mEnded = false;
     Process* const mParents [[maybe_unused]];  // what a child leaves alone stays reachable
+
+    // Null until it is first needed. A child may have no memory for one when it begins, and could tell nobody.
+    static std::atomic<Process*> sCurrent;
+    static Process* sHeld;  // over a fork(), by the thread that forks
+    static Process* sParents;
+    static const int sHandlesForks;
 };
 
-SDConfigClient::Process* SDConfigClient::Process::sCurrent = [] {
-    const auto release = [] { sCurrent->mGuard.unlock(); };
-    const auto beginAnew = [] {
-        sCurrent->mGuard.unlock();
-        sCurrent = new Process(sCurrent);
+std::atomic<SDConfigClient::Process*> SDConfigClient::Process::sCurrent{nullptr};
+SDConfigClient::Process* SDConfigClient::Process::sHeld = nullptr;
+SDConfigClient::Process* SDConfigClient::Process::sParents = nullptr;
+
+const int SDConfigClient::Process::sHandlesForks [[maybe_unused]] = [] {
+    const auto hold = [] {
+        sHeld = sCurrent;
+        if (sHeld) sHeld->mGuard.lock();
     };
-    (void)::pthread_atfork([] { sCurrent->mGuard.lock(); }, release, beginAnew);
-    return new Process;
+    const auto release = [] {
+        if (sHeld) sHeld->mGuard.unlock();
+    };
+    const auto beginAnew = [] {
+        if (sHeld) sHeld->mGuard.unlock();
+        sParents = sCurrent.exchange(nullptr);
+    };
+    return ::pthread_atfork(hold, release, beginAnew);
 }();
 
+SDConfigClient::Process& SDConfigClient::Process::current() {
+    if (Process* const there = sCurrent) return *there;
+    auto made = std::make_unique<Process>(sParents);
+    Process* there = nullptr;
+    return sCurrent.compare_exchange_strong(there, made.get()) ? *made.release() : *there;
+}
+
 std::shared_ptr<SDConfigClient> SDConfigClient::GetInstance() {
-    return Process::sCurrent->get();
+    return Process::current().get();
 }
 
 std::shared_ptr<SDConfigClient> SDConfigClient::Process::get() {
@@ -100,7 +123,10 @@ std::shared_ptr<SDConfigClient> SDConfigClient::Process::get() {
         return mReady ? mClient : nullptr;
     }
     // Before the objects are destroyed that are there now, as a static object of this function would.
-    if (!mEndsAtExit) mEndsAtExit = std::atexit([] { sCurrent->end(); }) == 0;
+    if (!mEndsAtExit)
+        mEndsAtExit = std::atexit([] {
+                          if (Process* const there = sCurrent) there->end();
+                      }) == 0;
     client = mClient;
     bool ready = false;
     {

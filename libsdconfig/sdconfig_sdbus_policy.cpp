@@ -1,5 +1,6 @@
 // The device-management facade, the requests behind it, and the client's listeners.
 #include <cstdint>
+#include <utility>
 
 #include "base/limits.h"
 #include "libsdconfig/dmconfig.h"
@@ -151,6 +152,7 @@ bool SDConfigClient::RegisterListener(const std::string& key, DMConfig::Listener
         LOG(5, AT "the key is already registered", HERE);
         return true;
     }
+    ListenerMap::Registrations registrations{{key, {listener}}};
     const auto call = makeCall(protocol::kRegisterListener);
     call->appendString(key);
     call->appendBool(flag);
@@ -160,7 +162,7 @@ bool SDConfigClient::RegisterListener(const std::string& key, DMConfig::Listener
         return false;
     }
     if (!answer->getBool(0)) return false;
-    mListenerMap->add(key, listener);
+    mListenerMap->add(std::move(registrations));
     return true;
 }
 
@@ -189,6 +191,8 @@ bool SDConfigClient::unregister(const std::string& key, DMConfig::Listener* list
 }
 
 bool SDConfigClient::RegisterListenersWithList(const DMConfig::ListenerList& listeners, bool flag) {
+    ListenerMap::Registrations registrations;
+    for (const auto& [key, listener] : listeners) registrations[key] = {listener};
     const auto call = makeCall(protocol::kRegisterListeners);
     call->appendInt8(narrowed(listeners.size()));
     for (const auto& [key, listener] : listeners) call->appendString(key);
@@ -199,7 +203,7 @@ bool SDConfigClient::RegisterListenersWithList(const DMConfig::ListenerList& lis
         return false;
     }
     if (!answer->getBool(0)) return false;
-    for (const auto& [key, listener] : listeners) mListenerMap->add(key, listener);
+    mListenerMap->add(std::move(registrations));
     return true;
 }
 

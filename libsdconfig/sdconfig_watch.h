@@ -92,9 +92,10 @@ private:
     static bool isThisThread(const std::thread& thread) { return thread.get_id() == std::this_thread::get_id(); }
 
     void startThread() {
+        auto thread = std::make_unique<std::thread>();  // before it runs: memory may run out
         try {
-            mThread = std::make_unique<std::thread>(
-                startQuietThread("sd-watch", [self = shared_from_this(), run = ++mRun] { self->serve(run); }));
+            *thread = startQuietThread("sd-watch", [self = shared_from_this(), run = ++mRun] { self->serve(run); });
+            mThread = std::move(thread);
         } catch (const std::system_error&) {
         }
     }

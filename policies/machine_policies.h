@@ -38,6 +38,7 @@ struct PolicyReadingStatus {
     std::map<std::string, std::string> nobody;  // whom "users" names without success, and why
     bool hasLinks = false;                      // something was reached through a symbolic link
     bool hasFailures = false;                   // something went wrong that another try may find right
+    bool isShort = false;                       // memory or descriptors were lacking for something
 };
 
 // Immutable, so any number of threads may use it. It keeps the entries of the files as they were read, and adds 16

@@ -11,6 +11,7 @@
 #include <set>
 #include <string_view>
 
+#include "base/shortage.h"
 #include "base/sip_hash.h"
 
 namespace sd {
@@ -96,6 +97,10 @@ struct PolicyFolders::Reading {
     std::map<std::string, Held> held{};
 
     bool isBeingWritten(const std::string& path) const { return isUnfinished && isUnfinished(path); }
+    void noteFailure(int failure) {
+        status.hasFailures |= isPassing(failure);
+        status.isShort |= isShortage(failure);
+    }
 };
 
 std::vector<std::string> standardPolicyFolders() {
@@ -154,7 +159,7 @@ void PolicyFolders::listFolder(const std::string& path, Reading& reading) const 
         ++reading.surplus;
     }
     if (listing) opening.failure = errno;
-    reading.status.hasFailures |= isPassing(opening.failure);
+    reading.noteFailure(opening.failure);
     if (opening.failure == 0) {
         tell(State::Read, "");
     } else {
@@ -178,7 +183,7 @@ void PolicyFolders::takeName(const std::string& name, Reading& reading) {
         else
             opening = openTrustedIn(folder->opening.file, folder->path, name, mOwner);
         reading.status.hasLinks |= opening.hasLink;
-        reading.status.hasFailures |= isPassing(opening.failure);
+        reading.noteFailure(opening.failure);
         if (isAbsent(opening.failure)) continue;
         if (!opening.distrust.empty()) {
             sources.push_back({path, State::LeftOut, opening.distrust});

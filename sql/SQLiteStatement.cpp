@@ -1,5 +1,7 @@
 #include "sql/SQLiteStatement.h"
 
+#include <new>
+
 #include "platform/velmarlog/log_line.h"
 #include "sql/SQLiteDatabase.h"
 #include "sql/sqlite_api.h"
@@ -9,6 +11,11 @@ namespace sd::data {
 namespace {
 constexpr char kTag[] = "DMS-SQLiteStatement";
 constexpr char kSource[] = "sql/SQLiteStatement";
+
+int unlessMemoryRanOut(int result) {
+    if (result == SQLITE_NOMEM) throw std::bad_alloc();
+    return result;
+}
 }  // namespace
 
 SQLiteStatement::SQLiteStatement(SQLiteDatabase& db, const std::string& sql) : mDb(db), mSql(sql), mHandle(nullptr) {}
@@ -24,6 +31,7 @@ int SQLiteStatement::prepare() {
     const int result = sqlite().prepare(mDb.handle(), mSql.c_str(), length, &mHandle, &tail);
     if (result != SQLITE_OK)
         LOG(7, AT "sqlite3_prepare_v2 failed (%i)\n%s\n%s", HERE, result, mSql.c_str(), sqlite().errmsg(mDb.handle()));
+    (void)unlessMemoryRanOut(result);
     if (tail && *tail != '\0') {
         LOG(7, AT "sqlite3_prepare_v2 failed: tail:%s", HERE, tail);
         return 1;
@@ -40,7 +48,7 @@ int SQLiteStatement::step() {
     if (result != SQLITE_ROW && result != SQLITE_DONE)
         LOG(7, AT "sqlite3_step failed (%i)\nQuery - %s\nError - %s", HERE, result, mSql.c_str(),
             sqlite().errmsg(mDb.handle()));
-    return result;
+    return unlessMemoryRanOut(result);
 }
 
 void SQLiteStatement::finalize() {
@@ -62,14 +70,18 @@ bool SQLiteStatement::executeCommand() {
         LOG(7, AT "executeCommand failed: prepare failed", HERE);
         return false;
     }
-    const bool done = step() == SQLITE_DONE;
-    finalize();
+    bool done = false;
+    {
+        const SQLiteFinalizer finalizer(*this);
+        done = step() == SQLITE_DONE;
+    }
     if (!done) LOG(7, AT "executeCommand failed: step failed", HERE);
     return done;
 }
 
 int SQLiteStatement::bindText(int index, const std::string& value) {
-    return sqlite().bindText(mHandle, index, value.data(), static_cast<int>(value.size()), SQLITE_TRANSIENT);
+    return unlessMemoryRanOut(
+        sqlite().bindText(mHandle, index, value.data(), static_cast<int>(value.size()), SQLITE_TRANSIENT));
 }
 
 int SQLiteStatement::bindInt(int index, int value) {
@@ -83,6 +95,7 @@ int SQLiteStatement::getColumnInt(int column) {
 std::string SQLiteStatement::getColumnText(int column) {
     if (!mHandle) return "";
     const unsigned char* text = sqlite().columnText(mHandle, column);
+    if (!text) (void)unlessMemoryRanOut(sqlite().errcode(mDb.handle()));
     return text ? reinterpret_cast<const char*>(text) : "";
 }
 

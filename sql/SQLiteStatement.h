@@ -10,7 +10,8 @@ namespace sd::data {
 class SQLiteDatabase;
 
 // constructed --prepare--> prepared --step...--> --finalize--> as constructed
-// Bind parameters count from 1, result columns from 0. One thread at a time; nothing throws.
+// Bind parameters count from 1, result columns from 0. One thread at a time. Where SQLite gets no memory all but
+// finalize and reset raise std::bad_alloc: what can't be read for want of memory must not pass for what is not there.
 class SQLiteStatement {
 public:
     // Keeps a reference to `db`, which has to outlive the statement. Prepares nothing.
@@ -52,6 +53,18 @@ private:
     SQLiteDatabase& mDb;
     std::string mSql;
     sqlite3_stmt* mHandle;
+};
+
+// Finalizes the statement in the end, whatever ends its use: one that is left open keeps its lock.
+class SQLiteFinalizer {
+public:
+    explicit SQLiteFinalizer(SQLiteStatement& statement) : mStatement(statement) {}
+    ~SQLiteFinalizer() { mStatement.finalize(); }
+    SQLiteFinalizer(const SQLiteFinalizer&) = delete;
+    SQLiteFinalizer& operator=(const SQLiteFinalizer&) = delete;
+
+private:
+    SQLiteStatement& mStatement;
 };
 
 }  // namespace sd::data

@@ -84,6 +84,7 @@ bool SQLiteTable::select(const TableRow& where, const TableRow& columns, std::ve
     genSelectStatement(where, columns, sql);
     SQLiteStatement statement(mDb, sql);
     if (statement.prepare() != 0) return false;
+    const SQLiteFinalizer finalizer(statement);
 
     for (size_t i = 0; i < where.size(); ++i) {
         const int parameter = static_cast<int>(i) + 1;
@@ -103,7 +104,6 @@ bool SQLiteTable::select(const TableRow& where, const TableRow& columns, std::ve
         }
         results.push_back(std::move(row));
     }
-    statement.finalize();
     return true;
 }
 
@@ -113,9 +113,8 @@ bool SQLiteTable::hasRow(const TableRow& columns) {
     genSelectStatement({}, columns, sql);
     SQLiteStatement statement(mDb, sql);
     if (statement.prepare() != 0) return false;
-    const bool found = statement.step() == SQLITE_ROW;
-    statement.finalize();
-    return found;
+    const SQLiteFinalizer finalizer(statement);
+    return statement.step() == SQLITE_ROW;
 }
 
 void SQLiteTable::genCreateStatement(std::string& out) {
@@ -167,6 +166,7 @@ bool SQLiteTable::executeStatement(const std::string& sql, const TableRow& row) 
     if (transaction && !transaction->isActive()) return false;
     SQLiteStatement statement(mDb, sql);
     if (statement.prepare() != 0) return false;
+    const SQLiteFinalizer finalizer(statement);
     for (size_t i = 0; i < row.size(); ++i) {
         const int parameter = static_cast<int>(i) + 1;
         if (row[i].type != 0)

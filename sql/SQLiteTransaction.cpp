@@ -1,5 +1,7 @@
 #include "sql/SQLiteTransaction.h"
 
+#include <new>
+
 #include "sql/SQLiteDatabase.h"
 #include "sql/SQLiteStatement.h"
 #include "sql/SQLiteWitness.h"
@@ -14,8 +16,11 @@ SQLiteTransaction::SQLiteTransaction(SQLiteDatabase& db)
       mBegun((!db.handle() || mRollback.prepare() == 0) && SQLiteStatement(db, "BEGIN IMMEDIATE").executeCommand()) {}
 
 SQLiteTransaction::~SQLiteTransaction() {
-    if (isActive()) mRollback.step();
-    mRollback.finalize();
+    const SQLiteFinalizer finalizer(mRollback);
+    try {
+        if (isActive()) mRollback.step();
+    } catch (const std::bad_alloc&) {  // it is undone all the same
+    }
 }
 
 bool SQLiteTransaction::isActive() const {
@@ -25,9 +30,14 @@ bool SQLiteTransaction::isActive() const {
 bool SQLiteTransaction::commit() {
     SQLiteWitness* const witness = isActive() ? SQLiteWitnessed::current() : nullptr;
     if (witness) witness->beforeCommit(mDb);
-    const bool committed = isActive() && SQLiteStatement(mDb, "COMMIT").executeCommand();
-    if (witness) witness->afterCommit(committed);
-    return committed;
+    struct Told {
+        SQLiteWitness* const witness;
+        bool isCommitted;
+        ~Told() {
+            if (witness) witness->afterCommit(isCommitted);
+        }
+    } told{witness, false};
+    return told.isCommitted = isActive() && SQLiteStatement(mDb, "COMMIT").executeCommand();
 }
 
 }  // namespace sd::data

@@ -8,7 +8,8 @@ namespace sd::data {
 class SQLiteDatabase;
 
 // What it holds is stored as a whole, or not at all: whatever ends it before commit() has succeeded, an error, an
-// exception, the process, leaves the database as it was. One thread at a time; nothing throws.
+// exception, the process, leaves the database as it was. One thread at a time. Beginning and committing raise
+// std::bad_alloc where there is no memory for it.
 class SQLiteTransaction {
 public:
     // Takes the database's write lock, for which it waits as any statement does. `db` has to outlive the transaction.

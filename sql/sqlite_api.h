@@ -17,6 +17,7 @@ struct SqliteApi {
     LOADED_AS(dbReadonly, library, sqlite3_db_readonly);
     LOADED_AS(exec, library, sqlite3_exec);
     LOADED_AS(getAutocommit, library, sqlite3_get_autocommit);
+    LOADED_AS(errcode, library, sqlite3_errcode);
     LOADED_AS(errmsg, library, sqlite3_errmsg);
     LOADED_AS(prepare, library, sqlite3_prepare_v2);
     LOADED_AS(step, library, sqlite3_step);

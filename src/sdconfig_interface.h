@@ -36,8 +36,8 @@ public:
     void initManager();
 
     // The policies of the machine, in the folders that the host told or in the standard ones: reads them before
-    // anything is served; and has changes taken up from then on.
-    void readMachinePolicies();
+    // anything is served, false where memory or descriptors were short of that; and has changes taken up from then on.
+    bool readMachinePolicies();
     void watchMachinePolicies();
 
     // The trail, where the host wants one: what was carried of it is read before anything is served; and it begins

@@ -74,20 +74,20 @@ bool walk(data::SQLiteTable& table, const std::string& afterId, const std::funct
     data::SQLiteStatement statement(table.database(),
                                     "SELECT id,key,value FROM " + table.name() + " WHERE id>? ORDER BY id");
     if (statement.prepare() != 0) return false;
+    const data::SQLiteFinalizer finalizer(statement);
     statement.bindText(1, afterId);
     int result = data::SQLiteStatement::kRow;
     bool more = true;
     while (more && (result = statement.step()) == data::SQLiteStatement::kRow)
         more = take({statement.getColumnText(0), statement.getColumnText(1), statement.getColumnText(2)});
-    statement.finalize();
     return !more || result == data::SQLiteStatement::kDone;
 }
 
 std::int64_t lastId(data::SQLiteTable& table) {
     data::SQLiteStatement statement(table.database(), "SELECT max(id) FROM " + table.name());
     if (statement.prepare() != 0) return 0;
+    const data::SQLiteFinalizer finalizer(statement);
     const std::string last = statement.step() == data::SQLiteStatement::kRow ? statement.getColumnText(0) : "";
-    statement.finalize();
     return std::strtoll(last.c_str(), nullptr, 10);
 }
 
@@ -96,6 +96,7 @@ bool replaceValues(data::SQLiteTable& table, std::vector<Replacement>& replaceme
     data::SQLiteTransaction transaction(table.database());
     if (!transaction.isActive()) return false;
     data::SQLiteStatement update(table.database(), "UPDATE " + table.name() + " SET value=? WHERE id=? AND value=?");
+    const data::SQLiteFinalizer finalizer(update);
     bool stored = update.prepare() == 0;
     for (auto one = replacements.begin(); stored && one != replacements.end(); ++one) {
         update.bindText(1, one->value);
@@ -105,7 +106,6 @@ bool replaceValues(data::SQLiteTable& table, std::vector<Replacement>& replaceme
         one->done = stored && update.changes() == 1;
         update.reset();
     }
-    update.finalize();
     return stored && transaction.commit();
 }
 

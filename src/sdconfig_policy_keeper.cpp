@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <exception>
 #include <map>
 #include <system_error>
 #include <utility>
@@ -118,7 +119,18 @@ bool PolicyKeeper::pause(milliseconds time) const {
 }
 
 void PolicyKeeper::run() {
-    while (waitForChange()) handOver(read());
+    bool isToRead = false;
+    while (true) {
+        try {
+            if (!isToRead && !waitForChange()) return;
+            isToRead = true;
+            handOver(read());
+            isToRead = false;
+        } catch (const std::exception& failure) {  // memory ran out: what is in force stays so until it is read
+            LOG(7, AT "machine policies: %s", HERE, failure.what());
+            if (!pause(kRetry)) return;
+        }
+    }
 }
 
 void PolicyKeeper::handOver(Policies next) {

@@ -1,6 +1,7 @@
 // How a value is sealed for the row that it stands in, whichever security layer there is.
 #pragma once
 
+#include <new>
 #include <string>
 #include <string_view>
 
@@ -29,9 +30,17 @@ inline std::string sealForRow(const SDSecurityRow& row, const std::string& plain
     if (isLayerBinding()) return SDSecurity::EncryptForRow(row, plain);
     return SDSecurity::GetInstance()->FastEncrypt(plain);
 }
+// Opening raises std::bad_alloc where there was no memory for it: else a policy that could not be read would govern
+// nothing.
 inline std::string openForRow(const SDSecurityRow& row, const std::string& cipher,
                               SDSecurity::OpenResult* why = nullptr) {
-    if (isLayerBinding()) return SDSecurity::DecryptForRow(row, cipher, why);
+    if (isLayerBinding()) {
+        auto result = SDSecurity::OpenResult::Done;
+        std::string plain = SDSecurity::DecryptForRow(row, cipher, &result);
+        if (result == SDSecurity::OpenResult::Failed) throw std::bad_alloc();
+        if (why) *why = result;
+        return plain;
+    }
     std::string plain = SDSecurity::GetInstance()->FastDecrypt(cipher);
     if (why) *why = plain.empty() ? SDSecurity::OpenResult::Changed : SDSecurity::OpenResult::Done;
     return plain;

@@ -28,7 +28,10 @@ public:
         SDBusSerivceManager* manager = SDBusSerivceManager::initSync(-1);
         LOG(5, AT "sdconfig service name=%s", HERE, protocol::kServiceName);
         if (!settleDataPath()) return;
-        mInterface.readMachinePolicies();
+        if (!mInterface.readMachinePolicies()) {
+            LOG(7, AT "machine policies: memory or descriptors are short, so nothing is served", HERE);
+            return;
+        }
         mInterface.openTrail();
         if (!manager->registerServiceInterface(protocol::kServiceName, &mInterface, SDBusSameUser, 1)) return;
         mInterface.beginTrail();

@@ -3,9 +3,9 @@
 
 #include <algorithm>
 #include <chrono>
-#include <filesystem>
 
 #include "base/sdconfig_types.h"
+#include "base/whole_path.h"
 #include "policies/machine_policies.h"
 #include "policies/policy_folders.h"
 #include "src/sdconfig_impl_policy.h"
@@ -34,7 +34,7 @@ constexpr int kAskedMost = 1000;
 constexpr std::size_t kAnsweredBytesMost = std::size_t{64} << 20;
 
 std::string inFull(const std::string& folder) {
-    std::string path = std::filesystem::absolute(folder).lexically_normal();
+    std::string path = wholePath(folder);
     if (path.size() > 1 && path.back() == '/') path.pop_back();
     return path;
 }
@@ -91,12 +91,16 @@ std::string millisecondsSince1970(std::chrono::system_clock::time_point time) {
 
 }  // namespace
 
-void SDConfigInterface::readMachinePolicies() {
-    if (mPolicyKeeper) return;
+bool SDConfigInterface::readMachinePolicies() {
+    if (mPolicyKeeper) return true;
     const auto place = placeOfPolicies();
-    if (!place) return;
-    mPolicyKeeper = std::make_unique<PolicyKeeper>(*place);
-    SDConfigDmHelper::useMachinePolicies(mPolicyKeeper->readFirst());
+    if (!place) return true;
+    auto keeper = std::make_unique<PolicyKeeper>(*place);
+    PolicyKeeper::Policies policies = keeper->readFirst();
+    if (policies->status().isShort) return false;  // nobody may be governed by less than there is
+    mPolicyKeeper = std::move(keeper);
+    SDConfigDmHelper::useMachinePolicies(std::move(policies));
+    return true;
 }
 
 void SDConfigInterface::watchMachinePolicies() {

@@ -3,6 +3,9 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <system_error>
+
+#include "base/shortage.h"
 
 namespace {
 
@@ -15,9 +18,11 @@ std::string trimmed(const std::string& text) {
 
 }  // namespace
 
-std::string readConstantsFile(const std::string& path, std::map<std::string, std::string>& constants) {
+std::string readConstantsFile(const std::string& path, std::map<std::string, std::string>& constants) try {
     std::ifstream file(path);
+    if (!file && sd::isShortage(errno)) throw std::system_error(errno, std::generic_category(), path);
     if (!file) return path + ": " + std::strerror(errno);
+    file.exceptions(std::ios::badbit);  // so that no file ends where memory does
 
     std::map<std::string, std::string> read;
     std::string line;
@@ -31,7 +36,8 @@ std::string readConstantsFile(const std::string& path, std::map<std::string, std
         if (line.back() == '\r') line.pop_back();
         read[name] = line.substr(equals + 1);
     }
-    if (file.bad()) return path + ": can't be read to its end";
     constants.swap(read);
     return "";
+} catch (const std::ios_base::failure&) {
+    return path + ": can't be read to its end";
 }

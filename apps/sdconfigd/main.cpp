@@ -34,6 +34,7 @@
 #include "apps/sdconfigd/constants_file.h"
 #include "apps/sdconfigd/preflight.h"
 #include "base/standard_folders.h"
+#include "base/whole_path.h"
 #include "libsdconfig/sdconfig.h"
 #include "platform/sdbus/sdbus.h"
 #include "platform/sdsecurity/sdsecurity.h"
@@ -266,7 +267,7 @@ std::string awaitRing() {
 // Tells the library and the layers below it where the data is, and takes the data folder. Returns a line for a person,
 // or "".
 std::string prepare(const Options& options, HeldFolder& folder) {
-    const std::string dataDir = std::filesystem::absolute(options.dataDir).lexically_normal();
+    const std::string dataDir = sd::wholePath(options.dataDir);
     sd::SDConfig::setDataPath(dataDir);
     if (sd::SDConfig::getDataPathUtf8() != dataDir) return "the path of the data folder is not valid UTF-8";
 
@@ -360,7 +361,7 @@ int run(const Options& options, const sigset_t& endSignals) {
 // Makes `folder` the one whose ring is meant: the running service's, where there is one. Returns a line for a person,
 // or "".
 std::string chooseFolder(const Options& options, std::string& folder) {
-    folder = std::filesystem::absolute(options.dataDir).lexically_normal();
+    folder = sd::wholePath(options.dataDir);
     if (!SDBusSerivceManager::initSync(-1)->isServiceRegistered(kName)) return "";
     const std::string served = apps::servedFolder();
     if (!options.dataDirNamed) folder = served;

@@ -5,9 +5,12 @@
 #include <sys/eventfd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <exception>
+#include <system_error>
 
+#include "platform/sdbus/contained.h"
 #include "platform/sdbus/log.h"
 #include "platform/sdbus/message.h"
 #include "platform/sdbus/names.h"
@@ -33,7 +36,7 @@ Deadline never() {
 }  // namespace
 
 EventListener::EventListener(RuntimeFolder place, std::string service)
-    : mPlace(std::move(place)), mService(std::move(service)), mWake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+    : mPlace(std::move(place)), mService(std::move(service)) {}
 
 bool EventListener::add(const std::string& event, std::unique_ptr<SDBusEventCallback> callback) {
     const auto member = encodeName(event);
@@ -42,7 +45,8 @@ bool EventListener::add(const std::string& event, std::unique_ptr<SDBusEventCall
         return false;
     }
     std::unique_lock lock(mMutex);
-    if (mStopped || !ensureRunning()) return false;
+    if (mStopped) return false;
+    ensureRunning();
     Subscription& subscription = mSubscriptions[event];
     subscription.member = *member;
     subscription.callbacks.push_back(std::move(callback));
@@ -53,10 +57,12 @@ bool EventListener::add(const std::string& event, std::unique_ptr<SDBusEventCall
     return subscription.state == State::InForce;
 }
 
-bool EventListener::ensureRunning() {
-    if (mThread) return true;
-    if (mWake) mThread = startThread("sdbus-events", [self = shared_from_this()] { self->run(); });
-    return mThread != nullptr;
+void EventListener::ensureRunning() {
+    if (mThread) return;
+    if (!mWake) mWake.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!mWake) throw std::system_error(errno, std::generic_category(), "no descriptor for the events of a service");
+    mThread = startThread("sdbus-events", [self = shared_from_this()] { self->run(); });
+    if (!mThread) throw std::system_error(EAGAIN, std::generic_category(), "no thread for the events of a service");
 }
 
 bool EventListener::isOwnThread() const {
@@ -95,16 +101,20 @@ void EventListener::drainWake() {
 void EventListener::run() {
     int pause = kRetryLeastMs;
     while (!isStopped()) {
-        if (const auto connection = connect()) {
-            pause = kRetryLeastMs;
-            serve(*connection);
-            forgetRequests();
-        }
+        contained("the thread of a service's events", [&] { connectAndServe(pause); });
+        forgetRequests();
         if (isStopped()) return;
-        noteLost();
+        contained("a loss of events", [this] { noteLost(); });
         waitBeforeRetry(pause);
         pause = std::min(pause * 2, kRetryMostMs);
     }
+}
+
+void EventListener::connectAndServe(int& pause) {
+    const auto connection = connect();
+    if (!connection) return;
+    pause = kRetryLeastMs;
+    serve(*connection);
 }
 
 std::unique_ptr<ClientConnection> EventListener::connect() {
@@ -136,7 +146,8 @@ void EventListener::serve(ClientConnection& connection) {
         const Progress progress = connection.receive(never(), message, mWake.get());
         if (progress == Progress::Lost) return;
         if (progress == Progress::Woken) drainWake();
-        if (message) take(message.get());
+        // Where memory runs out an event is lost, but not those behind it.
+        if (message) contained("taking an event", [&] { take(message.get()); });
     }
 }
 

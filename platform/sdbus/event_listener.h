@@ -41,10 +41,11 @@ private:
         bool isAnswered() const { return state == State::InForce || state == State::Refused; }
     };
 
-    bool ensureRunning();
+    void ensureRunning();
     bool isOwnThread() const;
     bool isStopped();
     void run();
+    void connectAndServe(int& pause);
     std::unique_ptr<ClientConnection> connect();
     void waitBeforeRetry(int milliseconds);
     void serve(ClientConnection& connection);
@@ -61,9 +62,9 @@ private:
 
     const RuntimeFolder mPlace;
     const std::string mService;
-    const UniqueFd mWake;  // an eventfd: something was added, or it is time to stop
 
     std::mutex mMutex;
+    UniqueFd mWake;  // an eventfd: something was added, or it is time to stop; there before the thread is
     std::condition_variable mAnswered;
     std::map<std::string, Subscription> mSubscriptions;  // guarded by mMutex, as what follows
     std::unique_ptr<std::thread> mThread;

@@ -225,6 +225,12 @@ PendingCall::~PendingCall() {
     }
 }
 
+void PendingCall::refuse(const char* error, const char* reason) {
+    if (mAnswered.exchange(true) || !mWantsReply) return;
+    const auto caller = mCaller.lock();
+    if (caller && sd_bus_reply_method_errorf(mCall.get(), error, "%s", reason) < 0) caller->close();
+}
+
 bool PendingCall::answer(const Message& reply) {
     const auto plan = WirePlan::make(reply.arguments());
     if (!plan) {

@@ -88,6 +88,9 @@ public:
     // False when the caller is gone, was answered already, or can't be sent this.
     bool answer(const Message& reply);
 
+    // Answers with an error, unless it was answered. On the loop's thread.
+    void refuse(const char* error, const char* reason);
+
     const SDBusPeer& peer() const { return mPeer; }
 
 private:

@@ -11,6 +11,7 @@
 #include <ctime>
 #include <exception>
 #include <future>
+#include <new>
 
 #include "platform/sdbus/contained.h"
 #include "platform/sdbus/log.h"
@@ -40,6 +41,7 @@ constexpr std::size_t kSubscriptionsMax = 1024;
 
 constexpr char kErrorInvalidArgs[] = "org.freedesktop.DBus.Error.InvalidArgs";
 constexpr char kErrorLimits[] = "org.freedesktop.DBus.Error.LimitsExceeded";
+constexpr char kErrorNoMemory[] = "org.freedesktop.DBus.Error.NoMemory";
 constexpr char kErrorUnknownMethod[] = "org.freedesktop.DBus.Error.UnknownMethod";
 
 uint64_t microseconds(std::chrono::microseconds time) {
@@ -274,7 +276,8 @@ int Service::take(Peer& peer, sd_bus_message* message) {
     if (sd_bus_message_get_type(message, &type) < 0 || type != SD_BUS_MESSAGE_METHOD_CALL) return 1;
     if (mStopping) return 1;
     int result = 1;
-    contained("taking a call", [&] { result = takeCall(peer, message); });
+    // Its client knows by a lost connection that nobody will answer, nor send what it subscribed to.
+    if (!contained("taking a call", [&] { result = takeCall(peer, message); })) peer.close();
     return result;
 }
 
@@ -319,9 +322,12 @@ int Service::takeOrdinaryCall(Peer& peer, sd_bus_message* call) {
     return 1;
 }
 
-void Service::handle(const std::shared_ptr<SDBusMessage>& call) {
+void Service::handle(const std::shared_ptr<Message>& call) {
     try {
         (void)mInterface.handleMethodCall(call);
+    } catch (const std::bad_alloc&) {
+        LOG(7, AT "the handler of %s was short of memory", HERE, call->methodName().c_str());
+        call->pendingCall()->refuse(kErrorNoMemory, "there was no memory for it");
     } catch (const std::exception& error) {
         LOG(7, AT "the handler of %s threw: %s", HERE, call->methodName().c_str(), error.what());
     } catch (...) {
@@ -345,9 +351,12 @@ int Service::takeControlCall(Peer& peer, sd_bus_message* call) {
 // ---- Events ----
 
 void Service::subscribe(Peer& peer, const std::string& event) {
-    if (!peer.subscriptions().insert(event).second) return;
+    if (peer.subscriptions().count(event) > 0) return;
     const std::lock_guard lock(mSubscribersMutex);
-    mSubscribers[event].push_back(&peer);
+    auto& peers = mSubscribers[event];
+    peers.reserve(peers.size() + 1);
+    peer.subscriptions().insert(event);
+    peers.push_back(&peer);
 }
 
 bool Service::isWanted(const std::string& event) {

@@ -76,7 +76,7 @@ private:
     int takeHello(Peer& peer, sd_bus_message* call);
     void tellRefusal(const SDBusPeer& peer, const char* reason);
     int refuse(Peer& peer, sd_bus_message* call, const char* error, const char* reason);
-    void handle(const std::shared_ptr<SDBusMessage>& call);
+    void handle(const std::shared_ptr<Message>& call);
 
     bool isWanted(const std::string& event);
     void subscribe(Peer& peer, const std::string& event);

@@ -14,8 +14,10 @@ constexpr char kSource[] = "platform/sdbus/threads";
 }  // namespace
 
 std::unique_ptr<std::thread> startThread(const char* name, std::function<void()> body) {
+    auto thread = std::make_unique<std::thread>();  // before it runs: memory may run out
     try {
-        return std::make_unique<std::thread>(sd::startQuietThread(name, std::move(body)));
+        *thread = sd::startQuietThread(name, std::move(body));
+        return thread;
     } catch (const std::system_error& error) {
         LOG(7, AT "cannot start thread %s: %s", HERE, name, error.what());
         return nullptr;

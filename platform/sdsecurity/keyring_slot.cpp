@@ -10,13 +10,14 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstring>
-#include <filesystem>
 #include <system_error>
 #include <utility>
 
 #include "base/quiet_thread.h"
+#include "base/whole_path.h"
 #include "platform/sdsecurity/hex.h"
 #include "platform/sdsecurity/ring_file.h"
 
@@ -113,22 +114,24 @@ std::string endOf(pid_t process) {
 }
 
 // Who runs may lie where anybody can make a folder beside its own.
-bool isTrusted(const fs::path& program) {
+bool isTrusted(const std::string& program) {
     struct stat status {};
-    return program.is_absolute() && ::stat(program.c_str(), &status) == 0 && ::access(program.c_str(), X_OK) == 0 &&
+    return ::stat(program.c_str(), &status) == 0 && ::access(program.c_str(), X_OK) == 0 &&
            (status.st_uid == 0 || status.st_uid == ::geteuid());
 }
 
 }  // namespace
 
 std::string keyringProgram() {
-    const fs::path installed = fs::path(SDCONFIG_PROGRAM_DIR) / SDCONFIG_TO_KEYRING;
-    std::error_code failure;
-    const fs::path folder = fs::read_symlink("/proc/self/exe", failure).parent_path();
+    std::array<char, PATH_MAX> buffer;
+    const ssize_t size = ::readlink("/proc/self/exe", buffer.data(), buffer.size());
+    const std::string own(buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+    const std::string folder = own.substr(0, own.rfind('/'));
+    const std::string name = std::string("/") + kName;
     // As installed, of a program for users and of one that such a one starts; and as built.
-    for (const fs::path& place : {folder / SDCONFIG_TO_KEYRING, folder, folder / ".." / kName})
-        if (const fs::path program = (place / kName).lexically_normal(); isTrusted(program)) return program;
-    return (installed / kName).lexically_normal();
+    for (const std::string& place : {folder + "/" + SDCONFIG_TO_KEYRING, folder, folder + "/.." + name})
+        if (std::string program = wholePath(place + name); !folder.empty() && isTrusted(program)) return program;
+    return wholePath(std::string(SDCONFIG_PROGRAM_DIR) + "/" + SDCONFIG_TO_KEYRING + name);
 }
 
 KeyringHelper::KeyringHelper(std::string program, KeyringLimits limits)

@@ -3,8 +3,8 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstring>
-#include <memory_resource>
 #include <mutex>
 #include <new>
 
@@ -14,53 +14,84 @@ namespace {
 // Whole rings have pages of their own, which go with them; keys share some, which stay.
 constexpr std::size_t kLargestShared = 512;
 
-class LockedPages : public std::pmr::memory_resource {
-    static std::size_t wholePages(std::size_t size) {
-        static const auto sPage = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
-        return (size + sPage - 1) / sPage * sPage;
-    }
-    void* do_allocate(std::size_t size, std::size_t /*alignment*/) override {
-        size = wholePages(size);
-        void* const pages = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        if (pages == MAP_FAILED) throw std::bad_alloc();
-        (void)::madvise(pages, size, MADV_DONTDUMP);
-        (void)::mlock(pages, size);
-        return pages;
-    }
-    void do_deallocate(void* pages, std::size_t size, std::size_t /*alignment*/) override {
-        ::munmap(pages, wholePages(size));
-    }
-    bool do_is_equal(const memory_resource& other) const noexcept override { return this == &other; }
-};
+std::size_t wholePages(std::size_t size) {
+    static const auto sPage = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+    return (size + sPage - 1) / sPage * sPage;
+}
 
-struct SecretMemory {
-    LockedPages pages;
-    std::mutex mutex;  // guards what follows
-    std::pmr::monotonic_buffer_resource room{&pages};
-    std::pmr::unsynchronized_pool_resource blocks{{0, kLargestShared}, &room};
+void* lockedPages(std::size_t size) {
+    void* const pages = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (pages == MAP_FAILED) throw std::bad_alloc();
+    (void)::madvise(pages, size, MADV_DONTDUMP);
+    (void)::mlock(pages, size);
+    return pages;
+}
+
+// Blocks of a power of two each, of which those that were given back are taken first. Where there is no page more, it
+// is as it was: the C++ library's pools, which were here, are not.
+class SharedPages {
+public:
+    void* take(std::size_t size) {
+        const std::size_t kind = kindOf(size);
+        const std::lock_guard lock(mMutex);
+        if (Free* const block = mFree.at(kind)) {
+            mFree.at(kind) = block->next;
+            return block;
+        }
+        const std::size_t bytes = kSmallest << kind;
+        if (mLeft < bytes) {
+            const std::size_t room = wholePages(kLargestShared);
+            mRoom = static_cast<char*>(lockedPages(room));
+            mLeft = room;
+        }
+        mLeft -= bytes;
+        return mRoom + mLeft;
+    }
+
+    void giveBack(void* bytes, std::size_t size) {
+        const std::size_t kind = kindOf(size);
+        const std::lock_guard lock(mMutex);
+        mFree.at(kind) = new (bytes) Free{mFree.at(kind)};
+    }
+
+private:
+    struct Free {
+        Free* next;
+    };
+
+    static constexpr std::size_t kSmallest = 16;  // which is what any object is aligned to
+    static constexpr std::size_t kKinds = 6;      // to kLargestShared
+
+    static std::size_t kindOf(std::size_t size) {
+        std::size_t kind = 0;
+        while (kSmallest << kind < size) ++kind;
+        return kind;
+    }
+
+    std::mutex mMutex;
+    std::array<Free*, kKinds> mFree{};  // guarded by mMutex, as what follows
+    char* mRoom = nullptr;
+    std::size_t mLeft = 0;  // of it, from its beginning
 };
 
 // Never destroyed: static destructors may still seal.
-SecretMemory& secretMemory() {
-    static SecretMemory& sMemory = *new SecretMemory;
-    return sMemory;
+SharedPages& sharedPages() {
+    static SharedPages& sPages = *new SharedPages;
+    return sPages;
 }
 
 }  // namespace
 
 void* takeSecretMemory(std::size_t size) {
-    SecretMemory& memory = secretMemory();
-    if (size > kLargestShared) return memory.pages.allocate(size);
-    const std::lock_guard lock(memory.mutex);
-    return memory.blocks.allocate(size);
+    return size > kLargestShared ? lockedPages(wholePages(size)) : sharedPages().take(size);
 }
 
 void giveBackSecretMemory(void* bytes, std::size_t size) {
     ::explicit_bzero(bytes, size);
-    SecretMemory& memory = secretMemory();
-    if (size > kLargestShared) return memory.pages.deallocate(bytes, size);
-    const std::lock_guard lock(memory.mutex);
-    memory.blocks.deallocate(bytes, size);
+    if (size > kLargestShared)
+        ::munmap(bytes, wholePages(size));
+    else
+        sharedPages().giveBack(bytes, size);
 }
 
 }  // namespace sd::security

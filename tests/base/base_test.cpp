@@ -10,6 +10,7 @@
 
 #include "base/standard_folders.h"
 #include "base/text.h"
+#include "base/whole_path.h"
 #include "tests/support/process.h"
 #include "tests/support/support.h"
 
@@ -79,6 +80,12 @@ TEST(TextTest, TheLocalesEncodingAsIconvHasIt) {
     EXPECT_EQ(localToUtf8("\xED\xA0\x80z"), thrice + "z");                   // half of a pair
     EXPECT_EQ(localToUtf8("\xF4\x90\x80\x80"), thrice + kReplacement);       // beyond Unicode
     EXPECT_EQ(localToUtf8("\xC0\xAF\xE6\x97\xA5"), twice + "\xE6\x97\xA5");  // longer than need be
+}
+
+TEST(WholePathTest, IsWhatTheLibraryMakesOfIt) {
+    for (const char* path : {"/", "/a", "/a/", "//a//b/.", "/a/./b/..", "/a/b/../..", "/../..", "/..a/.b/...", "a",
+                             "a/..", ".", "..", "./a/", "../../a"})
+        EXPECT_EQ(wholePath(path), std::filesystem::absolute(path).lexically_normal().string()) << path;
 }
 
 TEST(StandardFoldersTest, FollowTheConvention) {

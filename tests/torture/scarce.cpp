@@ -1,7 +1,10 @@
-// A library to preload: the n-th time that a process asks for memory, a descriptor or a thread, it gets none.
-// $SCARCE: the file of tests/torture/scarce.h. Asks for no memory itself.
+// A library to preload: the n-th time that a process, or a child that it forked, asks for memory, a descriptor, a
+// thread or a mapping, it gets none. $SCARCE: the file of tests/torture/scarce.h. Asks for no memory itself. SQLite's
+// memory is among it: nobody gives it an allocator of its own, so that it asks malloc(). Out of reach is what the C
+// library asks itself for: the stacks of threads, the files of the loader, the heap behind malloc().
 #include "tests/torture/scarce.h"
 
+#include <dirent.h>
 #include <dlfcn.h>
 #include <execinfo.h>
 #include <fcntl.h>
@@ -17,6 +20,7 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -43,9 +47,9 @@ Scarcity* shared() {
     const char* const path = ::getenv("SCARCE");
     const auto fd = static_cast<int>(path ? ::syscall(SYS_openat, AT_FDCWD, path, O_RDWR | O_CLOEXEC) : -1);
     if (fd < 0) return nullptr;
-    void* const mapped = ::mmap(nullptr, sizeof(Scarcity), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    const long mapped = ::syscall(SYS_mmap, nullptr, sizeof(Scarcity), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     ::close(fd);
-    if (mapped != MAP_FAILED) sShared = static_cast<Scarcity*>(mapped);
+    if (mapped != -1) sShared = reinterpret_cast<Scarcity*>(mapped);
     return sShared;
 }
 
@@ -73,16 +77,22 @@ Function* next(const char* name) {
     return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
 }
 
-void* none() {
-    errno = ENOMEM;
-    return nullptr;
+// What `call` gives, or `none` with that error.
+template <class Result, class Call>
+Result unless(Scarcity::Kind kind, const void* caller, int error, Result none, Call&& call) {
+    if (!isRefused(kind, caller)) return call();
+    errno = error;
+    return none;
 }
 
 template <class Call>
-int descriptor(Call&& call) {
-    if (!isRefused(Scarcity::Descriptor, nullptr)) return call();
-    errno = EMFILE;
-    return -1;
+void* memory(const void* caller, Call&& call) {
+    return unless<void*>(Scarcity::Memory, caller, ENOMEM, nullptr, call);
+}
+
+template <class Call>
+int descriptor(const void* caller, Call&& call) {
+    return unless(Scarcity::Descriptor, caller, EMFILE, -1, call);
 }
 
 mode_t modeOf(int flags, va_list arguments) {
@@ -92,23 +102,24 @@ mode_t modeOf(int flags, va_list arguments) {
 }  // namespace
 
 #define SCARCE extern "C" __attribute__((visibility("default")))
+#define CALLER __builtin_return_address(0)
 
 // The names are the C library's own.
 // NOLINTBEGIN(readability-identifier-naming, readability-inconsistent-declaration-parameter-name)
 SCARCE void* malloc(size_t size) noexcept {
-    return isRefused(Scarcity::Memory, __builtin_return_address(0)) ? none() : __libc_malloc(size);
+    return memory(CALLER, [&] { return __libc_malloc(size); });
 }
 
 SCARCE void* calloc(size_t count, size_t size) noexcept {
-    return isRefused(Scarcity::Memory, __builtin_return_address(0)) ? none() : __libc_calloc(count, size);
+    return memory(CALLER, [&] { return __libc_calloc(count, size); });
 }
 
 SCARCE void* realloc(void* old, size_t size) noexcept {
-    return isRefused(Scarcity::Memory, __builtin_return_address(0)) ? none() : __libc_realloc(old, size);
+    return memory(CALLER, [&] { return __libc_realloc(old, size); });
 }
 
 SCARCE void* memalign(size_t alignment, size_t size) noexcept {
-    return isRefused(Scarcity::Memory, __builtin_return_address(0)) ? none() : __libc_memalign(alignment, size);
+    return memory(CALLER, [&] { return __libc_memalign(alignment, size); });
 }
 
 SCARCE void* aligned_alloc(size_t alignment, size_t size) noexcept {
@@ -125,7 +136,7 @@ SCARCE int open(const char* path, int flags, ...) {
     va_start(arguments, flags);
     const mode_t mode = modeOf(flags, arguments);
     va_end(arguments);
-    return descriptor([&] { return next<int(const char*, int, ...)>("open")(path, flags, mode); });
+    return descriptor(CALLER, [&] { return next<int(const char*, int, ...)>("open")(path, flags, mode); });
 }
 
 SCARCE int openat(int folder, const char* path, int flags, ...) {
@@ -133,52 +144,93 @@ SCARCE int openat(int folder, const char* path, int flags, ...) {
     va_start(arguments, flags);
     const mode_t mode = modeOf(flags, arguments);
     va_end(arguments);
-    return descriptor([&] { return next<int(int, const char*, int, ...)>("openat")(folder, path, flags, mode); });
+    return descriptor(CALLER,
+                      [&] { return next<int(int, const char*, int, ...)>("openat")(folder, path, flags, mode); });
 }
 
 SCARCE int open64(const char* path, int flags, ...) __attribute__((alias("open")));
 SCARCE int openat64(int folder, const char* path, int flags, ...) __attribute__((alias("openat")));
 
+SCARCE FILE* fopen(const char* path, const char* mode) {
+    return unless<FILE*>(Scarcity::Descriptor, CALLER, EMFILE, nullptr,
+                         [&] { return next<FILE*(const char*, const char*)>("fopen")(path, mode); });
+}
+
+SCARCE FILE* fopen64(const char* path, const char* mode) __attribute__((alias("fopen")));
+
+SCARCE DIR* opendir(const char* path) {
+    return unless<DIR*>(Scarcity::Descriptor, CALLER, EMFILE, nullptr,
+                        [&] { return next<DIR*(const char*)>("opendir")(path); });
+}
+
 SCARCE int socket(int domain, int type, int protocol) noexcept {
-    return descriptor([&] { return next<int(int, int, int)>("socket")(domain, type, protocol); });
+    return descriptor(CALLER, [&] { return next<int(int, int, int)>("socket")(domain, type, protocol); });
 }
 
 SCARCE int socketpair(int domain, int type, int protocol, int* pair) noexcept {
-    return descriptor([&] { return next<int(int, int, int, int*)>("socketpair")(domain, type, protocol, pair); });
+    return descriptor(CALLER,
+                      [&] { return next<int(int, int, int, int*)>("socketpair")(domain, type, protocol, pair); });
 }
 
 SCARCE int accept4(int fd, sockaddr* address, socklen_t* length, int flags) {
-    return descriptor(
-        [&] { return next<int(int, sockaddr*, socklen_t*, int)>("accept4")(fd, address, length, flags); });
+    using Accept = int(int, sockaddr*, socklen_t*, int);
+    return descriptor(CALLER, [&] { return next<Accept>("accept4")(fd, address, length, flags); });
 }
 
 SCARCE int epoll_create1(int flags) noexcept {
-    return descriptor([&] { return next<int(int)>("epoll_create1")(flags); });
+    return descriptor(CALLER, [&] { return next<int(int)>("epoll_create1")(flags); });
 }
 
 SCARCE int eventfd(unsigned count, int flags) noexcept {
-    return descriptor([&] { return next<int(unsigned, int)>("eventfd")(count, flags); });
+    return descriptor(CALLER, [&] { return next<int(unsigned, int)>("eventfd")(count, flags); });
 }
 
 SCARCE int timerfd_create(clockid_t clock, int flags) noexcept {
-    return descriptor([&] { return next<int(clockid_t, int)>("timerfd_create")(clock, flags); });
+    return descriptor(CALLER, [&] { return next<int(clockid_t, int)>("timerfd_create")(clock, flags); });
 }
 
 SCARCE int inotify_init1(int flags) noexcept {
-    return descriptor([&] { return next<int(int)>("inotify_init1")(flags); });
+    return descriptor(CALLER, [&] { return next<int(int)>("inotify_init1")(flags); });
+}
+
+SCARCE int pipe(int* pair) noexcept {
+    return descriptor(CALLER, [&] { return next<int(int*)>("pipe")(pair); });
 }
 
 SCARCE int pipe2(int* pair, int flags) noexcept {
-    return descriptor([&] { return next<int(int*, int)>("pipe2")(pair, flags); });
+    return descriptor(CALLER, [&] { return next<int(int*, int)>("pipe2")(pair, flags); });
 }
 
 SCARCE int dup(int fd) noexcept {
-    return descriptor([&] { return next<int(int)>("dup")(fd); });
+    return descriptor(CALLER, [&] { return next<int(int)>("dup")(fd); });
 }
 
 SCARCE int pthread_create(pthread_t* thread, const pthread_attr_t* how, void* (*run)(void*), void* argument) noexcept {
-    if (isRefused(Scarcity::Thread, nullptr)) return EAGAIN;
     using Create = int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
-    return next<Create>("pthread_create")(thread, how, run, argument);
+    return unless<int>(Scarcity::Thread, CALLER, EAGAIN, EAGAIN,
+                       [&] { return next<Create>("pthread_create")(thread, how, run, argument); });
+}
+
+SCARCE pid_t fork() noexcept {
+    return unless<pid_t>(Scarcity::Thread, CALLER, EAGAIN, -1, [] { return next<pid_t()>("fork")(); });
+}
+
+SCARCE void* mmap(void* at, size_t size, int protection, int flags, int fd, off_t offset) noexcept {
+    using Map = void*(void*, size_t, int, int, int, off_t);
+    return unless<void*>(Scarcity::Mapping, CALLER, ENOMEM, MAP_FAILED,
+                         [&] { return next<Map>("mmap")(at, size, protection, flags, fd, offset); });
+}
+
+SCARCE void* mmap64(void* at, size_t size, int protection, int flags, int fd, off_t offset) noexcept
+    __attribute__((alias("mmap")));
+
+SCARCE void* mremap(void* old, size_t size, size_t wanted, int flags, ...) noexcept {
+    va_list arguments;
+    va_start(arguments, flags);
+    void* const at = (flags & MREMAP_FIXED) ? va_arg(arguments, void*) : nullptr;
+    va_end(arguments);
+    return unless<void*>(Scarcity::Mapping, CALLER, ENOMEM, MAP_FAILED, [&] {
+        return next<void*(void*, size_t, size_t, int, ...)>("mremap")(old, size, wanted, flags, at);
+    });
 }
 // NOLINTEND(readability-identifier-naming, readability-inconsistent-declaration-parameter-name)

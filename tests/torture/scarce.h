@@ -8,7 +8,7 @@ namespace torture {
 
 // In a file that both map. All zero: nothing is counted yet.
 struct Scarcity {
-    enum Kind : std::uint32_t { Memory, Descriptor, Thread };
+    enum Kind : std::uint32_t { Memory, Descriptor, Thread, Mapping };
     std::atomic<std::uint32_t> kind;
     std::atomic<std::uint32_t> isCounting;
     std::atomic<std::uint64_t> at;     // the number of the time that fails; 0 for none

@@ -1,33 +1,37 @@
-// Has the n-th allocation, descriptor or thread of the service, or of a client, fail, for one n after the other, over
-// one script of calls, and tells what did not hold.
-//     scarcity service|client memory|descriptor|thread SEED LIVES SCARCE SDCONFIGD CLIENT
-// LIVES: how many n are tried, spread over all there are; 0 for each n; -N for the N-th alone.
-// SCARCE: the library to preload; with $SCARCE_TRACE set it shows where it refused. CLIENT: torture_client.
-// Holds: no crash; a wrong answer never, a right one or a failure; when nothing is scarce any more, the same process
-// does all of the script, or has ended with a line, and the next one does; what was acknowledged is there.
+// Has the n-th allocation, descriptor, thread or mapping of the service, or of a client, fail, for one n after the
+// other, over one script of calls, and tells what did not hold.
+//     scarcity service|killed|client memory|descriptor|thread|mapping SEED LIVES SCARCE SDCONFIGD CLIENT SDCONFIG-DATA
+// killed: the start of a service after one that was killed. LIVES: how many n are tried, spread over all there are; 0
+// for each n; -N for the N-th alone; FROM-TO for each of those. SCARCE: the library to preload; with $SCARCE_TRACE set
+// it shows where it refused. CLIENT: torture_client.
+// Holds: no crash and no hang; a wrong answer or event never, a right one or a failure; when nothing is scarce any
+// more, the same process does all of the script, or has ended with a line, and the next one does; what was acknowledged
+// is there, and the trail without a fault. A client's threads and its child share one count.
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <functional>
 #include <iostream>
 #include <map>
 #include <optional>
 #include <random>
-#include <set>
 #include <sstream>
+#include <thread>
 
-#include "platform/sdbus/sdbus.h"
 #include "platform/velmarlog/velmarlog.h"
 #include "tests/torture/scarce.h"
+#include "tests/torture/scarce_script.h"
 #include "tests/torture/service_life.h"
 
 namespace torture {
@@ -35,15 +39,17 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int kCallLimitMs = 700;  // no answer is how a handler that failed tells
-constexpr int kEndingMs = 3000;    // of a service that is about to end
-constexpr int kFailuresMost = 3;   // of a client's calls, when one thing was refused
+constexpr int kEndingMs = 3000;                   // of a service that is about to end
+constexpr int kAnswerMs = 20000;                  // of a client that works
+constexpr std::chrono::seconds kMachineLimit{5};  // until a changed policy of the machine is in force
+constexpr int kClientEndingMs = 15000;            // it waits for a listener that runs, 5 s at most
 
 struct Arguments {
-    std::string whose, library, sdconfigd, client;
+    std::string whose;
     Scarcity::Kind kind;
     std::uint64_t seed;
-    std::int64_t lives;
+    std::string lives;
+    std::string library, sdconfigd, client, sdconfigData;
 };
 
 // The numbers that both sides share.
@@ -64,9 +70,10 @@ public:
         mShared->place[0] = 0;
         mShared->isCounting = 1;
     }
+    void end() { mShared->isCounting = 0; }
     std::uint64_t asked() const { return mShared->asked; }
     bool hasFailed() const { return mShared->asked >= mShared->at; }
-    bool wasRefusedTo(const char* file) const { return std::strstr(mShared->place, file) != nullptr; }
+    std::string refusedTo() const { return fs::path(mShared->place).filename(); }
 
     std::vector<std::string> variables(const std::string& library) const {
         return {"LD_PRELOAD=" + library, "SCARCE=" + mPath};
@@ -77,80 +84,53 @@ private:
     Scarcity* mShared;
 };
 
-// What each key may hold, by its kind and name: after a failure the old value or the new one.
-using Allowed = std::map<std::pair<std::string, std::string>, std::set<std::string>>;
+void putText(const std::string& path, const std::string& text) {
+    const sd::UniqueFd file(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    if (::write(file.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) throw Failed("no room");
+}
 
-struct Step {
-    std::string command, key, value;
+// What both kinds of lives begin with.
+class Lives {
+public:
+    Lives(const Arguments& arguments, const std::string& place)
+        : mArguments(arguments), mLife(place), mWatched(place + "/scarce") {
+        putText(mLife.place() + "/constants", kConstants);
+        makeFolder("policies");
+        putMachinePolicies(kMachineValue);
+    }
+
+    std::string said() const { return mLife.said(); }
+
+    // Of the latest life.
+    std::uint64_t asked() const { return mWatched.asked(); }
+    std::string refusedTo() const { return mWatched.refusedTo(); }
+
+protected:
+    std::string makeFolder(const std::string& name) const {
+        const std::string path = mLife.place() + "/" + name;
+        fs::create_directory(path);
+        fs::permissions(path, fs::perms::owner_all);
+        return path;
+    }
+
+    std::vector<std::string> service(const std::string& data) const {
+        const std::string& place = mLife.place();
+        return {mArguments.sdconfigd, "--data-dir",         data,           "--product-dir",    data,
+                "--constants",        place + "/constants", "--policy-dir", place + "/policies"};
+    }
+
+    // In one step, as those who keep them do.
+    void putMachinePolicies(const std::string& value) const {
+        putText(mLife.place() + "/policies/.new", machinePolicies(value));
+        fs::rename(mLife.place() + "/policies/.new", mLife.place() + "/policies/machine.json");
+    }
+
+    const Arguments& mArguments;
+    ServiceLife mLife;
+    Watched mWatched;
 };
-
-// Of each operation one, over values that are there and that are not.
-std::vector<Step> script(const std::string& round) {
-    std::vector<Step> steps;
-    for (const std::string kind : {"secure", "policy"})
-        steps.insert(steps.end(), {{kind + ".set", "a", round + ".a"},
-                                   {kind + ".set", "big", round + std::string(20000, 'x')},
-                                   {kind + ".get", "a", ""},
-                                   {kind + ".get", "kept", ""},
-                                   {kind + ".get", "absent", ""},
-                                   {kind + ".delete", "big", ""},
-                                   {kind + ".set", "b", round + ".b"}});
-    steps.insert(steps.end(), {{"property.set", "p", round + ".p"}, {"property.get", "p", ""}, {"sign", "text", ""}});
-    return steps;
-}
-
-std::string shown(const std::string& value) {
-    return "\"" + value.substr(0, 40) + "\"";
-}
-
-// Weighs an answer; nothing for none. Policies have names of their own, so that none outweighs a secure value.
-void weigh(const Step& step, const std::optional<std::string>& answer, bool mayFail, Allowed& allowed) {
-    const std::string what = step.command + " " + step.key;
-    const std::size_t dot = step.command.find('.');
-    const std::string kind = step.command.substr(0, dot);
-    const std::string operation = dot == std::string::npos ? "" : step.command.substr(dot + 1);
-    if (!answer && !mayFail) throw Failed(what + ": no answer, though nothing is scarce");
-    if (kind == "sign") {
-        if (answer && *answer != step.key && !(mayFail && answer->empty()))
-            throw Failed(what + " was answered with " + shown(*answer));
-        return;
-    }
-    std::set<std::string>& values = allowed[{kind, step.key}];
-    if (values.empty()) values.insert("");
-    if (operation == "get") {
-        if (!answer || values.count(*answer) != 0 || (mayFail && answer->empty())) return;
-        throw Failed(what + " was answered with " + shown(*answer));
-    }
-    const bool done = answer && *answer == "1";
-    if (!done && !mayFail) throw Failed(what + " failed, though nothing is scarce");
-    if (done) values.clear();
-    values.insert(step.value);
-}
 
 // ---- The service ----
-
-class ServiceScript {
-public:
-    std::optional<std::string> run(const Step& step) {
-        static const std::map<std::string, const char*> kMethods{
-            {"secure.set", "SET_SECURE"},     {"secure.get", "GET_SECURE"},     {"secure.delete", "DEL_SECURE"},
-            {"policy.set", "SET_POLICY"},     {"policy.get", "GET_POLICY"},     {"policy.delete", "DELETE_POLICY"},
-            {"property.set", "SET_PROPERTY"}, {"property.get", "GET_PROPERTY"}, {"sign", "SIGN_REQUEST"}};
-        if (!mProxy) mProxy = SDBusSerivceManager::initSync(-1)->getServiceProxyInterface("sdconfig", SDBusSameUser, 1);
-        const auto call = mProxy->makeMethodCallMessage(kMethods.at(step.command));
-        call->appendString((step.command[0] == 'p' && step.command[1] == 'o' ? "policy." : "") + step.key);
-        const bool isSet = step.command.size() > 4 && step.command.substr(step.command.size() - 4) == ".set";
-        if (isSet) call->appendString(step.value);
-        if (step.command == "policy.set") call->appendInt8(9);
-        const auto answer = mProxy->callWithReplyBlocking(call, kCallLimitMs);
-        if (answer->type() != 2) return std::nullopt;
-        const bool isText = step.command == "sign" || step.command.find(".get") != std::string::npos;
-        return isText ? answer->getString(0) : answer->getBool(0) ? "1" : "0";
-    }
-
-private:
-    std::shared_ptr<SDBusProxyInterface> mProxy;
-};
 
 // An end by itself: told by a line, with its exit code.
 void expectTold(int status, const ServiceLife& life) {
@@ -160,166 +140,246 @@ void expectTold(int status, const ServiceLife& life) {
         throw Failed("it ended with status " + std::to_string(status) + ": " + said);
 }
 
-class ServiceLives {
+class ServiceLives : public Lives {
 public:
-    ServiceLives(const Arguments& arguments, const std::string& place)
-        : mArguments(arguments), mLife(place), mWatched(place + "/scarce") {
+    ServiceLives(const Arguments& arguments, const std::string& place) : Lives(arguments, place) {
         // Values of an earlier life.
-        fs::create_directory(mLife.place() + "/template");
-        fs::permissions(mLife.place() + "/template", fs::perms::owner_all);
-        if (!mLife.start({mArguments.sdconfigd, "--data-dir", mLife.place() + "/template"}))
-            throw Failed("no service: " + mLife.said());
+        if (!mLife.start(service(makeFolder("template")))) throw Failed("no service: " + mLife.said());
+        ServiceCaller caller;
         for (const std::string kind : {"secure", "policy"}) {
             const Step step{kind + ".set", "kept", "kept." + kind};
-            weigh(step, mScript.run(step), false, mKept);
+            weigh(step, caller.run(step), false, mKept);
         }
-        if (mLife.end(SIGTERM) != 0) throw Failed("the first service did not end as told: " + mLife.said());
+        const bool isKilled = mArguments.whose == "killed";
+        if (mLife.end(isKilled ? SIGKILL : SIGTERM) != (isKilled ? SIGKILL : 0))
+            throw Failed("the first service did not end as told: " + mLife.said());
     }
-
-    std::string said() const { return mLife.said(); }
 
     // OpenSSL may go on without memory that it did not get while it sets itself up, which nobody above it can mend.
     int endedInOpenSsl() const { return mEndedInOpenSsl; }
 
-    // How many times were counted in a life in which nothing failed.
-    std::uint64_t all() {
-        live(UINT64_MAX);
-        return mWatched.asked();
-    }
-
     void live(std::uint64_t at) {
-        const std::string data = mLife.place() + "/data";
+        const std::string data = mLife.place() + "/data", round = std::to_string(at);
         fs::remove_all(data);
         fs::copy(mLife.place() + "/template", data, fs::copy_options::recursive);
         fs::permissions(data, fs::perms::owner_all);
-        const std::vector<std::string> command{mArguments.sdconfigd, "--data-dir", data, "--product-dir", data};
         Allowed allowed = mKept;
+        putMachinePolicies(kMachineValue);
         mWatched.begin(mArguments.kind, at);
-        bool ended = !mLife.start(command, mWatched.variables(mArguments.library));
-        for (const Step& step : script("1"))
-            if (!ended) weigh(step, mScript.run(step), true, allowed);
-        ended = ended || mLife.endsWithin(0);
-        if (!ended && mWatched.hasFailed()) ended = !isWell(allowed);
+        bool ended = !mLife.start(service(data), mWatched.variables(mArguments.library));
+        if (mArguments.whose == "killed") mWatched.end();
+        if (!ended) ended = !play(round + ".1", true, allowed);
+        if (!ended && mWatched.hasFailed()) ended = !play(round + ".2", false, allowed);
         const bool failedBefore = mWatched.hasFailed();
         const int status = mLife.end(ended ? 0 : SIGTERM);
-        if (WIFSIGNALED(status) && WTERMSIG(status) == SIGSEGV && mWatched.wasRefusedTo("libcrypto"))
+        if (WIFSIGNALED(status) && WTERMSIG(status) == SIGSEGV && mWatched.refusedTo().find("libcrypto") == 0)
             ++mEndedInOpenSsl;
         else if (ended || (status != 0 && !failedBefore))
             expectTold(status, mLife);
         else if (status != 0)
             throw Failed("it did not end as told: " + mLife.said());
-        if (!mLife.start(command)) throw Failed("the next one doesn't start: " + mLife.said());
-        for (const Step& step : script("3")) weigh(step, mScript.run(step), false, allowed);
+        mWatched.end();
+        if (!mLife.start(service(data))) throw Failed("the next one doesn't start: " + mLife.said());
+        if (!play(round + ".3", false, allowed)) throw Failed("the next one ends: " + mLife.said());
         (void)mLife.end(SIGKILL);
+        verifyTrail(data);
     }
 
 private:
-    // Whether it does all of the script, now that nothing is scarce; false where it has ended.
-    bool isWell(Allowed& allowed) {
+    // Whether the service does all of the script; false where it has ended.
+    bool play(const std::string& round, bool mayFail, Allowed& allowed) {
         try {
-            for (const Step& step : script("2")) weigh(step, mScript.run(step), false, allowed);
+            ServiceCaller caller;
+            putMachinePolicies(round);
+            allowed[kMachine].insert(round);
+            for (const Step& step : script(Whose::Service, round)) {
+                weigh(step, caller.run(step), mayFail, allowed);
+                if (mayFail && mLife.endsWithin(0)) return false;
+            }
+            if (!mayFail) awaitMachinePolicy(caller, round, allowed);
         } catch (const Failed&) {
-            if (!mLife.endsWithin(kEndingMs)) throw;
+            if (mayFail || !mLife.endsWithin(kEndingMs)) throw;
             return false;
         }
         return true;
     }
 
-    const Arguments& mArguments;
-    ServiceLife mLife;
-    Watched mWatched;
-    ServiceScript mScript;
-    Allowed mKept;
+    // They are read beside the calls.
+    static void awaitMachinePolicy(ServiceCaller& caller, const std::string& value, Allowed& allowed) {
+        const auto limit = std::chrono::steady_clock::now() + kMachineLimit;
+        while (caller.run({"machine.get", kMachine.second}) != value) {
+            if (std::chrono::steady_clock::now() > limit) throw Failed("a policy of the machine is not taken up");
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        allowed[kMachine] = {value};
+    }
+
+    void verifyTrail(const std::string& data) const {
+        const std::string log = mLife.place() + "/verified";
+        const pid_t process = spawn({mArguments.sdconfigData, "log", "verify", "--data-dir", data}, {}, log);
+        int status = 0;
+        ::waitpid(process, &status, 0);
+        if (status != 0) throw Failed("the trail: " + textOf(log));
+    }
+
+    static inline const std::pair<std::string, std::string> kMachine{"machine", "machine.key"};
+    Allowed mKept = answersFromTheStart();
     int mEndedInOpenSsl = 0;
 };
 
 // ---- A client ----
 
-class ClientLives {
+// torture_client, asked line by line. The pipes have names, for spawn.
+class Client {
 public:
-    ClientLives(const Arguments& arguments, const std::string& place)
-        : mArguments(arguments), mLife(place), mWatched(place + "/scarce") {
-        fs::create_directory(mLife.place() + "/data");
-        fs::permissions(mLife.place() + "/data", fs::perms::owner_all);
-        if (!mLife.start({mArguments.sdconfigd, "--data-dir", mLife.place() + "/data"}))
-            throw Failed("no service: " + mLife.said());
+    Client(const std::string& program, const std::string& place, const std::vector<std::string>& variables)
+        : mLog(place + "/client"), mInput(pipeOf(place + "/input")), mOutput(pipeOf(place + "/output")) {
+        mProcess = spawn({program}, variables, mLog, place + "/input", place + "/output");
+        mEnded = sd::UniqueFd(static_cast<int>(::syscall(SYS_pidfd_open, mProcess, 0)));
     }
-    ~ClientLives() { (void)mLife.end(SIGTERM); }
+    ~Client() {
+        if (mProcess != 0) end(0);
+    }
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+
+    // Nothing where it has ended, which end() tells more of.
+    std::optional<std::string> ask(const std::string& line) {
+        const std::string text = line + "\n";
+        if (::write(mInput.get(), text.data(), text.size()) < 0) throw Failed("the client can't be asked");
+        std::string answer;
+        pollfd waits[] = {{mOutput.get(), POLLIN, 0}, {mEnded.get(), POLLIN, 0}};
+        while (answer.empty() || answer.back() != '\n') {
+            if (::poll(waits, 2, kAnswerMs) <= 0) throw Failed("the client hangs at " + line.substr(0, 60));
+            if ((waits[0].revents & POLLIN) == 0) return std::nullopt;
+            char bytes[65536];
+            const ssize_t length = ::read(mOutput.get(), bytes, sizeof bytes);
+            answer.append(bytes, static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
+        }
+        answer.pop_back();
+        return answer;
+    }
+
+    // Its status once it has no more input.
+    int end(int patienceMs = kClientEndingMs) {
+        mInput.reset();
+        pollfd wait{mEnded.get(), POLLIN, 0};
+        const bool hasEnded = ::poll(&wait, 1, patienceMs) > 0;
+        if (!hasEnded) ::kill(mProcess, SIGKILL);
+        int status = 0;
+        ::waitpid(std::exchange(mProcess, 0), &status, 0);
+        if (!hasEnded && patienceMs != 0) throw Failed("the client does not end: " + said());
+        return status;
+    }
+
+    std::string said() const { return textOf(mLog).substr(0, 3000); }
+
+private:
+    // Both ends, so that neither process waits for the other to open it.
+    static sd::UniqueFd pipeOf(const std::string& path) {
+        (void)::mkfifo(path.c_str(), 0600);
+        return sd::UniqueFd(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+    }
+
+    const std::string mLog;
+    sd::UniqueFd mInput, mOutput, mEnded;
+    pid_t mProcess = 0;
+};
+
+class ClientLives : public Lives {
+public:
+    ClientLives(const Arguments& arguments, const std::string& place) : Lives(arguments, place) {
+        if (!mLife.start(service(makeFolder("data")))) throw Failed("no service: " + mLife.said());
+        mAnother.emplace();
+    }
+    ~ClientLives() {
+        mAnother.reset();
+        (void)mLife.end(SIGTERM);
+    }
     ClientLives(const ClientLives&) = delete;
     ClientLives& operator=(const ClientLives&) = delete;
 
-    std::string said() const { return mLife.said(); }
     int endedInOpenSsl() const { return 0; }
 
-    std::uint64_t all() {
-        live(UINT64_MAX);
-        return mWatched.asked();
-    }
-
-    // The client's script twice. What fails besides has to be done at the next try.
     void live(std::uint64_t at) {
+        const std::string round = std::to_string(at);
         mWatched.begin(mArguments.kind, at);
-        const std::string input = mLife.place() + "/input", output = mLife.place() + "/output";
-        std::vector<Step> steps = script("1");
-        for (const Step& step : script("2")) steps.push_back(step);
-        put(input, steps);
-        const std::string log = mLife.place() + "/client";
-        const pid_t process = spawn({mArguments.client}, mWatched.variables(mArguments.library), log, input, output);
-        int status = 0;
-        ::waitpid(process, &status, 0);
-        std::istringstream answers(textOf(output));
-        if (answers.peek() == EOF) return;  // it could not even begin
-        int failures = 0;
-        for (const Step& step : steps) {
-            std::string answer;
-            if (!std::getline(answers, answer)) break;
-            weigh(step, plain(step, answer), true, mAllowed);
-            failures += answer == "no memory" || (answer == "0" && isChange(step)) ? 1 : 0;
+        Client client(mArguments.client, mLife.place(), mWatched.variables(mArguments.library));
+        const bool hasBegun = client.ask("up").has_value();
+        bool isUp = hasBegun && play(client, round + ".1", true);
+        if (isUp && mWatched.hasFailed()) {
+            mWatched.end();
+            isUp = play(client, round + ".2", false);
         }
-        if (status != 0 || failures > kFailuresMost)
-            throw Failed("the client ended with status " + std::to_string(status) + " and " + std::to_string(failures) +
-                         " failures: " + textOf(log).substr(0, 3000));
+        const int status = client.end();
+        if (hasBegun ? !isUp || status != 0 : !couldNotBegin(status))
+            throw Failed("the client ended with status " + std::to_string(status) + ": " + client.said());
     }
 
 private:
-    static bool isChange(const Step& step) {
-        return step.command.find(".set") != std::string::npos || step.command.find(".delete") != std::string::npos;
+    // The loader ends a program whose libraries can't be loaded, and the C++ library one whose first objects can't be
+    // made.
+    static bool couldNotBegin(int status) {
+        return WIFEXITED(status) ? WEXITSTATUS(status) == 127 : WTERMSIG(status) == SIGABRT;
     }
 
-    // What the client prints, as the service has it. A policy's priority comes first.
+    bool play(Client& client, const std::string& round, bool mayFail) {
+        for (const Step& step : script(Whose::Client, round)) {
+            if (step.isAnothers) {
+                weigh(step, mAnother->run(step), false, mAllowed);
+                continue;
+            }
+            const auto answer = client.ask(lineOf(step, mayFail));
+            if (!answer) return false;
+            weigh(step, plain(step, *answer), mayFail, mAllowed);
+        }
+        return true;
+    }
+
+    static std::string lineOf(const Step& step, bool mayFail) {
+        static const std::map<std::string, std::string> kNames{
+            {"secure.set", "set"},         {"secure.get", "get"}, {"secure.delete", "delete"},
+            {"machine.get", "policy.get"}, {"sign.get", "sign"},  {"threads.get", "threads"},
+            {"fork.get", "fork"}};
+        const auto name = kNames.find(step.command);
+        std::string line = name == kNames.end() ? step.command : name->second;
+        line += std::string(" ") + prefixOf(step) + step.key + " " + step.value;
+        if (step.command == "event.get") line += mayFail ? " 200" : " 5000";
+        return line + (step.command.compare(0, 10, "policy.set") == 0 ? " 9" : "");
+    }
+
+    // What the client prints, as the service has it. A policy's priority comes first. Calls from several threads are
+    // told by how many were right, wrong and failed.
     static std::optional<std::string> plain(const Step& step, std::string answer) {
         if (answer == "no memory") return std::nullopt;
-        if (step.command == "policy.get") answer = answer.substr(std::min(answer.size(), answer.find(' ') + 1));
+        if (step.command == "policy.get" || step.command == "machine.get")
+            answer = answer.substr(std::min(answer.size(), answer.find(' ') + 1));
+        if (step.command == "threads.get" || step.command == "fork.get") {
+            std::istringstream counts(answer);
+            int right = 0, wrong = 0, failed = 0, allRight = 0, allWrong = 0;
+            for (; counts >> right >> wrong >> failed; allRight += right) allWrong += wrong;
+            if (allWrong == 0 && counts.eof()) return std::to_string(allRight);
+        }
         return answer == "null_value" || answer == "-" ? "" : answer;
     }
 
-    static void put(const std::string& path, const std::vector<Step>& steps) {
-        std::ostringstream text;
-        for (const Step& step : steps) {
-            const bool isSecure = step.command.compare(0, 7, "secure.") == 0;
-            const bool isPolicy = step.command.compare(0, 7, "policy.") == 0;
-            text << (isSecure ? step.command.substr(7) : step.command) << " " << (isPolicy ? "policy." : "") << step.key
-                 << " " << step.value << (step.command == "policy.set" ? " 9" : "") << "\n";
-        }
-        const sd::UniqueFd file(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-        const std::string all = text.str();
-        if (::write(file.get(), all.data(), all.size()) != static_cast<ssize_t>(all.size())) throw Failed("no room");
-    }
-
-    const Arguments& mArguments;
-    ServiceLife mLife;
-    Watched mWatched;
-    Allowed mAllowed;
+    Allowed mAllowed = answersFromTheStart();
+    std::optional<ServiceCaller> mAnother;
 };
 
 // ---- All ----
 
-// Numbers from 1 to `all`: each, or so many of them, in each part of the range one.
-std::vector<std::uint64_t> numbers(std::uint64_t all, std::int64_t lives, std::uint64_t seed) {
-    if (lives < 0) return {static_cast<std::uint64_t>(-lives)};
+// Numbers from 1 to `all`: each, or so many of them, in each part of the range one; or those that are named.
+std::vector<std::uint64_t> numbers(std::uint64_t all, const std::string& lives, std::uint64_t seed) {
+    if (const std::size_t dash = lives.find('-'); dash != std::string::npos) {
+        const std::uint64_t last = std::min<std::uint64_t>(std::stoull(lives.substr(dash + 1)), all);
+        std::vector<std::uint64_t> named;
+        for (std::uint64_t n = dash == 0 ? last : std::stoull(lives); n <= last; ++n) named.push_back(n);
+        return named;
+    }
     std::vector<std::uint64_t> chosen;
     std::mt19937_64 random(seed);
-    const std::uint64_t count = lives == 0 ? all : std::min(static_cast<std::uint64_t>(lives), all);
+    const std::uint64_t count = lives == "0" ? all : std::min<std::uint64_t>(std::stoull(lives), all);
     for (std::uint64_t i = 0; i < count; ++i) {
         const std::uint64_t from = all * i / count + 1;
         const std::uint64_t to = all * (i + 1) / count;
@@ -328,33 +388,40 @@ std::vector<std::uint64_t> numbers(std::uint64_t all, std::int64_t lives, std::u
     return chosen;
 }
 
-template <class Lives>
+template <class Kind>
 int liveAll(const Arguments& arguments, const std::string& place) {
-    Lives lives(arguments, place);
-    const std::uint64_t all = lives.all();
+    Kind lives(arguments, place);
+    lives.live(UINT64_MAX);
+    const std::uint64_t all = lives.asked();
     int failures = 0;
+    std::map<std::string, int> refused;  // by the file of who asked
     const auto chosen = numbers(all, arguments.lives, arguments.seed);
     for (const std::uint64_t at : chosen) {
         try {
             lives.live(at);
         } catch (const Failed& failure) {
             ++failures;
-            std::cout << "number " << at << " of " << all << ": " << failure.what()
-                      << "\n  the service: " << lives.said() << std::endl;
+            std::cout << "number " << at << " of " << all << ", asked by " << lives.refusedTo() << ": "
+                      << failure.what() << "\n  the service: " << lives.said() << std::endl;
         }
+        ++refused[lives.refusedTo()];
     }
-    std::cout << chosen.size() << " lives, each without another one of " << all;
-    if (lives.endedInOpenSsl() > 0) std::cout << "; " << lives.endedInOpenSsl() << " ended in OpenSSL's own setting up";
-    std::cout << std::endl;
+    std::cout << chosen.size() << " lives, each without another one of " << all << " (";
+    for (const auto& [file, count] : refused) std::cout << (file.empty() ? "nobody" : file) << " " << count << ", ";
+    std::cout << lives.endedInOpenSsl() << " ended in OpenSSL's own setting up)" << std::endl;
     return failures == 0 ? 0 : 1;
 }
 
 Arguments parsed(int count, char** words) {
-    static const std::map<std::string, Scarcity::Kind> kKinds{
-        {"memory", Scarcity::Memory}, {"descriptor", Scarcity::Descriptor}, {"thread", Scarcity::Thread}};
-    if (count != 8 || kKinds.count(words[2]) == 0)
-        throw Failed("scarcity service|client memory|descriptor|thread SEED LIVES SCARCE SDCONFIGD CLIENT");
-    return {words[1], words[5], words[6], words[7], kKinds.at(words[2]), std::stoull(words[3]), std::stoll(words[4])};
+    static const std::map<std::string, Scarcity::Kind> kKinds{{"memory", Scarcity::Memory},
+                                                              {"descriptor", Scarcity::Descriptor},
+                                                              {"thread", Scarcity::Thread},
+                                                              {"mapping", Scarcity::Mapping}};
+    if (count != 9 || kKinds.count(words[2]) == 0)
+        throw Failed(
+            "scarcity service|killed|client memory|descriptor|thread|mapping SEED LIVES SCARCE SDCONFIGD CLIENT "
+            "SDCONFIG-DATA");
+    return {words[1], kKinds.at(words[2]), std::stoull(words[3]), words[4], words[5], words[6], words[7], words[8]};
 }
 
 }  // namespace
@@ -367,8 +434,8 @@ int main(int count, char** words) {
         const Arguments arguments = parsed(count, words);
         char place[] = "/dev/shm/scarcity-XXXXXX";
         if (!::mkdtemp(place)) throw Failed("no room in /dev/shm");
-        return arguments.whose == "service" ? liveAll<ServiceLives>(arguments, place)
-                                            : liveAll<ClientLives>(arguments, place);
+        return arguments.whose == "client" ? liveAll<ClientLives>(arguments, place)
+                                           : liveAll<ServiceLives>(arguments, place);
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "scarcity: %s\n", failure.what());
         return 2;

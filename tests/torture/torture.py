@@ -1265,9 +1265,10 @@ def policies(run):
 def scarcity(run):
     run.needs_plain_build()
     told = []
-    for whose, kind, lives in (("service", "memory", 60), ("service", "descriptor", 0), ("service", "thread", 0),
-                               ("client", "memory", 100), ("client", "descriptor", 0)):
-        programs = [pieces.PROGRAMS[name] for name in ("scarcity", "scarce", "sdconfigd", "torture_client")]
+    for whose, kind, lives in (("service", "memory", 30), ("service", "descriptor", 25), ("service", "thread", 0),
+                               ("service", "mapping", 0), ("killed", "memory", 10), ("client", "memory", 40),
+                               ("client", "descriptor", 0), ("client", "thread", 0)):
+        programs = [pieces.PROGRAMS[name] for name in ("scarcity", "scarce", "sdconfigd", "torture_client", "sdconfig_data")]
         done = subprocess.run([programs[0], whose, kind, str(run.random.getrandbits(32)),
                                str(run.count(lives, 0)), *programs[1:]], text=True, capture_output=True, check=False)
         check(done.returncode == 0, f"{whose}, {kind}: {done.stdout[-1500:]}{done.stderr[-300:]}")
@@ -1317,6 +1318,7 @@ def main():
         parser.error("no scenario " + ", ".join(unknown))
     build = os.path.abspath(arguments.build)
     pieces.PROGRAMS.update(sdconfigd=f"{build}/apps/sdconfigd/sdconfigd", sdconfig=f"{build}/apps/sdconfig/sdconfig",
+                           sdconfig_data=f"{build}/apps/sdconfig/sdconfig-data",
                            torture_client=f"{build}/tests/torture/torture_client",
                            power_recorder=f"{build}/tests/torture/libpower_recorder.so",
                            power_cut=f"{build}/tests/torture/power_cut",

@@ -1,0 +1,240 @@
+#include "tests/torture/scarce_script.h"
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
+#include "tests/torture/service_life.h"
+
+namespace torture {
+namespace {
+
+constexpr int kCallLimitMs = 700;  // no answer is how a handler that failed tells
+constexpr std::chrono::milliseconds kEventLimit{700};
+
+// takes: what is appended; a key, its twin, a value, a priority, a flag, a count. gives: what the answer is.
+struct Method {
+    const char* name;
+    const char* takes;
+    enum { Bool, Text, Count, OnePolicy, Policies } gives;
+};
+
+const std::map<std::string, Method>& methods() {
+    static const std::map<std::string, Method> kMethods{
+        {"secure.set", {"SET_SECURE", "kv", Method::Bool}},
+        {"secure.get", {"GET_SECURE", "k", Method::Text}},
+        {"secure.delete", {"DEL_SECURE", "k", Method::Bool}},
+        {"policy.set", {"SET_POLICY", "kvp", Method::Bool}},
+        {"policy.set.list", {"SET_POLICYLIST", "2kvptvp", Method::Bool}},
+        {"policy.get", {"GET_POLICY", "k", Method::Text}},
+        {"policy.get.list", {"DM_GET_POLICIES", "1k", Method::OnePolicy}},
+        {"policy.list", {"DM_LIST", "", Method::Policies}},
+        {"policy.delete", {"DELETE_POLICY", "k", Method::Bool}},
+        {"policy.clear", {"DM_CLEAR_ALL_KEYS", "", Method::Bool}},
+        {"strong.get", {"ISSTRONG_CONTROL", "k", Method::Bool}},
+        {"property.set", {"SET_PROPERTY", "kv", Method::Bool}},
+        {"property.get", {"GET_PROPERTY", "k", Method::Text}},
+        {"property.delete", {"DEL_PROPERTY", "k", Method::Bool}},
+        {"properties.get", {"LST_PROPERTY", "", Method::Count}},
+        {"listener.set", {"REG_LISTENER", "kf", Method::Bool}},
+        {"listener.set.list", {"DM_REGISTER_LISTERNER", "1kf", Method::Bool}},
+        {"listener.get", {"ISALREADY_LISTHENED", "1k", Method::Bool}},
+        {"listener.delete", {"UNREG_LISTENER", "kf", Method::Bool}},
+        {"constant.get", {"GET_CONST", "k", Method::Text}},
+        {"machine.get", {"GET_POLICY", "k", Method::Text}},
+        {"sign.get", {"SIGN_REQUEST", "k", Method::Text}},
+        {"verify.get", {"VERIFY_SIGN", "kv", Method::Bool}},
+    };
+    return kMethods;
+}
+
+std::string shown(const std::string& text) {
+    return "\"" + text.substr(0, 40) + "\"";
+}
+
+// A list is of all policies that there are, the machine's too, and of nothing else.
+void weighList(const std::string& answer, Allowed& allowed) {
+    std::map<std::string, std::string> listed;
+    for (std::size_t at = 0, end = 0; (end = answer.find(';', at)) != std::string::npos; at = end + 1) {
+        const std::string one = answer.substr(at, end - at);
+        listed[one.substr(0, one.find('='))] = one.substr(one.find('=') + 1);
+    }
+    for (const auto& [name, values] : allowed) {
+        if (name.first != "policy" && name.first != "machine") continue;
+        const auto found = listed.find((name.first == "policy" ? "policy." : "") + name.second);
+        const std::string value = found == listed.end() ? "" : found->second;
+        if (values.count(value) == 0) throw Failed("the list has " + name.second + " with " + shown(value));
+        if (found != listed.end()) listed.erase(found);
+    }
+    if (!listed.empty()) throw Failed("the list has " + shown(listed.begin()->first) + ", which was never set");
+}
+
+// The key holds what it was given, or, where that is not sure, either.
+void change(Allowed& allowed, const std::string& kind, const std::string& key, const std::string& value, bool isSure) {
+    std::set<std::string>& values = allowed[{kind, key}];
+    if (isSure) values.clear();
+    values.insert(value);
+}
+
+void weighChange(const Step& step, const std::string& kind, bool isDone, bool mayFail, Allowed& allowed) {
+    if (step.command == "policy.clear") {
+        for (auto& [name, values] : allowed)
+            if (name.first == kind) change(allowed, kind, name.second, "", isDone);
+        return;
+    }
+    // Of policies in a list the answer tells of the last one.
+    const bool isOfTwins = step.command == "policy.set.list";
+    change(allowed, kind, step.key, step.value, isDone && !(isOfTwins && mayFail));
+    if (isOfTwins) change(allowed, kind, step.key + ".twin", step.value, isDone);
+}
+
+}  // namespace
+
+std::string prefixOf(const Step& step) {
+    const bool isOfPolicy = step.command.compare(0, 6, "policy") == 0 || step.command == "strong.get";
+    return isOfPolicy ? "policy." : "";
+}
+
+std::vector<Step> script(Whose whose, const std::string& round) {
+    const std::string mine = "listened." + round;
+    // A client that has listened to a key listens to it again by a list: it tells the service of a key alone but once.
+    const std::string listen = round.back() == '1' ? "listener.set" : "listener.set.list";
+    std::vector<Step> steps{{"listener.set", mine, "1"},
+                            {"listener.get", mine},
+                            {listen, "heard", "1"},
+                            {listen, "p.heard", "1"},
+                            {"listener.set.list", "policy.heard", "1"}};
+    for (const std::string kind : {"secure", "policy"})
+        steps.insert(steps.end(), {{kind + ".set", "a", round + ".a"},
+                                   {kind + ".set", "big", round + std::string(20000, 'x')},
+                                   {kind + ".get", "a"},
+                                   {kind + ".get", "kept"},
+                                   {kind + ".get", "absent"},
+                                   {kind + ".delete", "big"},
+                                   {kind + ".set", "b", round + ".b"}});
+    if (whose == Whose::Client) steps.insert(steps.end(), {{"threads.get", "3", "4"}, {"fork.get"}});
+    steps.insert(steps.end(), {{"secure.set", "heard", round + ".secure", true},
+                               {"event.get", "heard", round + ".secure"},
+                               {"policy.set", "heard", round + ".policy", true},
+                               {"event.get", "policy.heard", round + ".policy"},
+                               {"property.set", "p.heard", round + ".property", true},
+                               {"event.get", "p.heard", round + ".property"},
+                               {"policy.set.list", "c", round + ".c"},
+                               {"policy.get.list", "c"},
+                               {"policy.get", "c.twin"},
+                               {"policy.list"},
+                               {"strong.get", "kept"},
+                               {"policy.clear"},
+                               {"policy.list"},
+                               {"policy.set", "kept", "kept.policy"},
+                               {"property.set", "p", round + ".p"},
+                               {"property.get", "p"},
+                               {"properties.get"},
+                               {"property.delete", "p"},
+                               {"property.get", "p"},
+                               {"constant.get", "constant"},
+                               {"machine.get", "machine.key"},
+                               {"sign.get", "text"},
+                               {"verify.get", "text", "text"},
+                               {"listener.delete", "heard", "0"},
+                               {"listener.delete", "p.heard", "0"},
+                               {"listener.delete", "policy.heard", "0"},
+                               {"listener.delete", mine, "0"},
+                               {"listener.get", mine}});
+    return steps;
+}
+
+std::string machinePolicies(const std::string& value) {
+    return R"({"machine.key": {"value": ")" + value + R"(", "priority": 9}})";
+}
+
+Allowed answersFromTheStart() {
+    return {{{"constant", "constant"}, {"c.value"}},
+            {{"machine", "machine.key"}, {kMachineValue}},
+            {{"properties", ""}, {"0"}},
+            {{"sign", "text"}, {"text"}},
+            {{"verify", "text"}, {"1"}},
+            {{"threads", "3"}, {"12"}},
+            {{"fork", ""}, {"30"}}};
+}
+
+void weigh(const Step& step, const std::optional<std::string>& answer, bool mayFail, Allowed& allowed) {
+    const std::string what = step.command + " " + step.key;
+    const std::size_t dot = step.command.find('.');
+    const std::string kind = step.command.substr(0, dot);
+    const std::string operation = step.command.substr(dot + 1);
+    if (!answer && !mayFail) throw Failed(what + ": no answer, though nothing is scarce");
+    if (operation == "list") return answer ? weighList(*answer, allowed) : void();
+    const char* const unset = kind == "listener" ? "0" : "";
+    for (const std::string& key : {step.key, step.key + ".twin"})
+        if (operation == "set.list" || key == step.key) allowed.insert({{kind, key}, {unset}});
+    if (operation.compare(0, 3, "get") != 0) {
+        const bool isDone = answer && *answer == "1";
+        if (!isDone && !mayFail) throw Failed(what + " failed, though nothing is scarce");
+        return weighChange(step, kind, isDone, mayFail, allowed);
+    }
+    if (kind == "strong") {  // where there is a policy
+        std::set<std::string>& answers = allowed[{kind, step.key}] = {};
+        for (const std::string& value : allowed[{"policy", step.key}]) answers.insert(value.empty() ? "0" : "1");
+    }
+    if (kind == "event") change(allowed, kind, step.key, step.value, !mayFail);
+    const std::set<std::string>& values = allowed[{kind, step.key}];
+    const bool isOfMany = kind == "threads" || kind == "fork";  // how many were right; else none was wrong
+    const bool isFailure = answer && (answer->empty() || *answer == "0" || (isOfMany && answer->size() < 3));
+    if (!answer || values.count(*answer) != 0 || (mayFail && isFailure)) return;
+    throw Failed(what + " was answered with " + shown(*answer) + " in place of " + shown(*values.begin()));
+}
+
+struct ServiceCaller::Events {
+    std::mutex mutex;
+    std::condition_variable came;
+    std::map<std::string, std::string> last;  // by key
+};
+
+ServiceCaller::ServiceCaller()
+    : mProxy(SDBusSerivceManager::initSync(-1)->getServiceProxyInterface("sdconfig", SDBusSameUser, 1)),
+      mEvents(std::make_shared<Events>()) {
+    const auto onEvent = [events = mEvents](const std::shared_ptr<SDBusMessage>& event) {
+        const std::lock_guard lock(events->mutex);
+        events->last[event->getString(0)] = event->getString(1);
+        events->came.notify_all();
+    };
+    (void)mProxy->addEventListener("DM_CHANGED", new SDBusEventCallback(onEvent), SDBusSameUser);
+}
+
+// The last value that was heard for the key, as soon as it is the one that is waited for.
+std::string ServiceCaller::lastOf(const Step& step) {
+    std::unique_lock lock(mEvents->mutex);
+    const auto hasCome = [&] { return mEvents->last[step.key] == step.value; };
+    if (mIsAnswered) mEvents->came.wait_for(lock, kEventLimit, hasCome);
+    return mEvents->last[step.key];
+}
+
+std::optional<std::string> ServiceCaller::run(const Step& step) {
+    if (step.command == "event.get") return lastOf(step);
+    const Method& method = methods().at(step.command);
+    const std::string key = prefixOf(step) + step.key;
+    const auto call = mProxy->makeMethodCallMessage(method.name);
+    for (const char* one = method.takes; *one; ++one) {
+        if (*one == 'k') call->appendString(key);
+        if (*one == 't') call->appendString(key + ".twin");
+        if (*one == 'v') call->appendString(step.value);
+        if (*one == 'p') call->appendInt8(9);
+        if (*one == 'f') call->appendBool(true);
+        if (*one == '1' || *one == '2') call->appendInt8(static_cast<int8_t>(*one - '0'));
+    }
+    const auto answer = mProxy->callWithReplyBlocking(call, kCallLimitMs);
+    mIsAnswered = answer->type() == 2;
+    if (!mIsAnswered) return std::nullopt;
+    if (method.gives == Method::Bool) return answer->getBool(0) ? "1" : "0";
+    if (method.gives == Method::Text) return answer->getString(0);
+    if (method.gives == Method::Count) return std::to_string(answer->getInt32(0));
+    if (method.gives == Method::OnePolicy) return answer->getString(2);
+    std::string policies;
+    for (int at = 1; at < 3 * answer->getInt(0); at += 3)
+        policies += answer->getString(at) + "=" + answer->getString(at + 1) + ";";
+    return policies;
+}
+
+}  // namespace torture

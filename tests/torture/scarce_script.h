@@ -1,0 +1,58 @@
+// The script of calls beneath which things are made scarce, and what may be answered.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/sdbus/sdbus.h"
+
+namespace torture {
+
+struct Step {
+    std::string command, key{}, value{};
+    bool isAnothers = false;  // of a client of which nothing is kept
+};
+
+// Of each operation one, over values that are there and that are not. round: in each value, and no other round's. A
+// client calls from several threads and from a child, too.
+enum class Whose { Service, Client };
+std::vector<Step> script(Whose whose, const std::string& round);
+
+// What its key begins with, so that no policy outweighs a secure value.
+std::string prefixOf(const Step& step);
+
+// What a key may hold, or be answered with, by its kind and name: after a failure the old or the new.
+using Allowed = std::map<std::pair<std::string, std::string>, std::set<std::string>>;
+
+// What the service is given at its start: a constant and a policy of the machine.
+inline constexpr char kConstants[] = "constant=c.value\n";
+inline constexpr char kMachineValue[] = "m.value";
+std::string machinePolicies(const std::string& value);
+Allowed answersFromTheStart();
+
+// Weighs an answer; nothing for none. Throws Failed for a wrong one, and for none where nothing is scarce (!mayFail).
+void weigh(const Step& step, const std::optional<std::string>& answer, bool mayFail, Allowed& allowed);
+
+// Calls the service of this process's folder, and hears of its events.
+class ServiceCaller {
+public:
+    ServiceCaller();
+
+    // "1" and "0" for true and false, "" for no value, "key=value;" for each of a list; nothing without an answer.
+    std::optional<std::string> run(const Step& step);
+
+private:
+    struct Events;
+    std::string lastOf(const Step& step);
+
+    std::shared_ptr<SDBusProxyInterface> mProxy;
+    std::shared_ptr<Events> mEvents;
+    bool mIsAnswered = true;  // the latest call
+};
+
+}  // namespace torture
