@@ -69,6 +69,7 @@ bool FolderWatch::watch(const std::string& path, Watched what, std::map<int, Wat
 
 bool FolderWatch::arm() {
     mHasNews = false;
+    if (!mNotify) mNotify.reset(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));  // descriptors may have been short
     if (!mNotify) return false;
     bool isSure = true;
     std::map<int, Watched> armed;

@@ -36,9 +36,10 @@ public:
     void initManager();
 
     // The policies of the machine, in the folders that the host told or in the standard ones: reads them before
-    // anything is served, false where memory or descriptors were short of that; and has changes taken up from then on.
+    // anything is served, false where memory or descriptors were short of that; and has changes taken up from then on,
+    // false where that can't be.
     bool readMachinePolicies();
-    void watchMachinePolicies();
+    bool watchMachinePolicies();
 
     // The trail, where the host wants one: what was carried of it is read before anything is served; and it begins
     // once nobody else serves.

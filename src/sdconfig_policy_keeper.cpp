@@ -26,7 +26,7 @@ constexpr char kSource[] = "src/sdconfig_policy_keeper";
 
 constexpr milliseconds kNameLimit{2000};
 constexpr milliseconds kSteadyWait{20};  // for files of one time, in a stream of changes
-constexpr milliseconds kRescan{30'000};
+constexpr milliseconds kRescanMost{30'000};  // from kRescanLeast on, twice as long each time
 constexpr milliseconds kStepPause{3};  // others' turn, as long as a step takes
 constexpr milliseconds kRetry{1000};
 
@@ -90,25 +90,27 @@ void PolicyKeeper::tell(const PolicyReadingStatus& now, const MachinePolicies* b
             LOG(6, AT "machine policies: \"%s\" %s", HERE, name.c_str(), reason.c_str());
 }
 
-void PolicyKeeper::start(std::function<Progress()> haveTaken) {
-    if (mThread.joinable()) return;  // a host may start its service again
+bool PolicyKeeper::start(std::function<Progress()> haveTaken) {
+    if (mThread.joinable()) return true;  // a host may start its service again
     mHaveTaken = std::move(haveTaken);
     if (!mEnd || !mWatch.canWake()) {  // a thread that can't be woken could not be ended either
         LOG(7, AT "machine policies: changes of them won't be noticed: there are no descriptors left", HERE);
-        return;
+        return false;
     }
     try {
         mThread = startQuietThread("sdconfig.policy", [this] { run(); });
     } catch (const std::system_error& error) {
         LOG(7, AT "machine policies: changes of them won't be noticed: %s", HERE, error.what());
     }
+    return mThread.joinable();
 }
 
 // False at the end.
 bool PolicyKeeper::waitForChange() {
     // Of what a link leads to no change is told, nor of when a failure is over.
     const bool isSure = mIsWatching && !mLast->status().hasLinks && !mLast->status().hasFailures;
-    mWatch.wait(isSure ? milliseconds(-1) : kRescan);
+    mWatch.wait(isSure ? milliseconds(-1) : mRescan);
+    mRescan = isSure ? kRescanLeast : std::min(mRescan * 2, kRescanMost);
     return pause(milliseconds(0));
 }
 

@@ -50,11 +50,11 @@ public:
     // The first reading, in the caller's thread: before anything is served.
     Policies readFirst();
 
-    // From now on changes are noticed.
+    // From now on changes are noticed; false, with a line logged, where there is no thread or descriptor for that.
     // haveTaken: makes the service call take() and tell of what it took, for some milliseconds. It is called on the
     // keeper's thread, again and again until that is done.
     enum class Progress { Done, GoesOn, Unanswered };
-    void start(std::function<Progress()> haveTaken);
+    bool start(std::function<Progress()> haveTaken);
 
     // For the service's thread. A new reading, or null. What it changed is told of from then on.
     Policies take();
@@ -79,6 +79,8 @@ private:
     PolicyFolders mFolders;
     PolicyUsers mUsers;
     std::atomic<bool> mIsWatching{false};
+    static constexpr std::chrono::milliseconds kRescanLeast{1000};
+    std::chrono::milliseconds mRescan{kRescanLeast};  // the thread's own
     std::function<Progress()> mHaveTaken;
     Policies mLast;  // the last reading; the thread's own once that runs
 

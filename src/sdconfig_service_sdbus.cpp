@@ -35,7 +35,7 @@ public:
         mInterface.openTrail();
         if (!manager->registerServiceInterface(protocol::kServiceName, &mInterface, SDBusSameUser, 1)) return;
         mInterface.beginTrail();
-        mInterface.watchMachinePolicies();
+        if (!mInterface.watchMachinePolicies()) manager->unregisterServiceInterface(protocol::kServiceName);
     }
 
     void Stop() override {}

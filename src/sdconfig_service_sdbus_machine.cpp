@@ -103,11 +103,11 @@ bool SDConfigInterface::readMachinePolicies() {
     return true;
 }
 
-void SDConfigInterface::watchMachinePolicies() {
-    if (!mPolicyKeeper) return;
+bool SDConfigInterface::watchMachinePolicies() {
+    if (!mPolicyKeeper) return true;
     const auto service =
         SDBusSerivceManager::initSync(-1)->getServiceProxyInterface(protocol::kServiceName, SDBusSameUser, 1);
-    mPolicyKeeper->start([service] {
+    return mPolicyKeeper->start([service] {
         const auto answer = service->callWithReplyBlocking(service->makeMethodCallMessage(protocol::kPoliciesRead),
                                                            protocol::kCallTimeoutMs);
         if (answer->type() != protocol::kMethodReply) return Progress::Unanswered;
