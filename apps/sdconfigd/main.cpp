@@ -15,6 +15,7 @@
 #include <future>
 #include <iostream>
 #include <map>
+#include <new>
 #include <optional>
 #include <string>
 #include <vector>
@@ -207,7 +208,11 @@ std::string useConstants(const std::string& path) {
     std::map<std::string, std::string> constants;
     if (const std::string problem = readConstantsFile(path, constants); !problem.empty())
         return problem + "; name a file of lines name=value with --constants, or leave it out";
-    for (const auto& [name, value] : constants) sd::SDSecurity::GetInstance()->RegisterString(name, value);
+    sd::SDSecurity& layer = *sd::SDSecurity::GetInstance();
+    for (const auto& [name, value] : constants) {
+        layer.RegisterString(name, value);
+        if (layer.GetString(name) != value) throw std::bad_alloc();  // it has logged that
+    }
     return "";
 }
 
