@@ -94,24 +94,25 @@ public:
     }
 
     void confirm() {
-        Prepared prepared = std::exchange(mPrepared, Prepared());
-        if (!prepared.isOut) return;
-        if (!prepared.lines.empty()) {
-            mUnwritten += prepared.lines;
-            mUnwrittenCount += prepared.count;
+        if (!mPrepared.isOut) return;
+        mPrepared.isOut = false;
+        std::vector<Entry> waiting = std::move(mPrepared.waiting);
+        if (!mPrepared.lines.empty()) {
+            mUnwritten += mPrepared.lines;
+            mUnwrittenCount += mPrepared.count;
             dropUncarried();
             mSlotLast[mNextSlot] = mLast.seq;
             mNextSlot = (mNextSlot + 1) % mSlotLast.size();
             if (mSlotLast[(mNextSlot + kSlots / 2) % mSlotLast.size()] > mOnDisk) hurry();
         }
         settle();
-        if (!prepared.waiting.empty()) appendAll(std::move(prepared.waiting));
+        if (!waiting.empty()) appendAll(std::move(waiting));
     }
 
     void drop() {
         if (!mPrepared.isOut) return;
-        mLast = mPrepared.before;
-        mPrepared = Prepared();
+        mPrepared.isOut = false;
+        mLast = std::move(mPrepared.before);
         settle();
     }
 
@@ -172,7 +173,7 @@ public:
     }
 
 private:
-    // Lines of a commit that is being made.
+    // Lines of a commit that is being made. Its end takes no memory: else a line would be lost, or told twice.
     struct Prepared {
         bool isOut = false;
         Head before;

@@ -53,12 +53,15 @@ Scarcity* shared() {
     return sShared;
 }
 
-// For who looks into a finding: where it was refused, on standard error.
+// For who looks into a finding: where it was refused, at the end of that file.
 void showPlace(Scarcity& scarcity) {
-    if (!::getenv("SCARCE_TRACE")) return;
+    const char* const path = ::getenv("SCARCE_TRACE");
+    if (!path) return;
     scarcity.isCounting = 0;
     void* places[64];
-    ::backtrace_symbols_fd(places, ::backtrace(places, 64), STDERR_FILENO);
+    const long file = ::syscall(SYS_openat, AT_FDCWD, path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    ::backtrace_symbols_fd(places, ::backtrace(places, 64), static_cast<int>(file));
+    ::close(static_cast<int>(file));
     scarcity.isCounting = 1;
 }
 

@@ -2,8 +2,8 @@
 // other, over one script of calls, and tells what did not hold.
 //     scarcity service|killed|client memory|descriptor|thread|mapping SEED LIVES SCARCE SDCONFIGD CLIENT SDCONFIG-DATA
 // killed: the start of a service after one that was killed. LIVES: how many n are tried, spread over all there are; 0
-// for each n; -N for the N-th alone; FROM-TO for each of those. SCARCE: the library to preload; with $SCARCE_TRACE set
-// it shows where it refused. CLIENT: torture_client.
+// for each n; -N for the N-th alone; FROM-TO for each of those. SCARCE: the library to preload; it tells the file
+// $SCARCE_TRACE, where that is set, where it refused. CLIENT: torture_client.
 // Holds: no crash and no hang; a wrong answer or event never, a right one or a failure; when nothing is scarce any
 // more, the same process does all of the script, or has ended with a line, and the next one does; what was acknowledged
 // is there, and the trail without a fault. A client's threads and its child share one count.
