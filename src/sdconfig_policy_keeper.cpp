@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <exception>
 #include <map>
+#include <new>
 #include <system_error>
 #include <utility>
 
@@ -25,9 +26,9 @@ constexpr char kTag[] = "sdconfig";
 constexpr char kSource[] = "src/sdconfig_policy_keeper";
 
 constexpr milliseconds kNameLimit{2000};
-constexpr milliseconds kSteadyWait{20};  // for files of one time, in a stream of changes
+constexpr milliseconds kSteadyWait{20};      // for files of one time, in a stream of changes
 constexpr milliseconds kRescanMost{30'000};  // from kRescanLeast on, twice as long each time
-constexpr milliseconds kStepPause{3};  // others' turn, as long as a step takes
+constexpr milliseconds kStepPause{3};        // others' turn, as long as a step takes
 constexpr milliseconds kRetry{1000};
 
 std::map<std::pair<std::string, std::string>, State> problemsOf(const PolicyReadingStatus& status) {
@@ -121,17 +122,24 @@ bool PolicyKeeper::pause(milliseconds time) const {
 }
 
 void PolicyKeeper::run() {
-    bool isToRead = false;
-    while (true) {
+    bool goesOn = true;
+    while (goesOn) {
         try {
-            if (!isToRead && !waitForChange()) return;
-            isToRead = true;
-            handOver(read());
-            isToRead = false;
-        } catch (const std::exception& failure) {  // memory ran out: what is in force stays so until it is read
-            LOG(7, AT "machine policies: %s", HERE, failure.what());
-            if (!pause(kRetry)) return;
+            goesOn = waitForChange();
+        } catch (const std::bad_alloc&) {  // of what the change was, which the reading tells as well
         }
+        while (goesOn && !takeChange()) goesOn = pause(kRetry);
+    }
+}
+
+// False where memory ran out: what is in force stays so until it is read.
+bool PolicyKeeper::takeChange() {
+    try {
+        handOver(read());
+        return true;
+    } catch (const std::exception& failure) {
+        LOG(7, AT "machine policies: %s", HERE, failure.what());
+        return false;
     }
 }
 

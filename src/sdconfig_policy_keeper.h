@@ -70,6 +70,7 @@ private:
     Policies read();
     void run();
     bool waitForChange();
+    bool takeChange();
     void handOver(Policies next);
     bool pause(std::chrono::milliseconds time) const;
     void tell(const PolicyReadingStatus& now, const MachinePolicies* before) const;

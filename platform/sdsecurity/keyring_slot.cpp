@@ -25,7 +25,6 @@ namespace sd::security {
 
 namespace {
 
-namespace fs = std::filesystem;
 using Outcome = SlotAnswer::Outcome;
 
 constexpr char kName[] = "sdconfig-keyring";
@@ -129,7 +128,8 @@ std::string keyringProgram() {
     const std::string folder = own.substr(0, own.rfind('/'));
     const std::string name = std::string("/") + kName;
     // As installed, of a program for users and of one that such a one starts; and as built.
-    for (const std::string& place : {folder + "/" + SDCONFIG_TO_KEYRING, folder, folder + "/.." + name})
+    const std::string started = folder + "/" + SDCONFIG_TO_KEYRING, beside = folder + "/.." + name;
+    for (const std::string& place : {started, folder, beside})
         if (std::string program = wholePath(place + name); !folder.empty() && isTrusted(program)) return program;
     return wholePath(std::string(SDCONFIG_PROGRAM_DIR) + "/" + SDCONFIG_TO_KEYRING + name);
 }
