@@ -94,27 +94,34 @@ struct PolicyUsers::State {
     State(uid_t uid, UserDirectory whom, std::function<void()> late)
         : user(uid), directory(std::move(whom)), answeredLate(std::move(late)) {}
 
-    // Asks for what is wanted until there is no more.
+    // Asks for what is wanted until there is no more; until memory runs out, which is as with no thread.
     static void ask(const std::shared_ptr<State>& state) {
         std::unique_lock lock(state->mutex);
-        while (!state->wanted.empty()) {
-            const std::string name = state->wanted.front();
-            lock.unlock();
-            const std::optional<Answer> answer = state->answerOf(name);
-            lock.lock();
-            state->wanted.pop_front();
-            const auto known = state->answers.find(name);
-            const bool isNews = answer && (known == state->answers.end() || known->second.isMeant != answer->isMeant ||
-                                           known->second.exists != answer->exists);
-            state->unanswered.erase(name);
-            if (answer)
-                state->answers[name] = *answer;
-            else
-                state->unanswered.insert(name);
-            state->answered.notify_all();
-            if (isNews && !state->isWaitedFor && state->answeredLate) state->answeredLate();
+        try {
+            while (!state->wanted.empty()) state->askNext(lock);
+        } catch (const std::bad_alloc&) {
+            if (!lock.owns_lock()) lock.lock();
+            state->wanted.clear();
         }
         state->isAsking = false;
+    }
+
+    void askNext(std::unique_lock<std::mutex>& lock) {
+        const std::string name = wanted.front();
+        lock.unlock();
+        const std::optional<Answer> answer = answerOf(name);
+        lock.lock();
+        wanted.pop_front();
+        const auto known = answers.find(name);
+        const bool isNews = answer && (known == answers.end() || known->second.isMeant != answer->isMeant ||
+                                       known->second.exists != answer->exists);
+        unanswered.erase(name);
+        if (answer)
+            answers[name] = *answer;
+        else
+            unanswered.insert(name);
+        answered.notify_all();
+        if (isNews && !isWaitedFor && answeredLate) answeredLate();
     }
 
     // Nothing where the directory failed.

@@ -47,9 +47,9 @@ Scarcity* shared() {
     const char* const path = ::getenv("SCARCE");
     const auto fd = static_cast<int>(path ? ::syscall(SYS_openat, AT_FDCWD, path, O_RDWR | O_CLOEXEC) : -1);
     if (fd < 0) return nullptr;
-    const long mapped = ::syscall(SYS_mmap, nullptr, sizeof(Scarcity), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    void* const mapped = ::mmap(nullptr, sizeof(Scarcity), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     ::close(fd);
-    if (mapped != -1) sShared = reinterpret_cast<Scarcity*>(mapped);
+    if (mapped != MAP_FAILED) sShared = static_cast<Scarcity*>(mapped);
     return sShared;
 }
 

@@ -1,5 +1,8 @@
 #include "tests/torture/scarce_script.h"
 
+#include <pwd.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
@@ -146,12 +149,15 @@ std::vector<Step> script(Whose whose, const std::string& round) {
 }
 
 std::string machinePolicies(const std::string& value) {
-    return R"({"machine.key": {"value": ")" + value + R"(", "priority": 9}})";
+    const std::string policy = R"({"value": ")" + value + R"(", "priority": 9)";
+    return R"({"machine.key": )" + policy + R"(}, "machine.mine": )" + policy + R"(, "users": [")" +
+           ::getpwuid(::geteuid())->pw_name + R"("]}})";
 }
 
 Allowed answersFromTheStart() {
     return {{{"constant", "constant"}, {"c.value"}},
             {{"machine", "machine.key"}, {kMachineValue}},
+            {{"machine", "machine.mine"}, {"", kMachineValue}},  // it counts once somebody told whose name that is
             {{"properties", ""}, {"0"}},
             {{"sign", "text"}, {"text"}},
             {{"verify", "text"}, {"1"}},

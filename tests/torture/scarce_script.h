@@ -29,7 +29,7 @@ std::string prefixOf(const Step& step);
 // What a key may hold, or be answered with, by its kind and name: after a failure the old or the new.
 using Allowed = std::map<std::pair<std::string, std::string>, std::set<std::string>>;
 
-// What the service is given at its start: a constant and a policy of the machine.
+// What the service is given at its start: a constant and policies of the machine, for all and for this user.
 inline constexpr char kConstants[] = "constant=c.value\n";
 inline constexpr char kMachineValue[] = "m.value";
 std::string machinePolicies(const std::string& value);

@@ -107,7 +107,7 @@ public:
 
 protected:
     std::string makeFolder(const std::string& name) const {
-        const std::string path = mLife.place() + "/" + name;
+        std::string path = mLife.place() + "/" + name;
         fs::create_directory(path);
         fs::permissions(path, fs::perms::owner_all);
         return path;
@@ -191,12 +191,14 @@ private:
         try {
             ServiceCaller caller;
             putMachinePolicies(round);
-            allowed[kMachine].insert(round);
+            for (const char* const key : kMachineKeys) allowed[{"machine", key}].insert(round);
             for (const Step& step : script(Whose::Service, round)) {
                 weigh(step, caller.run(step), mayFail, allowed);
                 if (mayFail && mLife.endsWithin(0)) return false;
             }
-            if (!mayFail) awaitMachinePolicy(caller, round, allowed);
+            for (const char* const key : kMachineKeys)
+                if (!mayFail) awaitMachinePolicy(caller, key, round);
+            if (!mayFail) allowed[{"machine", kMachineKeys[0]}] = {round};
         } catch (const Failed&) {
             if (mayFail || !mLife.endsWithin(kEndingMs)) throw;
             return false;
@@ -205,13 +207,12 @@ private:
     }
 
     // They are read beside the calls.
-    static void awaitMachinePolicy(ServiceCaller& caller, const std::string& value, Allowed& allowed) {
+    static void awaitMachinePolicy(ServiceCaller& caller, const std::string& key, const std::string& value) {
         const auto limit = std::chrono::steady_clock::now() + kMachineLimit;
-        while (caller.run({"machine.get", kMachine.second}) != value) {
+        while (caller.run({"machine.get", key}) != value) {
             if (std::chrono::steady_clock::now() > limit) throw Failed("a policy of the machine is not taken up");
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
-        allowed[kMachine] = {value};
     }
 
     void verifyTrail(const std::string& data) const {
@@ -222,7 +223,7 @@ private:
         if (status != 0) throw Failed("the trail: " + textOf(log));
     }
 
-    static inline const std::pair<std::string, std::string> kMachine{"machine", "machine.key"};
+    static constexpr const char* kMachineKeys[] = {"machine.key", "machine.mine"};
     Allowed mKept = answersFromTheStart();
     int mEndedInOpenSsl = 0;
 };
