@@ -131,6 +131,13 @@ def policy_file():
     put("policy_file", "empty_uri", b"\\ v\\ \x07\0\0\x80")  # an entry to compose: URI, value, priority
 
 
+def report_page():
+    """Texts from the front, and from the back what is there and of which kind: all of it."""
+    texts = b"<b>", b"k", b"\xe9&", b"", b"\"'", b"/a/b"
+    put("report_page", "whole", b"".join(texts[i % 6] + b"\\ " for i in range(48)) +
+        bytes((i * 7 + 1) % 251 | 1 for i in range(40)))
+
+
 def dbus_call(member, signature, body):
     """A call as it travels, little-endian."""
 
@@ -256,6 +263,6 @@ def trail():
     put("trail", "packed", b"\2" + block + struct.pack("<III", 0x184D2A5E, 4, len(block)))
 
 
-for make in (build_prop, legacy_cipher, envelope, key_ring, wrapped_ring, policy_text, lockscreen, policy_file, bus_bytes,
-             bus_calls, bus_sequences, trail, descriptions):
+for make in (build_prop, legacy_cipher, envelope, key_ring, wrapped_ring, policy_text, lockscreen, policy_file, report_page,
+             bus_bytes, bus_calls, bus_sequences, trail, descriptions):
     make()
