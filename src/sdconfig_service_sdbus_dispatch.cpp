@@ -570,10 +570,13 @@ bool SDConfigInterface::resealRows(Call& call) {
 }
 
 bool SDConfigInterface::enableKey(Call& call) {
+    constexpr std::size_t kShownMost = 64;  // more than an id has
     const bool isToOpen = call.request->getBool(1);
-    const KeyKeeper::Change change = keys(call).enable(call.request->getString(0), isToOpen);
+    const std::string asked = call.request->getString(0);
+    const KeyKeeper::Change change = keys(call).enable(asked, isToOpen);
     noteRing(entryOf(call), change.outcome == protocol::KeyOutcome::Done,
-             "key " + change.keyId + (isToOpen ? " enabled" : " disabled"));
+             "key " + (change.keyId.empty() ? asked.substr(0, kShownMost) : change.keyId) +
+                 (isToOpen ? " enabled" : " disabled"));
     const auto reply = makeReply(call);
     reply->appendInt8(static_cast<int8_t>(change.outcome));
     reply->appendString(change.keyId);

@@ -1,0 +1,81 @@
+// What a scripted session of the command line prints, compared with commands.golden: those who script it know each
+// line, each member of --json and each exit code. Lines "$ COMMAND" are typed into a shell; what stands below is what
+// they print. "$ service OPTIONS" starts the service, "$ stop" ends it; "@" is the session's folder.
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <iterator>
+#include <optional>
+#include <regex>
+#include <sstream>
+
+#include "tests/e2e/sandbox.h"
+
+namespace test {
+namespace {
+
+class CommandsTest : public Sandbox {
+protected:
+    std::string answerTo(const std::string& command) {
+        if (command.compare(0, 7, "service") == 0) {
+            std::istringstream words(std::regex_replace(command.substr(7), std::regex("@/"), path("")));
+            mService.emplace(startService({std::istream_iterator<std::string>(words), {}}));
+            return "";
+        }
+        if (command == "stop") {
+            mService->kill(SIGTERM);
+            EXPECT_EQ(mService->wait(), 0) << mService->err();
+            mService.reset();
+            return "";
+        }
+        Environment typed = environment();
+        typed.insert({{"PATH", std::filesystem::path(SDCONFIG_CLI).parent_path().string() + ":/usr/bin:/bin"},
+                      {"TZ", "UTC"},
+                      {"LC_ALL", "C.UTF-8"}});
+        const Result result = run({"bash", "-c", "exec 2>&1; cd " + path("") + "; " + command}, typed);
+        std::string shown = result.out;
+        if (!shown.empty() && shown.back() != '\n') shown += "(no newline)\n";
+        if (result.exitCode != 0) shown += "(exit code " + std::to_string(result.exitCode) + ")\n";
+        return alike(shown);
+    }
+
+private:
+    // Without what differs from run to run.
+    std::string alike(std::string text) const {
+        const std::pair<std::regex, std::string> kVarying[] = {
+            {std::regex(path("")), "@/"},
+            {std::regex(path("").substr(0, path("").size() - 1)), "@"},
+            {std::regex(std::filesystem::path(SDCONFIG_CLI).parent_path().string()), "BIN"},
+            {std::regex("\\d{4}-\\d\\d-\\d\\d[T ]\\d\\d:\\d\\d(:\\d\\d(\\.\\d+)?)?(Z|[+-]\\d\\d:?\\d\\d)?"), "TIME"},
+            {std::regex("\\b[0-9a-f]{16,}\\b"), "HEX"},
+            {std::regex("(pid\"?[ :=]+|process )\\d+"), "$1PID"},
+            {std::regex("(uid\"?[ :=]+)\\d+"), "$1UID"},
+            {std::regex("(\"(mono|boot|unit|made|round_trip_us)\":)(\"[^\"]*\"|[0-9.]+)"), "$1#"},
+            {std::regex("\\b\\d+(\\.\\d+)? (us|\u00b5s|ms|KiB|MiB|GiB)\\b"), "# $2"},
+            {std::regex("\\b\\d+ seconds? ago"), "# seconds ago"},
+            {std::regex("\\b\\d+\\.\\d+\\.\\d+\\b"), "VERSION"},
+            {std::regex("'sha256-[^']*"), "'sha256-HASH"},
+            {std::regex("Configuration of [^<]*"), "Configuration of USER on HOST"},
+        };
+        for (const auto& [what, shown] : kVarying) text = std::regex_replace(text, what, shown);
+        return text;
+    }
+
+    std::optional<Process> mService;
+};
+
+TEST_F(CommandsTest, PrintWhatTheyDid) {
+    std::istringstream golden(readFile(GOLDEN_COMMANDS));
+    std::string seen, line;
+    while (std::getline(golden, line)) {
+        if (line.compare(0, 2, "# ") == 0 || line.empty()) seen += line + '\n';
+        if (line.compare(0, 2, "$ ") == 0) seen += line + '\n' + answerTo(line.substr(2));
+    }
+    writeFile(SEEN_COMMANDS, seen);
+    const Result difference = run({"diff", "-u", GOLDEN_COMMANDS, SEEN_COMMANDS});
+    EXPECT_EQ(difference.exitCode, 0) << difference.out << difference.err
+                                      << "where all of this is meant: cp " SEEN_COMMANDS " " GOLDEN_COMMANDS;
+}
+
+}  // namespace
+}  // namespace test
