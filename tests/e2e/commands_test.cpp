@@ -68,7 +68,7 @@ TEST_F(CommandsTest, PrintWhatTheyDid) {
     std::istringstream golden(readFile(GOLDEN_COMMANDS));
     std::string seen, line;
     while (std::getline(golden, line)) {
-        if (line.compare(0, 2, "# ") == 0 || line.empty()) seen += line + '\n';
+        if (line.compare(0, 2, "# ") == 0) seen += (seen.empty() ? "" : "\n") + line + '\n';
         if (line.compare(0, 2, "$ ") == 0) seen += line + '\n' + answerTo(line.substr(2));
     }
     writeFile(SEEN_COMMANDS, seen);
