@@ -256,6 +256,7 @@ TEST_F(GoldenTest, EveryLineIsWhatItWas) {
         const sd::SDConfigImpl absentSettings(path("missing/sdconfig.db"));
         const sd::SDConfigDmHelper absentPolicies(path("missing/dmhelper.db"));
     });
+    step("a policy of nothing", [&] { sd::SDConfigDmHelper(path("etc/dmhelper.db")).SetPolicyWithUri("k", {}); });
     step("statements that fail", [&] {
         const DeliberateLeak statementKeptBySecondCommand;
         sd::data::SQLiteDatabase database(path("etc/statements.db"));

@@ -126,6 +126,20 @@ TEST_F(TrailTest, LinesThatAreNoEntries) {
     EXPECT_THAT(problemOf("{", std::string(100000, '[')), HasSubstr("is no JSON object"));
 }
 
+TEST(TrailTimeTest, IsReadAsItIsWritten) {
+    for (const char* text :
+         {"1970-01-01T00:00:00.000000Z", "2000-02-29T23:59:59.999999Z", "2028-02-29T12:30:01.000001Z",
+          "2028-03-01T00:00:00.000000Z", "2100-02-28T00:00:00.000000Z", "2100-03-01T00:00:00.000000Z",
+          "2026-12-31T00:00:00.000000Z", "1969-04-30T01:02:03.040506Z"}) {
+        const auto time = utcOf(text);
+        EXPECT_EQ(time ? utcText(*time) : "none", text);
+    }
+    for (const char* text : {"2100-02-29", "2027-02-29", "2026-04-31", "2026-13-01", "2026-00-10", "2026-01-00"})
+        EXPECT_FALSE(utcOf(std::string(text) + "T00:00:00.000000Z")) << text;
+    for (const char* text : {"T24:00:00.000000Z", "T00:60:00.000000Z", "T00:00:60.000000Z", "T00:00:00.000000", ""})
+        EXPECT_FALSE(utcOf(std::string("2026-01-01") + text)) << text;
+}
+
 // An entry with all that is as long as it may be, and as long as it gets when it is escaped, can be read again.
 TEST_F(TrailTest, TheLongestLine) {
     const std::string escapes(std::size_t{1} << 20, '\x01');
