@@ -29,7 +29,7 @@ protected:
             return "";
         }
         Environment typed = environment();
-        typed.insert({{"PATH", std::filesystem::path(SDCONFIG_CLI).parent_path().string() + ":/usr/bin:/bin"},
+        typed.insert({{"PATH", folderOf(SDCONFIG_CLI) + ":" + folderOf(SDCONFIGD) + ":/usr/bin:/bin"},
                       {"TZ", "UTC"},
                       {"LC_ALL", "C.UTF-8"}});
         const Result result = run({"bash", "-c", "exec 2>&1; cd " + path("") + "; " + command}, typed);
@@ -40,15 +40,17 @@ protected:
     }
 
 private:
+    static std::string folderOf(const std::string& program) { return program.substr(0, program.rfind('/')); }
+
     // Without what differs from run to run.
     std::string alike(std::string text) const {
         const std::pair<std::regex, std::string> kVarying[] = {
             {std::regex(path("")), "@/"},
             {std::regex(path("").substr(0, path("").size() - 1)), "@"},
-            {std::regex(std::filesystem::path(SDCONFIG_CLI).parent_path().string()), "BIN"},
+            {std::regex(folderOf(SDCONFIG_CLI)), "BIN"},
             {std::regex("\\d{4}-\\d\\d-\\d\\d[T ]\\d\\d:\\d\\d(:\\d\\d(\\.\\d+)?)?(Z|[+-]\\d\\d:?\\d\\d)?"), "TIME"},
             {std::regex("\\b[0-9a-f]{16,}\\b"), "HEX"},
-            {std::regex("(pid\"?[ :=]+|process )\\d+"), "$1PID"},
+            {std::regex("(pid\"?[ :=]+|process |/proc/)\\d+"), "$1PID"},
             {std::regex("(uid\"?[ :=]+)\\d+"), "$1UID"},
             {std::regex("(\"(mono|boot|unit|made|round_trip_us)\":)(\"[^\"]*\"|[0-9.]+)"), "$1#"},
             {std::regex("\\b\\d+(\\.\\d+)? (us|\u00b5s|ms|KiB|MiB|GiB)\\b"), "# $2"},
