@@ -110,8 +110,9 @@ TEST_F(WriterTest, WhatAPowerCutTookFromTheFileComesFromTheSlots) {
     const std::string whole = test::contentOf(path());
     const std::vector<std::string> story = storyOf(mFolder.path());
     for (std::size_t size = whole.size() - 6000; size <= whole.size(); size += 97) {
-        test::putContent(path(), whole.substr(0, size) + (size % 2 == 0 ? std::string(size % 5000, '\0') : ""));
-        const bool isTorn = size % 2 == 0 ? size % 5000 > 0 : whole[size - 1] != '\n';
+        const std::string zeros(size % 2 == 0 ? size % 5000 : 0, '\0');
+        test::putContent(path(), whole.substr(0, size) + zeros);
+        const bool isTorn = !zeros.empty() || whole[size - 1] != '\n';
         Writer writer(options());
         const Opening opening = open(writer);
         EXPECT_EQ(opening.damages.size(), isTorn ? 1u : 0u) << size;
