@@ -73,10 +73,7 @@ TEST_F(CommandsTest, PrintWhatTheyDid) {
         if (line.compare(0, 2, "# ") == 0) seen += (seen.empty() ? "" : "\n") + line + '\n';
         if (line.compare(0, 2, "$ ") == 0) seen += line + '\n' + answerTo(line.substr(2));
     }
-    writeFile(SEEN_COMMANDS, seen);
-    const Result difference = run({"diff", "-u", GOLDEN_COMMANDS, SEEN_COMMANDS});
-    EXPECT_EQ(difference.exitCode, 0) << difference.out << difference.err
-                                      << "where all of this is meant: cp " SEEN_COMMANDS " " GOLDEN_COMMANDS;
+    expectGolden(GOLDEN_COMMANDS, SEEN_COMMANDS, seen);
 }
 
 }  // namespace

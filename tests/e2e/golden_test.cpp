@@ -273,10 +273,7 @@ TEST_F(GoldenTest, EveryLineIsWhatItWas) {
         }
     });
 
-    writeFile(SEEN_LOG, mText);
-    const Result difference = run({"diff", "-u", GOLDEN_LOG, SEEN_LOG});
-    EXPECT_EQ(difference.exitCode, 0) << difference.out << difference.err
-                                      << "where all of this is meant: cp " SEEN_LOG " " GOLDEN_LOG;
+    expectGolden(GOLDEN_LOG, SEEN_LOG, mText);
 }
 
 }  // namespace

@@ -50,6 +50,14 @@ protected:
         return run(cliCommand(arguments), environment(), input);
     }
 
+    // Compares with a file of the tree. seen: where the text is left, to be copied there where all of it is meant.
+    static void expectGolden(const std::string& golden, const std::string& seen, const std::string& text) {
+        writeFile(seen, text);
+        const Result difference = run({"diff", "-u", golden, seen}, {});
+        EXPECT_EQ(difference.exitCode, 0)
+            << difference.out << difference.err << "where all of this is meant: cp " << seen << " " << golden;
+    }
+
     // Puts a small disk of this process's own in the place of a folder. size: as of mount(8).
     // False where that takes a privilege.
     bool mountDisk(const std::string& folder, const std::string& size) const {
