@@ -47,6 +47,7 @@ private:
         const std::pair<std::regex, std::string> kVarying[] = {
             {std::regex(path("")), "@/"},
             {std::regex(path("").substr(0, path("").size() - 1)), "@"},
+            {std::regex(folderOf(SDCONFIGD)), "BIN"},
             {std::regex(folderOf(SDCONFIG_CLI)), "BIN"},
             {std::regex("\\d{4}-\\d\\d-\\d\\d[T ]\\d\\d:\\d\\d(:\\d\\d(\\.\\d+)?)?(Z|[+-]\\d\\d:?\\d\\d)?"), "TIME"},
             {std::regex("\\b[0-9a-f]{16,}\\b"), "HEX"},
