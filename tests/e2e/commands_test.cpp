@@ -44,11 +44,13 @@ private:
 
     // Without what differs from run to run.
     std::string alike(std::string text) const {
+        const std::string root = path("");
+        for (const auto& [place, shown] :
+             {std::pair(root, "@/"), std::pair(root.substr(0, root.size() - 1), "@"),
+              std::pair(folderOf(SDCONFIGD), "BIN"), std::pair(folderOf(SDCONFIG_CLI), "BIN")})
+            for (std::size_t at = 0; (at = text.find(place, at)) != std::string::npos;)
+                text.replace(at, place.size(), shown);
         const std::pair<std::regex, std::string> kVarying[] = {
-            {std::regex(path("")), "@/"},
-            {std::regex(path("").substr(0, path("").size() - 1)), "@"},
-            {std::regex(folderOf(SDCONFIGD)), "BIN"},
-            {std::regex(folderOf(SDCONFIG_CLI)), "BIN"},
             {std::regex("\\d{4}-\\d\\d-\\d\\d[T ]\\d\\d:\\d\\d(:\\d\\d(\\.\\d+)?)?(Z|[+-]\\d\\d:?\\d\\d)?"), "TIME"},
             {std::regex("\\b[0-9a-f]{16,}\\b"), "HEX"},
             {std::regex("(pid\"?[ :=]+|process |/proc/)\\d+"), "$1PID"},
