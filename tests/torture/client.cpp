@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -313,12 +314,16 @@ std::string answer(const char* line) {
 }  // namespace
 
 int main() {
-    // Streams end at the first allocation that fails; these ask for none.
-    static char line[1 << 20], input[1 << 16], output[1 << 16];
+    // Streams end at the first allocation that fails; these ask for none. A value that fills a disk has 3 MB.
+    static char line[4 << 20], input[1 << 16], output[1 << 16];
     std::setvbuf(stdin, input, _IOFBF, sizeof input);
     std::setvbuf(stdout, output, _IOFBF, sizeof output);
     velmarLogSetSecretsShown(false);
     while (std::fgets(line, sizeof line, stdin)) {
+        if (std::strchr(line, '\n') == nullptr) {
+            std::fputs("a command is too long\n", stderr);
+            return 2;
+        }
         try {
             std::puts(answer(line).c_str());
         } catch (const std::bad_alloc&) {
