@@ -1,7 +1,7 @@
-// What a scripted session of the command line prints, compared with commands.golden: those who script it know each
-// line, each member of --json and each exit code. Lines "$ COMMAND" are typed into a shell; what stands below is what
-// they print. "$ service OPTIONS" starts the service, "$ stop" ends it and shows what it said; "@" is the session's
-// folder.
+// What scripted sessions of the command line print, compared with NAME.golden: those who script it know each line, each
+// member of --json and each exit code. Lines "$ COMMAND" are typed into a shell; what stands below is what they print,
+// and behind "!" what they say on standard error. "$ service OPTIONS" starts the service, "$ stop" ends it and shows
+// what it said, "$ kill" kills it; "@" is the session's folder.
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -30,15 +30,31 @@ protected:
             mService.reset();
             return alike(said);
         }
+        if (command == "kill") {
+            mService.reset();
+            return "";
+        }
         Environment typed = environment();
         typed.insert({{"PATH", folderOf(SDCONFIG_CLI) + ":" + folderOf(SDCONFIGD) + ":/usr/bin:/bin"},
                       {"TZ", "UTC"},
                       {"LC_ALL", "C.UTF-8"}});
-        const Result result = run({"bash", "-c", "exec 2>&1; cd " + path("") + "; " + command}, typed);
+        const Result result = run({"bash", "-c", "cd " + path("") + "; " + command}, typed);
         std::string shown = result.out;
         if (!shown.empty() && shown.back() != '\n') shown += "(no newline)\n";
+        std::istringstream said(result.err);
+        for (std::string line; std::getline(said, line);) shown += "! " + line + '\n';
         if (result.exitCode != 0) shown += "(exit code " + std::to_string(result.exitCode) + ")\n";
         return alike(shown);
+    }
+
+    void expectSession(const std::string& name) {
+        std::istringstream golden(readFile(GOLDEN_SESSIONS "/" + name + ".golden"));
+        std::string seen, line;
+        while (std::getline(golden, line)) {
+            if (line.compare(0, 2, "# ") == 0) seen += (seen.empty() ? "" : "\n") + line + '\n';
+            if (line.compare(0, 2, "$ ") == 0) seen += line + '\n' + answerTo(line.substr(2));
+        }
+        expectGolden(GOLDEN_SESSIONS "/" + name + ".golden", SEEN_SESSIONS "/" + name + ".golden", seen);
     }
 
 private:
@@ -62,7 +78,7 @@ private:
             {std::regex("(pid\"?[ :=]+|process |/proc/)\\d+"), "$1PID"},
             {std::regex("(uid\"?[ :=]+)\\d+"), "$1UID"},
             {std::regex("(\"(mono|boot|unit|made|round_trip_us)\":)(\"[^\"]*\"|[0-9.]+)"), "$1#"},
-            {std::regex("\\b\\d+(\\.\\d+)? (us|\u00b5s|ms|KiB|MiB|GiB)\\b"), "# $2"},
+            {std::regex("\\b\\d+(\\.\\d+)? (us|\u00b5s|ms)\\b"), "# $2"},
             {std::regex("\\b\\d+ seconds? ago"), "# seconds ago"},
             {std::regex("\\b\\d+\\.\\d+\\.\\d+\\b"), "VERSION"},
             {std::regex("'sha256-[^']*"), "'sha256-HASH"},
@@ -76,13 +92,7 @@ private:
 };
 
 TEST_F(CommandsTest, PrintWhatTheyDid) {
-    std::istringstream golden(readFile(GOLDEN_COMMANDS));
-    std::string seen, line;
-    while (std::getline(golden, line)) {
-        if (line.compare(0, 2, "# ") == 0) seen += (seen.empty() ? "" : "\n") + line + '\n';
-        if (line.compare(0, 2, "$ ") == 0) seen += line + '\n' + answerTo(line.substr(2));
-    }
-    expectGolden(GOLDEN_COMMANDS, SEEN_COMMANDS, seen);
+    expectSession("commands");
 }
 
 }  // namespace
