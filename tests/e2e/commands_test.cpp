@@ -95,5 +95,21 @@ TEST_F(CommandsTest, PrintWhatTheyDid) {
     expectSession("commands");
 }
 
+TEST_F(CommandsTest, SetAndGetValues) {
+    expectSession("values");
+}
+
+TEST_F(CommandsTest, SetAndApplyPolicies) {
+    expectSession("policies");
+}
+
+TEST_F(CommandsTest, KnowDescribedKeys) {
+    expectSession("described");
+}
+
+TEST_F(CommandsTest, TellOfTrails) {
+    expectSession("trails");
+}
+
 }  // namespace
 }  // namespace test
