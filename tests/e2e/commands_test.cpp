@@ -35,7 +35,8 @@ protected:
             return "";
         }
         Environment typed = environment();
-        typed.insert({{"PATH", folderOf(SDCONFIG_CLI) + ":" + folderOf(SDCONFIGD) + ":/usr/bin:/bin"},
+        typed.insert({{"PATH", folderOf(SDCONFIG_CLI) + ":" + folderOf(SDCONFIGD) + ":" + folderOf(SDCONFIG_KEYGEN) +
+                                   ":/usr/bin:/bin"},
                       {"TZ", "UTC"},
                       {"LC_ALL", "C.UTF-8"}});
         const Result result = run({"bash", "-c", "cd " + path("") + "; " + command}, typed);
@@ -68,7 +69,7 @@ private:
               std::pair(folderOf(SDCONFIGD), "BIN"), std::pair(folderOf(SDCONFIG_CLI), "BIN")})
             for (std::size_t at = 0; (at = text.find(place, at)) != std::string::npos;)
                 text.replace(at, place.size(), shown);
-        const std::pair<std::regex, std::string> kVarying[] = {
+        static const std::pair<std::regex, std::string> kVarying[] = {
             {std::regex("\\b\\d\\d:\\d\\d:\\d\\d\\.\\d{3} "), ""},
             {std::regex("(\\w)\\(\\d+\\): "), "$1(#): "},
             {std::regex("[^\n]* takes \\d+ ms\n"), ""},
