@@ -93,7 +93,6 @@ public:
     bool start_object(std::size_t) {
         if (isSkipping() || mDepth == 2 || mInUsers) return skip();
         ++mDepth;
-        mField.clear();
         mHasValue = mHasPriority = mHasDescription = false;
         return true;
     }
