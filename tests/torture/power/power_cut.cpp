@@ -183,25 +183,36 @@ std::mt19937_64 randomOf(std::uint64_t seed, long number) {
     return std::mt19937_64(sequence);
 }
 
-// The states of this worker, by the place of their cut: the numbers that are left over `step`.
-std::multimap<std::size_t, long> cuts(const Arguments& arguments, std::size_t entries, long first, long step) {
+// By the place of a cut: how many marks are before it. Cuts between two marks compare with the same model.
+std::vector<std::size_t> marksBefore(const std::vector<Entry>& log) {
+    std::vector<std::size_t> marks(log.size() + 1);
+    for (std::size_t i = 0; i < log.size(); ++i) marks[i + 1] = marks[i] + (log[i].kind == Kind::Mark ? 1 : 0);
+    return marks;
+}
+
+// The states of one of so many workers, by the place of their cut: all that compare with the same model, so that equal
+// ones meet.
+std::multimap<std::size_t, long> cuts(const Arguments& arguments, const std::vector<std::size_t>& marks,
+                                      std::size_t worker, std::size_t workers) {
     std::multimap<std::size_t, long> all;
-    for (long number = first; number < arguments.states; number += step) {
+    for (long number = 0; number < arguments.states; ++number) {
+        if (arguments.only >= 0 && number != arguments.only) continue;
         auto random = randomOf(arguments.seed, number);
-        all.emplace(std::uniform_int_distribution<std::size_t>(1, entries)(random), number);
+        const std::size_t place = std::uniform_int_distribution<std::size_t>(1, marks.size() - 1)(random);
+        if (marks[place] % workers == worker) all.emplace(place, number);
     }
     return all;
 }
 
-std::size_t digestOf(std::size_t cut, const Files& files) {
-    std::size_t digest = cut;
+std::size_t digestOf(std::size_t model, const Files& files) {
+    std::size_t digest = model;
     for (const auto& [path, content] : files)
         digest = digest * 1099511628211U + std::hash<std::string>()(path) * 31U + std::hash<std::string>()(content);
     return digest;
 }
 
 void work(const Arguments& arguments, const std::vector<Entry>& log, Worker& worker,
-          const std::multimap<std::size_t, long>& numbers, Told& told) {
+          const std::vector<std::size_t>& marks, const std::multimap<std::size_t, long>& numbers, Told& told) {
     Disk disk(arguments.root);
     Model model;
     // What a file that is written whole will be.
@@ -229,7 +240,7 @@ void work(const Arguments& arguments, const std::vector<Entry>& log, Worker& wor
             (void)random();
             const Files files = disk.afterCut(random);
             ++told.states;
-            if (arguments.only < 0 && !known.insert(digestOf(i, files)).second) continue;
+            if (arguments.only < 0 && !known.insert(digestOf(marks[i + 1], files)).second) continue;
             ++told.distinct;
             const bool isLooked = arguments.only >= 0 || number->second % kLookEach == 0;
             told.looks += isLooked ? 1 : 0;
@@ -269,20 +280,18 @@ int run(const Arguments& arguments) {
     if (!::mkdtemp(place)) throw Failed("no room in /dev/shm");
     void* const shared = ::mmap(nullptr, sizeof(Told), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     Told& told = *new (shared) Told;
-    const long workers = arguments.only >= 0 ? 1 : std::max(1U, std::thread::hardware_concurrency());
+    const std::vector<std::size_t> marks = marksBefore(log);
+    // They wait as long as they compute.
+    const std::size_t workers = arguments.only >= 0 ? 1 : 2 * std::max(1U, std::thread::hardware_concurrency());
     const auto begin = std::chrono::steady_clock::now();
     std::vector<pid_t> processes;
-    for (long i = 0; i < workers; ++i) {
+    for (std::size_t i = 0; i < workers; ++i) {
         const pid_t process = ::fork();
         if (process > 0) processes.push_back(process);
         if (process != 0) continue;
         try {
-            auto numbers = cuts(arguments, log.size(), i, workers);
-            if (arguments.only >= 0)
-                for (auto one = numbers.begin(); one != numbers.end();)
-                    one = one->second == arguments.only ? std::next(one) : numbers.erase(one);
             Worker worker(arguments, std::string(place) + "/" + std::to_string(i));
-            work(arguments, log, worker, numbers, told);
+            work(arguments, log, worker, marks, cuts(arguments, marks, i, workers), told);
         } catch (const std::exception& failure) {
             told.failed = true;
             std::cout << failure.what() << std::endl;
