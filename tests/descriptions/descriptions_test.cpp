@@ -107,7 +107,8 @@ TEST(ValueTest, EachTypeHasOneForm) {
     }
     EXPECT_THAT(checkValue(described(R"("type": "string")"), {"a\0b", 3}).what, HasSubstr("zero byte"));
     const KeyDescription theme = described(R"("type": "enum", "enum": ["dark", "light"])");
-    EXPECT_THAT(checkValue(theme, "drak").remedy, HasSubstr("did you mean \"dark\"?"));
+    for (const char* const slip : {"drak", "sarl"})
+        EXPECT_THAT(checkValue(theme, slip).remedy, HasSubstr("did you mean \"dark\"?"));
 }
 
 TEST(DescriptionTest, EachMistakeIsNamedWithItsLineAndARemedy) {
@@ -208,9 +209,11 @@ TEST(DescriptionTest, ThousandRightFilesHaveNoFinding) {
 
 TEST(DescriptionTest, FilesAreComparedWithEachOther) {
     const auto found = lint({fileOf(R"("a.b": {"type": "int"}, "a.*.c": {"type": "int"}, "a.x": {"type": "int"},
+        "c.*.*": {"type": "int"}, "d.*": {"type": "int"},
         "a.old": {"type": "int", "deprecated": true, "replacedBy": "a.nwe"})"),
                              fileOf(R"("A.B": {"type": "bool"}, "a.x": {"type": "int"}, "a.new": {"type": "int"},
-        "a.*.*": {"type": "int"}, "a.1.c": {"type": "bool"}, "b.*": {"type": "int"})")});
+        "a.*.*": {"type": "int"}, "a.1.c": {"type": "bool"}, "b.*": {"type": "int"},
+        "c.*.yes": {"type": "int"}, "d.e*.f": {"type": "int"})")});
     std::vector<std::string> told;
     for (const DescriptionLint& one : found) {
         EXPECT_FALSE(one.isFault);
@@ -221,6 +224,7 @@ TEST(DescriptionTest, FilesAreComparedWithEachOther) {
                           AllOf(HasSubstr("1 A.B"), HasSubstr("contradicts 0, line 2")),
                           AllOf(HasSubstr("1 a.x"), HasSubstr("is described in 0, line 2 already")),
                           AllOf(HasSubstr("1 a.*.*"), HasSubstr("count as those of \"a.*.c\"")),
+                          AllOf(HasSubstr("1 c.*.yes"), HasSubstr("shadows keys of \"c.*.*\"")),
                           AllOf(HasSubstr("1 a.1.c"), HasSubstr("another type or store than \"a.*.c\"")),
                           AllOf(HasSubstr("1 a.1.c"), HasSubstr("another type or store than \"a.*.*\""))));
 }
