@@ -15,6 +15,8 @@
 namespace test {
 namespace {
 
+constexpr int kLineLimitMs = 6 * kProcessLimitMs;  // a line may run dozens of processes
+
 class CommandsTest : public Sandbox {
 protected:
     std::string answerTo(const std::string& command) {
@@ -39,7 +41,7 @@ protected:
                                    ":/usr/bin:/bin"},
                       {"TZ", "UTC"},
                       {"LC_ALL", "C.UTF-8"}});
-        const Result result = run({"bash", "-c", "cd " + path("") + "; " + command}, typed);
+        const Result result = run({"bash", "-c", "cd " + path("") + "; " + command}, typed, "", kLineLimitMs);
         std::string shown = result.out;
         if (!shown.empty() && shown.back() != '\n') shown += "(no newline)\n";
         std::istringstream said(result.err);
