@@ -107,7 +107,7 @@ TEST(ValueTest, EachTypeHasOneForm) {
     }
     EXPECT_THAT(checkValue(described(R"("type": "string")"), {"a\0b", 3}).what, HasSubstr("zero byte"));
     const KeyDescription theme = described(R"("type": "enum", "enum": ["dark", "light"])");
-    for (const char* const slip : {"drak", "sarl"})
+    for (const char* const slip : {"drak", "sarl", "drax"})
         EXPECT_THAT(checkValue(theme, slip).remedy, HasSubstr("did you mean \"dark\"?"));
 }
 
