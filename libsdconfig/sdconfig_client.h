@@ -95,7 +95,8 @@ private:
     Answer request(const char* method, std::initializer_list<std::string> strings);
     static int millisecondsLeft(Clock::time_point begun);
 
-    // Events come from the first registration on: the subscription is in force before the service knows of it.
+    // Events come from the first registration on: the subscription is in force before the service knows of it. Throws
+    // where there can be none for now; the next registration tries again.
     void subscribe();
     Answer sendRegistration(const std::shared_ptr<SDBusMessage>& call);
     bool unregister(const std::string& key, DMConfig::Listener* listener, bool flag);
@@ -124,7 +125,9 @@ private:
     bool mMigrated = false;
     std::size_t mPowerChecked = 0;  // how many of the power defaults
 
-    std::once_flag mSubscription;
+    std::mutex mSubscribing;
+    std::weak_ptr<void>
+        mSubscription;        // what the bus layer holds as long as it calls for events; guarded by mSubscribing
     std::mutex mRegistering;  // one listener registered or unregistered at a time, the call included
     const std::shared_ptr<ListenerMap> mListenerMap;  // shared with the event callback, which may outlive the client
     std::shared_ptr<SDBusProxyInterface> mProxy;

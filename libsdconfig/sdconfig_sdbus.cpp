@@ -6,6 +6,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
+#include <stdexcept>
 #include <thread>
 #include <utility>
 
@@ -200,12 +201,15 @@ bool SDConfigClient::init() {
 
 // A connection and a thread of their own, which a client without listeners does without.
 void SDConfigClient::subscribe() {
-    std::call_once(mSubscription, [this] {
-        // The bus layer takes the callback over.
-        auto* callback = new SDBusEventCallback(
-            [listeners = mListenerMap](std::shared_ptr<SDBusMessage> event) { listeners->onEvent(*event); });
-        mProxy->addEventListener(protocol::kDmChanged, callback, SDBusSameUser);
-    });
+    const std::lock_guard lock(mSubscribing);
+    if (!mSubscription.expired()) return;
+    auto taken = std::make_shared<std::shared_ptr<ListenerMap>>(mListenerMap);
+    mSubscription = taken;
+    // The bus layer takes the callback over, and drops it where it has no thread for it.
+    auto* callback = new SDBusEventCallback(
+        [taken = std::move(taken)](std::shared_ptr<SDBusMessage> event) { (*taken)->onEvent(*event); });
+    mProxy->addEventListener(protocol::kDmChanged, callback, SDBusSameUser);
+    if (mSubscription.expired()) throw std::runtime_error("no events can be heard now");
 }
 
 std::shared_ptr<SDBusMessage> SDConfigClient::makeCall(const char* method) const {

@@ -39,8 +39,8 @@ struct Found {
 };
 
 // Reads, writes and watches keys. Each operation is one call of the facade (SDConfig: at most 5000 ms, a level-7 line
-// where it fails), and takes well under 2 us beside that. Nothing throws; where memory ends, so does the program. Any
-// thread; a copy shares the thread that watches.
+// where it fails), and takes well under 2 us beside that. Nothing throws; where memory ends in an operation, so does
+// the program, while the thread that watches looks again later. Any thread; a copy shares the thread that watches.
 class Settings {
 public:
     // What a stored value beyond a key's range reads as.
@@ -99,9 +99,9 @@ public:
     }
 
     // Calls back when what get() gives is another value than before, from now on, as long as the watch that is returned
-    // lives: on a thread of these settings, one callback at a time. It may call anything, and must not throw. Restarts
-    // of the service are outlived: what changed meanwhile is told when it is back. A forked child that watches makes
-    // settings of its own.
+    // lives: on a thread of these settings, one callback at a time. It may call anything, and must not throw but for
+    // std::bad_alloc, after which it is called again. Restarts of the service are outlived: what changed meanwhile is
+    // told when it is back. A forked child that watches makes settings of its own.
     template <typename T>
     [[nodiscard]] Watch watch(const Key<T>& key, Callback<T> callback) const noexcept;
 
@@ -154,8 +154,8 @@ public:
     void look() override {
         auto now = value();
         if (!now || *now == mKnown) return;
+        mCallback(*now);
         mKnown = std::move(*now);
-        mCallback(mKnown);
     }
 
 private:

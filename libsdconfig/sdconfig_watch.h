@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -116,38 +117,72 @@ private:
         Lock lock(mMutex);
         auto pause = kLeastPause;
         while (run == mRun) {
-            if (Clock::now() >= mNextCheck) {
-                mNextCheck = Clock::time_point::max();
-                pause = check(lock) ? kLeastPause : std::min(pause * 2, kMostPause);
-                mNextCheck = std::min(mNextCheck, Clock::now() + pause);
+            try {
+                checkAndLook(lock, pause);
+                mChanged.wait_until(lock, mNextCheck, [&] {
+                    return run != mRun || Clock::now() >= mNextCheck || std::any_of(mKeys.begin(), mKeys.end(), isDue);
+                });
+            } catch (const std::bad_alloc&) {
+                if (run == mRun) awaitMemory(lock, run);
             }
-            const auto isDue = [](const auto& key) { return key->mIsDue; };
-            for (const auto& key : Keys(mKeys))
-                if (std::exchange(key->mIsDue, false)) with(lock, key, [&] { key->look(); });
-            mChanged.wait_until(lock, mNextCheck, [&] {
-                return run != mRun || Clock::now() >= mNextCheck || std::any_of(mKeys.begin(), mKeys.end(), isDue);
-            });
         }
     }
+
+    void checkAndLook(Lock& lock, std::chrono::seconds& pause) {
+        if (Clock::now() >= mNextCheck) {
+            mNextCheck = Clock::time_point::max();
+            pause = check(lock) ? kLeastPause : std::min(pause * 2, kMostPause);
+            mNextCheck = std::min(mNextCheck, Clock::now() + pause);
+        }
+        for (const auto& key : Keys(mKeys))
+            if (std::exchange(key->mIsDue, false)) with(lock, key, [&] { key->look(); });
+    }
+    static bool isDue(const std::shared_ptr<WatchedKey>& key) { return key->mIsDue; }
+
+    // Which key was being looked at is not known any more: all are, later.
+    void awaitMemory(Lock& lock, unsigned run) {
+        for (const auto& key : mKeys) key->mIsDue = key->mIsFresh = true;
+        mNextCheck = Clock::now() + kLeastPause;
+        mChanged.wait_until(lock, mNextCheck, [&] { return run != mRun; });
+    }
+
+    // Gives the lock back for as long as the object lives.
+    class Unlocked {
+    public:
+        explicit Unlocked(Lock& lock) : mLock(lock) { mLock.unlock(); }
+        ~Unlocked() { mLock.lock(); }
+        Unlocked(const Unlocked&) = delete;
+        Unlocked& operator=(const Unlocked&) = delete;
+
+    private:
+        Lock& mLock;
+    };
 
     // Works on a key without the lock; on none that was taken out meanwhile.
     template <typename Work>
     void with(Lock& lock, const std::shared_ptr<WatchedKey>& key, Work work) {
         if (std::find(mKeys.begin(), mKeys.end(), key) == mKeys.end()) return;
+        struct Busy {
+            Watcher& watcher;
+            const WatchedKey* key;
+            ~Busy() {
+                if (watcher.mBusyWith == key) watcher.mBusyWith = nullptr;  // else a later thread is at work
+                watcher.mChanged.notify_all();
+            }
+        };
         mBusyWith = key.get();
-        lock.unlock();
+        const Busy busy{*this, key.get()};
+        const Unlocked unlocked(lock);
         work();
-        lock.lock();
-        if (mBusyWith == key.get()) mBusyWith = nullptr;  // else a thread that came after this one is at work
-        mChanged.notify_all();
     }
 
     // Registers what is not, or not any more. False where that can't be done now.
     bool check(Lock& lock) {
         const Keys keys = mKeys;
-        lock.unlock();
-        const bool areKept = areRegistered(keys);
-        lock.lock();
+        const bool areKept = [&] {
+            const Unlocked unlocked(lock);
+            return areRegistered(keys);
+        }();
         bool areAll = true;
         for (const auto& key : keys)
             with(lock, key, [&] {

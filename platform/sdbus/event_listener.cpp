@@ -7,8 +7,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <exception>
-#include <system_error>
 
 #include "platform/sdbus/contained.h"
 #include "platform/sdbus/log.h"
@@ -45,8 +45,7 @@ bool EventListener::add(const std::string& event, std::unique_ptr<SDBusEventCall
         return false;
     }
     std::unique_lock lock(mMutex);
-    if (mStopped) return false;
-    ensureRunning();
+    if (mStopped || !ensureRunning()) return false;
     Subscription& subscription = mSubscriptions[event];
     subscription.member = *member;
     subscription.callbacks.push_back(std::move(callback));
@@ -57,12 +56,15 @@ bool EventListener::add(const std::string& event, std::unique_ptr<SDBusEventCall
     return subscription.state == State::InForce;
 }
 
-void EventListener::ensureRunning() {
-    if (mThread) return;
+// False, with a line logged, where there is no descriptor or no thread.
+bool EventListener::ensureRunning() {
+    if (mThread) return true;
     if (!mWake) mWake.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (!mWake) throw std::system_error(errno, std::generic_category(), "no descriptor for the events of a service");
-    mThread = startThread("sdbus-events", [self = shared_from_this()] { self->run(); });
-    if (!mThread) throw std::system_error(EAGAIN, std::generic_category(), "no thread for the events of a service");
+    if (mWake)
+        mThread = startThread("sdbus-events", [self = shared_from_this()] { self->run(); });
+    else
+        LOG(7, AT "no descriptor for the events of service %s: %s", HERE, mService.c_str(), std::strerror(errno));
+    return mThread != nullptr;
 }
 
 bool EventListener::isOwnThread() const {

@@ -41,7 +41,7 @@ private:
         bool isAnswered() const { return state == State::InForce || state == State::Refused; }
     };
 
-    void ensureRunning();
+    bool ensureRunning();
     bool isOwnThread() const;
     bool isStopped();
     void run();

@@ -122,8 +122,8 @@ public:
     // Runs `callback` for every event of that name, on the proxy's own event thread, until the proxy is destroyed.
     // Takes ownership of `callback`. Waits until the service has acknowledged the subscription, a second at most: when
     // that passes, and after a restart of the service, the layer goes on trying by itself; events meanwhile are lost.
-    // Returns whether the subscription is in force. Raises std::system_error where there is no thread or descriptor for
-    // it, and std::bad_alloc: the callback is gone then.
+    // Returns whether the subscription is in force. Where there is no thread or descriptor for it, that is false, with
+    // a line logged, and the callback is destroyed. Raises std::bad_alloc alone.
     bool addEventListener(const std::string& event, SDBusEventCallback* callback, SDBusSecurityFlags flags);
 
 protected:

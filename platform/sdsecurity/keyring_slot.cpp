@@ -1,7 +1,6 @@
 #include "platform/sdsecurity/keyring_slot.h"
 
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -13,13 +12,14 @@
 #include <climits>
 #include <csignal>
 #include <cstring>
-#include <system_error>
+#include <new>
 #include <utility>
 
 #include "base/quiet_thread.h"
 #include "base/whole_path.h"
 #include "platform/sdsecurity/hex.h"
 #include "platform/sdsecurity/ring_file.h"
+#include "platform/sdsecurity/spawn_plan.h"
 
 namespace sd::security {
 
@@ -28,6 +28,7 @@ namespace {
 using Outcome = SlotAnswer::Outcome;
 
 constexpr char kName[] = "sdconfig-keyring";
+constexpr char kNoMemory[] = "out of memory";  // short enough for a string to hold it without any
 
 SlotAnswer unanswered(Outcome outcome, std::string reason) {
     SlotAnswer answer;
@@ -63,53 +64,35 @@ std::optional<SlotAnswer> answerOf(std::string_view asked, const keyring::Line& 
     return std::nullopt;
 }
 
-// How the program is started: it has the socket as its standard input and output, nothing else of this process's open,
-// signals as they are by default, and a session of its own, so that neither a terminal's keys nor its end reach it.
-class Start {
-public:
-    explicit Start(int socket) {
-        posix_spawn_file_actions_init(&mFiles);
-        posix_spawnattr_init(&mAttributes);
-        posix_spawn_file_actions_adddup2(&mFiles, socket, STDIN_FILENO);
-        posix_spawn_file_actions_adddup2(&mFiles, socket, STDOUT_FILENO);
-        posix_spawn_file_actions_addopen(&mFiles, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-        posix_spawn_file_actions_addclosefrom_np(&mFiles, STDERR_FILENO + 1);
-        sigset_t signals;
-        ::sigfillset(&signals);
-        posix_spawnattr_setsigdefault(&mAttributes, &signals);
-        ::sigemptyset(&signals);
-        posix_spawnattr_setsigmask(&mAttributes, &signals);
-        posix_spawnattr_setflags(&mAttributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSID);
-    }
-    ~Start() {
-        posix_spawn_file_actions_destroy(&mFiles);
-        posix_spawnattr_destroy(&mAttributes);
-    }
-    Start(const Start&) = delete;
-    Start& operator=(const Start&) = delete;
+// Starts it: it has the socket as its standard input and output, nothing else of this process's open, and a session of
+// its own, so that neither a terminal's keys nor its end reach it. Returns 0, or what kept it from running.
+int spawn(const std::string& program, int socket, pid_t& process) {
+    SpawnPlan plan(POSIX_SPAWN_SETSID);
+    plan.give(socket, STDIN_FILENO);
+    plan.give(socket, STDOUT_FILENO);
+    plan.open(STDERR_FILENO, "/dev/null", O_WRONLY);
+    plan.closeFrom(STDERR_FILENO + 1);
+    const std::array<const char*, 2> arguments{program.c_str(), nullptr};
+    return plan.run(arguments.data(), environ, process);
+}
 
-    // Returns 0, or what kept it from running.
-    int run(std::string program, pid_t& process) const {
-        const std::array<char*, 2> arguments{program.data(), nullptr};
-        return ::posix_spawn(&process, program.c_str(), &mFiles, &mAttributes, arguments.data(), environ);
-    }
-
-private:
-    posix_spawn_file_actions_t mFiles{};
-    posix_spawnattr_t mAttributes{};
-};
-
-// Ends it, at whatever it is, and leaves no zombie. Returns how it ended, where it had done so by itself.
-std::string endOf(pid_t process) {
+// Ends it, at whatever it is, and leaves no zombie. Returns its status; nothing where the host waits for all its
+// children.
+std::optional<int> endOf(pid_t process) {
     ::kill(process, SIGKILL);
     int status = 0;
     pid_t seen = 0;
     do seen = ::waitpid(process, &status, 0);
     while (seen < 0 && errno == EINTR);
+    return seen == process ? std::optional<int>(status) : std::nullopt;
+}
+
+// How it ended, where it had done so by itself.
+std::string howItEnded(std::optional<int> status) {
     std::string ended = std::string(kName) + " ended";
-    if (seen != process) return ended;  // the host waits for all its children
-    if (WIFEXITED(status)) return ended + " with code " + std::to_string(WEXITSTATUS(status));
-    return WTERMSIG(status) == SIGKILL ? ended : ended + " by signal " + std::to_string(WTERMSIG(status));
+    if (!status) return ended;
+    if (WIFEXITED(*status)) return ended + " with code " + std::to_string(WEXITSTATUS(*status));
+    return WTERMSIG(*status) == SIGKILL ? ended : ended + " by signal " + std::to_string(WTERMSIG(*status));
 }
 
 // Who runs may lie where anybody can make a folder beside its own.
@@ -146,7 +129,7 @@ KeyringHelper::~KeyringHelper() {
     {
         const std::lock_guard lock(mMutex);
         mIsEnding = true;
-        end("nobody asks it any more");
+        hangUp();
     }
     for (Watch& watch : mWatches) watch.thread.join();
     if (mReader.joinable()) mReader.join();
@@ -178,8 +161,9 @@ void KeyringHelper::watch(const std::string& id, std::function<void(SlotAnswer)>
     try {
         watch.thread = startQuietThread(
             "sdconfig.watch", [this, &watch, id, onFound = std::move(onFound)] { follow(watch, id, onFound); });
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) {
         mWatches.pop_back();
+        throw;
     }
 }
 
@@ -195,18 +179,24 @@ SlotAnswer KeyringHelper::ask(std::string_view word, std::string_view rest,
     std::unique_lock lock(mMutex);
     mChanged.wait(lock, [this] { return mState != State::Ending; });
     if (mState == State::Off && !start()) return notNow(mFailure);
+    // What goes wrong before the line is sent leaves nothing that could be answered.
     const std::uint64_t number = ++mLastNumber;
+    const SecretBytes line = keyring::formatLine(number, word, rest);
     Request& request = mRequests[number];
+    struct Forgetting {
+        std::map<std::uint64_t, Request>& requests;
+        std::uint64_t number;
+        ~Forgetting() { requests.erase(number); }
+    };
+    const Forgetting forgetting{mRequests, number};
     request.word = word;
-    send(keyring::formatLine(number, word, rest));
-    const auto isAnswered = [&request] { return request.answer.has_value(); };
+    send(line);
+    const auto isOver = [&request] { return request.answer || request.hasFailed; };
     if (!limit)
-        mChanged.wait(lock, isAnswered);
-    else if (!mChanged.wait_for(lock, *limit, isAnswered))
-        end(std::string(kName) + " did not answer within " + std::to_string(limit->count()) + " ms");
-    SlotAnswer answer = std::move(*request.answer);
-    mRequests.erase(number);
-    return answer;
+        mChanged.wait(lock, isOver);
+    else if (!mChanged.wait_for(lock, *limit, isOver) && hangUp())
+        mFailure = std::string(kName) + " did not answer within " + std::to_string(limit->count()) + " ms";
+    return request.answer ? std::move(*request.answer) : notNow(mFailure);
 }
 
 // False, with the reason in mFailure, where it can't be, or failed a moment ago.
@@ -220,7 +210,7 @@ bool KeyringHelper::start() {
     UniqueFd own(ends[0]);
     const UniqueFd other(ends[1]);
     pid_t process = 0;
-    const int problem = Start(other.get()).run(mProgram, process);
+    const int problem = spawn(mProgram, other.get(), process);
     if (problem == ENOENT) {  // nothing to wait for, once it is
         mFailure = std::string("the package ") + kName + " is not installed";
         return false;
@@ -230,22 +220,23 @@ bool KeyringHelper::start() {
     try {
         mReader = startQuietThread("sdconfig.keys",
                                    [this, socket = std::move(own), process] { readAnswers(socket, process); });
-    } catch (const std::system_error& error) {
-        endOf(process);
+    } catch (const std::exception& error) {
+        (void)endOf(process);
         return didNotStart(std::string("no thread can be made: ") + error.what());
     }
     mState = State::Running;
     return true;
 }
 
-bool KeyringHelper::didNotStart(const std::string& reason) {
-    noteFailure(reason);
+bool KeyringHelper::didNotStart(std::string reason) {
+    mFailure = std::move(reason);
+    postponeStart();
     return false;
 }
 
 void KeyringHelper::send(const SecretBytes& line) {
     const ssize_t sent = ::send(mSocket, line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (sent != static_cast<ssize_t>(line.size())) end(std::string(kName) + " takes no request");
+    if (sent != static_cast<ssize_t>(line.size()) && hangUp()) mFailure = std::string(kName) + " takes no request";
 }
 
 // False where it is no answer to anything that was asked.
@@ -261,49 +252,71 @@ bool KeyringHelper::take(std::string_view text) {
     return true;
 }
 
-// Its reader does the rest.
-void KeyringHelper::end(const std::string& reason) {
-    if (mState == State::Running) {
+// Ends the conversation, if there is one; its reader does the rest. Returns whether there was: then the failure says as
+// much as can be said without memory.
+bool KeyringHelper::hangUp() noexcept {
+    const bool isFirst = mState == State::Running;
+    if (isFirst) {
         mState = State::Ending;
-        noteFailure(reason);
+        mFailure = kNoMemory;
+        postponeStart();
         ::shutdown(mSocket, SHUT_RDWR);
     }
-    for (auto& [number, request] : mRequests)
-        if (!request.answer) request.answer = notNow(mFailure);
+    for (auto& [number, request] : mRequests) request.hasFailed = true;
     mChanged.notify_all();
+    return isFirst;
 }
 
-void KeyringHelper::noteFailure(const std::string& reason) {
-    mFailure = reason;
+void KeyringHelper::postponeStart() noexcept {
     mPause = std::min(mPause.count() == 0 ? mLimits.pause : 2 * mPause, mLimits.longest);
     mNextStart = Clock::now() + mPause;
 }
 
-void KeyringHelper::readAnswers(const UniqueFd& socket, pid_t process) {
+// To the end of the program, or of what makes sense: false then.
+bool KeyringHelper::takeAnswers(const UniqueFd& socket) {
     keyring::LineReader reader;
-    bool makesSense = true;
-    while (makesSense && reader.read(socket.get())) {
+    while (reader.read(socket.get())) {
         const std::lock_guard lock(mMutex);
-        while (makesSense && mState == State::Running) {
+        while (mState == State::Running) {
             const std::optional<std::string_view> line = reader.next();
             if (!line) break;
-            makesSense = take(*line);
+            if (!take(*line)) return false;
         }
     }
-    const std::string ended = endOf(process);
+    return !reader.isOverlong();
+}
+
+// Where memory runs out the conversation ends, too.
+void KeyringHelper::readAnswers(const UniqueFd& socket, pid_t process) noexcept {
+    std::optional<bool> makesSense;
+    try {
+        makesSense = takeAnswers(socket);
+    } catch (const std::bad_alloc&) {
+    }
+    const std::optional<int> status = endOf(process);
     const std::lock_guard lock(mMutex);
-    end(makesSense && !reader.isOverlong() ? ended : std::string(kName) + " answers what nobody asked");
+    const bool isFirst = hangUp();
+    try {
+        if (isFirst && makesSense)
+            mFailure = *makesSense ? howItEnded(status) : std::string(kName) + " answers what nobody asked";
+    } catch (const std::bad_alloc&) {
+    }
     mState = State::Off;
     mChanged.notify_all();
 }
 
+// False where it is to be asked again: for want of memory, too, here or with whoever is told.
+bool KeyringHelper::tellIfFound(const std::string& id, const std::function<void(SlotAnswer)>& onFound) noexcept try {
+    SlotAnswer answer = ask(keyring::kWatch, id, std::nullopt);
+    if (answer.outcome == Outcome::NotNow) return false;
+    onFound(std::move(answer));
+    return true;
+} catch (const std::exception&) {
+    return false;
+}
+
 void KeyringHelper::follow(Watch& watch, const std::string& id, const std::function<void(SlotAnswer)>& onFound) {
-    for (;;) {
-        SlotAnswer answer = ask(keyring::kWatch, id, std::nullopt);
-        if (answer.outcome != Outcome::NotNow) {
-            onFound(std::move(answer));
-            break;
-        }
+    while (!tellIfFound(id, onFound)) {
         // A program that failed is started again as soon as it may be; one that is missing is looked for now and then.
         std::unique_lock lock(mMutex);
         const Clock::time_point now = Clock::now();

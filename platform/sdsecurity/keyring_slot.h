@@ -49,8 +49,9 @@ public:
     SlotAnswer forget(const std::string& id);
 
     // Calls onFound once, on a thread of its own and with nothing held, as soon as find() would be no more NotNow: at
-    // once, when the keyring is unlocked, when it appears. Never, where a thread can't be had, or where the object goes
-    // before. It costs nothing while nothing happens.
+    // once, when the keyring is unlocked, when it appears. Never, where the object goes before. It costs nothing while
+    // nothing happens. Throws std::system_error, too, where a thread can't be had. An onFound that throws is called
+    // again later.
     void watch(const std::string& id, std::function<void(SlotAnswer)> onFound);
 
 private:
@@ -59,6 +60,7 @@ private:
     struct Request {
         std::string_view word;
         std::optional<SlotAnswer> answer;
+        bool hasFailed = false;  // without an answer it gets none any more
     };
     struct Watch {
         std::thread thread;
@@ -71,13 +73,15 @@ private:
     SlotAnswer ask(std::string_view word, std::string_view rest, std::optional<std::chrono::milliseconds> limit);
     // With mMutex held:
     bool start();
-    bool didNotStart(const std::string& reason);
+    bool didNotStart(std::string reason);
     void send(const SecretBytes& line);
     bool take(std::string_view line);
-    void end(const std::string& reason);
-    void noteFailure(const std::string& reason);
-    // Threads:
-    void readAnswers(const UniqueFd& socket, pid_t process);
+    bool hangUp() noexcept;
+    void postponeStart() noexcept;
+    // Threads, and what they do:
+    void readAnswers(const UniqueFd& socket, pid_t process) noexcept;
+    bool takeAnswers(const UniqueFd& socket);
+    bool tellIfFound(const std::string& id, const std::function<void(SlotAnswer)>& onFound) noexcept;
     void follow(Watch& watch, const std::string& id, const std::function<void(SlotAnswer)>& onFound);
 
     const std::string mProgram;

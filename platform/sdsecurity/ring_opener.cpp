@@ -75,7 +75,7 @@ public:
             return isTyped(slot.kind) ? slot.kind == SlotKind::Passphrase && !mHandedOver.bytes.empty() : true;
         };
         if (std::none_of(mRing.slots.begin(), mRing.slots.end(), isAtHand)) return end();
-        start([self = shared_from_this(), keepers, watches] { self->make(keepers, watches); });
+        start([self = shared_from_this(), keepers, watches] { self->run([&] { self->make(keepers, watches); }); });
     }
 
     // Asks the machine again, where it is time for that.
@@ -83,11 +83,16 @@ public:
         const std::lock_guard lock(mMutex);
         if (!mIsDone || !mAsksLater || !mMaster.empty() || Clock::now() < mBegan + kPause) return;
         start([self = shared_from_this(), keepers] {
-            self->take(*self->mRing.find(SlotKind::Host), keepers);
-            self->end();
+            self->run([&] { self->take(*self->mRing.find(SlotKind::Host), keepers); });
         });
         mIsDone = false;
         mBegan = Clock::now();
+    }
+
+    // Whether it came to its end without what it takes, memory for one: it tells nothing of the slots then.
+    bool hasFailed() {
+        const std::lock_guard lock(mMutex);
+        return mIsDone && mHasFailed && mMaster.empty();
     }
 
     // What has come of it, or does within the time that a first one is waited for.
@@ -123,6 +128,17 @@ private:
         startQuietThread("sdconfig.ring", std::move(work)).detach();
     }
 
+    // The whole of a thread of it.
+    template <class Work>
+    void run(const Work& work) noexcept {
+        try {
+            work();
+        } catch (const std::exception&) {
+            noteFailure();
+        }
+        end();
+    }
+
     void make(const SlotKeepers& keepers, bool watches) {
         for (const Slot& slot : mRing.slots) {
             if (slot.kind == SlotKind::Recovery) continue;
@@ -130,14 +146,14 @@ private:
             if (tried.master) break;
             if (slot.kind == SlotKind::Keyring && tried.isForLater && watches) watch(slot, keepers);
         }
-        end();
     }
 
     Tried take(const Slot& slot, const SlotKeepers& keepers) {
         Tried tried;
         try {
             tried = isTyped(slot.kind) ? tryPassphrase(slot, mHandedOver) : triedWith(slot, keepers.open(slot));
-        } catch (const std::exception& error) {
+        } catch (const std::exception& error) {  // another slot may open it all the same
+            noteFailure();
             tried = {std::nullopt, true, error.what()};
         }
         note(slot, tried);
@@ -159,7 +175,12 @@ private:
         mSeen[slot.kind] = {tried.master ? SlotState::Opens : without, tried.reason};
     }
 
-    void end() {
+    void noteFailure() noexcept {
+        const std::lock_guard lock(mMutex);
+        mHasFailed = true;
+    }
+
+    void end() noexcept {
         const std::lock_guard lock(mMutex);
         mIsDone = true;
         mEnded.notify_all();
@@ -172,6 +193,7 @@ private:
     std::condition_variable mEnded;
     Clock::time_point mBegan = Clock::now();
     bool mIsDone = false;
+    bool mHasFailed = false;
     bool mAsksLater = false;  // the machine
     SecretBytes mMaster;
     std::map<SlotKind, Seen> mSeen;
@@ -201,9 +223,10 @@ void RingOpener::keep(const WrappedRing& ring, const SecretBytes& master) {
 }
 
 void RingOpener::tryWhatIsAtHand(const WrappedRing& ring) {
-    if (mAttempt && haveSameSlots(mAttempt->ring(), ring)) return mAttempt->beginAgain(mKeepers);
+    if (mAttempt && !mAttempt->hasFailed() && haveSameSlots(mAttempt->ring(), ring))
+        return mAttempt->beginAgain(mKeepers);
     auto attempt = std::make_shared<Attempt>(ring);
-    attempt->begin(mKeepers, mWatchesKeyring);  // where it can't, the next call makes another
+    attempt->begin(mKeepers, mWatchesKeyring);  // where it can't, or fails, the next call makes another
     mAttempt = std::move(attempt);
 }
 

@@ -2,17 +2,18 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <spawn.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <utility>
 
 #include "base/unique_fd.h"
 #include "base/wait_ready.h"
+#include "platform/sdsecurity/spawn_plan.h"
 
 namespace sd::security {
 namespace {
@@ -35,43 +36,18 @@ bool makeBlocking(const UniqueFd& end) {
     return ::fcntl(end.get(), F_SETFL, 0) == 0;
 }
 
-// How the program is started, for the life of the object.
-class SpawnPlan {
-public:
-    SpawnPlan(const UniqueFd& input, const UniqueFd& output, const UniqueFd& error) {
-        posix_spawn_file_actions_init(&mFiles);
-        // Above the standard ones first: one of the three may be among those, in a process that was started without.
-        constexpr int kAbove = 3;
-        const int ends[] = {input.get(), output.get(), error.get()};
-        for (int i = 0; i < kAbove; ++i) mHeld[i].reset(::fcntl(ends[i], F_DUPFD_CLOEXEC, kAbove));
-        for (int i = 0; i < kAbove; ++i) posix_spawn_file_actions_adddup2(&mFiles, mHeld[i].get(), i);
-        posix_spawn_file_actions_addclosefrom_np(&mFiles, kAbove);
-        posix_spawnattr_init(&mAttributes);
-        posix_spawnattr_setflags(&mAttributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-        sigset_t signals;
-        sigemptyset(&signals);
-        posix_spawnattr_setsigmask(&mAttributes, &signals);
-        sigfillset(&signals);
-        posix_spawnattr_setsigdefault(&mAttributes, &signals);
-    }
-    ~SpawnPlan() {
-        posix_spawn_file_actions_destroy(&mFiles);
-        posix_spawnattr_destroy(&mAttributes);
-    }
-    SpawnPlan(const SpawnPlan&) = delete;
-    SpawnPlan& operator=(const SpawnPlan&) = delete;
-
-    // Returns 0, or an errno.
-    int run(const char* const* arguments, const char* const* environment, pid_t& process) const {
-        return ::posix_spawn(&process, arguments[0], &mFiles, &mAttributes, const_cast<char* const*>(arguments),
-                             const_cast<char* const*>(environment));
-    }
-
-private:
-    posix_spawn_file_actions_t mFiles{};
-    posix_spawnattr_t mAttributes{};
-    UniqueFd mHeld[3];
-};
+// standard: what it has open. Returns 0, or an errno.
+int spawn(const char* const* arguments, const char* const* environment, const std::array<int, 3>& standard,
+          pid_t& process) {
+    SpawnPlan plan;
+    // Above the standard ones first: one of the three may be among those, in a process that was started without.
+    constexpr int kAbove = 3;
+    std::array<UniqueFd, kAbove> held;
+    for (std::size_t i = 0; i < held.size(); ++i) held[i].reset(::fcntl(standard[i], F_DUPFD_CLOEXEC, kAbove));
+    for (std::size_t i = 0; i < held.size(); ++i) plan.give(held[i].get(), static_cast<int>(i));
+    plan.closeFrom(kAbove);
+    return plan.run(arguments, environment, process);
+}
 
 // One of the program's outputs. What is beyond the room is read, and dropped.
 struct Output {
@@ -130,7 +106,7 @@ ProgramEnd runShortProgram(const char* const* arguments, const char* const* envi
     if (!makeBlocking(in.read) || !makeBlocking(out.write) || !makeBlocking(err.write)) return end;
 
     pid_t process = -1;
-    const int failure = SpawnPlan(in.read, out.write, err.write).run(arguments, environment, process);
+    const int failure = spawn(arguments, environment, {in.read.get(), out.write.get(), err.write.get()}, process);
     if (failure != 0) {
         if (failure == ENOENT) end.how = ProgramEnd::How::Missing;
         return end;

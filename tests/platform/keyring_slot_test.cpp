@@ -12,9 +12,12 @@
 #include <cerrno>
 #include <csignal>
 #include <future>
+#include <memory>
+#include <new>
 #include <string>
 #include <thread>
 
+#include "tests/support/scarce_memory.h"
 #include "tests/support/support.h"
 
 namespace {
@@ -135,6 +138,36 @@ TEST_F(KeyringSlotTest, AWatchTellsOnceAndMayAsk) {
     KeyringHelper waiting(standIn("exec sleep 60"), kPatient);
     waiting.watch(kId, [](const SlotAnswer& /*answer*/) { ADD_FAILURE() << "nobody answered"; });
     EXPECT_TRUE(test::waitUntil([&] { return startCount() == 3; }, 60000));
+}
+
+TEST_F(KeyringSlotTest, MemoryThatRunsOutCostsOneAnswerAndNoMore) {
+    using test::ScarceMemory;
+    const std::string program =
+        standIn("while echo $number done " + kKeyDigits + "; do read number word rest || exit; done");
+    for (const auto whose : {ScarceMemory::Of::Others, ScarceMemory::Of::ThisThread})
+        for (const bool lasts : {false, true}) {
+            bool hasFailed = true;
+            for (std::uint64_t n = 1; hasFailed; ++n) {
+                auto helper = std::make_unique<KeyringHelper>(program, kPatient);
+                std::atomic<int> told{0};
+                bool isWatched = false;
+                {
+                    const ScarceMemory scarce(whose, n, lasts);
+                    try {
+                        helper->watch(kId, [&](const SlotAnswer& answer) { told += answer.key == kKey ? 1 : 2; });
+                        isWatched = true;
+                        (void)helper->find(kId);
+                    } catch (const std::bad_alloc&) {
+                    }
+                    hasFailed = ScarceMemory::hasFailed();
+                }
+                EXPECT_TRUE(test::waitUntil([&] { return helper->find(kId).key == kKey; })) << n;
+                EXPECT_TRUE(test::waitUntil([&] { return told == (isWatched ? 1 : 0); })) << n;
+                const ScarceMemory none(ScarceMemory::Of::ThisThread, 1, true);
+                helper.reset();
+            }
+        }
+    EXPECT_FALSE(hasChildren());
 }
 
 TEST_F(KeyringSlotTest, ForksBesideDoNotDisturb) {

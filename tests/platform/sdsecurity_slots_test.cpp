@@ -18,6 +18,7 @@
 
 #include "platform/sdsecurity/sdsecurity.h"
 #include "tests/support/damage.h"
+#include "tests/support/scarce_memory.h"
 #include "tests/support/support.h"
 
 using Kind = sd::SDSecurity::SlotKind;
@@ -373,6 +374,25 @@ TEST_F(SlotsTest, OpensByTheKeyringAsSoonAsThatIsUnlocked) {
     EXPECT_EQ(security.Recover(code).outcome, Outcome::Done);
     EXPECT_EQ(open(later), "") << "by an earlier copy of the file and its code";
     EXPECT_EQ(security.UnprotectAll().outcome, Outcome::Done);
+    security.SetKeyringProgram("");
+}
+
+TEST_F(SlotsTest, OpensAlthoughMemoryRanOutOnceMeanwhile) {
+    const test::TempDir keyring;
+    security.SetKeyringProgram(keyringIn(keyring));
+    writeRing(kPlainRing);
+    ASSERT_EQ(security.Protect(Kind::Keyring, {freshKey("code"), ""}).outcome, Outcome::Done);
+    bool hasFailed = true;
+    for (std::uint64_t n = 1; hasFailed; ++n) {
+        beginAnew();
+        {
+            const test::ScarceMemory scarce(test::ScarceMemory::Of::Others, n);
+            security.OpenKeyRingAhead();
+            (void)open(kEnvelope);
+            hasFailed = test::ScarceMemory::hasFailed();
+        }
+        EXPECT_TRUE(test::waitUntil([&] { return open(kEnvelope) == kPlain; }, 20000)) << n;
+    }
     security.SetKeyringProgram("");
 }
 

@@ -4,11 +4,13 @@
 #include <csignal>
 #include <limits>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "exchange_keys.h"
 #include "libsdconfig/sdconfig_settings.h"
 #include "tests/e2e/sandbox.h"
+#include "tests/support/scarce_memory.h"
 
 namespace {
 
@@ -117,6 +119,22 @@ TEST_F(TypedTest, AWatchOutlivesRestartsOfTheService) {
     cli({"policy", "set", "exchange.a.string", "later", "10"});
     EXPECT_TRUE(test::waitUntil([&] { return others.all().size() == 1; }));
     EXPECT_EQ(heard.all().back(), "string last");
+}
+
+TEST_F(TypedTest, AWatchOutlivesALackOfMemory) {
+    test::Process service = startService();
+    test::Heard heard;
+    const auto port = mSettings.watch(exchange::short_("a"), [&](int now) { heard.add(std::to_string(now)); });
+    EXPECT_TRUE(mSettings.set(exchange::short_("a"), 1));
+    EXPECT_TRUE(test::waitUntil([&] { return heard.all().size() == 1; }));
+    {
+        const test::ScarceMemory none(test::ScarceMemory::Of::Others, 1, true);
+        EXPECT_TRUE(mSettings.set(exchange::short_("a"), 2));
+        std::this_thread::sleep_for(1200ms);  // beyond the next check
+        EXPECT_TRUE(test::ScarceMemory::hasFailed());
+    }
+    EXPECT_TRUE(test::waitUntil([&] { return heard.all().size() == 2; }, 20000));
+    EXPECT_THAT(heard.all(), ElementsAre("1", "2"));
 }
 
 TEST(KeygenTest, ConstantsAreWhatTheFileSays) {

@@ -3,7 +3,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <thread>
 
 #include "apps/common/process.h"
@@ -266,10 +268,12 @@ std::string Service::lookedAt() const {
 
 void Service::listen(const std::string& event, std::function<void(const std::string&)> hear) {
     if (!mEvents) mEvents = mBus->getServiceProxyInterface(sd::protocol::kServiceName, SDBusSameUser, 1);
-    const auto callback = [heard = std::move(hear)](const std::shared_ptr<SDBusMessage>& message) {
-        heard(message->getString(0));
-    };
-    (void)mEvents->addEventListener(event, new SDBusEventCallback(callback), SDBusSameUser);  // it goes on trying
+    auto taken = std::make_shared<std::function<void(const std::string&)>>(std::move(hear));
+    const std::weak_ptr<void> isTaken = taken;
+    auto* callback = new SDBusEventCallback(
+        [taken = std::move(taken)](const std::shared_ptr<SDBusMessage>& message) { (*taken)(message->getString(0)); });
+    (void)mEvents->addEventListener(event, callback, SDBusSameUser);  // it goes on trying, unless it drops the callback
+    if (isTaken.expired()) throw std::runtime_error("there is no thread or descriptor for the service's events");
 }
 
 }  // namespace cli

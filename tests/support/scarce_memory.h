@@ -1,0 +1,21 @@
+// Memory that runs out. To link it replaces the program's operators new and delete.
+#pragma once
+
+#include <cstdint>
+
+namespace test {
+
+// For the life of the object, `new` fails for the n-th time that it is asked on one of these threads; from then on each
+// time, where it lasts. One at a time in a process.
+class ScarceMemory {
+public:
+    enum class Of { ThisThread, Others };
+    ScarceMemory(Of whose, std::uint64_t n, bool lasts = false);
+    ~ScarceMemory();
+    ScarceMemory(const ScarceMemory&) = delete;
+    ScarceMemory& operator=(const ScarceMemory&) = delete;
+
+    static bool hasFailed();
+};
+
+}  // namespace test
