@@ -57,6 +57,21 @@ ListenerMap::Removal ListenerMap::remove(const std::string& key, const DMConfig:
     return Removal::Done;
 }
 
+void ListenerMap::noteOvercounted(Registrations registrations) noexcept {
+    const std::lock_guard lock(mGuard);
+    mOvercounted.merge(registrations);
+}
+
+void ListenerMap::noteOvercounted(Overcounted::node_type one) noexcept {
+    const std::lock_guard lock(mGuard);
+    mOvercounted.insert(std::move(one));
+}
+
+ListenerMap::Overcounted::node_type ListenerMap::takeOvercounted() noexcept {
+    const std::lock_guard lock(mGuard);
+    return mOvercounted.empty() ? Overcounted::node_type() : mOvercounted.extract(mOvercounted.begin());
+}
+
 void ListenerMap::onEvent(SDBusMessage& event) {
     if (event.eventName() != protocol::kDmChanged) return;
     const std::string key = event.getString(0);

@@ -29,6 +29,13 @@ public:
     // Takes the listener's first registration out. The key's entry stays, even when it was the last one.
     Removal remove(const std::string& key, const DMConfig::Listener* listener);
 
+    // Keys of which the service counts a registration more than there are here: memory ran out over the answer to one,
+    // or before one was taken back. The latter takes one out; empty where there is none.
+    using Overcounted = std::multimap<std::string, std::list<DMConfig::Listener*>>;
+    void noteOvercounted(Registrations registrations) noexcept;
+    void noteOvercounted(Overcounted::node_type one) noexcept;
+    Overcounted::node_type takeOvercounted() noexcept;
+
     // Calls the listeners of the key that a "DM_CHANGED" tells of; other events are none of its business. A listener
     // that throws costs the others nothing.
     void onEvent(SDBusMessage& event);
@@ -47,6 +54,7 @@ private:
 
     std::mutex mGuard;
     Registrations mListeners;
+    Overcounted mOvercounted;
     const DMConfig::Listener* mRunning = nullptr;  // whom the event thread is calling
     unsigned long mDeliveries = 0;                 // how many calls have come to their end
     bool mClosed = false;

@@ -100,6 +100,9 @@ private:
     void subscribe();
     Answer sendRegistration(const std::shared_ptr<SDBusMessage>& call);
     bool unregister(const std::string& key, DMConfig::Listener* listener, bool flag);
+    Answer sendUnregistration(const std::string& key, bool flag);
+    // Tells the service of what it counts too often.
+    void takeBackOvercounted() noexcept;
 
     // Start-up tasks: every process runs them, so they may run any number of times. They end early when the service
     // stops answering: the key in hand is left alone, and the others to the next start-up of this client.

@@ -236,6 +236,7 @@ int SDConfigClient::millisecondsLeft(Clock::time_point begun) {
 
 SDConfigClient::Answer SDConfigClient::sendRegistration(const std::shared_ptr<SDBusMessage>& call) {
     const auto begun = Clock::now();
+    takeBackOvercounted();
     subscribe();
     return sendWithin(call, begun);
 }
@@ -280,7 +281,7 @@ bool SDConfigClient::Answer::ok() const {
 
 bool SDConfigClient::Answer::hasCome() const {
     const int error = errorType();
-    return error != SDBusTimeout && error != SDBusUnreachable && error != SDBusPeerLost;
+    return error != SDBusTimeout && error != SDBusUnreachable && error != SDBusPeerLost && error != SDBusUnread;
 }
 
 }  // namespace sd

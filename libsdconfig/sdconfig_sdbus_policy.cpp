@@ -1,5 +1,6 @@
 // The device-management facade, the requests behind it, and the client's listeners.
 #include <cstdint>
+#include <new>
 #include <utility>
 
 #include "base/limits.h"
@@ -159,6 +160,8 @@ bool SDConfigClient::RegisterListener(const std::string& key, DMConfig::Listener
     const Answer answer = sendRegistration(call);
     if (!answer.ok()) {
         LOG(7, AT "error reply: type=%d, RegisterListener key : %s failed, ", HERE, answer.type(), key.c_str());
+        if (answer.errorType() == SDBusUnread) mListenerMap->noteOvercounted(std::move(registrations));
+        takeBackOvercounted();
         return false;
     }
     if (!answer->getBool(0)) return false;
@@ -174,20 +177,48 @@ bool SDConfigClient::UnRegisterListener(const std::string& key, DMConfig::Listen
 
 bool SDConfigClient::unregister(const std::string& key, DMConfig::Listener* listener, bool flag) {
     const std::lock_guard registration(mRegistering);
+    takeBackOvercounted();
+    ListenerMap::Registrations taken{{key, {}}};  // before it is taken out: memory may run out
     const ListenerMap::Removal removal = mListenerMap->remove(key, listener);
     if (removal != ListenerMap::Removal::Done) {
         const char* const what = removal == ListenerMap::Removal::NoKey ? "key" : "listener";
         LOG(6, AT "the %s has been already erased", HERE_AS("UnRegisterListener"), what);
         return false;
     }
-    const auto call = makeCall(protocol::kUnregisterListener);
-    call->appendString(key);
-    call->appendBool(flag);
-    const Answer answer = send(call);
+    struct Untold {
+        SDConfigClient& client;
+        ListenerMap::Registrations keys;
+        ~Untold() {
+            client.mListenerMap->noteOvercounted(std::move(keys));
+            client.takeBackOvercounted();
+        }
+    };
+    Untold untold{*this, std::move(taken)};
+    const Answer answer = sendUnregistration(key, flag);
+    if (answer.errorType() != SDBusNotSent) untold.keys.clear();
     if (answer.ok()) return answer->getBool(0);
     LOG(7, AT "error reply: type=%d, UnRegisterListener key : %s failed, ", HERE_AS("UnRegisterListener"),
         answer.type(), key.c_str());
     return false;
+}
+
+SDConfigClient::Answer SDConfigClient::sendUnregistration(const std::string& key, bool flag) {
+    const auto call = makeCall(protocol::kUnregisterListener);
+    call->appendString(key);
+    call->appendBool(flag);
+    return send(call);
+}
+
+// What finds no memory now is left for the next time.
+void SDConfigClient::takeBackOvercounted() noexcept {
+    while (auto one = mListenerMap->takeOvercounted()) {
+        bool isSent = false;
+        try {
+            isSent = sendUnregistration(one.key(), false).errorType() != SDBusNotSent;
+        } catch (const std::bad_alloc&) {
+        }
+        if (!isSent) return mListenerMap->noteOvercounted(std::move(one));
+    }
 }
 
 bool SDConfigClient::RegisterListenersWithList(const DMConfig::ListenerList& listeners, bool flag) {
@@ -200,6 +231,9 @@ bool SDConfigClient::RegisterListenersWithList(const DMConfig::ListenerList& lis
     const Answer answer = sendRegistration(call);
     if (!answer.ok()) {
         LOG(7, AT "error reply: type=%d, RegisterListenersWithList failed", HERE, answer.type());
+        const bool areCounted = listeners.size() <= INT8_MAX;  // of more the service has read no list
+        if (answer.errorType() == SDBusUnread && areCounted) mListenerMap->noteOvercounted(std::move(registrations));
+        takeBackOvercounted();
         return false;
     }
     if (!answer->getBool(0)) return false;

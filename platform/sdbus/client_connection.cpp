@@ -169,6 +169,7 @@ Progress ClientConnection::receive(const Deadline& deadline, BusMessagePtr& mess
     sd_bus_message* came = nullptr;
     const int r = sd_bus_process(mBus.get(), &came);
     message.reset(came);
+    if (r == -ENOMEM) return Progress::NoMemory;
     if (r < 0 || (!came && sd_bus_is_open(mBus.get()) <= 0)) return Progress::Lost;
     return Progress::Done;
 }

@@ -21,7 +21,7 @@ using sd::Deadline;
 // One thread at a time.
 class ClientConnection {
 public:
-    enum class Progress { Done, Timeout, Lost, Woken };
+    enum class Progress { Done, Timeout, Lost, Woken, NoMemory };
 
     struct Failure {
         int error = 0;    // EAGAIN: somebody listens, and his backlog is full; ECONNRESET: he hung up at once
@@ -50,7 +50,7 @@ public:
     // False: the connection is lost and nothing of the message went over it, so that it may go over another.
     bool send(sd_bus_message* message, uint64_t& cookie);
 
-    // The next message that came. Done without one: look again.
+    // The next message that came. Done without one: look again. After NoMemory the connection is of no use.
     Progress receive(const Deadline& deadline, BusMessagePtr& message, int wake = -1);
 
 private:

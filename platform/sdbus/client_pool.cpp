@@ -3,10 +3,12 @@
 
 #include <algorithm>
 #include <map>
+#include <new>
 #include <optional>
 #include <utility>
 
 #include "platform/sdbus/client_connection.h"
+#include "platform/sdbus/contained.h"
 #include "platform/sdbus/fork.h"
 #include "platform/sdbus/log.h"
 #include "platform/sdbus/names.h"
@@ -64,6 +66,7 @@ public:
              std::chrono::milliseconds limit)
         : mPlace(place), mService(service), mPath(place.socketPath(service)), mDeadline(limit) {
         mCalls.reserve(calls.size());
+        mAnswers.reserve(calls.size());
         for (const Message* call : calls) mCalls.emplace_back(*call);
     }
 
@@ -88,17 +91,26 @@ public:
 private:
     struct Call {
         explicit Call(const Message& call)
-            : message(call), member(encodeName(call.methodName())), plan(WirePlan::make(call.arguments())) {}
+            : message(call),
+              member(encodeName(call.methodName())),
+              plan(WirePlan::make(call.arguments())),
+              unread(Message::failure(SDBusUnread)) {}
 
         const Message& message;
         const std::optional<std::string> member;
         const std::optional<WirePlan> plan;
-        uint64_t cookie = 0;  // that it was sent under
+        uint64_t cookie = 0;                   // that it was sent under
+        std::shared_ptr<SDBusMessage> unread;  // the answer that takes no memory any more
         std::shared_ptr<SDBusMessage> answer;
     };
 
     bool isSettled() const {
         return std::all_of(mCalls.begin(), mCalls.end(), [](const Call& call) { return call.answer != nullptr; });
+    }
+
+    void settleUnread() noexcept {
+        for (Call& call : mCalls)
+            if (!call.answer) call.answer = std::move(call.unread);
     }
 
     // What has no answer gets none any more.
@@ -108,10 +120,8 @@ private:
     }
 
     Answers answers() {
-        Answers answers;
-        answers.reserve(mCalls.size());
-        for (Call& call : mCalls) answers.push_back(std::move(call.answer));
-        return answers;
+        for (Call& call : mCalls) mAnswers.push_back(std::move(call.answer));
+        return std::move(mAnswers);
     }
 
     ConnectionPtr takeReady() {
@@ -128,8 +138,14 @@ private:
         if (!whole && sent == 0) return;
         // Without its answers the connection is of no use: one might come during a later call.
         const Progress progress = whole ? awaitAll(*connection) : Progress::Lost;
-        if (progress == Progress::Done) Pool::give(mPath, std::move(connection));
-        settle(progress == Progress::Timeout ? SDBusTimeout : SDBusPeerLost);
+        if (progress == Progress::Done)
+            contained("keeping a connection", [&] { Pool::give(mPath, std::move(connection)); });
+        if (progress == Progress::NoMemory) return settleUnread();
+        try {
+            settle(progress == Progress::Timeout ? SDBusTimeout : SDBusPeerLost);
+        } catch (const std::bad_alloc&) {
+            settleUnread();
+        }
     }
 
     // False when the connection was lost over it.
@@ -148,7 +164,7 @@ private:
     }
 
     // In whatever order the answers come.
-    Progress awaitAll(ClientConnection& connection) {
+    Progress awaitAll(ClientConnection& connection) try {
         while (!isSettled()) {
             BusMessagePtr message;
             const Progress progress = connection.receive(mDeadline, message);
@@ -158,6 +174,8 @@ private:
             if (!isSettled() && mDeadline.hasPassed()) return Progress::Timeout;
         }
         return Progress::Done;
+    } catch (const std::bad_alloc&) {
+        return Progress::NoMemory;
     }
 
     // Passes over what answers none of the calls. False for an answer that can't be read.
@@ -194,6 +212,7 @@ private:
     const std::string mPath;
     const Deadline mDeadline;
     std::vector<Call> mCalls;
+    Answers mAnswers;
 };
 
 }  // namespace

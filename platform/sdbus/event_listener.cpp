@@ -146,7 +146,7 @@ void EventListener::serve(ClientConnection& connection) {
         if (!requestSubscriptions(connection)) return;
         BusMessagePtr message;
         const Progress progress = connection.receive(never(), message, mWake.get());
-        if (progress == Progress::Lost) return;
+        if (progress == Progress::Lost || progress == Progress::NoMemory) return;
         if (progress == Progress::Woken) drainWake();
         // Where memory runs out an event is lost, but not those behind it.
         if (message) contained("taking an event", [&] { take(message.get()); });

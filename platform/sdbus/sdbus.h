@@ -29,6 +29,7 @@ enum SDBusErrorType : int {
     SDBusPeerLost = 3,     // the service went away before it answered; whether it ran the call is unknown
     SDBusErrorReply = 4,   // the service answered with an error
     SDBusNotSent = 5,      // the message could not be sent: its name or its size is beyond what the wire takes
+    SDBusUnread = 6,       // it was sent, and memory ran out over its answer
 };
 
 // Who connected to a service, as the kernel had it then.
@@ -108,14 +109,14 @@ public:
     // Sends the call and waits for its answer.
     // timeoutMs: milliseconds for everything, connecting and the handshake included; at least 1.
     // Returns a message, never null: of type 2, or of type 3 with a getErrorType() that says why. A call is sent at
-    // most once. After a restart of the service the next call simply works.
+    // most once; where std::bad_alloc is raised it was not. After a restart of the service the next call simply works.
     std::shared_ptr<SDBusMessage> callWithReplyBlocking(std::shared_ptr<SDBusMessage> call, int timeoutMs);
 
     // Sends the calls over one connection, in their order and without a wait in between, and waits for the answers: for
     // a handful of small calls of which none depends on another's answer.
     // timeoutMs: for all of them together; otherwise as callWithReplyBlocking.
     // Returns an answer for each call, in the calls' order. Where one is lost or comes too late the others may be
-    // there.
+    // there. Where std::bad_alloc is raised some may have been sent.
     SDBUS_OPTIONAL std::vector<std::shared_ptr<SDBusMessage>> callsWithRepliesBlocking(
         const std::vector<std::shared_ptr<SDBusMessage>>& calls, int timeoutMs);
 

@@ -15,6 +15,7 @@
 #include "libsdconfig/dmconfig.h"
 #include "platform/velmarlog/velmarlog.h"
 #include "tests/libsdconfig/client_fixture.h"
+#include "tests/support/scarce_memory.h"
 
 namespace sd {
 namespace {
@@ -184,6 +185,48 @@ TEST_F(PolicyClientTest, AServiceThatHangsCostsARegistrationNoMoreThanAnyCall) {
         return !listener.all().empty();
     })) << "the subscription comes into force by itself";
     EXPECT_TRUE(mPolicies->UnRegisterListener("k", &listener, true));
+}
+
+TEST_F(PolicyClientTest, WhatMemoryRunsOutOverIsCountedByBothSidesOrNeither) {
+    connect();
+    Recorder listener;
+    using Operation = std::function<bool(const DMConfig::ListenerList&)>;
+    const Operation one = [&](const auto& list) {
+        return mPolicies->RegisterListener(list.begin()->first, &listener, true);
+    };
+    const Operation all = [&](const auto& list) { return mPolicies->RegisterListenersWithList(list, true); };
+    const Operation gone = [&](const auto& list) {
+        return mPolicies->UnRegisterListener(list.begin()->first, &listener, true);
+    };
+    ASSERT_TRUE(one({{"first", &listener}}));
+    const auto counted = [this] {  // by the service, as it was told
+        int count = 0;
+        for (const std::string& call : mService.takeCalls()) count += call.compare(0, 5, "UNREG") == 0 ? -1 : 1;
+        return count;
+    };
+    const struct {
+        const char* name;
+        Operation before, operation;
+    } cases[] = {{"one", {}, one}, {"list", {}, all}, {"gone", one, gone}};
+    for (const auto& [name, before, operation] : cases)
+        for (const bool lasts : {false, true}) {
+            bool hasFailed = true;
+            for (std::uint64_t n = 1; hasFailed; ++n) {
+                const std::string key = std::string(name) + (lasts ? " from " : " at ") + std::to_string(n);
+                const DMConfig::ListenerList list{{key, &listener}};
+                ASSERT_TRUE(!before || before(list));
+                mService.takeCalls();
+                bool isDone = false;
+                {
+                    const test::ScarceMemory scarce(test::ScarceMemory::Of::ThisThread, n, lasts);
+                    isDone = operation(list);
+                    hasFailed = test::ScarceMemory::hasFailed();
+                }
+                const bool wasThere = gone(list);
+                EXPECT_TRUE(before || wasThere == isDone) << key;
+                EXPECT_EQ(counted(), before ? -1 : 0) << key;
+            }
+        }
 }
 
 TEST_F(PolicyClientTest, AListenerMayCallAnythingAndIsGoneOnceUnregistered) {
