@@ -190,43 +190,31 @@ TEST_F(PolicyClientTest, AServiceThatHangsCostsARegistrationNoMoreThanAnyCall) {
 TEST_F(PolicyClientTest, WhatMemoryRunsOutOverIsCountedByBothSidesOrNeither) {
     connect();
     Recorder listener;
-    using Operation = std::function<bool(const DMConfig::ListenerList&)>;
-    const Operation one = [&](const auto& list) {
-        return mPolicies->RegisterListener(list.begin()->first, &listener, true);
-    };
-    const Operation all = [&](const auto& list) { return mPolicies->RegisterListenersWithList(list, true); };
-    const Operation gone = [&](const auto& list) {
-        return mPolicies->UnRegisterListener(list.begin()->first, &listener, true);
-    };
-    ASSERT_TRUE(one({{"first", &listener}}));
-    const auto counted = [this] {  // by the service, as it was told
-        int count = 0;
-        for (const std::string& call : mService.takeCalls()) count += call.compare(0, 5, "UNREG") == 0 ? -1 : 1;
-        return count;
-    };
-    const struct {
-        const char* name;
-        Operation before, operation;
-    } cases[] = {{"one", {}, one}, {"list", {}, all}, {"gone", one, gone}};
-    for (const auto& [name, before, operation] : cases)
-        for (const bool lasts : {false, true}) {
-            bool hasFailed = true;
-            for (std::uint64_t n = 1; hasFailed; ++n) {
-                const std::string key = std::string(name) + (lasts ? " from " : " at ") + std::to_string(n);
-                const DMConfig::ListenerList list{{key, &listener}};
-                ASSERT_TRUE(!before || before(list));
-                mService.takeCalls();
-                bool isDone = false;
-                {
-                    const test::ScarceMemory scarce(test::ScarceMemory::Of::ThisThread, n, lasts);
-                    isDone = operation(list);
-                    hasFailed = test::ScarceMemory::hasFailed();
-                }
-                const bool wasThere = gone(list);
-                EXPECT_TRUE(before || wasThere == isDone) << key;
-                EXPECT_EQ(counted(), before ? -1 : 0) << key;
+    ASSERT_TRUE(mPolicies->RegisterListener("first", &listener, true));
+    mService.takeCalls();
+    bool hasFailed = true;
+    for (std::uint64_t n = 1; hasFailed; ++n) {
+        hasFailed = false;
+        for (int kind = 0; kind < 6; ++kind) {  // three operations, with a lack that passes and one that lasts
+            const std::string key = std::to_string(n) + "." + std::to_string(kind);
+            const auto unregister = [&] { return mPolicies->UnRegisterListener(key, &listener, true); };
+            const DMConfig::ListenerList list{{key, &listener}};
+            bool isThere = kind >= 4 && mPolicies->RegisterListenersWithList(list, true);
+            {
+                const test::ScarceMemory scarce(test::ScarceMemory::Of::ThisThread, n, kind % 2 != 0);
+                if (kind >= 4) (void)unregister();
+                if (kind < 4)
+                    isThere = kind < 2 ? mPolicies->RegisterListener(key, &listener, true)
+                                       : mPolicies->RegisterListenersWithList(list, true);
+                hasFailed = hasFailed || test::ScarceMemory::hasFailed();
             }
+            const bool wasThere = unregister();
+            EXPECT_TRUE(kind >= 4 || wasThere == isThere) << key;
+            int counted = 0;  // by the service, as it was told
+            for (const std::string& call : mService.takeCalls()) counted += call.compare(0, 5, "UNREG") == 0 ? -1 : 1;
+            EXPECT_EQ(counted, 0) << key;
         }
+    }
 }
 
 TEST_F(PolicyClientTest, AListenerMayCallAnythingAndIsGoneOnceUnregistered) {

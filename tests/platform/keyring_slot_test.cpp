@@ -141,32 +141,30 @@ TEST_F(KeyringSlotTest, AWatchTellsOnceAndMayAsk) {
 }
 
 TEST_F(KeyringSlotTest, MemoryThatRunsOutCostsOneAnswerAndNoMore) {
-    using test::ScarceMemory;
+    using Of = test::ScarceMemory::Of;
     const std::string program =
         standIn("while echo $number done " + kKeyDigits + "; do read number word rest || exit; done");
-    for (const auto whose : {ScarceMemory::Of::Others, ScarceMemory::Of::ThisThread})
-        for (const bool lasts : {false, true}) {
-            bool hasFailed = true;
-            for (std::uint64_t n = 1; hasFailed; ++n) {
-                auto helper = std::make_unique<KeyringHelper>(program, kPatient);
-                std::atomic<int> told{0};
-                bool isWatched = false;
-                {
-                    const ScarceMemory scarce(whose, n, lasts);
-                    try {
-                        helper->watch(kId, [&](const SlotAnswer& answer) { told += answer.key == kKey ? 1 : 2; });
-                        isWatched = true;
-                        (void)helper->find(kId);
-                    } catch (const std::bad_alloc&) {
-                    }
-                    hasFailed = ScarceMemory::hasFailed();
-                }
-                EXPECT_TRUE(test::waitUntil([&] { return helper->find(kId).key == kKey; })) << n;
-                EXPECT_TRUE(test::waitUntil([&] { return told == (isWatched ? 1 : 0); })) << n;
-                const ScarceMemory none(ScarceMemory::Of::ThisThread, 1, true);
-                helper.reset();
+    bool hasFailed = true;
+    for (std::uint64_t n = 1; hasFailed; ++n) {
+        hasFailed = false;
+        for (const int kind : {0, 1, 2, 3}) {  // of either threads, with a lack that passes and one that lasts
+            auto helper = std::make_unique<KeyringHelper>(program, kPatient);
+            std::atomic<int> told{0};
+            int wanted = 0;
+            try {
+                const test::ScarceMemory scarce(kind < 2 ? Of::Others : Of::ThisThread, n, kind % 2 != 0);
+                helper->watch(kId, [&](const SlotAnswer& answer) { told += answer.key == kKey ? 1 : 2; });
+                wanted = 1;
+                (void)helper->find(kId);
+                hasFailed = hasFailed || test::ScarceMemory::hasFailed();
+            } catch (const std::bad_alloc&) {
+                hasFailed = true;
             }
+            EXPECT_TRUE(test::waitUntil([&] { return helper->find(kId).key == kKey && told == wanted; })) << n;
+            const test::ScarceMemory none(Of::ThisThread, 1, true);
+            helper.reset();
         }
+    }
     EXPECT_FALSE(hasChildren());
 }
 

@@ -382,14 +382,12 @@ TEST_F(SlotsTest, OpensAlthoughMemoryRanOutOnceMeanwhile) {
     security.SetKeyringProgram(keyringIn(keyring));
     writeRing(kPlainRing);
     ASSERT_EQ(security.Protect(Kind::Keyring, {freshKey("code"), ""}).outcome, Outcome::Done);
-    bool hasFailed = true;
-    for (std::uint64_t n = 1; hasFailed; ++n) {
+    for (std::uint64_t n = 1; n == 1 || test::ScarceMemory::hasFailed(); ++n) {
         beginAnew();
         {
             const test::ScarceMemory scarce(test::ScarceMemory::Of::Others, n);
             security.OpenKeyRingAhead();
             (void)open(kEnvelope);
-            hasFailed = test::ScarceMemory::hasFailed();
         }
         EXPECT_TRUE(test::waitUntil([&] { return open(kEnvelope) == kPlain; }, 20000)) << n;
     }

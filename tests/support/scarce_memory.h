@@ -15,7 +15,7 @@ public:
     ScarceMemory(const ScarceMemory&) = delete;
     ScarceMemory& operator=(const ScarceMemory&) = delete;
 
-    static bool hasFailed();
+    static bool hasFailed();  // the latest
 };
 
 }  // namespace test

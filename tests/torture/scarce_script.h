@@ -1,6 +1,7 @@
 // The script of calls beneath which things are made scarce, and what may be answered.
 #pragma once
 
+#include <chrono>
 #include <map>
 #include <memory>
 #include <optional>
@@ -44,11 +45,12 @@ public:
     ServiceCaller();
 
     // "1" and "0" for true and false, "" for no value, "key=value;" for each of a list; nothing without an answer.
-    std::optional<std::string> run(const Step& step);
+    // mayFail: whether it is not waited for long.
+    std::optional<std::string> run(const Step& step, bool mayFail = false);
 
 private:
     struct Events;
-    std::string lastOf(const Step& step);
+    std::string lastOf(const Step& step, std::chrono::milliseconds limit);
 
     std::shared_ptr<SDBusProxyInterface> mProxy;
     std::shared_ptr<Events> mEvents;

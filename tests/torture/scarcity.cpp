@@ -39,10 +39,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int kEndingMs = 3000;                   // of a service that is about to end
-constexpr int kAnswerMs = 20000;                  // of a client that works
-constexpr std::chrono::seconds kMachineLimit{5};  // until a changed policy of the machine is in force
-constexpr int kClientEndingMs = 15000;            // it waits for a listener that runs, 5 s at most
+constexpr int kEndingMs = 3000;                    // of a service that is about to end
+constexpr int kAnswerMs = 20000;                   // of a client that works
+constexpr std::chrono::seconds kMachineLimit{20};  // until a changed policy of the machine is in force
+constexpr int kClientEndingMs = 15000;             // it waits for a listener that runs, 5 s at most
 
 struct Arguments {
     std::string whose;
@@ -193,7 +193,7 @@ private:
             putMachinePolicies(round);
             for (const char* const key : kMachineKeys) allowed[{"machine", key}].insert(round);
             for (const Step& step : script(Whose::Service, round)) {
-                weigh(step, caller.run(step), mayFail, allowed);
+                weigh(step, caller.run(step, mayFail), mayFail, allowed);
                 if (mayFail && mLife.endsWithin(0)) return false;
             }
             for (const char* const key : kMachineKeys)
