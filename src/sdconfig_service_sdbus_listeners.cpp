@@ -27,8 +27,8 @@ bool SDConfigInterface::RegisterListener(const std::string& key, bool flag) {
 
 void SDConfigInterface::countRegistration(const std::string& key, bool flag) {
     if (key.size() > kKeyBytesMax) return;  // nothing of that name is ever kept
+    mListenerFlags[key] = flag;             // before it counts: memory may run out over either
     ++mListenerCounts[key];
-    mListenerFlags[key] = flag;
 }
 
 bool SDConfigInterface::RegisterListenersWithList(const std::vector<std::string>& keys, bool flag) {
