@@ -15,6 +15,7 @@ namespace {
 
 // No answer is how a handler that failed tells; where none may, a busy machine has its time.
 constexpr int kScarceMs = 700, kPlentyMs = 20000;
+constexpr int kSubscriptions = 5;  // each waits a second to come into force
 
 // takes: what is appended; a key, its twin, a value, a priority, a flag, a count. gives: what the answer is.
 struct Method {
@@ -198,15 +199,17 @@ struct ServiceCaller::Events {
     std::map<std::string, std::string> last;  // by key
 };
 
-ServiceCaller::ServiceCaller()
-    : mProxy(SDBusSerivceManager::initSync(-1)->getServiceProxyInterface("sdconfig", SDBusSameUser, 1)),
-      mEvents(std::make_shared<Events>()) {
+ServiceCaller::ServiceCaller() : mEvents(std::make_shared<Events>()) {
     const auto onEvent = [events = mEvents](const std::shared_ptr<SDBusMessage>& event) {
         const std::lock_guard lock(events->mutex);
         events->last[event->getString(0)] = event->getString(1);
         events->came.notify_all();
     };
-    (void)mProxy->addEventListener("DM_CHANGED", new SDBusEventCallback(onEvent), SDBusSameUser);
+    bool hears = false;
+    for (int attempt = 0; attempt < kSubscriptions && !hears; ++attempt) {
+        mProxy = SDBusSerivceManager::initSync(-1)->getServiceProxyInterface("sdconfig", SDBusSameUser, 1);
+        hears = mProxy->addEventListener("DM_CHANGED", new SDBusEventCallback(onEvent), SDBusSameUser);
+    }
 }
 
 // The last value that was heard for the key, as soon as it is the one that is waited for.
