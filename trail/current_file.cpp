@@ -190,8 +190,7 @@ std::optional<CurrentFile::Found> CurrentFile::cutAtHole(const std::vector<SlotL
     std::uint64_t bytes = kUncarriedBytesMost;
     for (auto line = first; line != lines.end(); ++line) bytes += line->text.size() + 1;
     Tail tail(mFile->get(), mSize, bytes);
-    if (!tail.find(*first) || tail.follow(digest)) return std::nullopt;
-    if (tail.head().seq + 1 < first->entry.seq || tail.head().seq >= lines.back().entry.seq) return std::nullopt;
+    if (!tail.find(*first) || tail.follow(digest) || tail.head().seq >= lines.back().entry.seq) return std::nullopt;
     Found found;
     keepTail(tail.place(), found.damage);
     if (mSize > 0) found.head = tail.head();

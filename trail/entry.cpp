@@ -339,9 +339,11 @@ private:
             return isFirst(kGone) && (assign<bool>(peer.isGone, value) || failField("is of another type"));
         if (mName == "uid") return isFirst(kUid) && peerNumber(peer.uid, value);
         if (mName == "pid") return isFirst(kPid) && peerNumber(peer.pid, value);
-        for (std::size_t i = 0; i < std::size(kPeerTexts); ++i)
-            if (kPeerTexts[i].name == mName)
-                return isFirst(kPeerText + i) && peerText(peer.*kPeerTexts[i].member, value);
+        std::size_t bit = kPeerText;
+        for (const PeerText& text : kPeerTexts) {
+            if (text.name == mName) return isFirst(bit) && peerText(peer.*text.member, value);
+            ++bit;
+        }
         return true;
     }
     template <class Number>

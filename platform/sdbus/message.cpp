@@ -169,7 +169,7 @@ bool appendArgument(sd_bus_message* message, char kind, const Argument& argument
         return sd_bus_message_append_array(message, 'y', text->data(), text->size()) >= 0;
     }
     if (const auto* flag = std::get_if<bool>(&argument)) {
-        const int value = *flag ? 1 : 0;
+        const int value = *flag;
         return sd_bus_message_append_basic(message, kind, &value) >= 0;
     }
     if (const auto* number = std::get_if<int32_t>(&argument))

@@ -248,11 +248,8 @@ void Service::forget(Peer& peer) {
 }
 
 void Service::enforceBudget() {
-    while (mLoop.budget().isExceeded()) {
-        Peer* debtor = mLoop.budget().largestDebtor();
-        if (!debtor) return;
-        debtor->cutOff("it does not read, and too much waits for all clients together");
-    }
+    while (mLoop.budget().isExceeded())
+        mLoop.budget().largestDebtor().cutOff("it does not read, and too much waits for all clients together");
 }
 
 // Whether a line about clients may go out now. Tells how many before it did not.

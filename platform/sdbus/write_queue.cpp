@@ -5,10 +5,10 @@
 
 namespace sdbus {
 
-Peer* WriteBudget::largestDebtor() const {
+Peer& WriteBudget::largestDebtor() const {
     const auto largest = std::max_element(
         mQueues.begin(), mQueues.end(), [](const WriteQueue* a, const WriteQueue* b) { return a->mBytes < b->mBytes; });
-    return largest == mQueues.end() || (*largest)->isEmpty() ? nullptr : &(*largest)->mOwner;
+    return (*largest)->mOwner;
 }
 
 WriteQueue::WriteQueue(WriteBudget& budget, Peer& owner) : mBudget(budget), mOwner(owner) {
@@ -21,8 +21,7 @@ WriteQueue::~WriteQueue() {
 }
 
 bool WriteQueue::admits(std::size_t bytes) const {
-    if (mSizes.empty()) return true;
-    return mBytes + bytes <= kPeerQueueBytesMax && mSizes.size() < kPeerQueueMessagesMax;
+    return mSizes.empty() || mBytes + bytes <= kPeerQueueBytesMax;
 }
 
 void WriteQueue::add(std::size_t bytes) {

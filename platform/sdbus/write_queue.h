@@ -21,7 +21,7 @@ constexpr std::size_t kAllQueuesBytesMax = std::size_t{256} << 20;
 class WriteBudget {
 public:
     bool isExceeded() const { return mBytes > kAllQueuesBytesMax; }
-    Peer* largestDebtor() const;  // null when nothing is queued
+    Peer& largestDebtor() const;  // where it is exceeded
 
 private:
     friend class WriteQueue;

@@ -75,7 +75,6 @@ class Hmac {
 public:
     // secret: of kDigestSize bytes; it has to outlive this.
     explicit Hmac(const unsigned char* secret) : mSecret(secret) {
-        demandCrypto();
         mContext.reset(openssl().EVP_MD_CTX_new());
         demand(mContext != nullptr);
         begin(0x36);
