@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <thread>
 
@@ -179,6 +180,7 @@ TEST_F(HostSlotTest, WhoeverAnswersForItIsNotTrusted) {
     for (const auto& [answer, outcome, reason] : cases) {
         test::writeFile(mFolder / "answer", answer);
         const Listener other({"/bin/sh", "-c", "read line; cat " + mFolder / "answer"});
+        errno = EAGAIN;  // as an earlier call may have left it
         expectAnswer(openByHost("seal:AAAA", other.path()), outcome, reason);
     }
     expectAnswer(openByHost("seal:AAAA", Listener({"/bin/sh", "-c", "exec cat >/dev/null"}).path()), Outcome::NotNow,
@@ -202,6 +204,7 @@ TEST(UserCredentialTest, SystemdIsAskedWhereItSealsForUsers) {
         ::chmod(sealers.systemdCreds.c_str(), 0755);
     };
     standIn(R"([ "$1 $3 $4 $5" = "--user --name=sdconfig-slot-key - -" ] || exit 1
+               exec 2>&-; sleep 0.1  # one output ends long before the other
                case $2 in encrypt) base64 -w 20 ;; decrypt) base64 -d ;; esac)");
     expectAnswer(sealByHost(kKey, sealers), Outcome::NotNow, "nobody seals");  // an earlier systemd
     test::writeFile(sealers.systemSocket, "");

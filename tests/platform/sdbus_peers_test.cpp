@@ -11,6 +11,7 @@
 #include <array>
 #include <chrono>
 #include <csignal>
+#include <ctime>
 #include <filesystem>
 #include <future>
 #include <optional>
@@ -65,16 +66,47 @@ TEST_F(EventTest, ReachWhoAskedForThemInOrder) {
     ASSERT_TRUE(mSeen.listen(proxy, ".sdconfigChanged"));
     ASSERT_TRUE(mSeen.listen(proxy, "B"));
     EXPECT_FALSE(mSeen.listen(proxy, std::string(300, 'x')));
+    const RawClient twice = rawClient();
+    ASSERT_TRUE(subscribe(twice, "B") && subscribe(twice, "B"));
     EXPECT_TRUE(service.publish("OTHER", "nobody asked"));
     EXPECT_TRUE(service.publish(".sdconfigChanged", "1"));
     EXPECT_TRUE(service.publish("B", "2"));
     const auto event = bus().makeEventMessage(".sdconfigChanged", SDBusSameUser);
+    EXPECT_EQ(event->type(), 4);
     EXPECT_TRUE(bus().publishEvent(event)) << "to every service of the process";
     event->appendString("not part of what was published");
     service.publish("B", "fence");
     ASSERT_TRUE(mSeen.waitFor("B=fence"));
     EXPECT_THAT(mSeen.all(), ElementsAre(".sdconfigChanged=1", "B=2", ".sdconfigChanged=", "B=fence"));
     EXPECT_FALSE(service.publish(std::string(300, 'x'), ""));
+    uint64_t came = 0;
+    EXPECT_TRUE(subscribe(twice, "fence") && sd_bus_get_n_queued_read(twice.get(), &came) >= 0);
+    EXPECT_EQ(came, 2U) << "once for both";
+    const std::clock_t before = std::clock();
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 50) << "who listens sleeps meanwhile";
+}
+
+// An event of a name of six letters, with a text that has no end.
+std::string endlessEvent(const std::string& name) {
+    using namespace std::string_literals;
+    return "l\4\1\1\6\0\0\0\2\0\0\0\x3f\0\0\0"s + "\1\1o\0\1\0\0\0/\0\0\0\0\0\0\0"s +
+           "\2\1s\0\x0d\0\0\0sdbus.Service\0\0\0"s + "\3\1s\0\6\0\0\0"s + name + "\0\0"s + "\x08\1g\0\1s\0\0"s +
+           "\1\0\0\0ab"s;
+}
+
+TEST_F(EventTest, ThatCantBeReadAreTold) {
+    RawService service([](int client) {
+        readFirstMessage(client);
+        const std::string answer("l\2\1\1\0\0\0\0\1\0\0\0\x08\0\0\0\5\1u\0\1\0\0\0", 24);
+        const std::string sent = answer + endlessEvent("_hex_4") + endlessEvent("EVENT1");
+        EXPECT_EQ(::send(client, sent.data(), sent.size(), MSG_NOSIGNAL), static_cast<ssize_t>(sent.size()));
+        isClosed(client);
+    });
+    const auto proxy = proxyTo();
+    EXPECT_TRUE(mSeen.listen(proxy, "EVENT1"));
+    EXPECT_TRUE(waitUntil([&] { return mLog.has("service unit sent a malformed event", 6); }));
+    EXPECT_EQ(mLog.count("service unit sent an event of a malformed name", 6), 1);
 }
 
 TEST_F(EventTest, ArriveAgainWhenTheServiceIsBack) {
@@ -96,6 +128,7 @@ TEST_F(EventTest, MayUseTheirOwnProxyAndDestroyIt) {
     std::promise<std::string> answer;
     ASSERT_TRUE(proxy->addEventListener(
         "THROW", new SDBusEventCallback([](auto) { throw std::runtime_error("spilt"); }), SDBusSameUser));
+    ASSERT_TRUE(proxy->addEventListener("THROW", new SDBusEventCallback([](auto) { throw 1; }), SDBusSameUser));
     const auto last = [&](const std::shared_ptr<SDBusMessage>&) {
         mSeen.listen(proxy, "MORE");  // does not wait for itself
         const std::string text = call(proxy, "ECHO", "from a callback")->getString(0);
@@ -108,6 +141,7 @@ TEST_F(EventTest, MayUseTheirOwnProxyAndDestroyIt) {
     service.publish("LAST", "not seen any more");
     EXPECT_EQ(answer.get_future().get(), "from a callback");
     EXPECT_EQ(mLog.count("threw: spilt", 7), 1);
+    EXPECT_EQ(mLog.count("a callback of event THROW threw", 7), 2);
 }
 
 TEST_F(EventTest, AreCutOffFromWhoDoesNotRead) {
@@ -125,6 +159,12 @@ TEST_F(EventTest, AreCutOffFromWhoDoesNotRead) {
     }
     EXPECT_EQ(mSeen.all().size(), 40u);
     EXPECT_EQ(mLog.count("is cut off: it does not read", 6), 1);
+    // Of messages of nearly 16 MiB the socket may take one, and one waits.
+    const RawClient another = rawClient();
+    ASSERT_TRUE(subscribe(another, "BIG"));
+    for (int i = 0; i < 3; ++i) ASSERT_TRUE(service.publish("BIG", std::string(16'000'000, '.')));
+    EXPECT_TRUE(waitUntil([&] { return mSeen.all().size() == 43; }));
+    EXPECT_EQ(mLog.count("is cut off: it does not read", 6), 2);
 }
 
 TEST_F(EventTest, TogetherStayWithinTheBudgetOfAll) {
@@ -178,10 +218,12 @@ TEST_F(HostileTest, GarbageAndSilenceEndAtTheirSender) {
 
 TEST_F(HostileTest, HalfOpenHandshakesHoldUpNobody) {
     TestService service;
+    const RawClient honest = rawClient();
     std::array<int, 200> silent{};
     for (int& fd : silent) fd = connectTo(socket());
     EXPECT_EQ(call(proxyTo(), "ECHO", "honest")->getString(0), "honest");
     EXPECT_TRUE(isClosed(silent[0])) << "the oldest makes way";
+    EXPECT_TRUE(subscribe(honest, "E")) << "but nobody who has finished";
     EXPECT_TRUE(mLog.has("have not finished their handshake", 6));
     EXPECT_LE(mLog.count("is cut off"), 20) << "the log is not flooded";
     for (const int fd : silent) ::close(fd);

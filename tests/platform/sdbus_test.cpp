@@ -58,8 +58,10 @@ TEST_F(CallTest, CarriesEveryArgumentBothWays) {
     message->appendInt32(INT32_MIN);
     message->appendBool(true);
     message->appendCString("gr\xc3\xbc\xc3\x9f");
+    EXPECT_EQ(message->type(), 1);
     const auto reply = proxy->callWithReplyBlocking(message, kLongMs);
     ASSERT_EQ(reply->type(), 2);
+    EXPECT_EQ(reply->signature(), "yibss");
     EXPECT_EQ(reply->getErrorType(), SDBusNoError);
     EXPECT_EQ(reply->getInt(0), -128);
     EXPECT_EQ(reply->getInt32(1), INT32_MIN);
@@ -83,9 +85,17 @@ TEST_F(CallTest, CarriesEveryArgumentBothWays) {
 TEST_F(CallTest, CarriesEveryByteString) {
     TestService service;
     const auto proxy = proxyTo();
-    // Among them cut off characters, an overlong one, a surrogate, one beyond Unicode, and the last ones there are.
-    std::vector<std::string> texts{
-        "", "\xff\xfe", "abc\xe2\x82", "\xc0\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80", "\xef\xbf\xbe\xf4\x8f\xbf\xbd"};
+    // Among them cut off characters, an overlong one, a surrogate, one beyond Unicode, noncharacters, and the last ones
+    // there are.
+    std::vector<std::string> texts{"",
+                                   "\xff\xfe",
+                                   "abc\xe2\x82",
+                                   "\xc0\xaf",
+                                   "\xed\xa0\x80",
+                                   "\xf4\x90\x80\x80",
+                                   "\xef\xb7\x90",
+                                   "\xef\xb7\xaf",
+                                   "\xef\xbf\xbe\xf4\x8f\xbf\xbd"};
     for (const char byte : {'x', '\0'})
         texts.insert(texts.end(), {{'a', byte, 'b'}, std::string(std::size_t{16} << 20, byte)});
     for (const std::string& text : texts) {
@@ -141,6 +151,7 @@ TEST_F(CallTest, KeepsNamesApart) {
 
 TEST_F(CallTest, TellsWhyThereIsNoAnswer) {
     const auto proxy = proxyTo();
+    const std::string tooMuch((std::size_t{64} << 20) + 1, '\0');
     const auto started = std::chrono::steady_clock::now();
     auto answer = call(proxy, "ECHO");
     EXPECT_EQ(answer->type(), 3);
@@ -148,17 +159,18 @@ TEST_F(CallTest, TellsWhyThereIsNoAnswer) {
     EXPECT_LT(std::chrono::steady_clock::now() - started, 5s) << "nobody is there: no reason to wait";
     EXPECT_EQ(proxy->callWithReplyBlocking(nullptr, 1000)->getErrorType(), SDBusNotSent);
     {
-        TestService service([](TestService& self, const std::shared_ptr<SDBusMessage>& message) {
+        TestService service([&](TestService& self, const std::shared_ptr<SDBusMessage>& message) {
             if (message->methodName() == "THROW") throw std::runtime_error("spilt");
+            if (message->methodName() == "HUGE") return self.reply(message, tooMuch);
             return message->methodName() == "ECHO" && TestService::echo(self, message);
         });
         EXPECT_EQ(call(proxy, "REFUSED", "", 50)->getErrorType(), SDBusTimeout);
         EXPECT_EQ(call(proxy, "THROW", "", 50)->getErrorType(), SDBusTimeout);
         EXPECT_EQ(mLog.count("THROW threw: spilt", 7), 1);
+        EXPECT_EQ(call(proxy, "HUGE", "", 50)->getErrorType(), SDBusTimeout);
         EXPECT_EQ(call(proxy, "ECHO", "on it goes")->getString(0), "on it goes");
-        const auto oversized = proxy->makeMethodCallMessage("ECHO");
-        oversized->appendString(std::string((std::size_t{64} << 20) + 1, '\0'));
-        EXPECT_EQ(proxy->callWithReplyBlocking(oversized, kLongMs)->getErrorType(), SDBusNotSent);
+        EXPECT_EQ(mLog.count("a reply can't be sent: its size is beyond what a message takes", 7), 1);
+        EXPECT_EQ(call(proxy, "ECHO", tooMuch)->getErrorType(), SDBusNotSent);
     }
     EXPECT_EQ(call(proxy, "ECHO")->getErrorType(), SDBusUnreachable) << "it has ended";
 }
@@ -210,9 +222,16 @@ TEST_F(CallTest, IsNotBrokenOffBySignals) {
 }
 
 TEST_F(CallTest, SaysOnTheWireWhatADebuggerWouldExpect) {
+    // Answers with a text that has no end.
+    const std::string answer(
+        "l\x02\x01\x01\x06\0\0\0\x01\0\0\0\x0f\0\0\0\x05\x01u\0\x01\0\0\0\x08\x01g\0\x01s\0\0\x01\0\0\0ab", 38);
     std::promise<std::string> sent;
-    RawService service([&](int client) { sent.set_value(readFirstMessage(client)); });
+    RawService service([&](int client) {
+        sent.set_value(readFirstMessage(client));
+        EXPECT_EQ(::send(client, answer.data(), answer.size(), MSG_NOSIGNAL), static_cast<ssize_t>(answer.size()));
+    });
     const auto proxy = proxyTo();
+    EXPECT_TRUE(bus().isServiceRegistered(kService));
     const auto message = proxy->makeMethodCallMessage(".get");
     message->appendInt8(-1);
     message->appendInt32(7);
@@ -229,7 +248,8 @@ TEST_F(CallTest, SaysOnTheWireWhatADebuggerWouldExpect) {
                                  std::string("\x08\x01g\0\x06yibsay\0\0\0\0\0", 16) +
                                  std::string("\xff\0\0\0\x07\0\0\0\x01\0\0\0\x02\0\0\0ab\0\0\x01\0\0\0\xff", 25);
     EXPECT_EQ(sent.get_future().get(), expected);
-    EXPECT_EQ(service.clients(), 1) << "it was sent once and is lost with its service";
+    EXPECT_EQ(service.clients(), 1) << "it was sent once, over the connection that showed that the service is there";
+    EXPECT_EQ(mLog.count("service unit answered with a malformed message", 7), 1);
 }
 
 TEST_F(CallTest, HoldsUpNoOtherThread) {
@@ -264,14 +284,22 @@ TEST_F(CallTest, HoldsUpNoOtherThread) {
 
 TEST_F(CallTest, TellsWhoMadeIt) {
     Heard callers;
+    std::promise<std::shared_ptr<SDBusMessage>> refused;
     TestService service([&](TestService& self, const std::shared_ptr<SDBusMessage>& message) {
         SDBusPeer peer{};
+        if (message->methodName() == "SHORT") {
+            refused.set_value(message);
+            throw std::bad_alloc();
+        }
         const bool known = SDBusMessage::peerOf(*message, peer) && peer.user == ::geteuid() && peer.admittedNs > 0;
         callers.add(known ? std::to_string(peer.process) : "unknown");
         return self.reply(message, std::to_string(peer.connection));
     });
     const auto proxy = proxyTo();
     const std::string connection = call(proxy, "A")->getString(0);
+    EXPECT_EQ(call(proxy, "SHORT")->getErrorType(), SDBusErrorReply);
+    EXPECT_EQ(mLog.count("the handler of SHORT was short of memory", 7), 1);
+    EXPECT_FALSE(service.reply(refused.get_future().get(), "")) << "it has its answer";
     EXPECT_EQ(call(proxy, "A")->getString(0), connection);
     EXPECT_TRUE(inChild([&] { return call(proxy, "A")->getString(0) != connection; }));
     const std::string self = std::to_string(::getpid());
@@ -322,6 +350,7 @@ TEST_F(CallTest, TakesWhatOtherClientsSend) {
     TestService service(echo, kService, [&](const SDBusRefusal& refusal) {
         const bool isOurs = refusal.peer.process == ::getpid() && refusal.untold == 0;
         refused.add(isOurs ? refusal.reason : "of another one");
+        throw 1;
     });
     const RawClient client = rawClient();
     const auto answers = [&](const char* method, const char* types, auto... values) {
@@ -329,9 +358,11 @@ TEST_F(CallTest, TakesWhatOtherClientsSend) {
     };
     // What is no string, number or boolean takes a position and has no value.
     EXPECT_TRUE(answers("M", "sds", "v", 1.5, "w") && answers("M", "avs", 2, "s", "p", "ad", 1, 1.0, "q"));
-    EXPECT_THAT(seen.all(), testing::ElementsAre("vw", "pq"));
+    EXPECT_TRUE(answers("M", "sass", "x", 1, "", "y"));
+    EXPECT_THAT(seen.all(), testing::ElementsAre("vw", "pq", "xy"));
     EXPECT_FALSE(answers("_hex_41", ""));
     EXPECT_TRUE(mLog.has("the method's name is malformed", 6));
+    EXPECT_EQ(mLog.count("the observer of refusals threw", 7), 1);
     for (int i = 0; i < 40; ++i) EXPECT_FALSE(answers("_hex_41", ""));
     EXPECT_THAT(refused.all(), testing::Each("the method's name is malformed"));
     EXPECT_THAT(refused.all(), testing::SizeIs(testing::AllOf(testing::Ge(20U), testing::Lt(41U)))) << "of a flood";
@@ -380,6 +411,8 @@ TEST_F(RegistrationTest, NamesTheOwnerOfATakenName) {
     EXPECT_EQ(fs::status(socket()).permissions(), fs::perms::owner_read | fs::perms::owner_write);
     TestService twice;
     EXPECT_FALSE(twice.isRegistered());
+    EXPECT_FALSE(bus().registerServiceInterface("other", &now, SDBusSameUser, 1));
+    EXPECT_EQ(bus().registrationFailure("other"), "the interface serves another name");
 }
 
 TEST_F(RegistrationTest, TouchesNothingThatIsNotItsOwn) {
@@ -402,6 +435,9 @@ TEST_F(RegistrationTest, TouchesNothingThatIsNotItsOwn) {
     fs::create_symlink(elsewhere, lock());
     registers("cannot lock");
     fs::remove(lock());
+    writeFile(lock(), "1\n");
+    EXPECT_EQ(bus().serviceProcess(kService), 0) << "it is what a dead one left";
+    fs::remove(lock());
     ASSERT_EQ(::mkfifo(lock().c_str(), 0600), 0);
     registers("no regular file");
     fs::remove(lock());
@@ -422,12 +458,18 @@ TEST_F(RegistrationTest, TouchesNothingThatIsNotItsOwn) {
         EXPECT_FALSE(proxyTo(name)) << name;
     }
     EXPECT_FALSE(proxyTo(std::string(65, 'a')));
+    EXPECT_TRUE(TestService(TestService::echo, "Az.09_-").isRegistered());
     fs::permissions(mBus.folder().path(), fs::perms::all);
     TestService open(TestService::echo, "other");
     EXPECT_THAT(bus().registrationFailure("other"), HasSubstr("others may write"));
     for (const char* runtime : {"", static_cast<const char*>(nullptr)}) {
         const ScopedEnv environment("XDG_RUNTIME_DIR", runtime);
         EXPECT_EQ(bus().socketPath("x"), "/tmp/sdbus-" + std::to_string(::geteuid()) + "/x");
+    }
+    {
+        const ScopedEnv environment("XDG_RUNTIME_DIR", "/proc/self");
+        TestService nowhere(TestService::echo, "nowhere");
+        EXPECT_THAT(bus().registrationFailure("nowhere"), HasSubstr("cannot create the folder /proc/self/sdbus"));
     }
     const std::string deep = mBus.folder() / std::string(100, 'd');
     fs::create_directory(deep);
@@ -444,6 +486,10 @@ TEST_F(RegistrationTest, TakesOverASocketOfSystemd) {
     EXPECT_EQ(process.wait(), 0);
     EXPECT_TRUE(fs::exists(socket())) << "it stays systemd's";
     EXPECT_FALSE(fs::exists(lock()));
+    const ScopedEnv process1("LISTEN_PID", std::to_string(::getpid()).c_str());
+    const ScopedEnv count("LISTEN_FDS", "1"), names("LISTEN_FDNAMES", kService);
+    TestService mistaken;
+    EXPECT_THAT(bus().registrationFailure(kService), HasSubstr("is no listening Unix stream socket"));
 }
 
 TEST_F(RegistrationTest, WritesWhatIsQueuedBeforeItEnds) {

@@ -157,7 +157,7 @@ TEST_F(SlotsTest, KeepsTheFormatAndIsLockedUntilSomethingOpensIt) {
     EXPECT_EQ(log.count("it is open now", 6), 1);
     beginAnew();
     EXPECT_EQ(open(kEnvelope), "");
-    EXPECT_EQ(security.Recover(keyOf(Kind::Recovery, "o1234567 89abcdefghjk-mnpq-rsjr")).outcome, Outcome::Done);
+    EXPECT_EQ(security.Recover(keyOf(Kind::Recovery, "oL234567 89abcdefghjk-mnpq-rsjr")).outcome, Outcome::Done);
     EXPECT_EQ(open(kEnvelope), kPlain);
     EXPECT_EQ(readFile(ring), kWrapped);
 

@@ -97,7 +97,7 @@ TEST(StandardErrorTest, LetsNoTextForgeALineOrDriveTheTerminal) {
         {"a\n12:00:00.000 E other: forged\n", "a\n    12:00:00.000 E other: forged"},
         {"\x1b[2J\r\x7f\tb", "\\x1b[2J\\x0d\\x7f\tb"},
         {"\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80", "\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80"},
-        {"\xc2\x9b|\xff|\xc3|\xc0\xaf", "\\xc2\\x9b|\\xff|\\xc3|\\xc0\\xaf"},
+        {"\x9b\x80|\xc2\x9b|\xff|\xc3|\xc0\xaf", "\\x9b\\x80|\\xc2\\x9b|\\xff|\\xc3|\\xc0\\xaf"},
         {"\xe0\x80\xaf\xed\xa0\x80|\xe2\x82", "\\xe0\\x80\\xaf\\xed\\xa0\\x80|\\xe2\\x82"},
         {std::string(65536, 'x'), std::string(65536, 'x')},
         {std::string(65537, 'x'), std::string(65536, 'x') + " [cut: 65537 bytes]"},

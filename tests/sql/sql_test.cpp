@@ -37,8 +37,14 @@ TEST_F(SqlTest, OpensDurableSharedAndPatient) {
         EXPECT_EQ(statement.getColumnInt(0), expected) << pragma;
         statement.finalize();
     }
+    EXPECT_TRUE(db.isWritable());
     for (int i = 0; i < 2; ++i) EXPECT_EQ(db.close(), 0);
-    EXPECT_FALSE(db.executeCommand("CREATE TABLE u(a)"));
+    EXPECT_FALSE(db.isWritable() || db.executeCommand("CREATE TABLE u(a)"));
+    const TableField column{0, "a", 1, "", "", 0};
+    EXPECT_FALSE(SQLiteTable(db, "u").create(&column, 1));
+    EXPECT_EQ(mLog.count("create u failed.", 7), 1);
+    EXPECT_NE(SQLiteStatement(db, "SELECT 1").prepare(), 0);
+    EXPECT_TRUE(mLog.has("sqlite3_prepare_v2 failed: no handle", 7));
 }
 
 TEST_F(SqlTest, StatementsRefuseWhatIsNotOneCommand) {
@@ -46,6 +52,7 @@ TEST_F(SqlTest, StatementsRefuseWhatIsNotOneCommand) {
     SQLiteDatabase db(mPath);
     EXPECT_FALSE(db.executeCommand("CREATE TABLE a(x); CREATE TABLE b(x)"));
     EXPECT_TRUE(mLog.has("sqlite3_prepare_v2 failed: tail: CREATE TABLE b(x)", 7));
+    EXPECT_TRUE(mLog.has("sql/SQLiteStatement prepare(", 7));
     EXPECT_EQ(test::query(mPath, "SELECT name FROM sqlite_master"), Rows{});
 
     EXPECT_FALSE(db.executeCommand("nonsense"));
@@ -53,6 +60,7 @@ TEST_F(SqlTest, StatementsRefuseWhatIsNotOneCommand) {
     EXPECT_TRUE(mLog.has("executeCommand failed: prepare failed", 7));
 
     EXPECT_EQ(SQLiteStatement(db, "SELECT 1").step(), 0) << "it was not prepared";
+    EXPECT_EQ(mLog.count("step failed: no statement", 7), 1);
 }
 
 // Writes a row of its own beside each commit, and keeps what came of it.

@@ -85,14 +85,15 @@ protected:
 
 TEST_F(TrailTest, LineAndBack) {
     Entry entry = test::entryOf("SET_SECURE", std::string("\xed\xa0\x80 \0 \"\\", 8));
-    entry.by = Peer{1000, 4711, "/usr/bin/\x1b[31m\xe2\x80\xae", std::nullopt, "a\xff", true};
+    entry.by = Peer{4294967295, 2147483647, "/usr/bin/\x1b[31m\xe2\x80\xae", std::nullopt, "a\xff", true};
     entry.priority = -3;
     entry.mono = 4711'000'001;
     entry.utc = -1;
     std::string line = Lines(mDigest).make(entry);
     line.pop_back();
-    EXPECT_THAT(line, HasSubstr(R"("by":{"uid":1000,"pid":4711,"exe":"/usr/bin/\u001b[31m\u202e","unit":null,)"
-                                R"("name_base64":"Yf8=","gone":true})"));
+    EXPECT_THAT(line,
+                HasSubstr(R"("by":{"uid":4294967295,"pid":2147483647,"exe":"/usr/bin/\u001b[31m\u202e","unit":null,)"
+                          R"("name_base64":"Yf8=","gone":true})"));
     EXPECT_THAT(line, HasSubstr(R"("utc":"1969-12-31T23:59:59.999999Z","mono":4711.000001,)"));
     Entry read;
     std::string problem;
@@ -100,6 +101,7 @@ TEST_F(TrailTest, LineAndBack) {
     EXPECT_EQ(read.key, entry.key);
     EXPECT_EQ(read.by->name, "a\xff");
     EXPECT_EQ(isAttested(line, read, mDigest), true);
+    EXPECT_EQ(isAttested(line + " ", read, Digest()), false) << "without the key, too";
     EXPECT_EQ(sealedLine(read, mDigest), line);
 }
 
@@ -116,7 +118,9 @@ TEST_F(TrailTest, LinesThatAreNoEntries) {
     EXPECT_EQ(problemOf(R"("key":"a")", R"("key":"a","key_base64":"YQ==")"), "\"key\" stands twice");
     EXPECT_EQ(problemOf(R"("key":"a")", R"("key_base64":"YQ=")"), "\"key_base64\" is not in base64");
     EXPECT_EQ(problemOf(R"("key":"a")", "\"key\":\"" + std::string(65537, 'k') + "\""), "\"key\" is too long");
+    EXPECT_EQ(problemOf(R"("by":null)", R"("by":{"later":1})"), "none");
     EXPECT_EQ(problemOf(R"("by":null)", R"("by":{"uid":-1})"), "\"uid\" is of another type");
+    EXPECT_EQ(problemOf(R"("by":null)", R"("by":{"name":"a","exe":"b","name":"a"})"), "\"name\" stands twice");
     EXPECT_EQ(problemOf("1970-01-01", "1970-02-29"), "\"utc\" is of another type");
     EXPECT_THAT(problemOf(R"("seq":1,)", ""), HasSubstr("lacks one of"));
     for (const char* seq : {R"("seq":0,)", R"("seq":18446744073709551615,)"})

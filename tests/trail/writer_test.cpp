@@ -221,6 +221,12 @@ TEST_F(WriterTest, AFullDiskStopsNobodyAndTheGapIsTold) {
     EXPECT_EQ(status.waiting + status.lost, 99u);
     EXPECT_THAT(status.why, HasSubstr("File too large"));
     EXPECT_FALSE(writer.sync());
+    const rlimit roomier{full.rlim_cur + 300000, limit.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &roomier), 0);
+    writer.flush();
+    EXPECT_EQ(writer.status().waiting, status.waiting - 5);
+    EXPECT_EQ(writer.status().head.seq, 7u);
+    EXPECT_EQ(verify(mFolder.path(), mKeys.digest(), writer.status().head).problem, "");
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
     (void)writer.append(entryOf("SET_SECURE", "after"));
     EXPECT_TRUE(writer.sync());
@@ -229,6 +235,7 @@ TEST_F(WriterTest, AFullDiskStopsNobodyAndTheGapIsTold) {
     EXPECT_EQ(lines[0].entry.key, "after");
     EXPECT_EQ(lines[1].entry.what, "GAP");
     EXPECT_EQ(lines[1].entry.count, status.lost);
+    EXPECT_LT(lines[1].entry.from, lines[1].entry.to);
     EXPECT_EQ(problem(), "");
 }
 
@@ -287,12 +294,16 @@ TEST_F(WriterTest, EntriesWaitForTheRingAndOutliveItsKey) {
 TEST_F(WriterTest, MoreThanASlotTakesIsOneEntry) {
     Writer writer(options());
     open(writer);
-    std::vector<Entry> entries(100, entryOf("DM_CLEAR_ALL_KEYS", std::string(60000, 'k')));
+    std::vector<Entry> entries(75, entryOf("DM_CLEAR_ALL_KEYS", std::string(60000, 'k')));
     entries[0].came = "stored";  // the others weren't
     commit(writer, entries);
-    EXPECT_THAT(storyOf(mFolder.path()), ElementsAre("DM_CLEAR_ALL_KEYS"));
-    EXPECT_EQ(test::linesOf({mFolder.path(), Order::OldestFirst})[0].entry.count, 100u);
-    EXPECT_EQ(test::linesOf({mFolder.path(), Order::OldestFirst})[0].entry.came, "");
+    for (Entry& entry : entries) entry.came = "stored";
+    commit(writer, entries);
+    EXPECT_THAT(storyOf(mFolder.path()), ElementsAre("DM_CLEAR_ALL_KEYS", "DM_CLEAR_ALL_KEYS"));
+    const std::vector<Line> lines = test::linesOf({mFolder.path(), Order::OldestFirst});
+    EXPECT_EQ(lines[0].entry.count, 75u);
+    EXPECT_EQ(lines[0].entry.came, "");
+    EXPECT_EQ(lines[1].entry.came, "stored");
 }
 
 // Also how to follow a trail: a reader that is asked again.
