@@ -139,6 +139,7 @@ TEST_F(HostSlotTest, ABadRequestIsAnsweredAndNamesWhoMadeIt) {
     lock.l_len = 4;
     ASSERT_EQ(::fcntl(turns.get(), F_OFD_SETLK, &lock), 0);
     expectAnswer(sealByHost(kKey, seal.path()), Outcome::NotNow, "this user asks for too much at a time");
+    EXPECT_TRUE(seal.logs("<4>asked: user 0, process " + std::to_string(::getpid()) + ": not done: this user asks"));
     EXPECT_TRUE(asOtherUser([&] { return sealByHost(kKey, seal.path()).outcome == Outcome::Done; }));
 }
 
@@ -147,20 +148,34 @@ TEST_F(HostSlotTest, WithoutAWorkingSystemdCredsAReasonIsGiven) {
         std::string script;
         Outcome outcome;
         std::string reason;
-    } cases[] = {{"", Outcome::NotNow, "systemd-creds is missing"},
-                 {"exec sleep 60", Outcome::NotNow, "did not end in time"},
-                 {"exec yes", Outcome::Refused, "more than can be taken"},
-                 {"kill -9 $$", Outcome::NotNow, "could not be run"},
-                 {"echo 'a text'", Outcome::NotNow, "nothing that could be kept"},
-                 {"echo TPM2 support is not installed. >&2; exit 1", Outcome::NotNow, "libtss2"}};
-    Listener seal({SEAL_WITH_STAND_IN});
+    } cases[] = {
+        {"", Outcome::NotNow, "systemd-creds is missing"},
+        {"exec sleep 60", Outcome::NotNow, "did not end in time"},
+        {"exec yes", Outcome::Refused, "more than can be taken"},
+        {"kill -9 $$", Outcome::NotNow, "could not be run"},
+        {"echo 'a text'", Outcome::NotNow, "nothing that could be kept"},
+        {"echo in dictionary attack lockout mode >&2; exit 1", Outcome::NotNow, "locked for some time"},
+        {"echo 'tpm:warn(2.0): busy' >&2; exit 1", Outcome::NotNow, "the TPM can't do it now"},
+        {"echo TPM2 support is not installed. >&2; exit 1", Outcome::NotNow, "libtss2"},
+        {"echo TPM2 support not installed. >&2; exit 1", Outcome::NotNow, "libtss2"},
+        {"echo 'No TPM2 (tpmrm) device found' >&2; exit 1", Outcome::Refused, "there is none"},
+        {"echo no encryption key available >&2; exit 1", Outcome::Refused, "neither a TPM nor a lasting place"},
+        {"echo $* with $SYSTEMD_CREDENTIAL_SECRET >&2; exit 1", Outcome::NotNow, "could not seal"}};
+    Listener seal({SEAL_WITH_STAND_IN, "--with-key=host", "--tpm2-device=auto", "--tpm2-pcrs=7"},
+                  {{"SYSTEMD_CREDENTIAL_SECRET", "a secret"}});
     for (const auto& [script, outcome, reason] : cases) {
         ::unlink(SYSTEMD_CREDS_STAND_IN);
         if (!script.empty()) test::writeFile(SYSTEMD_CREDS_STAND_IN, "#!/bin/sh\n" + script + "\n");
         ::chmod(SYSTEMD_CREDS_STAND_IN, 0755);
         expectAnswer(sealByHost(kKey, seal.path()), outcome, reason);
     }
+    EXPECT_TRUE(
+        seal.logs("<4>systemd-creds: encrypt --name=sdconfig-slot-key-0 --with-key=host --tpm2-device=auto "
+                  "--tpm2-pcrs=7 - - with a secret"));
     EXPECT_THAT(seal.log(), HasSubstr("<3>seal: user 0, process"));
+    EXPECT_TRUE(asOtherUser([&] { return openByHost("seal:AAAA", seal.path()).outcome == Outcome::Refused; }));
+    EXPECT_TRUE(seal.logs("<4>systemd-creds: decrypt --name=sdconfig-slot-key-4711 --tpm2-device=auto - - with a "));
+    EXPECT_THAT(Listener({SEAL_WITH_STAND_IN, "--help"}).answerTo(""), "");
 }
 
 TEST_F(HostSlotTest, WhoeverAnswersForItIsNotTrusted) {
