@@ -209,6 +209,7 @@ TEST_F(CliTest, AsksForASecretWithoutEcho) {
     const std::pair<std::string, int> cases[] = {
         {"hunter2\n", kDone},
         {"half a se\x03", 128 + SIGINT},          // Ctrl-C
+        {"\x04", kUsage},                         // Ctrl-D
         {std::string(5000, 'x') + "\n", kUsage},  // more than a terminal passes on of one line
     };
     for (const auto& [typed, exitCode] : cases) {
