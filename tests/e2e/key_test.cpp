@@ -67,13 +67,18 @@ TEST_F(KeyTest, GoesOnAndLeavesWhatCantBeOpened) {
     const Process service = startService();
     const Result result = cli({"key", "rotate", "--reseal"});
     EXPECT_EQ(result.exitCode, 1);
-    EXPECT_THAT(result.err, AllOf(HasSubstr("it goes on under its key " + id(1)),
-                                  HasSubstr("1 row was left as it is: "), HasSubstr("secure value \"bad\"")));
+    EXPECT_THAT(result.err,
+                AllOf(HasSubstr("it goes on under its key " + id(1)),
+                      HasSubstr("1 row was left as it is: secure value \"bad\"; see why with: sdconfig check; set")));
     EXPECT_EQ(keys().size(), 2U);
     EXPECT_EQ(cli({"secure", "get", "good"}).out, "v\n");
     cli({"secure", "delete", "bad"});
     EXPECT_EQ(json::parse(cli({"key", "rotate", "--reseal", "--json"}).out)["went_on"], false);
     EXPECT_EQ(keys().size(), 3U);
+    for (int i = 0; i <= 10; ++i)
+        sql("INSERT INTO secure_v3(key, value) VALUES('bad" + std::to_string(i) + "', 'v1garbage')");
+    EXPECT_THAT(cli({"key", "rotate", "--reseal"}).err,
+                AllOf(HasSubstr("11 rows were left as they are: "), HasSubstr("\"bad9\", and 1 more; see why")));
 }
 
 TEST_F(KeyTest, AFullDiskStopsItAndLosesNothing) {

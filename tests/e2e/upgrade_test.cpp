@@ -88,7 +88,8 @@ TEST_F(UpgradeTest, ADryRunTellsAllAndLeavesNoTrace) {
 TEST_F(UpgradeTest, CopiesOnceAndKeepsTheFileAsItWas) {
     query(mDatabase, kUsedSince);
     dropWhatIsLost();
-    const Result result = upgrade();
+    const Result result =
+        run({"sh", "-c", "umask 777; exec \"$0\" upgrade \"$1\"", SDCONFIG_CLI, path("data")}, environment());
     EXPECT_EQ(result.exitCode, 0) << result.err;
     EXPECT_THAT(result.out, EndsWith("upgraded to version 3\n"));
     const std::size_t name = result.out.find("kept a copy: ") + 13;
