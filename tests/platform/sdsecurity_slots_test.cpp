@@ -252,6 +252,7 @@ TEST_F(SlotsTest, WrapsAPlainRingAndKeepsItWrapped) {
     EXPECT_EQ(security.Protect(Kind::Host, {code, ""}).outcome, Outcome::NotNow);
     EXPECT_EQ(security.Unprotect(Kind::Passphrase, {}).outcome, Outcome::NotWrapped);
     EXPECT_EQ(security.UnprotectAll().outcome, Outcome::NotWrapped);
+    EXPECT_EQ(security.Unlock("").outcome, Outcome::NotWrapped);
     EXPECT_EQ(readFile(ring), kPlainRing);
 
     const int plain = ::open(ring.c_str(), O_RDONLY | O_CLOEXEC);
@@ -357,6 +358,10 @@ TEST_F(SlotsTest, OpensByTheKeyringAsSoonAsThatIsUnlocked) {
     EXPECT_EQ(open(kEnvelope), "");
     EXPECT_THAT(security.CheckKeyRing().detail, HasSubstr("keyring: it is gone"));
     EXPECT_EQ(security.Slots()[2].state, SlotState::Refused);
+    for (const auto& item : std::filesystem::directory_iterator(keyring.path()))
+        if (item.path().filename() != "program")
+            writeFile(other / item.path().filename().string(), std::string(64, '5'));
+    EXPECT_EQ(security.Slots()[2].reason, "the key that was kept for it does not open it");
     EXPECT_EQ(security.Recover(code).outcome, Outcome::Done);
     beginAnew();
     EXPECT_EQ(open(kEnvelope), kPlain) << "the slot was made anew";

@@ -200,6 +200,7 @@ TEST_F(SecurityTest, OpensAValueInItsOwnRowAlone) {
     EXPECT_TRUE(log.has("sdconfig.db, secure_v3, a.b@\xc3\xa4z: an envelope of 74 bytes belongs to another row", 7));
     EXPECT_EQ(open(kBoundEnvelope), "");
     EXPECT_EQ(log.count("belongs to a row", 7), 1);
+    EXPECT_TRUE(log.has("sdsecurity DecryptForRow(", 7) && log.has("sdsecurity FastDecrypt(", 7));
     int foreign = 0;
     for (std::size_t i = 14; i < kBoundEnvelope.size(); ++i) {  // all behind the key's id
         std::string changed = kBoundEnvelope;
@@ -291,6 +292,7 @@ TEST_F(SecurityTest, GivesKeysAState) {
         EXPECT_FALSE(security.RemoveKey(id) || security.SetKeyState(id, KeyState::Disabled)) << id;
         EXPECT_FALSE(security.SetKeyState(id, KeyState::Sealing));
     }
+    EXPECT_TRUE(log.has("can't disable a key: no such key", 7) && log.has("can't enable a key: a key seals", 7));
     EXPECT_EQ(readFile(ring), before);
     EXPECT_TRUE(security.RemoveKey(first) && security.RemoveKey(second));
     EXPECT_EQ(resultOf(kRow, kBoundEnvelope), OpenResult::KeyMissing);
@@ -350,6 +352,7 @@ TEST_F(SecurityTest, NeverTouchesARingThatItCanNotUse) {
         {"empty", becomes("")},
         {"no key", becomes(kHeader)},
         {"a version of tomorrow", becomes("sdsecurity-keys 3\n" + kRing2.substr(18))},
+        {"another sum", becomes(kRing2.substr(0, kRing2.size() - 2) + "0\n")},
         {"cut short", becomes(cut)},
         {"carriage returns", becomes(cut + "\r\n")},
         {"a bit of a key turned", becomes(damaged)},
@@ -416,8 +419,8 @@ TEST_F(SecurityTest, SealsBesideAProcessThatHoldsTheLock) {
     EXPECT_EQ(open(seal("x")), "x");
     EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(2));
     ::close(lock);
-    for (int i = 0; i < 256; ++i) seal("x");
-    EXPECT_EQ(readFile(count).substr(17), "768\n") << "what was counted in memory, too";
+    for (int i = 0; i < 768; ++i) seal("x");
+    EXPECT_EQ(readFile(count).substr(17), "1792\n") << "what was counted in memory, too";
 }
 
 TEST_F(SecurityTest, PutsTheRingThatTheStartLookedAtBackInItsPlace) {

@@ -328,6 +328,7 @@ TEST_F(WriterTest, RotationsKeepTheChainAndDropTheOldest) {
         Reader follower(mFolder.path(), Order::OldestFirst);
         for (int round = 0; round < 9; ++round) {
             for (int i = 0; i < 100; ++i) commit(writer, {entryOf("SET_SECURE", "key" + std::to_string(i))});
+            if (round == 8) commit(writer, {entryOf("SET_SECURE", std::string(60000, '\x01'))});  // more than a block
             for (int i = 0; i < 1000 && !isRotated(); ++i) ::usleep(10000);
             for (Line line; follower.next(line);) {
                 EXPECT_EQ(line.problem, "");
