@@ -1,6 +1,7 @@
 // The command line against the real service: what it prints, where, and with which exit code.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -253,6 +254,9 @@ TEST_F(CliTest, TellsWhatIsWrongAndWhatToType) {
     fs::permissions(path("home/sdconfig/sdsecurity.keys"), fs::perms::all);
     expectDoctor(1, "next: chmod 600 " + path("home/sdconfig/sdsecurity.keys"));
     expectDoctor(1, "problem: service: it is not running; next: first mend the data folder\n");
+    if (::geteuid() != 0 || ::chown(path("run").c_str(), 1, 1) != 0) return;
+    const passwd* const daemon = ::getpwuid(1);
+    if (daemon) expectDoctor(1, std::string("act as that user with: sdconfig --user ") + daemon->pw_name + " doctor\n");
 }
 
 TEST_F(CliTest, ColoursItsWordsAtATerminalThatWantsIt) {

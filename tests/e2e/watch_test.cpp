@@ -108,6 +108,7 @@ TEST_F(WatchTest, OutlivesAKilledServiceAndMissesNothing) {
     expectOut(second, "k before\nk meanwhile\nk after\n");
     expectEnds(first, SIGTERM);
     EXPECT_TRUE(waitUntil([this] { return isRegistered("k"); }));  // the second one sees to that
+    EXPECT_EQ(second.err().find("been restarted"), second.err().rfind("been restarted")) << "told once";
     next.kill(SIGTERM);
     next.wait();
     EXPECT_TRUE(second.waitForErr("the service is gone"));
