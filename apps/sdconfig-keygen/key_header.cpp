@@ -39,6 +39,11 @@ std::string inside(const std::string& outer, const std::string& inner) {
     return outer.empty() || inner.empty() ? outer + inner : outer + "::" + inner;
 }
 
+// A text of one line. A backslash at its end would take the next line in.
+std::string comment(const std::string& text) {
+    return "// " + text + (!text.empty() && text.back() == '\\' ? "." : "");
+}
+
 class Composer {
 public:
     Composer(const std::vector<DescribedFile>& files, const Options& options) : mOptions(options) {
@@ -148,7 +153,7 @@ private:
         for (const std::string& word : ruleOf(*entry.description).allowed) {
             const auto meaning = words.find(word);
             line("    " + identifierOf(word) + "," +
-                 (meaning == words.end() ? "" : "  // " + sd::escaped(meaning->second)));
+                 (meaning == words.end() ? "" : "  " + comment(sd::escaped(meaning->second))));
         }
         line("};");
     }
@@ -190,12 +195,11 @@ private:
         for (std::size_t begin = 0; begin < text.size();) {
             const std::size_t end = std::min(text.find_first_of(" \t\r\n", begin), text.size());
             const std::string word = sd::escaped(text.substr(begin, end - begin));
-            if (!row.empty() && row.size() + 1 + word.size() > kLineWidth) line("// " + std::exchange(row, ""));
+            if (!row.empty() && row.size() + 1 + word.size() > kLineWidth) line(comment(std::exchange(row, "")));
             if (!word.empty()) row += (row.empty() ? "" : " ") + word;
             begin = end + 1;
         }
-        while (!row.empty() && row.back() == '\\') row += '.';  // it would go on in the next line
-        if (!row.empty()) line("// " + row);
+        if (!row.empty()) line(comment(row));
     }
 
     const Options& mOptions;
