@@ -78,6 +78,7 @@ TEST(ValueTest, EachTypeHasOneForm) {
         {R"("type": "url")", "http:///x", "!no host"},
         {R"("type": "url")", "http://h/%2", "!without two digits"},
         {R"("type": "path")", "//var/./x/../y/", "/var/x/../y"},
+        {R"("type": "path")", "//", "/"},
         {R"("type": "path")", "~/x", "!shell alone"},
         {R"("type": "color")", "#AbC", "#aabbcc"},
         {R"("type": "color")", "#11223380", "#11223380"},
@@ -109,6 +110,7 @@ TEST(ValueTest, EachTypeHasOneForm) {
     const KeyDescription theme = described(R"("type": "enum", "enum": ["dark", "light"])");
     for (const char* const slip : {"drak", "sarl", "drax"})
         EXPECT_THAT(checkValue(theme, slip).remedy, HasSubstr("did you mean \"dark\"?"));
+    EXPECT_THAT(checkValue(theme, "fjok").remedy, Not(HasSubstr("did you mean")));
 }
 
 TEST(DescriptionTest, EachMistakeIsNamedWithItsLineAndARemedy) {
