@@ -23,6 +23,10 @@ void* operator new(std::size_t size) {
     return memory ? memory : throw std::bad_alloc();
 }
 
+void* operator new(std::size_t size, const std::nothrow_t& /*told*/) noexcept {
+    return isRefused() ? nullptr : std::malloc(size == 0 ? 1 : size);
+}
+
 void operator delete(void* memory) noexcept {
     std::free(memory);
 }
