@@ -129,9 +129,8 @@ private:
     std::size_t mPowerChecked = 0;  // how many of the power defaults
 
     std::mutex mSubscribing;
-    std::weak_ptr<void>
-        mSubscription;        // what the bus layer holds as long as it calls for events; guarded by mSubscribing
-    std::mutex mRegistering;  // one listener registered or unregistered at a time, the call included
+    std::weak_ptr<void> mSubscription;  // of hearEvents(); guarded by mSubscribing
+    std::mutex mRegistering;            // one listener registered or unregistered at a time, the call included
     const std::shared_ptr<ListenerMap> mListenerMap;  // shared with the event callback, which may outlive the client
     std::shared_ptr<SDBusProxyInterface> mProxy;
 };

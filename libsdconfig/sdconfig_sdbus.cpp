@@ -10,6 +10,7 @@
 #include <thread>
 #include <utility>
 
+#include "libsdconfig/hear_events.h"
 #include "libsdconfig/listener_map.h"
 #include "libsdconfig/sdconfig_client.h"
 #include "platform/velmarlog/log_line.h"
@@ -203,12 +204,8 @@ bool SDConfigClient::init() {
 void SDConfigClient::subscribe() {
     const std::lock_guard lock(mSubscribing);
     if (!mSubscription.expired()) return;
-    auto taken = std::make_shared<std::shared_ptr<ListenerMap>>(mListenerMap);
-    mSubscription = taken;
-    // The bus layer takes the callback over, and drops it where it has no thread for it.
-    auto* callback = new SDBusEventCallback(
-        [taken = std::move(taken)](std::shared_ptr<SDBusMessage> event) { (*taken)->onEvent(*event); });
-    mProxy->addEventListener(protocol::kDmChanged, callback, SDBusSameUser);
+    mSubscription = hearEvents(*mProxy, protocol::kDmChanged,
+                               [listeners = mListenerMap](SDBusMessage& event) { listeners->onEvent(event); });
     if (mSubscription.expired()) throw std::runtime_error("no events can be heard now");
 }
 

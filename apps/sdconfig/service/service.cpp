@@ -3,13 +3,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
 
 #include "apps/common/process.h"
 #include "apps/common/smallest_call.h"
+#include "libsdconfig/hear_events.h"
 #include "platform/sdbus/sdbus.h"
 #include "platform/velmarlog/log_secret.h"
 #include "src/sdconfig_protocol.h"
@@ -268,12 +268,10 @@ std::string Service::lookedAt() const {
 
 void Service::listen(const std::string& event, std::function<void(const std::string&)> hear) {
     if (!mEvents) mEvents = mBus->getServiceProxyInterface(sd::protocol::kServiceName, SDBusSameUser, 1);
-    auto taken = std::make_shared<std::function<void(const std::string&)>>(std::move(hear));
-    const std::weak_ptr<void> isTaken = taken;
-    auto* callback = new SDBusEventCallback(
-        [taken = std::move(taken)](const std::shared_ptr<SDBusMessage>& message) { (*taken)(message->getString(0)); });
-    (void)mEvents->addEventListener(event, callback, SDBusSameUser);  // it goes on trying, unless it drops the callback
-    if (isTaken.expired()) throw std::runtime_error("there is no thread or descriptor for the service's events");
+    // Where it is not in force yet, the bus layer goes on trying.
+    const auto heard = sd::hearEvents(*mEvents, event,
+                                      [hear = std::move(hear)](SDBusMessage& message) { hear(message.getString(0)); });
+    if (heard.expired()) throw std::runtime_error("there is no thread or descriptor for the service's events");
 }
 
 }  // namespace cli
