@@ -10,7 +10,6 @@
 #include <cstring>
 #include <thread>
 
-#include "base/wait_ready.h"
 #include "platform/sdbus/log.h"
 #include "platform/sdbus/wire.h"
 
@@ -129,7 +128,8 @@ Progress ClientConnection::finishHandshake(const Deadline& deadline, int wake) {
 }
 
 bool ClientConnection::isUsable() {
-    if (!sd::isReadyBy(Deadline({}), mFd, POLLIN)) return true;
+    pollfd readable{mFd, POLLIN, 0};
+    if (::poll(&readable, 1, 0) == 0) return true;
     for (int i = 0; i < kDrainMax; ++i) {
         const int r = sd_bus_process(mBus.get(), nullptr);
         if (r < 0 || sd_bus_is_open(mBus.get()) <= 0) return false;

@@ -18,13 +18,13 @@ bool isRefused() {
 
 }  // namespace
 
-void* operator new(std::size_t size) {
-    void* const memory = isRefused() ? nullptr : std::malloc(size == 0 ? 1 : size);
-    return memory ? memory : throw std::bad_alloc();
-}
-
 void* operator new(std::size_t size, const std::nothrow_t& /*told*/) noexcept {
     return isRefused() ? nullptr : std::malloc(size == 0 ? 1 : size);
+}
+
+void* operator new(std::size_t size) {
+    void* const memory = ::operator new(size, std::nothrow);
+    return memory ? memory : throw std::bad_alloc();
 }
 
 void operator delete(void* memory) noexcept {
