@@ -26,6 +26,7 @@
 using namespace sd::trail;
 using test::entryOf;
 using test::storyOf;
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -64,6 +65,13 @@ protected:
     Slots mSlots;
 };
 
+// Where the first so many lines end.
+std::size_t endOfLine(const std::string& text, std::uint64_t count) {
+    std::size_t end = 0;
+    for (; count > 0; --count) end = text.find('\n', end) + 1;
+    return end;
+}
+
 }  // namespace
 
 TEST_F(WriterTest, CommitsAreThereAndDroppedOnesAreNot) {
@@ -99,6 +107,7 @@ TEST_F(WriterTest, CommitsAreThereAndDroppedOnesAreNot) {
 }
 
 TEST_F(WriterTest, WhatAPowerCutTookFromTheFileComesFromTheSlots) {
+    std::uint64_t onDisk = 0;
     {
         Writer writer(options());
         open(writer);
@@ -106,10 +115,13 @@ TEST_F(WriterTest, WhatAPowerCutTookFromTheFileComesFromTheSlots) {
             if (i % 3 == 0) (void)writer.append(entryOf("REFUSED"));
             commit(writer, {entryOf("SET_SECURE", std::to_string(i))});
         }
+        onDisk = writer.status().onDisk;
     }
     const std::string whole = test::contentOf(path());
     const std::vector<std::string> story = storyOf(mFolder.path());
-    for (std::size_t size = whole.size() - 6000; size <= whole.size(); size += 97) {
+    // A slow run is synced on its way: what no slot carries is on the disk then, and no cut takes it.
+    const std::size_t first = std::max(whole.size() - 6000, endOfLine(whole, onDisk));
+    for (std::size_t size = first; size <= whole.size(); size += 97) {
         const std::string zeros(size % 2 == 0 ? size % 5000 : 0, '\0');
         test::putContent(path(), whole.substr(0, size) + zeros);
         const bool isTorn = !zeros.empty() || whole[size - 1] != '\n';
@@ -125,7 +137,7 @@ TEST_F(WriterTest, WhatAPowerCutTookFromTheFileComesFromTheSlots) {
         EXPECT_EQ(problem(), "") << size;
     }
     // What was written later may be there without what was written before.
-    for (std::size_t at = whole.size() - 6000; at + 700 < whole.size(); at += 501) {
+    for (std::size_t at = first; at + 700 < whole.size(); at += 501) {
         test::putContent(path(), std::string(whole).replace(at, 600, 600, '\0'));
         Writer writer(options());
         EXPECT_THAT(open(writer).damages, ElementsAre(HasSubstr("are in trail.torn"))) << at;
@@ -143,7 +155,7 @@ TEST_F(WriterTest, WhatAPowerCutTookFromTheFileComesFromTheSlots) {
     // More than that no power cut takes: somebody did.
     test::putContent(path(), whole.substr(0, whole.find('\n') + 1));
     Writer writer(options());
-    EXPECT_THAT(open(writer).damages, ElementsAre(HasSubstr("are missing")));
+    EXPECT_THAT(open(writer).damages, Contains(HasSubstr("are missing")));
     EXPECT_THAT(problem(), HasSubstr("behind entry 1"));
 }
 
