@@ -22,9 +22,6 @@ constexpr std::uint64_t kTailBytesMax = std::uint64_t{16} << 20;
 // No entry is shorter than its time and its digests: millions of such lines are passed over in no time.
 constexpr std::size_t kLineBytesMin = 128;
 
-// What entries that no commit carried take at most behind those that one did.
-constexpr std::uint64_t kUncarriedBytesMost = std::uint64_t{1} << 20;
-
 // What was kept aside before, which may be a whole trail, makes room for more only when it is larger than that.
 constexpr off_t kTornBytesMax = off_t{64} << 20;
 
@@ -88,56 +85,28 @@ private:
     std::string mBytes;  // from the place of the blocks on
 };
 
-// The end of a file, and how far its lines follow each other.
-class Tail {
-public:
-    Tail(int file, std::uint64_t size, std::uint64_t most) : mFrom(size - std::min(size, most)) {
-        const std::unique_ptr<Blocks> blocks = plainBlocks(file);
-        blocks->setPlace(mFrom);
-        for (std::string block = blocks->next(); !block.empty(); block = blocks->next()) mBytes += block;
+// Where the first byte of a hole near the end is; the file's size where there is none. A power cut may keep what was
+// written later and lose what was written before it, as long as neither was synced: that reads as zeros, which no line
+// has.
+std::uint64_t holeOf(int file, std::uint64_t size) {
+    const std::unique_ptr<Blocks> blocks = plainBlocks(file);
+    blocks->setPlace(size - std::min(size, kTailBytesMax));
+    while (blocks->place() < size) {
+        const std::string block = blocks->next();
+        if (block.empty()) break;
+        if (const std::size_t at = block.find('\0'); at != std::string::npos)
+            return blocks->place() - block.size() + at;
     }
+    return size;
+}
 
-    // Goes to where the first of the lines stands, or has to: behind the one that it followed. False where neither is
-    // there to tell.
-    bool find(const SlotLine& first) {
-        mHead = {first.entry.seq - 1, first.entry.before};
-        mAt = mBytes.find(first.text + "\n");
-        if (mAt != std::string::npos) return true;
-        for (std::size_t begin = 0, end = 0; (end = mBytes.find('\n', begin)) != std::string::npos; begin = end + 1) {
-            if (lineDigest(std::string_view(mBytes).substr(begin, end - begin)) != first.entry.before) continue;
-            mAt = end + 1;
-            return true;
-        }
-        mAt = 0;
-        return mFrom == 0 && (first.entry.seq == 1 || first.entry.what == "ROTATE");
-    }
-
-    // False where a line does not follow the one before it: at that place.
-    bool follow(const Digest& digest) {
-        for (std::size_t end = 0; (end = mBytes.find('\n', mAt)) != std::string::npos; mAt = end + 1) {
-            const std::string_view text = std::string_view(mBytes).substr(mAt, end - mAt);
-            Entry entry;
-            std::string problem;
-            if (!parseLine(text, entry, problem) || entry.seq != mHead.seq + 1 || entry.before != mHead.digest ||
-                isAttested(text, entry, digest) == false)
-                return false;
-            mHead = {entry.seq, lineDigest(text)};
-            mLast = std::move(entry);
-        }
-        return true;
-    }
-
-    std::uint64_t place() const { return mFrom + mAt; }
-    const Head& head() const { return mHead; }
-    const Entry& last() const { return mLast; }
-
-private:
-    const std::uint64_t mFrom;
-    std::string mBytes;
-    std::size_t mAt = 0;
-    Head mHead;
-    Entry mLast;
-};
+// Of the file. What is behind an end was written before, and is on the disk: no hole is before one.
+std::optional<LastLine> lastLineOf(int file, std::uint64_t size, const Digest& digest) {
+    std::optional<LastLine> last = TailSearch(file, size, digest).run();
+    if (!last || last->entry.what == "END") return last;
+    const std::uint64_t hole = holeOf(file, last->end);
+    return hole < last->end ? TailSearch(file, hole, digest).run() : last;
+}
 
 std::string bytesText(std::uint64_t bytes) {
     return std::to_string(bytes) + (bytes == 1 ? " byte" : " bytes");
@@ -159,7 +128,7 @@ CurrentFile::Found CurrentFile::open(const Digest& digest) {
     }
     if (opened.file) {
         const auto size = static_cast<std::uint64_t>(opened.status.st_size);
-        const std::optional<LastLine> last = TailSearch(opened.file.get(), size, digest).run();
+        const std::optional<LastLine> last = lastLineOf(opened.file.get(), size, digest);
         adopt(std::move(opened.file), opened.status);
         if (last && last->end < size) keepTail(last->end, found.damage);
         if (last) {
@@ -178,23 +147,6 @@ CurrentFile::Found CurrentFile::open(const Digest& digest) {
         adopt(std::move(opened.file), opened.status);
     else
         found.problem = std::string(kCurrentFile) + " " + (opened.isAbsent ? "has no folder" : opened.problem);
-    return found;
-}
-
-std::optional<CurrentFile::Found> CurrentFile::cutAtHole(const std::vector<SlotLine>& lines, const Digest& digest) {
-    // A file begins with the last rotation; what was before it stands in another one.
-    const auto rotation =
-        std::find_if(lines.rbegin(), lines.rend(), [](const SlotLine& line) { return line.entry.what == "ROTATE"; });
-    const auto first = rotation == lines.rend() ? lines.begin() : std::prev(rotation.base());
-    if (!mFile || first == lines.end()) return std::nullopt;
-    std::uint64_t bytes = kUncarriedBytesMost;
-    for (auto line = first; line != lines.end(); ++line) bytes += line->text.size() + 1;
-    Tail tail(mFile->get(), mSize, bytes);
-    if (!tail.find(*first) || tail.follow(digest) || tail.head().seq >= lines.back().entry.seq) return std::nullopt;
-    Found found;
-    keepTail(tail.place(), found.damage);
-    if (mSize > 0) found.head = tail.head();
-    found.last = tail.last();
     return found;
 }
 

@@ -6,15 +6,12 @@
 
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "base/unique_fd.h"
 #include "trail/chain.h"
 #include "trail/entry.h"
-#include "trail/slots.h"
 
 namespace sd::trail {
 
@@ -32,16 +29,11 @@ public:
     // folder: stays open for as long as this is used.
     explicit CurrentFile(int folder) : mFolder(folder) {}
 
-    // Opens the file, or makes it. What stands behind its last sound line is kept aside in trail.torn and cut away; a
-    // file that is none of ours, or has no sound line near its end, becomes trail.torn as it is.
+    // Opens the file, or makes it. What stands behind its last sound line, or from a hole near its end on, is kept
+    // aside in trail.torn and cut away; a file that is none of ours, or has no sound line there, becomes trail.torn as
+    // it is.
     Found open(const Digest& digest);
     void close();
-
-    // Looks among the last lines for a hole: a power cut may keep what was written later and lose what was written
-    // before it, as long as neither was synced. Where there is one that `lines` (Slots::latest) can fill, what stands
-    // there and behind is kept aside and cut away, and the file ends with the head that is found; nothing where all is
-    // well.
-    std::optional<Found> cutAtHole(const std::vector<SlotLine>& lines, const Digest& digest);
 
     bool isOpen() const { return mFile != nullptr; }
     bool isOurs() const;

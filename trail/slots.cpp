@@ -26,15 +26,6 @@ Slots::Slots(const std::vector<std::string>& slots, const Digest& digest) {
         }
 }
 
-std::vector<SlotLine> Slots::latest() const {
-    std::vector<SlotLine> lines;
-    for (const auto& [seq, candidates] : mLines) {
-        if (!lines.empty() && lines.back().entry.seq + 1 != seq) lines.clear();
-        lines.push_back(candidates.front());
-    }
-    return lines;
-}
-
 SlotFindings Slots::compare(const Head& last, const std::string& folder) {
     if (mUnsound > 0) damage(std::to_string(mUnsound) + " lines in the databases are none of the trail");
     compareWithFile(last, folder);

@@ -27,9 +27,6 @@ class Slots {
 public:
     Slots(const std::vector<std::string>& slots, const Digest& digest);
 
-    // Those that follow each other without a gap up to the last one, in their order.
-    std::vector<SlotLine> latest() const;
-
     // last: the last line of the file. Lines up to it are compared with those of the file that came since its last
     // start, which `folder` has; older ones a start before has dealt with. To be asked once: the lines go with it.
     SlotFindings compare(const Head& last, const std::string& folder);

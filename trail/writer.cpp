@@ -218,7 +218,6 @@ private:
         noteProblem(found);
         if (!mFile.isOpen()) return false;
         Slots slots(mSlots, mOptions.digest);
-        if (found.last.what != "END") fillHole(slots, found);
         opening.isNew = found.isNew;
         if (found.head.seq == 0) findLastRotated(found, opening);
         mLast = mWritten = found.head;
@@ -228,14 +227,6 @@ private:
         putBack(slots, opening);
         mSlotLast.fill(mLast.seq);
         return mHasBegun = true;
-    }
-
-    void fillHole(const Slots& slots, CurrentFile::Found& found) {
-        auto cut = mFile.cutAtHole(slots.latest(), mOptions.digest);
-        if (!cut) return;
-        noteProblem(*cut);
-        found.head = cut->head;
-        found.last = cut->last;
     }
 
     // After a rotation that was not finished, or the loss of the current file.

@@ -146,6 +146,23 @@ TEST_F(WriterTest, WhatAPowerCutTookFromTheFileComesFromTheSlots) {
         EXPECT_EQ(found, story) << at;
         EXPECT_EQ(problem(), "") << at;
     }
+    // What no commit carried is lost there, with what stands behind it.
+    test::putContent(path(), whole);
+    {
+        Writer writer(options());
+        open(writer);
+        for (int i = 0; i < 3; ++i) (void)writer.append(entryOf("REFUSED"));
+    }
+    test::putContent(path(), test::contentOf(path()).replace(whole.size() + 10, 300, 300, '\0'));
+    {
+        Writer writer(options());
+        EXPECT_THAT(open(writer).damages, ElementsAre(HasSubstr("are in trail.torn")));
+        std::vector<std::string> found = storyOf(mFolder.path());
+        EXPECT_EQ(found.back(), "DAMAGE");
+        found.pop_back();
+        EXPECT_EQ(found, story);
+        EXPECT_EQ(problem(), "");
+    }
     // A file that is gone was there all the same.
     fs::remove(path());
     {

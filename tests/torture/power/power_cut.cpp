@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -26,7 +27,6 @@
 #include <sstream>
 #include <stdexcept>
 #include <thread>
-#include <unordered_set>
 
 #include "base/unique_fd.h"
 #include "platform/sdbus/sdbus.h"
@@ -86,11 +86,25 @@ struct Arguments {
 };
 
 // What all workers have done, in memory that they share.
-struct Told {
-    std::atomic<long> states{0};
+class Told {
+public:
+    // Whether nobody started on such a disk yet. A crowd at one place of the table has one started on once more.
+    bool isNew(std::uint64_t digest) {
+        for (std::size_t i = 0; i < 64; ++i) {
+            std::uint64_t found = 0;
+            if (mKnown[(digest + i) % mKnown.size()].compare_exchange_strong(found, digest)) return true;
+            if (found == digest) return false;
+        }
+        return true;
+    }
+
+    std::atomic<std::size_t> taken{0};  // of the states, by the place of their cuts
     std::atomic<long> distinct{0};
     std::atomic<long> looks{0};
     std::atomic<bool> failed{false};
+
+private:
+    std::array<std::atomic<std::uint64_t>, std::size_t{1} << 20> mKnown{};
 };
 
 std::string shown(const std::string& value) {
@@ -190,17 +204,15 @@ std::vector<std::size_t> marksBefore(const std::vector<Entry>& log) {
     return marks;
 }
 
-// The states of one of so many workers, by the place of their cut: all that compare with the same model, so that equal
-// ones meet.
-std::multimap<std::size_t, long> cuts(const Arguments& arguments, const std::vector<std::size_t>& marks,
-                                      std::size_t worker, std::size_t workers) {
-    std::multimap<std::size_t, long> all;
+// The states and the places of their cuts, the first ones first.
+std::vector<std::pair<std::size_t, long>> cuts(const Arguments& arguments, std::size_t places) {
+    std::vector<std::pair<std::size_t, long>> all;
     for (long number = 0; number < arguments.states; ++number) {
         if (arguments.only >= 0 && number != arguments.only) continue;
         auto random = randomOf(arguments.seed, number);
-        const std::size_t place = std::uniform_int_distribution<std::size_t>(1, marks.size() - 1)(random);
-        if (marks[place] % workers == worker) all.emplace(place, number);
+        all.emplace_back(std::uniform_int_distribution<std::size_t>(1, places)(random), number);
     }
+    std::sort(all.begin(), all.end());
     return all;
 }
 
@@ -212,7 +224,7 @@ std::size_t digestOf(std::size_t model, const Files& files) {
 }
 
 void work(const Arguments& arguments, const std::vector<Entry>& log, Worker& worker,
-          const std::vector<std::size_t>& marks, const std::multimap<std::size_t, long>& numbers, Told& told) {
+          const std::vector<std::size_t>& marks, const std::vector<std::pair<std::size_t, long>>& states, Told& told) {
     Disk disk(arguments.root);
     Model model;
     // What a file that is written whole will be.
@@ -224,25 +236,24 @@ void work(const Arguments& arguments, const std::vector<Entry>& log, Worker& wor
         if (log[i].kind == Kind::Mark && fields(log[i].data)[0] == "ack" && fields(log[i].data)[1] == "file")
             done.emplace(fields(log[i].data)[2], std::pair(i, seenIn(whole)(fields(log[i].data)[2])));
     }
-    std::unordered_set<std::size_t> known;
-    auto number = numbers.begin();
-    for (std::size_t i = 0; i < log.size() && number != numbers.end(); ++i) {
+    std::size_t next = told.taken++;
+    for (std::size_t i = 0; i < log.size() && next < states.size(); ++i) {
         disk.apply(log[i]);
         if (log[i].kind == Kind::Mark) {
             model.apply(log[i].data, seenIn(disk));
             const auto field = fields(log[i].data);
             const auto [from, to] = done.equal_range(field[2]);
-            const auto next = std::find_if(from, to, [i](const auto& one) { return one.second.first > i; });
-            if (field[0] == "begin" && field[1] == "file" && next != to) model.foresee(field[2], next->second.second);
+            const auto later = std::find_if(from, to, [i](const auto& one) { return one.second.first > i; });
+            if (field[0] == "begin" && field[1] == "file" && later != to) model.foresee(field[2], later->second.second);
         }
-        for (; number != numbers.end() && number->first == i + 1; ++number) {
-            auto random = randomOf(arguments.seed, number->second);
+        for (; next < states.size() && states[next].first == i + 1; next = told.taken++) {
+            const long number = states[next].second;
+            auto random = randomOf(arguments.seed, number);
             (void)random();
             const Files files = disk.afterCut(random);
-            ++told.states;
-            if (arguments.only < 0 && !known.insert(digestOf(marks[i + 1], files)).second) continue;
+            if (arguments.only < 0 && !told.isNew(digestOf(marks[i + 1], files))) continue;
             ++told.distinct;
-            const bool isLooked = arguments.only >= 0 || number->second % kLookEach == 0;
+            const bool isLooked = arguments.only >= 0 || number % kLookEach == 0;
             told.looks += isLooked ? 1 : 0;
             try {
                 worker.put(files);
@@ -250,9 +261,8 @@ void work(const Arguments& arguments, const std::vector<Entry>& log, Worker& wor
                 worker.check(model, files, isLooked);
             } catch (const Failed& failure) {
                 told.failed = true;
-                std::cout << "state " << number->second << " of seed " << arguments.seed << ", cut after call " << i + 1
+                std::cout << "state " << number << " of seed " << arguments.seed << ", cut after call " << i + 1
                           << " of " << log.size() << ": " << failure.what() << std::endl;
-                return;
             }
             if (told.failed) return;
         }
@@ -281,6 +291,7 @@ int run(const Arguments& arguments) {
     void* const shared = ::mmap(nullptr, sizeof(Told), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     Told& told = *new (shared) Told;
     const std::vector<std::size_t> marks = marksBefore(log);
+    const std::vector<std::pair<std::size_t, long>> states = cuts(arguments, log.size());
     // They wait as long as they compute.
     const std::size_t workers = arguments.only >= 0 ? 1 : 2 * std::max(1U, std::thread::hardware_concurrency());
     const auto begin = std::chrono::steady_clock::now();
@@ -291,7 +302,7 @@ int run(const Arguments& arguments) {
         if (process != 0) continue;
         try {
             Worker worker(arguments, std::string(place) + "/" + std::to_string(i));
-            work(arguments, log, worker, marks, cuts(arguments, marks, i, workers), told);
+            work(arguments, log, worker, marks, states, told);
         } catch (const std::exception& failure) {
             told.failed = true;
             std::cout << failure.what() << std::endl;
@@ -301,7 +312,7 @@ int run(const Arguments& arguments) {
     for (const pid_t process : processes) ::waitpid(process, nullptr, 0);
     fs::remove_all(place);
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
-    std::printf("%ld states, %ld of them distinct, %ld checked whole, of %zu calls, in %.0f s\n", told.states.load(),
+    std::printf("%zu states, %ld of them distinct, %ld checked whole, of %zu calls, in %.0f s\n", states.size(),
                 told.distinct.load(), told.looks.load(), log.size(), took.count());
     return told.failed ? 1 : 0;
 }
