@@ -172,7 +172,6 @@ TrailKeeper::TrailKeeper(const std::string& folder, SDConfigImpl& config, SDConf
 
 TrailKeeper::~TrailKeeper() {
     if (!mHasBegun) return;
-    sync();  // so that the end stands behind no hole after a power cut
     trail::Entry end;
     end.what = "END";
     end.source = "end";

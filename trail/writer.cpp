@@ -118,6 +118,7 @@ public:
 
     std::uint64_t append(Entry entry) {
         fill(entry);
+        if (entry.what == "END" && !mPrepared.isOut) (void)syncAll();  // no power cut leaves it behind a hole
         if (!mPrepared.isOut) settle();
         if (!mPrepared.isOut && mayWrite() && seal(entry)) {
             settle();
