@@ -88,8 +88,8 @@ TEST(ValueTest, EachTypeHasOneForm) {
         {R"("type": "string", "pattern": "^[a-zä]+$")", "ähm", "ähm"},
         {R"("type": "string", "pattern": "^[a-z]+$")", "A", "!pattern"},
         {R"("type": "array", "items": {"type": "int"})", "1, +2 ,3", "[1,2,3]"},
-        {R"("type": "array", "items": {"type": "string"})", R"([ "a,\"b", "\u00e4\ud83d\ude00\n" ])",
-         "[\"a,\\\"b\",\"ä😀\\n\"]"},
+        {R"("type": "array", "items": {"type": "string"})", R"([ "a, \"b", "\u00e4\ud83d\ude01\n" ])",
+         "[\"a, \\\"b\",\"ä😁\\n\"]"},
         {R"("type": "array", "items": {"type": "size"})", "[]", "[]"},
         {R"("type": "array", "items": {"type": "int", "maximum": 2})", "[1,3]", "!item, number 2, that is more"},
         {R"("type": "array", "items": {"type": "string"})", "[\"\\ud800\"]", "!no JSON array"},
@@ -122,6 +122,7 @@ TEST(DescriptionTest, EachMistakeIsNamedWithItsLineAndARemedy) {
     const Mistake mistakes[] = {
         {R"("a1": {"type": "boolean"})", "\"boolean\" is no type", "did you mean \"bool\""},
         {R"("a2": {"type": "strng"})", "\"strng\" is no type", "did you mean \"string\""},
+        {R"("a2": {"type": "nit"})", "\"nit\" is no type", "did you mean \"int\""},
         {R"("a3": {"summary": "x"})", "is missing", "write one of bool"},
         {R"("a4": {"type": "int", "defualt": 1})", "is no field", "did you mean \"default\""},
         {R"("a5": {"type": "int", "default": 0, "minimum": 1})", "is less than the smallest, 1", "at least 1"},

@@ -110,7 +110,7 @@ TEST_F(TypedTest, AWatchOutlivesRestartsOfTheService) {
         return mSettings.get(exchange::string("a")) == "grün";
     }));
 
-    port.end();
+    port = sd::Watch();
     cli({"set", "exchange.a.short", "2"});
     cli({"policy", "set", "exchange.a.string", "last", "10"});
     EXPECT_TRUE(test::waitUntil([&] { return heard.all().size() == 4; }));
