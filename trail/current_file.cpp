@@ -85,27 +85,22 @@ private:
     std::string mBytes;  // from the place of the blocks on
 };
 
-// Where the first byte of a hole near the end is; the file's size where there is none. A power cut may keep what was
-// written later and lose what was written before it, as long as neither was synced: that reads as zeros, which no line
-// has.
-std::uint64_t holeOf(int file, std::uint64_t size) {
+// Where a power cut left a hole among so many bytes at the end of a file; its size where there is none. What was
+// written later may be there without what was written before it, as long as neither was synced: that reads as zeros,
+// which no line has. All before the last start was synced then, and zeros in it are no power cut's.
+std::uint64_t holeOf(int file, std::uint64_t size, std::uint64_t unsynced) {
+    const std::uint64_t from = size - std::min(size, unsynced);
     const std::unique_ptr<Blocks> blocks = plainBlocks(file);
-    blocks->setPlace(size - std::min(size, kTailBytesMax));
-    while (blocks->place() < size) {
+    blocks->setPlace(from);
+    std::string bytes;
+    while (bytes.size() < size - from) {
         const std::string block = blocks->next();
         if (block.empty()) break;
-        if (const std::size_t at = block.find('\0'); at != std::string::npos)
-            return blocks->place() - block.size() + at;
+        bytes += block;
     }
-    return size;
-}
-
-// Of the file. What is behind an end was written before, and is on the disk: no hole is before one.
-std::optional<LastLine> lastLineOf(int file, std::uint64_t size, const Digest& digest) {
-    std::optional<LastLine> last = TailSearch(file, size, digest).run();
-    if (!last || last->entry.what == "END") return last;
-    const std::uint64_t hole = holeOf(file, last->end);
-    return hole < last->end ? TailSearch(file, hole, digest).run() : last;
+    const std::size_t start = bytes.rfind(R"("what":"START")");  // a text within an entry has its marks escaped
+    const std::size_t hole = bytes.find('\0', start == std::string::npos ? 0 : start);
+    return hole == std::string::npos ? size : std::min(size, from + hole);
 }
 
 std::string bytesText(std::uint64_t bytes) {
@@ -114,7 +109,7 @@ std::string bytesText(std::uint64_t bytes) {
 
 }  // namespace
 
-CurrentFile::Found CurrentFile::open(const Digest& digest) {
+CurrentFile::Found CurrentFile::open(const Digest& digest, std::uint64_t unsynced) {
     Found found;
     close();
     OpenedFile opened = openFile(mFolder, kCurrentFile, O_RDWR | O_APPEND);
@@ -127,14 +122,17 @@ CurrentFile::Found CurrentFile::open(const Digest& digest) {
         opened.isAbsent = true;
     }
     if (opened.file) {
-        const auto size = static_cast<std::uint64_t>(opened.status.st_size);
-        const std::optional<LastLine> last = lastLineOf(opened.file.get(), size, digest);
         adopt(std::move(opened.file), opened.status);
-        if (last && last->end < size) keepTail(last->end, found.damage);
+        std::optional<LastLine> last = TailSearch(mFile->get(), mSize, digest).run();
+        const bool mayBeHollow = last && last->entry.what != "END";  // all before an end was synced
+        const std::uint64_t hole = mayBeHollow ? holeOf(mFile->get(), last->end, unsynced) : mSize;
+        const bool isHollow = mayBeHollow && hole < last->end;
+        if (isHollow) last = TailSearch(mFile->get(), hole, digest).run();
+        if (last && last->end < mSize) found.damage = keepTail(last->end, isHollow);
         if (last) {
             found.head = last->head;
             found.last = last->entry;
-        } else if (size > 0) {
+        } else if (mSize > 0) {
             found.damage = std::string(kCurrentFile) + " has no sound line at its end" + setAside();
             close();
             opened.isAbsent = true;
@@ -194,16 +192,18 @@ std::string CurrentFile::rotate(std::uint64_t lastSeq, std::string& name) {
 }
 
 // Keeps what stands from there on in the file aside, and cuts it away.
-void CurrentFile::keepTail(std::uint64_t from, std::string& damage) {
+std::string CurrentFile::keepTail(std::uint64_t from, bool isHollow) {
     const std::unique_ptr<Blocks> blocks = plainBlocks(mFile->get());
     blocks->setPlace(from);
     const OpenedFile kept = openFile(mFolder, kTornFile, O_WRONLY | O_CREAT | O_APPEND);
     bool isKept = kept.file && (kept.status.st_size <= kTornBytesMax || ::ftruncate(kept.file.get(), 0) == 0);
     for (std::string block = blocks->next(); isKept && !block.empty(); block = blocks->next())
         isKept = ::write(kept.file.get(), block.data(), block.size()) == static_cast<ssize_t>(block.size());
-    damage = bytesText(mSize - from) + " behind the last line of " + kCurrentFile + " that is sound" +
-             (isKept ? std::string(" are in ") + kTornFile : " could not be kept aside");
+    std::string told = bytesText(mSize - from) + (isHollow ? " from a hole in " : " behind the last line of ") +
+                       kCurrentFile + (isHollow ? " on" : " that is sound") +
+                       (isKept ? std::string(" are in ") + kTornFile : " could not be kept aside");
     if (::ftruncate(mFile->get(), static_cast<off_t>(from)) == 0) mSize = from;
+    return told;
 }
 
 std::string CurrentFile::setAside() {

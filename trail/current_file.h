@@ -29,10 +29,10 @@ public:
     // folder: stays open for as long as this is used.
     explicit CurrentFile(int folder) : mFolder(folder) {}
 
-    // Opens the file, or makes it. What stands behind its last sound line, or from a hole near its end on, is kept
-    // aside in trail.torn and cut away; a file that is none of ours, or has no sound line there, becomes trail.torn as
-    // it is.
-    Found open(const Digest& digest);
+    // Opens the file, or makes it. What stands behind its last sound line is kept aside in trail.torn and cut away; a
+    // file that is none of ours, or has no sound line near its end, becomes trail.torn as it is. unsynced: how many
+    // bytes at the end a power cut may have kept in part; what stands from a hole in them on is kept aside, too.
+    Found open(const Digest& digest, std::uint64_t unsynced);
     void close();
 
     bool isOpen() const { return mFile != nullptr; }
@@ -51,7 +51,7 @@ public:
 
 private:
     void adopt(UniqueFd file, const struct stat& status);
-    void keepTail(std::uint64_t from, std::string& damage);
+    std::string keepTail(std::uint64_t from, bool isHollow);
     std::string setAside();
     std::uint64_t firstSeq() const;
 

@@ -118,7 +118,8 @@ public:
 
     std::uint64_t append(Entry entry) {
         fill(entry);
-        if (entry.what == "END" && !mPrepared.isOut) (void)syncAll();  // no power cut leaves it behind a hole
+        // No power cut leaves an end behind a hole: all before it is on the disk by then.
+        if (entry.what == "END" && (mPrepared.isOut || !syncAll())) return 0;
         if (!mPrepared.isOut) settle();
         if (!mPrepared.isOut && mayWrite() && seal(entry)) {
             settle();
@@ -215,7 +216,7 @@ private:
 
     // Until the file can be opened nobody knows what the next entry follows; all wait.
     bool begin(Opening& opening) {
-        CurrentFile::Found found = mFile.open(mOptions.digest);
+        CurrentFile::Found found = mFile.open(mOptions.digest, unsyncedMost());
         noteProblem(found);
         if (!mFile.isOpen()) return false;
         Slots slots(mSlots, mOptions.digest);
@@ -223,11 +224,19 @@ private:
         if (found.head.seq == 0) findLastRotated(found, opening);
         mLast = mWritten = found.head;
         mKey = found.last.ring;
-        opening.wasEnded = found.last.what == "END";
+        opening.wasEnded = found.last.what == "END" && found.damage.empty();
         mSlots.clear();
         putBack(slots, opening);
         mSlotLast.fill(mLast.seq);
         return mHasBegun = true;
+    }
+
+    // How many bytes at the file's end may have been written since the last sync: those of the slots, or what no commit
+    // carried, and one entry more.
+    std::uint64_t unsyncedMost() const {
+        std::uint64_t bytes = kUncarriedBytesMax + kLineBytesMax;
+        for (const std::string& slot : mSlots) bytes += slot.size();
+        return bytes;
     }
 
     // After a rotation that was not finished, or the loss of the current file.
@@ -434,7 +443,7 @@ private:
     }
 
     bool reopen() {
-        const CurrentFile::Found found = mFile.open(mOptions.digest);
+        const CurrentFile::Found found = mFile.open(mOptions.digest, 0);  // no power cut was beneath this process
         noteProblem(found);
         if (!mFile.isOpen()) return false;
         const bool isExpected = std::exchange(mIsRotated, false) ? found.isNew : found.head == mWritten;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -32,6 +33,19 @@ using testing::HasSubstr;
 using testing::StartsWith;
 
 namespace fs = std::filesystem;
+
+namespace {
+
+std::atomic<off_t> syncedMost{0};  // of any file, at the last of its syncs
+
+}  // namespace
+
+// The trail's own: what a file holds then is on the disk.
+extern "C" int fdatasync(int file) {
+    struct stat status {};
+    if (::fstat(file, &status) == 0) syncedMost = status.st_size;
+    return static_cast<int>(::syscall(SYS_fdatasync, file));
+}
 
 namespace {
 
@@ -162,6 +176,21 @@ TEST_F(WriterTest, WhatAPowerCutTookFromTheFileComesFromTheSlots) {
         found.pop_back();
         EXPECT_EQ(found, story);
         EXPECT_EQ(problem(), "");
+    }
+    // What is zero before the last start, or while a process has the file, no power cut took: it stays, for verifying.
+    {
+        Writer writer(options());
+        open(writer);
+        (void)writer.append(entryOf("START"));
+        commit(writer, {entryOf("SET_SECURE", "started")});
+    }
+    const std::string started = test::contentOf(path());
+    for (const std::size_t at : {std::size_t{20}, whole.size() - 10}) {
+        test::putContent(path(), std::string(started).replace(at, 1, 1, '\0'));
+        Writer writer(options());
+        EXPECT_THAT(open(writer).damages, testing::IsEmpty()) << at;
+        EXPECT_EQ(test::contentOf(path()).size(), started.size());
+        EXPECT_THAT(problem(), HasSubstr("not JSON"));
     }
     // A file that is gone was there all the same.
     fs::remove(path());
@@ -416,6 +445,16 @@ TEST_F(WriterTest, AForkedChildLeavesItAlone) {
     EXPECT_EQ(status, 0);
     EXPECT_EQ(writer->append(entryOf("END")), 2u);
     EXPECT_EQ(problem(), "");
+}
+
+TEST_F(WriterTest, AnEndIsWrittenOnceAllBeforeItIsOnTheDisk) {
+    Writer writer(options());
+    open(writer);
+    for (int i = 0; i < 3; ++i) (void)writer.append(entryOf("REFUSED"));
+    const auto size = static_cast<off_t>(fs::file_size(path()));
+    syncedMost = 0;
+    EXPECT_EQ(writer.append(entryOf("END")), 4u);
+    EXPECT_GE(syncedMost, size);
 }
 
 // The service's thread writes, while others ask how it is and read.
