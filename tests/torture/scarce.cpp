@@ -1,7 +1,9 @@
 // A library to preload: the n-th time that a process, or a child that it forked, asks for memory, a descriptor, a
 // thread or a mapping, it gets none. $SCARCE: the file of tests/torture/scarce.h. Asks for no memory itself. SQLite's
 // memory is among it: nobody gives it an allocator of its own, so that it asks malloc(). Out of reach is what the C
-// library asks itself for: the stacks of threads, the files of the loader, the heap behind malloc().
+// library asks itself for: the stacks of threads, the files of the loader, the heap behind malloc(), the process that
+// posix_spawn() makes. So is what is asked of the kernel by syscall(): the handle of a process, for one. Only programs
+// that a wrapped key ring is opened by need these two.
 #include "tests/torture/scarce.h"
 
 #include <dirent.h>
@@ -9,6 +11,7 @@
 #include <execinfo.h>
 #include <fcntl.h>
 #include <pthread.h>
+#include <pwd.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
@@ -37,6 +40,9 @@ void* __libc_memalign(size_t alignment, size_t size);
 namespace {
 
 using torture::Scarcity;
+
+// The model asks for no memory.
+__attribute__((tls_model("initial-exec"))) thread_local bool tLooksUpUsers = false;
 
 // Null where nothing is to be scarce.
 Scarcity* shared() {
@@ -70,7 +76,9 @@ bool isRefused(Scarcity::Kind kind, const void* caller) {
     if (!scarcity || scarcity->kind != kind || scarcity->isCounting == 0 || ++scarcity->asked != scarcity->at)
         return false;
     Dl_info place{};
-    if (::dladdr(caller, &place) != 0) std::strncpy(scarcity->place, place.dli_fname, sizeof scarcity->place - 1);
+    place.dli_fname = torture::kUsersLookUp;
+    if (tLooksUpUsers || ::dladdr(caller, &place) != 0)
+        std::strncpy(scarcity->place, place.dli_fname, sizeof scarcity->place - 1);
     showPlace(*scarcity);
     return true;
 }
@@ -206,6 +214,25 @@ SCARCE int pipe2(int* pair, int flags) noexcept {
 
 SCARCE int dup(int fd) noexcept {
     return descriptor(CALLER, [&] { return next<int(int)>("dup")(fd); });
+}
+
+SCARCE int fcntl(int fd, int command, ...) {
+    va_list arguments;
+    va_start(arguments, command);
+    void* const argument = va_arg(arguments, void*);
+    va_end(arguments);
+    const auto call = [&] { return next<int(int, int, ...)>("fcntl")(fd, command, argument); };
+    return command == F_DUPFD || command == F_DUPFD_CLOEXEC ? descriptor(CALLER, call) : call();
+}
+
+SCARCE int fcntl64(int fd, int command, ...) __attribute__((alias("fcntl")));
+
+SCARCE int getpwnam_r(const char* name, passwd* entry, char* room, size_t size, passwd** found) {
+    using LookUp = int(const char*, passwd*, char*, size_t, passwd**);
+    tLooksUpUsers = true;
+    const int error = next<LookUp>("getpwnam_r")(name, entry, room, size, found);
+    tLooksUpUsers = false;
+    return error;
 }
 
 SCARCE int pthread_create(pthread_t* thread, const pthread_attr_t* how, void* (*run)(void*), void* argument) noexcept {

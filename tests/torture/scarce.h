@@ -13,7 +13,10 @@ struct Scarcity {
     std::atomic<std::uint32_t> isCounting;
     std::atomic<std::uint64_t> at;     // the number of the time that fails; 0 for none
     std::atomic<std::uint64_t> asked;  // how often it was asked for
-    char place[256];                   // the file of who was refused
+    char place[256];                   // the file of who was refused, or kUsersLookUp
 };
+
+// Where users are looked up the C library asks under its own name, as for everybody else.
+inline constexpr char kUsersLookUp[] = "the look-up of users";
 
 }  // namespace torture

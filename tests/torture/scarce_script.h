@@ -36,7 +36,11 @@ inline constexpr char kMachineValue[] = "m.value";
 std::string machinePolicies(const std::string& value);
 Allowed answersFromTheStart();
 
-// Weighs an answer; nothing for none. Throws Failed for a wrong one, and for none where nothing is scarce (!mayFail).
+// Whether the step was not done, nothing for no answer. A question has failed where it wasn't answered.
+bool isFailed(const Step& step, const std::optional<std::string>& answer);
+
+// Weighs an answer; nothing for none. Throws Failed for a wrong one, which "" and "0" are to a question whose value is
+// there, and for a step that failed where nothing is scarce (!mayFail).
 void weigh(const Step& step, const std::optional<std::string>& answer, bool mayFail, Allowed& allowed);
 
 // Calls the service of this process's folder, and hears of its events.
@@ -44,8 +48,8 @@ class ServiceCaller {
 public:
     ServiceCaller();
 
-    // "1" and "0" for true and false, "" for no value, "key=value;" for each of a list; nothing without an answer.
-    // mayFail: whether it is not waited for long.
+    // "1" and "0" for true and false, "" for no value, "key=value;" for each of a list; nothing without an answer, and
+    // for one that says that it could not be read. mayFail: whether it is not waited for long.
     std::optional<std::string> run(const Step& step, bool mayFail = false);
 
 private:

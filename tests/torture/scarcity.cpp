@@ -42,6 +42,7 @@ namespace fs = std::filesystem;
 constexpr int kEndingMs = 3000;                    // of a service that is about to end
 constexpr int kAnswerMs = 20000;                   // of a client that works
 constexpr std::chrono::seconds kMachineLimit{20};  // until a changed policy of the machine is in force
+constexpr std::chrono::seconds kLineLimit{5};      // until the log tells of a call that was not answered
 constexpr int kClientEndingMs = 15000;             // it waits for a listener that runs, 5 s at most
 
 struct Arguments {
@@ -155,8 +156,7 @@ public:
             throw Failed("the first service did not end as told: " + mLife.said());
     }
 
-    // OpenSSL may go on without memory that it did not get while it sets itself up, which nobody above it can mend.
-    int endedInOpenSsl() const { return mEndedInOpenSsl; }
+    int endedInSettingUp() const { return mEndedInSettingUp; }
 
     void live(std::uint64_t at) {
         const std::string data = mLife.place() + "/data", round = std::to_string(at);
@@ -166,14 +166,15 @@ public:
         Allowed allowed = mKept;
         putMachinePolicies(kMachineValue);
         mWatched.begin(mArguments.kind, at);
-        bool ended = !mLife.start(service(data), mWatched.variables(mArguments.library));
+        const bool hasBegun = mLife.start(service(data), mWatched.variables(mArguments.library));
+        bool ended = !hasBegun;
         if (mArguments.whose == "killed") mWatched.end();
         if (!ended) ended = !play(round + ".1", true, allowed);
         if (!ended && mWatched.hasFailed()) ended = !play(round + ".2", false, allowed);
         const bool failedBefore = mWatched.hasFailed();
         const int status = mLife.end(ended ? 0 : SIGTERM);
-        if (WIFSIGNALED(status) && WTERMSIG(status) == SIGSEGV && mWatched.refusedTo().find("libcrypto") == 0)
-            ++mEndedInOpenSsl;
+        if (!hasBegun && isOfSettingUp(status))
+            ++mEndedInSettingUp;
         else if (ended || (status != 0 && !failedBefore))
             expectTold(status, mLife);
         else if (status != 0)
@@ -186,6 +187,17 @@ public:
     }
 
 private:
+    // OpenSSL, and the C library where it looks up users, may go on without memory that they did not get while they set
+    // themselves up, which nobody above them can mend. A start does both before it says that it is ready: later no
+    // signal is forgiven.
+    bool isOfSettingUp(int status) const {
+        if (!WIFSIGNALED(status)) return false;
+        const std::string refused = mWatched.refusedTo();
+        const bool isCrash = WTERMSIG(status) == SIGSEGV;
+        return (isCrash && refused.find("libcrypto") == 0) ||
+               ((isCrash || WTERMSIG(status) == SIGABRT) && refused == kUsersLookUp);
+    }
+
     // Whether the service does all of the script; false where it has ended.
     bool play(const std::string& round, bool mayFail, Allowed& allowed) {
         try {
@@ -193,8 +205,11 @@ private:
             putMachinePolicies(round);
             for (const char* const key : kMachineKeys) allowed[{"machine", key}].insert(round);
             for (const Step& step : script(Whose::Service, round)) {
-                weigh(step, caller.run(step, mayFail), mayFail, allowed);
+                const std::size_t said = textOf(mLife.log()).size();
+                const auto answer = caller.run(step, mayFail);
+                weigh(step, answer, mayFail, allowed);
                 if (mayFail && mLife.endsWithin(0)) return false;
+                if (isFailed(step, answer) && !awaitLine(step, said)) return false;
             }
             for (const char* const key : kMachineKeys)
                 if (!mayFail) awaitMachinePolicy(caller, key, round);
@@ -204,6 +219,29 @@ private:
             return false;
         }
         return true;
+    }
+
+    // Of a step that failed the log says so, behind what it said before; false where the service ends over it.
+    bool awaitLine(const Step& step, std::size_t said) const {
+        const auto limit = std::chrono::steady_clock::now() + kLineLimit;
+        while (!hasComplaint(textOf(mLife.log()).substr(said))) {
+            if (mLife.endsWithin(1)) return false;
+            if (std::chrono::steady_clock::now() > limit)
+                throw Failed(step.command + " " + step.key + " failed without a line in the log");
+        }
+        return true;
+    }
+
+    // A warning or an error, or that there was no memory for one.
+    static bool hasComplaint(const std::string& lines) {
+        constexpr std::size_t kLevelAt = sizeof "00:00:00.000" - 1;
+        std::istringstream text(lines);
+        for (std::string line; std::getline(text, line);)
+            if (line.compare(0, 10, "velmarlog:") == 0 ||
+                (line.size() > kLevelAt &&
+                 (line.compare(kLevelAt, 3, " W ") == 0 || line.compare(kLevelAt, 3, " E ") == 0)))
+                return true;
+        return false;
     }
 
     // They are read beside the calls.
@@ -225,7 +263,7 @@ private:
 
     static constexpr const char* kMachineKeys[] = {"machine.key", "machine.mine"};
     Allowed mKept = answersFromTheStart();
-    int mEndedInOpenSsl = 0;
+    int mEndedInSettingUp = 0;
 };
 
 // ---- A client ----
@@ -300,7 +338,7 @@ public:
     ClientLives(const ClientLives&) = delete;
     ClientLives& operator=(const ClientLives&) = delete;
 
-    int endedInOpenSsl() const { return 0; }
+    int endedInSettingUp() const { return 0; }
 
     void live(std::uint64_t at) {
         const std::string round = std::to_string(at);
@@ -336,7 +374,9 @@ private:
             }
             const auto answer = client.ask(lineOf(step, mayFail));
             if (!answer) return false;
-            weigh(step, plain(step, *answer), mayFail, mAllowed);
+            const auto told = plain(step, *answer);
+            const bool mayHaveFailed = mayFail && mWatched.hasFailed();
+            weigh(step, mayHaveFailed && isAsFailed(step, told) ? std::nullopt : told, mayFail, mAllowed);
         }
         return true;
     }
@@ -353,10 +393,23 @@ private:
         return line + (step.command.compare(0, 10, "policy.set") == 0 ? " 9" : "");
     }
 
-    // What the client prints, as the service has it. A policy's priority comes first. Calls from several threads are
-    // told by how many were right, wrong and failed.
+    // These facades say the same of what failed as of what is not there: that is their contract. Of calls from several
+    // threads less were right, and none was wrong.
+    static bool isAsFailed(const Step& step, const std::optional<std::string>& answer) {
+        static const std::map<std::string, std::string> kFailures{
+            {"secure.get", ""},  {"property.get", ""}, {"constant.get", ""}, {"sign.get", ""},
+            {"strong.get", "0"}, {"verify.get", "0"},  {"listener.get", "0"}};
+        const bool isOfMany = step.command == "threads.get" || step.command == "fork.get";
+        const auto failure = kFailures.find(step.command);
+        return answer && (isOfMany ? answer->size() < 3 : failure != kFailures.end() && *answer == failure->second);
+    }
+
+    // What the client prints, as the service has it; nothing for what says that it failed. A policy's priority comes
+    // first. Calls from several threads are told by how many were right, wrong and failed.
     static std::optional<std::string> plain(const Step& step, std::string answer) {
-        if (answer == "no memory") return std::nullopt;
+        const bool hasNoList =
+            answer.empty() && (step.command == "policy.get.list" || step.command == "properties.get");
+        if (answer == "no memory" || answer == "-" || hasNoList) return std::nullopt;
         if (step.command == "policy.get" || step.command == "machine.get")
             answer = answer.substr(std::min(answer.size(), answer.find(' ') + 1));
         if (step.command == "threads.get" || step.command == "fork.get") {
@@ -365,7 +418,7 @@ private:
             for (; counts >> right >> wrong >> failed; allRight += right) allWrong += wrong;
             if (allWrong == 0 && counts.eof()) return std::to_string(allRight);
         }
-        return answer == "null_value" || answer == "-" ? "" : answer;
+        return answer == "null_value" ? "" : answer;
     }
 
     Allowed mAllowed = answersFromTheStart();
@@ -413,7 +466,7 @@ int liveAll(const Arguments& arguments, const std::string& place) {
     }
     std::cout << chosen.size() << " lives, each without another one of " << all << " (";
     for (const auto& [file, count] : refused) std::cout << (file.empty() ? "nobody" : file) << " " << count << ", ";
-    std::cout << lives.endedInOpenSsl() << " ended in OpenSSL's own setting up)" << std::endl;
+    std::cout << lives.endedInSettingUp() << " ended in a library's own setting up)" << std::endl;
     return failures == 0 ? 0 : 1;
 }
 

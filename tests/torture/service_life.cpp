@@ -77,7 +77,7 @@ ServiceLife::~ServiceLife() {
 
 bool ServiceLife::start(const std::vector<std::string>& command, const std::vector<std::string>& variables) {
     if (mService != 0) (void)end(SIGKILL);  // what a check that failed left
-    mService = spawn(command, variables, mPlace + "/log");
+    mService = spawn(command, variables, log());
     mEnded = sd::UniqueFd(static_cast<int>(::syscall(SYS_pidfd_open, mService, 0)));
     pollfd waits[] = {{mNotify.get(), POLLIN, 0}, {mEnded.get(), POLLIN, 0}};
     char text[256] = {};
@@ -96,6 +96,7 @@ bool ServiceLife::endsWithin(int milliseconds) const {
 }
 
 int ServiceLife::end(int signal) {
+    if (mService == 0) return 0;  // its end has failed before
     if (signal != 0) ::kill(mService, signal);
     pollfd wait{mEnded.get(), POLLIN, 0};
     const bool ended = ::poll(&wait, 1, kEndLimitMs) > 0;
@@ -109,7 +110,7 @@ int ServiceLife::end(int signal) {
 }
 
 std::string ServiceLife::said() const {
-    const std::string text = textOf(mPlace + "/log");
+    const std::string text = textOf(log());
     return text.size() > 6000 ? "..." + text.substr(text.size() - 6000) : text;
 }
 

@@ -41,7 +41,8 @@ public:
     int end(int signal);
     bool endsWithin(int milliseconds) const;
 
-    // The end of what it said.
+    // The file with all that it said, and the end of that.
+    std::string log() const { return mPlace + "/log"; }
     std::string said() const;
 
 private:
