@@ -95,10 +95,10 @@ std::vector<Step> Generator::history(int length) {
     return steps;
 }
 
-std::string Generator::key() {
+const std::vector<std::string>& Generator::keys() {
     static const std::vector<std::string> kKeys{"k",     "K",          "net.proxy", "Net.Proxy",
                                                 "other", "ro.sd.uuid", "ä",         "ro.once"};
-    return one(kKeys);
+    return kKeys;
 }
 
 std::string Generator::value() {

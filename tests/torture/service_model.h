@@ -44,10 +44,13 @@ public:
     Generator(std::uint64_t seed, std::vector<std::string> methods, std::size_t clients)
         : mRandom(seed), mMethods(std::move(methods)), mClients(clients) {}
 
+    // All that a history is about.
+    static const std::vector<std::string>& keys();
+
     std::vector<Step> history(int length);
     Step step();
     const std::string& method() { return one(mMethods); }
-    std::string key();
+    std::string key() { return one(keys()); }
     std::string value();
     int priority();
     std::size_t below(std::size_t most) { return std::uniform_int_distribution<std::size_t>(0, most - 1)(mRandom); }
