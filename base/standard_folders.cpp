@@ -11,6 +11,8 @@
 #include <cstring>
 #include <utility>
 
+#include "base/synced_folder.h"
+
 namespace sd {
 
 namespace {
@@ -80,10 +82,10 @@ std::vector<std::string> dataFolders(const FolderVariables& variables, const std
 std::string makeFolder(const std::string& folder) {
     struct stat status {};
     if (::stat(folder.c_str(), &status) == 0) return S_ISDIR(status.st_mode) ? "" : folder + " is not a folder";
-    const std::size_t above = folder.find_last_of('/');
-    if (above != std::string::npos && above > 0)
-        if (std::string problem = makeFolder(folder.substr(0, above)); !problem.empty()) return problem;
-    if (::mkdir(folder.c_str(), 0700) == 0 || errno == EEXIST) return "";
+    const std::string above = folderAbove(folder);
+    if (std::string problem = makeFolder(above); !problem.empty()) return problem;
+    const bool isMade = ::mkdir(folder.c_str(), 0700) == 0;
+    if (isMade ? syncFolder(above) : errno == EEXIST) return "";
     return "can't make the folder " + folder + ": " + std::strerror(errno);
 }
 

@@ -31,8 +31,8 @@ std::string userDataFolder(const FolderVariables& variables, const std::string& 
 // /usr/local/share and /usr/share where that is empty. None is there twice, none need exist.
 std::vector<std::string> dataFolders(const FolderVariables& variables, const std::string& application);
 
-// Makes the folder, and those above it that are missing, for nobody else than the user. Returns "", or why it could
-// not: a line for a person.
+// Makes the folder, and those above it that are missing, for nobody else than the user, so that a power cut leaves
+// them. Returns "", or why it could not: a line for a person.
 std::string makeFolder(const std::string& folder);
 
 }  // namespace sd

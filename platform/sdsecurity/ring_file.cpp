@@ -12,6 +12,7 @@
 #include <system_error>
 #include <thread>
 
+#include "base/synced_folder.h"
 #include "platform/sdsecurity/ring_text.h"
 
 namespace sd::security {
@@ -60,12 +61,6 @@ bool lockWithin(int descriptor, std::chrono::milliseconds limit) {
         std::this_thread::sleep_for(kLockRetry);
     }
     return true;
-}
-
-std::string parentOf(const std::string& path) {
-    const std::size_t slash = path.find_last_of('/');
-    if (slash == std::string::npos) return ".";
-    return slash == 0 ? "/" : path.substr(0, slash);
 }
 
 }  // namespace
@@ -210,7 +205,7 @@ std::string PlainFile::overwrite() const {
 }
 
 bool makeFolder(const std::string& path, bool parents, std::string& reason) {
-    const std::string parent = parentOf(path);
+    const std::string parent = folderAbove(path);
     int made = ::mkdir(path.c_str(), 0700);
     if (made != 0 && errno == ENOENT && parents && parent != ".") {
         if (!makeFolder(parent, true, reason)) return false;
@@ -218,8 +213,7 @@ bool makeFolder(const std::string& path, bool parents, std::string& reason) {
     }
     if (made != 0 && errno == EEXIST) return true;
     // The mode is not left to the umask, and the folder is to be found after a power cut.
-    const UniqueFd above(::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (made == 0 && ::chmod(path.c_str(), 0700) == 0 && ::fsync(above.get()) == 0) return true;
+    if (made == 0 && ::chmod(path.c_str(), 0700) == 0 && syncFolder(parent)) return true;
     reason = systemError("mkdir " + path);
     return false;
 }

@@ -57,13 +57,14 @@ Problem unfitName(const std::string& name) {
             "give one of letters, digits and dashes, as in 50-fleet; files are taken in the order of their names"};
 }
 
-// Makes the folder where it is not there, and finds whether services can trust it.
+// Makes the folder where it is not there, to be found after a power cut, and finds whether services can trust it.
 Problem prepare(const std::string& folder, bool mayMake) {
     if (mayMake) {
         fs::path path;
         for (const fs::path& part : fs::path(folder)) {
             path /= part;
-            if (::mkdir(path.c_str(), kFolderMode) == 0 && ::chmod(path.c_str(), kFolderMode) != 0)
+            if (::mkdir(path.c_str(), kFolderMode) != 0) continue;
+            if (::chmod(path.c_str(), kFolderMode) != 0 || !apps::syncFolder(path.parent_path()))
                 return {path.string() + ": " + std::strerror(errno), "see that the folder above it can be written"};
         }
     }

@@ -1,0 +1,27 @@
+// Folders whose names a power cut leaves as they are.
+#pragma once
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <string>
+
+#include "base/unique_fd.h"
+
+namespace sd {
+
+// The folder that has the name `path`, which doesn't end in a slash.
+inline std::string folderAbove(const std::string& path) {
+    const std::size_t slash = path.find_last_of('/');
+    if (slash == std::string::npos) return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// Makes what was created, renamed and removed in the folder last. False with errno.
+inline bool syncFolder(const std::string& path) {
+    const UniqueFd folder(::open(path.empty() ? "." : path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return folder && ::fsync(folder.get()) == 0;
+}
+
+}  // namespace sd
