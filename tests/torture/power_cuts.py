@@ -10,7 +10,11 @@ import subprocess
 import pieces
 from pieces import Failed, Service, check
 
-EXISTS, MARK = 0, 9  # of record.h
+EXISTS, MARK = 0, 10  # of record.h
+# What a client's first call stores, in that order.
+POWER_SETTINGS = {("secure", f"config.device.{name}"): value for name, value in (
+    ("batteryBrightness", "50"), ("chargeBrightness", "80"), ("chargeDimDisplayTime", "15"),
+    ("batteryDimDisplayTime", "5"), ("chargeLidCloseAction", "1"), ("batteryLidCloseAction", "1"))}
 
 
 class Recording:
@@ -21,31 +25,44 @@ class Recording:
         self.root = world.path(name)
         self.data = os.path.join(self.root, "data")
         self.log_path = world.path(f"{name}.calls")
-        os.makedirs(self.data, 0o700)
+        os.mkdir(self.root, 0o700)
         open(self.log_path, "wb").close()
         self.variables = {"LD_PRELOAD": pieces.PROGRAMS["power_recorder"], "POWER_ROOT": self.root,
                           "POWER_LOG": self.log_path}
         self.options = []
+        self.is_used = False
 
-    def note(self, kind, path="", data=b"", file=0):
-        record = struct.pack("<IIQqQ", kind, len(path.encode()), file, 0, len(data)) + path.encode() + data
+    @staticmethod
+    def record(kind, path="", data=b"", file=0, number=0):
+        return struct.pack("<IIQqQ", kind, len(path.encode()), file, number, len(data)) + path.encode() + data
+
+    def note(self, *fields):
         with open(self.log_path, "ab") as log:
-            log.write(record)
+            log.write(self.record(*fields))
 
-    def mark(self, *fields):
-        self.note(MARK, data="\t".join(map(str, fields)).encode())
+    def mark(self, *fields, at=None):
+        """at: the size that the log had then; left out, it is now."""
+        record = self.record(MARK, data="\t".join(map(str, fields)).encode())
+        with open(self.log_path, "r+b") as log:
+            place = log.seek(0, os.SEEK_END) if at is None else log.seek(at)
+            later = log.read()
+            log.seek(place)
+            log.write(record + later)
 
     def begin_with_what_is_there(self):
-        for folder, _, names in os.walk(self.root):
+        for folder, folders, names in os.walk(self.root):
+            for name in folders:
+                path = os.path.join(folder, name)
+                self.note(EXISTS, path, b"", os.stat(path).st_ino, 1)
             for name in names:
                 path = os.path.join(folder, name)
                 with open(path, "rb") as file:
                     self.note(EXISTS, path, file.read(), os.stat(path).st_ino)
 
-    def start(self, *options):
+    def start(self):
         own = [option.replace("@", self.root, 1) for option in self.options]
         prefix = ["env", *(f"{name}={value}" for name, value in self.variables.items())]
-        service = Service(self.world, ("--data-dir", self.data, *own, *options), prefix)
+        service = Service(self.world, ("--data-dir", self.data, *own), prefix)
         service.wait_until_ready()
         return service
 
@@ -56,6 +73,17 @@ class Recording:
         check(done.returncode == 0, f"sdconfig {' '.join(arguments)} ended with {done.returncode}: {done.stderr[-400:]}")
         return done.stdout
 
+    def client(self):
+        """A client that made its first call."""
+        client, is_first = self.world.client(), not self.is_used
+        if is_first:
+            self.begin_all(POWER_SETTINGS)
+        client.ask("get", "none")
+        if is_first:
+            self.ack_all(POWER_SETTINGS)
+        self.is_used = True
+        return client
+
     def write(self, client, kind, key, value):
         """One write by a client, with its marks. A policy of "" is deleted."""
         self.mark("begin", kind, key, value)
@@ -64,7 +92,7 @@ class Recording:
         else:
             words = ("set", key, value) if kind == "secure" else ("policy.set", key, value, 9)
         check(client.ask(*words) == "1", f"{words[0]} failed")
-        self.mark("ack", kind, key, value)
+        self.mark("ack", kind, key)
 
     def held(self):
         """What the folder holds by its own account."""
@@ -73,13 +101,14 @@ class Recording:
         held.update({("policy", row["uri"]): row["value"] for row in listing["policies"]})
         return held
 
-    def begin_all(self, values):
+    def begin_all(self, values, whole=""):
+        """whole: the name of what is written with all of them or not at all."""
         for (kind, key), value in values.items():
-            self.mark("begin", kind, key, value)
+            self.mark("begin", kind, key, value, whole)
 
     def ack_all(self, values):
-        for (kind, key), value in values.items():
-            self.mark("ack", kind, key, value)
+        for kind, key in values:
+            self.mark("ack", kind, key)
 
     def replay(self, seed, states):
         options = ["--", *self.options] if self.options else []
@@ -89,7 +118,7 @@ class Recording:
         if done.returncode != 0:
             kept = f"/tmp/{os.path.basename(self.log_path)}.{os.getpid()}"
             shutil.copy(self.log_path, kept)
-            raise Failed(f"{done.stdout}{done.stderr}the log is kept: power_cut {kept} {' '.join(arguments[1:3])} ...")
+            raise Failed(f"the log is kept\n{done.stdout}{done.stderr}".replace(self.log_path, kept))
         return done.stdout.strip()
 
 
@@ -102,12 +131,18 @@ def write_some(recording, client, random, count, number):
     return number
 
 
-def apply_list(recording, random, number):
-    policies = {f"list.{i}": f"{number}.{i}." + "y" * random.choice((5, 2000)) for i in range(20)}
-    path = recording.world.path("list.json")
+def put_policies(recording, policies):
+    path = recording.world.path("policies.json")
     with open(path, "w", encoding="ascii") as file:
         json.dump({key: {"value": value, "priority": 9} for key, value in policies.items()}, file)
-    values = {("policy", key): value for key, value in policies.items()}
+    return path
+
+
+def apply_list(recording, random, number):
+    """Each policy is a commit of its own, in the order of their names."""
+    names = sorted(f"list.{i}" for i in range(20))
+    values = {("policy", name): f"{number}.{name}." + "y" * random.choice((5, 2000)) for name in names}
+    path = put_policies(recording, {key: value for (_, key), value in values.items()})
     recording.begin_all(values)
     recording.command("policy", "apply", path)
     recording.ack_all(values)
@@ -115,7 +150,7 @@ def apply_list(recording, random, number):
 
 def serve(recording, run):
     """First start, sets, deletions, lists, keys that are made, everything sealed anew, ends and kills."""
-    service, client, number = recording.start(), recording.world.client(), 0
+    service, client, number = recording.start(), recording.client(), 0
     for life in range(4):
         number = write_some(recording, client, run.random, 12, number)
         apply_list(recording, run.random, number)
@@ -126,74 +161,99 @@ def serve(recording, run):
     service.stop()
 
 
+def trail(recording, run):
+    """A trail that goes on in other files, which are packed, and the oldest dropped."""
+    recording.options = ["--audit-size", "1", "--audit-keep", "2", "--audit-reads", "read.*"]
+    service, client = recording.start(), recording.client()
+    key = "read." + "k" * 60000
+    recording.write(client, "secure", key, "value")
+    for number in range(70):
+        check(client.ask("get", key) == "value", "a key reads as another one")  # its entry is a 17th of a file
+        write_some(recording, client, run.random, 1, number)
+        if run.random.random() < 0.08:
+            service.kill()
+            service = recording.start()
+    pieces.wait_for(lambda: sum(name.endswith(".zst") for name in os.listdir(recording.data)) == 2,
+                    "the packing of what is kept of the trail besides")
+    service.stop()
+
+
 def upgrade(recording, run):
     """An earlier version's data, carried over."""
+    os.mkdir(recording.data, 0o700)
     path = os.path.join(recording.data, "sdconfig.db")
     subprocess.run([pieces.PROGRAMS["power_cut"], "--legacy", path], check=True)
     with contextlib.closing(sqlite3.connect(path)) as database:  # what can't be carried over whole
         database.execute("DELETE FROM secure WHERE key LIKE 'user@%' OR key LIKE 'long@@%' OR key = 'without-at'")
         database.commit()
     tried = Recording(recording.world, "tried")
-    shutil.copytree(recording.data, tried.data, dirs_exist_ok=True)
-    tried.command("upgrade", "--force", tried.data, recorded=False)
-    values = {key: value for key, value in tried.held().items() if value}
-    check(values, "nothing was carried over")
+    shutil.copytree(recording.data, tried.data)
+    rows = json.loads(tried.command("upgrade", "--force", "--json", tried.data, recorded=False))["rows"]
+    values = tried.held()
+    check(any(values.values()), "nothing was carried over")
     recording.begin_with_what_is_there()
+    recording.mark("begin", "upgrade", f"{rows['config']} {rows['secure']}")
     recording.begin_all(values)
-    recording.command("upgrade", "--force", recording.data)
+    begin = os.path.getsize(recording.log_path)
+    told = json.loads(recording.command("upgrade", "--force", "--json", recording.data))
+    copy = os.path.relpath(told["backup"], recording.root)
+    recording.mark("begin", "file", copy, at=begin)
+    recording.mark("ack", "file", copy)
     recording.ack_all(values)
+    recording.mark("ack", "upgrade")
     service = recording.start()
-    write_some(recording, recording.world.client(), run.random, 5, 0)
+    write_some(recording, recording.client(), run.random, 5, 0)
     service.kill()
 
 
 def backup(recording, run):
     """Backups beside a service, and restores in the place of newer data."""
     os.mkdir(os.path.join(recording.root, "place"))
+    recording.begin_with_what_is_there()
     for number in range(2):
-        service, client = recording.start(), recording.world.client()
+        service, client = recording.start(), recording.client()
         write_some(recording, client, run.random, 8, 100 * number)
         file = f"place/{number}.backup"
-        recording.mark("begin", "file", file, "")
+        recording.mark("begin", "file", file)
         recording.command("backup", os.path.join(recording.root, file), recording.data, text="passphrase\n")
-        recording.mark("ack", "file", file, "")
+        recording.mark("ack", "file", file)
         held = recording.held()
         write_some(recording, client, run.random, 8, 100 * number + 50)
         service.stop()
         values = {key: held.get(key, "") for key in {**recording.held(), **held}}
-        recording.begin_all(values)
+        recording.begin_all(values, "restore")
         recording.command("restore", os.path.join(recording.root, file), recording.data, "--force",
                           text="passphrase\n")
         recording.ack_all(values)
 
 
 def install(recording, run):
-    """Policies of the machine, installed, replaced and removed."""
-    folder = os.path.join(recording.root, "policies")
-    os.mkdir(folder, 0o755)
+    """Policies of the machine, installed and replaced."""
     recording.options = ["--policy-dir", "@/policies"]
-    service, client = recording.start(), recording.world.client()
+    service, client = recording.start(), recording.client()
     for number in range(6):
         write_some(recording, client, run.random, 3, 10 * number)
         policies = {f"machine.{i}": f"{number}.{i}." + "z" * run.random.choice((5, 6000)) for i in range(3)}
-        path = recording.world.path("machine.json")
-        with open(path, "w", encoding="ascii") as file:
-            json.dump({key: {"value": value, "priority": 9} for key, value in policies.items()}, file)
-        values = {("policy", key): value for key, value in policies.items()}
-        recording.begin_all(values)
-        recording.mark("begin", "file", "policies/50-some.policies.json", "")
-        recording.command("policy", "install", path, "--name", "50-some", "--policy-dir", folder)
-        recording.mark("ack", "file", "policies/50-some.policies.json", "")
+        path = put_policies(recording, policies)
+        values = {("machine", key): value for key, value in policies.items()}
+        recording.begin_all(values, "install")
+        recording.mark("begin", "file", "policies/50-some.json")
+        recording.command("policy", "install", path, "--name", "50-some", "--policy-dir",
+                          os.path.join(recording.root, "policies"))
+        recording.mark("ack", "file", "policies/50-some.json")
         recording.ack_all(values)
     service.kill()
+
+
+# The states of the short and of the long form.
+SCENES = ((serve, 400, 45000), (trail, 100, 4000), (upgrade, 140, 26000), (backup, 220, 14000), (install, 140, 11000))
 
 
 def power(run):
     run.needs_plain_build()
     told = []
     with pieces.World() as world:
-        for scene, short, long in ((serve, 400, 60000), (upgrade, 100, 10000), (backup, 300, 20000),
-                                   (install, 200, 10000)):
+        for scene, short, long in SCENES:
             recording = Recording(world, scene.__name__)
             scene(recording, run)
             told.append(f"{scene.__name__}: " + recording.replay(run.random.getrandbits(32), run.count(short, long)))

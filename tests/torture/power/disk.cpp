@@ -4,33 +4,29 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <optional>
 #include <stdexcept>
 
 namespace power {
 namespace {
 
-std::string folderOf(const std::string& path) {
-    return path.substr(0, path.rfind('/'));
-}
-
-bool isBelow(const std::string& path, const std::string& folder) {
-    return path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 && path[folder.size()] == '/';
-}
-
-// Takes a name, and those below it where it is a folder's, out of the names, as they would be called under another.
-std::map<std::string, int> take(std::map<std::string, int>& names, const std::string& from, const std::string& to) {
-    std::map<std::string, int> taken;
-    for (auto name = names.lower_bound(from); name != names.end();) {
-        const bool isIt = name->first == from || isBelow(name->first, from);
-        if (!isIt && name->first.compare(0, from.size(), from) != 0) break;
-        if (isIt) taken[to + name->first.substr(from.size())] = name->second;
-        name = isIt ? names.erase(name) : std::next(name);
-    }
-    return taken;
-}
-
 std::size_t upTo(std::size_t most, std::mt19937_64& random) {
     return std::uniform_int_distribution<std::size_t>(0, most)(random);
+}
+
+// How much of the write stands before a bound between two sectors of the file that lies within it; nothing where none
+// does.
+std::optional<std::size_t> tear(std::uint64_t at, std::size_t size, std::mt19937_64& random) {
+    const std::size_t sector = upTo(1, random) == 0 ? 512 : 4096;
+    const std::size_t first = sector - at % sector;
+    if (first >= size) return std::nullopt;
+    return first + upTo((size - first - 1) / sector, random) * sector;
+}
+
+// As the kernel shows what is open and has no name.
+bool isDeleted(const std::string& path) {
+    constexpr std::string_view kDeleted = " (deleted)";
+    return path.size() > kDeleted.size() && path.compare(path.size() - kDeleted.size(), kDeleted.size(), kDeleted) == 0;
 }
 
 }  // namespace
@@ -53,47 +49,61 @@ std::vector<Entry> readLog(const std::string& path) {
     return entries;
 }
 
-// An inode whose file has no name any more is another file by now, unless it is written by that name.
+Disk::Place Disk::placeOf(const std::string& path) const {
+    if (path.compare(0, mRoot.size() + 1, mRoot + "/") != 0) throw std::runtime_error(path + " was not recorded");
+    Place place{0, path.substr(mRoot.size() + 1)};
+    for (std::size_t end; (end = place.second.find('/')) != std::string::npos;) {
+        place.first = nodeAt({place.first, place.second.substr(0, end)});
+        if (place.first == kNone) throw std::runtime_error("the making of a folder was not recorded: " + path);
+        place.second.erase(0, end + 1);
+    }
+    return place;
+}
+
+int Disk::nodeAt(const Place& place) const {
+    const auto found = mSeen.find(place);
+    return found == mSeen.end() ? kNone : found->second;
+}
+
+int Disk::add(const Entry& entry, bool isFolder) {
+    const int node = static_cast<int>(mNodes.size());
+    mNodes.push_back({isFolder});
+    mByInode[entry.file] = node;
+    return node;
+}
+
+// An inode whose file has no name any more is another file by now, unless it is written or gets one.
 int Disk::fileOf(const Entry& entry) {
-    constexpr std::string_view kDeleted = " (deleted)";  // as the kernel shows what is open and has no name
-    const bool isDeleted = entry.path.size() > kDeleted.size() &&
-                           entry.path.compare(entry.path.size() - kDeleted.size(), kDeleted.size(), kDeleted) == 0;
     const auto isNamed = [this](int file) {
         return std::any_of(mSeen.begin(), mSeen.end(), [file](const auto& name) { return name.second == file; });
     };
+    const bool isNameless = entry.kind == Kind::Link || isDeleted(entry.path);
     const auto known = mByInode.find(entry.file);
-    if (known != mByInode.end() && (isDeleted || isNamed(known->second))) return known->second;
-    const int file = static_cast<int>(mFiles.size());
-    mFiles.emplace_back();
-    mByInode[entry.file] = file;
-    if (entry.kind != Kind::Link && entry.kind != Kind::Rename && !isDeleted)
-        rename({folderOf(entry.path), Kind::Link, entry.path, "", file, false});
+    if (known != mByInode.end() && (isNameless || isNamed(known->second))) return known->second;
+    const int file = add(entry, false);
+    if (!isNameless) {
+        const Place place = placeOf(entry.path);
+        name({place.first, {{place, file}}});
+    }
     return file;
 }
 
-void Disk::change(File& file, Change change) {
+void Disk::change(Node& file, Change change) {
     apply(change, file.seen);
     file.pending.push_back(std::move(change));
 }
 
-void Disk::rename(const Naming& naming) {
+void Disk::name(Naming naming) {
     apply(naming, mSeen);
-    mPending.push_back(naming);
+    mPending.push_back(std::move(naming));
 }
 
 void Disk::apply(const Naming& naming, Names& names) {
-    if (naming.kind == Kind::Link) {
-        names[naming.path] = naming.file;
-    } else if (naming.kind == Kind::Unlink) {
-        names.erase(naming.path);
-    } else {
-        Names moved = take(names, naming.path, naming.to);
-        Names replaced = take(names, naming.to, naming.path);
-        // A new name that is synced alone brings the file along, wherever the old one was.
-        if (moved.empty() && naming.file >= 0) moved[naming.to] = naming.file;
-        names.merge(moved);
-        if (naming.isExchange) names.merge(replaced);
-    }
+    for (const auto& [place, node] : naming.names)
+        if (node == kNone)
+            names.erase(place);
+        else
+            names[place] = node;
 }
 
 void Disk::apply(const Change& change, std::string& content) {
@@ -102,63 +112,81 @@ void Disk::apply(const Change& change, std::string& content) {
     content.replace(change.at, change.data.size(), change.data);
 }
 
+void Disk::rename(const Entry& entry) {
+    const Place from = placeOf(entry.path), to = placeOf(entry.data);
+    const int node = nodeAt(from);
+    if (node == kNone) throw std::runtime_error("what was renamed was not recorded: " + entry.path);
+    name({to.first, {{from, entry.number != 0 ? nodeAt(to) : kNone}, {to, node}}});
+}
+
+void Disk::syncFolder(const std::string& path) {
+    const int folder = path == mRoot ? 0 : nodeAt(placeOf(path));
+    const auto isHere = [&](const Naming& naming) { return naming.folder == folder; };
+    for (const Naming& naming : mPending)
+        if (isHere(naming)) apply(naming, mSynced);
+    mPending.erase(std::remove_if(mPending.begin(), mPending.end(), isHere), mPending.end());
+}
+
 void Disk::apply(const Entry& entry) {
     const auto number = static_cast<std::uint64_t>(entry.number);
     switch (entry.kind) {
-        case Kind::Exists:
-            mFiles.push_back({entry.data, entry.data, {}});
-            mByInode[entry.file] = mSeen[entry.path] = mSynced[entry.path] = static_cast<int>(mFiles.size()) - 1;
+        case Kind::Exists: {
+            const Place place = placeOf(entry.path);
+            const int node = add(entry, entry.number != 0);
+            mNodes.back().seen = mNodes.back().synced = entry.data;
+            mSeen[place] = mSynced[place] = node;
             return;
+        }
         case Kind::Open:
-            if (File& file = mFiles[static_cast<std::size_t>(fileOf(entry))]; entry.number != 0 && !file.seen.empty())
-                change(file, {0, "", true});
+            if (Node& opened = file(entry); entry.number != 0 && !opened.seen.empty()) change(opened, {0, "", true});
             return;
         case Kind::Write:
-            return change(mFiles[static_cast<std::size_t>(fileOf(entry))], {number, entry.data, false});
+            return change(file(entry), {number, entry.data, false});
         case Kind::Truncate:
-            return change(mFiles[static_cast<std::size_t>(fileOf(entry))], {number, "", true});
+            return change(file(entry), {number, "", true});
         case Kind::Sync: {
-            File& file = mFiles[static_cast<std::size_t>(fileOf(entry))];
-            file.synced = file.seen;
-            return file.pending.clear();
+            Node& synced = file(entry);
+            synced.synced = synced.seen;
+            return synced.pending.clear();
         }
-        case Kind::SyncDir: {
-            const auto isHere = [&](const Naming& naming) { return naming.folder == entry.path; };
-            for (const Naming& naming : mPending)
-                if (isHere(naming)) apply(naming, mSynced);
-            mPending.erase(std::remove_if(mPending.begin(), mPending.end(), isHere), mPending.end());
-            return;
+        case Kind::SyncFolder:
+            return syncFolder(entry.path);
+        case Kind::Rename:
+            return rename(entry);
+        case Kind::MakeFolder:
+        case Kind::Link: {
+            const Place place = placeOf(entry.path);
+            return name({place.first, {{place, entry.kind == Kind::Link ? fileOf(entry) : add(entry, true)}}});
         }
-        case Kind::Rename: {
-            const auto known = mSeen.find(entry.path);
-            const bool isFolder = known == mSeen.end() && mSeen.lower_bound(entry.path + "/") != mSeen.end() &&
-                                  isBelow(mSeen.lower_bound(entry.path + "/")->first, entry.path);
-            const int file = known != mSeen.end() ? known->second : isFolder ? -1 : fileOf(entry);
-            return rename({folderOf(entry.data), Kind::Rename, entry.path, entry.data, file, entry.number != 0});
+        case Kind::Remove: {
+            const Place place = placeOf(entry.path);
+            return name({place.first, {{place, kNone}}});
         }
-        case Kind::Link:
-            return rename({folderOf(entry.path), Kind::Link, entry.path, "", fileOf(entry), false});
-        case Kind::Unlink:
-            return rename({folderOf(entry.path), Kind::Unlink, entry.path, "", -1, false});
         case Kind::Mark:
             return;
     }
 }
 
-Files Disk::contentsOf(const Names& names, const std::vector<std::string>& contents) const {
-    Files files;
-    for (const auto& [path, file] : names)
-        if (isBelow(path, mRoot)) files[path.substr(mRoot.size() + 1)] = contents[static_cast<std::size_t>(file)];
-    return files;
+// What can be reached from the folder.
+template <class ContentOf>
+void Disk::collect(const Names& names, int folder, const std::string& path, const ContentOf& contentOf,
+                   Files& files) const {
+    for (auto at = names.lower_bound({folder, ""}); at != names.end() && at->first.first == folder; ++at) {
+        const Node& node = mNodes[static_cast<std::size_t>(at->second)];
+        const std::string below = path + at->first.second + (node.isFolder ? "/" : "");
+        files[below] = node.isFolder ? "" : contentOf(node);
+        if (node.isFolder) collect(names, at->second, below, contentOf, files);
+    }
 }
 
 Files Disk::asSeen() const {
-    std::vector<std::string> contents;
-    for (const File& file : mFiles) contents.push_back(file.seen);
-    return contentsOf(mSeen, contents);
+    Files files;
+    collect(
+        mSeen, 0, "", [](const Node& node) { return node.seen; }, files);
+    return files;
 }
 
-std::string Disk::contentAfterCut(const File& file, int mode, std::mt19937_64& random) const {
+std::string Disk::contentAfterCut(const Node& file, int mode, std::mt19937_64& random) {
     enum Mode { kNothing, kAll, kFirst, kSome };  // of what is pending
     if (mode == kNothing) return file.synced;
     if (mode == kAll) return file.seen;
@@ -167,18 +195,18 @@ std::string Disk::contentAfterCut(const File& file, int mode, std::mt19937_64& r
     for (std::size_t i = 0; i < file.pending.size(); ++i) {
         Change change = file.pending[i];
         const bool isKept = mode == kFirst ? i < first : upTo(1, random) == 1;
-        const bool isTorn = !change.isTruncation && (mode == kFirst ? i == first : upTo(3, random) == 0);
-        if (isTorn) {
-            const std::size_t sector = upTo(1, random) == 0 ? 512 : 4096;
-            const std::size_t length = std::min(change.data.size(), upTo(change.data.size() / sector, random) * sector);
+        const bool mayTear = !change.isTruncation && (mode == kFirst ? i == first : upTo(3, random) == 0);
+        if (const auto place = mayTear ? tear(change.at, change.data.size(), random) : std::nullopt) {
             if (const bool isEnd = upTo(3, random) == 0; isEnd) {
-                change.at += length;
-                change.data.erase(0, length);
+                change.at += *place;
+                change.data.erase(0, *place);
             } else {
-                change.data.resize(length);
+                change.data.resize(*place);
             }
+            apply(change, content);
+        } else if (isKept) {
+            apply(change, content);
         }
-        if (isKept || isTorn) apply(change, content);
     }
     return content;
 }
@@ -188,11 +216,13 @@ Files Disk::afterCut(std::mt19937_64& random) const {
     std::size_t kept = upTo(mPending.size(), random);
     if (const auto choice = upTo(3, random); choice < 2) kept = choice == 0 ? 0 : mPending.size();
     for (std::size_t i = 0; i < kept; ++i) apply(mPending[i], names);
-    std::vector<std::string> contents;
     const auto mode = static_cast<int>(upTo(4, random));  // the same for all files, or one each
-    for (const File& file : mFiles)
-        contents.push_back(contentAfterCut(file, mode == 4 ? static_cast<int>(upTo(3, random)) : mode, random));
-    return contentsOf(names, contents);
+    const auto contentOf = [&](const Node& file) {
+        return contentAfterCut(file, mode == 4 ? static_cast<int>(upTo(3, random)) : mode, random);
+    };
+    Files files;
+    collect(names, 0, "", contentOf, files);
+    return files;
 }
 
 }  // namespace power

@@ -6,6 +6,7 @@
 #include <random>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "tests/torture/power/record.h"
@@ -23,23 +24,24 @@ struct Entry {
 // Throws std::runtime_error where the log is cut or none.
 std::vector<Entry> readLog(const std::string& path);
 
-// By path below the root of what was recorded.
+// By path below the root of what was recorded. A folder's path ends in a slash.
 using Files = std::map<std::string, std::string>;
 
 class Disk {
 public:
-    explicit Disk(std::string root) : mRoot(std::move(root)) {}
+    explicit Disk(const std::string& root) : mRoot(root), mNodes(1) {}
 
-    // The next call took effect.
+    // The next call took effect. Throws std::runtime_error where it is about something that was not recorded.
     void apply(const Entry& entry);
 
     // The files as a process saw them.
     Files asSeen() const;
 
-    // The files that a cut at this moment may leave. All that was synced is there. Of what was written to a file since
-    // its last sync there is all, nothing, or some: a whole write or a part of it at its begin or end, in sectors of
-    // 512 or 4,096 bytes, in whatever order. Of the changes of names since their folder's last sync there are the first
-    // few: so a rename may be there before its file's data.
+    // The files that a cut at this moment may leave. All that was synced is there, in a folder that is. Of what was
+    // written to a file since its last sync there is all, nothing, or some: a whole write, or a part of it at its begin
+    // or end, torn between two sectors of 512 or 4,096 bytes of the file, in whatever order. Of the changes of names
+    // since their folder's last sync there are the first few: so a rename may be there before its file's data, and a
+    // folder whose own name was not synced may be gone with all in it.
     Files afterCut(std::mt19937_64& random) const;
 
 private:
@@ -48,31 +50,39 @@ private:
         std::string data;
         bool isTruncation;
     };
-    struct File {
-        std::string seen;
-        std::string synced;
-        std::vector<Change> pending;
+    struct Node {  // a file, or a folder, which has no content
+        bool isFolder = true;
+        std::string seen{};
+        std::string synced{};
+        std::vector<Change> pending{};
     };
-    using Names = std::map<std::string, int>;  // the place of the file among all
-    struct Naming {                            // a change of names
-        std::string folder;
-        Kind kind;
-        std::string path;
-        std::string to;
-        int file;
-        bool isExchange;
+    // Nodes by their places among all. The root's is 0.
+    using Place = std::pair<int, std::string>;  // a folder, and a name in it
+    using Names = std::map<Place, int>;
+    struct Naming {  // a change of names
+        int folder;  // whose sync makes it last
+        std::vector<std::pair<Place, int>> names;
     };
+    static constexpr int kNone = -1;
 
+    Place placeOf(const std::string& path) const;
+    int nodeAt(const Place& place) const;
+    int add(const Entry& entry, bool isFolder);
     int fileOf(const Entry& entry);
-    void change(File& file, Change change);
-    void rename(const Naming& naming);
+    Node& file(const Entry& entry) { return mNodes[static_cast<std::size_t>(fileOf(entry))]; }
+    static void change(Node& file, Change change);
+    void name(Naming naming);
+    void rename(const Entry& entry);
+    void syncFolder(const std::string& path);
     static void apply(const Naming& naming, Names& names);
     static void apply(const Change& change, std::string& content);
-    std::string contentAfterCut(const File& file, int mode, std::mt19937_64& random) const;
-    Files contentsOf(const Names& names, const std::vector<std::string>& contents) const;
+    static std::string contentAfterCut(const Node& file, int mode, std::mt19937_64& random);
+    template <class ContentOf>
+    void collect(const Names& names, int folder, const std::string& path, const ContentOf& contentOf,
+                 Files& files) const;
 
     const std::string mRoot;
-    std::vector<File> mFiles;
+    std::vector<Node> mNodes;
     std::map<std::uint64_t, int> mByInode;
     Names mSeen;
     Names mSynced;

@@ -7,16 +7,17 @@
 namespace power {
 
 enum class Kind : std::uint32_t {
-    Exists,    // before the recording: path, data
-    Open,      // for writing: path; number: 1 where it emptied the file
-    Write,     // path, data; number: the offset
-    Truncate,  // path; number: the new size
-    Sync,      // of a file: path
-    SyncDir,   // path
-    Rename,    // path, data is the new path; number: 1 for an exchange
-    Link,      // path of the new name
-    Unlink,    // path
-    Mark,      // data: what the one who records says
+    Exists,      // before the recording: path; of a file, data; number: 1 for a folder
+    Open,        // for writing: path; number: 1 where it emptied the file
+    Write,       // path, data; number: the offset
+    Truncate,    // path; number: the new size
+    Sync,        // of a file: path
+    SyncFolder,  // path
+    MakeFolder,  // path
+    Rename,      // path, data is the new path; number: 1 for an exchange
+    Link,        // path of the new name
+    Remove,      // path of a file or a folder
+    Mark,        // data: what the one who records says
 };
 
 struct Record {

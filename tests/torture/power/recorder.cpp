@@ -46,7 +46,8 @@ std::string pathOf(int fd) {
 
 // The folder's real path, so that names through links and descriptors are the same.
 std::string pathOf(int folder, const char* name) {
-    const std::string text = name;
+    std::string text = name;
+    while (text.size() > 1 && text.back() == '/') text.pop_back();
     const std::size_t slash = text.rfind('/');
     const std::string parent = slash == std::string::npos ? "." : slash == 0 ? "/" : text.substr(0, slash);
     static auto* const sOpenAt = next<int(int, const char*, int, ...)>("openat");
@@ -156,15 +157,22 @@ int removed(int folder, const char* name, int flags) {
     Step step;
     const std::uint64_t file = fileOf(path);
     const int result = sUnlink(folder, name, flags);
-    if (result == 0 && !(flags & AT_REMOVEDIR) && isWatched(path)) step.note(Kind::Unlink, file, 0, path);
+    if (result == 0 && isWatched(path)) step.note(Kind::Remove, file, 0, path);
     return result;
+}
+
+void noteFolder(Step& step, int folder, const char* name) {
+    const int error = errno;
+    if (const std::string path = pathOf(folder, name); isWatched(path))
+        step.note(Kind::MakeFolder, fileOf(path), 0, path);
+    errno = error;
 }
 
 int synced(int fd, const char* call) {
     Step step;
     const int result = next<int(int)>(call)(fd);
     if (const std::string path = pathOf(fd); result == 0 && (isWatched(path) || path == root()))
-        step.note(isFolder(fd) ? Kind::SyncDir : Kind::Sync, fileOf(fd), 0, path);
+        step.note(isFolder(fd) ? Kind::SyncFolder : Kind::Sync, fileOf(fd), 0, path);
     return result;
 }
 
@@ -280,9 +288,41 @@ RECORDED int unlinkat(int folder, const char* path, int flags) {
     return removed(folder, path, flags);
 }
 
+RECORDED int rmdir(const char* path) {
+    return removed(AT_FDCWD, path, AT_REMOVEDIR);
+}
+
 RECORDED int remove(const char* path) {
     struct stat file {};
     const bool isDir = ::lstat(path, &file) == 0 && S_ISDIR(file.st_mode);
-    return isDir ? ::rmdir(path) : removed(AT_FDCWD, path, 0);
+    return removed(AT_FDCWD, path, isDir ? AT_REMOVEDIR : 0);
 }
+
+RECORDED int mkdirat(int folder, const char* path, mode_t mode) {
+    static auto* const sMake = next<int(int, const char*, mode_t)>("mkdirat");
+    Step step;
+    const int result = sMake(folder, path, mode);
+    if (result == 0) noteFolder(step, folder, path);
+    return result;
+}
+
+RECORDED int mkdir(const char* path, mode_t mode) {
+    return mkdirat(AT_FDCWD, path, mode);
+}
+
+// The C library's own makes what it makes without those above.
+RECORDED char* mkdtemp(char* path) {
+    static auto* const sMake = next<char*(char*)>("mkdtemp");
+    Step step;
+    char* const result = sMake(path);
+    if (result) noteFolder(step, AT_FDCWD, path);
+    return result;
+}
+
+RECORDED int mkostemp(char* path, int flags) {
+    static auto* const sMake = next<int(char*, int)>("mkostemp");
+    return opened(O_RDWR | O_CREAT, [&] { return sMake(path, flags); });
+}
+
+RECORDED int mkostemp64(char* path, int flags) __attribute__((alias("mkostemp")));
 // NOLINTEND(readability-identifier-naming, cert-dcl50-cpp)
