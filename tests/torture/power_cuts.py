@@ -40,14 +40,20 @@ class Recording:
         with open(self.log_path, "ab") as log:
             log.write(self.record(*fields))
 
-    def mark(self, *fields, at=None):
-        """at: the size that the log had then; left out, it is now."""
-        record = self.record(MARK, data="\t".join(map(str, fields)).encode())
+    def mark(self, *fields):
+        self.note(MARK, "", self.text_of(fields))
+
+    def mark_at(self, place, *fields):
+        """Where the log's end was before, while nobody is recorded."""
         with open(self.log_path, "r+b") as log:
-            place = log.seek(0, os.SEEK_END) if at is None else log.seek(at)
+            log.seek(place)
             later = log.read()
             log.seek(place)
-            log.write(record + later)
+            log.write(self.record(MARK, "", self.text_of(fields)) + later)
+
+    @staticmethod
+    def text_of(fields):
+        return "\t".join(map(str, fields)).encode()
 
     def begin_with_what_is_there(self):
         for folder, folders, names in os.walk(self.root):
@@ -192,12 +198,12 @@ def upgrade(recording, run):
     values = tried.held()
     check(any(values.values()), "nothing was carried over")
     recording.begin_with_what_is_there()
-    recording.mark("begin", "upgrade", f"{rows['config']} {rows['secure']}")
     recording.begin_all(values)
+    recording.mark("begin", "upgrade", f"{rows['config']} {rows['secure']}")
     begin = os.path.getsize(recording.log_path)
     told = json.loads(recording.command("upgrade", "--force", "--json", recording.data))
     copy = os.path.relpath(told["backup"], recording.root)
-    recording.mark("begin", "file", copy, at=begin)
+    recording.mark_at(begin, "begin", "file", copy)
     recording.mark("ack", "file", copy)
     recording.ack_all(values)
     recording.mark("ack", "upgrade")

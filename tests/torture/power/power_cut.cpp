@@ -177,7 +177,8 @@ private:
     // Whatever a cut left, a look at it ends well; what it finds is the next start's to mend.
     void lookAhead() const {
         const Told told = run({"check", disk() + "/data"});
-        if (!WIFEXITED(told.status) || WEXITSTATUS(told.status) > 1)
+        constexpr int kWrongUse = 2;  // as where the folder is not there yet
+        if (!WIFEXITED(told.status) || WEXITSTATUS(told.status) > kWrongUse)
             throw Failed("sdconfig check, before the start, ends with " + std::to_string(told.status) + ": " +
                          told.said);
     }
