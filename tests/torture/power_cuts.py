@@ -252,7 +252,7 @@ def install(recording, run):
 
 
 # The states of the short and of the long form.
-SCENES = ((serve, 400, 45000), (trail, 100, 4000), (upgrade, 140, 26000), (backup, 220, 14000), (install, 140, 11000))
+SCENES = ((serve, 400, 42000), (trail, 100, 4000), (upgrade, 140, 28000), (backup, 220, 14000), (install, 140, 12000))
 
 
 def power(run):
