@@ -19,7 +19,8 @@ inline std::string folderAbove(const std::string& path) {
     return slash == 0 ? "/" : path.substr(0, slash);
 }
 
-// Makes what was created, renamed and removed in the folder last, where its file system syncs folders. False with errno.
+// Makes what was created, renamed and removed in the folder last, where its file system syncs folders. False with
+// errno.
 inline bool syncFolder(const std::string& path) {
     const UniqueFd folder(::open(path.empty() ? "." : path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return folder && (::fsync(folder.get()) == 0 || errno == EINVAL || errno == ENOSYS);

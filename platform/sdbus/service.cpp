@@ -146,10 +146,10 @@ void Service::beginStop(std::function<void()> whenStopped) {
     mResumeTimer.reset();
     mHandshakeTimer.reset();
     mSocket.closeListener();
+    if (mStopTimer) setTimer(mStopTimer.get(), kStopLimit);  // first: memory may run out over the rest
     for (const auto& peer : allPeers())
         if (peer->hasNothingQueued()) peer->close();
-    if (mPeers.empty()) return finishStop();
-    if (mStopTimer) setTimer(mStopTimer.get(), kStopLimit);
+    if (mPeers.empty()) finishStop();
 }
 
 void Service::finishStop() {

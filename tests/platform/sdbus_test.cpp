@@ -19,6 +19,7 @@
 
 #include "platform/sdbus/fork.h"
 #include "tests/platform/sdbus_support.h"
+#include "tests/support/scarce_memory.h"
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
@@ -506,6 +507,18 @@ TEST_F(RegistrationTest, WritesWhatIsQueuedBeforeItEnds) {
     bus().unregisterServiceInterface(kService);
     EXPECT_TRUE(answer.get()->getString(0) == large);
     EXPECT_FALSE(fs::exists(socket()));
+}
+
+TEST_F(RegistrationTest, EndsAlthoughMemoryRunsOutMeanwhile) {
+    for (std::uint64_t n = 1; n == 1 || ScarceMemory::hasFailed(); ++n) {
+        TestService service;
+        const int client = connectTo(socket());  // it stays
+        ASSERT_EQ(call(proxyTo(), "ECHO")->type(), 2);
+        const ScarceMemory scarce(ScarceMemory::Of::Others, n);
+        bus().unregisterServiceInterface(kService);
+        EXPECT_FALSE(fs::exists(socket()));
+        ::close(client);
+    }
 }
 
 // Root alone can play two users.
