@@ -346,10 +346,11 @@ public:
         Client client(mArguments.client, mLife.place(), mWatched.variables(mArguments.library));
         const bool hasBegun = client.ask("up").has_value();
         bool isUp = hasBegun && play(client, round + ".1", true);
-        if (isUp && mWatched.hasFailed()) {
-            mWatched.end();
-            isUp = play(client, round + ".2", false);
-        }
+        mWatched.end();
+        if (isUp && mWatched.hasFailed()) isUp = play(client, round + ".2", false);
+        // A deletion that failed is asked for again; one that was done asks the service for nothing.
+        for (const char* const turn : {".1", ".2"})
+            if (isUp) isUp = client.ask("listener.delete listened." + round + turn).has_value();
         const int status = client.end();
         if (hasBegun ? !isUp || status != 0 : !couldNotBegin(status))
             throw Failed("the client ended with status " + std::to_string(status) + ": " + client.said());
