@@ -82,7 +82,7 @@ private:
             {std::regex("(uid\"?[ :=]+)\\d+"), "$1UID"},
             {std::regex("(\"(mono|boot|unit|made|round_trip_us)\":)(\"[^\"]*\"|[0-9.]+)"), "$1#"},
             {std::regex("\\b\\d+(\\.\\d+)? (us|\u00b5s|ms)\\b"), "# $2"},
-            {std::regex("\\b\\d+ seconds? ago"), "# seconds ago"},
+            {std::regex("\\b\\d+ (second|minute)s? ago by BIN"), "# seconds ago by BIN"},  // on a slow machine
             {std::regex("\\b\\d+\\.\\d+\\.\\d+\\b"), "VERSION"},
             {std::regex("'sha256-[^']*"), "'sha256-HASH"},
             {std::regex("Configuration of [^<]*"), "Configuration of USER on HOST"},
