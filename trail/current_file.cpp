@@ -85,22 +85,19 @@ private:
     std::string mBytes;  // from the place of the blocks on
 };
 
-// Where a power cut left a hole among so many bytes at the end of a file; its size where there is none. What was
-// written later may be there without what was written before it, as long as neither was synced: that reads as zeros,
-// which no line has. All before the last start was synced then, and zeros in it are no power cut's.
-std::uint64_t holeOf(int file, std::uint64_t size, std::uint64_t unsynced) {
-    const std::uint64_t from = size - std::min(size, unsynced);
+// Where a power cut left a hole among so many bytes before that end, if it did. What was written later may be there
+// without what was written before it, as long as neither was synced: that reads as zeros, which no line has. All before
+// the last start was synced then, and zeros in it are no power cut's.
+std::optional<std::uint64_t> holeBefore(std::uint64_t end, int file, std::uint64_t unsynced) {
+    const std::uint64_t from = end - std::min(end, unsynced);
     const std::unique_ptr<Blocks> blocks = plainBlocks(file);
     blocks->setPlace(from);
     std::string bytes;
-    while (bytes.size() < size - from) {
-        const std::string block = blocks->next();
-        if (block.empty()) break;
-        bytes += block;
-    }
+    for (std::string block; bytes.size() < end - from && !(block = blocks->next()).empty();) bytes += block;
+    bytes.resize(std::min<std::size_t>(bytes.size(), end - from));
     const std::size_t start = bytes.rfind(R"("what":"START")");  // a text within an entry has its marks escaped
     const std::size_t hole = bytes.find('\0', start == std::string::npos ? 0 : start);
-    return hole == std::string::npos ? size : std::min(size, from + hole);
+    return hole == std::string::npos ? std::nullopt : std::optional(from + hole);
 }
 
 std::string bytesText(std::uint64_t bytes) {
@@ -124,11 +121,11 @@ CurrentFile::Found CurrentFile::open(const Digest& digest, std::uint64_t unsynce
     if (opened.file) {
         adopt(std::move(opened.file), opened.status);
         std::optional<LastLine> last = TailSearch(mFile->get(), mSize, digest).run();
-        const bool mayBeHollow = last && last->entry.what != "END";  // all before an end was synced
-        const std::uint64_t hole = mayBeHollow ? holeOf(mFile->get(), last->end, unsynced) : mSize;
-        const bool isHollow = mayBeHollow && hole < last->end;
-        if (isHollow) last = TailSearch(mFile->get(), hole, digest).run();
-        if (last && last->end < mSize) found.damage = keepTail(last->end, isHollow);
+        std::optional<std::uint64_t> hole;
+        if (last && last->entry.what != "END")  // all before an end was synced
+            hole = holeBefore(last->end, mFile->get(), unsynced);
+        if (hole) last = TailSearch(mFile->get(), *hole, digest).run();
+        if (last && last->end < mSize) found.damage = keepTail(last->end, hole.has_value());
         if (last) {
             found.head = last->head;
             found.last = last->entry;

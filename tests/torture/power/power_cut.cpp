@@ -16,10 +16,8 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <deque>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <map>
 #include <optional>
@@ -151,13 +149,13 @@ private:
         return found;
     }
 
-    struct Told {
+    struct Ran {
         int status;
         std::string text;  // what it printed
         std::string said;  // and what else
     };
 
-    Told run(std::vector<std::string> words) const {
+    Ran run(std::vector<std::string> words) const {
         words.insert(words.begin(), mArguments.sdconfig);
         const std::string output = mLife.place() + "/output", log = mLife.place() + "/said";
         const pid_t process = torture::spawn(words, {}, log, "/dev/null", output);
@@ -167,7 +165,7 @@ private:
     }
 
     std::string ran(const std::vector<std::string>& words) const {
-        const Told told = run(words);
+        const Ran told = run(words);
         if (told.status != 0)
             throw Failed("sdconfig " + words[0] + " ends with " + std::to_string(told.status) + ": " + told.text +
                          told.said);
@@ -176,7 +174,7 @@ private:
 
     // Whatever a cut left, a look at it ends well; what it finds is the next start's to mend.
     void lookAhead() const {
-        const Told told = run({"check", disk() + "/data"});
+        const Ran told = run({"check", disk() + "/data"});
         constexpr int kWrongUse = 2;  // as where the folder is not there yet
         if (!WIFEXITED(told.status) || WEXITSTATUS(told.status) > kWrongUse)
             throw Failed("sdconfig check, before the start, ends with " + std::to_string(told.status) + ": " +
@@ -185,7 +183,7 @@ private:
 
     // One that was cut finds all again, and carries it over.
     void upgradeAgain(Model& model) const {
-        const Told told = run({"upgrade", "--force", "--json", disk() + "/data"});
+        const Ran told = run({"upgrade", "--force", "--json", disk() + "/data"});
         if (told.status != 0)
             throw Failed("sdconfig upgrade, done again, ends with " + std::to_string(told.status) + ": " + told.said);
         const Json rows = Json::parse(told.text).at("rows");
