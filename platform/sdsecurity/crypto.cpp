@@ -16,6 +16,7 @@ namespace {
 const EVP_CIPHER* fetchCipher() {
     const EVP_CIPHER* const cipher = openssl().EVP_CIPHER_fetch(nullptr, "AES-256-GCM", nullptr);
     demand(cipher != nullptr);
+    openssl().ERR_clear_error();  // of another cipher, which it looks at on its way
     return cipher;
 }
 

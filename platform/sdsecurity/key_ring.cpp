@@ -66,6 +66,7 @@ SecretBytes derivedKey(std::string_view label, const SecretBytes& secret, std::s
 const EVP_MD* fetchSha256() {
     const EVP_MD* const sha256 = openssl().EVP_MD_fetch(nullptr, "SHA256", nullptr);
     demand(sha256 != nullptr);
+    openssl().ERR_clear_error();  // of another digest, which it looks at on its way
     return sha256;
 }
 
