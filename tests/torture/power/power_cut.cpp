@@ -274,52 +274,68 @@ std::string commandOf(const Arguments& arguments, long number) {
     return text;
 }
 
-void work(const Arguments& arguments, const std::vector<Entry>& log, Worker& worker,
-          const std::vector<std::size_t>& marks, const std::vector<std::pair<std::size_t, long>>& states, Told& told) {
-    Disk disk(arguments.root);
-    Model model;
-    // What a file that is written whole will be.
-    Disk whole(arguments.root);
-    std::map<std::string, std::deque<Content>> done;  // by path, one after the other
-    const auto seenIn = [](const Disk& of) {
-        return [&of](const std::string& path) { return contentIn(of.asSeen(), path); };
-    };
-    for (const Entry& entry : log) {
-        whole.apply(entry);
-        if (const auto path = fileIn(entry, "ack")) done[*path].push_back(seenIn(whole)(*path));
+// The log as it is played: a disk and the model of what it may hold.
+class Replay {
+public:
+    Replay(const std::string& root, const std::vector<Entry>& log) : mDisk(root) {
+        Disk whole(root);
+        for (const Entry& entry : log) {
+            whole.apply(entry);
+            if (const auto path = fileIn(entry, "ack")) mDone[*path].push_back(contentIn(whole.asSeen(), *path));
+        }
     }
-    std::size_t next = told.taken++;
-    for (std::size_t i = 0; i < log.size() && next < states.size(); ++i) {
-        disk.apply(log[i]);
-        if (log[i].kind == Kind::Mark) {
-            model.apply(log[i].data, seenIn(disk));
-            if (const auto path = fileIn(log[i], "begin")) {
-                model.foresee(*path, done.at(*path).front());
-                done.at(*path).pop_front();
-            }
+
+    void apply(const Entry& entry) {
+        mDisk.apply(entry);
+        if (entry.kind != Kind::Mark) return;
+        mModel.apply(entry.data, [this](const std::string& path) { return contentIn(mDisk.asSeen(), path); });
+        if (const auto path = fileIn(entry, "begin")) {
+            mModel.foresee(*path, mDone.at(*path).front());
+            mDone.at(*path).pop_front();
         }
-        for (; next < states.size() && states[next].first == i + 1; next = told.taken++) {
-            const long number = states[next].second;
-            ++told.done;
-            auto random = randomOf(arguments.seed, number);
-            (void)random();
-            const Files files = disk.afterCut(random);
-            if (arguments.only < 0 && !told.isNew(digestOf(marks[i + 1], files))) continue;
-            ++told.distinct;
-            const bool isLooked = arguments.only >= 0 || number % kLookEach == 0;
-            told.looks += isLooked ? 1 : 0;
-            try {
-                worker.put(files);
-                if (!arguments.folder.empty()) fs::copy(worker.disk(), arguments.folder, fs::copy_options::recursive);
-                worker.check(model, files, isLooked);
-            } catch (const Failed& failure) {
-                told.failed = true;
-                std::cout << "state " << number << " of seed " << arguments.seed << ", cut after call " << i + 1
-                          << " of " << log.size() << ": " << failure.what()
-                          << "\nagain: " << commandOf(arguments, number) << std::endl;
-            }
-            if (told.failed) return;
-        }
+    }
+
+    const Disk& disk() const { return mDisk; }
+    const Model& model() const { return mModel; }
+
+private:
+    Disk mDisk;
+    Model mModel;
+    std::map<std::string, std::deque<Content>> mDone;  // what files written whole will be, one after the other
+};
+
+// calls: how many came before the cut; marks: as many of them were marks.
+void tryState(const Arguments& arguments, long number, const Replay& replay, std::size_t calls, std::size_t marks,
+              Worker& worker, Told& told) {
+    ++told.done;
+    auto random = randomOf(arguments.seed, number);
+    (void)random();  // the place of the cut
+    const Files files = replay.disk().afterCut(random);
+    if (arguments.only < 0 && !told.isNew(digestOf(marks, files))) return;
+    ++told.distinct;
+    const bool isLooked = arguments.only >= 0 || number % kLookEach == 0;
+    told.looks += isLooked ? 1 : 0;
+    try {
+        worker.put(files);
+        if (!arguments.folder.empty()) fs::copy(worker.disk(), arguments.folder, fs::copy_options::recursive);
+        worker.check(replay.model(), files, isLooked);
+    } catch (const Failed& failure) {
+        told.failed = true;
+        std::cout << "state " << number << " of seed " << arguments.seed << ", cut after call " << calls << ": "
+                  << failure.what() << "\nagain: " << commandOf(arguments, number) << std::endl;
+    }
+}
+
+// Takes states, whose cuts come one after the other, until none is left or one failed.
+void work(const Arguments& arguments, const std::vector<Entry>& log,
+          const std::vector<std::pair<std::size_t, long>>& states, Worker& worker, Told& told) {
+    const std::vector<std::size_t> marks = marksBefore(log);
+    Replay replay(arguments.root, log);
+    std::size_t played = 0;
+    for (std::size_t next; !told.failed && (next = told.taken++) < states.size();) {
+        const auto [calls, number] = states[next];
+        while (played < calls) replay.apply(log[played++]);
+        tryState(arguments, number, replay, calls, marks[calls], worker, told);
     }
 }
 
@@ -345,7 +361,6 @@ int run(const Arguments& arguments) {
     if (!::mkdtemp(place)) throw Failed("no room in /dev/shm");
     void* const shared = ::mmap(nullptr, sizeof(Told), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     Told& told = *new (shared) Told;
-    const std::vector<std::size_t> marks = marksBefore(log);
     const std::vector<std::pair<std::size_t, long>> states = cuts(arguments, log.size());
     // They wait as long as they compute.
     const std::size_t workers = arguments.only >= 0 ? 1 : 2 * std::max(1U, std::thread::hardware_concurrency());
@@ -356,7 +371,7 @@ int run(const Arguments& arguments) {
         if (processes.back() != 0) continue;
         try {
             Worker worker(arguments, std::string(place) + "/" + std::to_string(i));
-            work(arguments, log, worker, marks, states, told);
+            work(arguments, log, states, worker, told);
         } catch (const std::exception& failure) {
             told.failed = true;
             std::cout << failure.what() << std::endl;
