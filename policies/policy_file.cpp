@@ -133,7 +133,6 @@ private:
         mEntry = PolicyEntry();
         mEntry.uri = name;
         mEntry.line = mPosition.line;
-        mField.clear();
         mIsFaulty = false;
         if (const std::string unfit = unfitUri(name); !unfit.empty())
             return fail("is a URI that " + unfit, kNameTheKey);

@@ -229,7 +229,8 @@ TEST_F(CliTest, TellsWhatIsWrongAndWhatToType) {
     namespace fs = std::filesystem;
     fs::permissions(path("data"), fs::perms::owner_all);
     fs::copy_file(SDCONFIGD, path("sdconfigd"));
-    Process service = Process::start({path("sdconfigd"), "--data-dir", path("data")}, environment());
+    Process service =
+        Process::start({"/usr/bin/env", "-C", path(""), path("sdconfigd"), "--data-dir", "data"}, environment());
     ASSERT_TRUE(service.waitForErr("sdconfigd: ready on "));
     cli({"secure", "set", "k", "secret"});
     expectDoctor(0, "ok: service: process " + std::to_string(service.pid()) + " answers in ");
