@@ -290,6 +290,13 @@ TEST(DescriptionTest, ABrokenFileHarmsNoOther) {
     for (int i = 0; i < 1001; ++i) many += (i ? ",\"a.*." : "\"a.*.") + std::to_string(i) + "\": {\"type\": \"int\"}";
     globs.add("globs", fileOf(many));
     EXPECT_THAT(globs.leftOut().at(0).fault.what, HasSubstr("more than 1,000 globs"));
+    Descriptions full;
+    std::string half = fileOf(R"("a": {"type": "int"})");
+    half.resize(std::size_t{32} << 20, ' ');
+    for (const char* name : {"one", "two"}) full.add(name, half);
+    EXPECT_TRUE(full.leftOut().empty());
+    full.add("more", fileOf(R"("b": {"type": "int"})"));
+    EXPECT_THAT(full.leftOut().at(0).fault.what, HasSubstr("more than 64 MiB"));
 }
 
 // A search that goes back would take longer than the universe is old.
