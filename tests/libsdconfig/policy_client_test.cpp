@@ -192,7 +192,7 @@ TEST_F(PolicyClientTest, WhatMemoryRunsOutOverIsCountedByBothSidesOrNeither) {
     Recorder listener;
     ASSERT_TRUE(mPolicies->RegisterListener("first", &listener, true));
     mService.takeCalls();
-    bool hasFailed = true;
+    bool hasFailed = true, hasToldWhy = false;
     for (std::uint64_t n = 1; hasFailed; ++n) {
         hasFailed = false;
         for (int kind = 0; kind < 6; ++kind) {  // three operations, with a lack that passes and one that lasts
@@ -208,6 +208,9 @@ TEST_F(PolicyClientTest, WhatMemoryRunsOutOverIsCountedByBothSidesOrNeither) {
                                        : mPolicies->RegisterListenersWithList(list, true);
                 hasFailed = hasFailed || test::ScarceMemory::hasFailed();
             }
+            EXPECT_TRUE(kind >= 4 || kind % 2 != 0 || isThere || mLog.has("", 7)) << key;
+            hasToldWhy = hasToldWhy || mLog.has(": std::bad_alloc", 7);
+            mLog.clear();
             const bool wasThere = unregister();
             EXPECT_TRUE(kind >= 4 || wasThere == isThere) << key;
             int counted = 0;  // by the service, as it was told
@@ -215,6 +218,7 @@ TEST_F(PolicyClientTest, WhatMemoryRunsOutOverIsCountedByBothSidesOrNeither) {
             EXPECT_EQ(counted, 0) << key;
         }
     }
+    EXPECT_TRUE(hasToldWhy);
 }
 
 TEST_F(PolicyClientTest, AListenerMayCallAnythingAndIsGoneOnceUnregistered) {
