@@ -117,6 +117,7 @@ TEST_F(LockedTest, EachCommandSaysLockedAndNoneDamaged) {
     EXPECT_THAT(told({"list", "--show", "--data-dir", data}), AllOf(isLocked, Not(HasSubstr("restore it"))));
     EXPECT_THAT(told({"key", "list", "--data-dir", data}), isLocked);
     EXPECT_THAT(told({"explain", "a", "--data-dir", data}), HasSubstr("can't be opened while the key ring is locked"));
+    EXPECT_THAT(told({"upgrade", "--force", data}), AllOf(isLocked, HasSubstr("sdconfig key recover\n")));
     const Result backup = cli({"backup", file, data}, "p\np\n");
     EXPECT_EQ(backup.exitCode, 0) << backup.err;
     EXPECT_THAT(backup.out, HasSubstr("key ring sealed"));
