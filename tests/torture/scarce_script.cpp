@@ -89,7 +89,7 @@ void change(Allowed& allowed, const std::string& kind, const std::string& key, c
     values.insert(value);
 }
 
-void weighChange(const Step& step, const std::string& kind, bool isDone, bool mayFail, Allowed& allowed) {
+void weighChange(const ScriptStep& step, const std::string& kind, bool isDone, bool mayFail, Allowed& allowed) {
     if (step.command == "policy.clear") {
         for (auto& [name, values] : allowed)
             if (name.first == kind) change(allowed, kind, name.second, "", isDone);
@@ -103,20 +103,20 @@ void weighChange(const Step& step, const std::string& kind, bool isDone, bool ma
 
 }  // namespace
 
-std::string prefixOf(const Step& step) {
+std::string prefixOf(const ScriptStep& step) {
     const bool isOfPolicy = step.command.compare(0, 6, "policy") == 0 || step.command == "strong.get";
     return isOfPolicy ? "policy." : "";
 }
 
-std::vector<Step> script(Whose whose, const std::string& round) {
+std::vector<ScriptStep> script(Whose whose, const std::string& round) {
     const std::string mine = "listened." + round;
     // A client that has listened to a key listens to it again by a list: it tells the service of a key alone but once.
     const std::string listen = round.back() == '1' ? "listener.set" : "listener.set.list";
-    std::vector<Step> steps{{"listener.set", mine, "1"},
-                            {"listener.get", mine},
-                            {listen, "heard", "1"},
-                            {listen, "p.heard", "1"},
-                            {"listener.set.list", "policy.heard", "1"}};
+    std::vector<ScriptStep> steps{{"listener.set", mine, "1"},
+                                  {"listener.get", mine},
+                                  {listen, "heard", "1"},
+                                  {listen, "p.heard", "1"},
+                                  {"listener.set.list", "policy.heard", "1"}};
     for (const std::string kind : {"secure", "policy"})
         steps.insert(steps.end(), {{kind + ".set", "a", round + ".a"},
                                    {kind + ".set", "big", round + std::string(20000, 'x')},
@@ -174,16 +174,16 @@ Allowed answersFromTheStart() {
             {{"fork", ""}, {"30"}}};
 }
 
-bool isChange(const Step& step) {
+bool isChange(const ScriptStep& step) {
     const std::string operation = step.command.substr(step.command.find('.') + 1);
     return operation != "list" && operation.compare(0, 3, "get") != 0;
 }
 
-bool isFailed(const Step& step, const std::optional<std::string>& answer) {
+bool isFailed(const ScriptStep& step, const std::optional<std::string>& answer) {
     return !answer || (isChange(step) && *answer != "1");
 }
 
-void weigh(const Step& step, const std::optional<std::string>& answer, bool mayFail, Allowed& allowed) {
+void weigh(const ScriptStep& step, const std::optional<std::string>& answer, bool mayFail, Allowed& allowed) {
     const std::string what = step.command + " " + step.key;
     const std::size_t dot = step.command.find('.');
     const std::string kind = step.command.substr(0, dot);
@@ -228,14 +228,14 @@ ServiceCaller::ServiceCaller() : mEvents(std::make_shared<Events>()) {
 }
 
 // The last value that was heard for the key, as soon as it is the one that is waited for.
-std::string ServiceCaller::lastOf(const Step& step, std::chrono::milliseconds limit) {
+std::string ServiceCaller::lastOf(const ScriptStep& step, std::chrono::milliseconds limit) {
     std::unique_lock lock(mEvents->mutex);
     const auto hasCome = [&] { return mEvents->last[step.key] == step.value; };
     if (mIsAnswered) mEvents->came.wait_for(lock, limit, hasCome);
     return mEvents->last[step.key];
 }
 
-std::optional<std::string> ServiceCaller::run(const Step& step, bool mayFail) {
+std::optional<std::string> ServiceCaller::run(const ScriptStep& step, bool mayFail) {
     const int limitMs = mayFail ? kScarceMs : kPlentyMs;
     if (step.command == "event.get") return lastOf(step, std::chrono::milliseconds(limitMs));
     const Method& method = methods().at(step.command);

@@ -14,7 +14,7 @@
 
 namespace torture {
 
-struct Step {
+struct ScriptStep {
     std::string command, key{}, value{};
     bool isAnothers = false;  // of a client of which nothing is kept
 };
@@ -22,10 +22,10 @@ struct Step {
 // Of each operation one, over values that are there and that are not. round: in each value, and no other round's. A
 // client calls from several threads and from a child, too.
 enum class Whose { Service, Client };
-std::vector<Step> script(Whose whose, const std::string& round);
+std::vector<ScriptStep> script(Whose whose, const std::string& round);
 
 // What its key begins with, so that no policy outweighs a secure value.
-std::string prefixOf(const Step& step);
+std::string prefixOf(const ScriptStep& step);
 
 // What a key may hold, or be answered with, by its kind and name: after a failure the old or the new.
 using Allowed = std::map<std::pair<std::string, std::string>, std::set<std::string>>;
@@ -37,11 +37,11 @@ std::string machinePolicies(const std::string& value);
 Allowed answersFromTheStart();
 
 // Whether the step was not done, nothing for no answer. A question has failed where it wasn't answered.
-bool isFailed(const Step& step, const std::optional<std::string>& answer);
+bool isFailed(const ScriptStep& step, const std::optional<std::string>& answer);
 
 // Weighs an answer; nothing for none. Throws Failed for a wrong one, which "" and "0" are to a question whose value is
 // there, and for a step that failed where nothing is scarce (!mayFail).
-void weigh(const Step& step, const std::optional<std::string>& answer, bool mayFail, Allowed& allowed);
+void weigh(const ScriptStep& step, const std::optional<std::string>& answer, bool mayFail, Allowed& allowed);
 
 // Calls the service of this process's folder, and hears of its events.
 class ServiceCaller {
@@ -50,11 +50,11 @@ public:
 
     // "1" and "0" for true and false, "" for no value, "key=value;" for each of a list; nothing without an answer, and
     // for one that says that it could not be read. mayFail: whether it is not waited for long.
-    std::optional<std::string> run(const Step& step, bool mayFail = false);
+    std::optional<std::string> run(const ScriptStep& step, bool mayFail = false);
 
 private:
     struct Events;
-    std::string lastOf(const Step& step, std::chrono::milliseconds limit);
+    std::string lastOf(const ScriptStep& step, std::chrono::milliseconds limit);
 
     std::shared_ptr<SDBusProxyInterface> mProxy;
     std::shared_ptr<Events> mEvents;

@@ -148,7 +148,7 @@ public:
         if (!mLife.start(service(makeFolder("template")))) throw Failed("no service: " + mLife.said());
         ServiceCaller caller;
         for (const std::string kind : {"secure", "policy"}) {
-            const Step step{kind + ".set", "kept", "kept." + kind};
+            const ScriptStep step{kind + ".set", "kept", "kept." + kind};
             weigh(step, caller.run(step), false, mKept);
         }
         const bool isKilled = mArguments.whose == "killed";
@@ -204,7 +204,7 @@ private:
             ServiceCaller caller;
             putMachinePolicies(round);
             for (const char* const key : kMachineKeys) allowed[{"machine", key}].insert(round);
-            for (const Step& step : script(Whose::Service, round)) {
+            for (const ScriptStep& step : script(Whose::Service, round)) {
                 const std::size_t said = textOf(mLife.log()).size();
                 const auto answer = caller.run(step, mayFail);
                 weigh(step, answer, mayFail, allowed);
@@ -222,7 +222,7 @@ private:
     }
 
     // Of a step that failed the log says so, behind what it said before; false where the service ends over it.
-    bool awaitLine(const Step& step, std::size_t said) const {
+    bool awaitLine(const ScriptStep& step, std::size_t said) const {
         const auto limit = std::chrono::steady_clock::now() + kLineLimit;
         while (!hasComplaint(textOf(mLife.log()).substr(said))) {
             if (mLife.endsWithin(1)) return false;
@@ -368,7 +368,7 @@ private:
     }
 
     bool play(Client& client, const std::string& round, bool mayFail) {
-        for (const Step& step : script(Whose::Client, round)) {
+        for (const ScriptStep& step : script(Whose::Client, round)) {
             if (step.isAnothers) {
                 weigh(step, mAnother->run(step), false, mAllowed);
                 continue;
@@ -382,7 +382,7 @@ private:
         return true;
     }
 
-    static std::string lineOf(const Step& step, bool mayFail) {
+    static std::string lineOf(const ScriptStep& step, bool mayFail) {
         static const std::map<std::string, std::string> kNames{
             {"secure.set", "set"},         {"secure.get", "get"}, {"secure.delete", "delete"},
             {"machine.get", "policy.get"}, {"sign.get", "sign"},  {"threads.get", "threads"},
@@ -396,7 +396,7 @@ private:
 
     // These facades say the same of what failed as of what is not there: that is their contract. Of calls from several
     // threads less were right, and none was wrong.
-    static bool isAsFailed(const Step& step, const std::optional<std::string>& answer) {
+    static bool isAsFailed(const ScriptStep& step, const std::optional<std::string>& answer) {
         static const std::map<std::string, std::string> kFailures{
             {"secure.get", ""},  {"property.get", ""}, {"constant.get", ""}, {"sign.get", ""},
             {"strong.get", "0"}, {"verify.get", "0"},  {"listener.get", "0"}};
@@ -407,7 +407,7 @@ private:
 
     // What the client prints, as the service has it; nothing for what says that it failed. A policy's priority comes
     // first. Calls from several threads are told by how many were right, wrong and failed.
-    static std::optional<std::string> plain(const Step& step, std::string answer) {
+    static std::optional<std::string> plain(const ScriptStep& step, std::string answer) {
         const bool hasNoList =
             answer.empty() && (step.command == "policy.get.list" || step.command == "properties.get");
         if (answer == "no memory" || answer == "-" || hasNoList) return std::nullopt;
