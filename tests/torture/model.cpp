@@ -1,9 +1,10 @@
-// Random histories of the real service, with which its model has to agree: the 22 methods by several clients, ends and
-// kills, and edits of the databases beneath it. Compared after each step: the answer, the listeners with their counts,
-// value, policy, control and property of each key, the events in their order, and the rows.
+// Plays random histories to the real service and to a model of it, and compares the two. Two clients call the 22
+// methods, the service is ended and killed, the databases and the product's files are edited beneath it. Compared after
+// each step are the answer, the listeners with their counts, the value, policy, control, property and constant of each
+// key, the events in their order, and the rows.
 //     model SEED HISTORIES STEPS SDCONFIGD
-// A history that disagrees, or after which the service doesn't start, end or tell of anything, is cut down to the
-// shortest of which that still holds, and told.
+// A history fails where the two disagree, and where the service doesn't start, doesn't end or sends no events. The
+// first one that fails is cut down until it passes without any single one of its steps, and printed.
 #include <sqlite3.h>
 #include <sys/types.h>
 
@@ -14,6 +15,7 @@
 #include <cstdlib>
 #include <deque>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <iostream>
 #include <map>
@@ -37,22 +39,35 @@ constexpr int kCallLimitMs = 5000;
 constexpr std::chrono::seconds kFenceLimit{10};
 constexpr std::chrono::milliseconds kFenceRetry{40};
 
-// What else happens to the service and its rows.
+// What a step may be: a call, or what else happens to the service, to its rows and to the product's files.
 const std::vector<std::string>& happenings() {
     static const std::vector<std::string> kAll = [] {
         std::vector<std::string> all = weightedMethods();
-        all.insert(all.end(), {"stop", "kill", "remove", "spoil", "hollow"});
+        all.insert(all.end(),
+                   {"LISTENERS_LIST", "stop", "kill", "remove", "spoil", "hollow", "define", "define", "constant"});
         return all;
     }();
     return kAll;
 }
 
+// The lines that the product's files begin with.
+const std::vector<Step>& product() {
+    static const std::vector<Step> kLines{
+        {"define", 0, {"k", "first"}, {}, false},        {"define", 0, {"k", "last"}, {}, true},
+        {"define", 0, {"net.proxy", "a=b"}, {}, false},  {"define", 0, {"ro.once", ""}, {}, false},
+        {"define", 0, {"ro.sd.uuid", "1"}, {}, false},   {"define", 0, {"ro.sd.uuid", "2"}, {}, false},
+        {"constant", 0, {"k", "first"}, {}, false},      {"constant", 0, {"k", "last"}, {}, false},
+        {"constant", 0, {"Net.Proxy", "a=b"}, {}, true}, {"constant", 0, {"ro.sd.uuid", ""}, {}, false}};
+    return kLines;
+}
+
 // What is asked after each step: who is listened to, and all of each key.
 const std::vector<Step>& questions() {
     static const std::vector<Step> kAll = [] {
-        std::vector<Step> all{{"LISTENERS_LIST", 0, {""}, {}, false}};
+        std::vector<Step> all{{"LISTENERS_LIST", 0, {""}, {}, false}, {"LST_PROPERTY", 0, {}, {}, false}};
         for (const std::string& key : Generator::keys())
-            for (const char* const method : {"GET_SECURE", "GET_POLICY", "ISSTRONG_CONTROL", "GET_PROPERTY"})
+            for (const char* const method :
+                 {"GET_SECURE", "GET_POLICY", "ISSTRONG_CONTROL", "GET_PROPERTY", "GET_CONST"})
                 all.push_back({method, 0, {key}, {}, false});
         return all;
     }();
@@ -111,7 +126,10 @@ private:
 
 class Rehearsal {
 public:
-    Rehearsal(std::string sdconfigd, const std::string& place) : mSdconfigd(std::move(sdconfigd)), mLife(place) {}
+    Rehearsal(std::string sdconfigd, const std::string& place) : mSdconfigd(std::move(sdconfigd)), mLife(place) {
+        fs::create_directories(productFolder());
+        fs::create_directories(fs::path(buildProp()).parent_path());
+    }
 
     // Why the real one disagrees, or "".
     std::string play(const std::vector<Step>& history) {
@@ -119,6 +137,8 @@ public:
         fs::create_directory(data());
         fs::permissions(data(), fs::perms::owner_all);
         Model model;
+        for (const std::string& file : {buildProp(), constants()}) fs::remove(file);
+        for (const Step& line : product()) addLine(line, model);
         std::string why;
         auto step = history.begin();
         try {
@@ -133,10 +153,14 @@ public:
 
 private:
     std::string data() const { return mLife.place() + "/data"; }
+    std::string productFolder() const { return mLife.place() + "/product/data"; }
+    std::string buildProp() const { return mLife.place() + "/product/etc/build.prop"; }
+    std::string constants() const { return mLife.place() + "/product/constants"; }
 
     void restart(int signal, Model& model) {
         if (signal != 0) (void)mLife.end(signal);
-        if (!mLife.start({mSdconfigd, "--data-dir", data(), "--product-dir", data()}))
+        if (!mLife.start(
+                {mSdconfigd, "--data-dir", data(), "--product-dir", productFolder(), "--constants", constants()}))
             throw Failed("the service doesn't start: " + mLife.said());
         if (mClients.empty())
             for (int i = 0; i < 2; ++i) mClients.push_back(std::make_unique<Client>());
@@ -166,6 +190,8 @@ private:
         } else if (step.method == "remove" || step.method == "spoil" || step.method == "hollow") {
             edit(step);
             model.edit(step);
+        } else if (step.method == "define" || step.method == "constant") {
+            addLine(step, model);
         } else {
             const auto real = mClients[step.client]->call(step);
             const auto wanted = model.answer(step);
@@ -182,8 +208,7 @@ private:
             const Step& question = questions()[i];
             const Fields wanted = model.answer(question);
             if (real[i] != wanted)
-                return question.method + " " + shown(question.texts[0]) + " is then answered " + text(real[i]) +
-                       ", not " + text(wanted);
+                return shown(question) + " is then answered " + text(real[i]) + ", not " + text(wanted);
         }
         return "";
     }
@@ -209,7 +234,13 @@ private:
         return all + "]";
     }
 
-    // ---- Rows ----
+    // ---- Files ----
+
+    void addLine(const Step& step, Model& model) const {
+        std::ofstream file(step.method == "define" ? buildProp() : constants(), std::ios::app);
+        if (!(file << productLine(step) << std::flush)) throw Failed("no line can be added to a file of the product's");
+        model.addLine(step);
+    }
 
     struct Table {
         const char* file;
@@ -219,7 +250,7 @@ private:
     static constexpr Table kPolicies{"dmhelper.db", "dmhelperconfig"};
 
     template <class Take>
-    void query(const Table& table, const std::string& sql, const std::string& key, Take take) const {
+    void query(const Table& table, const std::string& sql, const std::string* key, Take take) const {
         sqlite3* opened = nullptr;
         const int result = sqlite3_open((data() + "/" + table.file).c_str(), &opened);
         const std::unique_ptr<sqlite3, decltype(&sqlite3_close)> database(opened, sqlite3_close);
@@ -228,7 +259,7 @@ private:
         if (result != SQLITE_OK || sqlite3_prepare_v2(opened, sql.c_str(), -1, &prepared, nullptr) != SQLITE_OK)
             throw Failed(std::string("a database can't be read: ") + sqlite3_errmsg(opened));
         const std::unique_ptr<sqlite3_stmt, decltype(&sqlite3_finalize)> statement(prepared, sqlite3_finalize);
-        if (!key.empty()) sqlite3_bind_text(prepared, 1, key.c_str(), -1, SQLITE_TRANSIENT);
+        if (key) sqlite3_bind_text(prepared, 1, key->c_str(), -1, SQLITE_TRANSIENT);
         while (sqlite3_step(prepared) == SQLITE_ROW) take(prepared);
     }
 
@@ -239,7 +270,7 @@ private:
                                     : step.method == "spoil"
                                         ? "UPDATE " + name + " SET value = 'nothing that opens' WHERE key = ?"
                                         : "UPDATE " + name + " SET value = '' WHERE key = ?";
-            query(table, sql, step.texts[0], [](sqlite3_stmt*) {});
+            query(table, sql, &step.texts[0], [](sqlite3_stmt*) {});
         }
     }
 
@@ -248,7 +279,7 @@ private:
         for (const auto& [table, rows] :
              {std::pair(kSecure, &model.secure()), std::pair(kPolicies, &model.policies())}) {
             std::map<std::string, bool> real, wanted;
-            query(table, std::string("SELECT key, value = '' FROM ") + table.name, "", [&](sqlite3_stmt* row) {
+            query(table, std::string("SELECT key, value = '' FROM ") + table.name, nullptr, [&](sqlite3_stmt* row) {
                 real[reinterpret_cast<const char*>(sqlite3_column_text(row, 0))] = sqlite3_column_int(row, 1) != 0;
             });
             for (const auto& [key, row] : *rows) wanted[row.key] = row.text == "";
@@ -270,18 +301,25 @@ private:
 
 // ---- All ----
 
-// Takes away what is not needed for a disagreement.
-std::vector<Step> shortest(Rehearsal& rehearsal, std::vector<Step> history) {
-    for (std::size_t length = history.size() / 2; length > 0; length /= 2)
-        for (std::size_t at = 0; at + length <= history.size();) {
-            std::vector<Step> less = history;
-            less.erase(less.begin() + static_cast<std::ptrdiff_t>(at),
-                       less.begin() + static_cast<std::ptrdiff_t>(at + length));
-            if (rehearsal.play(less).empty())
-                at += length;
-            else
-                history = std::move(less);
-        }
+// Takes so many steps at a time away where the history fails without them, too. False where it never does.
+bool shorten(Rehearsal& rehearsal, std::vector<Step>& history, std::size_t length) {
+    const std::size_t before = history.size();
+    for (std::size_t at = 0; at + length <= history.size();) {
+        std::vector<Step> less = history;
+        less.erase(less.begin() + static_cast<std::ptrdiff_t>(at),
+                   less.begin() + static_cast<std::ptrdiff_t>(at + length));
+        if (rehearsal.play(less).empty())
+            at += length;
+        else
+            history = std::move(less);
+    }
+    return history.size() < before;
+}
+
+// What is left fails, and passes without any one of its steps.
+std::vector<Step> needed(Rehearsal& rehearsal, std::vector<Step> history) {
+    for (std::size_t length = history.size() / 2; length > 1; length /= 2) (void)shorten(rehearsal, history, length);
+    while (shorten(rehearsal, history, 1)) continue;  // without a step, one before it may be needless
     return history;
 }
 
@@ -294,7 +332,7 @@ int run(std::uint64_t seed, int histories, int steps, const std::string& sdconfi
         const std::vector<Step> history = Generator(own, happenings(), 2).history(steps);
         const std::string first = rehearsal.play(history);
         if (first.empty()) continue;
-        const std::vector<Step> less = shortest(rehearsal, history);
+        const std::vector<Step> less = needed(rehearsal, history);
         const std::string why = rehearsal.play(less);
         std::cout << "seed " << own << ", 1 history of " << steps
                   << " steps disagrees: " << (why.empty() ? "not each time, " + first : why) << "\n";

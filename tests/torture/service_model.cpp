@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <tuple>
 
-#include "base/letter_case.h"
-
 namespace torture {
 namespace {
 
@@ -19,6 +17,12 @@ std::string doubled(const std::string& text) {
         utf8 += static_cast<char>(byte >= 0x80 ? 0x80 | (byte & 0x3f) : byte);
     }
     return utf8;
+}
+
+std::string lower(std::string text) {
+    for (char& c : text)
+        if (c >= 'A' && c <= 'Z') c += 'a' - 'A';
+    return text;
 }
 
 }  // namespace
@@ -89,6 +93,12 @@ const std::vector<std::string>& weightedMethods() {
     return kMethods;
 }
 
+std::string productLine(const Step& step) {
+    const std::string line = step.texts[0] + (step.flag ? " = " : "=") + step.texts[1] + "\n";
+    const bool isComment = step.method == "constant" && step.texts[0].empty();  // the service takes none without a name
+    return isComment ? "#" + line : line;
+}
+
 std::vector<Step> Generator::history(int length) {
     std::vector<Step> steps(static_cast<std::size_t>(length));
     std::generate(steps.begin(), steps.end(), [this] { return step(); });
@@ -96,8 +106,8 @@ std::vector<Step> Generator::history(int length) {
 }
 
 const std::vector<std::string>& Generator::keys() {
-    static const std::vector<std::string> kKeys{"k",     "K",          "net.proxy", "Net.Proxy",
-                                                "other", "ro.sd.uuid", "ä",         "ro.once"};
+    static const std::vector<std::string> kKeys{"",  "k", "K",       "net.proxy",  "Net.Proxy",          "other",
+                                                "ä", "Ä", "ro.once", "ro.sd.uuid", "ro.sd.build.version"};
     return kKeys;
 }
 
@@ -130,7 +140,7 @@ Step Generator::step() {
 // ---- The model ----
 
 bool NoCase::operator()(const std::string& a, const std::string& b) const {
-    return sd::compareFolded(a, b) < 0;
+    return lower(a) < lower(b);
 }
 
 Fields fieldsOf(SDBusMessage& message) {
@@ -181,6 +191,8 @@ Fields Model::answer(const Step& step) {
 void Model::restart() {
     mProperties.clear();
     mListeners.clear();
+    for (const auto& [key, value] : mBuildProp) (void)storeProperty(key, value);
+    mConstants = mConstantsFile;
 }
 
 void Model::edit(const Step& step) {
@@ -194,6 +206,21 @@ void Model::edit(const Step& step) {
     }
 }
 
+void Model::addLine(const Step& step) {
+    const std::string& name = step.texts[0];
+    const std::string& value = step.texts[1];
+    if (step.method == "constant") {
+        // The blank behind "=" is the constant's.
+        if (!name.empty()) mConstantsFile[name] = (step.flag ? " " : "") + value;
+        return;
+    }
+    // The blanks about "=" are nobody's, but the one that a line begins with. A line has 1,023 bytes: what is beyond
+    // stands on a line of its own, and defines nothing.
+    constexpr std::size_t kLineMost = 1023;
+    const std::size_t before = name.size() + (step.flag ? 3 : 1);
+    mBuildProp.emplace_back(name.empty() && step.flag ? " " : name, value.substr(0, kLineMost - before));
+}
+
 std::map<std::string, int> Model::registrations() const {
     std::map<std::string, int> counts;
     for (const auto& [key, one] : mListeners) counts[key] = one.count;
@@ -201,8 +228,11 @@ std::map<std::string, int> Model::registrations() const {
 }
 
 bool Model::operator==(const Model& other) const {
-    return std::tie(mSecure, mPolicies, mProperties, mListeners) ==
-           std::tie(other.mSecure, other.mPolicies, other.mProperties, other.mListeners);
+    const auto all = [](const Model& one) {
+        return std::tie(one.mSecure, one.mPolicies, one.mBuildProp, one.mProperties, one.mConstantsFile, one.mConstants,
+                        one.mListeners);
+    };
+    return all(*this) == all(other);
 }
 
 std::optional<Model::Weighed> Model::policyOf(const Row& row) {
@@ -361,13 +391,32 @@ bool Model::isReadOnly(const std::string& key) {
     return key.compare(0, 3, "ro.") == 0;
 }
 
+bool Model::isOfRelease(const std::string& key) {
+    return key == "ro.sd.build.version" || key == "ro.sd.product.channel" || key == "ro.velmar.switch.env";
+}
+
+// A release's is what the file says first, now. It can be set where the file doesn't tell, but never shows.
+std::string Model::property(const std::string& key) const {
+    if (isOfRelease(key)) {
+        for (const auto& [defined, value] : mBuildProp)
+            if (defined == key) return value;
+        return "";
+    }
+    const auto found = mProperties.find(key);
+    return found == mProperties.end() ? "" : found->second;
+}
+
+bool Model::storeProperty(const std::string& key, const std::string& value) {
+    if (isReadOnly(key) && !property(key).empty()) return false;
+    mProperties[key] = value;
+    return true;
+}
+
 Fields Model::setProperty(const Step& step) {
-    std::string& value = mProperties[step.texts[0]];
-    if (isReadOnly(step.texts[0]) && !value.empty()) return {yes(false)};
-    const bool changed = value != step.texts[1];
-    value = step.texts[1];
-    if (changed) tellListeners(step.texts[0], value, true);
-    return {yes(true)};
+    const std::string old = property(step.texts[0]);
+    const bool isStored = storeProperty(step.texts[0], step.texts[1]);
+    if (isStored && step.texts[1] != old) tellListeners(step.texts[0], step.texts[1], true);
+    return {yes(isStored)};
 }
 
 Fields Model::deleteProperty(const Step& step) {
@@ -377,12 +426,11 @@ Fields Model::deleteProperty(const Step& step) {
 }
 
 Fields Model::getProperty(const Step& step) {
-    const auto found = mProperties.find(step.texts[0]);
-    return {found == mProperties.end() ? "" : found->second};
+    return {property(step.texts[0])};
 }
 
 Fields Model::listProperty(const Step& /*step*/) {
-    return {"0"};
+    return {"0"};  // whatever is set
 }
 
 // ---- Listeners, and the rest ----
@@ -416,15 +464,17 @@ Fields Model::isListened(const Step& step) {
 
 Fields Model::listListeners(const Step& step) {
     const std::string& after = step.texts[0];
-    const auto begin = after.empty() ? mListeners.begin() : mListeners.upper_bound(after);
-    Fields fields{yes(false), std::to_string(std::distance(begin, mListeners.end()))};
-    for (auto one = begin; one != mListeners.end(); ++one)
-        fields.insert(fields.end(), {one->first, std::to_string(one->second.count)});
+    Fields listed;
+    for (const auto& [key, one] : mListeners)
+        if (after.empty() || key > after) listed.insert(listed.end(), {key, std::to_string(one.count)});
+    Fields fields{yes(false), std::to_string(listed.size() / 2)};
+    fields.insert(fields.end(), listed.begin(), listed.end());
     return fields;
 }
 
-Fields Model::getConst(const Step& /*step*/) {
-    return {""};
+Fields Model::getConst(const Step& step) {
+    const auto found = mConstants.find(step.texts[0]);
+    return {found == mConstants.end() ? "" : found->second};
 }
 
 Fields Model::sign(const Step& step) {

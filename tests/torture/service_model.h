@@ -1,5 +1,5 @@
-// A second service, of a few hundred lines and without a disk: what the 22 methods and the list of listeners answer,
-// whom they tell of what, and the rows that they leave. And random calls to compare it with the real one by.
+// A model of the service, without a disk: what the 22 methods and the list of listeners answer, which events they send,
+// and which rows they leave. And a generator of random calls, by which the real service is compared with it.
 #pragma once
 
 #include <cstdint>
@@ -19,7 +19,7 @@ using Fields = std::vector<std::string>;
 // ---- Steps ----
 
 struct Step {
-    std::string method;  // or what else happens: an end of the service, an edit of rows
+    std::string method;  // or what else happens: an end of the service, an edit of rows or of the product's files
     std::size_t client = 0;
     std::vector<std::string> texts;
     std::vector<int> numbers;
@@ -37,6 +37,10 @@ void appendArguments(SDBusMessage& call, const Step& step);
 
 // Often what changes something, now and then what only asks.
 const std::vector<std::string>& weightedMethods();
+
+// What is written at the end of one of the product's files: by "define" to build.prop, by "constant" to the constants.
+// With blanks about "=" where the flag is set.
+std::string productLine(const Step& step);
 
 class Generator {
 public:
@@ -68,6 +72,7 @@ private:
 
 // ---- The model ----
 
+// Keys of rows don't tell upper from lower case, in ASCII alone.
 struct NoCase {
     bool operator()(const std::string& a, const std::string& b) const;
 };
@@ -96,10 +101,14 @@ public:
     // The fields of the answer. Events go to mEvents.
     Fields answer(const Step& step);
 
+    // Forgets what only the process knew, and reads the product's files.
     void restart();
 
     // An edit of the rows of both databases.
     void edit(const Step& step);
+
+    // A line more in one of the product's files.
+    void addLine(const Step& step);
 
     std::vector<Event> takeEvents() { return std::exchange(mEvents, {}); }
     const Rows& secure() const { return mSecure; }
@@ -153,6 +162,9 @@ private:
     // ---- Properties ----
 
     static bool isReadOnly(const std::string& key);
+    static bool isOfRelease(const std::string& key);
+    std::string property(const std::string& key) const;
+    bool storeProperty(const std::string& key, const std::string& value);
 
     Fields setProperty(const Step& step);
     Fields deleteProperty(const Step& step);
@@ -173,7 +185,10 @@ private:
 
     Rows mSecure;
     Rows mPolicies;
+    std::vector<std::pair<std::string, std::string>> mBuildProp;  // what its lines define, in their order
     std::map<std::string, std::string> mProperties;
+    std::map<std::string, std::string> mConstantsFile;
+    std::map<std::string, std::string> mConstants;  // as the file was at the start
     std::map<std::string, Registrations> mListeners;
     std::vector<Event> mEvents;
 };
