@@ -105,7 +105,10 @@ TEST_F(PolicyClientTest, ListenersHearInTheOrderOfRegistration) {
     connect();
     Recorder first, second;
     std::string order;
-    first.then = [&] { order += "1"; };
+    first.then = [&] {
+        order += "1";
+        throw 1;
+    };
     second.then = [&] {
         order += "2";
         throw std::runtime_error("spilt");
@@ -119,6 +122,7 @@ TEST_F(PolicyClientTest, ListenersHearInTheOrderOfRegistration) {
     fence();
     EXPECT_EQ(order, "211");
     EXPECT_EQ(mLog.count("a listener of key k threw: spilt", 7), 1);
+    EXPECT_EQ(mLog.count("a listener of key k threw", 7), 3);
     EXPECT_THAT(second.all(), ElementsAre("k=v!"));
 
     mService.takeCalls();
