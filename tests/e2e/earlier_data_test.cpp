@@ -18,12 +18,13 @@ protected:
 };
 
 TEST_F(EarlierDataTest, IsUsedUntilTheProgramHasItsOwn) {
-    const Result fresh = host();
-    EXPECT_EQ(fresh.out, mOwn + ": \n") << fresh.err;
+    const std::string usual = path("home/.local/share/plain_host");
+    const Result fresh = run({PLAIN_HOST}, {{"XDG_RUNTIME_DIR", path("run")}, {"HOME", path("home")}});
+    EXPECT_EQ(fresh.out, usual + ": \n") << fresh.err;
     struct stat made {};
-    ASSERT_EQ(::stat(mOwn.c_str(), &made), 0);
+    ASSERT_EQ(::stat((usual + "/sdconfig.db").c_str(), &made), 0);
+    ASSERT_EQ(::stat(usual.c_str(), &made), 0);
     EXPECT_EQ(made.st_mode & 0777u, 0700u);
-    std::filesystem::remove_all(mOwn);
 
     EXPECT_EQ(host({mEarlier, "earlier"}).out, mEarlier + ": earlier\n");
     const Result found = host();
