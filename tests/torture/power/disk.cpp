@@ -4,7 +4,7 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
-#include <optional>
+#include <set>
 #include <stdexcept>
 
 namespace power {
@@ -12,15 +12,6 @@ namespace {
 
 std::size_t upTo(std::size_t most, std::mt19937_64& random) {
     return std::uniform_int_distribution<std::size_t>(0, most)(random);
-}
-
-// How much of the write stands before a bound between two sectors of the file that lies within it; nothing where none
-// does.
-std::optional<std::size_t> tear(std::uint64_t at, std::size_t size, std::mt19937_64& random) {
-    const std::size_t sector = upTo(1, random) == 0 ? 512 : 4096;
-    const std::size_t first = sector - at % sector;
-    if (first >= size) return std::nullopt;
-    return first + upTo((size - first - 1) / sector, random) * sector;
 }
 
 // As the kernel shows what is open and has no name.
@@ -119,6 +110,19 @@ void Disk::rename(const Entry& entry) {
     name({to.first, {{from, entry.number != 0 ? nodeAt(to) : kNone}, {to, node}}});
 }
 
+void Disk::syncFile(const Entry& entry) {
+    const int node = fileOf(entry);
+    Node& synced = mNodes[static_cast<std::size_t>(node)];
+    synced.synced = synced.seen;
+    synced.pending.clear();
+    const auto isItsOwn = [node](const Naming& naming) {
+        return std::any_of(naming.names.begin(), naming.names.end(),
+                           [&](const auto& name) { return name.second == node; });
+    };
+    const auto last = std::find_if(mPending.rbegin(), mPending.rend(), isItsOwn);
+    if (last != mPending.rend()) last->isFileSynced = true;
+}
+
 void Disk::syncFolder(const std::string& path) {
     const int folder = path == mRoot ? 0 : nodeAt(placeOf(path));
     const auto isHere = [&](const Naming& naming) { return naming.folder == folder; };
@@ -144,11 +148,8 @@ void Disk::apply(const Entry& entry) {
             return change(file(entry), {number, entry.data, false});
         case Kind::Truncate:
             return change(file(entry), {number, "", true});
-        case Kind::Sync: {
-            Node& synced = file(entry);
-            synced.synced = synced.seen;
-            return synced.pending.clear();
-        }
+        case Kind::Sync:
+            return syncFile(entry);
         case Kind::SyncFolder:
             return syncFolder(entry.path);
         case Kind::Rename:
@@ -186,6 +187,18 @@ Files Disk::asSeen() const {
     return files;
 }
 
+// The first of the sectors that a write went to, the last, or any.
+void Disk::applyPart(const Change& change, std::string& content, std::mt19937_64& random) {
+    const std::size_t sector = upTo(1, random) == 0 ? 512 : 4096;
+    const std::size_t end = change.at + change.data.size(), bound = change.at + upTo(change.data.size(), random);
+    const auto part = upTo(2, random);
+    for (std::size_t at = change.at, next; at < end; at = next) {
+        next = std::min(end, (at / sector + 1) * sector);
+        const bool isKept = part == 0 ? next <= bound : part == 1 ? at >= bound : upTo(1, random) == 1;
+        if (isKept) apply({at, change.data.substr(at - change.at, next - at), false}, content);
+    }
+}
+
 std::string Disk::contentAfterCut(const Node& file, int mode, std::mt19937_64& random) {
     enum Mode { kNothing, kAll, kFirst, kSome };  // of what is pending
     if (mode == kNothing) return file.synced;
@@ -193,29 +206,44 @@ std::string Disk::contentAfterCut(const Node& file, int mode, std::mt19937_64& r
     std::string content = file.synced;
     const std::size_t first = upTo(file.pending.size(), random);
     for (std::size_t i = 0; i < file.pending.size(); ++i) {
-        Change change = file.pending[i];
+        const Change& change = file.pending[i];
         const bool isKept = mode == kFirst ? i < first : upTo(1, random) == 1;
-        const bool mayTear = !change.isTruncation && (mode == kFirst ? i == first : upTo(3, random) == 0);
-        if (const auto place = mayTear ? tear(change.at, change.data.size(), random) : std::nullopt) {
-            if (const bool isEnd = upTo(3, random) == 0; isEnd) {
-                change.at += *place;
-                change.data.erase(0, *place);
-            } else {
-                change.data.resize(*place);
-            }
+        const bool isTorn = !change.isTruncation && (mode == kFirst ? i == first : upTo(3, random) == 0);
+        if (isTorn)
+            applyPart(change, content, random);
+        else if (isKept)
             apply(change, content);
-        } else if (isKept) {
-            apply(change, content);
-        }
+        const bool isSizeKept = !change.isTruncation && (isTorn || !isKept) && upTo(3, random) == 0;
+        if (isSizeKept) content.resize(std::max(content.size(), change.at + change.data.size()));
     }
     return content;
 }
 
-Files Disk::afterCut(std::mt19937_64& random) const {
+// Whatever is kept of the pending changes, those before it of the same names are, too.
+Disk::Names Disk::namesAfterCut(std::mt19937_64& random) const {
+    enum Mode { kNothing, kAll, kFirst, kSome };
+    const auto mode = static_cast<Mode>(upTo(3, random));
+    const std::size_t first = mode == kAll ? mPending.size() : mode == kFirst ? upTo(mPending.size(), random) : 0;
+    const bool areFilesSynced = upTo(1, random) == 1;  // with their names
+    std::vector<bool> areKept(mPending.size());
+    std::set<Place> changed;
+    for (std::size_t i = mPending.size(); i-- > 0;) {
+        const Naming& naming = mPending[i];
+        const bool isChosen = i < first || (mode == kSome && upTo(1, random) == 1);
+        const auto isChanged = [&](const auto& name) { return changed.count(name.first) != 0; };
+        areKept[i] = isChosen || (areFilesSynced && naming.isFileSynced) ||
+                     std::any_of(naming.names.begin(), naming.names.end(), isChanged);
+        if (!areKept[i]) continue;
+        for (const auto& [place, node] : naming.names) changed.insert(place);
+    }
     Names names = mSynced;
-    std::size_t kept = upTo(mPending.size(), random);
-    if (const auto choice = upTo(3, random); choice < 2) kept = choice == 0 ? 0 : mPending.size();
-    for (std::size_t i = 0; i < kept; ++i) apply(mPending[i], names);
+    for (std::size_t i = 0; i < mPending.size(); ++i)
+        if (areKept[i]) apply(mPending[i], names);
+    return names;
+}
+
+Files Disk::afterCut(std::mt19937_64& random) const {
+    const Names names = namesAfterCut(random);
     const auto mode = static_cast<int>(upTo(4, random));  // the same for all files, or one each
     const auto contentOf = [&](const Node& file) {
         return contentAfterCut(file, mode == 4 ? static_cast<int>(upTo(3, random)) : mode, random);

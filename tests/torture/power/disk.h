@@ -38,10 +38,11 @@ public:
     Files asSeen() const;
 
     // The files that a cut at this moment may leave. All that was synced is there, in a folder that is. Of what was
-    // written to a file since its last sync there is all, nothing, or some: a whole write, or a part of it at its begin
-    // or end, torn between two sectors of 512 or 4,096 bytes of the file, in whatever order. Of the changes of names
-    // since their folder's last sync there are the first few: so a rename may be there before its file's data, and a
-    // folder whose own name was not synced may be gone with all in it.
+    // written to a file since its last sync there is all, nothing, or some, in whatever order: a whole write, or some
+    // of the sectors of 512 or 4,096 bytes of the file that it went to; or the size that it gave the file, which then
+    // reads as zeros. Of the changes of names since their folder's last sync there are the first few, or any: so a
+    // rename may be there before its file's data, and a folder whose own name was not synced may be gone with all in
+    // it. On some disks a file's sync makes its own last name last.
     Files afterCut(std::mt19937_64& random) const;
 
 private:
@@ -62,6 +63,7 @@ private:
     struct Naming {  // a change of names
         int folder;  // whose sync makes it last
         std::vector<std::pair<Place, int>> names;
+        bool isFileSynced = false;  // the file that it names was, since
     };
     static constexpr int kNone = -1;
 
@@ -73,10 +75,13 @@ private:
     static void change(Node& file, Change change);
     void name(Naming naming);
     void rename(const Entry& entry);
+    void syncFile(const Entry& entry);
     void syncFolder(const std::string& path);
     static void apply(const Naming& naming, Names& names);
     static void apply(const Change& change, std::string& content);
+    static void applyPart(const Change& change, std::string& content, std::mt19937_64& random);
     static std::string contentAfterCut(const Node& file, int mode, std::mt19937_64& random);
+    Names namesAfterCut(std::mt19937_64& random) const;
     template <class ContentOf>
     void collect(const Names& names, int folder, const std::string& path, const ContentOf& contentOf,
                  Files& files) const;
