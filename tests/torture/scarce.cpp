@@ -27,6 +27,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "tests/torture/interposed.h"
+
 extern "C" {
 // The C library's own allocator, by the names under which it stays within reach.
 // NOLINTBEGIN(bugprone-reserved-identifier)
@@ -39,6 +41,8 @@ void* __libc_memalign(size_t alignment, size_t size);
 
 namespace {
 
+using torture::modeOf;
+using torture::next;
 using torture::Scarcity;
 
 // The model asks for no memory.
@@ -83,11 +87,6 @@ bool isRefused(Scarcity::Kind kind, const void* caller) {
     return true;
 }
 
-template <class Function>
-Function* next(const char* name) {
-    return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
-}
-
 // What `call` gives, or `none` with that error.
 template <class Result, class Call>
 Result unless(Scarcity::Kind kind, const void* caller, int error, Result none, Call&& call) {
@@ -104,10 +103,6 @@ void* memory(const void* caller, Call&& call) {
 template <class Call>
 int descriptor(const void* caller, Call&& call) {
     return unless(Scarcity::Descriptor, caller, EMFILE, -1, call);
-}
-
-mode_t modeOf(int flags, va_list arguments) {
-    return (flags & O_CREAT) || (flags & O_TMPFILE) == O_TMPFILE ? va_arg(arguments, mode_t) : 0;
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 // A library to preload: notes what the process does to files below $POWER_ROOT, in $POWER_LOG. Each call and its record
 // are one step for all processes that are recorded, so that the records tell the order on the disk.
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -16,16 +15,14 @@
 #include <string>
 #include <string_view>
 
+#include "tests/torture/interposed.h"
 #include "tests/torture/power/record.h"
 
 namespace {
 
 using power::Kind;
-
-template <class Function>
-Function* next(const char* name) {
-    return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
-}
+using torture::modeOf;
+using torture::next;
 
 const std::string& root() {
     static const std::string sRoot = ::getenv("POWER_ROOT") ? ::getenv("POWER_ROOT") : "";
@@ -174,10 +171,6 @@ int synced(int fd, const char* call) {
     if (const std::string path = pathOf(fd); result == 0 && (isWatched(path) || path == root()))
         step.note(isFolder(fd) ? Kind::SyncFolder : Kind::Sync, fileOf(fd), 0, path);
     return result;
-}
-
-mode_t modeOf(int flags, va_list arguments) {
-    return (flags & O_CREAT) || (flags & O_TMPFILE) == O_TMPFILE ? va_arg(arguments, mode_t) : 0;
 }
 
 }  // namespace
