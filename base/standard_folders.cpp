@@ -81,7 +81,11 @@ std::vector<std::string> dataFolders(const FolderVariables& variables, const std
 
 std::string makeFolder(const std::string& folder) {
     struct stat status {};
-    if (::stat(folder.c_str(), &status) == 0) return S_ISDIR(status.st_mode) ? "" : folder + " is not a folder";
+    if (::stat(folder.c_str(), &status) == 0) {
+        if (!S_ISDIR(status.st_mode)) return folder + " is not a folder";
+        syncNameOfEmpty(folder);
+        return "";
+    }
     const std::string above = folderAbove(folder);
     if (std::string problem = makeFolder(above); !problem.empty()) return problem;
     const bool isMade = ::mkdir(folder.c_str(), 0700) == 0;

@@ -1,11 +1,13 @@
 // Folders whose names a power cut leaves as they are.
 #pragma once
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstddef>
+#include <memory>
 #include <string>
 
 #include "base/unique_fd.h"
@@ -24,6 +26,16 @@ inline std::string folderAbove(const std::string& path) {
 inline bool syncFolder(const std::string& path) {
     const UniqueFd folder(::open(path.empty() ? "." : path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return folder && (::fsync(folder.get()) == 0 || errno == EINVAL || errno == ENOSYS);
+}
+
+// For a folder that was there. Whoever made it may have been killed before its name was synced, which comes before
+// anything is put into it: an empty one's is synced now, where that can be done.
+inline void syncNameOfEmpty(const std::string& folder) {
+    const std::unique_ptr<DIR, int (*)(DIR*)> list(::opendir(folder.c_str()), ::closedir);
+    if (!list) return;
+    int names = 0;
+    while (names <= 2 && ::readdir(list.get())) ++names;    // NOLINT(concurrency-mt-unsafe): a list of our own
+    if (names <= 2) (void)syncFolder(folderAbove(folder));  // "." and ".."
 }
 
 }  // namespace sd

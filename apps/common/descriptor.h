@@ -8,5 +8,6 @@ namespace apps {
 
 using Descriptor = sd::UniqueFd;
 using sd::syncFolder;
+using sd::syncNameOfEmpty;
 
 }  // namespace apps

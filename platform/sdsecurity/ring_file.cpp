@@ -211,7 +211,10 @@ bool makeFolder(const std::string& path, bool parents, std::string& reason) {
         if (!makeFolder(parent, true, reason)) return false;
         made = ::mkdir(path.c_str(), 0700);
     }
-    if (made != 0 && errno == EEXIST) return true;
+    if (made != 0 && errno == EEXIST) {
+        syncNameOfEmpty(path);
+        return true;
+    }
     // The mode is not left to the umask, and the folder is to be found after a power cut.
     if (made == 0 && ::chmod(path.c_str(), 0700) == 0 && syncFolder(parent)) return true;
     reason = systemError("mkdir " + path);

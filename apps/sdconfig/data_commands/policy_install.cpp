@@ -63,8 +63,9 @@ Problem prepare(const std::string& folder, bool mayMake) {
         fs::path path;
         for (const fs::path& part : fs::path(folder)) {
             path /= part;
-            if (::mkdir(path.c_str(), kFolderMode) != 0) continue;
-            if (::chmod(path.c_str(), kFolderMode) != 0 || !apps::syncFolder(path.parent_path()))
+            if (::mkdir(path.c_str(), kFolderMode) != 0)
+                apps::syncNameOfEmpty(path);
+            else if (::chmod(path.c_str(), kFolderMode) != 0 || !apps::syncFolder(path.parent_path()))
                 return {path.string() + ": " + std::strerror(errno), "see that the folder above it can be written"};
         }
     }
