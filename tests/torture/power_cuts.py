@@ -10,7 +10,7 @@ import subprocess
 import pieces
 from pieces import Failed, Service, check
 
-EXISTS, MARK = 0, 10  # of record.h
+EXISTS, MAKE_FOLDER, MARK = 0, 6, 10  # of record.h
 # What a client's first call stores, in that order.
 POWER_SETTINGS = {("secure", f"config.device.{name}"): value for name, value in (
     ("batteryBrightness", "50"), ("chargeBrightness", "80"), ("chargeDimDisplayTime", "15"),
@@ -65,12 +65,22 @@ class Recording:
                 with open(path, "rb") as file:
                     self.note(EXISTS, path, file.read(), os.stat(path).st_ino)
 
+    def make_folder(self, path):
+        """As one does that is killed before it syncs the name."""
+        os.mkdir(path, 0o700)
+        self.note(MAKE_FOLDER, path, b"", os.stat(path).st_ino)
+
     def start(self):
         own = [option.replace("@", self.root, 1) for option in self.options]
         prefix = ["env", *(f"{name}={value}" for name, value in self.variables.items())]
         service = Service(self.world, ("--data-dir", self.data, *own), prefix)
         service.wait_until_ready()
+        self.mark("ack", "start")
         return service
+
+    def stop(self, service):
+        self.mark("begin", "end")
+        service.stop()
 
     def command(self, *arguments, text="", recorded=True):
         environment = {**self.world.environment, **(self.variables if recorded else {})}
@@ -119,7 +129,7 @@ class Recording:
     def replay(self, seed, states):
         options = ["--", *self.options] if self.options else []
         arguments = [self.log_path, self.root, str(seed), str(states), pieces.PROGRAMS["sdconfigd"],
-                     pieces.PROGRAMS["sdconfig"], *options]
+                     pieces.PROGRAMS["sdconfig"], pieces.PROGRAMS["power_recorder"], *options]
         done = subprocess.run([pieces.PROGRAMS["power_cut"], *arguments], text=True, capture_output=True, check=False)
         if done.returncode != 0:
             kept = f"/tmp/{os.path.basename(self.log_path)}.{os.getpid()}"
@@ -154,22 +164,33 @@ def apply_list(recording, random, number):
     recording.ack_all(values)
 
 
+def rotate_key(recording, is_resealing):
+    recording.mark("begin", "key")
+    recording.command("key", "rotate", *(["--reseal"] if is_resealing else []))
+    listing = json.loads(recording.command("key", "list", "--data-dir", recording.data, "--json", recorded=False))
+    sealing = next(key["key"] for key in listing["keys"] if key["state"] == "sealing")
+    recording.mark("ack", "key", sealing, *(["resealed"] if is_resealing else []))
+
+
 def serve(recording, run):
-    """First start, sets, deletions, lists, keys that are made, everything sealed anew, ends and kills."""
+    """First start after one that was killed, sets, deletions, lists, keys that are made, everything sealed anew, ends
+    and kills."""
+    recording.make_folder(recording.data)
     service, client, number = recording.start(), recording.client(), 0
     for life in range(4):
         number = write_some(recording, client, run.random, 12, number)
         apply_list(recording, run.random, number)
-        recording.command("key", "rotate", *(["--reseal"] if life % 2 else []))
+        rotate_key(recording, life % 2)
         number = write_some(recording, client, run.random, 8, number)
-        service.stop() if life % 2 else service.kill()
+        recording.stop(service) if life % 2 else service.kill()
         service = recording.start()
-    service.stop()
+    recording.stop(service)
 
 
 def trail(recording, run):
     """A trail that goes on in other files, which are packed, and the oldest dropped."""
     recording.options = ["--audit-size", "1", "--audit-keep", "2", "--audit-reads", "read.*"]
+    recording.mark("begin", "dropping")
     service, client = recording.start(), recording.client()
     key = "read." + "k" * 60000
     recording.write(client, "secure", key, "value")
@@ -181,7 +202,7 @@ def trail(recording, run):
             service = recording.start()
     pieces.wait_for(lambda: sum(name.endswith(".zst") for name in os.listdir(recording.data)) == 2,
                     "the packing of what is kept of the trail besides")
-    service.stop()
+    recording.stop(service)
 
 
 def upgrade(recording, run):
@@ -205,7 +226,6 @@ def upgrade(recording, run):
     copy = os.path.relpath(told["backup"], recording.root)
     recording.mark_at(begin, "begin", "file", copy)
     recording.mark("ack", "file", copy)
-    recording.ack_all(values)
     recording.mark("ack", "upgrade")
     service = recording.start()
     write_some(recording, recording.client(), run.random, 5, 0)
@@ -225,17 +245,22 @@ def backup(recording, run):
         recording.mark("ack", "file", file)
         held = recording.held()
         write_some(recording, client, run.random, 8, 100 * number + 50)
-        service.stop()
+        recording.stop(service)
         values = {key: held.get(key, "") for key in {**recording.held(), **held}}
+        recording.mark("begin", "restore", file)
         recording.begin_all(values, "restore")
-        recording.command("restore", os.path.join(recording.root, file), recording.data, "--force",
-                          text="passphrase\n")
-        recording.ack_all(values)
+        told = json.loads(recording.command("restore", os.path.join(recording.root, file), recording.data, "--force",
+                                            "--json", text="passphrase\n"))
+        recording.mark("ack", "restore", os.path.relpath(told["old"], recording.root))
 
 
 def install(recording, run):
     """Policies of the machine, installed and replaced."""
-    recording.options = ["--policy-dir", "@/policies"]
+    recording.options = ["--policy-dir", "@/machine/policies"]
+    folder = os.path.join(recording.root, "machine/policies")
+    os.mkdir(os.path.dirname(folder))
+    recording.begin_with_what_is_there()
+    recording.make_folder(folder)
     service, client = recording.start(), recording.client()
     for number in range(6):
         write_some(recording, client, run.random, 3, 10 * number)
@@ -243,10 +268,9 @@ def install(recording, run):
         path = put_policies(recording, policies)
         values = {("machine", key): value for key, value in policies.items()}
         recording.begin_all(values, "install")
-        recording.mark("begin", "file", "policies/50-some.json")
-        recording.command("policy", "install", path, "--name", "50-some", "--policy-dir",
-                          os.path.join(recording.root, "policies"))
-        recording.mark("ack", "file", "policies/50-some.json")
+        recording.mark("begin", "file", "machine/policies/50-some.json")
+        recording.command("policy", "install", path, "--name", "50-some", "--policy-dir", folder)
+        recording.mark("ack", "file", "machine/policies/50-some.json")
         recording.ack_all(values)
     service.kill()
 

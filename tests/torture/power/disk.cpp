@@ -1,11 +1,16 @@
 #include "tests/torture/power/disk.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <iterator>
 #include <set>
 #include <stdexcept>
+
+#include "base/unique_fd.h"
 
 namespace power {
 namespace {
@@ -38,6 +43,16 @@ std::vector<Entry> readLog(const std::string& path) {
         at += record.pathLength + record.dataLength;
     }
     return entries;
+}
+
+void appendToLog(const std::string& path, const Entry& entry) {
+    const Record record{entry.kind, static_cast<std::uint32_t>(entry.path.size()), entry.file, entry.number,
+                        entry.data.size()};
+    std::string bytes(reinterpret_cast<const char*>(&record), sizeof record);
+    bytes += entry.path + entry.data;
+    const sd::UniqueFd log(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600));
+    if (::write(log.get(), bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
+        throw std::runtime_error("no room for a log of calls");
 }
 
 Disk::Place Disk::placeOf(const std::string& path) const {

@@ -24,6 +24,9 @@ struct Entry {
 // Throws std::runtime_error where the log is cut or none.
 std::vector<Entry> readLog(const std::string& path);
 
+// In one step, beside others that do so.
+void appendToLog(const std::string& path, const Entry& entry);
+
 // By path below the root of what was recorded. A folder's path ends in a slash.
 using Files = std::map<std::string, std::string>;
 

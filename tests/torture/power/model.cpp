@@ -1,9 +1,11 @@
 #include "tests/torture/power/model.h"
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <iterator>
 #include <sstream>
+#include <string_view>
 
 #include "tests/torture/service_life.h"
 
@@ -37,10 +39,8 @@ std::string lastOf(const std::vector<std::string>& keys) {
     return text;
 }
 
-bool isTail(const TrailRead& trail, const std::vector<std::string>& changes) {
-    if (trail.isWhole ? trail.keys.size() != changes.size() : trail.keys.size() > changes.size()) return false;
-    return std::equal(trail.keys.rbegin(), trail.keys.rend(), changes.rbegin());
-}
+constexpr std::array kDescribed{"data/sdconfig.db", "data/dmhelper.db", "data/sdsecurity.keys"};  // by the mark
+constexpr std::array kLogs{"data/sdconfig.db-wal", "data/dmhelper.db-wal"};
 
 }  // namespace
 
@@ -49,22 +49,67 @@ Content contentIn(const Files& files, const std::string& path) {
     return found == files.end() ? std::nullopt : Content(found->second);
 }
 
+std::vector<std::string> replacedFolders(const Files& files) {
+    constexpr std::string_view kBegin = "data.", kEnd = ".old/";
+    std::vector<std::string> folders;
+    for (auto at = files.lower_bound(std::string(kBegin)); at != files.end(); ++at) {
+        const std::string& path = at->first;
+        if (path.compare(0, kBegin.size(), kBegin) != 0) break;
+        const bool isOne = path.find('/') == path.size() - 1 && path.size() > kBegin.size() + kEnd.size() &&
+                           path.compare(path.size() - kEnd.size(), kEnd.size(), kEnd) == 0;
+        if (isOne) folders.push_back(path.substr(0, path.size() - 1));
+    }
+    return folders;
+}
+
 void Model::apply(const std::string& mark, const Seen& seen) {
     const auto field = fields(mark);
     const bool isAck = field[0] == "ack";
-    if (field[1] == "upgrade") {
-        mUpgrade = isAck ? "" : field[2];
-    } else if (field[1] == "file") {
+    if (field[1] == "file") {
         const Content content = seen(field[2]);
         if (isAck && !content) throw Failed(field[2] + " was acknowledged and is not there");
         if (isAck) mFiles[field[2]].clear();
         mFiles[field[2]].insert(content);
-    } else if (isAck) {
-        acknowledge({field[1], field[2]});
+        if (isAck) mChangesBefore[field[2]] = mChanges;
+    } else {
+        isAck ? acknowledge(field) : begin(field);
+    }
+}
+
+void Model::begin(const std::vector<std::string>& field) {
+    if (field[1] == "upgrade") {
+        mUpgrade = field[2];
+    } else if (field[1] == "restore") {
+        mRestore = {stored(false), mChangesBefore.at(field[2])};
+    } else if (field[1] == "key") {
+        mSealingKey.clear();
+        mIsResealed = false;
+    } else if (field[1] == "end") {
+        mIsServed = false;
+    } else if (field[1] == "dropping") {
+        mIsTrailDropped = true;
     } else {
         mKeys.emplace(field[1], field[2]);
         mUnderWay.push_back({{field[1], field[2]}, field[3], field[4]});
-        mIsTrailAnothers = mIsTrailAnothers || field[4] == "restore";
+    }
+}
+
+void Model::acknowledge(const std::vector<std::string>& field) {
+    if (field[1] == "upgrade") {
+        settleAll();
+        mUpgrade.clear();
+    } else if (field[1] == "restore") {
+        settleAll();
+        mChanges = mRestore->changes;
+        mReplaced[field[2]] = mRestore->before;
+        mRestore.reset();
+    } else if (field[1] == "key") {
+        mSealingKey = field[2];
+        mIsResealed = !field[3].empty();
+    } else if (field[1] == "start") {
+        mIsServed = true;
+    } else {
+        acknowledge(Key{field[1], field[2]});
     }
 }
 
@@ -90,17 +135,65 @@ void Model::settleAll() {
     mUnderWay.clear();
 }
 
-// Whether the trail has an entry of it: what is not there can't be deleted, the machine's are not stored, and an
-// upgrade has one as a whole.
+void Model::settle(const Values& found, const Files& files) {
+    const auto isDone = [&](const UnderWay& one) { return valueIn(found, one.key) == one.value; };
+    const Values after = stored(true);
+    const std::vector<UnderWay> all = std::exchange(mUnderWay, {});
+    for (const UnderWay& one : all)
+        if (isDone(one)) settle(one);
+    for (auto& [path, allowed] : mFiles) allowed = {contentIn(files, path)};
+    if (!mRestore) return;
+    const bool isRestored = std::any_of(all.begin(), all.end(), [&](const UnderWay& one) {
+        return isDone(one) && one.value != valueIn(mRestore->before, one.key);
+    });
+    for (const std::string& old : replacedFolders(files)) mReplaced.emplace(old, isRestored ? mRestore->before : after);
+    if (isRestored) mChanges = mRestore->changes;
+    mRestore.reset();
+}
+
+// All that a data folder has by what was acknowledged, or once all that is under way is done.
+Values Model::stored(bool isAllDone) const {
+    Values values = mSettled;
+    for (const UnderWay& one : mUnderWay)
+        if (isAllDone) values[one.key] = one.value;
+    for (auto at = values.begin(); at != values.end();)
+        at = at->first.first == "machine" || at->second.empty() ? values.erase(at) : std::next(at);
+    return values;
+}
+
+// Whether the trail has an entry of it: what is not there can't be deleted, the machine's are not stored, an upgrade
+// has one as a whole, and a restore brings a trail along.
 bool Model::isTold(const UnderWay& change) const {
     const bool isNothing = change.value.empty() && valueIn(mSettled, change.key).empty();
-    return mUpgrade.empty() && change.key.first != "machine" && !isNothing;
+    return mUpgrade.empty() && !mRestore && change.key.first != "machine" && !isNothing;
 }
 
 void Model::checkFiles(const Files& files) const {
     for (const auto& [path, allowed] : mFiles)
         if (const Content found = contentIn(files, path); allowed.count(found) == 0)
             throw Failed(path + (found ? " holds " + shown(*found) : " is not there"));
+    for (const auto& [old, values] : mReplaced)
+        if (files.count(old + "/") == 0) throw Failed(old + ", which a restore made, is not there");
+    checkCleanEnd(files);
+}
+
+void Model::noteCleanEnd(const Files& seen) {
+    Files& described = mCleanEnds[seen.at(kCleanEndMark)];
+    for (const char* const path : kDescribed)
+        if (const Content content = contentIn(seen, path)) described[path] = *content;
+}
+
+// A start trusts the mark where the files' times agree, too, as they may after a cut. So they have to be what it tells
+// of, unless a log is left over, which it sees.
+void Model::checkCleanEnd(const Files& files) const {
+    const Content mark = contentIn(files, kCleanEndMark);
+    if (mark && mIsServed) throw Failed("the mark of a clean end is there, though a service was ready since");
+    const auto end = mark ? mCleanEnds.find(*mark) : mCleanEnds.end();
+    const auto holdsBytes = [&](const char* log) { return contentIn(files, log).value_or("") != ""; };
+    if (end == mCleanEnds.end() || std::any_of(kLogs.begin(), kLogs.end(), holdsBytes)) return;
+    for (const char* const path : kDescribed)
+        if (contentIn(files, path) != contentIn(end->second, path))
+            throw Failed(std::string("the mark of a clean end is there, and tells of another ") + path);
 }
 
 void Model::checkValues(const Values& found) const {
@@ -137,6 +230,13 @@ void Model::checkStored(const Values& stored) const {
     checkValues(all);
 }
 
+// Without a key ring it has nothing yet.
+bool Model::isTrailOf(const std::vector<std::string>& changes, const TrailRead& trail) const {
+    const bool isAll = (trail.isWhole || changes.empty()) && trail.keys.size() == changes.size();
+    const bool isLater = mIsTrailDropped && !trail.isWhole && trail.keys.size() <= changes.size();
+    return (isAll || isLater) && std::equal(trail.keys.rbegin(), trail.keys.rend(), changes.rbegin());
+}
+
 // Whether so many of what is under way were done, and no others of what the trail tells of.
 bool Model::areDone(std::size_t first, const Values& found) const {
     for (std::size_t i = 0; i < mUnderWay.size(); ++i) {
@@ -149,13 +249,27 @@ bool Model::areDone(std::size_t first, const Values& found) const {
 
 // A change and its entry are one commit: those under way that are stored have theirs, and no others.
 void Model::checkTrail(const TrailRead& trail, const Values& found) const {
-    if (mIsTrailAnothers) return;
+    if (mRestore && isTrailOf(mRestore->changes, trail)) return;
     std::vector<std::string> changes = mChanges;
     for (std::size_t done = 0; done <= mUnderWay.size(); ++done) {
         if (done > 0 && isTold(mUnderWay[done - 1])) changes.push_back(mUnderWay[done - 1].key.second);
-        if (isTail(trail, changes) && areDone(done, found)) return;
+        if (isTrailOf(changes, trail) && areDone(done, found)) return;
     }
     throw Failed("the trail has " + lastOf(trail.keys) + "; acknowledged were " + lastOf(mChanges));
+}
+
+void Model::checkRing(const RingRead& ring) const {
+    if (ring.sealing != mSealingKey) throw Failed("the key " + ring.sealing + " seals; made was " + mSealingKey);
+    if (mIsResealed && ring.sealedByOthers > 0)
+        throw Failed(std::to_string(ring.sealedByOthers) + " rows are sealed by other keys than " + mSealingKey);
+}
+
+void Model::checkReplaced(const std::string& old, const Values& inOld, const Values& inStored) const {
+    const auto known = mReplaced.find(old);
+    if (known != mReplaced.end() && inOld == known->second) return;
+    const std::set<Values> both{inOld, inStored};  // one of them is what was there before, the other one the backup's
+    if (known == mReplaced.end() && mRestore && both == std::set<Values>{mRestore->before, stored(true)}) return;
+    throw Failed(old + " has " + std::to_string(inOld.size()) + " values, and not those that a restore put there");
 }
 
 }  // namespace power

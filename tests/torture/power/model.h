@@ -21,16 +21,32 @@ using Values = std::map<Key, std::string>;  // "": there is none
 using Content = std::optional<std::string>;
 Content contentIn(const Files& files, const std::string& path);
 
+// By which a service that ended as told spares the next start its check of the databases.
+inline constexpr char kCleanEndMark[] = "data/sdconfigd.clean";
+
+// What restores put others in the place of.
+std::vector<std::string> replacedFolders(const Files& files);
+
 // The changes that a trail tells of, the oldest first.
 struct TrailRead {
     std::vector<std::string> keys;
     bool isWhole = false;  // it goes back to the first entry
 };
 
-// Fed with the marks of a log, fields between tabs: "begin KIND KEY VALUE" and "ack KIND KEY" of a write, where VALUE
-// "" is a deletion and a fifth field names a set that is written whole or not at all; "begin file PATH" and "ack file
-// PATH" of a file that is written whole; "begin upgrade ROWS" and "ack upgrade". What doesn't agree is thrown as
-// Failed.
+// The keys of a ring.
+struct RingRead {
+    std::string sealing;      // the id of the key that seals
+    long sealedByOthers = 0;  // values and policies
+};
+
+// Fed with the marks of a log, fields between tabs. What doesn't agree is thrown as Failed. The marks:
+//     begin KIND KEY VALUE [SET], ack KIND KEY    a write; VALUE "": a deletion; a SET is written whole or not at all
+//     begin file PATH, ack file PATH              a file that is written whole
+//     begin upgrade ROWS, ack upgrade             with all writes under way
+//     begin restore FILE, ack restore OLD         of a backup, with all writes under way; what was there before is in
+//     OLD begin key, ack key ID [resealed]            a new key that seals; resealed: all that was sealed, too ack
+//     start, begin end                        of a service; one that is killed has no such end begin dropping the
+//     trail's oldest files may go from now on
 class Model {
 public:
     using Seen = std::function<Content(const std::string& path)>;  // the file at the moment of the mark
@@ -38,17 +54,25 @@ public:
 
     // What a file under way will be when it is done.
     void foresee(const std::string& path, const Content& content) { mFiles[path].insert(content); }
+    // The mark of a clean end has come about, and tells of these files.
+    void noteCleanEnd(const Files& seen);
 
     const std::set<Key>& keys() const { return mKeys; }
     // "" where none is under way; else how many rows of earlier versions it finds.
     const std::string& upgrade() const { return mUpgrade; }
+    bool isSealingKeyKnown() const { return !mSealingKey.empty(); }
     // All that is under way was done.
     void settleAll();
+    // What is under way was done where it is found, and will not be where it is not.
+    void settle(const Values& found, const Files& files);
 
     void checkFiles(const Files& files) const;
     void checkValues(const Values& found) const;   // of all keys
     void checkStored(const Values& stored) const;  // all that a data folder lists
     void checkTrail(const TrailRead& trail, const Values& found) const;
+    void checkRing(const RingRead& ring) const;
+    // That a restore put what is stored now in the place of what `old` holds, or was about to.
+    void checkReplaced(const std::string& old, const Values& inOld, const Values& inStored) const;
 
 private:
     struct UnderWay {
@@ -57,9 +81,19 @@ private:
         std::string set;
     };
 
+    struct Restore {
+        Values before;                     // what is stored
+        std::vector<std::string> changes;  // of the trail that it brings along
+    };
+
+    void begin(const std::vector<std::string>& field);
+    void acknowledge(const std::vector<std::string>& field);
     void acknowledge(const Key& key);
     void settle(const UnderWay& change);
+    Values stored(bool isAllDone) const;
+    void checkCleanEnd(const Files& files) const;
     bool isTold(const UnderWay& change) const;
+    bool isTrailOf(const std::vector<std::string>& changes, const TrailRead& trail) const;
     bool areDone(std::size_t first, const Values& found) const;
     void checkSet(const std::string& set, const Values& found) const;
 
@@ -68,8 +102,15 @@ private:
     std::vector<UnderWay> mUnderWay;
     std::map<std::string, std::set<Content>> mFiles;
     std::vector<std::string> mChanges;  // acknowledged, as the trail tells of them
-    bool mIsTrailAnothers = false;      // a restore brings one along
+    bool mIsTrailDropped = false;       // in part, its oldest files
     std::string mUpgrade;
+    std::map<std::string, std::vector<std::string>> mChangesBefore;  // a file was written
+    std::optional<Restore> mRestore;                                 // under way
+    std::map<std::string, Values> mReplaced;                         // by restores, and by what folder has it
+    std::string mSealingKey;                                         // "": not known
+    bool mIsResealed = false;
+    bool mIsServed = false;                   // since the last clean end, if any
+    std::map<std::string, Files> mCleanEnds;  // by the text of the mark
 };
 
 }  // namespace power

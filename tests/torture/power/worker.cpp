@@ -1,0 +1,246 @@
+#include "tests/torture/power/worker.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <set>
+#include <sstream>
+#include <utility>
+
+#include <nlohmann/json.hpp>
+
+#include "base/unique_fd.h"
+
+namespace power {
+namespace {
+
+namespace fs = std::filesystem;
+using Json = nlohmann::json;
+using torture::Failed;
+
+constexpr int kCallLimitMs = 10000;
+
+void makeFolder(const std::string& path) {
+    fs::create_directory(path);
+    fs::permissions(path, fs::perms::owner_all);
+}
+
+Files filesIn(const std::string& folder) {
+    Files files;
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(folder)) {
+        const std::string path = entry.path().lexically_relative(folder);
+        if (entry.is_directory())
+            files[path + "/"];
+        else
+            files[path] = torture::textOf(entry.path());
+    }
+    return files;
+}
+
+TrailRead readTrail(const std::string& text) {
+    static const std::set<std::string> kChanges{"SET_SECURE", "DEL_SECURE", "SET_POLICY", "SET_POLICYLIST",
+                                                "DELETE_POLICY"};
+    TrailRead trail;
+    std::istringstream lines(text);
+    bool isFirst = true;
+    for (std::string line; std::getline(lines, line); isFirst = false) {
+        const Json entry = Json::parse(line);
+        if (isFirst) trail.isWhole = entry.at("seq") == 1;
+        if (kChanges.count(entry.at("what")) != 0) trail.keys.push_back(entry.at("key"));
+    }
+    return trail;
+}
+
+RingRead readRing(const std::string& text) {
+    RingRead ring;
+    const Json listing = Json::parse(text);
+    for (const Json& key : listing.at("keys")) {
+        if (key.at("state") == "sealing")
+            ring.sealing = key.at("key");
+        else
+            ring.sealedByOthers += key.at("values").get<long>() + key.at("policies").get<long>();
+    }
+    return ring;
+}
+
+}  // namespace
+
+void Worker::put(const Files& files) const {
+    fs::remove_all(disk());
+    makeFolder(disk());
+    for (const auto& [path, content] : files) {  // a folder comes before what is in it
+        const std::string target = disk() + "/" + path;
+        if (path.back() == '/') {
+            makeFolder(target);
+            continue;
+        }
+        const sd::UniqueFd file(::open(target.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+        if (::write(file.get(), content.data(), content.size()) != static_cast<ssize_t>(content.size()))
+            throw Failed("no room for a state");
+    }
+}
+
+void Worker::check(Model model, const Files& files, Look look) {
+    const bool isWhole = look == Look::Whole;
+    model.checkFiles(files);
+    const bool isSound = isWhole && isFoundSound(files);
+    if (isWhole && !model.upgrade().empty()) {
+        upgradeAgain(model);
+        model.settleAll();
+    }
+    start();
+    try {
+        const Values found = ask(model);
+        model.checkValues(found);
+        if (isSound) checkNoDamageIsTold();
+        const int status = mLife.end(isWhole ? SIGTERM : SIGKILL);
+        if (isWhole && status != 0) throw Failed("the service ends with " + std::to_string(status));
+        if (isWhole) lookAt(model, files, found);
+    } catch (const std::exception& failure) {
+        throw Failed(failure.what() + ("; the service said: " + mLife.said()));
+    }
+}
+
+std::vector<Entry> Worker::record(Model& model, const Files& files, bool isKilled) {
+    constexpr int kSets = 3;
+    fs::remove(recording());
+    put(files);
+    for (const auto& [path, content] : files) noteExisting(path, content);
+    const Words variables{"LD_PRELOAD=" + mPrograms.recorder, "POWER_ROOT=" + disk(), "POWER_LOG=" + recording()};
+    const bool isUpgrade = !model.upgrade().empty();
+    if (isUpgrade) {
+        upgradeAgain(model, variables);
+        mark("ack\tupgrade");
+    }
+    start(variables);
+    mark("ack\tstart");
+    if (!isUpgrade) model.settle(ask(model), files);
+    for (int i = 0; i < kSets; ++i) {
+        const std::string key = "after.cut." + std::to_string(i);
+        mark("begin\tsecure\t" + key + "\tvalue");
+        set(key, "value");
+        mark("ack\tsecure\t" + key);
+    }
+    if (!isKilled) mark("begin\tend");
+    mLife.end(isKilled ? SIGKILL : SIGTERM);
+    return readLog(recording());
+}
+
+void Worker::noteExisting(const std::string& path, const std::string& content) const {
+    const bool isFolder = path.back() == '/';
+    const std::string target = disk() + "/" + path.substr(0, path.size() - (isFolder ? 1 : 0));
+    struct stat status {};
+    if (::stat(target.c_str(), &status) != 0) throw Failed("there is no " + target);
+    appendToLog(recording(), {Kind::Exists, status.st_ino, isFolder ? 1 : 0, target, content});
+}
+
+void Worker::mark(const std::string& text) const {
+    appendToLog(recording(), {Kind::Mark, 0, 0, "", text});
+}
+
+void Worker::start(const Words& variables) {
+    Words words{mPrograms.sdconfigd, "--data-dir", disk() + "/data"};
+    for (std::string option : mPrograms.options) {
+        if (option[0] == '@') option.replace(0, 1, disk());
+        words.push_back(std::move(option));
+    }
+    if (!mLife.start(words, variables)) throw Failed("the service doesn't start: " + mLife.said());
+}
+
+SDBusProxyInterface& Worker::proxy() {
+    if (!mProxy) mProxy = SDBusSerivceManager::initSync(-1)->getServiceProxyInterface("sdconfig", SDBusSameUser, 1);
+    return *mProxy;
+}
+
+Values Worker::ask(const Model& model) {
+    std::vector<std::shared_ptr<SDBusMessage>> calls;
+    for (const auto& [kind, name] : model.keys()) {
+        calls.push_back(proxy().makeMethodCallMessage(kind == "secure" ? "GET_SECURE" : "GET_POLICY"));
+        calls.back()->appendString(name);
+    }
+    const auto answers = proxy().callsWithRepliesBlocking(calls, kCallLimitMs);
+    Values found;
+    auto answer = answers.begin();
+    for (const Key& key : model.keys()) {
+        if ((*answer)->type() != 2) throw Failed(key.second + ": no answer");
+        found[key] = (*answer++)->getString(0);
+    }
+    return found;
+}
+
+void Worker::set(const std::string& key, const std::string& value) {
+    auto call = proxy().makeMethodCallMessage("SET_SECURE");
+    call->appendString(key);
+    call->appendString(value);
+    const auto answer = proxy().callWithReplyBlocking(std::move(call), kCallLimitMs);
+    if (answer->type() != 2 || !answer->getBool(0)) throw Failed(key + " can't be set: " + mLife.said());
+}
+
+Worker::Ran Worker::run(Words words, const Words& variables) const {
+    words.insert(words.begin(), mPrograms.sdconfig);
+    const std::string output = mLife.place() + "/output", log = mLife.place() + "/said";
+    const pid_t process = torture::spawn(words, variables, log, "/dev/null", output);
+    int status = 0;
+    ::waitpid(process, &status, 0);
+    if (!WIFEXITED(status)) throw Failed("sdconfig " + words[1] + " ends with " + std::to_string(status));
+    return {WEXITSTATUS(status), torture::textOf(output), torture::textOf(log)};
+}
+
+std::string Worker::ran(const Words& words, const Words& variables) const {
+    const Ran told = run(words, variables);
+    if (told.code != 0)
+        throw Failed("sdconfig " + words[0] + " ends with " + std::to_string(told.code) + ": " + told.text + told.said);
+    return told.text;
+}
+
+// Whatever a cut left, a look at it ends well, says what it finds, and leaves all as it is; the rest is the next
+// start's to mend.
+bool Worker::isFoundSound(const Files& files) const {
+    const Ran told = run({"check", disk() + "/data"});
+    constexpr int kWrongUse = 2;  // as where the folder is not there yet
+    const bool isSaid = told.code != 1 || told.text.find("finding: ") != std::string::npos;
+    if (told.code > kWrongUse || !isSaid)
+        throw Failed("sdconfig check, before the start, ends with " + std::to_string(told.code) + ": " + told.text +
+                     told.said);
+    if (filesIn(disk()) != files) throw Failed("sdconfig check changes what it looks at");
+    return told.code == 0;
+}
+
+void Worker::checkNoDamageIsTold() const {
+    const std::string said = mLife.said();
+    if (said.find(" E ") != std::string::npos)
+        throw Failed("sdconfig check found nothing before the start, which does");
+}
+
+// One that was cut finds all again, and carries it over.
+void Worker::upgradeAgain(const Model& model, const Words& variables) const {
+    const Json rows = Json::parse(ran({"upgrade", "--force", "--json", disk() + "/data"}, variables)).at("rows");
+    const std::string found = rows.at("config").dump() + " " + rows.at("secure").dump();
+    if (found != model.upgrade()) throw Failed("an earlier version's tables have " + found + " rows");
+}
+
+Values Worker::storedIn(const std::string& folder) const {
+    const Json listing = Json::parse(ran({"list", "--data-dir", folder, "--show", "--json"}));
+    Values stored;
+    for (const Json& row : listing.at("secure")) stored[{"secure", row.at("key")}] = row.at("value");
+    for (const Json& row : listing.at("policies")) stored[{"policy", row.at("uri")}] = row.at("value");
+    return stored;
+}
+
+// After an end by itself the folder is sound, and has what was written and nothing else, each with its entry.
+void Worker::lookAt(const Model& model, const Files& files, const Values& found) const {
+    const std::string data = disk() + "/data";
+    (void)ran({"check", data});
+    const Values stored = storedIn(data);
+    model.checkStored(stored);
+    model.checkTrail(readTrail(ran({"log", "--reverse", "--json", "--data-dir", data})), found);
+    if (model.isSealingKeyKnown()) model.checkRing(readRing(ran({"key", "list", "--json", "--data-dir", data})));
+    for (const std::string& old : replacedFolders(files))
+        model.checkReplaced(old, storedIn(disk() + "/" + old), stored);
+}
+
+}  // namespace power

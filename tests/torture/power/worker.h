@@ -1,0 +1,67 @@
+// The real service and command line on a disk after a cut: what they answer is compared with the model.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/sdbus/sdbus.h"
+#include "tests/torture/power/disk.h"
+#include "tests/torture/power/model.h"
+#include "tests/torture/service_life.h"
+
+namespace power {
+
+struct Programs {
+    std::string sdconfigd, sdconfig;
+    std::string recorder;              // the library to preload
+    std::vector<std::string> options;  // of the service, with the root of what was recorded written as @
+};
+
+enum class Look { Short, Whole };
+
+// A folder of its own, and the service on each state in it.
+class Worker {
+public:
+    Worker(const Programs& programs, const std::string& place) : mPrograms(programs), mLife(place) {}
+
+    std::string disk() const { return mLife.place() + "/disk"; }
+    void put(const Files& files) const;
+
+    // Of the files that were put.
+    void check(Model model, const Files& files, Look look);
+
+    // Starts the service on the files once more, has it store some values and end, and returns what was done to them.
+    // The model, of the begin, is told what the start makes of what was under way.
+    std::vector<Entry> record(Model& model, const Files& files, bool isKilled);
+    // The log of that.
+    std::string recording() const { return mLife.place() + "/calls"; }
+
+private:
+    struct Ran {
+        int code;
+        std::string text;  // what it printed
+        std::string said;  // and what else
+    };
+    using Words = std::vector<std::string>;
+
+    void noteExisting(const std::string& path, const std::string& content) const;
+    void mark(const std::string& text) const;
+    void start(const Words& variables = {});
+    SDBusProxyInterface& proxy();
+    Values ask(const Model& model);
+    void set(const std::string& key, const std::string& value);
+    Ran run(Words words, const Words& variables = {}) const;
+    std::string ran(const Words& words, const Words& variables = {}) const;
+    bool isFoundSound(const Files& files) const;
+    void checkNoDamageIsTold() const;
+    void upgradeAgain(const Model& model, const Words& variables = {}) const;
+    Values storedIn(const std::string& folder) const;
+    void lookAt(const Model& model, const Files& files, const Values& found) const;
+
+    const Programs& mPrograms;
+    torture::ServiceLife mLife;
+    std::shared_ptr<SDBusProxyInterface> mProxy;
+};
+
+}  // namespace power
