@@ -87,7 +87,7 @@ private:
 
 // Where a power cut left a hole among so many bytes before that end, if it did. What was written later may be there
 // without what was written before it, as long as neither was synced: that reads as zeros, which no line has. All before
-// the last start was synced then, and zeros in it are no power cut's.
+// the line of the last start was synced then, and zeros in it are no power cut's.
 std::optional<std::uint64_t> holeBefore(std::uint64_t end, int file, std::uint64_t unsynced) {
     const std::uint64_t from = end - std::min(end, unsynced);
     const std::unique_ptr<Blocks> blocks = plainBlocks(file);
@@ -96,7 +96,8 @@ std::optional<std::uint64_t> holeBefore(std::uint64_t end, int file, std::uint64
     for (std::string block; bytes.size() < end - from && !(block = blocks->next()).empty();) bytes += block;
     bytes.resize(std::min<std::size_t>(bytes.size(), end - from));
     const std::size_t start = bytes.rfind(R"("what":"START")");  // a text within an entry has its marks escaped
-    const std::size_t hole = bytes.find('\0', start == std::string::npos ? 0 : start);
+    const std::size_t line = start == std::string::npos ? 0 : bytes.rfind('\n', start) + 1;
+    const std::size_t hole = bytes.find('\0', line);
     return hole == std::string::npos ? std::nullopt : std::optional(from + hole);
 }
 

@@ -192,6 +192,13 @@ TEST_F(WriterTest, WhatAPowerCutTookFromTheFileComesFromTheSlots) {
         EXPECT_EQ(test::contentOf(path()).size(), started.size());
         EXPECT_THAT(problem(), HasSubstr("not JSON"));
     }
+    const std::size_t start = started.rfind('{', started.rfind("START"));
+    test::putContent(path(), std::string(started).replace(start, 9, 9, '\0'));
+    {
+        Writer writer(options());
+        EXPECT_THAT(open(writer).damages, ElementsAre(HasSubstr("are in trail.torn")));
+        EXPECT_EQ(problem(), "");
+    }
     // A file that is gone was there all the same.
     fs::remove(path());
     {
