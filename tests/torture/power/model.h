@@ -42,11 +42,11 @@ struct RingRead {
 // Fed with the marks of a log, fields between tabs. What doesn't agree is thrown as Failed. The marks:
 //     begin KIND KEY VALUE [SET], ack KIND KEY    a write; VALUE "": a deletion; a SET is written whole or not at all
 //     begin file PATH, ack file PATH              a file that is written whole
-//     begin upgrade ROWS, ack upgrade             with all writes under way
-//     begin restore FILE, ack restore OLD         of a backup, with all writes under way; what was there before is in
-//     OLD begin key, ack key ID [resealed]            a new key that seals; resealed: all that was sealed, too ack
-//     start, begin end                        of a service; one that is killed has no such end begin dropping the
-//     trail's oldest files may go from now on
+//     begin upgrade ROWS, ack upgrade             of all writes under way
+//     begin restore FILE, ack restore OLD         of a backup, all writes under way; in OLD is what was there before
+//     begin key, ack key ID [resealed]            a new key that seals; resealed: all that is there
+//     ack start, begin end                        of a service; where it is killed it has no end
+//     begin dropping                              from now on the oldest files of the trail may go
 class Model {
 public:
     using Seen = std::function<Content(const std::string& path)>;  // the file at the moment of the mark

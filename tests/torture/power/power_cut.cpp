@@ -117,35 +117,33 @@ std::string commandOf(const Arguments& arguments, long number, const std::string
     return text;
 }
 
-std::size_t placeIn(const std::vector<Entry>& log, std::mt19937_64& random) {
-    return std::uniform_int_distribution<std::size_t>(1, log.size())(random);
-}
-
 // Where --only wants the state.
 void keep(const Arguments& arguments, const Worker& worker, const std::string& suffix = "") {
     if (!arguments.folder.empty()) fs::copy(worker.disk(), arguments.folder + suffix, fs::copy_options::recursive);
 }
 
-// Cuts the power once more, while a start mends what the first cut left. next: how to play it again.
+// Cuts the power once more, while a start mends what the first cut left. next: where that is kept if it fails.
 void cutAgain(const Arguments& arguments, Model model, const Files& files, std::mt19937_64& random, Worker& worker,
               std::string& next) {
     std::vector<Entry> log = worker.record(model, files, random() % 2 == 0);
     const bool isGiven = !arguments.next.empty();
     if (isGiven) log = readLog(arguments.next);
     const std::string root = isGiven ? arguments.nextRoot : worker.disk();
-    next = "/tmp/power.next." + std::to_string(::getpid());
-    fs::copy_file(isGiven ? arguments.next : worker.recording(), next, fs::copy_options::overwrite_existing);
+    const std::string kept = "/tmp/power.next." + std::to_string(::getpid());
+    fs::copy_file(isGiven ? arguments.next : worker.recording(), kept, fs::copy_options::overwrite_existing);
+    next = kept + " " + root;
     for (int i = 0; i < kCutsAgain; ++i) {
         Replay replay(root, log, model);
-        const std::size_t place = placeIn(log, random);
-        for (std::size_t at = 0; at < std::max(place, files.size()); ++at) replay.apply(log[at]);
+        // Behind the files that were there.
+        const auto calls = std::uniform_int_distribution<std::size_t>(files.size(), log.size())(random);
+        for (std::size_t at = 0; at < calls; ++at) replay.apply(log[at]);
         const Files left = replay.disk().afterCut(random);
         worker.put(left);
         keep(arguments, worker, ".next" + std::to_string(i));
         worker.check(replay.model(), left, i == 0 ? Look::Whole : Look::Short);
     }
-    fs::remove(next);
-    next = "";
+    fs::remove(kept);
+    next.clear();
 }
 
 // calls: how many came before the cut; marks: as many of them were marks.
@@ -169,7 +167,6 @@ void tryState(const Arguments& arguments, long number, const Replay& replay, std
         if (isCutAgain) cutAgain(arguments, replay.model(), files, random, worker, next);
     } catch (const std::exception& failure) {
         told.failed = true;
-        if (!next.empty()) next += " " + worker.disk();
         std::cout << "state " << number << " of seed " << arguments.seed << ", cut after call " << calls
                   << (next.empty() ? ": " : ", and then in the start: ") << failure.what()
                   << "\nagain: " << commandOf(arguments, number, next) << std::endl;
