@@ -13,10 +13,10 @@ namespace sd::data {
 SQLiteTransaction::SQLiteTransaction(SQLiteDatabase& db)
     : mDb(db),
       mRollback(db, "ROLLBACK"),
+      mFinalizer(mRollback),
       mBegun((!db.handle() || mRollback.prepare() == 0) && SQLiteStatement(db, "BEGIN IMMEDIATE").executeCommand()) {}
 
 SQLiteTransaction::~SQLiteTransaction() {
-    const SQLiteFinalizer finalizer(mRollback);
     try {
         if (isActive()) mRollback.step();
     } catch (const std::bad_alloc&) {  // it is undone all the same

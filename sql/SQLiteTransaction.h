@@ -30,6 +30,7 @@ public:
 private:
     SQLiteDatabase& mDb;
     SQLiteStatement mRollback;
+    const SQLiteFinalizer mFinalizer;  // also where it could not begin
     const bool mBegun;
 };
 

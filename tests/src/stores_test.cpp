@@ -3,18 +3,36 @@
 #include <sqlite3.h>
 
 #include <filesystem>
+#include <functional>
+#include <new>
+#include <optional>
 #include <stdexcept>
 #include <tuple>
 
 #include "libsdconfig/sdconfig.h"
 #include "platform/sdsecurity/sdsecurity.h"
+#include "sql/SQLiteWitness.h"
 #include "src/sdconfig_impl.h"
 #include "src/sdconfig_impl_policy.h"
 #include "src/sdconfig_impl_property.h"
+#include "tests/support/scarce_memory.h"
 #include "tests/support/support.h"
 
 namespace sd {
 namespace {
+
+// SQLite's memory runs out as that of `new` does; it asks for each piece by itself.
+const bool sIsScarceForSqlite = [] {
+    static sqlite3_mem_methods sOwn;
+    if (sqlite3_config(SQLITE_CONFIG_GETMALLOC, &sOwn) != SQLITE_OK) return false;
+    sqlite3_mem_methods methods = sOwn;
+    methods.xMalloc = [](int size) { return test::ScarceMemory::isRefused() ? nullptr : sOwn.xMalloc(size); };
+    methods.xRealloc = [](void* old, int size) {
+        return test::ScarceMemory::isRefused() ? nullptr : sOwn.xRealloc(old, size);
+    };
+    return sqlite3_config(SQLITE_CONFIG_MALLOC, &methods) == SQLITE_OK &&
+           sqlite3_config(SQLITE_CONFIG_LOOKASIDE, 0, 0) == SQLITE_OK;
+}();
 
 using Rows = std::vector<std::vector<std::string>>;
 
@@ -376,6 +394,72 @@ TEST_F(StoresTest, PoliciesAreWeighedAgainstTheLocalValue) {
         EXPECT_EQ(mPolicies->isStrongControl("k"), strong);
         const std::string value = effective.begin()->first;
         EXPECT_EQ(mConfig->GetSecure("k"), value == "null_value" ? "" : value);
+    }
+}
+
+// As the trail is: what begins with a commit ends with it.
+struct Carrying : data::SQLiteWitness {
+    int underWay = 0;
+    bool isCommitted = false;
+    void beforeCommit(data::SQLiteDatabase& /*db*/) override { ++underWay; }
+    void afterCommit(bool committed) override {
+        --underWay;
+        isCommitted = committed;
+    }
+};
+
+TEST_F(StoresTest, WhatMemoryRunsOutOverIsStoredWholeOrNotAndReadRightOrNot) {
+    ASSERT_TRUE(sIsScarceForSqlite);
+    using Of = test::ScarceMemory::Of;
+    const struct {
+        data::SQLiteDatabase& db;
+        const std::string& file;
+        std::function<bool(const std::string&)> set;
+        std::function<std::string()> get;
+    } kStores[] = {
+        {*mConfig, mConfigFile, [&](const std::string& value) { return mConfig->SetSecure("k", value); },
+         [&] { return mConfig->GetSecure_v3("k"); }},
+        {*mConfig, mConfigFile, [&](const std::string& value) { return mConfig->setReplacedKey(value); },
+         [&] { return mConfig->replacedKey(); }},
+        {mPolicies->sealedTable().database(), mPolicyFile,
+         [&](const std::string& value) {
+             return mPolicies->SetPolicyWithUri("k", {{value, 9}});
+         },
+         [&] { return mPolicies->GetPolicyWithUri("k").begin()->first; }},
+    };
+    for (const auto& store : kStores) {
+        std::string stored = "before";
+        ASSERT_TRUE(store.set(stored));
+        bool hasFailed = true;
+        for (std::uint64_t n = 1; hasFailed; ++n) {
+            hasFailed = false;
+            for (const bool lasts : {false, true}) {
+                const std::string value = std::to_string(n) + (lasts ? " and on" : "");
+                Carrying carrying;
+                bool isDone = false;
+                std::optional<std::string> read;
+                try {
+                    const data::SQLiteWitnessed witnessed(carrying);
+                    const test::ScarceMemory scarce(Of::ThisThread, n, lasts);
+                    isDone = store.set(value);
+                } catch (const std::bad_alloc&) {
+                }
+                hasFailed = hasFailed || test::ScarceMemory::hasFailed();
+                if (carrying.isCommitted) stored = value;
+                try {
+                    const test::ScarceMemory scarce(Of::ThisThread, n, lasts);
+                    read = store.get();
+                } catch (const std::bad_alloc&) {
+                }
+                const std::string which = store.file + " " + value;
+                EXPECT_EQ(carrying.underWay, 0) << which;
+                EXPECT_EQ(isDone, carrying.isCommitted) << which;
+                EXPECT_EQ(read.value_or(stored), stored) << which;
+                EXPECT_EQ(store.get(), stored) << which;
+                EXPECT_EQ(sqlite3_next_stmt(store.db.handle(), nullptr), nullptr) << which;
+                test::query(store.file, "BEGIN IMMEDIATE");  // which the store keeps from nobody
+            }
+        }
     }
 }
 

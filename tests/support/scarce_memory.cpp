@@ -10,16 +10,10 @@ std::atomic<std::uint64_t> sAsked{0}, sFrom{0}, sTo{0};
 std::atomic<bool> sIsScarce{false}, sIsOfOthers{false};
 thread_local bool tIsOwner = false;
 
-bool isRefused() {
-    if (!sIsScarce || tIsOwner == sIsOfOthers) return false;
-    const std::uint64_t asked = ++sAsked;
-    return asked >= sFrom && asked <= sTo;
-}
-
 }  // namespace
 
 void* operator new(std::size_t size, const std::nothrow_t& /*told*/) noexcept {
-    return isRefused() ? nullptr : std::malloc(size == 0 ? 1 : size);
+    return test::ScarceMemory::isRefused() ? nullptr : std::malloc(size == 0 ? 1 : size);
 }
 
 void* operator new(std::size_t size) {
@@ -53,6 +47,12 @@ ScarceMemory::~ScarceMemory() {
 
 bool ScarceMemory::hasFailed() {
     return sAsked >= sFrom;
+}
+
+bool ScarceMemory::isRefused() {
+    if (!sIsScarce || tIsOwner == sIsOfOthers) return false;
+    const std::uint64_t asked = ++sAsked;
+    return asked >= sFrom && asked <= sTo;
 }
 
 }  // namespace test

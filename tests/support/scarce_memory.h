@@ -16,6 +16,9 @@ public:
     ScarceMemory& operator=(const ScarceMemory&) = delete;
 
     static bool hasFailed();  // the latest
+
+    // For other allocators: whether this time it fails, which counts as one more.
+    static bool isRefused();
 };
 
 }  // namespace test
