@@ -9,6 +9,8 @@
 #include <condition_variable>
 #include <deque>
 #include <exception>
+#include <iterator>
+#include <list>
 #include <mutex>
 #include <system_error>
 #include <thread>
@@ -82,7 +84,9 @@ public:
         mPrepared.isOut = true;
         Carried carried;
         if (!mayWrite() || (!compose(entries) && !(ensureKey() && compose(entries)))) {
-            mPrepared.waiting = std::move(entries);
+            for (Entry& entry : entries) fill(entry);
+            mPrepared.waiting.assign(std::move_iterator(entries.begin()), std::move_iterator(entries.end()));
+            mLost.why.reserve(mWhy.size());
             return carried;
         }
         if (mSlotLast[mNextSlot] > mOnDisk || mUncarried.size() > kUncarriedBytesMax) (void)syncAll();
@@ -96,7 +100,6 @@ public:
     void confirm() {
         if (!mPrepared.isOut) return;
         mPrepared.isOut = false;
-        std::vector<Entry> waiting = std::move(mPrepared.waiting);
         if (!mPrepared.lines.empty()) {
             mUnwritten += mPrepared.lines;
             mUnwrittenCount += mPrepared.count;
@@ -105,8 +108,8 @@ public:
             mNextSlot = (mNextSlot + 1) % mSlotLast.size();
             if (mSlotLast[(mNextSlot + kSlots / 2) % mSlotLast.size()] > mOnDisk) hurry();
         }
+        waitForLines(mPrepared.waiting);
         settle();
-        if (!waiting.empty()) appendAll(std::move(waiting));
     }
 
     void drop() {
@@ -126,7 +129,9 @@ public:
             if (mUncarried.size() > kUncarriedBytesMax) (void)syncAll();
             return entry.seq;
         }
-        return wait(std::move(entry));
+        std::list<Entry> one;
+        one.push_back(std::move(entry));
+        return wait(one);
     }
 
     // Writes what waits, in its order: lines, entries without a line, and what was found or lost.
@@ -181,7 +186,7 @@ private:
         Head before;
         std::string lines;
         std::uint64_t count = 0;
-        std::vector<Entry> waiting;  // where there could be no lines
+        std::list<Entry> waiting;  // where there could be no lines
     };
     struct Lost {
         std::uint64_t count = 0;
@@ -192,12 +197,12 @@ private:
     // The number of the next entry, whether there will be a line for it now or later.
     std::uint64_t nextSeq() const { return (mPending.empty() ? mLast.seq : mPending.back().seq) + 1; }
 
-    void appendAll(std::vector<Entry> entries) {
-        if (mayWrite()) (void)ensureKey();
-        const std::uint64_t first = nextSeq();
-        for (Entry& entry : entries) {
-            if (entries.size() > 1 && entry.cause == 0) entry.cause = first;
-            (void)append(std::move(entry));
+    // Those of one commit.
+    void waitForLines(std::list<Entry>& entries) {
+        const std::uint64_t first = entries.size() > 1 ? nextSeq() : 0;
+        while (!entries.empty()) {
+            if (entries.front().cause == 0) entries.front().cause = first;
+            (void)wait(entries);
         }
     }
 
@@ -388,20 +393,25 @@ private:
         }
     }
 
-    std::uint64_t wait(Entry entry) {
+    // The first of them, which goes over to those that wait.
+    std::uint64_t wait(std::list<Entry>& entries) {
+        Entry& entry = entries.front();
         const std::size_t size = sizeOf(entry);
-        if (mLost.count > 0 || mPendingBytes + mUnwritten.size() + size > kWaitingBytesMax) return lose(entry);
+        if (mLost.count > 0 || mPendingBytes + mUnwritten.size() + size > kWaitingBytesMax) {
+            lose(entry);
+            entries.pop_front();
+            return 0;
+        }
         entry.seq = nextSeq();
         mPendingBytes += size;
-        mPending.push_back(std::move(entry));
-        return mPending.back().seq;
+        mPending.splice(mPending.end(), entries, entries.begin());
+        return entry.seq;
     }
 
-    std::uint64_t lose(const Entry& entry) {
+    void lose(const Entry& entry) {
         if (mLost.count++ == 0) mLost.from = entry.utc;
         mLost.to = entry.utc;
         mLost.why = mWhy;
-        return 0;
     }
 
     // What came of it shows in mUnwritten.
@@ -446,7 +456,9 @@ private:
         const CurrentFile::Found found = mFile.open(mOptions.digest, 0);  // no power cut was beneath this process
         noteProblem(found);
         if (!mFile.isOpen()) return false;
-        const bool isExpected = std::exchange(mIsRotated, false) ? found.isNew : found.head == mWritten;
+        // After a rotation an empty one may be there already, where memory ran out behind its making.
+        const bool isExpected =
+            std::exchange(mIsRotated, false) ? found.head.seq == 0 && found.damage.empty() : found.head == mWritten;
         if (isExpected) return true;
         const std::string left = ", and was left with entry " + std::to_string(mWritten.seq);
         mDamages.push_back(damageEntry(found.isNew
@@ -562,7 +574,7 @@ private:
     std::string mKey;
     std::string mUnwritten;  // lines that are to be appended
     std::uint64_t mUnwrittenCount = 0;
-    std::deque<Entry> mPending;  // that have no line yet
+    std::list<Entry> mPending;  // that have no line yet
     std::size_t mPendingBytes = 0;
     std::deque<Entry> mDamages;  // to be told
     Lost mLost;

@@ -18,6 +18,7 @@
 #include <system_error>
 #include <thread>
 
+#include "tests/support/scarce_memory.h"
 #include "tests/support/support.h"
 #include "tests/trail/trail_support.h"
 #include "trail/files.h"
@@ -369,6 +370,74 @@ TEST_F(WriterTest, MoreThanASlotTakesIsOneEntry) {
     EXPECT_EQ(lines[0].entry.count, 75u);
     EXPECT_EQ(lines[0].entry.came, "");
     EXPECT_EQ(lines[1].entry.came, "stored");
+}
+
+// What was made ready for a commit needs no memory for its end, whether there was a key for it or not.
+TEST_F(WriterTest, ACommitThatMemoryRunsOutOverIsToldOnceOrNotMade) {
+    using test::ScarceMemory;
+    std::vector<std::string> expected;
+    for (int kind = 0; kind < 16; ++kind) {
+        const bool lasts = kind & 1, isMade = kind & 2, isLocked = kind & 4, isAtEnd = kind & 8;
+        bool hasFailed = true;
+        for (std::uint64_t n = 1; hasFailed; ++n) {
+            Writer writer(options());
+            (void)writer.open({});
+            const std::string key = std::to_string(kind) + "." + std::to_string(n);
+            std::vector<Entry> entries(2, entryOf("SET_SECURE", key));
+            if (isLocked) mKeys.set({});
+            const auto isDone = [&](bool isScarce, const auto& step) {
+                const ScarceMemory scarce(ScarceMemory::Of::ThisThread, isScarce ? n : UINT64_MAX, lasts);
+                try {
+                    step();
+                } catch (const std::bad_alloc&) {
+                    return false;
+                }
+                return true;
+            };
+            (void)isDone(true, [&, entry = entryOf("REFUSED")] { (void)writer.append(entry); });
+            hasFailed = ScarceMemory::hasFailed();
+            const bool isPrepared = isDone(!isAtEnd, [&] { (void)writer.prepare(std::move(entries)); });
+            hasFailed = hasFailed || ScarceMemory::hasFailed();
+            if (isPrepared) (void)isDone(isAtEnd, [&] { isMade ? writer.confirm() : writer.drop(); });
+            hasFailed = hasFailed || ScarceMemory::hasFailed();
+            mKeys.set({"k1"});
+            commit(writer, {entryOf("SET_POLICY", key)});
+            if (isPrepared && isMade) expected.insert(expected.end(), 2, "SET_SECURE " + key);
+            expected.push_back("SET_POLICY " + key);
+        }
+    }
+    std::vector<std::string> story = storyOf(mFolder.path());
+    story.erase(std::remove(story.begin(), story.end(), "REFUSED"), story.end());  // the chain tells of these
+    EXPECT_EQ(story, expected);
+    EXPECT_EQ(problem(), "");
+}
+
+// The writer's own thread syncs, rotates and packs meanwhile.
+TEST_F(WriterTest, ARotationThatMemoryRunsOutOverIsGoneOnWith) {
+    WriterOptions small = options();
+    small.bytesMax = 8000;
+    bool hasFailed = true;
+    for (std::uint64_t n = 1; hasFailed; ++n) {
+        for (const auto& file : fs::directory_iterator(mFolder.path())) fs::remove(file);
+        {
+            Writer writer(small);
+            (void)writer.open({});
+            const test::ScarceMemory scarce(test::ScarceMemory::Of::Others, n);
+            for (int i = 0; i < 40; ++i) commit(writer, {entryOf("SET_SECURE")});  // so many that the thread hurries
+            const auto isOver = [&] {
+                hasFailed = test::ScarceMemory::hasFailed();
+                return hasFailed || (!rotated().empty() && isAllPacked());
+            };
+            EXPECT_TRUE(test::waitUntil(isOver, 20000)) << n;
+        }
+        Writer writer(small);
+        EXPECT_THAT(writer.open({}).damages, testing::IsEmpty()) << n;
+        commit(writer, {entryOf("SET_SECURE")});
+        const std::vector<std::string> story = storyOf(mFolder.path());
+        EXPECT_EQ(std::count(story.begin(), story.end(), "SET_SECURE"), 41) << n;
+        EXPECT_THAT(story, testing::Not(Contains("DAMAGE"))) << n;
+        EXPECT_EQ(problem(), "") << n;
+    }
 }
 
 // Also how to follow a trail: a reader that is asked again.
