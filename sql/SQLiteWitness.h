@@ -12,6 +12,7 @@ public:
     virtual ~SQLiteWitness() = default;
 
     // The transaction on `db` is about to be committed. What is written to `db` now is stored with it, or not at all.
+    // Where this raises std::bad_alloc it is not committed, and afterCommit isn't called.
     virtual void beforeCommit(SQLiteDatabase& db) = 0;
 
     // What came of that commit.

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <new>
 #include <utility>
 
 #include "platform/sdsecurity/sdsecurity.h"
@@ -30,7 +31,8 @@ SDSecurity& layer() {
     return *SDSecurity::GetInstance();
 }
 
-// The trail never stops what it tells of: without memory, or without OpenSSL, an entry is missing.
+// The trail never stops what it tells of: without memory, or without OpenSSL, an entry is missing; but no commit is made
+// whose entry found no memory.
 template <class Task>
 void contained(const char* what, const Task& task) noexcept {
     try {
@@ -64,7 +66,14 @@ public:
 
     void beforeCommit(data::SQLiteDatabase& db) override {
         mSlots = mSeq == 0 ? mKeeper.slotsOf(db) : nullptr;
-        if (mSlots) contained("a commit", [&] { carry(); });
+        if (!mSlots) return;
+        try {
+            carry();
+        } catch (const std::bad_alloc&) {
+            throw;
+        } catch (const std::exception& failure) {
+            LOG(7, AT "the trail: a commit: %s", HERE, failure.what());
+        }
     }
 
     void afterCommit(bool isCommitted) override {

@@ -4,10 +4,11 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
-#include <algorithm>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <utility>
 
 #include "libsdconfig/sdconfig.h"
 #include "platform/sdbus/sdbus.h"
@@ -16,6 +17,7 @@
 #include "src/sdconfig_protocol.h"
 #include "src/sdconfig_service_sdbus.h"
 #include "tests/support/arguments.h"
+#include "tests/support/scarce_memory.h"
 #include "tests/support/support.h"
 #include "trail/reader.h"
 #include "trail/verify.h"
@@ -243,6 +245,27 @@ TEST_F(ServiceTrailTest, GoesOnUnderAnotherKeyWhereItsOwnOpensNothing) {
     call("KEY_ENABLE", key, true);
     EXPECT_EQ(trail::verify(mService->data.path(), digest).problem, "");
     EXPECT_FALSE(log.has(key, 7)) << "the layer is not asked for what it can't do";
+}
+
+TEST_F(ServiceTrailTest, NoChangeIsWithoutItsEntryWhereMemoryRunsOut) {
+    std::string stored = "0";
+    call("SET_SECURE", "scarce", "0");
+    (void)added();
+    for (std::uint64_t n = 1; n == 1 || test::ScarceMemory::hasFailed(); ++n) {
+        Message answer;
+        {
+            const test::ScarceMemory scarce(test::ScarceMemory::Of::Others, n);
+            answer = call("SET_SECURE", "scarce", std::to_string(n));
+        }
+        const std::string before = std::exchange(stored, call("GET_SECURE", "scarce")->getString(0));
+        call("TRAIL_STATUS");  // writes what waits
+        const std::vector<Entry> entries = added();
+        EXPECT_EQ(std::count_if(entries.begin(), entries.end(), [](const Entry& e) { return e.came == "changed"; }),
+                  stored != before ? 1 : 0)
+            << n;
+        EXPECT_TRUE(answer->type() != 2 || answer->getBool(0) == (stored != before)) << n;
+    }
+    EXPECT_EQ(trail::verify(mService->data.path(), digest).problem, "");
 }
 
 }  // namespace
