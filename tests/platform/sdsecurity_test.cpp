@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <openssl/crypto.h>
 #include <openssl/err.h>
+#include <openssl/evp.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -405,6 +406,19 @@ TEST_F(SecurityTest, KeepsNoFailureAndTakesNoneForDamage) {
             failingAllocation = 0;
             const bool toldFalsely = log.has("changed after") || log.has("does not match") || ::ERR_peek_error() != 0;
             return !toldFalsely && open(kEnvelope) == kPlain && open(seal("x")) == "x";
+        });
+    }
+    // The digests of a ring that is in memory, with nothing else to look for.
+    EXPECT_EQ(open(kEnvelope), kPlain);
+    ASSERT_EQ(::EVP_set_default_properties(nullptr, ""), 1);  // OpenSSL forgets what it has found
+    for (int n = 1; n <= 20; ++n) {
+        SCOPED_TRACE(n);
+        inProcesses(1, [&](int) {
+            const auto digest = [&] { return security.DigestUnderKey(kFirstLine.substr(0, 16), {"a", {"b\0cd", 4}}); };
+            failingAllocation = n;
+            (void)digest();
+            failingAllocation = 0;
+            return ::ERR_peek_error() == 0 && digest() == kDigest;
         });
     }
 }
