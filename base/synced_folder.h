@@ -23,9 +23,12 @@ inline std::string folderAbove(const std::string& path) {
 
 // Makes what was created, renamed and removed in the folder last, where its file system syncs folders. False with
 // errno.
+inline bool syncFolder(int folder) {
+    return ::fsync(folder) == 0 || errno == EINVAL || errno == ENOSYS;
+}
 inline bool syncFolder(const std::string& path) {
     const UniqueFd folder(::open(path.empty() ? "." : path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    return folder && (::fsync(folder.get()) == 0 || errno == EINVAL || errno == ENOSYS);
+    return folder && syncFolder(folder.get());
 }
 
 // For a folder that was there. Whoever made it may have been killed before its name was synced, which comes before

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/synced_folder.h"
 #include "trail/blocks.h"
 #include "trail/entry.h"
 #include "trail/files.h"
@@ -89,7 +90,7 @@ bool Packer::finish() {
     if (::fsync(mTo.get()) != 0 ||
         ::renameat(mFolder, partName(mName).c_str(), mFolder, packedName(mName).c_str()) != 0)
         return false;
-    (void)::fsync(mFolder);
+    (void)syncFolder(mFolder);
     (void)::unlinkat(mFolder, mName.c_str(), 0);
     mName.clear();
     mFrom.reset();

@@ -18,6 +18,7 @@
 
 #include "base/quiet_thread.h"
 #include "base/shared_library.h"
+#include "base/synced_folder.h"
 #include "trail/current_file.h"
 #include "trail/files.h"
 #include "trail/packer.h"
@@ -552,7 +553,7 @@ private:
         if (!seal(entry)) return;
         write();
         if (!syncAll()) return;
-        (void)::fsync(mFolder.get());
+        (void)syncFolder(mFolder.get());
         dropBefore(mFolder.get(), oldest);
         mPacker.look();
         mIsPacking = true;

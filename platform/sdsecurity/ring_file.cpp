@@ -150,7 +150,7 @@ bool LockedFolder::create(const std::string& name, const SecretBytes& bytes, std
     bool done = ::linkat(mFolder.get(), sibling(name).c_str(), mFolder.get(), name.c_str(), 0) == 0;
     if (!done) reason = systemError("link " + name);
     (void)::unlinkat(mFolder.get(), sibling(name).c_str(), 0);
-    if (done && ::fsync(mFolder.get()) != 0) {
+    if (done && !syncFolder(mFolder.get())) {
         reason = systemError("fsync folder");
         (void)::unlinkat(mFolder.get(), name.c_str(), 0);
         done = false;
@@ -176,7 +176,7 @@ bool LockedFolder::replaceTried(const std::string& name, const SecretBytes& byte
             return fail(why);
     if (::renameat(mFolder.get(), aside.c_str(), mFolder.get(), name.c_str()) != 0)
         return fail(systemError("rename " + name));
-    if (::fsync(mFolder.get()) == 0) return true;
+    if (syncFolder(mFolder.get())) return true;
     // The new file stands, but may be gone after a power cut: nothing may be sealed by what it adds.
     reason = systemError("fsync folder");
     return false;

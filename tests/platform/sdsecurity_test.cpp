@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -43,12 +44,14 @@ using testing::ElementsAre;
 namespace {
 
 std::vector<std::string> sSynced;  // by the path that each had then
+int sFolderError = 0;              // of each sync of a folder; 0: none
 
 }  // namespace
 
 // Stands in for the system's.
 extern "C" __attribute__((visibility("default"))) int fsync(int descriptor) {
     sSynced.push_back(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(descriptor)));
+    if (sFolderError != 0 && std::filesystem::is_directory(sSynced.back())) return errno = sFolderError, -1;
     return static_cast<int>(::syscall(SYS_fsync, descriptor));
 }
 
@@ -420,6 +423,18 @@ TEST_F(SecurityTest, KeepsNoFailureAndTakesNoneForDamage) {
             failingAllocation = 0;
             return ::ERR_peek_error() == 0 && digest() == kDigest;
         });
+    }
+}
+
+TEST_F(SecurityTest, SealsWhereTheFileSystemSyncsNoFolder) {
+    for (const int error : {EINVAL, ENOSYS, EIO}) {
+        const bool canSeal = error != EIO;
+        sFolderError = error;
+        security.SetKeyRingFolder(folder / std::to_string(error));
+        EXPECT_EQ(open(seal("x")), canSeal ? "x" : "") << error;
+        EXPECT_EQ(security.RotateKey(), canSeal) << error;
+        EXPECT_EQ(security.Keys().size(), canSeal ? 2u : 0u) << error;
+        sFolderError = 0;
     }
 }
 
