@@ -3,9 +3,12 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <map>
+#include <new>
 #include <system_error>
 
 #include "base/shortage.h"
+#include "platform/sdsecurity/sdsecurity.h"
 
 namespace {
 
@@ -16,8 +19,7 @@ std::string trimmed(const std::string& text) {
     return text.substr(begin, text.find_last_not_of(blanks) - begin + 1);
 }
 
-}  // namespace
-
+// Returns a line for a person, and leaves `constants` alone; or "".
 std::string readConstantsFile(const std::string& path, std::map<std::string, std::string>& constants) try {
     std::ifstream file(path);
     if (!file && sd::isShortage(errno)) throw std::system_error(errno, std::generic_category(), path);
@@ -40,4 +42,17 @@ std::string readConstantsFile(const std::string& path, std::map<std::string, std
     return "";
 } catch (const std::ios_base::failure&) {
     return path + ": can't be read to its end";
+}
+
+}  // namespace
+
+std::string useConstants(const std::string& path) {
+    std::map<std::string, std::string> constants;
+    if (std::string problem = readConstantsFile(path, constants); !problem.empty()) return problem;
+    sd::SDSecurity& layer = *sd::SDSecurity::GetInstance();
+    for (const auto& [name, value] : constants) {
+        layer.RegisterString(name, value);
+        if (layer.GetString(name) != value) throw std::bad_alloc();  // it has logged that
+    }
+    return "";
 }

@@ -1,10 +1,11 @@
 // The file of constants that the service answers.
 #pragma once
 
-#include <map>
 #include <string>
 
-// Reads "name=value" lines. Blank lines and lines that begin with "#" don't count; blanks around the name don't either;
-// the value is everything after the first "=".
-// On failure returns a line for a person and leaves `constants` alone; "" on success.
-std::string readConstantsFile(const std::string& path, std::map<std::string, std::string>& constants);
+// Registers the "name=value" lines of the file with the security layer, which answers them from then on. Blank lines
+// and lines that begin with "#" don't count; blanks around the name don't either; the value is everything after the
+// first
+// "=". On failure returns a line for a person and registers nothing; "" on success. Where memory or descriptors run out
+// it raises an exception, and some may be registered.
+std::string useConstants(const std::string& path);

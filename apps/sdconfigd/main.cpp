@@ -14,8 +14,6 @@
 #include <filesystem>
 #include <future>
 #include <iostream>
-#include <map>
-#include <new>
 #include <optional>
 #include <string>
 #include <vector>
@@ -202,20 +200,6 @@ bool mayHaveBuildProp() {
            isThere("/velmar/etc/build.prop");
 }
 
-// Returns a line for a person, or "".
-std::string useConstants(const std::string& path) {
-    if (path.empty()) return "";
-    std::map<std::string, std::string> constants;
-    if (const std::string problem = readConstantsFile(path, constants); !problem.empty())
-        return problem + "; name a file of lines name=value with --constants, or leave it out";
-    sd::SDSecurity& layer = *sd::SDSecurity::GetInstance();
-    for (const auto& [name, value] : constants) {
-        layer.RegisterString(name, value);
-        if (layer.GetString(name) != value) throw std::bad_alloc();  // it has logged that
-    }
-    return "";
-}
-
 // The data folder in this service's hands. Made before the stores, so that it is given up after their files are closed.
 class HeldFolder {
 public:
@@ -353,7 +337,8 @@ int run(const Options& options, const sigset_t& endSignals) {
     if (const int holder = SDBusSerivceManager::initSync(-1)->serviceProcess(kName))
         return fail("the service \"" + std::string(kName) + "\" is already running as process " +
                     std::to_string(holder) + "; end that one first");
-    if (const std::string problem = useConstants(options.constants); !problem.empty()) return fail(problem, kWrongUse);
+    if (std::string problem = options.constants.empty() ? "" : useConstants(options.constants); !problem.empty())
+        return fail(problem + "; name a file of lines name=value with --constants, or leave it out", kWrongUse);
     if (const std::string problem = useProduct(options.productDir); !problem.empty()) return fail(problem, kWrongUse);
     CleanEndMark::watchForDamage();
     static HeldFolder folder;

@@ -10,12 +10,15 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <exception>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "apps/sdconfigd/constants_file.h"
 #include "platform/sdsecurity/sdsecurity.h"
 #include "tests/support/damage.h"
 #include "tests/support/scarce_memory.h"
@@ -397,6 +400,37 @@ TEST_F(SlotsTest, OpensAlthoughMemoryRanOutOnceMeanwhile) {
         EXPECT_TRUE(test::waitUntil([&] { return open(kEnvelope) == kPlain; }, 20000)) << n;
     }
     security.SetKeyringProgram("");
+}
+
+// As a service starts with it.
+TEST_F(SlotsTest, WhatAHostTellsIsTakenWholeOrNotWhereMemoryRunsOut) {
+    using test::ScarceMemory;
+    const test::TempDir standard;
+    const test::ScopedEnv data("XDG_DATA_HOME", standard.path().c_str());
+    const std::string longFolder = folder / std::string(100, 'd');
+    bool hasFailed = true;
+    for (std::uint64_t n = 1; hasFailed; ++n) {
+        const std::string name(50, 'n'), value = std::string(50, 'v') + std::to_string(n);
+        writeFile(folder / "constants", name + "=" + value + "\nother=" + value + "\n");
+        const auto isTaken = [&](const std::function<bool()>& tell) {
+            const ScarceMemory scarce(ScarceMemory::Of::ThisThread, n);
+            try {
+                return tell();
+            } catch (const std::exception&) {
+                return false;
+            }
+        };
+        const std::string constants = folder / "constants";
+        if (isTaken([&] { return useConstants(constants).empty(); })) {
+            EXPECT_TRUE(security.GetString(name) == value && security.GetString("other") == value) << n;
+        }
+        hasFailed = ScarceMemory::hasFailed();
+        security.SetKeyRingFolder("");
+        (void)isTaken([&] { return security.SetKeyRingFolder(longFolder), true; });
+        hasFailed = hasFailed || ScarceMemory::hasFailed();
+        (void)seal("x");
+        EXPECT_TRUE(std::filesystem::is_empty(standard.path())) << "another ring seals, " << n;
+    }
 }
 
 TEST_F(SlotsTest, NobodyWaitsForASlotThatIsBeingMade) {
