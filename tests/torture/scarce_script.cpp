@@ -208,6 +208,32 @@ void weigh(const ScriptStep& step, const std::optional<std::string>& answer, boo
     throw Failed(what + " was answered with " + shown(*answer) + " in place of " + shown(*values.begin()));
 }
 
+void tell(const ScriptStep& step, const std::optional<std::string>& answer, bool mayFail, const Allowed& before,
+          Story& story) {
+    const std::string kind = step.command.substr(0, step.command.find('.'));
+    if (!isChange(step) || kind == "listener") return;
+    const bool isDone = !isFailed(step, answer);
+    const auto add = [&](const std::string& key, bool isSure) {
+        Told& told = story[{methods().at(step.command).name, prefixOf(step) + key}];
+        told.least += isDone && isSure ? 1 : 0;
+        ++told.most;
+    };
+    const auto isThere = [&](const std::string& key) {
+        const auto found = before.find({kind, key});
+        return found != before.end() && found->second.count("") == 0;
+    };
+    if (step.command == "policy.clear") {
+        for (const auto& [name, values] : before)
+            if (name.first == kind) add(name.second, isThere(name.second));
+    } else if (step.command == "policy.set.list") {
+        add(step.key, !mayFail);  // the answer tells of the last one
+        add(step.key + ".twin", true);
+    } else {
+        const bool isCarried = kind != "property" || !mayFail;
+        add(step.key, isCarried && (step.command == kind + ".set" || isThere(step.key)));
+    }
+}
+
 struct ServiceCaller::Events {
     std::mutex mutex;
     std::condition_variable came;

@@ -43,6 +43,17 @@ bool isFailed(const ScriptStep& step, const std::optional<std::string>& answer);
 // there, and for a step that failed where nothing is scarce (!mayFail).
 void weigh(const ScriptStep& step, const std::optional<std::string>& answer, bool mayFail, Allowed& allowed);
 
+// How often the trail has to tell, and may tell at most, of a method that changed a key.
+struct Told {
+    int least = 0, most = 0;
+};
+using Story = std::map<std::pair<std::string, std::string>, Told>;
+
+// Adds a step to it. before: what may have been there. Of properties, which no commit carries, an entry may be missing
+// where the step may fail.
+void tell(const ScriptStep& step, const std::optional<std::string>& answer, bool mayFail, const Allowed& before,
+          Story& story);
+
 // Calls the service of this process's folder, and hears of its events.
 class ServiceCaller {
 public:

@@ -6,7 +6,7 @@
 // $SCARCE_TRACE, where that is set, where it refused. CLIENT: torture_client.
 // Holds: no crash and no hang; a wrong answer or event never, a right one or a failure; when nothing is scarce any
 // more, the same process does all of the script, or has ended with a line, and the next one does; what was acknowledged
-// is there, and the trail without a fault. A client's threads and its child share one count.
+// is there, and the trail without a fault and with each change of it. A client's threads and its child share one count.
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
@@ -33,6 +33,7 @@
 #include "tests/torture/scarce.h"
 #include "tests/torture/scarce_script.h"
 #include "tests/torture/service_life.h"
+#include "trail/reader.h"
 
 namespace torture {
 namespace {
@@ -46,7 +47,7 @@ constexpr std::chrono::seconds kLineLimit{5};      // until the log tells of a c
 constexpr int kClientEndingMs = 15000;             // it waits for a listener that runs, 5 s at most
 
 struct Arguments {
-    std::string whose;
+    std::string whose, what;
     Scarcity::Kind kind;
     std::uint64_t seed;
     std::string lives;
@@ -149,7 +150,9 @@ public:
         ServiceCaller caller;
         for (const std::string kind : {"secure", "policy"}) {
             const ScriptStep step{kind + ".set", "kept", "kept." + kind};
-            weigh(step, caller.run(step), false, mKept);
+            const auto answer = caller.run(step);
+            tell(step, answer, false, mKept, mToldOfKept);
+            weigh(step, answer, false, mKept);
         }
         const bool isKilled = mArguments.whose == "killed";
         if (mLife.end(isKilled ? SIGKILL : SIGTERM) != (isKilled ? SIGKILL : 0))
@@ -164,6 +167,7 @@ public:
         fs::copy(mLife.place() + "/template", data, fs::copy_options::recursive);
         fs::permissions(data, fs::perms::owner_all);
         Allowed allowed = mKept;
+        mTold = mToldOfKept;
         putMachinePolicies(kMachineValue);
         mWatched.begin(mArguments.kind, at);
         const bool hasBegun = mLife.start(service(data), mWatched.variables(mArguments.library));
@@ -207,6 +211,7 @@ private:
             for (const ScriptStep& step : script(Whose::Service, round)) {
                 const std::size_t said = textOf(mLife.log()).size();
                 const auto answer = caller.run(step, mayFail);
+                tell(step, answer, mayFail, allowed, mTold);
                 weigh(step, answer, mayFail, allowed);
                 if (mayFail && mLife.endsWithin(0)) return false;
                 if (isFailed(step, answer) && !awaitLine(step, said)) return false;
@@ -259,10 +264,30 @@ private:
         int status = 0;
         ::waitpid(process, &status, 0);
         if (status != 0) throw Failed("the trail: " + textOf(log));
+        compareTrail(data);
+    }
+
+    // Each change that was acknowledged has its entry, and nothing has one that was not asked for.
+    void compareTrail(const std::string& data) const {
+        std::map<std::pair<std::string, std::string>, int> found;
+        sd::trail::Reader reader(data, sd::trail::Order::OldestFirst);
+        for (sd::trail::Line line; reader.next(line);)
+            if (line.entry.by && line.entry.key && line.entry.came != "failed")
+                ++found[{line.entry.what, *line.entry.key}];
+        for (const auto& [change, told] : mTold) {
+            const int count = found[change];
+            found.erase(change);
+            if (count < told.least || count > told.most)
+                throw Failed("the trail tells of " + change.first + " " + change.second + " " + std::to_string(count) +
+                             " times in place of " + std::to_string(told.least) + " to " + std::to_string(told.most));
+        }
+        if (!found.empty())
+            throw Failed("the trail tells of " + found.begin()->first.first + ", which nobody asked for");
     }
 
     static constexpr const char* kMachineKeys[] = {"machine.key", "machine.mine"};
     Allowed mKept = answersFromTheStart();
+    Story mToldOfKept, mTold;  // the latter of the latest life
     int mEndedInSettingUp = 0;
 };
 
@@ -458,10 +483,11 @@ int liveAll(const Arguments& arguments, const std::string& place) {
     for (const std::uint64_t at : chosen) {
         try {
             lives.live(at);
-        } catch (const Failed& failure) {
+        } catch (const std::exception& failure) {  // whatever it is, the number tells how to see it again
             ++failures;
             std::cout << "number " << at << " of " << all << ", asked by " << lives.refusedTo() << ": "
-                      << failure.what() << "\n  the service: " << lives.said() << std::endl;
+                      << failure.what() << "\n  the service: " << lives.said() << "\n  again: scarcity "
+                      << arguments.whose << " " << arguments.what << " " << arguments.seed << " -" << at << std::endl;
         }
         ++refused[lives.refusedTo()];
     }
@@ -480,7 +506,8 @@ Arguments parsed(int count, char** words) {
         throw Failed(
             "scarcity service|killed|client memory|descriptor|thread|mapping SEED LIVES SCARCE SDCONFIGD CLIENT "
             "SDCONFIG-DATA");
-    return {words[1], kKinds.at(words[2]), std::stoull(words[3]), words[4], words[5], words[6], words[7], words[8]};
+    return {words[1], words[2], kKinds.at(words[2]), std::stoull(words[3]), words[4], words[5], words[6],
+            words[7], words[8]};
 }
 
 }  // namespace
