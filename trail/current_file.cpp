@@ -110,7 +110,7 @@ std::string bytesText(std::uint64_t bytes) {
 CurrentFile::Found CurrentFile::open(const Digest& digest, std::uint64_t unsynced) {
     Found found;
     close();
-    OpenedFile opened = openFile(mFolder, kCurrentFile, O_RDWR | O_APPEND);
+    OpenedFile opened = openFile(mFolder.get(), kCurrentFile, O_RDWR | O_APPEND);
     if (!opened.file && !opened.isAbsent && !opened.isDistrusted) {
         found.problem = std::string(kCurrentFile) + " " + opened.problem;
         return found;
@@ -138,7 +138,7 @@ CurrentFile::Found CurrentFile::open(const Digest& digest, std::uint64_t unsynce
     }
     if (!opened.isAbsent) return found;
     found.isNew = found.damage.empty();
-    opened = openFile(mFolder, kCurrentFile, O_RDWR | O_APPEND | O_CREAT | O_EXCL);
+    opened = openFile(mFolder.get(), kCurrentFile, O_RDWR | O_APPEND | O_CREAT | O_EXCL);
     if (opened.file)
         adopt(std::move(opened.file), opened.status);
     else
@@ -160,8 +160,8 @@ void CurrentFile::close() {
 
 bool CurrentFile::isOurs() const {
     struct stat named {};
-    return mFile && ::fstatat(mFolder, kCurrentFile, &named, AT_SYMLINK_NOFOLLOW) == 0 && named.st_ino == mInode &&
-           named.st_dev == mDevice && static_cast<std::uint64_t>(named.st_size) == mSize;
+    return mFile && ::fstatat(mFolder.get(), kCurrentFile, &named, AT_SYMLINK_NOFOLLOW) == 0 &&
+           named.st_ino == mInode && named.st_dev == mDevice && static_cast<std::uint64_t>(named.st_size) == mSize;
 }
 
 std::string CurrentFile::append(std::string_view lines, std::size_t& appended) {
@@ -183,7 +183,7 @@ std::string CurrentFile::append(std::string_view lines, std::size_t& appended) {
 std::string CurrentFile::rotate(std::uint64_t lastSeq, std::string& name) {
     const std::uint64_t first = firstSeq();
     name = rotatedName(first != 0 ? first : lastSeq);
-    if (::renameat(mFolder, kCurrentFile, mFolder, name.c_str()) != 0)
+    if (::renameat(mFolder.get(), kCurrentFile, mFolder.get(), name.c_str()) != 0)
         return reasonOf("trail.jsonl can't be renamed", errno);
     close();
     return "";
@@ -193,7 +193,7 @@ std::string CurrentFile::rotate(std::uint64_t lastSeq, std::string& name) {
 std::string CurrentFile::keepTail(std::uint64_t from, bool isHollow) {
     const std::unique_ptr<Blocks> blocks = plainBlocks(mFile->get());
     blocks->setPlace(from);
-    const OpenedFile kept = openFile(mFolder, kTornFile, O_WRONLY | O_CREAT | O_APPEND);
+    const OpenedFile kept = openFile(mFolder.get(), kTornFile, O_WRONLY | O_CREAT | O_APPEND);
     bool isKept = kept.file && (kept.status.st_size <= kTornBytesMax || ::ftruncate(kept.file.get(), 0) == 0);
     for (std::string block = blocks->next(); isKept && !block.empty(); block = blocks->next())
         isKept = ::write(kept.file.get(), block.data(), block.size()) == static_cast<ssize_t>(block.size());
@@ -205,7 +205,8 @@ std::string CurrentFile::keepTail(std::uint64_t from, bool isHollow) {
 }
 
 std::string CurrentFile::setAside() {
-    if (::renameat(mFolder, kCurrentFile, mFolder, kTornFile) == 0) return std::string("; it is ") + kTornFile + " now";
+    if (::renameat(mFolder.get(), kCurrentFile, mFolder.get(), kTornFile) == 0)
+        return std::string("; it is ") + kTornFile + " now";
     return reasonOf("; it can't be renamed", errno);
 }
 

@@ -26,8 +26,8 @@ public:
         std::string problem;  // why it is not open; "" when it is
     };
 
-    // folder: stays open for as long as this is used.
-    explicit CurrentFile(int folder) : mFolder(folder) {}
+    // folder: outlives this, and is open before it is used.
+    explicit CurrentFile(const UniqueFd& folder) : mFolder(folder) {}
 
     // Opens the file, or makes it. What stands behind its last sound line is kept aside in trail.torn and cut away; a
     // file that is none of ours, or has no sound line near its end, becomes trail.torn as it is. unsynced: how many
@@ -55,7 +55,7 @@ private:
     std::string setAside();
     std::uint64_t firstSeq() const;
 
-    const int mFolder;
+    const UniqueFd& mFolder;
     std::shared_ptr<UniqueFd> mFile;
     dev_t mDevice = 0;
     ino_t mInode = 0;

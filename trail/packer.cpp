@@ -54,19 +54,19 @@ bool Packer::step() {
 void Packer::look() {
     mIsDone = false;
     mTried = 0;  // files need not come in the order of their numbers, where somebody put some of his own among them
-    if (!mName.empty() && ::faccessat(mFolder, mName.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) != 0) (void)giveUp();
+    if (!mName.empty() && ::faccessat(mFolder.get(), mName.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) != 0) (void)giveUp();
 }
 
 bool Packer::begin() {
-    for (const RotatedFile& file : listRotated(mFolder)) {
+    for (const RotatedFile& file : listRotated(mFolder.get())) {
         if (file.isPacked || file.first <= mTried) continue;
         mTried = file.first;
-        mFrom = openFile(mFolder, file.name, O_RDONLY).file;
+        mFrom = openFile(mFolder.get(), file.name, O_RDONLY).file;
         if (!mFrom) continue;
         mName = file.name;
         mPlace = 0;
-        (void)::unlinkat(mFolder, partName(mName).c_str(), 0);
-        mTo = openFile(mFolder, partName(mName), O_WRONLY | O_CREAT | O_EXCL).file;
+        (void)::unlinkat(mFolder.get(), partName(mName).c_str(), 0);
+        mTo = openFile(mFolder.get(), partName(mName), O_WRONLY | O_CREAT | O_EXCL).file;
         return static_cast<bool>(mTo) || (giveUp(), false);
     }
     return false;
@@ -88,10 +88,10 @@ bool Packer::packBlock() {
 
 bool Packer::finish() {
     if (::fsync(mTo.get()) != 0 ||
-        ::renameat(mFolder, partName(mName).c_str(), mFolder, packedName(mName).c_str()) != 0)
+        ::renameat(mFolder.get(), partName(mName).c_str(), mFolder.get(), packedName(mName).c_str()) != 0)
         return false;
-    (void)syncFolder(mFolder);
-    (void)::unlinkat(mFolder, mName.c_str(), 0);
+    (void)syncFolder(mFolder.get());
+    (void)::unlinkat(mFolder.get(), mName.c_str(), 0);
     mName.clear();
     mFrom.reset();
     mTo.reset();
@@ -100,7 +100,7 @@ bool Packer::finish() {
 
 // Leaves the file as it is.
 bool Packer::giveUp() {
-    if (!mName.empty()) (void)::unlinkat(mFolder, partName(mName).c_str(), 0);
+    if (!mName.empty()) (void)::unlinkat(mFolder.get(), partName(mName).c_str(), 0);
     mName.clear();
     mFrom.reset();
     mTo.reset();

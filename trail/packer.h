@@ -11,8 +11,8 @@ namespace sd::trail {
 
 class Packer {
 public:
-    // folder: stays open for as long as this is used.
-    explicit Packer(int folder) : mFolder(folder) {}
+    // folder: outlives this, and is open before it is used.
+    explicit Packer(const UniqueFd& folder) : mFolder(folder) {}
 
     // Packs the next block of the oldest file that is not packed yet. False where nothing is left that can be: then not
     // before look() is there any. A file takes the place of the other once it is on the disk.
@@ -26,7 +26,7 @@ private:
     bool finish();
     bool giveUp();
 
-    const int mFolder;
+    const UniqueFd& mFolder;
     bool mIsDone = false;
     std::uint64_t mTried = 0;  // files up to that number were packed since the last look(), or can't be
     std::string mName;         // of the file that is being packed; "": none

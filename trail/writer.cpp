@@ -44,10 +44,7 @@ std::size_t sizeOf(const Entry& entry) {
 class Writer::State {
 public:
     explicit State(WriterOptions options)
-        : mOptions(std::move(options)),
-          mFolder(openFolder(mOptions.folder)),
-          mFile(mFolder.get()),
-          mPacker(mFolder.get()) {}
+        : mOptions(std::move(options)), mFolder(openFolder(mOptions.folder)), mFile(mFolder), mPacker(mFolder) {}
 
     ~State() {
         {
@@ -222,6 +219,7 @@ private:
 
     // Until the file can be opened nobody knows what the next entry follows; all wait.
     bool begin(Opening& opening) {
+        if (!mFolder) mFolder = openFolder(mOptions.folder);
         CurrentFile::Found found = mFile.open(mOptions.digest, unsyncedMost());
         noteProblem(found);
         if (!mFile.isOpen()) return false;
@@ -503,7 +501,7 @@ private:
             syncBeside(lock);
             if (mFile.size() >= mOptions.bytesMax) rotate();
         }
-        mIsPacking ? packBeside(lock) : waitForWork(lock);
+        mIsPacking&& mHasBegun ? packBeside(lock) : waitForWork(lock);
     }
 
     void waitForWork(std::unique_lock<std::mutex>& lock) {
@@ -562,7 +560,7 @@ private:
     const pid_t mProcess = ::getpid();
     const WriterOptions mOptions;
     mutable std::mutex mMutex;
-    const UniqueFd mFolder;
+    UniqueFd mFolder;  // another one only before it has begun
     CurrentFile mFile;
     Packer mPacker;
 

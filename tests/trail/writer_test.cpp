@@ -314,8 +314,8 @@ TEST_F(WriterTest, AFileThatCantBeOpenedYetIsGoneOnWithOnceItCan) {
     rlimit limit{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
     const rlimit none{0, limit.rlim_max};
-    Writer writer(options());
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    Writer writer(options());
     open(writer);
     commit(writer, {entryOf("SET_SECURE", "c")});
     const WriterStatus status = writer.status();
