@@ -248,21 +248,18 @@ TEST_F(ServiceTrailTest, GoesOnUnderAnotherKeyWhereItsOwnOpensNothing) {
 }
 
 TEST_F(ServiceTrailTest, NoChangeIsWithoutItsEntryWhereMemoryRunsOut) {
-    std::string stored = "0";
-    call("SET_SECURE", "scarce", "0");
-    (void)added();
-    for (std::uint64_t n = 1; n == 1 || test::ScarceMemory::hasFailed(); ++n) {
+    std::string stored;
+    for (std::uint64_t n = 0; n <= 1 || test::ScarceMemory::hasFailed(); ++n) {
         Message answer;
         {
-            const test::ScarceMemory scarce(test::ScarceMemory::Of::Others, n);
+            const test::ScarceMemory scarce(test::ScarceMemory::Of::Others, n == 0 ? UINT64_MAX : n);
             answer = call("SET_SECURE", "scarce", std::to_string(n));
         }
         const std::string before = std::exchange(stored, call("GET_SECURE", "scarce")->getString(0));
         call("TRAIL_STATUS");  // writes what waits
-        const std::vector<Entry> entries = added();
-        EXPECT_EQ(std::count_if(entries.begin(), entries.end(), [](const Entry& e) { return e.came == "changed"; }),
-                  stored != before ? 1 : 0)
-            << n;
+        std::vector<Entry> entries = added();
+        const auto isChange = [](const Entry& entry) { return entry.came == "changed"; };
+        EXPECT_EQ(std::count_if(entries.begin(), entries.end(), isChange), stored != before ? 1 : 0) << n;
         EXPECT_TRUE(answer->type() != 2 || answer->getBool(0) == (stored != before)) << n;
     }
     EXPECT_EQ(trail::verify(mService->data.path(), digest).problem, "");

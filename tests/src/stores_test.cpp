@@ -3,9 +3,6 @@
 #include <sqlite3.h>
 
 #include <filesystem>
-#include <functional>
-#include <new>
-#include <optional>
 #include <stdexcept>
 #include <tuple>
 
@@ -21,17 +18,18 @@
 namespace sd {
 namespace {
 
+using test::ScarceMemory;
+
 // SQLite's memory runs out as that of `new` does; it asks for each piece by itself.
 const bool sIsScarceForSqlite = [] {
     static sqlite3_mem_methods sOwn;
-    if (sqlite3_config(SQLITE_CONFIG_GETMALLOC, &sOwn) != SQLITE_OK) return false;
-    sqlite3_mem_methods methods = sOwn;
-    methods.xMalloc = [](int size) { return test::ScarceMemory::isRefused() ? nullptr : sOwn.xMalloc(size); };
-    methods.xRealloc = [](void* old, int size) {
-        return test::ScarceMemory::isRefused() ? nullptr : sOwn.xRealloc(old, size);
+    sqlite3_config(SQLITE_CONFIG_GETMALLOC, &sOwn);
+    sqlite3_mem_methods scarce = sOwn;
+    scarce.xMalloc = [](int size) { return ScarceMemory::isRefused() ? nullptr : sOwn.xMalloc(size); };
+    scarce.xRealloc = [](void* old, int size) {
+        return ScarceMemory::isRefused() ? nullptr : sOwn.xRealloc(old, size);
     };
-    return sqlite3_config(SQLITE_CONFIG_MALLOC, &methods) == SQLITE_OK &&
-           sqlite3_config(SQLITE_CONFIG_LOOKASIDE, 0, 0) == SQLITE_OK;
+    return sqlite3_config(SQLITE_CONFIG_MALLOC, &scarce) == 0 && sqlite3_config(SQLITE_CONFIG_LOOKASIDE, 0, 0) == 0;
 }();
 
 using Rows = std::vector<std::vector<std::string>>;
@@ -397,68 +395,45 @@ TEST_F(StoresTest, PoliciesAreWeighedAgainstTheLocalValue) {
     }
 }
 
-// As the trail is: what begins with a commit ends with it.
-struct Carrying : data::SQLiteWitness {
+// Is told of commits as the trail is.
+struct Witness : data::SQLiteWitness {
     int underWay = 0;
     bool isCommitted = false;
     void beforeCommit(data::SQLiteDatabase& /*db*/) override { ++underWay; }
-    void afterCommit(bool committed) override {
-        --underWay;
-        isCommitted = committed;
-    }
+    void afterCommit(bool committed) override { --underWay, isCommitted = committed; }
 };
 
 TEST_F(StoresTest, WhatMemoryRunsOutOverIsStoredWholeOrNotAndReadRightOrNot) {
     ASSERT_TRUE(sIsScarceForSqlite);
-    using Of = test::ScarceMemory::Of;
-    const struct {
-        data::SQLiteDatabase& db;
-        const std::string& file;
-        std::function<bool(const std::string&)> set;
-        std::function<std::string()> get;
-    } kStores[] = {
-        {*mConfig, mConfigFile, [&](const std::string& value) { return mConfig->SetSecure("k", value); },
-         [&] { return mConfig->GetSecure_v3("k"); }},
-        {*mConfig, mConfigFile, [&](const std::string& value) { return mConfig->setReplacedKey(value); },
-         [&] { return mConfig->replacedKey(); }},
-        {mPolicies->sealedTable().database(), mPolicyFile,
-         [&](const std::string& value) {
-             return mPolicies->SetPolicyWithUri("k", {{value, 9}});
-         },
-         [&] { return mPolicies->GetPolicyWithUri("k").begin()->first; }},
-    };
-    for (const auto& store : kStores) {
+    for (const bool isPolicy : {false, true}) {
+        const auto set = [&](const std::string& value) {
+            return isPolicy ? mPolicies->SetPolicyWithUri("k", {{value, 9}}) : mConfig->SetSecure("k", value);
+        };
+        const auto get = [&] {
+            return isPolicy ? mPolicies->GetPolicyWithUri("k").begin()->first : mConfig->GetSecure_v3("k");
+        };
+        sqlite3* const db = isPolicy ? mPolicies->sealedTable().database().handle() : mConfig->handle();
         std::string stored = "before";
-        ASSERT_TRUE(store.set(stored));
+        ASSERT_TRUE(set(stored));
         bool hasFailed = true;
-        for (std::uint64_t n = 1; hasFailed; ++n) {
-            hasFailed = false;
-            for (const bool lasts : {false, true}) {
-                const std::string value = std::to_string(n) + (lasts ? " and on" : "");
-                Carrying carrying;
-                bool isDone = false;
-                std::optional<std::string> read;
-                try {
-                    const data::SQLiteWitnessed witnessed(carrying);
-                    const test::ScarceMemory scarce(Of::ThisThread, n, lasts);
-                    isDone = store.set(value);
-                } catch (const std::bad_alloc&) {
-                }
-                hasFailed = hasFailed || test::ScarceMemory::hasFailed();
-                if (carrying.isCommitted) stored = value;
-                try {
-                    const test::ScarceMemory scarce(Of::ThisThread, n, lasts);
-                    read = store.get();
-                } catch (const std::bad_alloc&) {
-                }
-                const std::string which = store.file + " " + value;
-                EXPECT_EQ(carrying.underWay, 0) << which;
-                EXPECT_EQ(isDone, carrying.isCommitted) << which;
-                EXPECT_EQ(read.value_or(stored), stored) << which;
-                EXPECT_EQ(store.get(), stored) << which;
-                EXPECT_EQ(sqlite3_next_stmt(store.db.handle(), nullptr), nullptr) << which;
-                test::query(store.file, "BEGIN IMMEDIATE");  // which the store keeps from nobody
+        for (std::uint64_t i = 2; hasFailed; ++i) {
+            const bool lasts = i % 2 != 0;
+            const std::string value = std::to_string(i / 2) + (isPolicy ? ", policy" : "") + (lasts ? ", and on" : "");
+            Witness witness;
+            bool isDone = false;
+            {
+                const data::SQLiteWitnessed witnessed(witness);
+                (void)ScarceMemory::passes(i / 2, lasts, [&] { isDone = set(value); });
             }
+            hasFailed = ScarceMemory::hasFailed();
+            if (witness.isCommitted) stored = value;
+            std::string read = "";
+            if (!ScarceMemory::passes(i / 2, lasts, [&] { read = get(); })) read = stored;
+            hasFailed = hasFailed || ScarceMemory::hasFailed();
+            EXPECT_EQ(std::tuple(read, get()), std::tuple(stored, stored)) << value;
+            EXPECT_EQ(std::tuple(witness.underWay, isDone), std::tuple(0, witness.isCommitted)) << value;
+            EXPECT_EQ(sqlite3_next_stmt(db, nullptr), nullptr) << value;
+            test::query(isPolicy ? mPolicyFile : mConfigFile, "BEGIN IMMEDIATE");  // which it keeps from nobody
         }
     }
 }

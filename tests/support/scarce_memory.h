@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <exception>
 
 namespace test {
 
@@ -16,6 +17,18 @@ public:
     ScarceMemory& operator=(const ScarceMemory&) = delete;
 
     static bool hasFailed();  // the latest
+
+    // Whether the task ends without an exception, while the n-th `new` on this thread fails.
+    template <class Task>
+    static bool passes(std::uint64_t n, bool lasts, const Task& task) {
+        const ScarceMemory scarce(Of::ThisThread, n, lasts);
+        try {
+            task();
+            return true;
+        } catch (const std::exception&) {
+            return false;
+        }
+    }
 
     // For other allocators: whether this time it fails, which counts as one more.
     static bool isRefused();
