@@ -485,9 +485,9 @@ int liveAll(const Arguments& arguments, const std::string& place) {
             lives.live(at);
         } catch (const std::exception& failure) {  // whatever it is, the number tells how to see it again
             ++failures;
-            std::cout << "number " << at << " of " << all << ", asked by " << lives.refusedTo() << ": "
-                      << failure.what() << "\n  the service: " << lives.said() << "\n  again: scarcity "
-                      << arguments.whose << " " << arguments.what << " " << arguments.seed << " -" << at << std::endl;
+            std::cout << "the service: " << lives.said() << "\nnumber " << at << " of " << all << ", asked by "
+                      << lives.refusedTo() << ": " << failure.what() << "\nagain: scarcity " << arguments.whose << " "
+                      << arguments.what << " " << arguments.seed << " -" << at << std::endl;
         }
         ++refused[lives.refusedTo()];
     }

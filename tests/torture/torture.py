@@ -1266,7 +1266,7 @@ def scarcity(run):
     run.needs_plain_build()
     told = []
     for whose, kind, lives in (("service", "memory", 25), ("service", "descriptor", 20), ("service", "thread", 0),
-                               ("service", "mapping", 0), ("killed", "memory", 5), ("killed", "descriptor", 10),
+                               ("service", "mapping", 0), ("killed", "memory", 5), ("killed", "descriptor", 0),
                                ("killed", "thread", 0), ("killed", "mapping", 0), ("client", "memory", 30),
                                ("client", "descriptor", 0), ("client", "thread", 0)):
         programs = [pieces.PROGRAMS[name] for name in ("scarcity", "scarce", "sdconfigd", "torture_client", "sdconfig_data")]
