@@ -409,7 +409,7 @@ TEST_F(SlotsTest, WhatAHostTellsIsTakenWholeOrNotWhereMemoryRunsOut) {
     bool hasFailed = true;
     for (std::uint64_t n = 1; hasFailed; ++n) {
         const std::string name(50, 'n'), value = std::string(50, 'v') + std::to_string(n);
-        writeFile(constants, name + "=" + value + "\nother=" + value + "\n");
+        writeFile(constants, std::string(name).append("=").append(value).append("\nother=").append(value));
         std::string problem;
         const bool isTaken = ScarceMemory::passes(n, false, [&] { problem = useConstants(constants); });
         hasFailed = ScarceMemory::hasFailed();

@@ -427,7 +427,7 @@ TEST_F(StoresTest, WhatMemoryRunsOutOverIsStoredWholeOrNotAndReadRightOrNot) {
             }
             hasFailed = ScarceMemory::hasFailed();
             if (witness.isCommitted) stored = value;
-            std::string read = "";
+            std::string read;
             if (!ScarceMemory::passes(i / 2, lasts, [&] { read = get(); })) read = stored;
             hasFailed = hasFailed || ScarceMemory::hasFailed();
             EXPECT_EQ(std::tuple(read, get()), std::tuple(stored, stored)) << value;
