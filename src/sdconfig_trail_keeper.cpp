@@ -31,8 +31,8 @@ SDSecurity& layer() {
     return *SDSecurity::GetInstance();
 }
 
-// The trail never stops what it tells of: without memory, or without OpenSSL, an entry is missing; but no commit is made
-// whose entry found no memory.
+// The trail never stops what it tells of: without memory, or without OpenSSL, an entry is missing; but no commit is
+// made whose entry found no memory.
 template <class Task>
 void contained(const char* what, const Task& task) noexcept {
     try {
