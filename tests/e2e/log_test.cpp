@@ -76,6 +76,12 @@ TEST_F(LogTest, ShowsAtATerminalThroughAPager) {
     EXPECT_THAT(screenOf("tr a-z A-Z"), HasSubstr("/BIN/X, PID 4711"));
     EXPECT_THAT(screenOf("head -1 && :"), AllOf(HasSubstr("/bin/x"), Not(HasSubstr("settings"))));
     EXPECT_THAT(screenOf("no-such-program"), AllOf(HasSubstr("no program \"no-such-program\""), HasSubstr("/bin/x")));
+    world["PAGER"] = "sh -c 'trap \"\" INT; read -r first; echo here; read -r line </dev/tty; cat'";
+    TerminalProcess terminal(cliCommand({"log", "--data-dir", path("data")}), world);
+    EXPECT_TRUE(terminal.waitForScreen("here"));
+    terminal.type("\x03\n");
+    EXPECT_EQ(terminal.wait(), 0) << "Ctrl-C is the pager's";
+    EXPECT_THAT(terminal.screen(), HasSubstr("settings"));
     // Whoever came by sudo chooses no program; less itself, with a screen that holds all, ends at once.
     world["SUDO_UID"] = "7";
     EXPECT_THAT(screenOf("tr a-z A-Z"), HasSubstr("/bin/x"));
