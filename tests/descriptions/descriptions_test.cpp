@@ -159,6 +159,7 @@ TEST(DescriptionTest, EachMistakeIsNamedWithItsLineAndARemedy) {
         {R"("d7": {"type": "color", "default": "red"})", "is no color", "#rrggbb"},
         {R"("d8": {"type": "int", "replacedBy": "a.b"})", "without \"deprecated\"", "\"deprecated\": true"},
         {R"("d9": {"type": "int", "translations": {"german": {}}})", "is no locale", "\"de\""},
+        {R"("e0": {"type": "int", "translations": {"de.utf8": {}}})", "is no locale", "\"de\""},
         {R"("e1": {"type": "int", "translations": {"de": {"sumary": "x"}}})", "no field", "did you mean \"summary\""},
         {R"("e2": {"type": "int", "summary": "two\nlines"})", "has several lines", "description"},
         {R"("e3": {"type": "int", "summary": 4})", "has to be a text", "quotation marks"},

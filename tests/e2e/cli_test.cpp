@@ -234,6 +234,7 @@ TEST_F(CliTest, TellsWhatIsWrongAndWhatToType) {
     ASSERT_TRUE(service.waitForErr("sdconfigd: ready on "));
     cli({"secure", "set", "k", "secret"});
     expectDoctor(0, "ok: service: process " + std::to_string(service.pid()) + " answers in ");
+    EXPECT_THAT(cli({"status"}).out, AllOf(HasSubstr("round trip: "), Not(HasSubstr("round trip: 0 us"))));
     for (const std::string& file : {socketPath(), path("data/sdconfig.db")}) {
         fs::permissions(file, fs::perms::all);
         expectDoctor(1, ": others may get at " + file + "; next: chmod 600 ");

@@ -491,6 +491,26 @@ TEST_F(WriterTest, ARotationThatWasNotFinishedIsGoneOnWith) {
     EXPECT_EQ(problem(), "");
 }
 
+TEST_F(WriterTest, ARotationThatFailsIsNoneAndIsTriedAgain) {
+    WriterOptions small = options();
+    small.bytesMax = 8000;
+    fs::create_directories(path(rotatedName(1)) + "/of somebody");
+    {
+        Writer writer(small);
+        open(writer);
+        for (int i = 0; i < 42; ++i) {  // so many that the thread hurries, and has looked before the last
+            commit(writer, {entryOf("SET_SECURE", "a")});
+            const auto isSynced = [&] { return writer.status().onDisk == writer.status().head.seq; };
+            EXPECT_TRUE(i < 39 || test::waitUntil(isSynced, 20000));
+        }
+        EXPECT_EQ(writer.status().head.seq, 42u) << "nothing else was written";
+        fs::remove_all(path(rotatedName(1)));
+        EXPECT_TRUE(
+            test::waitUntil([&] { return commit(writer, {entryOf("SET_SECURE")}), !rotated().empty(); }, 20000));
+    }
+    EXPECT_EQ(problem(), "");
+}
+
 TEST_F(WriterTest, AForkedChildLeavesItAlone) {
     auto writer = std::make_unique<Writer>(options());
     open(*writer);
