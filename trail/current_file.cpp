@@ -10,6 +10,7 @@
 #include <optional>
 #include <utility>
 
+#include "base/synced_folder.h"
 #include "trail/blocks.h"
 #include "trail/files.h"
 
@@ -139,10 +140,12 @@ CurrentFile::Found CurrentFile::open(const Digest& digest, std::uint64_t unsynce
     if (!opened.isAbsent) return found;
     found.isNew = found.damage.empty();
     opened = openFile(mFolder.get(), kCurrentFile, O_RDWR | O_APPEND | O_CREAT | O_EXCL);
-    if (opened.file)
+    if (opened.file) {
         adopt(std::move(opened.file), opened.status);
-    else
+        (void)syncFolder(mFolder.get());  // its name, and that of what was set aside
+    } else {
         found.problem = std::string(kCurrentFile) + " " + (opened.isAbsent ? "has no folder" : opened.problem);
+    }
     return found;
 }
 
@@ -197,6 +200,7 @@ std::string CurrentFile::keepTail(std::uint64_t from, bool isHollow) {
     bool isKept = kept.file && (kept.status.st_size <= kTornBytesMax || ::ftruncate(kept.file.get(), 0) == 0);
     for (std::string block = blocks->next(); isKept && !block.empty(); block = blocks->next())
         isKept = ::write(kept.file.get(), block.data(), block.size()) == static_cast<ssize_t>(block.size());
+    isKept = isKept && ::fsync(kept.file.get()) == 0 && syncFolder(mFolder.get());
     std::string told = bytesText(mSize - from) + (isHollow ? " from a hole in " : " behind the last line of ") +
                        kCurrentFile + (isHollow ? " on" : " that is sound") +
                        (isKept ? std::string(" are in ") + kTornFile : " could not be kept aside");

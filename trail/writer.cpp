@@ -18,7 +18,6 @@
 
 #include "base/quiet_thread.h"
 #include "base/shared_library.h"
-#include "base/synced_folder.h"
 #include "trail/current_file.h"
 #include "trail/files.h"
 #include "trail/packer.h"
@@ -551,7 +550,6 @@ private:
         if (!seal(entry)) return;
         write();
         if (!syncAll()) return;
-        (void)syncFolder(mFolder.get());
         dropBefore(mFolder.get(), oldest);
         mPacker.look();
         mIsPacking = true;

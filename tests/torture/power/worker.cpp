@@ -118,6 +118,8 @@ std::vector<Entry> Worker::record(Model& model, const Files& files, bool isKille
     }
     start(variables);
     mark("ack\tstart");
+    const std::string torn = "data/trail.torn";  // what the start kept aside is there from now on
+    if (fs::exists(disk() + "/" + torn)) mark("ack\tfile\t" + torn);
     if (!isUpgrade) model.settle(ask(model), files);
     for (int i = 0; i < kSets; ++i) {
         const std::string key = "after.cut." + std::to_string(i);
