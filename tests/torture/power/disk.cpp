@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <set>
@@ -19,17 +20,29 @@ std::size_t upTo(std::size_t most, std::mt19937_64& random) {
     return std::uniform_int_distribution<std::size_t>(0, most)(random);
 }
 
+bool endsWith(const std::string& text, std::string_view end) {
+    return text.size() > end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
 // As the kernel shows what is open and has no name.
 bool isDeleted(const std::string& path) {
-    constexpr std::string_view kDeleted = " (deleted)";
-    return path.size() > kDeleted.size() && path.compare(path.size() - kDeleted.size(), kDeleted.size(), kDeleted) == 0;
+    return endsWith(path, " (deleted)");
+}
+
+// Of a database's log: mapped memory, which is nothing after a cut.
+bool isIndex(const std::string& path) {
+    return endsWith(path, "-shm");
+}
+
+std::string contentOf(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 }  // namespace
 
 std::vector<Entry> readLog(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    const std::string bytes((std::istreambuf_iterator<char>(file)), {});
+    const std::string bytes = contentOf(path);
     std::vector<Entry> entries;
     for (std::size_t at = 0; at < bytes.size();) {
         Record record{};
@@ -53,6 +66,18 @@ void appendToLog(const std::string& path, const Entry& entry) {
     const sd::UniqueFd log(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600));
     if (::write(log.get(), bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
         throw std::runtime_error("no room for a log of calls");
+}
+
+Files filesIn(const std::string& root) {
+    Files files;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
+        const std::string path = entry.path().lexically_relative(root);
+        if (entry.is_directory())
+            files[path + "/"];
+        else
+            files[path] = contentOf(entry.path());
+    }
+    return files;
 }
 
 Disk::Place Disk::placeOf(const std::string& path) const {
@@ -266,6 +291,18 @@ Files Disk::afterCut(std::mt19937_64& random) const {
     Files files;
     collect(names, 0, "", contentOf, files);
     return files;
+}
+
+void checkRecording(const std::vector<Entry>& log, const std::string& root) {
+    Disk disk(root);
+    for (const Entry& entry : log) disk.apply(entry);
+    const Files seen = disk.asSeen(), found = filesIn(root);
+    for (const auto& [path, content] : found) {
+        const auto at = seen.find(path);
+        if (at == seen.end() || (at->second != content && !isIndex(path)))
+            throw std::runtime_error("what made " + path + " was not recorded");
+    }
+    if (seen.size() != found.size()) throw std::runtime_error("what removed a file was not recorded");
 }
 
 }  // namespace power

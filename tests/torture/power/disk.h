@@ -29,6 +29,7 @@ void appendToLog(const std::string& path, const Entry& entry);
 
 // By path below the root of what was recorded. A folder's path ends in a slash.
 using Files = std::map<std::string, std::string>;
+Files filesIn(const std::string& root);
 
 class Disk {
 public:
@@ -96,5 +97,8 @@ private:
     Names mSynced;
     std::vector<Naming> mPending;
 };
+
+// That the log tells of all that led to the files that are there. Throws std::runtime_error.
+void checkRecording(const std::vector<Entry>& log, const std::string& root);
 
 }  // namespace power

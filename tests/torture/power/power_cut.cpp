@@ -206,6 +206,7 @@ Arguments parsed(int count, char** words) {
 int run(const Arguments& arguments) {
     const std::vector<Entry> log = readLog(arguments.log);
     if (log.empty()) throw Failed("nothing was recorded");
+    if (fs::exists(arguments.root)) checkRecording(log, arguments.root);  // a log that was kept has it no more
     char place[] = "/dev/shm/power-XXXXXX";
     if (!::mkdtemp(place)) throw Failed("no room in /dev/shm");
     void* const shared = ::mmap(nullptr, sizeof(Told), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);

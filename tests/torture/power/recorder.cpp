@@ -24,9 +24,10 @@ using power::Kind;
 using torture::modeOf;
 using torture::next;
 
+// Stays, as what a process does to its files while it exits is to be noted, too.
 const std::string& root() {
-    static const std::string sRoot = ::getenv("POWER_ROOT") ? ::getenv("POWER_ROOT") : "";
-    return sRoot;
+    static const std::string* const sRoot = new std::string(::getenv("POWER_ROOT") ? ::getenv("POWER_ROOT") : "");
+    return *sRoot;
 }
 
 bool isWatched(const std::string& path) {

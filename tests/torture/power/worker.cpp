@@ -29,18 +29,6 @@ void makeFolder(const std::string& path) {
     fs::permissions(path, fs::perms::owner_all);
 }
 
-Files filesIn(const std::string& folder) {
-    Files files;
-    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(folder)) {
-        const std::string path = entry.path().lexically_relative(folder);
-        if (entry.is_directory())
-            files[path + "/"];
-        else
-            files[path] = torture::textOf(entry.path());
-    }
-    return files;
-}
-
 TrailRead readTrail(const std::string& text) {
     static const std::set<std::string> kChanges{"SET_SECURE", "DEL_SECURE", "SET_POLICY", "SET_POLICYLIST",
                                                 "DELETE_POLICY"};
@@ -129,7 +117,9 @@ std::vector<Entry> Worker::record(Model& model, const Files& files, bool isKille
     }
     if (!isKilled) mark("begin\tend");
     mLife.end(isKilled ? SIGKILL : SIGTERM);
-    return readLog(recording());
+    std::vector<Entry> log = readLog(recording());
+    checkRecording(log, disk());
+    return log;
 }
 
 void Worker::noteExisting(const std::string& path, const std::string& content) const {
