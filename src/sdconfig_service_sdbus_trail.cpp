@@ -86,7 +86,7 @@ bool SDConfigInterface::noteRead(const Call& call, const std::string& key, const
     entry.key = key;
     entry.came = came::kRead;
     entry.newDigest = mTrail->digestOf(key, value);
-    mTrail->noteCaller(std::move(entry));
+    mTrail->noteReading(std::move(entry));
     return true;
 }
 

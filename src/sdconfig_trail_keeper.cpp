@@ -31,12 +31,23 @@ SDSecurity& layer() {
     return *SDSecurity::GetInstance();
 }
 
-// The trail never stops what it tells of: without memory, or without OpenSSL, an entry is missing; but no commit is
-// made whose entry found no memory.
+// The trail never stops what it tells of: without memory, or without OpenSSL, an entry is missing.
 template <class Task>
 void contained(const char* what, const Task& task) noexcept {
     try {
         task();
+    } catch (const std::exception& failure) {
+        LOG(7, AT "the trail: %s: %s", HERE, what, failure.what());
+    }
+}
+
+// The same; but no commit is made, and no value told, whose entry found no memory.
+template <class Task>
+void demanded(const char* what, const Task& task) {
+    try {
+        task();
+    } catch (const std::bad_alloc&) {
+        throw;
     } catch (const std::exception& failure) {
         LOG(7, AT "the trail: %s: %s", HERE, what, failure.what());
     }
@@ -66,14 +77,7 @@ public:
 
     void beforeCommit(data::SQLiteDatabase& db) override {
         mSlots = mSeq == 0 ? mKeeper.slotsOf(db) : nullptr;
-        if (!mSlots) return;
-        try {
-            carry();
-        } catch (const std::bad_alloc&) {
-            throw;
-        } catch (const std::exception& failure) {
-            LOG(7, AT "the trail: a commit: %s", HERE, failure.what());
-        }
+        if (mSlots) demanded("a commit", [this] { carry(); });
     }
 
     void afterCommit(bool isCommitted) override {
@@ -164,6 +168,11 @@ std::uint64_t TrailKeeper::note(trail::Entry entry) {
 void TrailKeeper::noteCaller(trail::Entry entry) {
     makeRing();
     note(std::move(entry));
+}
+
+void TrailKeeper::noteReading(trail::Entry entry) {
+    makeRing();
+    demanded("a reading", [&] { (void)mWriter.append(std::move(entry)); });
 }
 
 // ---- Its begin and its end ----

@@ -73,6 +73,8 @@ public:
     std::uint64_t note(trail::Entry entry);
     // The same, and makes the key ring.
     void noteCaller(trail::Entry entry);
+    // The same, of a value that is about to be told. Throws std::bad_alloc where there is no memory for it.
+    void noteReading(trail::Entry entry);
     // Waits until the disk has what was noted.
     void sync();
 

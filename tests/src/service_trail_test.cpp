@@ -247,7 +247,23 @@ TEST_F(ServiceTrailTest, GoesOnUnderAnotherKeyWhereItsOwnOpensNothing) {
     EXPECT_FALSE(log.has(key, 7)) << "the layer is not asked for what it can't do";
 }
 
+TEST_F(ServiceTrailTest, NoReadingIsWithoutItsEntryWhereMemoryRunsOut) {
+    call("SET_SECURE", "audited.scarce", "told");
+    for (std::uint64_t n = 1; n == 1 || test::ScarceMemory::hasFailed(); ++n) {
+        (void)added();
+        Message answer;
+        {
+            const test::ScarceMemory scarce(test::ScarceMemory::Of::Others, n);
+            answer = call("GET_SECURE", "audited.scarce");
+        }
+        const bool isTold = answer->type() == 2 && answer->getString(0) == "told";
+        call("TRAIL_STATUS");  // writes what waits
+        EXPECT_TRUE(!isTold || added().size() == 1) << n;
+    }
+}
+
 TEST_F(ServiceTrailTest, NoChangeIsWithoutItsEntryWhereMemoryRunsOut) {
+    (void)added();
     std::string stored;
     for (std::uint64_t n = 0; n <= 1 || test::ScarceMemory::hasFailed(); ++n) {
         Message answer;
