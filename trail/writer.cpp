@@ -500,7 +500,10 @@ private:
             syncBeside(lock);
             if (mFile.size() >= mOptions.bytesMax) rotate();
         }
-        mIsPacking&& mHasBegun ? packBeside(lock) : waitForWork(lock);
+        if (mIsPacking && mHasBegun)
+            packBeside(lock);
+        else
+            waitForWork(lock);
     }
 
     void waitForWork(std::unique_lock<std::mutex>& lock) {
