@@ -73,7 +73,7 @@ TEST(TextTest, TheLocalesEncodingAsIconvHasIt) {
     }
     EXPECT_EQ(localToUtf8("\x8F\xB0\xEC"), byIconv("EUC-JP", "\x8F\xB0\xEC"));  // three bytes a character
     std::setlocale(LC_CTYPE, "C");
-    const std::string valid = "\xC3\xBC \xE6\x97\xA5 \xF0\x9F\x94\x91 \xF4\x8F\xBF\xBF";
+    const std::string valid = "\xC3\xBC \xE6\x97\xA5 \xF0\x90\x80\x80 \xF4\x8F\xBF\xBF";
     EXPECT_EQ(localToUtf8(valid), valid);
     const std::string twice = kReplacement + kReplacement, thrice = twice + kReplacement;
     EXPECT_EQ(localToUtf8("a\xE6\x97"), "a" + twice);                        // cut off

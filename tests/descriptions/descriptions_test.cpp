@@ -130,6 +130,7 @@ TEST(DescriptionTest, EachMistakeIsNamedWithItsLineAndARemedy) {
         {R"("a7": {"type": "int", "default": "4"})", "is a text; it has to be a number", "without quotation marks"},
         {R"("a8": {"type": "int", "default": 4.5})", "is no whole number", "a whole number"},
         {R"("a9": {"type": "bool", "default": "true"})", "has to be true or false", "without quotation marks"},
+        {R"("b0": {"type": "color", "pattern": "x"})", "makes no sense of the type color", "delete it"},
         {R"("b1": {"type": "int", "minimum": 9, "maximum": 3})", "is more than \"maximum\", 3", "exchange"},
         {R"("b2": {"type": "string", "minimum": 3})", "makes no sense of the type string", "delete it"},
         {R"("b3": {"type": "duration", "default": "5"})", "has no unit", "put one behind"},
