@@ -189,7 +189,7 @@ void Model::checkCleanEnd(const Files& files) const {
     const Content mark = contentIn(files, kCleanEndMark);
     if (mark && mIsServed) throw Failed("the mark of a clean end is there, though a service was ready since");
     const auto end = mark ? mCleanEnds.find(*mark) : mCleanEnds.end();
-    const auto holdsBytes = [&](const char* log) { return contentIn(files, log).value_or("") != ""; };
+    const auto holdsBytes = [&](const char* log) { return !contentIn(files, log).value_or("").empty(); };
     if (end == mCleanEnds.end() || std::any_of(kLogs.begin(), kLogs.end(), holdsBytes)) return;
     for (const char* const path : kDescribed)
         if (contentIn(files, path) != contentIn(end->second, path))
