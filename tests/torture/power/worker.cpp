@@ -7,6 +7,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <set>
 #include <sstream>
 #include <utility>
@@ -95,7 +96,7 @@ void Worker::check(Model model, const Files& files, Look look) {
 
 std::vector<Entry> Worker::record(Model& model, const Files& files, bool isKilled) {
     constexpr int kSets = 3;
-    fs::remove(recording());
+    (void)std::ofstream(recording());  // empty, and there where there are no files
     put(files);
     for (const auto& [path, content] : files) noteExisting(path, content);
     const Words variables{"LD_PRELOAD=" + mPrograms.recorder, "POWER_ROOT=" + disk(), "POWER_LOG=" + recording()};
