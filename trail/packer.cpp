@@ -88,9 +88,9 @@ bool Packer::packBlock() {
 
 bool Packer::finish() {
     if (::fsync(mTo.get()) != 0 ||
-        ::renameat(mFolder.get(), partName(mName).c_str(), mFolder.get(), packedName(mName).c_str()) != 0)
+        ::renameat(mFolder.get(), partName(mName).c_str(), mFolder.get(), packedName(mName).c_str()) != 0 ||
+        !syncFolder(mFolder.get()))
         return false;
-    (void)syncFolder(mFolder.get());
     (void)::unlinkat(mFolder.get(), mName.c_str(), 0);
     mName.clear();
     mFrom.reset();
