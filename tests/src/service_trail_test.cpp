@@ -27,6 +27,7 @@ namespace {
 
 using Message = std::shared_ptr<SDBusMessage>;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using trail::Entry;
 
 class ServiceTrailTest : public testing::Test {
@@ -155,6 +156,7 @@ TEST_F(ServiceTrailTest, AListHasOneCause) {
     EXPECT_EQ(list[1].by.has_value(), std::getenv("BUS_OF_VERSION_1_0") == nullptr) << "which can't tell who called";
     EXPECT_EQ(list[1].cause, 0U);
     for (const std::size_t i : {2U, 3U}) EXPECT_EQ(list[i].cause, list[1].seq);
+    EXPECT_THAT(test::readFile(file("trail.jsonl")), HasSubstr("\"cause\":" + std::to_string(list[1].seq)));
 
     call("DM_CLEAR_ALL_KEYS");
     call("DM_CLEAR_ALL_KEYS");
