@@ -19,6 +19,7 @@
 #include "tests/support/arguments.h"
 #include "tests/support/scarce_memory.h"
 #include "tests/support/support.h"
+#include "trail/chain.h"
 #include "trail/reader.h"
 #include "trail/verify.h"
 
@@ -202,6 +203,11 @@ TEST_F(ServiceTrailTest, ReadingsOfAuditedKeysAreInItBeforeTheyAreAnswered) {
                 ElementsAre("GET_SECURE audited.A=read!", "GET_SECURE other=read!", "GET_POLICY audited.b=read!",
                             "DM_GET_POLICIES audited.b=read!", "DM_LIST audited.b=read!"));
     EXPECT_EQ(reads[0].newDigest, sets[1].newDigest);
+    for (const char* reading : {"GET_SECURE", "GET_POLICY"}) {
+        call(reading, "audited.b");
+        const Message status = call("TRAIL_STATUS");
+        EXPECT_EQ(status->getString(2), std::to_string(trail::headOf(status->getString(1))->seq)) << "on the disk";
+    }
 }
 
 // Root alone can play two users.
