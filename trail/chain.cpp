@@ -1,5 +1,6 @@
 #include "trail/chain.h"
 
+#include <openssl/err.h>
 #include <openssl/evp.h>
 
 #include <array>
@@ -15,6 +16,7 @@ struct OpenSslApi {
     const SharedLibrary library{OPENSSL_SONAME};
     LOADED(library, EVP_MD_fetch);
     LOADED(library, EVP_Digest);
+    LOADED(library, ERR_clear_error);
 };
 
 const OpenSslApi& openssl() {
@@ -23,7 +25,9 @@ const OpenSslApi& openssl() {
 }
 
 const EVP_MD* fetchSha256() {
-    if (const EVP_MD* const sha256 = openssl().EVP_MD_fetch(nullptr, "SHA256", nullptr)) return sha256;
+    const EVP_MD* const sha256 = openssl().EVP_MD_fetch(nullptr, "SHA256", nullptr);
+    openssl().ERR_clear_error();  // of another digest, too, which it looks at on its way
+    if (sha256) return sha256;
     throw LibraryFailure("libcrypto has no SHA-256");
 }
 
@@ -66,8 +70,10 @@ std::string lineDigest(std::string_view line) {
     std::array<unsigned char, EVP_MAX_MD_SIZE> bytes{};
     unsigned size = 0;
     static const EVP_MD* const sSha256 = fetchSha256();  // to look for it takes as long as a line's digest
-    if (openssl().EVP_Digest(line.data(), line.size(), bytes.data(), &size, sSha256, nullptr) != 1)
+    if (openssl().EVP_Digest(line.data(), line.size(), bytes.data(), &size, sSha256, nullptr) != 1) {
+        openssl().ERR_clear_error();
         throw LibraryFailure("libcrypto makes no SHA-256");
+    }
     std::string text;
     text.reserve(kLineDigits);
     for (unsigned i = 0; i < size; ++i) (text += kHex[bytes[i] >> 4]) += kHex[bytes[i] & 15];
