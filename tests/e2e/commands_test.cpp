@@ -2,7 +2,11 @@
 // member of --json and each exit code. Lines "$ COMMAND" are typed into a shell; what stands below is what they print,
 // and behind "!" what they say on standard error. "$ service OPTIONS" starts the service, "$ stop" ends it and shows
 // what it said, "$ kill" kills it; "@" is the session's folder.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <iterator>
@@ -102,8 +106,24 @@ TEST_F(CommandsTest, SetAndGetValues) {
     expectSession("values");
 }
 
+// Another user's service in a container has another machine's policies: the administrator of this one is told nothing.
 TEST_F(CommandsTest, SetAndApplyPolicies) {
+    int ready[2];
+    ASSERT_EQ(::pipe2(ready, O_CLOEXEC), 0);
+    const pid_t contained = ::fork();
+    if (contained == 0) {
+        if (::chroot(path("home").c_str()) == 0 && ::setuid(65534) == 0) ::prctl(PR_SET_DUMPABLE, 1);  // as after exec
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (::prctl(PR_SET_NAME, "sdconfigd") == 0 && ::write(ready[1], "", 1) == 1) ::pause();
+        ::_exit(1);
+    }
+    char byte = 0;
+    ::close(ready[1]);
+    EXPECT_EQ(::read(ready[0], &byte, 1), 1);
     expectSession("policies");
+    ::kill(contained, SIGKILL);
+    ::waitpid(contained, nullptr, 0);
+    ::close(ready[0]);
 }
 
 TEST_F(CommandsTest, KnowDescribedKeys) {

@@ -24,7 +24,15 @@ namespace fs = std::filesystem;
 constexpr char kDaemon[] = "sdconfigd";
 constexpr std::size_t kMostOutput = std::size_t{64} << 20;
 
-// Whose sdconfigd runs: root asks for all, others for themselves.
+// Whether a process has files of its own for the system's, as in a container; what can't be told counts as no.
+bool isElsewhere(const fs::path& process) {
+    struct stat own {};
+    struct stat other {};
+    if (::stat("/", &own) != 0 || ::stat((process / "root").c_str(), &other) != 0) return false;
+    return own.st_dev != other.st_dev || own.st_ino != other.st_ino;
+}
+
+// Whose sdconfigd runs on this system: root asks for all, others for themselves.
 std::set<uid_t> servedUsers() {
     std::set<uid_t> users;
     std::error_code failure;
@@ -32,7 +40,7 @@ std::set<uid_t> servedUsers() {
         std::string name;
         std::ifstream(entry->path() / "comm") >> name;
         struct stat status {};
-        if (name != kDaemon || ::stat(entry->path().c_str(), &status) != 0) continue;
+        if (name != kDaemon || ::stat(entry->path().c_str(), &status) != 0 || isElsewhere(entry->path())) continue;
         if (::geteuid() == 0 || status.st_uid == ::geteuid()) users.insert(status.st_uid);
     }
     return users;
