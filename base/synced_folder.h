@@ -1,15 +1,13 @@
 // Folders whose names a power cut leaves as they are.
 #pragma once
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstddef>
-#include <memory>
 #include <string>
 
+#include "base/folder_listing.h"
 #include "base/unique_fd.h"
 
 namespace sd {
@@ -34,10 +32,10 @@ inline bool syncFolder(const std::string& path) {
 // For a folder that was there. Whoever made it may have been killed before its name was synced, which comes before
 // anything is put into it: an empty one's is synced now, where that can be done.
 inline void syncNameOfEmpty(const std::string& folder) {
-    const std::unique_ptr<DIR, int (*)(DIR*)> list(::opendir(folder.c_str()), ::closedir);
+    FolderListing list(folder);
     if (!list) return;
     int names = 0;
-    while (names <= 2 && ::readdir(list.get())) ++names;    // NOLINT(concurrency-mt-unsafe): a list of our own
+    while (names <= 2 && list.next()) ++names;
     if (names <= 2) (void)syncFolder(folderAbove(folder));  // "." and ".."
 }
 

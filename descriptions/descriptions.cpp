@@ -1,15 +1,13 @@
 #include "descriptions/descriptions.h"
 
-#include <dirent.h>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <map>
-#include <memory>
 
+#include "base/folder_listing.h"
 #include "base/letter_case.h"
 #include "base/nearest.h"
 #include "base/trusted_path.h"
@@ -30,18 +28,12 @@ bool isPlainKey(std::string_view name) {
     return std::none_of(name.begin(), name.end(), [](char c) { return c == '*' || c == '\\'; });
 }
 
-struct CloseFolder {
-    void operator()(DIR* folder) const { ::closedir(folder); }
-};
-
-// The names of the files in an open folder.
-std::vector<std::string> listFiles(const UniqueFd& folder) {
-    std::vector<std::string> names;
-    const int listed = ::openat(folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    const std::unique_ptr<DIR, CloseFolder> listing(listed < 0 ? nullptr : ::fdopendir(listed));
-    while (const dirent* const entry = listing ? ::readdir(listing.get()) : nullptr)
-        if (isDescriptionFileName(entry->d_name)) names.emplace_back(entry->d_name);
-    return names;
+// The names of the files in an open folder. Returns 0, or why not all could be read.
+int listFiles(const UniqueFd& folder, std::vector<std::string>& names) {
+    FolderListing listing(folder.get());
+    while (const char* const name = listing ? listing.next() : nullptr)
+        if (isDescriptionFileName(name)) names.emplace_back(name);
+    return errno;
 }
 
 std::string excerptOf(const OutlinedDescription& outlined) {
@@ -97,12 +89,13 @@ Descriptions::Descriptions(const std::vector<DescriptionFolder>& folders) {
     std::map<std::string, std::vector<std::size_t>> names;  // and the folders that have them
     for (const DescriptionFolder& folder : folders) {
         TrustedOpening& opening = open.emplace_back(openTrusted(folder.path, folder.owner));
+        std::vector<std::string> found;
+        if (opening.file) opening.failure = listFiles(opening.file, found);
         if (!opening.distrust.empty())
             leaveOut(folder.path, opening.distrust, kTrust);
         else if (opening.failure != 0 && opening.failure != ENOENT && opening.failure != ENOTDIR)
             leaveOut(folder.path, std::string("can't be read: ") + std::strerror(opening.failure), "make it readable");
-        if (!opening.file) continue;
-        for (std::string& name : listFiles(opening.file)) names[std::move(name)].push_back(open.size() - 1);
+        for (std::string& name : found) names[std::move(name)].push_back(open.size() - 1);
     }
     if (names.size() > kFilesMax) {
         leaveOut("", "there are more than 10,000 files of descriptions", "describe more keys in one file");

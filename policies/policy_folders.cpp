@@ -1,7 +1,5 @@
 #include "policies/policy_folders.h"
 
-#include <dirent.h>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,6 +9,7 @@
 #include <set>
 #include <string_view>
 
+#include "base/folder_listing.h"
 #include "base/shortage.h"
 #include "base/sip_hash.h"
 
@@ -73,16 +72,6 @@ std::string readWhole(const TrustedOpening& opening, std::string& text) {
     return "changes while it is read";
 }
 
-struct CloseFolder {
-    void operator()(DIR* folder) const { ::closedir(folder); }
-};
-
-// Null at the end, and where no more can be read; errno tells which.
-const dirent* nextEntry(DIR* folder) {
-    errno = 0;
-    return ::readdir(folder);
-}
-
 }  // namespace
 
 // What one reading gathers.
@@ -101,7 +90,21 @@ struct PolicyFolders::Reading {
         status.hasFailures |= isPassing(failure);
         status.isShort |= isShortage(failure);
     }
+    int takeNames(int folder);
 };
+
+// Of the policy files in a folder. 0, or why not all could be read.
+int PolicyFolders::Reading::takeNames(int folder) {
+    FolderListing listing(folder);
+    while (const char* const name = listing ? listing.next() : nullptr) {
+        if (!isPolicyFileName(name)) continue;
+        names.insert(name);
+        if (names.size() <= kPolicyFilesMax) continue;
+        names.erase(std::prev(names.end()));
+        ++surplus;
+    }
+    return errno;
+}
 
 std::vector<std::string> standardPolicyFolders() {
     return {"/usr/lib/sdconfig/policies.d", kAdministratorPolicies, "/run/sdconfig/policies.d"};
@@ -145,20 +148,7 @@ void PolicyFolders::listFolder(const std::string& path, Reading& reading) const 
     if (isAbsent(opening.failure)) return tell(State::Absent, "");
     if (opening.failure == 0 && (opening.isNull || !S_ISDIR(opening.status.st_mode)))
         return tell(State::LeftOut, "is no folder");
-    std::unique_ptr<DIR, CloseFolder> listing;
-    if (opening.failure == 0) {
-        const int listed = ::openat(opening.file.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        listing.reset(listed < 0 ? nullptr : ::fdopendir(listed));
-        if (!listing) opening.failure = errno;
-    }
-    while (const dirent* const entry = listing ? nextEntry(listing.get()) : nullptr) {
-        if (!isPolicyFileName(entry->d_name)) continue;
-        reading.names.insert(entry->d_name);
-        if (reading.names.size() <= kPolicyFilesMax) continue;
-        reading.names.erase(std::prev(reading.names.end()));
-        ++reading.surplus;
-    }
-    if (listing) opening.failure = errno;
+    if (opening.failure == 0) opening.failure = reading.takeNames(opening.file.get());
     reading.noteFailure(opening.failure);
     if (opening.failure == 0) {
         tell(State::Read, "");

@@ -1,6 +1,5 @@
 #include "trail/files.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -10,10 +9,11 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
-#include <memory>
 #include <optional>
 #include <string_view>
 #include <utility>
+
+#include "base/folder_listing.h"
 
 namespace sd::trail {
 
@@ -69,14 +69,11 @@ UniqueFd openFolder(const std::string& path) {
 }
 
 std::vector<RotatedFile> listRotated(int folder) {
-    // Opened anew: a folder's descriptor has one place in its list.
-    UniqueFd own(::openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    const std::unique_ptr<DIR, int (*)(DIR*)> list(own ? ::fdopendir(own.get()) : nullptr, ::closedir);
+    FolderListing list(folder);
     if (!list) return {};
-    (void)own.release();
     std::map<std::uint64_t, RotatedFile> found;
-    while (const dirent* const entry = ::readdir(list.get())) {  // NOLINT(concurrency-mt-unsafe): a list of our own
-        std::optional<RotatedFile> file = rotatedOf(entry->d_name);
+    while (const char* const name = list.next()) {
+        std::optional<RotatedFile> file = rotatedOf(name);
         if (!file) continue;
         const auto [at, isNew] = found.emplace(file->first, *file);
         if (!isNew && !file->isPacked) at->second = std::move(*file);
