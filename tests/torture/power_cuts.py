@@ -194,9 +194,13 @@ def trail(recording, run):
     service, client = recording.start(), recording.client()
     key = "read." + "k" * 60000
     recording.write(client, "secure", key, "value")
-    for number in range(70):
+    current = os.path.join(recording.data, "trail.jsonl")
+    for number in range(72):
         check(client.ask("get", key) == "value", "a key reads as another one")  # its entry is a 17th of a file
         write_some(recording, client, run.random, 1, number)
+        if number % 18 == 17:  # files go on in the background
+            pieces.wait_for(lambda: os.path.exists(current) and os.path.getsize(current) < 2**20,
+                            "the rotation of a full trail")
         if run.random.random() < 0.08:
             service.kill()
             service = recording.start()
