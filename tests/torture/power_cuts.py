@@ -1,5 +1,6 @@
 """Power cuts: records what the service and the command line do to their files, and has power_cut replay it."""
 import contextlib
+import fcntl
 import json
 import os
 import shutil
@@ -81,6 +82,12 @@ class Recording:
     def stop(self, service):
         self.mark("begin", "end")
         service.stop()
+
+    def kill(self, service):
+        """With the log's lock, so that no call is cut off from its record."""
+        with open(self.log_path, "ab") as log:
+            fcntl.flock(log, fcntl.LOCK_EX)
+            service.kill()
 
     def command(self, *arguments, text="", recorded=True):
         environment = {**self.world.environment, **(self.variables if recorded else {})}
@@ -182,7 +189,7 @@ def serve(recording, run):
         apply_list(recording, run.random, number)
         rotate_key(recording, life % 2)
         number = write_some(recording, client, run.random, 8, number)
-        recording.stop(service) if life % 2 else service.kill()
+        recording.stop(service) if life % 2 else recording.kill(service)
         service = recording.start()
     recording.stop(service)
 
@@ -202,7 +209,7 @@ def trail(recording, run):
             pieces.wait_for(lambda: os.path.exists(current) and os.path.getsize(current) < 2**20,
                             "the rotation of a full trail")
         if run.random.random() < 0.08:
-            service.kill()
+            recording.kill(service)
             service = recording.start()
     # One more where a kill came between a rotation and the dropping of the oldest.
     pieces.wait_for(lambda: sum(name.endswith(".zst") for name in os.listdir(recording.data)) >= 2,
@@ -234,7 +241,7 @@ def upgrade(recording, run):
     recording.mark("ack", "upgrade")
     service = recording.start()
     write_some(recording, recording.client(), run.random, 5, 0)
-    service.kill()
+    recording.kill(service)
 
 
 def backup(recording, run):
@@ -277,7 +284,7 @@ def install(recording, run):
         recording.command("policy", "install", path, "--name", "50-some", "--policy-dir", folder)
         recording.mark("ack", "file", "machine/policies/50-some.json")
         recording.ack_all(values)
-    service.kill()
+    recording.kill(service)
 
 
 # The states of the short and of the long form.

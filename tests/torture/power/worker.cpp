@@ -1,6 +1,7 @@
 #include "tests/torture/power/worker.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -116,8 +117,14 @@ std::vector<Entry> Worker::record(Model& model, const Files& files, bool isKille
         set(key, "value");
         mark("ack\tsecure\t" + key);
     }
-    if (!isKilled) mark("begin\tend");
-    mLife.end(isKilled ? SIGKILL : SIGTERM);
+    if (isKilled) {
+        const sd::UniqueFd log(::open(recording().c_str(), O_WRONLY | O_CLOEXEC));
+        ::flock(log.get(), LOCK_EX);  // so that no call is cut off from its record
+        mLife.end(SIGKILL);
+    } else {
+        mark("begin\tend");
+        mLife.end(SIGTERM);
+    }
     std::vector<Entry> log = readLog(recording());
     checkRecording(log, disk());
     return log;
