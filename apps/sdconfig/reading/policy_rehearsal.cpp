@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -24,11 +25,13 @@ namespace fs = std::filesystem;
 constexpr char kDaemon[] = "sdconfigd";
 constexpr std::size_t kMostOutput = std::size_t{64} << 20;
 
-// Whether a process has files of its own for the system's, as in a container; what can't be told counts as no.
+// Whether a process is gone, or has files of its own for the system's, as in a container; what can't be told counts as
+// no.
 bool isElsewhere(const fs::path& process) {
     struct stat own {};
     struct stat other {};
-    if (::stat("/", &own) != 0 || ::stat((process / "root").c_str(), &other) != 0) return false;
+    if (::stat("/", &own) != 0) return false;
+    if (::stat((process / "root").c_str(), &other) != 0) return errno == ENOENT || errno == ESRCH;
     return own.st_dev != other.st_dev || own.st_ino != other.st_ino;
 }
 
