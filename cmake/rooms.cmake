@@ -83,9 +83,9 @@ function(sd_test name)
     add_executable(${name} ${TEST_SOURCES})
     target_link_libraries(${name} PRIVATE ${TEST_USES} sd_test_support GTest::gmock GTest::gtest_main sd_test_code)
     if(NOT TEST_TIMEOUT)
-        set(TEST_TIMEOUT 120)  # sanitizers are slow, and other tests run beside
+        set(TEST_TIMEOUT 600)  # a race detector is slow, and other tests run beside
     endif()
-    gtest_discover_tests(${name} PROPERTIES TIMEOUT ${TEST_TIMEOUT} DISCOVERY_TIMEOUT 60)
+    gtest_discover_tests(${name} PROPERTIES TIMEOUT ${TEST_TIMEOUT} DISCOVERY_TIMEOUT 300)
 endfunction()
 
 # A room of the programs: a static library of a folder in apps/, named by it. It includes what it may know and nothing

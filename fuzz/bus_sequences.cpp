@@ -18,6 +18,7 @@
 
 #include "fuzz/served.h"
 #include "platform/sdbus/names.h"
+#include "tests/support/subscribed.h"
 #include "tests/torture/service_model.h"
 
 extern "C" std::size_t LLVMFuzzerMutate(uint8_t* data, std::size_t size, std::size_t sizeMax);
@@ -403,12 +404,7 @@ private:
             mEvents.push_back({event, torture::fieldsOf(*message)});
             mCame.notify_one();
         };
-        bool isInForce = mProxy->addEventListener(event, new SDBusEventCallback(hear), SDBusSameUser);
-        // The layer waits for a second, and then goes on trying by itself. On a busy machine that may be needed.
-        const auto look = [](const std::shared_ptr<SDBusMessage>& /*event*/) {};
-        for (int i = 0; !isInForce && i < kPatience.count(); ++i)
-            isInForce = mProxy->addEventListener(event, new SDBusEventCallback(look), SDBusSameUser);
-        expect(isInForce, "events can be asked for");
+        expect(test::isSubscribed(*mProxy, event, hear), "events can be asked for");
     }
 
     bool hearsFence(const std::string& fence, std::chrono::milliseconds limit) {

@@ -5,4 +5,4 @@ mapfile -t sources < <(find /etc/apt -maxdepth 2 \( -name '*.list' -o -name '*.s
 in_root() { # shellcheck disable=SC2016
     printf 'chroot "$1" sh -c "%s"' "DEBIAN_FRONTEND=noninteractive $* >/dev/null"
 }
-install() { in_root apt-get install -qq -y --no-install-recommends "$@"; }
+install() { in_root apt-get -o Acquire::Retries=5 install -qq -y --no-install-recommends "$@"; }

@@ -136,7 +136,7 @@ TEST_F(DaemonTest, StartsBehindASocketThatItsManagerHolds) {
     ASSERT_EQ(::listen(listener, 8), 0);
     Process list = Process::start(cliCommand({"list"}), environment());
     pollfd called{listener, POLLIN, 0};
-    ASSERT_EQ(::poll(&called, 1, 5000), 1) << list.err();
+    ASSERT_EQ(::poll(&called, 1, kProcessLimitMs), 1) << list.err();
     const std::string start = "export LISTEN_PID=$$ LISTEN_FDS=1; exec \"$0\" --data-dir \"$1\" 3<&";
     const Process service =
         Process::start({"sh", "-c", start + std::to_string(listener), SDCONFIGD, path("data")}, environment());

@@ -47,8 +47,6 @@ protected:
         const Result result = cli(arguments, input);
         return result.out + result.err;
     }
-
-    const ScopedEnv mNoCredentials{"CREDENTIALS_DIRECTORY", nullptr};
 };
 
 TEST_F(LockedTest, IsServedWithoutItsKeysAndLeavesEveryRow) {

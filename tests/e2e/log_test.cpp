@@ -62,6 +62,8 @@ protected:
 
 TEST_F(LogTest, ShowsAtATerminalThroughAPager) {
     if (const std::string problem = terminalProblem(); !problem.empty()) GTEST_SKIP() << problem;
+    const ScopedEnv noSudo("SUDO_UID", nullptr);
+    const ScopedEnv noPkexec("PKEXEC_UID", nullptr);
     append({entry("SET_SECURE", "\x1b[31mred\xe2\x80\xae", "/usr/bin/settings"), entry("SET_SECURE", "k", "/bin/x")});
     Environment world = environment();
     world["TERM"] = "xterm";

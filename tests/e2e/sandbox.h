@@ -67,6 +67,7 @@ protected:
     }
 
 private:
+    const ScopedEnv mNoCredentials{"CREDENTIALS_DIRECTORY", nullptr};
     TempDir mFolder;
 };
 

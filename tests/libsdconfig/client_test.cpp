@@ -35,7 +35,7 @@ TEST_F(ClientTest, WaitsASecondForTheServiceEachTime) {
 
     mLog.clear();
     std::thread late([this] {
-        test::waitUntil([this] { return mLog.count("not ready") == 3; });
+        test::waitUntil([this] { return mLog.count("not ready") >= 3; });
         serve();
     });
     std::map<std::string, std::string> all{{"a", "1"}, {"z", "9"}};
@@ -125,7 +125,7 @@ TEST_F(ClientTest, AServiceThatHangsCostsTheFirstCallNoMoreThanAnyOther) {
     auto other = std::async(std::launch::async, [this] { return mConfig->GetConst("k"); });
     EXPECT_EQ(mConfig->GetConst("k"), "");
     EXPECT_EQ(other.get(), "");
-    EXPECT_LT(std::chrono::steady_clock::now() - started, 5900ms);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 9s);
     mService.release();
     mService.takeCalls();
     mConfig->GetConst("k");
@@ -140,7 +140,7 @@ TEST_F(ClientTest, StartUpLeavesAloneWhatItCannotReadAndGoesOnWithTheNextCall) {
     mService.hold("GET_SECURE config.device.chargeDimDisplayTime");
     const auto started = std::chrono::steady_clock::now();
     EXPECT_EQ(mConfig->GetConst("k"), "");
-    EXPECT_LT(std::chrono::steady_clock::now() - started, 5900ms);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 9s);
     mService.resume();
     auto calls = mService.takeCalls();
     EXPECT_EQ(calls.size(), 10U);

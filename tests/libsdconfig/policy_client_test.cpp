@@ -181,7 +181,7 @@ TEST_F(PolicyClientTest, AServiceThatHangsCostsARegistrationNoMoreThanAnyCall) {
     mService.hang();
     const auto started = std::chrono::steady_clock::now();
     EXPECT_FALSE(mPolicies->RegisterListener("k", &listener, true));
-    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(5900));
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(9));
     mService.release();
     EXPECT_TRUE(mPolicies->RegisterListener("k", &listener, true));
     EXPECT_TRUE(test::waitUntil([&] {

@@ -14,6 +14,7 @@
 #include "src/sdconfig_protocol.h"
 #include "src/sdconfig_service_sdbus.h"
 #include "tests/support/arguments.h"
+#include "tests/support/subscribed.h"
 #include "tests/support/support.h"
 
 namespace sd {
@@ -57,8 +58,7 @@ protected:
             SDConfigService::GetInstance()->Start();  // again, as a host may
             proxy = SDBusSerivceManager::initSync(-1)->getServiceProxyInterface("sdconfig", SDBusSameUser, 1);
             for (const char* name : {protocol::kSdconfigChanged, protocol::kPolicyChanged, protocol::kDmChanged})
-                EXPECT_TRUE(proxy->addEventListener(
-                    name, new SDBusEventCallback([this](const Message& event) { add(*event); }), SDBusSameUser));
+                EXPECT_TRUE(test::isSubscribed(*proxy, name, [this](const Message& event) { add(*event); }));
         }
         ~Service() { SDBusSerivceManager::initSync(-1)->unregisterServiceInterface("sdconfig"); }
         void add(SDBusMessage& event) {
@@ -251,7 +251,9 @@ TEST_F(MachinePoliciesTest, RandomEditsComeToWhatAModelSays) {
     const char* const wanted = std::getenv("SDCONFIG_POLICY_EDITS");
     const long edits = wanted ? std::strtol(wanted, nullptr, 10) : 150;
     const std::vector<std::string> all{"k0", "k1", "k2", "k3", "k4", "k5"};
-    Rehearsal by(std::random_device{}());
+    const unsigned seed = std::random_device{}();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    Rehearsal by(seed);
     EXPECT_TRUE(ok("REG_LISTENER", "k0", true));
     (void)events();
     for (long i = 0; i < edits && !HasFailure(); ++i) {

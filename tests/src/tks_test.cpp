@@ -73,7 +73,7 @@ TEST_F(TksTest, CarriesEveryRowOverOnce) {
         {"key = user@host@@0, value is empty", 6, 1},
         {"key = hollow@@0, value is empty", 6, 1},
         {"velmar.client.id's value is empty", 6, 1},
-        {"upgradeDB takes 0.", 5, 1},
+        {"upgradeDB takes ", 5, 1},
         {"after upgrade, current db version : 3", 5, 1},
         {speaker, 7, 0},
     };

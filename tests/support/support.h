@@ -110,6 +110,6 @@ void writeFile(const std::string& path, const std::string& content);
 std::vector<std::vector<std::string>> query(const std::string& database, const std::string& sql);
 
 // Waits until `condition` holds, looking every 2 ms; false when `limitMs` passed first.
-bool waitUntil(const std::function<bool()>& condition, int limitMs = 5000);
+bool waitUntil(const std::function<bool()>& condition, int limitMs = 20000);
 
 }  // namespace test

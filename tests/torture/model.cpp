@@ -27,6 +27,7 @@
 
 #include "platform/sdbus/sdbus.h"
 #include "platform/velmarlog/velmarlog.h"
+#include "tests/support/subscribed.h"
 #include "tests/torture/service_life.h"
 #include "tests/torture/service_model.h"
 
@@ -81,12 +82,12 @@ class Client {
 public:
     Client() : mProxy(SDBusSerivceManager::initSync(-1)->getServiceProxyInterface("sdconfig", SDBusSameUser, 1)) {
         for (const char* const name : {"DM_CHANGED", ".sdconfigChanged", ".DMChanged"})
-            mProxy->addEventListener(name, new SDBusEventCallback([this, name](std::shared_ptr<SDBusMessage> event) {
-                                         const std::lock_guard lock(mMutex);
-                                         mEvents.push_back({name, fieldsOf(*event)});
-                                         mCame.notify_all();
-                                     }),
-                                     SDBusSameUser);
+            if (!test::isSubscribed(*mProxy, name, [this, name](const std::shared_ptr<SDBusMessage>& event) {
+                    const std::lock_guard lock(mMutex);
+                    mEvents.push_back({name, fieldsOf(*event)});
+                    mCame.notify_all();
+                }))
+                throw Failed("events can't be asked for");
     }
 
     Fields call(const Step& step) { return callAll({step}).front(); }

@@ -194,6 +194,14 @@ def serve(recording, run):
     recording.stop(service)
 
 
+def is_begun_anew(current):
+    """Whether a trail's current file is not full."""
+    try:
+        return os.path.getsize(current) < 2**20
+    except FileNotFoundError:  # amid a rotation
+        return False
+
+
 def trail(recording, run):
     """A trail that goes on in other files, which are packed, and the oldest dropped."""
     recording.options = ["--audit-size", "1", "--audit-keep", "2", "--audit-reads", "read.*"]
@@ -206,8 +214,7 @@ def trail(recording, run):
         check(client.ask("get", key) == "value", "a key reads as another one")  # its entry is a 17th of a file
         write_some(recording, client, run.random, 1, number)
         if number % 18 == 17:  # files go on in the background
-            pieces.wait_for(lambda: os.path.exists(current) and os.path.getsize(current) < 2**20,
-                            "the rotation of a full trail")
+            pieces.wait_for(lambda: is_begun_anew(current), "the rotation of a full trail")
         if run.random.random() < 0.08:
             recording.kill(service)
             service = recording.start()

@@ -513,11 +513,13 @@ def busy(run):
             if seconds < 5:
                 check(answer == "1" and took >= seconds - 0.1, f"held {seconds} s: {answer} after {took:.1f} s")
             else:
-                check(answer == "0" and 4.9 < took < 5.5, f"held {seconds} s: {answer} after {took:.1f} s")
+                check(answer == "0" and 4.9 < took < 4.5 + SLACK["patience"],
+                      f"held {seconds} s: {answer} after {took:.1f} s")
             begin = time.monotonic()
             held = beside.ask("get", "k")
             waited = time.monotonic() - begin
-            check(held in ("new", "old" if answer == "0" else "new") and waited < 1.5, f"then {held!r}, {waited:.1f} s")
+            check(held in ("new", "old" if answer == "0" else "new") and waited < 0.5 + SLACK["patience"],
+                  f"then {held!r}, {waited:.1f} s")
             check(beside.ask("set", "k", "next") == "1" and client.ask("get", "k") == "next", "not usable afterwards")
             told.append(f"{seconds} s: {'stored' if answer == '1' else 'failed'} after {took:.1f} s")
     return "; ".join(told)
@@ -825,7 +827,8 @@ def secrets(run):
             for path in glob.glob("/proc/[0-9]*/cmdline") + glob.glob("/proc/[0-9]*/environ"):
                 try:
                     with open(path, "rb") as file:
-                        check(not any(form in file.read() for form in forms), f"the secret stands in {path}")
+                        text = file.read()
+                    check(not any(form in text for form in forms), f"the secret stands in {path}")
                 except OSError:
                     pass
 
@@ -907,6 +910,8 @@ def ring(run):
             for number, client in enumerate(crowd):
                 client.send("seal", world.path("data"), f"text.{number}")
             sealed = [client.receive() for client in crowd]
+            for number, client in enumerate(crowd):  # who waited too long for the one that made it asks again
+                sealed[number] = sealed[number] or client.ask("seal", world.path("data"), f"text.{number}")
             with open(world.path("data/sdsecurity.keys"), encoding="ascii") as file:
                 lines = file.read().splitlines()
             check(len(lines) == 4 and " sealing " in lines[2], "more than one key was made")
