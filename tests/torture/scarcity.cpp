@@ -1,8 +1,10 @@
 // Has the n-th allocation, descriptor, thread or mapping of the service, or of a client, fail, for one n after the
 // other, over one script of calls, and tells what did not hold.
 //     scarcity service|killed|client memory|descriptor|thread|mapping SEED LIVES SCARCE SDCONFIGD CLIENT SDCONFIG-DATA
-// killed: the start of a service after one that was killed. LIVES: how many n are tried, spread over all there are; 0
-// for each n; -N for the N-th alone; FROM-TO for each of those. SCARCE: the library to preload; it tells the file
+// killed: the start of a service after one that was killed. LIVES: how many n are tried, spread over all there are; I/N
+// for a share of all, from the I-th on each N-th; -N for the N-th alone; FROM-TO for each of those. It prints how many
+// lives there were, and a line each, with a count before it, of whom something was refused. SCARCE: the library to
+// preload; it tells the file
 // $SCARCE_TRACE, where that is set, where it refused. CLIENT: torture_client.
 // Holds: no crash and no hang; a wrong answer or event never, a right one or a failure; when nothing is scarce any
 // more, the same process does all of the script, or has ended with a line, and the next one does; what was acknowledged
@@ -453,7 +455,7 @@ private:
 
 // ---- All ----
 
-// Numbers from 1 to `all`: each, or so many of them, in each part of the range one; or those that are named.
+// Numbers from 1 to `all`: so many of them, in each part of the range one; or those that are named.
 std::vector<std::uint64_t> numbers(std::uint64_t all, const std::string& lives, std::uint64_t seed) {
     if (const std::size_t dash = lives.find('-'); dash != std::string::npos) {
         const std::uint64_t last = std::min<std::uint64_t>(std::stoull(lives.substr(dash + 1)), all);
@@ -462,8 +464,13 @@ std::vector<std::uint64_t> numbers(std::uint64_t all, const std::string& lives, 
         return named;
     }
     std::vector<std::uint64_t> chosen;
+    if (const std::size_t slash = lives.find('/'); slash != std::string::npos) {
+        const std::uint64_t step = std::stoull(lives.substr(slash + 1));
+        for (std::uint64_t n = std::stoull(lives); n <= all; n += step) chosen.push_back(n);
+        return chosen;
+    }
     std::mt19937_64 random(seed);
-    const std::uint64_t count = lives == "0" ? all : std::min<std::uint64_t>(std::stoull(lives), all);
+    const std::uint64_t count = std::min<std::uint64_t>(std::stoull(lives), all);
     for (std::uint64_t i = 0; i < count; ++i) {
         const std::uint64_t from = all * i / count + 1;
         const std::uint64_t to = all * (i + 1) / count;
@@ -491,9 +498,9 @@ int liveAll(const Arguments& arguments, const std::string& place) {
         }
         ++refused[lives.refusedTo()];
     }
-    std::cout << chosen.size() << " lives, each without another one of " << all << " (";
-    for (const auto& [file, count] : refused) std::cout << (file.empty() ? "nobody" : file) << " " << count << ", ";
-    std::cout << lives.endedInSettingUp() << " ended in a library's own setting up)" << std::endl;
+    std::cout << chosen.size() << " lives, each without another one of " << all << "\n";
+    for (const auto& [file, count] : refused) std::cout << count << " " << (file.empty() ? "nobody" : file) << "\n";
+    std::cout << lives.endedInSettingUp() << " ended in a library's own setting up" << std::endl;
     return failures == 0 ? 0 : 1;
 }
 

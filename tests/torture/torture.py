@@ -1267,19 +1267,33 @@ def policies(run):
 
 # ---- What runs out ----
 
+def live(run, whose, kind, lives):
+    """So many lives, or each, in several processes: they wait for ends and limits more than they compute."""
+    crews = 3 * os.cpu_count()
+    shares = [f"{crew + 1}/{crews}" for crew in range(crews)] if run.long or lives == 0 else [str(lives)]
+    programs = [pieces.PROGRAMS[name] for name in ("scarcity", "scarce", "sdconfigd", "torture_client", "sdconfig_data")]
+    seed = str(run.random.getrandbits(32))
+    crew = [subprocess.Popen([programs[0], whose, kind, seed, share, *programs[1:]], text=True,
+                             stdout=subprocess.PIPE, stderr=subprocess.STDOUT) for share in shares]
+    texts = [one.communicate()[0] for one in crew]
+    total, asked, refused = 0, "", collections.Counter()
+    for one, text in zip(crew, texts):
+        check(one.returncode == 0, f"{whose}, {kind}: {text[-1800:]}")
+        first, *lines = text.splitlines()
+        count, asked = first.split(" ", 1)
+        total += int(count)
+        for line in lines:
+            count, what = line.split(" ", 1)
+            refused[what] += int(count)
+    return f"{whose}, {kind}: {total} {asked} ({', '.join(f'{what} {count}' for what, count in sorted(refused.items()))})"
+
+
 def scarcity(run):
     run.needs_plain_build()
-    told = []
-    for whose, kind, lives in (("service", "memory", 25), ("service", "descriptor", 20), ("service", "thread", 0),
-                               ("service", "mapping", 0), ("killed", "memory", 5), ("killed", "descriptor", 0),
-                               ("killed", "thread", 0), ("killed", "mapping", 0), ("client", "memory", 30),
-                               ("client", "descriptor", 0), ("client", "thread", 0)):
-        programs = [pieces.PROGRAMS[name] for name in ("scarcity", "scarce", "sdconfigd", "torture_client", "sdconfig_data")]
-        done = subprocess.run([programs[0], whose, kind, str(run.random.getrandbits(32)),
-                               str(run.count(lives, 0)), *programs[1:]], text=True, capture_output=True, check=False)
-        check(done.returncode == 0, f"{whose}, {kind}: {done.stdout[-1500:]}{done.stderr[-300:]}")
-        told.append(f"{whose}, {kind}: {done.stdout.strip()}")
-    return "; ".join(told)
+    return "; ".join(live(run, whose, kind, lives) for whose, kind, lives in (
+        ("service", "memory", 25), ("service", "descriptor", 20), ("service", "thread", 0), ("service", "mapping", 0),
+        ("killed", "memory", 5), ("killed", "descriptor", 0), ("killed", "thread", 0), ("killed", "mapping", 0),
+        ("client", "memory", 30), ("client", "descriptor", 0), ("client", "thread", 0)))
 
 
 # ---- Histories ----
