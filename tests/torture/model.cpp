@@ -62,10 +62,11 @@ const std::vector<Step>& product() {
     return kLines;
 }
 
-// What is asked after each step: who is listened to, and all of each key.
+// What is asked after each step: who is listened to, all that is stored of the policies, and all of each key.
 const std::vector<Step>& questions() {
     static const std::vector<Step> kAll = [] {
-        std::vector<Step> all{{"LISTENERS_LIST", 0, {""}, {}, false}, {"LST_PROPERTY", 0, {}, {}, false}};
+        std::vector<Step> all{
+            {"LISTENERS_LIST", 0, {""}, {}, false}, {"LST_PROPERTY", 0, {}, {}, false}, {"DM_LIST", 0, {}, {}, false}};
         for (const std::string& key : Generator::keys())
             for (const char* const method :
                  {"GET_SECURE", "GET_POLICY", "ISSTRONG_CONTROL", "GET_PROPERTY", "GET_CONST"})
@@ -169,14 +170,18 @@ private:
         const Step listen{"REG_LISTENER", 0, {Client::kFence}, {}, false};
         (void)mClients[0]->call(listen);
         (void)model.answer(listen);
-        // Until both have subscribed again.
         const auto end = std::chrono::steady_clock::now() + kFenceLimit;
-        for (auto& client : mClients) do {
-                raiseFence();
-                if (std::chrono::steady_clock::now() > end) throw Failed("no events come any more");
-            } while (!client->eventsUpTo(fence(), kFenceRetry));
+        for (auto& client : mClients) waitUntilItHears(*client, end);
         raiseFence();
         for (auto& client : mClients) (void)client->eventsUpTo(fence(), kFenceLimit);
+    }
+
+    // A client subscribes again by itself.
+    void waitUntilItHears(Client& client, std::chrono::steady_clock::time_point end) {
+        do {
+            if (std::chrono::steady_clock::now() > end) throw Failed("no events come any more");
+            raiseFence();
+        } while (!client.eventsUpTo(fence(), kFenceRetry));
     }
 
     std::string fence() const { return std::to_string(mFence); }
