@@ -1335,7 +1335,7 @@ def main():
     names = [scenario.__name__ for scenario in SCENARIOS]
     parser = argparse.ArgumentParser(prog="scripts/torture", description=__doc__)
     parser.add_argument("names", nargs="*", metavar="NAME", help="all when none is named: " + " ".join(names))
-    parser.add_argument("--short", action="store_true", help="the short form, about three minutes in all")
+    parser.add_argument("--short", action="store_true", help="the short form, two to four minutes in all")
     parser.add_argument("--minutes", type=float, default=60, help="the most that one scenario of rounds goes on for")
     parser.add_argument("--seed", type=int, default=int(time.time()), help="for the same random choices again")
     parser.add_argument("--build", default="build/release", help="where the programs were built")
