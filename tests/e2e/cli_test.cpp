@@ -16,7 +16,9 @@
 #include <thread>
 
 #include "platform/sdbus/sdbus.h"
+#include "platform/sdsecurity/sdsecurity.h"
 #include "tests/e2e/sandbox.h"
+#include "tests/support/arguments.h"
 
 namespace test {
 
@@ -61,6 +63,25 @@ public:
 
     std::atomic<bool> mKnowsConstants{false};
     std::atomic<bool> mNumbers{false};
+};
+
+// Has a plain key ring, which it wraps, and then its disk fails the sync of the folder.
+class FailingDisk : public SDBusServiceInterface {
+public:
+    bool handleMethodCall(std::shared_ptr<SDBusMessage> call) override {
+        const auto reply = makeMethodReplyMessage(call, SDBusSameUser);
+        if (call->methodName() == "KEY_SLOTS")
+            test::appendAll(*reply, static_cast<int>(Outcome::Done), static_cast<int>(RingState::Usable), "ring", 0);
+        else if (call->methodName() == "KEY_PROTECT")
+            test::appendAll(*reply, static_cast<int>(Outcome::NotStored), "it can't be synced");
+        else
+            reply->appendString("");
+        return sendMessage(reply);
+    }
+
+private:
+    using Outcome = sd::SDSecurity::SlotOutcome;
+    using RingState = sd::SDSecurity::KeyRingState;
 };
 
 }  // namespace
@@ -163,6 +184,19 @@ TEST_F(CliTest, AnswersOfAnotherVersionAreNoAnswers) {
     ::shutdown(mute, SHUT_RDWR);
     hangUp.join();
     ::close(mute);
+}
+
+TEST_F(CliTest, ACodeThatMayBeInForceIsTold) {
+    const ScopedEnv runtime("XDG_RUNTIME_DIR", path("run").c_str());
+    FailingDisk service;
+    SDBusSerivceManager& bus = *SDBusSerivceManager::initSync(-1);
+    ASSERT_TRUE(bus.registerServiceInterface("sdconfig", &service, SDBusSameUser, 1));
+    const Result result = cli({"key", "protect", "passphrase", "--yes"}, "pass\n");
+    bus.unregisterServiceInterface("sdconfig");
+    EXPECT_EQ(result.exitCode, kRefused);
+    EXPECT_THAT(result.out, StartsWith("recovery code: "));
+    EXPECT_THAT(result.err, AllOf(HasSubstr("is in force if the change was made all the same"),
+                                  HasSubstr("could not be stored: it can't be synced")));
 }
 
 // As after an installation: the first program in bin, what it hands over to where the installation puts that.

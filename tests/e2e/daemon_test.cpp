@@ -249,6 +249,23 @@ TEST_F(DaemonTest, AKillTakesNothingFromTheTrail) {
     EXPECT_EQ(mode("data/trail.jsonl"), 0600U);
 }
 
+TEST_F(DaemonTest, KeepsAsManyFilesOfTheTrailAsItIsTold) {
+    EXPECT_THAT(run({SDCONFIGD, "--help"}, environment()).out,
+                AllOf(HasSubstr("--audit-size MIB:INT in [1 - 1048576]=8\n"),
+                      HasSubstr("--audit-keep N:INT in [1 - 1000]=4\n")));  // and the manual page
+    const Process service = startService({"--audit-size", "1", "--audit-keep", "1"});
+    const std::string key(60000, 'k');
+    for (int i = 0; i < 40; ++i) ASSERT_EQ(cli({"secure", "set", key + std::to_string(i), "1"}).exitCode, 0);
+    const auto files = [this] {
+        std::vector<std::string> names;
+        for (const auto& file : std::filesystem::directory_iterator(path("data")))
+            if (const std::string name = file.path().filename(); name.rfind("trail-", 0) == 0) names.push_back(name);
+        return names;
+    };
+    EXPECT_TRUE(waitUntil([&] { return files().size() == 1 && files()[0] > "trail-000000000002"; }))
+        << testing::PrintToString(files());
+}
+
 TEST_F(DaemonTest, KeepsNoTrailWhereItIsToldSo) {
     const auto change = [this] {
         EXPECT_EQ(cli({"secure", "set", "k", "1"}).exitCode, 0);

@@ -89,6 +89,22 @@ TEST_F(LogTest, ShowsAtATerminalThroughAPager) {
     EXPECT_THAT(screenOf("tr a-z A-Z"), HasSubstr("/bin/x"));
 }
 
+TEST_F(LogTest, WhoFollowsHearsOfDamageAmongWhatIsShown) {
+    std::vector<Entry> entries;
+    for (int i = 0; i < 20; ++i) entries.push_back(entry("SET_SECURE", "key " + std::to_string(i) + ".", "/bin/a"));
+    append(entries);
+    std::string lines = readFile(path("data/trail.jsonl"));
+    for (const char* key : {"key 2.", "key 15."}) lines[lines.rfind('\n', lines.find(key)) + 1] = 'x';
+    writeFile(path("data/trail.jsonl"), lines);
+    Process follower = Process::start(cliCommand({"log", "--follow", "--data-dir", path("data")}), environment());
+    EXPECT_TRUE(waitUntil([&] { return follower.out().find("key 19.") != std::string::npos; })) << follower.err();
+    follower.kill(SIGTERM);
+    follower.wait();
+    EXPECT_THAT(follower.out(), AllOf(HasSubstr("key 9."), Not(HasSubstr("key 8."))));
+    EXPECT_THAT(follower.err(), HasSubstr("can't be shown: trail.jsonl, "));
+    EXPECT_EQ(follower.err().find("can't be shown"), follower.err().rfind("can't be shown")) << "not what is older";
+}
+
 TEST_F(LogTest, VerifiesWithARingThatOnlyAPersonOpens) {
     if (const std::string problem = terminalProblem(); !problem.empty()) GTEST_SKIP() << problem;
     {

@@ -112,7 +112,9 @@ TEST_F(WatchTest, OutlivesAKilledServiceAndMissesNothing) {
     EXPECT_EQ(second.err().find("been restarted"), second.err().rfind("been restarted")) << "told once";
     next.kill(SIGTERM);
     next.wait();
-    EXPECT_TRUE(second.waitForErr("the service is gone"));
+    EXPECT_TRUE(waitUntil([&] { return second.err().rfind("is gone") > second.err().find("been restarted"); }));
+    const std::string told = second.err();
+    EXPECT_FALSE(waitUntil([&] { return second.err() != told; }, 1500)) << "told once, and not with each look";
     expectEnds(second, SIGINT);
 }
 
