@@ -97,6 +97,7 @@ TEST_F(LockedTest, ARingThatWasHandedOverOpensByWhatIsTyped) {
         EXPECT_THAT(told({"key", "unlock"}, "other\n"), HasSubstr("that is not the passphrase"));
         EXPECT_THAT(told({"key", "unlock"}, std::string(kWords) + "\n"), HasSubstr("the key ring is open"));
         EXPECT_EQ(cli({"secure", "get", "a"}).out, "value\n");
+        EXPECT_THAT(cli({"doctor"}).out, HasSubstr("handed over in " + unit.path() + ", this program has not"));
     }
     std::filesystem::rename(unit / "sdsecurity.keys", path("data/sdsecurity.keys"));
     const Process service = startService();
