@@ -70,8 +70,12 @@ struct Options {
 };
 
 // One line, whatever bytes a path in it has.
+std::string lineOf(const std::string& text) {
+    return "sdconfigd: " + apps::escaped(text) + "\n";
+}
+
 void tell(const std::string& text) {
-    std::fprintf(stderr, "sdconfigd: %s\n", apps::escaped(text).c_str());
+    std::fputs(lineOf(text).c_str(), stderr);
 }
 
 int fail(const std::string& problem, ExitCode code = kFailed) {
@@ -319,11 +323,14 @@ int serve(HeldFolder& folder, const sigset_t& endSignals) {
     service->Start();
     if (problem = bus.registrationFailure(kName); !problem.empty()) return fail(problem);
 
+    // Whoever is told that it is ready takes it for a service that stays, so what it says then asks for no memory.
+    std::string lines;
+    if (!buildProp) lines = lineOf("there is no build.prop, so the product's properties are unset; see --product-dir");
+    lines += lineOf("ready on " + bus.socketPath(kName) + ", data in " + sd::SDConfig::getDataPath());
     // A manager that waits for it would end a service that is untold.
     if (const int told = sd_notify(0, "READY=1"); told < 0)
         return fail(std::string("can't tell the manager that it is ready: ") + std::strerror(-told));
-    if (!buildProp) tell("there is no build.prop, so the product's properties are unset; see --product-dir");
-    tell("ready on " + bus.socketPath(kName) + ", data in " + sd::SDConfig::getDataPath());
+    std::fputs(lines.c_str(), stderr);
     ::malloc_trim(0);  // what it took to look at the databases
     const std::string problemOfRing = folder.preflight().isRingLocked() ? awaitRing() : "";
     if (problemOfRing.empty()) waitForEnd(endSignals);
