@@ -22,10 +22,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 
 #include "tests/torture/interposed.h"
 
@@ -75,16 +77,47 @@ void showPlace(Scarcity& scarcity) {
     scarcity.isCounting = 1;
 }
 
+// The file that the code is in, or kUsersLookUp.
+template <std::size_t size>
+void notePlace(char (&place)[size], const void* code) {
+    Dl_info file{};
+    file.dli_fname = torture::kUsersLookUp;
+    if (tLooksUpUsers || ::dladdr(code, &file) != 0) std::strncpy(place, file.dli_fname, size - 1);
+}
+
 bool isRefused(Scarcity::Kind kind, const void* caller) {
     Scarcity* const scarcity = shared();
     if (!scarcity || scarcity->kind != kind || scarcity->isCounting == 0 || ++scarcity->asked != scarcity->at)
         return false;
-    Dl_info place{};
-    place.dli_fname = torture::kUsersLookUp;
-    if (tLooksUpUsers || ::dladdr(caller, &place) != 0)
-        std::strncpy(scarcity->place, place.dli_fname, sizeof scarcity->place - 1);
+    notePlace(scarcity->place, caller);
     showPlace(*scarcity);
     return true;
+}
+
+const void* fileOf(const void* code) {
+    Dl_info file{};
+    return ::dladdr(code, &file) != 0 ? file.dli_fbase : nullptr;
+}
+
+// Of whom it is that the process crashes: who called the C library, where that was in it. Behind ourselves the C
+// library stands in any case, since it called us. The process ends by the same signal once this returns: it is not
+// handled again.
+void noteCrash(int signal) {
+    void* places[64];
+    const int count = ::backtrace(places, 64);
+    int at = 0;
+    for (const void* const skipped : {fileOf(places[0]), fileOf(reinterpret_cast<void*>(&::__libc_malloc))})
+        while (at < count && fileOf(places[at]) == skipped) ++at;
+    if (at < count) notePlace(shared()->crashPlace, places[at]);
+    std::raise(signal);
+}
+
+[[gnu::constructor]] void watchForCrashes() {
+    if (!shared()) return;
+    struct sigaction action {};
+    action.sa_handler = noteCrash;
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
+    for (const int signal : {SIGSEGV, SIGABRT}) ::sigaction(signal, &action, nullptr);
 }
 
 // What `call` gives, or `none` with that error.

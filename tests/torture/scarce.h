@@ -14,6 +14,7 @@ struct Scarcity {
     std::atomic<std::uint64_t> at;     // the number of the time that fails; 0 for none
     std::atomic<std::uint64_t> asked;  // how often it was asked for
     char place[256];                   // the file of who was refused, or kUsersLookUp
+    char crashPlace[256];              // the file in whose code the process crashed, or kUsersLookUp
 };
 
 // Where users are looked up the C library asks under its own name, as for everybody else.

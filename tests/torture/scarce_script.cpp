@@ -14,8 +14,9 @@ namespace torture {
 namespace {
 
 // No answer is how a handler that failed tells; where none may, a busy machine has its time.
-constexpr int kScarceMs = 2000, kPlentyMs = 20000;
+constexpr int kScarceMs = 5000, kPlentyMs = 20000;
 constexpr int kSubscriptions = 5;  // each waits a second to come into force
+constexpr int kLosses = 1;         // for one refusal
 
 // takes: what is appended; a key, its twin, a value, a priority, a flag, a count. gives: what the answer is.
 struct Method {
@@ -59,6 +60,14 @@ bool tellsOfFailure(const std::string& command, SDBusMessage& answer) {
     constexpr int kPriorityUnknown = -1;
     if (command == "secure.get") return answer.signature() == "sb" && answer.getBool(1);
     return command == "policy.get.list" && answer.getInt(3) == kPriorityUnknown;
+}
+
+std::string kindOf(const ScriptStep& step) {
+    return step.command.substr(0, step.command.find('.'));
+}
+
+std::string operationOf(const ScriptStep& step) {
+    return step.command.substr(step.command.find('.') + 1);
 }
 
 std::string shown(const std::string& text) {
@@ -175,7 +184,7 @@ Allowed answersFromTheStart() {
 }
 
 bool isChange(const ScriptStep& step) {
-    const std::string operation = step.command.substr(step.command.find('.') + 1);
+    const std::string operation = operationOf(step);
     return operation != "list" && operation.compare(0, 3, "get") != 0;
 }
 
@@ -183,20 +192,23 @@ bool isFailed(const ScriptStep& step, const std::optional<std::string>& answer) 
     return !answer || (isChange(step) && *answer != "1");
 }
 
-void weigh(const ScriptStep& step, const std::optional<std::string>& answer, bool mayFail, Allowed& allowed) {
+bool weigh(const ScriptStep& step, const std::optional<std::string>& answer, bool mayFail, Allowed& allowed,
+           bool isAsFailed) {
     const std::string what = step.command + " " + step.key;
-    const std::size_t dot = step.command.find('.');
-    const std::string kind = step.command.substr(0, dot);
-    const std::string operation = step.command.substr(dot + 1);
+    const std::string kind = kindOf(step), operation = operationOf(step);
     if (!answer && !mayFail) throw Failed(what + ": no answer, though nothing is scarce");
-    if (operation == "list") return answer ? weighList(*answer, allowed) : void();
+    if (operation == "list") {
+        if (answer) weighList(*answer, allowed);
+        return answer.has_value();
+    }
     const char* const unset = kind == "listener" ? "0" : "";
     for (const std::string& key : {step.key, step.key + ".twin"})
         if (operation == "set.list" || key == step.key) allowed.insert({{kind, key}, {unset}});
     if (isChange(step)) {
         const bool isDone = !isFailed(step, answer);
         if (!isDone && !mayFail) throw Failed(what + " failed, though nothing is scarce");
-        return weighChange(step, kind, isDone, mayFail, allowed);
+        weighChange(step, kind, isDone, mayFail, allowed);
+        return isDone;
     }
     if (kind == "strong") {  // where there is a policy
         std::set<std::string>& answers = allowed[{kind, step.key}] = {};
@@ -204,13 +216,28 @@ void weigh(const ScriptStep& step, const std::optional<std::string>& answer, boo
     }
     if (kind == "event") change(allowed, kind, step.key, step.value, !mayFail);
     const std::set<std::string>& values = allowed[{kind, step.key}];
-    if (!answer || values.count(*answer) != 0) return;
+    if (answer && values.count(*answer) != 0) return kind != "event" || *answer == step.value;
+    if (!answer || (isAsFailed && mayFail)) return false;
     throw Failed(what + " was answered with " + shown(*answer) + " in place of " + shown(*values.begin()));
+}
+
+bool Losses::isConsequence(const ScriptStep& step, const std::string& kind, const std::string& key) const {
+    if (kind != "event") return operationOf(step) == "delete" && mFailed.count({kind, key}) != 0;
+    return std::any_of(mFailed.begin(), mFailed.end(), [&](const auto& failed) { return failed.second == key; });
+}
+
+void Losses::add(const ScriptStep& step) {
+    const std::string kind = kindOf(step), key = prefixOf(step) + step.key;
+    if (isConsequence(step, kind, key)) return;
+    mFailed.insert({kind, key});
+    if (++mCount > kLosses)
+        throw Failed(step.command + " " + step.key + " failed, too: " + std::to_string(mCount) +
+                     " steps for one refusal");
 }
 
 void tell(const ScriptStep& step, const std::optional<std::string>& answer, bool mayFail, const Allowed& before,
           Story& story) {
-    const std::string kind = step.command.substr(0, step.command.find('.'));
+    const std::string kind = kindOf(step);
     if (!isChange(step) || kind == "listener") return;
     const bool isDone = !isFailed(step, answer);
     const auto add = [&](const std::string& key, bool isSure) {

@@ -39,9 +39,25 @@ Allowed answersFromTheStart();
 // Whether the step was not done, nothing for no answer. A question has failed where it wasn't answered.
 bool isFailed(const ScriptStep& step, const std::optional<std::string>& answer);
 
-// Weighs an answer; nothing for none. Throws Failed for a wrong one, which "" and "0" are to a question whose value is
-// there, and for a step that failed where nothing is scarce (!mayFail).
-void weigh(const ScriptStep& step, const std::optional<std::string>& answer, bool mayFail, Allowed& allowed);
+// Weighs an answer; nothing for none. True for a right one, false for a step that failed, an event that did not come
+// among them. isAsFailed: an answer that says the same of a failure. Throws Failed for a wrong one, which "" and "0"
+// are to a question whose value is there, and for a step that failed where nothing is scarce (!mayFail).
+bool weigh(const ScriptStep& step, const std::optional<std::string>& answer, bool mayFail, Allowed& allowed,
+           bool isAsFailed = false);
+
+// What failed of a script: a refusal costs one step. What is not heard of or can't be deleted, since its registration
+// or change has failed, is a consequence and no further failure.
+class Losses {
+public:
+    // Throws Failed for one too many.
+    void add(const ScriptStep& step);
+
+private:
+    bool isConsequence(const ScriptStep& step, const std::string& kind, const std::string& key) const;
+
+    std::set<std::pair<std::string, std::string>> mFailed;  // by kind and key
+    int mCount = 0;
+};
 
 // How often the trail has to tell, and may tell at most, of a method that changed a key.
 struct Told {

@@ -1,14 +1,17 @@
 // Has the n-th allocation, descriptor, thread or mapping of the service, or of a client, fail, for one n after the
 // other, over one script of calls, and tells what did not hold.
 //     scarcity service|killed|client memory|descriptor|thread|mapping SEED LIVES SCARCE SDCONFIGD CLIENT SDCONFIG-DATA
-// killed: the start of a service after one that was killed. LIVES: how many n are tried, spread over all there are; I/N
-// for a share of all, from the I-th on each N-th; -N for the N-th alone; FROM-TO for each of those. It prints how many
-// lives there were, and a line each, with a count before it, of whom something was refused. SCARCE: the library to
-// preload; it tells the file
-// $SCARCE_TRACE, where that is set, where it refused. CLIENT: torture_client.
-// Holds: no crash and no hang; a wrong answer or event never, a right one or a failure; when nothing is scarce any
-// more, the same process does all of the script, or has ended with a line, and the next one does; what was acknowledged
-// is there, and the trail without a fault and with each change of it. A client's threads and its child share one count.
+// killed: the start of a service after one that was killed. LIVES: how many n are tried, spread over all there are, and
+// those as a service gets ready; I/N for a share of all, from the I-th on each N-th; -N for the N-th alone; FROM-TO for
+// each of those. It prints how many lives there were, and a line each, with a count before it, of whom something was
+// refused. SCARCE: the library to preload; it tells the file $SCARCE_TRACE, where that is set, where it refused.
+// CLIENT: torture_client.
+//
+// Holds: no crash and no hang; a wrong answer or event never, a right one or a failure; no step fails before something
+// is refused, and one after it; a service that serves goes on, and one that can't start, or end, says so; when nothing
+// is scarce any more, the same process, or the next one of a service that ended, does all of the script; what was
+// acknowledged is there, and the trail without a fault and with each change of it. A client's threads and its child
+// share one count.
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
@@ -42,11 +45,12 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int kEndingMs = 3000;                    // of a service that is about to end
 constexpr int kAnswerMs = 20000;                   // of a client that works
 constexpr std::chrono::seconds kMachineLimit{20};  // until a changed policy of the machine is in force
 constexpr std::chrono::seconds kLineLimit{5};      // until the log tells of a call that was not answered
 constexpr int kClientEndingMs = 15000;             // it waits for a listener that runs, 5 s at most
+constexpr int kMeasuredLives = 3;
+constexpr std::uint64_t kTurn = 20;  // a service asks for less than that while it says that it is ready
 
 struct Arguments {
     std::string whose, what;
@@ -71,13 +75,14 @@ public:
         mShared->kind = kind;
         mShared->at = at;
         mShared->asked = 0;
-        mShared->place[0] = 0;
+        mShared->place[0] = mShared->crashPlace[0] = 0;
         mShared->isCounting = 1;
     }
     void end() { mShared->isCounting = 0; }
     std::uint64_t asked() const { return mShared->asked; }
-    bool hasFailed() const { return mShared->asked >= mShared->at; }
+    bool hasFailed() const { return mShared->at != 0 && mShared->asked >= mShared->at; }
     std::string refusedTo() const { return fs::path(mShared->place).filename(); }
+    std::string crashedIn() const { return fs::path(mShared->crashPlace).filename(); }
 
     std::vector<std::string> variables(const std::string& library) const {
         return {"LD_PRELOAD=" + library, "SCARCE=" + mPath};
@@ -107,9 +112,13 @@ public:
 
     // Of the latest life.
     std::uint64_t asked() const { return mWatched.asked(); }
+    bool hasFailed() const { return mWatched.hasFailed(); }
     std::string refusedTo() const { return mWatched.refusedTo(); }
 
 protected:
+    // Each life has values of its own, equally long: a longer text asks for memory where a shorter one does not.
+    std::string nextRound() { return std::to_string(++mRound); }
+
     std::string makeFolder(const std::string& name) const {
         std::string path = mLife.place() + "/" + name;
         fs::create_directory(path);
@@ -132,16 +141,21 @@ protected:
     const Arguments& mArguments;
     ServiceLife mLife;
     Watched mWatched;
+
+private:
+    int mRound = 100000;
 };
 
 // ---- The service ----
 
-// An end by itself: told by a line, with its exit code.
-void expectTold(int status, const ServiceLife& life) {
-    const std::string said = life.said();
-    const std::size_t last = said.rfind("sdconfigd: ");
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 1 || last == std::string::npos)
-        throw Failed("it ended with status " + std::to_string(status) + ": " + said);
+// An end by itself: told by its exit code, and by a line behind the one that it is ready.
+void expectTold(int status, const ServiceLife& life, const std::string& crashedIn) {
+    bool isTold = false;
+    std::istringstream text(textOf(life.log()));
+    for (std::string line; std::getline(text, line);)
+        if (line.compare(0, 11, "sdconfigd: ") == 0) isTold = line.compare(11, 9, "ready on ") != 0;
+    if (!isTold || !WIFEXITED(status) || WEXITSTATUS(status) != 1)
+        throw Failed("it ended with status " + std::to_string(status) + " in \"" + crashedIn + "\"");
 }
 
 class ServiceLives : public Lives {
@@ -162,9 +176,10 @@ public:
     }
 
     int endedInSettingUp() const { return mEndedInSettingUp; }
+    std::uint64_t askedBeforeReady() const { return mAskedBeforeReady; }
 
     void live(std::uint64_t at) {
-        const std::string data = mLife.place() + "/data", round = std::to_string(at);
+        const std::string data = mLife.place() + "/data", round = nextRound();
         fs::remove_all(data);
         fs::copy(mLife.place() + "/template", data, fs::copy_options::recursive);
         fs::permissions(data, fs::perms::owner_all);
@@ -173,70 +188,67 @@ public:
         putMachinePolicies(kMachineValue);
         mWatched.begin(mArguments.kind, at);
         const bool hasBegun = mLife.start(service(data), mWatched.variables(mArguments.library));
-        bool ended = !hasBegun;
+        mAskedBeforeReady = mWatched.asked();
         if (mArguments.whose == "killed") mWatched.end();
-        if (!ended) ended = !play(round + ".1", true, allowed);
-        if (!ended && mWatched.hasFailed()) ended = !play(round + ".2", false, allowed);
-        const bool failedBefore = mWatched.hasFailed();
-        const int status = mLife.end(ended ? 0 : SIGTERM);
-        if (!hasBegun && isOfSettingUp(status))
-            ++mEndedInSettingUp;
-        else if (ended || (status != 0 && !failedBefore))
-            expectTold(status, mLife);
-        else if (status != 0)
-            throw Failed("it did not end as told: " + mLife.said());
+        if (hasBegun) play(round + ".1", true, allowed);
+        if (hasBegun && mWatched.hasFailed()) play(round + ".2", false, allowed);
+        const bool hasFailedBefore = hasBegun && mWatched.hasFailed();
+        const int status = mLife.end(hasBegun ? SIGTERM : 0);
+        if (!hasBegun || status != 0) weighEnd(status, hasBegun, !hasFailedBefore && mWatched.hasFailed());
         mWatched.end();
         if (!mLife.start(service(data))) throw Failed("the next one doesn't start: " + mLife.said());
-        if (!play(round + ".3", false, allowed)) throw Failed("the next one ends: " + mLife.said());
+        play(round + ".3", false, allowed);
         (void)mLife.end(SIGKILL);
         verifyTrail(data);
     }
 
 private:
+    // Of a start, or an end, that failed. isRefused: whether something was refused to it.
+    void weighEnd(int status, bool hasBegun, bool isRefused) {
+        if (!isRefused) throw Failed("it ended with status " + std::to_string(status) + " though nothing was scarce");
+        if (!hasBegun && isOfSettingUp(status))
+            ++mEndedInSettingUp;
+        else
+            expectTold(status, mLife, mWatched.crashedIn());
+    }
+
     // OpenSSL, and the C library where it looks up users, may go on without memory that they did not get while they set
-    // themselves up, which nobody above them can mend. A start does both before it says that it is ready: later no
-    // signal is forgiven.
+    // themselves up, which nobody above them can mend: they crash. A start does both before it says that it is ready:
+    // later no signal is forgiven, nor is a crash in other code, whoever found no memory.
     bool isOfSettingUp(int status) const {
         if (!WIFSIGNALED(status)) return false;
-        const std::string refused = mWatched.refusedTo();
-        const bool isCrash = WTERMSIG(status) == SIGSEGV;
-        return (isCrash && refused.find("libcrypto") == 0) ||
-               ((isCrash || WTERMSIG(status) == SIGABRT) && refused == kUsersLookUp);
+        const std::string place = mWatched.crashedIn();
+        return (WTERMSIG(status) == SIGSEGV && place.find("libcrypto") == 0) || place == kUsersLookUp;
     }
 
-    // Whether the service does all of the script; false where it has ended.
-    bool play(const std::string& round, bool mayFail, Allowed& allowed) {
-        try {
-            ServiceCaller caller;
-            putMachinePolicies(round);
-            for (const char* const key : kMachineKeys) allowed[{"machine", key}].insert(round);
-            for (const ScriptStep& step : script(Whose::Service, round)) {
-                const std::size_t said = textOf(mLife.log()).size();
-                const auto answer = caller.run(step, mayFail);
-                tell(step, answer, mayFail, allowed, mTold);
-                weigh(step, answer, mayFail, allowed);
-                if (mayFail && mLife.endsWithin(0)) return false;
-                if (isFailed(step, answer) && !awaitLine(step, said)) return false;
-            }
-            for (const char* const key : kMachineKeys)
-                if (!mayFail) awaitMachinePolicy(caller, key, round);
-            if (!mayFail) allowed[{"machine", kMachineKeys[0]}] = {round};
-        } catch (const Failed&) {
-            if (mayFail || !mLife.endsWithin(kEndingMs)) throw;
-            return false;
+    // Throws Failed where the service ends meanwhile.
+    void play(const std::string& round, bool mayFail, Allowed& allowed) {
+        ServiceCaller caller;
+        putMachinePolicies(round);
+        for (const char* const key : kMachineKeys) allowed[{"machine", key}].insert(round);
+        Losses losses;
+        for (const ScriptStep& step : script(Whose::Service, round)) {
+            const std::size_t said = textOf(mLife.log()).size();
+            const auto answer = caller.run(step, mayFail);
+            const bool mayHaveFailed = mayFail && mWatched.hasFailed();
+            if (mLife.endsWithin(0)) throw Failed("it ended amid its work, at " + step.command + " " + step.key);
+            tell(step, answer, mayHaveFailed, allowed, mTold);
+            if (!weigh(step, answer, mayHaveFailed, allowed)) losses.add(step);
+            if (isFailed(step, answer)) awaitLine(step, said);
         }
-        return true;
+        for (const char* const key : kMachineKeys)
+            if (!mayFail) awaitMachinePolicy(caller, key, round);
+        if (!mayFail) allowed[{"machine", kMachineKeys[0]}] = {round};
     }
 
-    // Of a step that failed the log says so, behind what it said before; false where the service ends over it.
-    bool awaitLine(const ScriptStep& step, std::size_t said) const {
+    // Of a step that failed the log says so, behind what it said before.
+    void awaitLine(const ScriptStep& step, std::size_t said) const {
         const auto limit = std::chrono::steady_clock::now() + kLineLimit;
         while (!hasComplaint(textOf(mLife.log()).substr(said))) {
-            if (mLife.endsWithin(1)) return false;
+            if (mLife.endsWithin(1)) throw Failed("it ended over " + step.command + " " + step.key);
             if (std::chrono::steady_clock::now() > limit)
                 throw Failed(step.command + " " + step.key + " failed without a line in the log");
         }
-        return true;
     }
 
     // A warning or an error, or that there was no memory for one.
@@ -291,6 +303,7 @@ private:
     Allowed mKept = answersFromTheStart();
     Story mToldOfKept, mTold;  // the latter of the latest life
     int mEndedInSettingUp = 0;
+    std::uint64_t mAskedBeforeReady = 0;
 };
 
 // ---- A client ----
@@ -366,9 +379,10 @@ public:
     ClientLives& operator=(const ClientLives&) = delete;
 
     int endedInSettingUp() const { return 0; }
+    std::uint64_t askedBeforeReady() const { return 0; }
 
     void live(std::uint64_t at) {
-        const std::string round = std::to_string(at);
+        const std::string round = nextRound();
         mWatched.begin(mArguments.kind, at);
         Client client(mArguments.client, mLife.place(), mWatched.variables(mArguments.library));
         const bool hasBegun = client.ask("up").has_value();
@@ -395,21 +409,22 @@ private:
     }
 
     bool play(Client& client, const std::string& round, bool mayFail) {
+        Losses losses;
         for (const ScriptStep& step : script(Whose::Client, round)) {
             if (step.isAnothers) {
                 weigh(step, mAnother->run(step), false, mAllowed);
                 continue;
             }
-            const auto answer = client.ask(lineOf(step, mayFail));
+            const auto answer = client.ask(lineOf(step));
             if (!answer) return false;
             const auto told = plain(step, *answer);
             const bool mayHaveFailed = mayFail && mWatched.hasFailed();
-            weigh(step, mayHaveFailed && isAsFailed(step, told) ? std::nullopt : told, mayFail, mAllowed);
+            if (!weigh(step, told, mayHaveFailed, mAllowed, isAsFailed(step, told))) losses.add(step);
         }
         return true;
     }
 
-    static std::string lineOf(const ScriptStep& step, bool mayFail) {
+    static std::string lineOf(const ScriptStep& step) {
         static const std::map<std::string, std::string> kNames{
             {"secure.set", "set"},         {"secure.get", "get"}, {"secure.delete", "delete"},
             {"machine.get", "policy.get"}, {"sign.get", "sign"},  {"threads.get", "threads"},
@@ -417,7 +432,7 @@ private:
         const auto name = kNames.find(step.command);
         std::string line = name == kNames.end() ? step.command : name->second;
         line += std::string(" ") + prefixOf(step) + step.key + " " + step.value;
-        if (step.command == "event.get") line += mayFail ? " 200" : " 5000";
+        if (step.command == "event.get") line += " 5000";
         return line + (step.command.compare(0, 10, "policy.set") == 0 ? " 9" : "");
     }
 
@@ -455,8 +470,10 @@ private:
 
 // ---- All ----
 
-// Numbers from 1 to `all`: so many of them, in each part of the range one; or those that are named.
-std::vector<std::uint64_t> numbers(std::uint64_t all, const std::string& lives, std::uint64_t seed) {
+// Numbers from 1 to `all`: so many of them, in each part of the range one, and those about `ready`, where a start turns
+// into serving; or those that are named.
+std::vector<std::uint64_t> numbers(std::uint64_t all, std::uint64_t ready, const std::string& lives,
+                                   std::uint64_t seed) {
     if (const std::size_t dash = lives.find('-'); dash != std::string::npos) {
         const std::uint64_t last = std::min<std::uint64_t>(std::stoull(lives.substr(dash + 1)), all);
         std::vector<std::uint64_t> named;
@@ -476,20 +493,34 @@ std::vector<std::uint64_t> numbers(std::uint64_t all, const std::string& lives, 
         const std::uint64_t to = all * (i + 1) / count;
         chosen.push_back(std::uniform_int_distribution<std::uint64_t>(from, std::max(from, to))(random));
     }
+    const std::uint64_t end = ready == 0 ? 0 : std::min(ready + kTurn, all);
+    for (std::uint64_t n = ready - std::min(ready, kTurn) + 1; n <= end; ++n) chosen.push_back(n);
     return chosen;
+}
+
+// Counts vary from life to life, by a sixth at most: the last numbers may be refused to nobody.
+bool mustBeRefused(std::uint64_t at, std::uint64_t all) {
+    return at + all / 5 + 2 <= all;
 }
 
 template <class Kind>
 int liveAll(const Arguments& arguments, const std::string& place) {
     Kind lives(arguments, place);
-    lives.live(UINT64_MAX);
-    const std::uint64_t all = lives.asked();
+    // A slow life connects more often, and who connects is looked at: the least is what the others ask for, too.
+    std::uint64_t all = UINT64_MAX;
+    for (int life = 0; life < kMeasuredLives; ++life) {
+        lives.live(0);
+        all = std::min(all, lives.asked());
+    }
+    if (all == 0) throw Failed("nothing is asked for: is " + arguments.library + " preloaded?");
     int failures = 0;
     std::map<std::string, int> refused;  // by the file of who asked
-    const auto chosen = numbers(all, arguments.lives, arguments.seed);
+    const auto chosen = numbers(all, lives.askedBeforeReady(), arguments.lives, arguments.seed);
     for (const std::uint64_t at : chosen) {
         try {
             lives.live(at);
+            if (mustBeRefused(at, all) && !lives.hasFailed())
+                throw Failed("only " + std::to_string(lives.asked()) + " were asked for, and nobody was refused any");
         } catch (const std::exception& failure) {  // whatever it is, the number tells how to see it again
             ++failures;
             std::cout << "the service: " << lives.said() << "\nnumber " << at << " of " << all << ", asked by "
