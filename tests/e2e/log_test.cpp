@@ -158,6 +158,9 @@ TEST_F(LogTest, ABackupCarriesItAndARestoreGoesOn) {
     EXPECT_EQ(cli({"log", "verify", "--data-dir", old}).exitCode, 0) << "also while a service runs elsewhere";
     next.kill(SIGTERM);
     next.wait();
+    EXPECT_EQ(run({SDCONFIGD, "--rotate-key", "--data-dir", path("data")}, environment()).exitCode, 0);
+    const std::string ended = log({"--json"}).out;
+    EXPECT_EQ(json::parse(ended.substr(0, ended.find('\n')))["source"], "end") << "as the service leaves it";
     EXPECT_EQ(log({"verify"}).exitCode, 0) << log({"verify"}).out;
     EXPECT_EQ(cli({"check", path("data")}).exitCode, 0) << cli({"check", path("data")}).out;
 

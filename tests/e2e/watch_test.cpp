@@ -1,9 +1,11 @@
 // watch: changes as lines, restarts of the service beneath it, and the command that it runs.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <optional>
+#include <sstream>
 
 #include "libsdconfig/dmconfig.h"
 #include "libsdconfig/sdconfig.h"
@@ -28,6 +30,16 @@ protected:
     static void expectEnds(Process& process, int signal) {
         process.kill(signal);
         EXPECT_EQ(process.wait(), 0) << process.err();
+    }
+    // In ticks.
+    static long processorTime(const Process& process) {
+        const std::string status = readFile("/proc/" + std::to_string(process.pid()) + "/stat");
+        std::istringstream fields(status.substr(status.rfind(')') + 1));
+        std::string skipped;
+        for (int i = 0; i < 11; ++i) fields >> skipped;
+        long user = 0, system = 0;
+        fields >> user >> system;
+        return user + system;
     }
     // This process as another client.
     sd::SDConfig& client() {
@@ -114,7 +126,9 @@ TEST_F(WatchTest, OutlivesAKilledServiceAndMissesNothing) {
     next.wait();
     EXPECT_TRUE(waitUntil([&] { return second.err().rfind("is gone") > second.err().find("been restarted"); }));
     const std::string told = second.err();
+    const long used = processorTime(second);
     EXPECT_FALSE(waitUntil([&] { return second.err() != told; }, 1500)) << "told once, and not with each look";
+    EXPECT_LT(processorTime(second) - used, ::sysconf(_SC_CLK_TCK) / 5) << "it waits, and does not look all the time";
     expectEnds(second, SIGINT);
 }
 
