@@ -179,6 +179,7 @@ TEST_F(SlotTest, AnotherMachineTakesTheCode) {
     EXPECT_EQ(cli({"key", "unlock"}, "pass\n").exitCode, 0);
     EXPECT_EQ(get("a"), "secret\n");
     EXPECT_EQ(get("b"), "");
+    expectRefusal({"key", "recover"}, code + "\n", "nobody seals at ", 0);  // so the slot host can't be made anew
 }
 
 TEST_F(SlotTest, AKilledServiceLeavesThePlainRingOrTheWholeWrappedOne) {

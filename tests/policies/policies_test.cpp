@@ -137,6 +137,14 @@ TEST_F(PoliciesTest, WhatOthersCanChangeIsLeftOut) {
     EXPECT_EQ((read(), stateOf("boot")), State::Absent);
 }
 
+TEST_F(PoliciesTest, TenThousandFilesAreRead) {
+    for (int i = 10'000; i < 20'000; ++i) write("admin/" + std::to_string(i) + ".json", "{}");
+    write("admin/19999.json", fileOf("last", "1"));
+    write("admin/20000.json", fileOf("beyond", "1"));
+    EXPECT_THAT(read(), ElementsAre("last=1"));
+    EXPECT_THAT(mRead->status().files.back().detail, HasSubstr("1 files, the last ones by their names"));
+}
+
 TEST_F(PoliciesTest, ABrokenFileKeepsItsPlaceAndWhatItHeld) {
     write("vendor/a.json", fileOf("a", "vendor"));
     write("admin/a.json", "{");
@@ -175,7 +183,8 @@ TEST_F(PoliciesTest, APolicyIsForThoseThatItNames) {
     write("vendor/a.json", fileOf("a", "", ", \"users\": [\"no.such.user\", " + self + "]"));
     write("vendor/b.json", fileOf("b", "", ", \"users\": [\"4294967294\", \"@no.such.group\"]"));
     write("vendor/c.json", fileOf("a", "for others", ", \"users\": [4294967294]"));
-    EXPECT_THAT(read(), ElementsAre("a="));
+    write("vendor/d.json", fileOf("d", "", ", \"description\": \"by law\", \"users\": [" + self + "]"));
+    EXPECT_THAT(read(), ElementsAre("a=", "d="));
     EXPECT_THAT(mRead->status().nobody, UnorderedElementsAre(Pair("no.such.user", HasSubstr("no user")),
                                                              Pair("@no.such.group", HasSubstr("no group"))));
 }
