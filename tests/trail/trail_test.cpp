@@ -122,6 +122,8 @@ TEST_F(TrailTest, LinesThatAreNoEntries) {
     EXPECT_EQ(problemOf(R"("by":null)", R"("by":{"uid":-1})"), "\"uid\" is of another type");
     EXPECT_EQ(problemOf(R"("by":null)", R"("by":{"name":"a","exe":"b","name":"a"})"), "\"name\" stands twice");
     EXPECT_EQ(problemOf("1970-01-01", "1970-02-29"), "\"utc\" is of another type");
+    for (const char* mono : {R"("mono":1e12,"later":)", R"("mono":"1","later":)"})
+        EXPECT_EQ(problemOf(R"("mono":)", mono), "\"mono\" is of another type");
     EXPECT_THAT(problemOf(R"("seq":1,)", ""), HasSubstr("lacks one of"));
     for (const char* seq : {R"("seq":0,)", R"("seq":18446744073709551615,)"})
         EXPECT_EQ(problemOf(R"("seq":1,)", seq), "has a \"seq\" or a \"what\" that no entry has");
