@@ -113,7 +113,7 @@ TEST_F(TrailTest, LinesThatAreNoEntries) {
         Entry entry;
         return parseLine(line, entry, why) ? "none" : why;
     };
-    EXPECT_EQ(problemOf(R"("key":"a")", R"("later":[{"a":[1,null]}],"key":"a")"), "none");
+    EXPECT_EQ(problemOf(R"("key":"a")", R"("later":[{"a":[1,null]}],"more":{},"key":"a")"), "none");
     EXPECT_EQ(problemOf(R"("key":"a")", R"("key":"a","key":"a")"), "\"key\" stands twice");
     EXPECT_EQ(problemOf(R"("key":"a")", R"("key":"a","key_base64":"YQ==")"), "\"key\" stands twice");
     EXPECT_EQ(problemOf(R"("key":"a")", R"("key_base64":"YQ=")"), "\"key_base64\" is not in base64");
