@@ -7,7 +7,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <set>
 #include <stdexcept>
 
@@ -29,14 +28,18 @@ bool isDeleted(const std::string& path) {
     return endsWith(path, " (deleted)");
 }
 
-// Of a database's log: mapped memory, which is nothing after a cut.
+// Of a database's log: mapped memory, whose changes are no calls. None need be known: whoever opens a database first
+// makes its index anew from the log, whatever a cut left of it.
 bool isIndex(const std::string& path) {
     return endsWith(path, "-shm");
 }
 
 std::string contentOf(const std::string& path) {
+    std::string content(std::filesystem::file_size(path), '\0');
     std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+    file.read(content.data(), static_cast<std::streamsize>(content.size()));
+    content.resize(static_cast<std::size_t>(file.gcount()));
+    return content;
 }
 
 }  // namespace
@@ -103,19 +106,25 @@ int Disk::add(const Entry& entry, bool isFolder) {
     return node;
 }
 
-// An inode whose file has no name any more is another file by now, unless it is written or gets one.
+// That what was recorded to be there is the file that the call found.
+void Disk::checkIsAt(const Place& place, const Entry& entry) const {
+    const auto known = mByInode.find(entry.file);
+    if (known == mByInode.end() || nodeAt(place) != known->second)
+        throw std::runtime_error("what made, moved or removed " + entry.path + " was not recorded");
+}
+
+// An inode whose file has no name any more is another file by now, unless it is still open.
 int Disk::fileOf(const Entry& entry) {
     const auto isNamed = [this](int file) {
         return std::any_of(mSeen.begin(), mSeen.end(), [file](const auto& name) { return name.second == file; });
     };
-    const bool isNameless = entry.kind == Kind::Link || isDeleted(entry.path);
     const auto known = mByInode.find(entry.file);
-    if (known != mByInode.end() && (isNameless || isNamed(known->second))) return known->second;
+    const bool isOpen = entry.kind != Kind::Open && isDeleted(entry.path);
+    if (known != mByInode.end() && (isOpen || isNamed(known->second))) return known->second;
+    if (entry.kind != Kind::Open) throw std::runtime_error("the making of a file was not recorded: " + entry.path);
+    const Place place = placeOf(entry.path);
     const int file = add(entry, false);
-    if (!isNameless) {
-        const Place place = placeOf(entry.path);
-        name({place.first, {{place, file}}});
-    }
+    name({place.first, {{place, file}}});
     return file;
 }
 
@@ -145,9 +154,8 @@ void Disk::apply(const Change& change, std::string& content) {
 
 void Disk::rename(const Entry& entry) {
     const Place from = placeOf(entry.path), to = placeOf(entry.data);
-    const int node = nodeAt(from);
-    if (node == kNone) throw std::runtime_error("what was renamed was not recorded: " + entry.path);
-    name({to.first, {{from, entry.number != 0 ? nodeAt(to) : kNone}, {to, node}}});
+    checkIsAt(from, entry);
+    name({to.first, {{from, entry.number != 0 ? nodeAt(to) : kNone}, {to, nodeAt(from)}}});
 }
 
 void Disk::syncFile(const Entry& entry) {
@@ -201,6 +209,7 @@ void Disk::apply(const Entry& entry) {
         }
         case Kind::Remove: {
             const Place place = placeOf(entry.path);
+            checkIsAt(place, entry);
             return name({place.first, {{place, kNone}}});
         }
         case Kind::Mark:

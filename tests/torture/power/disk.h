@@ -73,6 +73,7 @@ private:
 
     Place placeOf(const std::string& path) const;
     int nodeAt(const Place& place) const;
+    void checkIsAt(const Place& place, const Entry& entry) const;
     int add(const Entry& entry, bool isFolder);
     int fileOf(const Entry& entry);
     Node& file(const Entry& entry) { return mNodes[static_cast<std::size_t>(fileOf(entry))]; }

@@ -125,7 +125,7 @@ int opened(int flags, Call&& call) {
     if ((flags & O_ACCMODE) == O_RDONLY && !(flags & (O_CREAT | O_TRUNC))) return call();
     Step step;
     const int fd = call();
-    if (fd < 0 || (flags & O_TMPFILE) == O_TMPFILE) return fd;
+    if (fd < 0) return fd;
     if (const std::string path = pathOf(fd); isWatched(path) && isRegular(fd))
         step.note(Kind::Open, fileOf(fd), (flags & O_TRUNC) != 0, path);
     return fd;
