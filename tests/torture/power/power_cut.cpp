@@ -1,10 +1,12 @@
 // Replays what power_recorder noted, cuts the power at places of its choice, starts the real service on each disk that
 // may be left, and compares what it answers with what was acknowledged.
-//     power_cut LOG ROOT SEED STATES SDCONFIGD SDCONFIG RECORDER [--only NUMBER FOLDER [NEXT ROOT]] [-- OPTION...]
+//     power_cut [--without-syncs] LOG ROOT SEED STATES SDCONFIGD SDCONFIG RECORDER [--only NUMBER FOLDER [NEXT ROOT]]
+//               [-- OPTION...]
 //     power_cut --legacy FILE        makes a database of an earlier version
 // ROOT: what was recorded below; its "data" is the data folder. SEED and NUMBER make one state of a log, which --only
 // leaves in FOLDER. On some states the start is recorded with RECORDER, and cut itself; NEXT and ROOT: what was
-// recorded of it before. OPTION: of the service, with ROOT written as @. The marks of the log: see model.h.
+// recorded of it before. --without-syncs plays the log as if nothing had been synced, which has to fail. OPTION: of the
+// service, with ROOT written as @. The marks of the log: see model.h.
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -37,9 +39,12 @@ using torture::Failed;
 constexpr int kLookEach = 16;
 constexpr int kCutAgainEach = 32;
 constexpr int kCutsAgain = 2;
+constexpr char kWithoutSyncs[] = "--without-syncs";
 
 struct Arguments {
-    std::string program, log, root;
+    std::string program;
+    bool isSynced;
+    std::string log, root;
     std::uint64_t seed = 0;
     long states = 0;
     Programs programs;
@@ -106,6 +111,7 @@ std::size_t digestOf(std::size_t model, const Files& files) {
 std::string commandOf(const Arguments& arguments, long number, const std::string& next) {
     const Programs& programs = arguments.programs;
     std::string text = arguments.program;
+    if (!arguments.isSynced) text += std::string(" ") + kWithoutSyncs;
     for (const std::string& word :
          {arguments.log, arguments.root, std::to_string(arguments.seed), std::to_string(arguments.states),
           programs.sdconfigd, programs.sdconfig, programs.recorder, std::string("--only"), std::to_string(number),
@@ -156,7 +162,7 @@ void tryState(const Arguments& arguments, long number, const Replay& replay, std
     if (arguments.only < 0 && !told.isNew(digestOf(marks, files))) return;
     ++told.distinct;
     const bool isLooked = arguments.only >= 0 || number % kLookEach == 0;
-    const bool isCutAgain = number % kCutAgainEach == kLookEach / 2;
+    const bool isCutAgain = arguments.isSynced && number % kCutAgainEach == kLookEach / 2;
     told.looks += isLooked ? 1 : 0;
     told.again += isCutAgain ? 1 : 0;
     std::string next;
@@ -187,14 +193,17 @@ void work(const Arguments& arguments, const std::vector<Entry>& log,
 }
 
 Arguments parsed(int count, char** words) {
-    const std::vector<std::string> all(words, words + count);
+    std::vector<std::string> all(words, words + count);
+    const bool isSynced = all.size() < 2 || all[1] != kWithoutSyncs;
+    if (!isSynced) all.erase(all.begin() + 1);
     const auto optionsAt = std::find(all.begin(), all.end(), "--");
     const auto given = optionsAt - all.begin();
     if (given != 8 && given != 11 && given != 13)
         throw Failed(
-            "power_cut LOG ROOT SEED STATES SDCONFIGD SDCONFIG RECORDER [--only NUMBER FOLDER [NEXT ROOT]] [-- "
-            "OPTION...]");
-    Arguments arguments{all[0], all[1], all[2], std::stoull(all[3]), std::stol(all[4]), {all[5], all[6], all[7], {}}};
+            "power_cut [--without-syncs] LOG ROOT SEED STATES SDCONFIGD SDCONFIG RECORDER "
+            "[--only NUMBER FOLDER [NEXT ROOT]] [-- OPTION...]");
+    Arguments arguments{
+        all[0], isSynced, all[1], all[2], std::stoull(all[3]), std::stol(all[4]), {all[5], all[6], all[7], {}}};
     if (given > 8) arguments.only = std::stol(all[9]);
     if (given > 8) arguments.folder = all[10];
     if (given > 11) arguments.next = all[11];
@@ -204,7 +213,9 @@ Arguments parsed(int count, char** words) {
 }
 
 int run(const Arguments& arguments) {
-    const std::vector<Entry> log = readLog(arguments.log);
+    std::vector<Entry> log = readLog(arguments.log);
+    const auto isSync = [](const Entry& entry) { return entry.kind == Kind::Sync || entry.kind == Kind::SyncFolder; };
+    if (!arguments.isSynced) log.erase(std::remove_if(log.begin(), log.end(), isSync), log.end());
     if (log.empty()) throw Failed("nothing was recorded");
     if (fs::exists(arguments.root)) checkRecording(log, arguments.root);  // a log that was kept has it no more
     char place[] = "/dev/shm/power-XXXXXX";
