@@ -124,8 +124,13 @@ class Recording:
         held.update({("policy", row["uri"]): row["value"] for row in listing["policies"]})
         return held
 
+    def read_accounted(self, client, key, value):
+        self.mark("begin", "read", key)
+        check(client.ask("get", key) == value, "a key reads as another one")
+        self.mark("ack", "read", key)
+
     def begin_all(self, values, whole=""):
-        """whole: the name of what is written with all of them or not at all."""
+        """whole: the name of what is written with all of them or not at all, and acknowledged with any of them."""
         for (kind, key), value in values.items():
             self.mark("begin", kind, key, value, whole)
 
@@ -212,15 +217,20 @@ def is_begun_anew(current):
 
 
 def trail(recording, run):
-    """A trail that goes on in other files, which are packed, and the oldest dropped."""
-    recording.options = ["--audit-size", "1", "--audit-keep", "2", "--audit-reads", "read.*"]
-    recording.mark("begin", "dropping")
+    """A trail that goes on in other files, which are packed, and the oldest dropped; with readings."""
+    size, keep = 1, 2
+    recording.options = ["--audit-size", str(size), "--audit-keep", str(keep), "--audit-reads", "read.*"]
+    recording.mark("begin", "dropping", keep * size * 2**20 - 2**16)  # starts, ends and the like are not told of
     service, client = recording.start(), recording.client()
-    key = "read." + "k" * 60000
-    recording.write(client, "secure", key, "value")
+    key, short = "read." + "k" * 60000, "read.short"
+    for accounted in (key, short):
+        recording.mark("begin", "accounting", accounted)
+        recording.write(client, "secure", accounted, "value")
     current = os.path.join(recording.data, "trail.jsonl")
     for number in range(72):
-        check(client.ask("get", key) == "value", "a key reads as another one")  # its entry is a 17th of a file
+        recording.read_accounted(client, key, "value")  # its entry is a 17th of a file
+        for _ in range(4):  # with no commit behind it that carries its entry, too
+            recording.read_accounted(client, short, "value")
         write_some(recording, client, run.random, 1, number)
         if number % 18 == 17:  # files go on in the background
             pieces.wait_for(lambda: is_begun_anew(current), "the rotation of a full trail")
@@ -228,7 +238,7 @@ def trail(recording, run):
             recording.kill(service)
             service = recording.start()
     # One more where a kill came between a rotation and the dropping of the oldest.
-    pieces.wait_for(lambda: sum(name.endswith(".zst") for name in os.listdir(recording.data)) >= 2,
+    pieces.wait_for(lambda: sum(name.endswith(".zst") for name in os.listdir(recording.data)) >= keep,
                     "the packing of what is kept of the trail besides")
     recording.stop(service)
 
@@ -299,7 +309,7 @@ def install(recording, run):
         recording.mark("begin", "file", "machine/policies/50-some.json")
         recording.command("policy", "install", path, "--name", "50-some", "--policy-dir", folder)
         recording.mark("ack", "file", "machine/policies/50-some.json")
-        recording.ack_all(values)
+        recording.mark("ack", *next(iter(values)))
     recording.kill(service)
 
 

@@ -32,13 +32,14 @@ std::string valueIn(const Values& values, const Key& key) {
 }
 
 // The last ones of what was told, or all of it.
-std::string lastOf(const std::vector<std::string>& keys) {
-    std::string text = std::to_string(keys.size());
-    for (std::size_t i = keys.size() - std::min<std::size_t>(keys.size(), 4); i < keys.size(); ++i)
-        text += " ... " + keys[i].substr(0, 30);
+std::string lastOf(const std::vector<Key>& told) {
+    std::string text = std::to_string(told.size());
+    for (std::size_t i = told.size() - std::min<std::size_t>(told.size(), 4); i < told.size(); ++i)
+        text += " ... " + told[i].first + " " + told[i].second.substr(0, 30);
     return text;
 }
 
+constexpr char kRead[] = "read";
 constexpr std::array kDescribed{"data/sdconfig.db", "data/dmhelper.db", "data/sdsecurity.keys"};  // by the mark
 constexpr std::array kLogs{"data/sdconfig.db-wal", "data/dmhelper.db-wal"};
 
@@ -70,7 +71,7 @@ void Model::apply(const std::string& mark, const Seen& seen) {
         if (isAck && !content) throw Failed(field[2] + " was acknowledged and is not there");
         if (isAck) mFiles[field[2]].clear();
         mFiles[field[2]].insert(content);
-        if (isAck) mChangesBefore[field[2]] = mChanges;
+        if (isAck) mToldBefore[field[2]] = mTold;
     } else {
         isAck ? acknowledge(field) : begin(field);
     }
@@ -80,16 +81,18 @@ void Model::begin(const std::vector<std::string>& field) {
     if (field[1] == "upgrade") {
         mUpgrade = field[2];
     } else if (field[1] == "restore") {
-        mRestore = {stored(false), mChangesBefore.at(field[2])};
+        mRestore = {stored(false), mToldBefore.at(field[2])};
     } else if (field[1] == "key") {
         mSealingKey.clear();
         mIsResealed = false;
     } else if (field[1] == "end") {
         mIsServed = false;
     } else if (field[1] == "dropping") {
-        mIsTrailDropped = true;
+        mTrailKept = std::stoul(field[2]);
+    } else if (field[1] == "accounting") {
+        mAccounted.insert(field[2]);
     } else {
-        mKeys.emplace(field[1], field[2]);
+        if (field[1] != kRead) mKeys.emplace(field[1], field[2]);
         mUnderWay.push_back({{field[1], field[2]}, field[3], field[4]});
     }
 }
@@ -100,7 +103,7 @@ void Model::acknowledge(const std::vector<std::string>& field) {
         mUpgrade.clear();
     } else if (field[1] == "restore") {
         settleAll();
-        mChanges = mRestore->changes;
+        mTold = mRestore->told;
         mReplaced[field[2]] = mRestore->before;
         mRestore.reset();
     } else if (field[1] == "key") {
@@ -113,11 +116,10 @@ void Model::acknowledge(const std::vector<std::string>& field) {
     }
 }
 
-// A set with its first key.
 void Model::acknowledge(const Key& key) {
     const auto begun =
         std::find_if(mUnderWay.begin(), mUnderWay.end(), [&](const auto& one) { return one.key == key; });
-    if (begun == mUnderWay.end()) return;
+    if (begun == mUnderWay.end()) throw Failed(key.second.substr(0, 60) + " was acknowledged, and nobody began it");
     const std::string set = begun->set;
     const auto isDone = [&](const UnderWay& one) { return set.empty() ? one.key == key : one.set == set; };
     const auto rest = std::stable_partition(mUnderWay.begin(), mUnderWay.end(), isDone);
@@ -126,13 +128,32 @@ void Model::acknowledge(const Key& key) {
 }
 
 void Model::settle(const UnderWay& change) {
-    if (isTold(change)) mChanges.push_back(change.key.second);
+    if (isTold(change)) mTold.push_back(change.key);
     mSettled[change.key] = change.value;
 }
 
 void Model::settleAll() {
     for (const UnderWay& change : mUnderWay) settle(change);
     mUnderWay.clear();
+}
+
+bool Model::isReadingUnderWay() const {
+    return std::any_of(mUnderWay.begin(), mUnderWay.end(), [](const UnderWay& one) { return one.key.first == kRead; });
+}
+
+void Model::settleReading(const TrailRead& trail) {
+    const UnderWay reading = mUnderWay.at(0);
+    std::vector<Key> told = mTold;
+    told.push_back(reading.key);
+    if (isTrailOf(told, trail)) settle(reading);
+    mUnderWay.clear();
+}
+
+std::vector<Key> Model::readings() const {
+    std::vector<Key> all;
+    for (const auto& [kind, name] : mKeys)
+        if (kind == "secure" && mAccounted.count(name) != 0) all.emplace_back(kRead, name);
+    return all;
 }
 
 void Model::settle(const Values& found, const Files& files) {
@@ -147,7 +168,7 @@ void Model::settle(const Values& found, const Files& files) {
         return isDone(one) && one.value != valueIn(mRestore->before, one.key);
     });
     for (const std::string& old : replacedFolders(files)) mReplaced.emplace(old, isRestored ? mRestore->before : after);
-    if (isRestored) mChanges = mRestore->changes;
+    if (isRestored) mTold = mRestore->told;
     mRestore.reset();
 }
 
@@ -164,7 +185,7 @@ Values Model::stored(bool isAllDone) const {
 // Whether the trail has an entry of it: what is not there can't be deleted, the machine's are not stored, an upgrade
 // has one as a whole, and a restore brings a trail along.
 bool Model::isTold(const UnderWay& change) const {
-    const bool isNothing = change.value.empty() && valueIn(mSettled, change.key).empty();
+    const bool isNothing = change.key.first != kRead && change.value.empty() && valueIn(mSettled, change.key).empty();
     return mUpgrade.empty() && !mRestore && change.key.first != "machine" && !isNothing;
 }
 
@@ -230,11 +251,12 @@ void Model::checkStored(const Values& stored) const {
     checkValues(all);
 }
 
-// Without a key ring it has nothing yet.
-bool Model::isTrailOf(const std::vector<std::string>& changes, const TrailRead& trail) const {
-    const bool isAll = (trail.isWhole || changes.empty()) && trail.keys.size() == changes.size();
-    const bool isLater = mIsTrailDropped && !trail.isWhole && trail.keys.size() <= changes.size();
-    return (isAll || isLater) && std::equal(trail.keys.rbegin(), trail.keys.rend(), changes.rbegin());
+// Without a key ring it has nothing yet. Where its oldest files were dropped it has the latest, and its lines fill at
+// least the files that are kept: a file is full before another one begins, and goes only once so many others are full.
+bool Model::isTrailOf(const std::vector<Key>& told, const TrailRead& trail) const {
+    const bool isAll = (trail.isWhole || told.empty()) && trail.told.size() == told.size();
+    const bool isLater = mTrailKept && !trail.isWhole && trail.bytes >= *mTrailKept && trail.told.size() <= told.size();
+    return (isAll || isLater) && std::equal(trail.told.rbegin(), trail.told.rend(), told.rbegin());
 }
 
 // Whether so many of what is under way were done, and no others of what the trail tells of.
@@ -247,15 +269,18 @@ bool Model::areDone(std::size_t first, const Values& found) const {
     return true;
 }
 
-// A change and its entry are one commit: those under way that are stored have theirs, and no others.
+// A change and its entry are one commit: those under way that are stored have theirs, and no others. A reading that
+// is under way may have its entry.
 void Model::checkTrail(const TrailRead& trail, const Values& found) const {
-    if (mRestore && isTrailOf(mRestore->changes, trail)) return;
-    std::vector<std::string> changes = mChanges;
+    if (mRestore && isTrailOf(mRestore->told, trail)) return;
+    std::vector<Key> before = mTold;
     for (std::size_t done = 0; done <= mUnderWay.size(); ++done) {
-        if (done > 0 && isTold(mUnderWay[done - 1])) changes.push_back(mUnderWay[done - 1].key.second);
-        if (isTrailOf(changes, trail) && areDone(done, found)) return;
+        if (done > 0 && isTold(mUnderWay[done - 1])) before.push_back(mUnderWay[done - 1].key);
+        std::vector<Key> told = before;
+        for (Key& reading : readings()) told.push_back(std::move(reading));
+        if (isTrailOf(told, trail) && areDone(done, found)) return;
     }
-    throw Failed("the trail has " + lastOf(trail.keys) + "; acknowledged were " + lastOf(mChanges));
+    throw Failed("the trail has " + lastOf(trail.told) + "; acknowledged were " + lastOf(mTold));
 }
 
 void Model::checkRing(const RingRead& ring) const {

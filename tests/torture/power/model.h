@@ -13,7 +13,8 @@
 
 namespace power {
 
-// A value's kind and its name. Kinds: secure; policy, a stored one; machine, one in a file of the machine's.
+// A value's kind and its name. Kinds: secure; policy, a stored one; machine, one in a file of the machine's. What the
+// trail tells of has one more: read, a secure value whose reading is accounted for.
 using Key = std::pair<std::string, std::string>;
 using Values = std::map<Key, std::string>;  // "": there is none
 
@@ -27,10 +28,11 @@ inline constexpr char kCleanEndMark[] = "data/sdconfigd.clean";
 // What restores put others in the place of.
 std::vector<std::string> replacedFolders(const Files& files);
 
-// The changes that a trail tells of, the oldest first.
+// The changes and readings that a trail tells of, the oldest first.
 struct TrailRead {
-    std::vector<std::string> keys;
-    bool isWhole = false;  // it goes back to the first entry
+    std::vector<Key> told;
+    std::size_t bytes = 0;  // of their lines
+    bool isWhole = false;   // it goes back to the first entry
 };
 
 // The keys of a ring.
@@ -40,13 +42,17 @@ struct RingRead {
 };
 
 // Fed with the marks of a log, fields between tabs. What doesn't agree is thrown as Failed. The marks:
-//     begin KIND KEY VALUE [SET], ack KIND KEY    a write; VALUE "": a deletion; a SET is written whole or not at all
+//     begin KIND KEY VALUE [SET], ack KIND KEY    a write; VALUE "": a deletion; a SET is written whole or not at all:
+//                                                 one ack of any of its keys is for all
+//     begin read KEY, ack read KEY                a reading that is accounted for; no other is under way beside it
 //     begin file PATH, ack file PATH              a file that is written whole
 //     begin upgrade ROWS, ack upgrade             of all writes under way
 //     begin restore FILE, ack restore OLD         of a backup, all writes under way; in OLD is what was there before
 //     begin key, ack key ID [resealed]            a new key that seals; resealed: all that is there
 //     ack start, begin end                        of a service; where it is killed it has no end
-//     begin dropping                              from now on the oldest files of the trail may go
+//     begin dropping BYTES                        from now on the oldest files of the trail may go, but not of its last
+//                                                 BYTES
+//     begin accounting KEY                        for each reading of it
 class Model {
 public:
     using Seen = std::function<Content(const std::string& path)>;  // the file at the moment of the mark
@@ -58,18 +64,23 @@ public:
     void noteCleanEnd(const Files& seen);
 
     const std::set<Key>& keys() const { return mKeys; }
+    // What the trail has to tell of one who reads all of them.
+    std::vector<Key> readings() const;
     // "" where none is under way; else how many rows of earlier versions it finds.
     const std::string& upgrade() const { return mUpgrade; }
     bool isSealingKeyKnown() const { return !mSealingKey.empty(); }
     // All that is under way was done.
     void settleAll();
-    // What is under way was done where it is found, and will not be where it is not.
+    bool isReadingUnderWay() const;
+    // It was done where the trail tells of it, and will not be where it does not.
+    void settleReading(const TrailRead& trail);
+    // The same of all else by what is found.
     void settle(const Values& found, const Files& files);
 
     void checkFiles(const Files& files) const;
-    void checkValues(const Values& found) const;   // of all keys
-    void checkStored(const Values& stored) const;  // all that a data folder lists
-    void checkTrail(const TrailRead& trail, const Values& found) const;
+    void checkValues(const Values& found) const;                         // of all keys
+    void checkStored(const Values& stored) const;                        // all that a data folder lists
+    void checkTrail(const TrailRead& trail, const Values& found) const;  // behind a reading of all keys
     void checkRing(const RingRead& ring) const;
     // That a restore put what is stored now in the place of what `old` holds, or was about to.
     void checkReplaced(const std::string& old, const Values& inOld, const Values& inStored) const;
@@ -82,8 +93,8 @@ private:
     };
 
     struct Restore {
-        Values before;                     // what is stored
-        std::vector<std::string> changes;  // of the trail that it brings along
+        Values before;          // what is stored
+        std::vector<Key> told;  // by the trail that it brings along
     };
 
     void begin(const std::vector<std::string>& field);
@@ -93,7 +104,7 @@ private:
     Values stored(bool isAllDone) const;
     void checkCleanEnd(const Files& files) const;
     bool isTold(const UnderWay& change) const;
-    bool isTrailOf(const std::vector<std::string>& changes, const TrailRead& trail) const;
+    bool isTrailOf(const std::vector<Key>& told, const TrailRead& trail) const;
     bool areDone(std::size_t first, const Values& found) const;
     void checkSet(const std::string& set, const Values& found) const;
 
@@ -101,13 +112,14 @@ private:
     Values mSettled;
     std::vector<UnderWay> mUnderWay;
     std::map<std::string, std::set<Content>> mFiles;
-    std::vector<std::string> mChanges;  // acknowledged, as the trail tells of them
-    bool mIsTrailDropped = false;       // in part, its oldest files
+    std::set<std::string> mAccounted;       // keys
+    std::vector<Key> mTold;                 // by the trail, of what was acknowledged
+    std::optional<std::size_t> mTrailKept;  // so many bytes of it at least, where its oldest files are dropped
     std::string mUpgrade;
-    std::map<std::string, std::vector<std::string>> mChangesBefore;  // a file was written
-    std::optional<Restore> mRestore;                                 // under way
-    std::map<std::string, Values> mReplaced;                         // by restores, and by what folder has it
-    std::string mSealingKey;                                         // "": not known
+    std::map<std::string, std::vector<Key>> mToldBefore;  // a file was written
+    std::optional<Restore> mRestore;                      // under way
+    std::map<std::string, Values> mReplaced;              // by restores, and by what folder has it
+    std::string mSealingKey;                              // "": not known
     bool mIsResealed = false;
     bool mIsServed = false;                   // since the last clean end, if any
     std::map<std::string, Files> mCleanEnds;  // by the text of the mark

@@ -9,7 +9,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <set>
+#include <map>
 #include <sstream>
 #include <utility>
 
@@ -32,15 +32,19 @@ void makeFolder(const std::string& path) {
 }
 
 TrailRead readTrail(const std::string& text) {
-    static const std::set<std::string> kChanges{"SET_SECURE", "DEL_SECURE", "SET_POLICY", "SET_POLICYLIST",
-                                                "DELETE_POLICY"};
+    static const std::map<std::string, std::string> kKinds{{"GET_SECURE", "read"},       {"SET_SECURE", "secure"},
+                                                           {"DEL_SECURE", "secure"},     {"SET_POLICY", "policy"},
+                                                           {"SET_POLICYLIST", "policy"}, {"DELETE_POLICY", "policy"}};
     TrailRead trail;
     std::istringstream lines(text);
     bool isFirst = true;
     for (std::string line; std::getline(lines, line); isFirst = false) {
         const Json entry = Json::parse(line);
         if (isFirst) trail.isWhole = entry.at("seq") == 1;
-        if (kChanges.count(entry.at("what")) != 0) trail.keys.push_back(entry.at("key"));
+        const auto kind = kKinds.find(entry.at("what"));
+        if (kind == kKinds.end()) continue;
+        trail.told.emplace_back(kind->second, entry.at("key"));
+        trail.bytes += line.size() + 1;
     }
     return trail;
 }
@@ -74,14 +78,19 @@ void Worker::put(const Files& files) const {
     }
 }
 
-void Worker::check(Model model, const Files& files, Look look) {
-    const bool isWhole = look == Look::Whole;
+void Worker::check(const Model& model, const Files& files, Look look) {
     model.checkFiles(files);
-    const bool isSound = isWhole && isFoundSound(files);
-    if (isWhole && !model.upgrade().empty()) {
-        upgradeAgain(model);
-        model.settleAll();
-    }
+    const bool isSound = look == Look::Whole && isFoundSound(files);
+    if (look == Look::Short || model.upgrade().empty()) return checkStart(model, files, look, isSound);
+    upgradeAgain(model);
+    Model upgraded = model;
+    upgraded.settleAll();
+    checkStart(upgraded, files, look, isSound);
+}
+
+// isSound: a look before found nothing.
+void Worker::checkStart(const Model& model, const Files& files, Look look, bool isSound) {
+    const bool isWhole = look == Look::Whole;
     start();
     try {
         const Values found = ask(model);
@@ -110,7 +119,7 @@ std::vector<Entry> Worker::record(Model& model, const Files& files, bool isKille
     mark("ack\tstart");
     const std::string torn = "data/trail.torn";  // what the start kept aside is there from now on
     if (fs::exists(disk() + "/" + torn)) mark("ack\tfile\t" + torn);
-    if (!isUpgrade) model.settle(ask(model), files);
+    if (!isUpgrade) settle(model, files);
     for (int i = 0; i < kSets; ++i) {
         const std::string key = "after.cut." + std::to_string(i);
         mark("begin\tsecure\t" + key + "\tvalue");
@@ -128,6 +137,16 @@ std::vector<Entry> Worker::record(Model& model, const Files& files, bool isKille
     std::vector<Entry> log = readLog(recording());
     checkRecording(log, disk());
     return log;
+}
+
+// By what a service, which is recorded, has.
+void Worker::settle(Model& model, const Files& files) {
+    if (model.isReadingUnderWay()) model.settleReading(trail());
+    const std::vector<Key> readings = model.readings();
+    for (const Key& reading : readings) mark("begin\tread\t" + reading.second);
+    const Values found = ask(model);
+    for (const Key& reading : readings) mark("ack\tread\t" + reading.second);
+    model.settle(found, files);
 }
 
 void Worker::noteExisting(const std::string& path, const std::string& content) const {
@@ -223,6 +242,10 @@ void Worker::upgradeAgain(const Model& model, const Words& variables) const {
     if (found != model.upgrade()) throw Failed("an earlier version's tables have " + found + " rows");
 }
 
+TrailRead Worker::trail() const {
+    return readTrail(ran({"log", "--reverse", "--json", "--data-dir", disk() + "/data"}));
+}
+
 Values Worker::storedIn(const std::string& folder) const {
     const Json listing = Json::parse(ran({"list", "--data-dir", folder, "--show", "--json"}));
     Values stored;
@@ -237,7 +260,7 @@ void Worker::lookAt(const Model& model, const Files& files, const Values& found)
     (void)ran({"check", data});
     const Values stored = storedIn(data);
     model.checkStored(stored);
-    model.checkTrail(readTrail(ran({"log", "--reverse", "--json", "--data-dir", data})), found);
+    model.checkTrail(trail(), found);
     if (model.isSealingKeyKnown()) model.checkRing(readRing(ran({"key", "list", "--json", "--data-dir", data})));
     for (const std::string& old : replacedFolders(files))
         model.checkReplaced(old, storedIn(disk() + "/" + old), stored);

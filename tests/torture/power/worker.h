@@ -29,7 +29,7 @@ public:
     void put(const Files& files) const;
 
     // Of the files that were put.
-    void check(Model model, const Files& files, Look look);
+    void check(const Model& model, const Files& files, Look look);
 
     // Starts the service on the files once more, has it store some values and end, and returns what was done to them.
     // The model, of the begin, is told what the start makes of what was under way.
@@ -45,17 +45,20 @@ private:
     };
     using Words = std::vector<std::string>;
 
+    void settle(Model& model, const Files& files);
     void noteExisting(const std::string& path, const std::string& content) const;
     void mark(const std::string& text) const;
     void start(const Words& variables = {});
     SDBusProxyInterface& proxy();
     Values ask(const Model& model);
     void set(const std::string& key, const std::string& value);
+    void checkStart(const Model& model, const Files& files, Look look, bool isSound);
     Ran run(Words words, const Words& variables = {}) const;
     std::string ran(const Words& words, const Words& variables = {}) const;
     bool isFoundSound(const Files& files) const;
     void checkNoDamageIsTold() const;
     void upgradeAgain(const Model& model, const Words& variables = {}) const;
+    TrailRead trail() const;
     Values storedIn(const std::string& folder) const;
     void lookAt(const Model& model, const Files& files, const Values& found) const;
 
