@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <future>
 #include <iostream>
+#include <new>
 #include <optional>
 #include <string>
 #include <vector>
@@ -247,13 +248,27 @@ void tellKeyUse(const std::string& dataDir) {
 
 // Waits for a wrapped ring to be opened, and tells what came of it. Returns a line for a person where it can't be used
 // at all, or "".
-std::string awaitRing() {
+std::string awaitRingOnce() {
     using State = sd::SDSecurity::KeyRingState;
     const std::string& dataDir = sd::SDConfig::getDataPathUtf8();
     const auto ring = sd::SDSecurity::GetInstance()->CheckKeyRing();
     if (ring.state == State::Broken) return "the key ring can't be used: " + ring.detail;
     if (const auto locked = apps::lockedRing(dataDir, ring)) tell(locked->what + ": " + locked->next);
     if (ring.state == State::Usable) tellKeyUse(dataDir);
+    return "";
+}
+
+// The same where memory runs out meanwhile. A service that serves doesn't end for that: whatever needs the ring opens
+// it.
+std::string awaitRing() {
+    constexpr int kTries = 3;
+    for (int i = 0; i < kTries; ++i) {
+        try {
+            return awaitRingOnce();
+        } catch (const std::bad_alloc&) {
+            std::fputs("sdconfigd: memory is short: it can't be told whether the key ring is open\n", stderr);
+        }
+    }
     return "";
 }
 
@@ -284,10 +299,18 @@ std::string prepare(const Options& options, HeldFolder& folder) {
     return upgrade(dataDir, !options.noAudit);
 }
 
-// Whether the service answers its own client: where its thread hangs it does not.
-bool answers(int timeoutMs) {
-    const auto proxy = SDBusSerivceManager::initSync(-1)->getServiceProxyInterface(kName, SDBusSameUser, 1);
-    return apps::smallestCall(*proxy, timeoutMs)->type() == sd::protocol::kMethodReply;
+// Whether the service answers its own client: where its thread hangs it does not. Nothing where memory is short.
+std::optional<bool> answers(std::chrono::milliseconds limit) {
+    try {
+        const auto proxy = SDBusSerivceManager::initSync(-1)->getServiceProxyInterface(kName, SDBusSameUser, 1);
+        return apps::smallestCall(*proxy, static_cast<int>(limit.count()))->type() == sd::protocol::kMethodReply;
+    } catch (const std::bad_alloc&) {
+        return std::nullopt;
+    }
+}
+
+timespec timespecOf(std::chrono::milliseconds time) {
+    return {time.count() / 1000, time.count() % 1000 * 1000000};
 }
 
 // Waits for a signal to end. A manager that restarts a service which gives no sign of life gets one twice in the time
@@ -301,9 +324,12 @@ void waitForEnd(const sigset_t& endSignals) {
         return;
     }
     const milliseconds period(allowed / 2000);
-    const timespec wait{duration_cast<seconds>(period).count(), nanoseconds(period % seconds(1)).count()};
-    while (sigtimedwait(&endSignals, nullptr, &wait) < 0)
-        if (errno == EAGAIN && answers(static_cast<int>(period.count()))) sd_notify(0, "WATCHDOG=1");
+    for (timespec wait = timespecOf(period); sigtimedwait(&endSignals, nullptr, &wait) < 0;) {
+        if (errno != EAGAIN) continue;
+        const std::optional<bool> isAnswered = answers(period);
+        if (isAnswered.value_or(false)) sd_notify(0, "WATCHDOG=1");
+        wait = timespecOf(isAnswered ? period : period / 16);  // a lack of memory passes before the sign is missed
+    }
 }
 
 // Serves until SIGTERM, SIGINT or SIGHUP, which every thread has blocked.
