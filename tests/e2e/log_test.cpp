@@ -163,6 +163,9 @@ TEST_F(LogTest, ABackupCarriesItAndARestoreGoesOn) {
     EXPECT_EQ(json::parse(ended.substr(0, ended.find('\n')))["source"], "end") << "as the service leaves it";
     EXPECT_EQ(log({"verify"}).exitCode, 0) << log({"verify"}).out;
     EXPECT_EQ(cli({"check", path("data")}).exitCode, 0) << cli({"check", path("data")}).out;
+    std::filesystem::permissions(path("data/trail.jsonl"), std::filesystem::perms(0644));
+    EXPECT_THAT(cli({"check", path("data")}).out, HasSubstr("trail.jsonl"));
+    std::filesystem::permissions(path("data/trail.jsonl"), std::filesystem::perms(0600));
 
     // A backup may be anybody's.
     std::string forged = readFile(path("file"));
