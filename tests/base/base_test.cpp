@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <optional>
 
+#include "base/escaped.h"
 #include "base/standard_folders.h"
 #include "base/text.h"
 #include "base/whole_path.h"
@@ -80,6 +81,17 @@ TEST(TextTest, TheLocalesEncodingAsIconvHasIt) {
     EXPECT_EQ(localToUtf8("\xED\xA0\x80z"), thrice + "z");                   // half of a pair
     EXPECT_EQ(localToUtf8("\xF4\x90\x80\x80"), thrice + kReplacement);       // beyond Unicode
     EXPECT_EQ(localToUtf8("\xC0\xAF\xE6\x97\xA5"), twice + "\xE6\x97\xA5");  // longer than need be
+}
+
+TEST(EscapedTest, ShowsCharactersAndTheBytesOfWhatIsNone) {
+    const std::string kept = "a \xc3\xa4 \xe2\x82\xac \xf0\x9f\x98\x80 \xf4\x8f\xbf\xbf";
+    EXPECT_EQ(escaped(kept), kept);
+    // Overlong ones, a surrogate, one beyond Unicode, and what is cut off.
+    for (const char* text : {"\xc0\xaf", "\xc1\xbf", "\xe0\x9f\xbf", "\xf0\x8f\xbf\xbf", "\xed\xa0\x80",
+                             "\xf4\x90\x80\x80", "\xe2\x82", "\x80", "\xff"}) {
+        EXPECT_EQ(escaped(text).find_first_not_of("\\x0123456789abcdef"), std::string::npos) << escaped(text);
+        EXPECT_FALSE(isUtf8(text)) << escaped(text);
+    }
 }
 
 TEST(WholePathTest, IsWhatTheLibraryMakesOfIt) {

@@ -255,15 +255,16 @@ TEST_F(DaemonTest, KeepsAsManyFilesOfTheTrailAsItIsTold) {
                       HasSubstr("--audit-keep N:INT in [1 - 1000]=4\n")));  // and the manual page
     const Process service = startService({"--audit-size", "1", "--audit-keep", "1"});
     const std::string key(60000, 'k');
-    for (int i = 0; i < 40; ++i) ASSERT_EQ(cli({"secure", "set", key + std::to_string(i), "1"}).exitCode, 0);
     const auto files = [this] {
         std::vector<std::string> names;
         for (const auto& file : std::filesystem::directory_iterator(path("data")))
             if (const std::string name = file.path().filename(); name.rfind("trail-", 0) == 0) names.push_back(name);
         return names;
     };
-    EXPECT_TRUE(waitUntil([&] { return files().size() == 1 && files()[0] > "trail-000000000002"; }))
-        << testing::PrintToString(files());
+    const auto isTheSecond = [&] { return files().size() == 1 && files()[0] > "trail-000000000002"; };
+    for (int i = 0; i < 200 && !isTheSecond(); ++i)  // files go on in the background
+        ASSERT_EQ(cli({"secure", "set", key + std::to_string(i), "1"}).exitCode, 0);
+    EXPECT_TRUE(waitUntil(isTheSecond)) << testing::PrintToString(files());
 }
 
 TEST_F(DaemonTest, KeepsNoTrailWhereItIsToldSo) {

@@ -160,6 +160,12 @@ TEST_F(MachinePoliciesTest, TheyAreToldWithFileAndLine) {
               "One 1 " + mService->data / "high/20.json" + " why");
     EXPECT_EQ(found->getInt32(5), 2);
 
+    const Message tooMany = mService->proxy->makeMethodCallMessage("POLICIES_GOVERNING");
+    tooMany->appendInt32(1001);
+    EXPECT_NE(mService->proxy->callWithReplyBlocking(tooMany, 300)->type(), protocol::kMethodReply);
+    (void)call("GET_CONST", "fence");
+    EXPECT_EQ(mLog.count("POLICIES_GOVERNING refused: its URIs are too many", 7), 1);
+
     const Message list = call("POLICIES_LIST", "one");
     EXPECT_EQ(list->signature(), "bissysisssysis") << "weak and the fence";
     EXPECT_EQ(list->getString(2), "weak");

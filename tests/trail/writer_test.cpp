@@ -178,6 +178,12 @@ TEST_F(WriterTest, WhatAPowerCutTookFromTheFileComesFromTheSlots) {
         EXPECT_EQ(found, story);
         EXPECT_EQ(problem(), "");
     }
+    {
+        const Slots own = std::exchange(mSlots, Slots{"no line"});
+        Writer writer(options());
+        EXPECT_THAT(open(writer).damages, ElementsAre(HasSubstr("1 lines in the databases are none of the trail")));
+        mSlots = own;
+    }
     // What is zero before the last start, or while a process has the file, no power cut took: it stays, for verifying.
     {
         Writer writer(options());
