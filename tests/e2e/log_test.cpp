@@ -91,6 +91,7 @@ TEST_F(LogTest, ShowsAtATerminalThroughAPager) {
 
 TEST_F(LogTest, WhoFollowsHearsOfDamageAmongWhatIsShown) {
     std::vector<Entry> entries;
+    entries.reserve(20);
     for (int i = 0; i < 20; ++i) entries.push_back(entry("SET_SECURE", "key " + std::to_string(i) + ".", "/bin/a"));
     append(entries);
     std::string lines = readFile(path("data/trail.jsonl"));
