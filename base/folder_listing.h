@@ -14,8 +14,8 @@ namespace sd {
 
 class FolderListing {
 public:
-    // It is opened anew, as a descriptor has one place in its list of names. Where that fails the object is false, with
-    // errno.
+    // It is opened anew, as a descriptor has one place in its list of names. Where that fails the object is false, has
+    // no name, and leaves errno to tell why.
     explicit FolderListing(int folder) : FolderListing(folder, ".") {}
     explicit FolderListing(const std::string& path) : FolderListing(AT_FDCWD, path.c_str()) {}
 
@@ -24,6 +24,7 @@ public:
     // The next name, "." and ".." among them, valid until the next call. Null where no more can be read; errno is 0 at
     // the end.
     const char* next() {
+        if (!mList) return nullptr;
         errno = 0;
         const dirent* const entry = ::readdir(mList.get());  // NOLINT(concurrency-mt-unsafe): a list of our own
         return entry ? entry->d_name : nullptr;

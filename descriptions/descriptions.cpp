@@ -31,7 +31,7 @@ bool isPlainKey(std::string_view name) {
 // The names of the files in an open folder. Returns 0, or why not all could be read.
 int listFiles(const UniqueFd& folder, std::vector<std::string>& names) {
     FolderListing listing(folder.get());
-    while (const char* const name = listing ? listing.next() : nullptr)
+    while (const char* const name = listing.next())
         if (isDescriptionFileName(name)) names.emplace_back(name);
     return errno;
 }

@@ -96,7 +96,7 @@ struct PolicyFolders::Reading {
 // Of the policy files in a folder. 0, or why not all could be read.
 int PolicyFolders::Reading::takeNames(int folder) {
     FolderListing listing(folder);
-    while (const char* const name = listing ? listing.next() : nullptr) {
+    while (const char* const name = listing.next()) {
         if (!isPolicyFileName(name)) continue;
         names.insert(name);
         if (names.size() <= kPolicyFilesMax) continue;

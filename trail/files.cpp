@@ -70,7 +70,6 @@ UniqueFd openFolder(const std::string& path) {
 
 std::vector<RotatedFile> listRotated(int folder) {
     FolderListing list(folder);
-    if (!list) return {};
     std::map<std::uint64_t, RotatedFile> found;
     while (const char* const name = list.next()) {
         std::optional<RotatedFile> file = rotatedOf(name);
