@@ -134,8 +134,7 @@ LockedFolder::~LockedFolder() {
 
 bool LockedFolder::writeAside(const std::string& name, const SecretBytes& bytes, std::string& reason) const {
     const std::string aside = sibling(name);
-    // What a process that died has left. No other is at it: it would hold the lock.
-    (void)::unlinkat(mFolder.get(), aside.c_str(), 0);
+    removeLeftover(name);  // of a process that died; no other is at it, as it would hold the lock
     const UniqueFd file(
         ::openat(mFolder.get(), aside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (file && ::fchmod(file.get(), 0600) == 0 && writeAll(file.get(), bytes) && ::fsync(file.get()) == 0) return true;

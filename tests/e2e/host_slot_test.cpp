@@ -218,7 +218,9 @@ TEST(UserCredentialTest, SystemdIsAskedWhereItSealsForUsers) {
         test::writeFile(sealers.systemdCreds, "#!/bin/sh\nPATH=/usr/bin:/bin\n" + script + "\n");
         ::chmod(sealers.systemdCreds.c_str(), 0755);
     };
-    standIn(R"([ "$1 $3 $4 $5" = "--user --name=sdconfig-slot-key - -" ] || exit 1
+    const sd::UniqueFd inherited(::fcntl(STDERR_FILENO, F_DUPFD, 50));  // programs have nothing of it
+    standIn("[ -e /proc/$$/fd/" + std::to_string(inherited.get()) + R"( ] && exit 1
+               [ "$1 $3 $4 $5" = "--user --name=sdconfig-slot-key - -" ] || exit 1
                exec 2>&-; sleep 0.1  # one output ends long before the other
                case $2 in encrypt) base64 -w 20 ;; decrypt) base64 -d ;; esac)");
     expectAnswer(sealByHost(kKey, sealers), Outcome::NotNow, "nobody seals");  // an earlier systemd

@@ -1,7 +1,9 @@
 // Data of an earlier version: carried over by the command line or by the service's start, and refused whole where not.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <sys/file.h>
 #include <sys/mount.h>
 
 #include <algorithm>
@@ -9,6 +11,7 @@
 #include <map>
 #include <nlohmann/json.hpp>
 
+#include "base/unique_fd.h"
 #include "tests/e2e/sandbox.h"
 #include "tests/support/legacy_database.h"
 
@@ -232,6 +235,11 @@ TEST_F(UpgradeTest, KeepsOffADatabaseThatIsInUse) {
             std::filesystem::remove(path("data/sdconfigd.lock"));  // the folder itself is held, too
         }
         EXPECT_EQ(cli({"status"}).exitCode, 0);
+    }
+    {
+        const sd::UniqueFd held(::open(path("data").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        ASSERT_EQ(::flock(held.get(), LOCK_EX | LOCK_NB), 0);
+        expectRefusal(upgrade({"--force"}), "; find it with: fuser -v ");
     }
     // Some other program with an idle connection, which takes no part in the service's lock.
     const std::string wait = "{ echo 'SELECT 1 FROM config;'; echo '.shell echo idle >&2'; echo '.shell while [ ! -e " +

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "apps/sdconfigd/constants_file.h"
+#include "base/unique_fd.h"
 #include "platform/sdsecurity/sdsecurity.h"
 #include "tests/support/damage.h"
 #include "tests/support/scarce_memory.h"
@@ -75,6 +76,21 @@ const std::string kCode = "0123-4567-89AB-CDEF-GHJK-MNPQ-RSJR";
 const std::string kPassphrase = "correct horse";
 const std::string kEnvelope = "v13EvHVH4144egoaKjpKWmp6ipqquWeQ9eRbxtzQbFBlq8RzUfLd7gs9zoWM9O";
 const std::string kPlain("pass\0word", 9);
+
+// A file that can be read when its name is gone.
+class OpenFile {
+public:
+    explicit OpenFile(const std::string& path) : mFile(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
+    bool isOverwritten() const {
+        std::string bytes(kPlainRing.size(), 'x');
+        const auto size = ::pread(mFile.get(), bytes.data(), bytes.size(), 0);
+        return size > 0 &&
+               bytes.substr(0, static_cast<std::size_t>(size)) == std::string(static_cast<std::size_t>(size), '\0');
+    }
+
+private:
+    sd::UniqueFd mFile;
+};
 
 class SlotsTest : public testing::Test {
 protected:
@@ -256,13 +272,10 @@ TEST_F(SlotsTest, WrapsAPlainRingAndKeepsItWrapped) {
     EXPECT_EQ(security.Unlock("").outcome, Outcome::NotWrapped);
     EXPECT_EQ(readFile(ring), kPlainRing);
 
-    const int plain = ::open(ring.c_str(), O_RDONLY | O_CLOEXEC);
+    const OpenFile plain(ring);
     const auto result = security.Protect(Kind::Passphrase, {code, passphrase});
     EXPECT_TRUE(result.outcome == Outcome::Done && result.reason.empty()) << result.reason;
-    std::string left(kPlainRing.size(), 'x');
-    EXPECT_EQ(::pread(plain, left.data(), left.size(), 0), left.size());
-    EXPECT_EQ(left, std::string(left.size(), '\0')) << "the plain bytes are overwritten";
-    ::close(plain);
+    EXPECT_TRUE(plain.isOverwritten());
     const std::string wrapped = readFile(ring);
     EXPECT_EQ(wrapped.find("sdsecurity-wrapped-keys 1\nslot recovery "), 0U);
     EXPECT_EQ(wrapped.find("2021222324"), std::string::npos);
@@ -474,20 +487,22 @@ TEST_F(SlotsTest, IsPlainOrWrappedWhereverItWasKilled) {
         EXPECT_FALSE(std::filesystem::exists(ring + ".new"));
     }
     EXPECT_EQ(wrapped, 3);
-    if (const pid_t child = ::fork(); child == 0) {
-        syncsToLive = 0;
-        security.UnprotectAll();
-        ::_exit(1);
-    } else {
-        EXPECT_EQ(::waitpid(child, nullptr, 0), child);
+    for (const bool isRead : {true, false}) {
+        if (const pid_t child = ::fork(); child == 0) {
+            syncsToLive = 0;
+            security.UnprotectAll();
+            ::_exit(1);
+        } else {
+            EXPECT_EQ(::waitpid(child, nullptr, 0), child);
+        }
+        const OpenFile plain(ring + ".new");
+        beginAnew();
+        EXPECT_EQ(security.OpenKeyRingAhead().state, State::Locked);
+        EXPECT_TRUE(std::filesystem::exists(ring + ".new")) << "as long as nobody has seen that the other one opens";
+        EXPECT_EQ(unlock("words"), Outcome::Done);
+        EXPECT_TRUE(isRead ? security.OpenKeyRingAhead().state == State::Usable : security.RotateKey());
+        EXPECT_TRUE(!std::filesystem::exists(ring + ".new") && plain.isOverwritten());
     }
-    EXPECT_TRUE(std::filesystem::exists(ring + ".new")) << "a plain one";
-    beginAnew();
-    EXPECT_EQ(security.OpenKeyRingAhead().state, State::Locked);
-    EXPECT_TRUE(std::filesystem::exists(ring + ".new")) << "as long as nobody has seen that the other one opens";
-    EXPECT_EQ(unlock("words"), Outcome::Done);
-    EXPECT_EQ(security.OpenKeyRingAhead().state, State::Usable);
-    EXPECT_FALSE(std::filesystem::exists(ring + ".new"));
 }
 
 TEST_F(SlotsTest, ANewCodeOrPassphraseMakesAllAnew) {
