@@ -1,9 +1,7 @@
 // The command line against the real service: what it prints, where, and with which exit code.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <pwd.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -171,12 +169,7 @@ TEST_F(CliTest, AnswersOfAnotherVersionAreNoAnswers) {
     EXPECT_THAT(cli({"status"}).out, AllOf(StartsWith("running\n"), Not(HasSubstr("key ring: "))));
     bus.unregisterServiceInterface("sdconfig");
 
-    const int mute = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    socketPath().copy(address.sun_path, sizeof address.sun_path - 1);
-    ASSERT_EQ(::bind(mute, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    ASSERT_EQ(::listen(mute, 64), 0);
+    const int mute = listenAt(socketPath());
     std::thread hangUp([mute] {
         for (int peer = 0; (peer = ::accept(mute, nullptr, nullptr)) >= 0;) ::close(peer);
     });
@@ -210,8 +203,7 @@ TEST_F(CliTest, HandsOverToTheProgramOfItsOwnInstallation) {
     variables["PATH"] = path("elsewhere") + ":" + std::getenv("PATH");
     const auto program = [&](const std::string& place, const std::string& script) {
         std::filesystem::create_directories(std::filesystem::path(place).parent_path());
-        writeFile(place, "#!/bin/sh\n" + script + "\n");
-        std::filesystem::permissions(place, std::filesystem::perms::owner_all);
+        writeScript(place, script);
     };
     program(path("elsewhere/sdconfig-data"), "echo of the path");
     expectError(run({first, "list", "a.*"}, variables), kRefused,
@@ -284,8 +276,7 @@ TEST_F(CliTest, TellsWhatIsWrongAndWhatToType) {
     expectDoctor(1, "was moved to " + path("away") + " or replaced beneath the running service");
     fs::remove_all(path("away"));
     expectError(cli({"list"}), kRefused, "removed beneath the running service");
-    service.kill(SIGKILL);
-    service.wait();
+    service.stop(SIGKILL);
     expectDoctor(1, "problem: service: it is not running; next: start it with: systemctl --user start sdconfigd");
     fs::rename(path("data"), path("home/sdconfig"));
     fs::permissions(path("home/sdconfig/sdsecurity.keys"), fs::perms::all);

@@ -1,16 +1,13 @@
 // The service as a process: its start and its end, restarts beneath a living client, and what it refuses to serve.
+#include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <pwd.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <functional>
@@ -26,19 +23,11 @@ using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-int socketAt(const std::string& path, int kind) {
-    sockaddr_un address{AF_UNIX, {}};
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    const int made = ::socket(AF_UNIX, kind, 0);
-    EXPECT_EQ(::bind(made, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    return made;
-}
-
 // What the service tells the manager that started it.
 class Manager {
 public:
     explicit Manager(const std::string& path)
-        : mEnv("NOTIFY_SOCKET", path.c_str()), mSocket(socketAt(path, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK)) {}
+        : mEnv("NOTIFY_SOCKET", path.c_str()), mSocket(socketAt(path, SOCK_DGRAM | SOCK_NONBLOCK)) {}
     ~Manager() { ::close(mSocket); }
     Manager(const Manager&) = delete;
     Manager& operator=(const Manager&) = delete;
@@ -60,23 +49,9 @@ protected:
     void expectRefusal(const std::string& told, const std::vector<std::string>& options = {}, int exitCode = 1) {
         std::vector<std::string> arguments{SDCONFIGD, "--log-level", "8", "--data-dir", path("data")};
         arguments.insert(arguments.end(), options.begin(), options.end());
-        const Result result = run(arguments, environment());
-        EXPECT_EQ(result.exitCode, exitCode);
-        EXPECT_THAT(result.err, HasSubstr(told));
-        EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+        Sandbox::expectRefusal(run(arguments, environment()), told, exitCode);
         EXPECT_FALSE(std::filesystem::exists(socketPath()));
     }
-
-    // Holds the write lock until release().
-    Process lockDatabase() const {
-        const std::string script = "( echo 'BEGIN IMMEDIATE;'; echo '.shell touch " + path("locked") +
-                                   "'; echo '.shell while [ ! -e " + path("ended") +
-                                   " ]; do sleep 0.05; done'; echo 'COMMIT;' ) | sqlite3 " + path("data/sdconfig.db");
-        Process holder = Process::start({"sh", "-c", script});
-        EXPECT_TRUE(waitUntil([this] { return std::filesystem::exists(path("locked")); }));
-        return holder;
-    }
-    void release() const { writeFile(path("ended"), ""); }
 
     static std::vector<std::string> trailOf(const std::string& folder);
     void serveUntil(int signal, const std::function<void()>& act, const std::vector<std::string>& options = {}) const;
@@ -101,8 +76,7 @@ TEST_F(DaemonTest, StartsPrivatelyTellsItsManagerAndEndsCleanly) {
     for (const char* file :
          {"data/deeper/sdconfig.db", "data/deeper/dmhelper.db", "data/deeper/sdsecurity.keys", "run/sdbus/sdconfig"})
         EXPECT_EQ(mode(file), 0600u) << file;
-    service.kill(SIGTERM);
-    EXPECT_EQ(service.wait(), 0);
+    EXPECT_EQ(service.stop(), 0);
     EXPECT_EQ(manager.told(), "STOPPING=1");
     EXPECT_TRUE(std::filesystem::is_empty(path("run/sdbus")));
 }
@@ -120,7 +94,7 @@ TEST_F(DaemonTest, GivesASignOfLifeWhileItAnswers) {
     const auto isAlive = [&manager] { return manager.told() == "WATCHDOG=1"; };
     const Process service = startService();
     EXPECT_TRUE(waitUntil(isAlive) && waitUntil(isAlive));
-    Process holder = lockDatabase();
+    Process holder = hold(path("data/sdconfig.db"), "BEGIN IMMEDIATE");
     Process setter = Process::start(cliCommand({"secure", "set", "k", "v"}), environment());
     EXPECT_TRUE(waitUntil([&] { return !waitUntil(isAlive, 500); })) << "it tells so though it is held up";
     release();
@@ -130,10 +104,8 @@ TEST_F(DaemonTest, GivesASignOfLifeWhileItAnswers) {
 }
 
 TEST_F(DaemonTest, StartsBehindASocketThatItsManagerHolds) {
-    std::filesystem::create_directory(path("run/sdbus"));
-    std::filesystem::permissions(path("run/sdbus"), std::filesystem::perms::owner_all);
-    const int listener = socketAt(socketPath(), SOCK_STREAM);
-    ASSERT_EQ(::listen(listener, 8), 0);
+    const int listener = listenAt(socketPath());
+    ::fcntl(listener, F_SETFD, 0);  // so that it is handed over
     Process list = Process::start(cliCommand({"list"}), environment());
     pollfd called{listener, POLLIN, 0};
     ASSERT_EQ(::poll(&called, 1, kProcessLimitMs), 1) << list.err();
@@ -168,14 +140,6 @@ TEST_F(DaemonTest, RefusesWhatItCannotServe) {
         const ScopedEnv withoutOpenSsl("LD_LIBRARY_PATH", path("").c_str());
         expectRefusal("nothing can be sealed or opened: " + path(OPENSSL_SONAME) + ": file too short");
     }
-    expectRefusal(path("constants") + " is not a folder", {"--data-dir", path("constants")});
-    writeFile(path("constants"), "# names\nname=value\nnonsense\n");
-    expectRefusal(path("constants") + ":3: expected a line of the form name=value", {"--constants", path("constants")},
-                  2);
-    expectRefusal("missing\\x0a: No such file or directory", {"--constants", path("missing\n")}, 2);
-    const Result wrong = run({SDCONFIGD, "--log-level", "9"}, environment());
-    EXPECT_EQ(wrong.exitCode, 2);
-    EXPECT_THAT(wrong.err, HasSubstr("see sdconfigd --help"));
 }
 
 TEST_F(DaemonTest, TellsOnceThatThereIsNoBuildProp) {
@@ -226,8 +190,7 @@ void DaemonTest::serveUntil(int signal, const std::function<void()>& act,
                             const std::vector<std::string>& options) const {
     Process service = startService(options);
     act();
-    service.kill(signal);
-    service.wait();
+    service.stop(signal);
 }
 
 TEST_F(DaemonTest, AKillTakesNothingFromTheTrail) {
@@ -333,8 +296,7 @@ TEST_F(DaemonTest, RefusesDamageAndLeavesItAsItIs) {
     {
         Process service = startService();
         EXPECT_EQ(cli({"secure", "get", "k"}).out, "2\n");
-        service.kill(SIGTERM);
-        EXPECT_EQ(service.wait(), 0);
+        EXPECT_EQ(service.stop(), 0);
     }
     damaged = readFile(database);
     damaged.replace(damaged.size() - 4096, 4096, 4096, '\0');
@@ -348,15 +310,13 @@ TEST_F(DaemonTest, ChecksTheDatabasesUnlessTheLastServiceEndedCleanlyAndNothingC
         EXPECT_THAT(service.err(), HasSubstr(told));
         EXPECT_FALSE(std::filesystem::exists(mark)) << "it was to go before anything is served";
         EXPECT_EQ(cli({"secure", "get", "k"}).exitCode, 0);
-        service.kill(end);
-        service.wait();
+        service.stop(end);
     };
     {
         Process service = startService({"--log-level", "5"});
         EXPECT_THAT(service.err(), HasSubstr("no service ended cleanly here before"));
         EXPECT_EQ(cli({"secure", "set", "k", "v"}).exitCode, 0);
-        service.kill(SIGTERM);
-        EXPECT_EQ(service.wait(), 0);
+        EXPECT_EQ(service.stop(), 0);
     }
     EXPECT_EQ(mode("data/sdconfigd.clean"), 0600u);
     startSays("the last service ended cleanly");
@@ -380,8 +340,7 @@ TEST_F(DaemonTest, ChecksTheDatabasesUnlessTheLastServiceEndedCleanlyAndNothingC
         EXPECT_THAT(service.err(), HasSubstr("the last service ended cleanly"));
         std::filesystem::copy_file(path("data/sdconfig.db"), path("t"));
         std::filesystem::rename(path("t"), path("data/sdconfig.db"));
-        service.kill(SIGTERM);
-        EXPECT_EQ(service.wait(), 0);
+        EXPECT_EQ(service.stop(), 0);
     }
     EXPECT_FALSE(std::filesystem::exists(mark)) << "nobody looked at what took the database's place";
     std::filesystem::create_directory(mark);
@@ -393,8 +352,7 @@ TEST_F(DaemonTest, ChecksTheDatabasesUnlessTheLastServiceEndedCleanlyAndNothingC
     const std::string damage = "dd if=/dev/zero of='" + database + "' bs=4096 seek=1 count=9 conv=notrunc";
     ASSERT_EQ(run({"sh", "-c", damage}, {}).exitCode, 0);
     EXPECT_NE(cli({"secure", "get", "k"}).exitCode, 0);
-    service.kill(SIGTERM);
-    EXPECT_EQ(service.wait(), 0);
+    EXPECT_EQ(service.stop(), 0);
     expectRefusal("the database " + database + " is damaged (");
 }
 
@@ -441,8 +399,7 @@ TEST_F(DaemonTest, AClientLivesThroughAKillAndARestart) {
         const std::string value = std::to_string(round);
         EXPECT_EQ(config.GetSecure("kept"), round == 0 ? "" : std::to_string(round - 1));
         EXPECT_TRUE(config.SetSecure("kept", value));
-        service.kill(SIGKILL);
-        service.wait();
+        service.stop(SIGKILL);
         EXPECT_EQ(config.GetSecure("kept"), "");
     }
     EXPECT_EQ(query(path("data/sdconfig.db"), "PRAGMA integrity_check"),
@@ -454,7 +411,7 @@ TEST_F(DaemonTest, TheCallInHandIsAnsweredBeforeTheEnd) {
     cli({"secure", "set", "ro.sd.uuid", "old"});
     cli({"get", "any"});  // what the call before logs behind its answer is logged now
     const std::size_t before = service.err().size();
-    const Process holder = lockDatabase();
+    const Process holder = hold(path("data/sdconfig.db"), "BEGIN IMMEDIATE");
     Process secret = Process::start(cliCommand({"secure", "set", "ro.sd.uuid", "v"}), environment());
     ASSERT_TRUE(waitUntil([&] { return service.err().find("value is old", before) != std::string::npos; }))
         << service.err();  // it has read the old value, and waits for the lock next

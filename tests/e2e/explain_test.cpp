@@ -1,10 +1,8 @@
 // The reader of the data folder behind commands that need no service, which leaves no trace.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <csignal>
-#include <map>
 
 #include "tests/e2e/sandbox.h"
 
@@ -15,17 +13,8 @@ using ::testing::HasSubstr;
 
 class ExplainTest : public Sandbox {
 protected:
-    // Every file of a folder with its content.
-    static std::map<std::string, std::string> contents(const std::string& folder) {
-        std::map<std::string, std::string> files;
-        for (const auto& entry : std::filesystem::directory_iterator(folder))
-            files[entry.path().filename()] = readFile(entry.path());
-        return files;
-    }
     void expectListFails(const std::string& folder, const std::string& told) const {
-        const Result result = cli({"list", "--data-dir", folder});
-        EXPECT_EQ(result.exitCode, 3);  // as without a service from every command that needs none
-        EXPECT_THAT(result.err, HasSubstr(told));
+        expectRefusal(cli({"list", "--data-dir", folder}), told, 3);  // as every command that needs no service
     }
 };
 
@@ -33,24 +22,22 @@ TEST_F(ExplainTest, ReadsTheDataInEveryStateAndLeavesNoTrace) {
     const std::string data = path("data");
     const auto expectRead = [&](const char* state, const std::string& folder) {
         SCOPED_TRACE(state);
-        const auto before = contents(folder);
+        const auto before = contentsOf(folder);
         EXPECT_THAT(cli({"explain", "k", "--show", "--data-dir", folder}).out, HasSubstr("\n  value: \"latest\"\n"));
-        EXPECT_EQ(contents(folder), before);
+        EXPECT_EQ(contentsOf(folder), before);
     };
     Process service = startService();
     cli({"secure", "set", "k", "first"});
     cli({"secure", "set", "k", "latest"});
     expectRead("served", data);
-    service.kill(SIGKILL);
-    service.wait();
+    service.stop(SIGKILL);
     expectRead("left by a killed service", data);
     std::filesystem::copy(data, path("copy"));
     for (const char* index : {"copy/sdconfig.db-shm", "copy/dmhelper.db-shm"}) std::filesystem::remove(path(index));
     expectRead("copied without its index", path("copy"));
     Process next = startService();
-    next.kill(SIGTERM);
-    EXPECT_EQ(next.wait(), 0);
-    EXPECT_EQ(contents(data).count("sdconfig.db-wal"), 0u);
+    EXPECT_EQ(next.stop(), 0);
+    EXPECT_FALSE(std::filesystem::exists(data + "/sdconfig.db-wal"));
     expectRead("left by a stopped service", data);
     ASSERT_EQ(::mkfifo((data + "/sdconfig.db-wal").c_str(), 0600), 0);
     expectListFails(data, "sdconfig.db-wal is not a regular file");

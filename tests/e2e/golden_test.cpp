@@ -1,12 +1,9 @@
 // The log of a scripted run, compared with golden.log: those who read logs know each line by its level, tag, file,
 // function and words, and some by their number. ">" marks what the service says, the rest is of this process.
-#include <gtest/gtest.h>
 
-#include <csignal>
 #include <functional>
 #include <optional>
 #include <regex>
-#include <sstream>
 
 #include "libsdconfig/dmconfig.h"
 #include "libsdconfig/sdconfig.h"
@@ -210,20 +207,27 @@ TEST_F(GoldenTest, EveryLineIsWhatItWas) {
          }},
     };
     for (const auto& [what, action] : calls) step(what, action);
-    mService->kill(SIGTERM);
-    mService->wait();
+    mService->stop();
     mService.reset();
     step("the service is gone", [&] {
-        config.GetProperty("k"), config.SetProperty("k", "v"), config.DeleteProperty("k");
-        config.GetAllProperties(&properties);
-        config.SetSecure("k", "v"), config.GetSecure("k"), config.DeleteSecure("k"), config.GetConst("k");
-        config.SignRequest("c"), config.VerifyRequest("c", "s");
-        policies.SetPolicyWithUri("k", {{"v", 9}}), policies.SetPolicyList({{"k", {{"v", 9}}}});
-        policies.GetPolicyWithUri("k"), policies.GetPoliciesWithUris({"k"}, &list);
-        policies.DeletePolicyWithUri("k"), policies.isStrongControl("k");
-        policies.GetAllKeys(&list), policies.ClearAllKeys(), policies.IsAllConfigsAlreadyListened({"k"});
-        policies.RegisterListener("new", &other, true), policies.RegisterListenersWithList({{"new", &other}}, true);
-        policies.RegisterListener("k", &other, true), policies.UnRegisterListener("k", &other, true);
+        EXPECT_EQ(config.GetProperty("k"), "");
+        EXPECT_FALSE(config.SetProperty("k", "v") || config.DeleteProperty("k"));
+        EXPECT_FALSE(config.GetAllProperties(&properties) || config.SetSecure("k", "v"));
+        EXPECT_EQ(config.GetSecure("k"), "");
+        EXPECT_FALSE(config.DeleteSecure("k"));
+        EXPECT_EQ(config.GetConst("k"), "");
+        EXPECT_EQ(config.SignRequest("c"), "");
+        EXPECT_FALSE(config.VerifyRequest("c", "s"));
+        EXPECT_FALSE(policies.SetPolicyWithUri("k", {{"v", 9}}) || policies.SetPolicyList({{"k", {{"v", 9}}}}));
+        EXPECT_TRUE(policies.GetPolicyWithUri("k").empty());
+        EXPECT_FALSE(policies.GetPoliciesWithUris({"k"}, &list));
+        EXPECT_FALSE(policies.DeletePolicyWithUri("k") || policies.isStrongControl("k"));
+        EXPECT_FALSE(policies.GetAllKeys(&list) || policies.ClearAllKeys());
+        EXPECT_FALSE(policies.IsAllConfigsAlreadyListened({"k"}));
+        EXPECT_FALSE(policies.RegisterListener("new", &other, true));
+        EXPECT_FALSE(policies.RegisterListenersWithList({{"new", &other}}, true));
+        EXPECT_TRUE(policies.RegisterListener("k", &other, true)) << "nothing is sent";
+        EXPECT_FALSE(policies.UnRegisterListener("k", &other, true));
     });
 
     // ---- The stores and what they stand on ----
@@ -253,16 +257,21 @@ TEST_F(GoldenTest, EveryLineIsWhatItWas) {
     });
     step("databases that can't be opened", [&] {
         const DeliberateLeak droppedHandles;
-        const sd::SDConfigImpl absentSettings(path("missing/sdconfig.db"));
-        const sd::SDConfigDmHelper absentPolicies(path("missing/dmhelper.db"));
+        sd::SDConfigImpl absentSettings(path("missing/sdconfig.db"));
+        EXPECT_FALSE(absentSettings.SetSecure("k", "v"));
+        EXPECT_EQ(absentSettings.GetSecure_v3("k"), "");
+        sd::SDConfigDmHelper absentPolicies(path("missing/dmhelper.db"));
+        EXPECT_FALSE(absentPolicies.SetPolicyWithUri("k", {{"v", 6}}));
+        EXPECT_TRUE(absentPolicies.ClearAllKeys());
     });
     step("a policy of nothing", [&] { sd::SDConfigDmHelper(path("etc/dmhelper.db")).SetPolicyWithUri("k", {}); });
     step("statements that fail", [&] {
         const DeliberateLeak statementKeptBySecondCommand;
         sd::data::SQLiteDatabase database(path("etc/statements.db"));
         for (const char* sql : {"CREATE TABLE a(x); CREATE TABLE b(x)", "SELECT 1", "nonsense"})
-            database.executeCommand(sql);
-        sd::data::SQLiteStatement(database, "SELECT 1").step();
+            EXPECT_FALSE(database.executeCommand(sql));
+        EXPECT_EQ(query(path("etc/statements.db"), "SELECT name FROM sqlite_master").size(), 0U);
+        EXPECT_EQ(sd::data::SQLiteStatement(database, "SELECT 1").step(), 0) << "it was not prepared";
         const sd::data::TableField misplaced{1, "id", 0, "", "", 0};
         sd::data::SQLiteTable(database, "t").create(&misplaced, 1);
     });

@@ -4,12 +4,9 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
-#include <thread>
 
 #include "base/unique_fd.h"
 #include "platform/sdsecurity/hex.h"
@@ -165,8 +162,7 @@ TEST_F(HostSlotTest, WithoutAWorkingSystemdCredsAReasonIsGiven) {
                   {{"SYSTEMD_CREDENTIAL_SECRET", "a secret"}});
     for (const auto& [script, outcome, reason] : cases) {
         ::unlink(SYSTEMD_CREDS_STAND_IN);
-        if (!script.empty()) test::writeFile(SYSTEMD_CREDS_STAND_IN, "#!/bin/sh\n" + script + "\n");
-        ::chmod(SYSTEMD_CREDS_STAND_IN, 0755);
+        if (!script.empty()) test::writeScript(SYSTEMD_CREDS_STAND_IN, script);
         expectAnswer(sealByHost(kKey, seal.path()), outcome, reason);
     }
     EXPECT_TRUE(
@@ -215,8 +211,7 @@ TEST(UserCredentialTest, SystemdIsAskedWhereItSealsForUsers) {
     sealers.systemSocket = folder / "socket";
     sealers.systemdCreds = folder / "creds";
     const auto standIn = [&](const std::string& script) {
-        test::writeFile(sealers.systemdCreds, "#!/bin/sh\nPATH=/usr/bin:/bin\n" + script + "\n");
-        ::chmod(sealers.systemdCreds.c_str(), 0755);
+        test::writeScript(sealers.systemdCreds, "PATH=/usr/bin:/bin\n" + script);
     };
     const sd::UniqueFd inherited(::fcntl(STDERR_FILENO, F_DUPFD, 50));  // programs have nothing of it
     standIn("[ -e /proc/$$/fd/" + std::to_string(inherited.get()) + R"( ] && exit 1

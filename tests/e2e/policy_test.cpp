@@ -1,6 +1,5 @@
 // Policies on the command line: what is asked at a terminal, and what an export writes to.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <filesystem>

@@ -1,6 +1,5 @@
 // The page of a report where the data is another user's, or the disk is full.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include "tests/e2e/sandbox.h"

@@ -1,10 +1,11 @@
 // A world of its own for a test of real processes: folders, a runtime directory, a service and its clients.
 #pragma once
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <sched.h>
 #include <sys/mount.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -48,6 +49,29 @@ protected:
 
     Result cli(const std::vector<std::string>& arguments, const std::string& input = "") const {
         return run(cliCommand(arguments), environment(), input);
+    }
+
+    // One line that tells why.
+    static void expectRefusal(const Result& result, const std::string& told, int exitCode = 1) {
+        EXPECT_EQ(result.exitCode, exitCode) << told << ": " << result.out;
+        EXPECT_THAT(result.err, testing::HasSubstr(told));
+        EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+    }
+
+    // Another program that runs a command on a database, and keeps its connection and what it locked until release().
+    Process hold(const std::string& database, const std::string& sql) const {
+        const std::string commands = "{ echo '" + sql + ";'; echo '.shell echo held >&2'; ";
+        const std::string wait = "while [ ! -e " + path("released") + " ]; do sleep 0.02; done; }";
+        Process holder = Process::start({"sh", "-c", commands + wait + " | sqlite3 " + database});
+        EXPECT_TRUE(holder.waitForErr("held")) << holder.err();
+        return holder;
+    }
+    void release() const { writeFile(path("released"), ""); }
+
+    // A backup whose sum fits the lines that it has now.
+    static std::string withItsSum(std::string backup) {
+        const std::string lines = backup.substr(0, backup.find("\nsum ") + 1);
+        return backup.replace(lines.size() + 4, 64, run({"sha256sum"}, {}, lines).out.substr(0, 64));
     }
 
     // Compares with a file of the tree. seen: where the text is left, to be copied there where all of it is meant.

@@ -3,7 +3,6 @@
 
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <string>
@@ -14,16 +13,6 @@
 #include "tests/support/support.h"
 
 namespace test {
-
-inline sd::UniqueFd connectedTo(const std::string& path) {
-    sd::UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    const auto* const to = reinterpret_cast<const sockaddr*>(&address);
-    waitUntil([&] { return ::connect(socket.get(), to, sizeof address) == 0; });
-    return socket;
-}
 
 inline std::string readToEnd(int socket) {
     std::string all;
@@ -48,7 +37,7 @@ public:
 
     // What comes back for these bytes, when no more follow.
     std::string answerTo(const std::string& bytes) const {
-        const sd::UniqueFd socket = connectedTo(path());
+        const sd::UniqueFd socket(connectTo(path()));
         (void)::send(socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
         ::shutdown(socket.get(), SHUT_WR);
         return readToEnd(socket.get());

@@ -1,6 +1,5 @@
 // watch: changes as lines, restarts of the service beneath it, and the command that it runs.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -27,10 +26,7 @@ protected:
     static void expectOut(const Process& process, const std::string& out) {
         EXPECT_TRUE(waitUntil([&] { return process.out() == out; })) << process.out() << process.err();
     }
-    static void expectEnds(Process& process, int signal) {
-        process.kill(signal);
-        EXPECT_EQ(process.wait(), 0) << process.err();
-    }
+    static void expectEnds(Process& process, int signal) { EXPECT_EQ(process.stop(signal), 0) << process.err(); }
     // In ticks.
     static long processorTime(const Process& process) {
         const std::string status = readFile("/proc/" + std::to_string(process.pid()) + "/stat");
@@ -105,8 +101,7 @@ TEST_F(WatchTest, OutlivesAKilledServiceAndMissesNothing) {
     Process second = watch({"k"});  // whichever registers first, the other finds the key registered
     cli({"policy", "set", "k", "before", "6"});
     expectOut(first, "k before\n");
-    service.kill(SIGKILL);
-    service.wait();
+    service.stop(SIGKILL);
     EXPECT_TRUE(first.waitForErr("the service is gone"));
     EXPECT_TRUE(second.waitForErr("the service is gone"));
     Process next = startService();
@@ -122,8 +117,7 @@ TEST_F(WatchTest, OutlivesAKilledServiceAndMissesNothing) {
     expectEnds(first, SIGTERM);
     EXPECT_TRUE(waitUntil([this] { return isRegistered("k"); }));  // the second one sees to that
     EXPECT_EQ(second.err().find("been restarted"), second.err().rfind("been restarted")) << "told once";
-    next.kill(SIGTERM);
-    next.wait();
+    next.stop();
     EXPECT_TRUE(waitUntil([&] { return second.err().rfind("is gone") > second.err().find("been restarted"); }));
     const std::string told = second.err();
     const long used = processorTime(second);

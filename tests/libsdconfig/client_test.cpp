@@ -1,11 +1,9 @@
 // The client against a service of the test's own making, which records what it is asked.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
-#include <functional>
 #include <future>
 #include <string>
 #include <thread>
@@ -165,44 +163,6 @@ TEST(LockscreenEntriesTest, AreTakenApartCharacterByCharacter) {
         {R"({"a{}":{}})", {{"a{}", "{}"}}},
     };
     for (const auto& [text, entries] : cases) EXPECT_EQ(lockscreenEntries(text), entries) << text;
-}
-
-TEST_F(ClientTest, IdentityKeysAreReadBackOthersAreNot) {
-    connect();
-    mService.values["ro.sd.uuid"] = "now";
-    EXPECT_TRUE(mConfig->SetSecure("ro.sd.uuid", "sent"));
-    EXPECT_TRUE(mConfig->DeleteSecure("ro.sd.uuid"));
-    EXPECT_EQ(mConfig->GetSecure("ro.sd.uuid"), "now");
-    EXPECT_TRUE(mConfig->SetSecure("ro.sd.uuid2", "sent"));
-    EXPECT_THAT(mService.takeCalls(),
-                ElementsAre("SET_SECURE ro.sd.uuid sent", "GET_SECURE ro.sd.uuid ", "DEL_SECURE ro.sd.uuid ",
-                            "GET_SECURE ro.sd.uuid ", "GET_SECURE ro.sd.uuid ", "SET_SECURE ro.sd.uuid2 sent"));
-    EXPECT_EQ(mLog.count("sdconfig_sdbus SetSecure(", 5), 1);
-    EXPECT_EQ(mLog.count("key is ro.sd.uuid, value is sent, latestVal is now", 5), 1);
-    EXPECT_EQ(mLog.count("key is ro.sd.uuid, latestVal is now", 5), 1);
-    EXPECT_EQ(mLog.count("key is ro.sd.uuid, value is now", 5), 1);
-}
-
-TEST_F(ClientTest, FailuresLookAlikeAndAreLoggedOnce) {
-    connect();
-    mManager->unregisterServiceInterface("sdconfig");
-    const std::pair<const char*, std::function<bool()>> calls[] = {
-        {"GetProperty the key : k failed", [&] { return !mConfig->GetProperty("k").empty(); }},
-        {"SetProperty the key : k failed, value is v", [&] { return mConfig->SetProperty("k", "v"); }},
-        {"DeleteProperty the key : k failed", [&] { return mConfig->DeleteProperty("k"); }},
-        {"setsecure the key : k failed, the value is v", [&] { return mConfig->SetSecure("k", "v"); }},
-        {"GetSecure the key : k failed", [&] { return !mConfig->GetSecure("k").empty(); }},
-        {"DeleteSecure the key : k failed", [&] { return mConfig->DeleteSecure("k"); }},
-        {"GetConst the key : k failed", [&] { return !mConfig->GetConst("k").empty(); }},
-        {"SignRequest the content : c failed", [&] { return !mConfig->SignRequest("c").empty(); }},
-        {"VerifyRequest the content : c failed, the sign is s", [&] { return mConfig->VerifyRequest("c", "s"); }},
-    };
-    for (const auto& [line, call] : calls) {
-        EXPECT_FALSE(call()) << line;
-        EXPECT_EQ(mLog.count(std::string("error reply: type=3, ") + line, 7), 1) << line;
-    }
-    EXPECT_TRUE(mLog.has("callWithReplyBlocking timeout, reply error type = 2", 7));
-    EXPECT_TRUE(mLog.has("sdconfig_sdbus GetProperty(", 7));
 }
 
 TEST(DataPathTest, TheFirstFolderThatIsNotEmpty) {

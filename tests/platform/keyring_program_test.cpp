@@ -1,10 +1,8 @@
 // sdconfig-keyring, asked as the service asks it, before a real keyring on a session bus of its own.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <chrono>
 #include <csignal>
-#include <filesystem>
 #include <future>
 #include <string>
 #include <utility>

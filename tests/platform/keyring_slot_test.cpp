@@ -3,8 +3,6 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -44,8 +42,7 @@ protected:
     // A shell script that has the number and the words of the first request.
     std::string standIn(const std::string& script) {
         std::string program = mFolder / ("stand-in" + std::to_string(++mPrograms));
-        test::writeFile(program, "#!/bin/sh\necho >> " + starts() + "\nread number word rest\n" + script + "\n");
-        ::chmod(program.c_str(), 0700);
+        test::writeScript(program, "echo >> " + starts() + "\nread number word rest\n" + script);
         return program;
     }
     std::string starts() const { return mFolder / "starts"; }
@@ -144,9 +141,7 @@ TEST_F(KeyringSlotTest, MemoryThatRunsOutCostsOneAnswerAndNoMore) {
     using Of = test::ScarceMemory::Of;
     const std::string program =
         standIn("while echo $number done " + kKeyDigits + "; do read number word rest || exit; done");
-    bool hasFailed = true;
-    for (std::uint64_t n = 1; hasFailed; ++n) {
-        hasFailed = false;
+    test::ScarceMemory::forEach([&](std::uint64_t n) {
         for (const int kind : {0, 1, 2, 3}) {  // of either threads, with a lack that passes and one that lasts
             auto helper = std::make_unique<KeyringHelper>(program, kPatient);
             std::atomic<int> told{0};
@@ -156,15 +151,13 @@ TEST_F(KeyringSlotTest, MemoryThatRunsOutCostsOneAnswerAndNoMore) {
                 helper->watch(kId, [&](const SlotAnswer& answer) { told += answer.key == kKey ? 1 : 2; });
                 wanted = 1;
                 (void)helper->find(kId);
-                hasFailed = hasFailed || test::ScarceMemory::hasFailed();
-            } catch (const std::bad_alloc&) {
-                hasFailed = true;
+            } catch (const std::bad_alloc&) {  // whoever asked is told
             }
             EXPECT_TRUE(test::waitUntil([&] { return helper->find(kId).key == kKey && told == wanted; })) << n;
             const test::ScarceMemory none(Of::ThisThread, 1, true);
             helper.reset();
         }
-    }
+    });
     EXPECT_FALSE(hasChildren());
 }
 

@@ -2,15 +2,11 @@
 #include "platform/sdbus/runtime_folder.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <filesystem>
 
 #include "platform/sdbus/client_connection.h"
-#include "platform/sdbus/socket_address.h"
 #include "tests/support/support.h"
 
 namespace test {
@@ -33,13 +29,9 @@ TEST(RuntimeFolderTest, AClientLooksIntoTheSessionsFolder) {
     EXPECT_FALSE(reaches());
     EXPECT_EQ(why, "") << "a user without a session is nothing to tell of";
 
-    fs::create_directories(session + "/sdbus");
-    for (const std::string& folder : {session, session + "/sdbus"}) fs::permissions(folder, fs::perms::owner_all);
-    sdbus::SocketAddress address;
-    ASSERT_TRUE(address.set(session + "/sdbus/" + kService));
-    const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    ASSERT_EQ(::bind(listener, address.get(), address.size()), 0);
-    ASSERT_EQ(::listen(listener, 8), 0);
+    fs::create_directory(session);
+    fs::permissions(session, fs::perms::owner_all);
+    const int listener = listenAt(session + "/sdbus/" + kService);
     EXPECT_TRUE(reaches());
     fs::permissions(session, fs::perms::all);
     EXPECT_FALSE(reaches());

@@ -1,6 +1,5 @@
 // Events, and clients that do not keep to the rules.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>

@@ -1,11 +1,9 @@
 #include "tests/platform/sdbus_support.h"
 
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstring>
-#include <filesystem>
 #include <stdexcept>
 
 namespace test {
@@ -17,17 +15,6 @@ Process startService(const Environment& environment) {
 }
 
 namespace {
-
-sockaddr_un addressOf(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
-    return address;
-}
-
-int newSocket() {
-    return ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-}
 
 // Reads until `enough` says so or the other end has left.
 void readUntil(int fd, std::string& bytes, const std::function<bool()>& enough) {
@@ -46,28 +33,6 @@ uint32_t numberAt(const std::string& bytes, std::size_t offset) {
 }
 
 }  // namespace
-
-int listenAt(const std::string& path) {
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-    std::filesystem::permissions(std::filesystem::path(path).parent_path(), std::filesystem::perms::owner_all);
-    const sockaddr_un address = addressOf(path);
-    const int fd = newSocket();
-    if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) < 0 || ::listen(fd, 100) < 0)
-        throw std::runtime_error("cannot listen at " + path);
-    return fd;
-}
-
-bool connectSocket(int fd, const std::string& path) {
-    const sockaddr_un address = addressOf(path);
-    return ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
-}
-
-int connectTo(const std::string& path) {
-    const int fd = newSocket();
-    if (connectSocket(fd, path)) return fd;
-    ::close(fd);
-    return -1;
-}
 
 RawService::RawService(Serve serve) : mListener(listenAt(bus().socketPath(kService))) {
     mThread = std::thread([this, serve = std::move(serve)] {

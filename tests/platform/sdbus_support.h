@@ -98,10 +98,6 @@ private:
 // Plays the service's part of the handshake and returns the bytes of the first message that follows, whole.
 std::string readFirstMessage(int client);
 
-int listenAt(const std::string& path);
-int connectTo(const std::string& path);  // -1 when that fails
-bool connectSocket(int fd, const std::string& path);
-
 struct BusUnref {
     void operator()(sd_bus* connection) const { sd_bus_close_unref(connection); }
 };

@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -400,8 +399,7 @@ TEST_F(RegistrationTest, NamesTheOwnerOfATakenName) {
         EXPECT_EQ(mLog.count(why, 7), 1);
     }
     EXPECT_EQ(call(proxyTo(), "ECHO", "first")->getString(0), "first") << "the owner is not disturbed";
-    owner.kill(SIGTERM);
-    owner.wait();
+    owner.stop();
     EXPECT_FALSE(bus().isServiceRegistered(kService));
 
     TestService now;
@@ -483,8 +481,7 @@ TEST_F(RegistrationTest, TakesOverASocketOfSystemd) {
     Process process = startService({{"TEST_LISTEN_AT", socket()}});
     EXPECT_EQ(call(proxyTo(), "ECHO", "activated")->getString(0), "activated");
     EXPECT_EQ(bus().serviceProcess(kService), process.pid());
-    process.kill(SIGTERM);
-    EXPECT_EQ(process.wait(), 0);
+    EXPECT_EQ(process.stop(), 0);
     EXPECT_TRUE(fs::exists(socket())) << "it stays systemd's";
     EXPECT_FALSE(fs::exists(lock()));
     const ScopedEnv process1("LISTEN_PID", std::to_string(::getpid()).c_str());
@@ -510,7 +507,7 @@ TEST_F(RegistrationTest, WritesWhatIsQueuedBeforeItEnds) {
 }
 
 TEST_F(RegistrationTest, EndsAlthoughMemoryRunsOutMeanwhile) {
-    for (std::uint64_t n = 1; n == 1 || ScarceMemory::hasFailed(); ++n) {
+    ScarceMemory::forEach([this](std::uint64_t n) {
         TestService service;
         const int client = connectTo(socket());  // it stays
         ASSERT_EQ(call(proxyTo(), "ECHO")->type(), 2);
@@ -518,7 +515,7 @@ TEST_F(RegistrationTest, EndsAlthoughMemoryRunsOutMeanwhile) {
         bus().unregisterServiceInterface(kService);
         EXPECT_FALSE(fs::exists(socket()));
         ::close(client);
-    }
+    });
 }
 
 // Root alone can play two users.

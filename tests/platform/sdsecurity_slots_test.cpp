@@ -1,15 +1,11 @@
 // A wrapped key ring as a host sees it: what opens it, what its file holds, and what is refused.
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <openssl/evp.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -18,20 +14,19 @@
 
 #include "apps/sdconfigd/constants_file.h"
 #include "base/unique_fd.h"
-#include "platform/sdsecurity/sdsecurity.h"
+#include "tests/platform/ring_test.h"
 #include "tests/support/damage.h"
 #include "tests/support/scarce_memory.h"
-#include "tests/support/support.h"
 
 using Kind = sd::SDSecurity::SlotKind;
 using OpenResult = sd::SDSecurity::OpenResult;
 using Outcome = sd::SDSecurity::SlotOutcome;
 using SlotKeys = sd::SDSecurity::SlotKeys;
 using SlotState = sd::SDSecurity::SlotState;
-using State = sd::SDSecurity::KeyRingState;
 using Use = sd::SDSecurity::SlotUse;
 using test::readFile;
 using test::writeFile;
+using test::writeScript;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
@@ -74,8 +69,6 @@ const std::string kWrapped =
     "14e36cb7569085e96f15ea484e4ba4e4519cec56289de443064d\n";
 const std::string kCode = "0123-4567-89AB-CDEF-GHJK-MNPQ-RSJR";
 const std::string kPassphrase = "correct horse";
-const std::string kEnvelope = "v13EvHVH4144egoaKjpKWmp6ipqquWeQ9eRbxtzQbFBlq8RzUfLd7gs9zoWM9O";
-const std::string kPlain("pass\0word", 9);
 
 // A file that can be read when its name is gone.
 class OpenFile {
@@ -92,24 +85,14 @@ private:
     sd::UniqueFd mFile;
 };
 
-class SlotsTest : public testing::Test {
+class SlotsTest : public RingTest {
 protected:
-    SlotsTest() { security.SetKeyRingFolder(folder.path()); }
     ~SlotsTest() override { EXPECT_FALSE(log.has("0b0c0d0e0f") || log.has("4b4c4d4e4f")) << "a key was logged"; }
 
     void writeRing(const std::string& text) {
-        std::filesystem::remove(ring);
-        writeFile(ring, text);
-        ::chmod(ring.c_str(), 0600);
-        security.SetKeyRingFolder(folder.path());
+        RingTest::writeRing(text);
         log.clear();
     }
-    State state() { return security.CheckKeyRing().state; }
-    std::string seal(const std::string& plain) { return security.FastEncrypt(plain); }
-    std::string open(const std::string& text) { return security.FastDecrypt(text); }
-    // As it comes up in a process that has opened nothing yet.
-    void beginAnew() { security.SetKeyRingFolder(folder.path()); }
-
     std::string keyOf(Kind kind, const std::string& typed) {
         std::string key;
         EXPECT_EQ(security.MakeSlotKey(kind, Use::Standing, typed, key).outcome, Outcome::Done);
@@ -123,13 +106,7 @@ protected:
         EXPECT_EQ(::EVP_PBE_scrypt(typed.data(), typed.size(), reinterpret_cast<const unsigned char*>(salt.data()), 16,
                                    1U << 15U, 8, 1, 1UL << 28U, key, sizeof key),
                   1);
-        return "15 " + hex(salt) + ' ' + hex({reinterpret_cast<char*>(key), sizeof key});
-    }
-    static std::string hex(const std::string& bytes) {
-        std::string text;
-        for (const char byte : bytes)
-            for (const int digit : {byte >> 4 & 15, byte & 15}) text += "0123456789abcdef"[digit];
-        return text;
+        return "15 " + test::hex(salt) + ' ' + test::hex(key);
     }
     Outcome unlock(const std::string& typed) { return security.Unlock(keyOf(Kind::Passphrase, typed)).outcome; }
     std::vector<Kind> kinds() {
@@ -137,12 +114,6 @@ protected:
         for (const auto& slot : security.Slots()) all.push_back(slot.kind);
         return all;
     }
-
-    test::ScopedEnv noCredentials{"CREDENTIALS_DIRECTORY", nullptr};
-    test::TempDir folder;
-    test::LogCapture log;
-    const std::string ring = folder / "sdsecurity.keys";
-    sd::SDSecurity& security = *sd::SDSecurity::GetInstance();
 };
 
 TEST_F(SlotsTest, KeepsTheFormatAndIsLockedUntilSomethingOpensIt) {
@@ -180,8 +151,7 @@ TEST_F(SlotsTest, KeepsTheFormatAndIsLockedUntilSomethingOpensIt) {
 
     const test::TempDir unit;
     const test::ScopedEnv credentials("CREDENTIALS_DIRECTORY", unit.path().c_str());
-    writeFile(unit / "sdsecurity.passphrase", "wrong\n");
-    ::chmod((unit / "sdsecurity.passphrase").c_str(), 0440);
+    writeFile(unit / "sdsecurity.passphrase", "wrong\n", 0440);
     beginAnew();
     EXPECT_THAT(security.CheckKeyRing().detail, HasSubstr("passphrase: what the system handed over does not open it"));
     writeFile(unit / "sdsecurity.passphrase", kPassphrase + "\n");
@@ -300,8 +270,7 @@ TEST_F(SlotsTest, WrapsAPlainRingAndKeepsItWrapped) {
     {
         const test::TempDir unit;
         const test::ScopedEnv credentials("CREDENTIALS_DIRECTORY", unit.path().c_str());
-        writeFile(unit / "sdsecurity.passphrase", kPassphrase);
-        ::chmod((unit / "sdsecurity.passphrase").c_str(), 0400);
+        writeFile(unit / "sdsecurity.passphrase", kPassphrase, 0400);
         writeFile(ring, kWrapped);
         EXPECT_THAT(security.CheckKeyRing().detail, HasSubstr("another key ring stands there")) << "which opens";
     }
@@ -323,7 +292,7 @@ TEST_F(SlotsTest, WrapsAPlainRingAndKeepsItWrapped) {
 // A keyring of files in the folder, which is locked while there is a file "locked" in it.
 std::string keyringIn(const test::TempDir& folder) {
     std::string program = folder / "program";
-    writeFile(program, "#!/bin/sh\ncd " + folder.path() + R"(
+    writeScript(program, "cd " + folder.path() + R"(
 while read number word rest; do
     case $word in
     store) while [ -e slow ]; do touch asked; sleep 0.02; done
@@ -337,7 +306,6 @@ while read number word rest; do
     esac
 done
 )");
-    ::chmod(program.c_str(), 0700);
     return program;
 }
 
@@ -401,15 +369,15 @@ TEST_F(SlotsTest, OpensAlthoughMemoryRanOutOnceMeanwhile) {
     security.SetKeyringProgram(keyringIn(keyring));
     writeRing(kPlainRing);
     ASSERT_EQ(security.Protect(Kind::Keyring, {freshKey("code"), ""}).outcome, Outcome::Done);
-    for (std::uint64_t n = 1; n == 1 || test::ScarceMemory::hasFailed(); ++n) {
+    test::ScarceMemory::forEach([&](std::uint64_t n) {
         beginAnew();
         {
             const test::ScarceMemory scarce(test::ScarceMemory::Of::Others, n);
             security.OpenKeyRingAhead();
             (void)open(kEnvelope);
         }
-        EXPECT_TRUE(test::waitUntil([&] { return open(kEnvelope) == kPlain; }, 20000)) << n;
-    }
+        EXPECT_TRUE(test::waitUntil([&] { return open(kEnvelope) == kPlain; })) << n;
+    });
     security.SetKeyringProgram("");
 }
 
@@ -419,21 +387,18 @@ TEST_F(SlotsTest, WhatAHostTellsIsTakenWholeOrNotWhereMemoryRunsOut) {
     const test::TempDir standard;
     const test::ScopedEnv data("XDG_DATA_HOME", standard.path().c_str());
     const std::string longFolder = folder / std::string(100, 'd'), constants = folder / "constants";
-    bool hasFailed = true;
-    for (std::uint64_t n = 1; hasFailed; ++n) {
+    ScarceMemory::forEach([&](std::uint64_t n) {
         const std::string name(50, 'n'), value = std::string(50, 'v') + std::to_string(n);
         writeFile(constants, std::string(name).append("=").append(value).append("\nother=").append(value));
         std::string problem;
         const bool isTaken = ScarceMemory::passes(n, false, [&] { problem = useConstants(constants); });
-        hasFailed = ScarceMemory::hasFailed();
         const bool isThere = security.GetString(name) == value && security.GetString("other") == value;
         EXPECT_TRUE(!isTaken || !problem.empty() || isThere) << n;
         security.SetKeyRingFolder("");
         (void)ScarceMemory::passes(n, false, [&] { security.SetKeyRingFolder(longFolder); });
-        hasFailed = hasFailed || ScarceMemory::hasFailed();
         (void)seal("x");
         EXPECT_TRUE(std::filesystem::is_empty(standard.path())) << "another ring seals, " << n;
-    }
+    });
 }
 
 TEST_F(SlotsTest, NobodyWaitsForASlotThatIsBeingMade) {

@@ -1,9 +1,6 @@
 // The security layer as a host sees it: what its files hold, what opens, and what is refused.
-#include "platform/sdsecurity/sdsecurity.h"
-
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
@@ -29,13 +26,12 @@
 #include <utility>
 #include <vector>
 
+#include "tests/platform/ring_test.h"
 #include "tests/support/damage.h"
-#include "tests/support/support.h"
 
 using KeyState = sd::SDSecurity::KeyState;
 using OpenResult = sd::SDSecurity::OpenResult;
 using Row = sd::SDSecurityRow;
-using State = sd::SDSecurity::KeyRingState;
 using Use = sd::SDSecurity::KeyUse;
 using test::readFile;
 using test::writeFile;
@@ -64,9 +60,7 @@ const std::string kHeader = "sdsecurity-keys 1\n";
 const std::string kFirstLine = "dc4bc7547e35e387 000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f\n";
 const std::string kSecondLine = "07f9fd67daa9576e 202122232425262728292a2b2c2d2e2f303132333435363738393a3b3c3d3e3f\n";
 const std::string kRing = kHeader + kFirstLine + kSecondLine;
-const std::string kEnvelope = "v13EvHVH4144egoaKjpKWmp6ipqquWeQ9eRbxtzQbFBlq8RzUfLd7gs9zoWM9O";
 const std::string kEnvelopeOfNothing = "v1B/n9Z9qpV26goaKjpKWmp6ipqqv1Dj6Nz01Q29OtUk0QlEsQ";  // by the second key
-const std::string kPlain("pass\0word", 9);
 
 // The same for a row, with L = b"".join(struct.pack(">Q", len(n)) + n for n in (database, table, folded key)) and its
 // mark M, SipHash-2-4 of L (openssl mac SIPHASH, 8 bytes) under hashlib.sha256(b"sdsecurity row mark v2" +
@@ -99,30 +93,20 @@ unsigned modeOf(const std::string& path) {
     return ::lstat(path.c_str(), &status) == 0 ? status.st_mode & 07777U : 0;
 }
 
-class SecurityTest : public testing::Test {
+class SecurityTest : public RingTest {
 protected:
-    SecurityTest() { security.SetKeyRingFolder(folder.path()); }
     ~SecurityTest() override { forgetLines(); }
 
     void forgetLines() {
         EXPECT_FALSE(log.has(kSecret) || log.has("0b0c0d0e0f")) << "a value or a key was logged";
         log.clear();
     }
-    void writeRing(const std::string& text, mode_t mode = 0600) {
-        std::filesystem::remove(ring);  // a file system may wait for the disk where one is overwritten
-        writeFile(ring, text);
-        ::chmod(ring.c_str(), mode);
-        security.SetKeyRingFolder(folder.path());
-    }
-    std::string seal(const std::string& plain) { return security.FastEncrypt(plain); }
-    std::string open(const std::string& text) { return security.FastDecrypt(text); }
     OpenResult resultOf(const Row& row, const std::string& text) {
         OpenResult why{};
         const std::string plain = security.DecryptForRow(row, text, &why);
         EXPECT_TRUE(why == OpenResult::Done || plain.empty());
         return why;
     }
-    State state() { return security.CheckKeyRing().state; }
 
     // Runs `body` in processes of their own, all at once; each answers whether it went well.
     static void inProcesses(int count, const std::function<bool(int)>& body) {
@@ -143,12 +127,7 @@ protected:
         }
     }
 
-    test::ScopedEnv noCredentials{"CREDENTIALS_DIRECTORY", nullptr};
-    test::TempDir folder;
-    test::LogCapture log;
-    const std::string ring = folder / "sdsecurity.keys";
     const std::string count = folder / "sdsecurity.count";
-    sd::SDSecurity& security = *sd::SDSecurity::GetInstance();
 };
 
 TEST_F(SecurityTest, KeepsTheFormatOfValuesSealedBefore) {
@@ -267,7 +246,7 @@ TEST_F(SecurityTest, GivesKeysAState) {
     const std::string first = kFirstLine.substr(0, 16), second = kSecondLine.substr(0, 16);
     EXPECT_TRUE(security.SetKeyState(first, KeyState::Disabled));
     inProcesses(1, [&](int) {
-        security.SetKeyRingFolder(folder.path());
+        beginAnew();
         return resultOf(kRow, kEnvelope) == OpenResult::KeyDisabled;
     });
     EXPECT_EQ(resultOf(kRow, kBoundEnvelope), OpenResult::KeyDisabled);
@@ -350,8 +329,7 @@ TEST_F(SecurityTest, NeverTouchesARingThatItCanNotUse) {
         return [this, text, mode] { writeRing(text, mode); };
     };
     const std::string real = folder / "real";
-    writeFile(real, kRing);
-    ::chmod(real.c_str(), 0600);
+    writeFile(real, kRing, 0600);
     const std::string cut = kRing.substr(0, kRing.size() - 1);
     std::string damaged = kRing, upper = kRing;
     damaged[kHeader.size() + 20] ^= 1;
@@ -377,7 +355,7 @@ TEST_F(SecurityTest, NeverTouchesARingThatItCanNotUse) {
     for (const auto& [what, make] : cases) {
         SCOPED_TRACE(what);
         make();
-        security.SetKeyRingFolder(folder.path());
+        beginAnew();
         const auto look = [this] {
             struct stat status {};
             ::lstat(ring.c_str(), &status);
@@ -393,8 +371,7 @@ TEST_F(SecurityTest, NeverTouchesARingThatItCanNotUse) {
         EXPECT_EQ(state(), State::Broken);
         EXPECT_EQ(look(), before);
         std::filesystem::remove(ring);
-        writeFile(ring, kRing);
-        ::chmod(ring.c_str(), 0600);
+        writeFile(ring, kRing, 0600);
         EXPECT_EQ(open(kEnvelope), kPlain) << "a repair needs no restart";
         std::filesystem::remove(ring);
     }
@@ -407,7 +384,7 @@ TEST_F(SecurityTest, KeepsNoFailureAndTakesNoneForDamage) {
     for (int n = 1; n <= 60; ++n) {
         SCOPED_TRACE(n);
         inProcesses(1, [&](int) {
-            security.SetKeyRingFolder(folder.path());
+            beginAnew();
             failingAllocation = n;
             (void)(open(kEnvelope) + seal("x"));
             failingAllocation = 0;
@@ -481,7 +458,7 @@ TEST_F(SecurityTest, RotatesAndStillOpensWhatWasSealedBefore) {
     EXPECT_THAT(security.Keys(), ElementsAre(testing::Field(&sd::SDSecurity::KeyInfo::state, KeyState::Opening),
                                              testing::Field(&sd::SDSecurity::KeyInfo::state, KeyState::Sealing)));
     inProcesses(1, [this](int) {
-        security.SetKeyRingFolder(folder.path());  // as one that has just started
+        beginAnew();  // as one that has just started
         return writeFile(folder / "late", seal("late")), true;
     });
     const std::string late = readFile(folder / "late");
@@ -513,10 +490,9 @@ TEST_F(SecurityTest, CountsSealsOfAllProcessesAndAsksForRotationInTime) {
     EXPECT_TRUE(log.lines().empty());
 
     const auto counted = [this](const std::string& text, mode_t mode = 0600) {
-        writeFile(count, text);
-        ::chmod(count.c_str(), mode);
+        writeFile(count, text, mode);
         forgetLines();
-        security.SetKeyRingFolder(folder.path());
+        beginAnew();
         return open(seal("x")) == "x";
     };
     EXPECT_TRUE(counted(kFirstLine.substr(0, 17) + "2147483000\n"));
@@ -540,7 +516,7 @@ TEST_F(SecurityTest, CountsSealsOfAllProcessesAndAsksForRotationInTime) {
     EXPECT_EQ(open(seal("x")), "x");
     std::filesystem::remove(count);
     std::filesystem::create_directory(count);
-    security.SetKeyRingFolder(folder.path());
+    beginAnew();
     EXPECT_NE(seal("x"), "");
     EXPECT_EQ(log.count("counting in memory", 6), 1);
 }
@@ -553,9 +529,8 @@ TEST_F(SecurityTest, UsesARingThatTheHostHandsOver) {
         return open(kEnvelope) == kPlain && open(seal(kSecret)) == kSecret && !security.RotateKey();
     };
     const auto ringIn = [&](mode_t mode) {
-        writeFile(unit / "sdsecurity.keys", kRing);
-        ::chmod((unit / "sdsecurity.keys").c_str(), mode);
-        security.SetKeyRingFolder(folder.path());
+        writeFile(unit / "sdsecurity.keys", kRing, mode);
+        beginAnew();
         return works();
     };
     EXPECT_FALSE(ringIn(0644));
@@ -610,7 +585,7 @@ TEST_F(SecurityTest, KeysStandWhereNeitherADumpNorSwapTakesThem) {
     GTEST_SKIP() << "there mlock() does nothing, and its own pages, left out of dumps, too, grow together with ours";
 #endif
     EXPECT_EQ(open(seal(kSecret)), kSecret);
-    security.SetKeyRingFolder(folder.path());
+    beginAnew();
     EXPECT_EQ(open(seal(kSecret)), kSecret);
     const std::string text = readFile(ring);
     std::string inverted;

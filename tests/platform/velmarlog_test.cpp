@@ -2,7 +2,6 @@
 #include "platform/velmarlog/velmarlog.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/uio.h>

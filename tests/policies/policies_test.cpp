@@ -1,6 +1,5 @@
 // The folders of the machine's policies: what of them counts, for whom, and what stays when a file breaks.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 

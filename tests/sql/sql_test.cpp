@@ -47,22 +47,6 @@ TEST_F(SqlTest, OpensDurableSharedAndPatient) {
     EXPECT_TRUE(mLog.has("sqlite3_prepare_v2 failed: no handle", 7));
 }
 
-TEST_F(SqlTest, StatementsRefuseWhatIsNotOneCommand) {
-    const test::DeliberateLeak statementKeptBySecondCommand;
-    SQLiteDatabase db(mPath);
-    EXPECT_FALSE(db.executeCommand("CREATE TABLE a(x); CREATE TABLE b(x)"));
-    EXPECT_TRUE(mLog.has("sqlite3_prepare_v2 failed: tail: CREATE TABLE b(x)", 7));
-    EXPECT_TRUE(mLog.has("sql/SQLiteStatement prepare(", 7));
-    EXPECT_EQ(test::query(mPath, "SELECT name FROM sqlite_master"), Rows{});
-
-    EXPECT_FALSE(db.executeCommand("nonsense"));
-    EXPECT_TRUE(mLog.has("sqlite3_prepare_v2 failed (1)\nnonsense\nnear \"nonsense\": syntax error", 7));
-    EXPECT_TRUE(mLog.has("executeCommand failed: prepare failed", 7));
-
-    EXPECT_EQ(SQLiteStatement(db, "SELECT 1").step(), 0) << "it was not prepared";
-    EXPECT_EQ(mLog.count("step failed: no statement", 7), 1);
-}
-
 // Writes a row of its own beside each commit, and keeps what came of it.
 struct Note : SQLiteWitness {
     void beforeCommit(SQLiteDatabase& db) override {

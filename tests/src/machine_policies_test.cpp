@@ -1,27 +1,18 @@
 // The service under policies of the machine: what they win over, that they hold, and what is told when their files
 // change.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <random>
 
-#include "libsdconfig/sdconfig.h"
-#include "platform/sdbus/sdbus.h"
-#include "platform/sdsecurity/sdsecurity.h"
 #include "src/sdconfig_impl_policy.h"
-#include "src/sdconfig_protocol.h"
-#include "src/sdconfig_service_sdbus.h"
-#include "tests/support/arguments.h"
-#include "tests/support/subscribed.h"
-#include "tests/support/support.h"
+#include "tests/src/service_support.h"
 
 namespace sd {
 namespace {
 
 namespace fs = std::filesystem;
-using Message = std::shared_ptr<SDBusMessage>;
 using testing::ElementsAre;
 
 // A policy, and a file's text of several.
@@ -39,74 +30,38 @@ std::string textOf(const Policies& policies) {
     return policies.empty() ? "{}" : text + "}";
 }
 
-class MachinePoliciesTest : public testing::Test {
+class MachinePoliciesTest : public CallingTest {
 protected:
-    // A service, and a subscriber to its events: "name key=value", with a "!" for strong control.
-    struct Service {
-        test::PrivateBus bus;
-        test::TempDir data;
-        test::Heard heard;
-        std::shared_ptr<SDBusProxyInterface> proxy;
-        Service() {
+    MachinePoliciesTest() : CallingTest(service()) {}
+    static RunningService& service() {
+        static RunningService service([](const test::TempDir& data) {
             for (const char* folder : {"low", "high"}) fs::create_directory(data / folder);
             test::writeFile(data / "low/10.json", textOf({{"At.Start", {"strong", 9}}, {"weak", {"d\xc3\xa9", 5}}}));
-            SDConfig::setDataPath(data.path());
-            SDSecurity::GetInstance()->SetKeyRingFolder(data.path());
             SDConfigDmHelper::SetMachinePolicyFolders({data / "low/", data / "high"});
-            SDConfigService::GetInstance()->Start();
-            SDBusSerivceManager::initSync(-1)->unregisterServiceInterface("sdconfig");
-            SDConfigService::GetInstance()->Start();  // again, as a host may
-            proxy = SDBusSerivceManager::initSync(-1)->getServiceProxyInterface("sdconfig", SDBusSameUser, 1);
-            for (const char* name : {protocol::kSdconfigChanged, protocol::kPolicyChanged, protocol::kDmChanged})
-                EXPECT_TRUE(test::isSubscribed(*proxy, name, [this](const Message& event) { add(*event); }));
-        }
-        ~Service() { SDBusSerivceManager::initSync(-1)->unregisterServiceInterface("sdconfig"); }
-        void add(SDBusMessage& event) {
-            heard.add(event.eventName() + " " + event.getString(0) + "=" + event.getString(1) +
-                      (event.getBool(2) ? "!" : ""));
-        }
-    };
-
-    MachinePoliciesTest() {
-        static Service service;
-        mService = &service;
+        });
+        SDBusSerivceManager::initSync(-1)->unregisterServiceInterface("sdconfig");
+        SDConfigService::GetInstance()->Start();  // again, as a host may
+        return service;
     }
 
-    template <typename... Arguments>
-    Message call(const std::string& method, const Arguments&... arguments) {
-        const Message message = mService->proxy->makeMethodCallMessage(method);
-        test::appendAll(*message, arguments...);
-        return mService->proxy->callWithReplyBlocking(message, 30000);
-    }
-    template <typename... Arguments>
-    bool ok(const std::string& method, const Arguments&... arguments) {
-        return call(method, arguments...)->getBool(0);
-    }
-    std::string secure(const std::string& key) { return call("GET_SECURE", key)->getString(0); }
+    std::string secure(const std::string& key) { return text("GET_SECURE", key); }
 
     // In one step, as whoever governs a machine does it.
     void put(const std::string& name, const std::string& text) const {
-        test::writeFile(mService->data / "new", text);
-        fs::rename(mService->data / "new", mService->data / name);
+        test::writeFile(file("new"), text);
+        fs::rename(file("new"), file(name));
     }
 
     // What was told since the last time, up to a policy that is put last and comes last by its name.
     std::vector<std::string> events() {
-        const std::string fence = ".DMChanged zz.fence=" + std::to_string(++mFences) + "!";
-        put("low/zz.json", textOf({{"zz.fence", {std::to_string(mFences), 9}}}));
-        EXPECT_TRUE(test::waitUntil([&] { return !all().empty() && all().back() == fence; }, 20000)) << fence;
-        std::vector<std::string> told = all();
-        told.erase(told.begin(), told.begin() + static_cast<std::ptrdiff_t>(mTold));
-        mTold += told.size();
-        if (!told.empty()) told.pop_back();
-        return told;
+        const std::string fence = std::to_string(++mFences);
+        put("low/zz.json", textOf({{"zz.fence", {fence, 9}}}));
+        return mEvents.upTo(".DMChanged zz.fence=" + fence + "!");
     }
-    std::vector<std::string> all() { return mService->heard.all(); }
 
     test::LogCapture mLog;
-    Service* mService = nullptr;
+    Events mEvents;
     int mFences = 0;
-    std::size_t mTold = 0;
 };
 
 TEST_F(MachinePoliciesTest, TheyAreThereAtTheStartAndHold) {
@@ -118,13 +73,13 @@ TEST_F(MachinePoliciesTest, TheyAreThereAtTheStartAndHold) {
     EXPECT_TRUE(ok("DEL_SECURE", "weak"));
     EXPECT_EQ(secure("weak"), "d\xc3\x83\xc2\xa9") << "in the doubled form, as every value that was set";
 
-    const auto rows = [&] { return test::query(mService->data / "dmhelper.db", "SELECT key FROM dmhelperconfig"); };
+    const auto rows = [&] { return test::query(file("dmhelper.db"), "SELECT key FROM dmhelperconfig"); };
     for (const char* uri : {"at.start", "AT.START", "weak"}) {
         EXPECT_FALSE(ok("SET_POLICY", uri, "mine", 100)) << uri;
         EXPECT_FALSE(ok("DELETE_POLICY", uri)) << uri;
     }
     EXPECT_TRUE(mLog.has("the policy of weak is the machine's", 7));
-    EXPECT_TRUE(mLog.has(mService->data / "low/10.json, line 2", 7));
+    EXPECT_TRUE(mLog.has(file("low/10.json, line 2"), 7));
     EXPECT_THAT(rows(), ElementsAre());
     EXPECT_TRUE(ok("SET_POLICYLIST", 3, "weak", "mine", 9, "at.start", "mine", 9, "free", "mine", 9));
     EXPECT_THAT(rows(), ElementsAre(ElementsAre("free")));
@@ -135,14 +90,14 @@ TEST_F(MachinePoliciesTest, TheyAreThereAtTheStartAndHold) {
     EXPECT_THAT(events(), ElementsAre(".sdconfigChanged weak=local", ".sdconfigChanged weak=d\xc3\x83\xc2\xa9",
                                       ".DMChanged free=mine!", ".DMChanged FREE=machine"));
     EXPECT_EQ(call("GET_POLICY", "free")->getInt(1), 1);
-    fs::remove(mService->data / "high/20.json");
+    fs::remove(file("high/20.json"));
     EXPECT_THAT(events(), ElementsAre(".DMChanged FREE=mine!"));
     put("high/20.json", textOf({{"free", {"machine", 1}}}));
     (void)events();
     EXPECT_TRUE(ok("DM_CLEAR_ALL_KEYS"));
     EXPECT_THAT(rows(), ElementsAre());
     EXPECT_EQ(secure("free"), "machine");
-    fs::remove(mService->data / "high/20.json");
+    fs::remove(file("high/20.json"));
     EXPECT_THAT(events(), ElementsAre(".DMChanged free="));
 }
 
@@ -150,19 +105,19 @@ TEST_F(MachinePoliciesTest, TheyAreToldWithFileAndLine) {
     put("high/20.json", "\n{\"One\":\n{\"value\": \"1\", \"priority\": 7, \"description\": \"why\"}}");
     put("high/30.json", "{");
     (void)events();
-    const Message ask = mService->proxy->makeMethodCallMessage("POLICIES_GOVERNING");
+    const Message ask = mService.proxy().makeMethodCallMessage("POLICIES_GOVERNING");
     ask->appendInt32(2);
     ask->appendString("none");
     ask->appendString("one");
-    const Message found = mService->proxy->callWithReplyBlocking(ask, 30000);
+    const Message found = mService.proxy().callWithReplyBlocking(ask, 30000);
     EXPECT_EQ(found->getInt32(0), 1);
     EXPECT_EQ(found->getString(1) + " " + found->getString(2) + " " + found->getString(4) + " " + found->getString(6),
-              "One 1 " + mService->data / "high/20.json" + " why");
+              "One 1 " + file("high/20.json") + " why");
     EXPECT_EQ(found->getInt32(5), 2);
 
-    const Message tooMany = mService->proxy->makeMethodCallMessage("POLICIES_GOVERNING");
+    const Message tooMany = mService.proxy().makeMethodCallMessage("POLICIES_GOVERNING");
     tooMany->appendInt32(1001);
-    EXPECT_NE(mService->proxy->callWithReplyBlocking(tooMany, 300)->type(), protocol::kMethodReply);
+    EXPECT_NE(mService.proxy().callWithReplyBlocking(tooMany, 300)->type(), protocol::kMethodReply);
     (void)call("GET_CONST", "fence");
     EXPECT_EQ(mLog.count("POLICIES_GOVERNING refused: its URIs are too many", 7), 1);
 
@@ -175,10 +130,10 @@ TEST_F(MachinePoliciesTest, TheyAreToldWithFileAndLine) {
     EXPECT_EQ(status->getInt32(3), 4);
     EXPECT_EQ(status->getInt32(4), 2) << "folders";
     EXPECT_EQ(status->getInt32(11), 4) << "files";
-    EXPECT_EQ(status->getString(20), mService->data / "high/30.json");
+    EXPECT_EQ(status->getString(20), file("high/30.json"));
     EXPECT_THAT(status->getString(22), testing::HasSubstr("line 1"));
     EXPECT_EQ(mLog.count("high/30.json: line 1", 7), 1) << "told once";
-    for (const char* file : {"high/20.json", "high/30.json"}) fs::remove(mService->data / file);
+    for (const char* name : {"high/20.json", "high/30.json"}) fs::remove(file(name));
     (void)events();
     EXPECT_EQ(call("POLICIES_READ")->signature(), "b");
 }
@@ -301,7 +256,7 @@ TEST_F(MachinePoliciesTest, RandomEditsComeToWhatAModelSays) {
                     const std::string key = (isLow ? "1" : "2") + name;
                     const bool isGone = by.upTo(3) == 0;
                     isGone ? void(by.model.files.erase(key)) : void(by.model.files[key] = policies);
-                    isGone ? void(fs::remove(mService->data / path)) : put(path, textOf(policies));
+                    isGone ? void(fs::remove(file(path))) : put(path, textOf(policies));
                 });
                 EXPECT_EQ(events(), by.expected);
                 by.expected.clear();

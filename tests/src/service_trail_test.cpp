@@ -1,8 +1,5 @@
 // The service's trail: what each call leaves in it, as a reader finds it beside the databases.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,15 +7,9 @@
 #include <filesystem>
 #include <utility>
 
-#include "libsdconfig/sdconfig.h"
-#include "platform/sdbus/sdbus.h"
-#include "platform/sdsecurity/sdsecurity.h"
 #include "src/sdconfig_impl_policy.h"
-#include "src/sdconfig_protocol.h"
-#include "src/sdconfig_service_sdbus.h"
-#include "tests/support/arguments.h"
+#include "tests/src/service_support.h"
 #include "tests/support/scarce_memory.h"
-#include "tests/support/support.h"
 #include "trail/chain.h"
 #include "trail/reader.h"
 #include "trail/verify.h"
@@ -26,46 +17,26 @@
 namespace sd {
 namespace {
 
-using Message = std::shared_ptr<SDBusMessage>;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using trail::Entry;
 
-class ServiceTrailTest : public testing::Test {
+class ServiceTrailTest : public CallingTest {
 protected:
-    // One service a process, on a bus, a data folder and machine policies of its own.
-    struct Service {
-        test::PrivateBus bus;
-        test::TempDir data;
-        std::shared_ptr<SDBusProxyInterface> proxy;
-        Service() {
+    ServiceTrailTest() : CallingTest(service()) {}
+    static RunningService& service() {
+        static RunningService service([](const test::TempDir& data) {
             std::filesystem::create_directory(data / "policies");
             test::writeFile(data / "policies/10.json", "{\"governed\":\n{\"value\": \"machine's\", \"priority\": 9}}");
-            SDConfig::setDataPath(data.path());
-            SDSecurity::GetInstance()->SetKeyRingFolder(data.path());
             SDConfigDmHelper::SetMachinePolicyFolders({data / "policies"});
             SDConfigService::SetAuditedReads({"audited.*", "Other"});
-            SDConfigService::GetInstance()->Start();
-            proxy = SDBusSerivceManager::initSync(-1)->getServiceProxyInterface("sdconfig", SDBusSameUser, 1);
-        }
-        ~Service() { SDBusSerivceManager::initSync(-1)->unregisterServiceInterface("sdconfig"); }
-    };
-
-    ServiceTrailTest() {
-        static Service service;
-        mService = &service;
-    }
-
-    template <typename... Arguments>
-    Message call(const std::string& method, const Arguments&... arguments) {
-        const Message message = mService->proxy->makeMethodCallMessage(method);
-        test::appendAll(*message, arguments...);
-        return mService->proxy->callWithReplyBlocking(message, 30000);
+        });
+        return service;
     }
 
     std::vector<Entry> all() {
         std::vector<Entry> entries;
-        trail::Reader reader(mService->data.path(), trail::Order::OldestFirst);
+        trail::Reader reader(mService.data().path(), trail::Order::OldestFirst);
         for (trail::Line line; reader.next(line);) {
             EXPECT_EQ(line.problem, "");
             entries.push_back(line.entry);
@@ -94,9 +65,7 @@ protected:
     static std::string digest(const std::string& id, const std::vector<std::string_view>& texts) {
         return SDSecurity::DigestUnderKey(id, texts);
     }
-    std::string file(const std::string& name) const { return mService->data / name; }
 
-    Service* mService = nullptr;
     std::size_t mSeen = 0;
 };
 
@@ -143,7 +112,7 @@ TEST_F(ServiceTrailTest, EachChangeHasItsEntryAndNoValueIsInIt) {
 
     const std::string text = test::readFile(file("trail.jsonl"));
     EXPECT_EQ(text.find("canary"), std::string::npos);
-    const trail::Verdict verdict = trail::verify(mService->data.path(), digest);
+    const trail::Verdict verdict = trail::verify(mService.data().path(), digest);
     EXPECT_EQ(verdict.problem, "");
     EXPECT_EQ(verdict.attested, changes.back().seq);
 }
@@ -215,15 +184,11 @@ TEST_F(ServiceTrailTest, HasWhoWasRefused) {
     if (::geteuid() != 0) GTEST_SKIP() << "needs root";
     const std::string socket = SDBusSerivceManager::initSync(-1)->socketPath("sdconfig");
     for (const std::string& path :
-         {socket, std::filesystem::path(socket).parent_path().string(), mService->bus.folder().path()})
+         {socket, std::filesystem::path(socket).parent_path().string(), mService.runtimeFolder().path()})
         std::filesystem::permissions(path, std::filesystem::perms::all);
     EXPECT_TRUE(test::inChild([&] {
-        sockaddr_un address{AF_UNIX, {}};
-        socket.copy(address.sun_path, sizeof address.sun_path - 1);
-        const int end = ::socket(AF_UNIX, SOCK_STREAM, 0);
         char byte = 0;
-        return ::setuid(65534) == 0 && ::connect(end, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-               ::read(end, &byte, 1) == 0;
+        return ::setuid(65534) == 0 && ::read(test::connectTo(socket), &byte, 1) == 0;
     }));
     call("GET_CONST", "fence");
     const std::vector<Entry> entries = all();
@@ -251,13 +216,13 @@ TEST_F(ServiceTrailTest, GoesOnUnderAnotherKeyWhereItsOwnOpensNothing) {
     EXPECT_NE(left[1].ring, key);
     EXPECT_NE(left[2].newDigest, rotated[1].newDigest);
     call("KEY_ENABLE", key, true);
-    EXPECT_EQ(trail::verify(mService->data.path(), digest).problem, "");
+    EXPECT_EQ(trail::verify(mService.data().path(), digest).problem, "");
     EXPECT_FALSE(log.has(key, 7)) << "the layer is not asked for what it can't do";
 }
 
 TEST_F(ServiceTrailTest, NoReadingIsWithoutItsEntryWhereMemoryRunsOut) {
     call("SET_SECURE", "audited.scarce", "told");
-    for (std::uint64_t n = 1; n == 1 || test::ScarceMemory::hasFailed(); ++n) {
+    test::ScarceMemory::forEach([this](std::uint64_t n) {
         (void)added();
         Message answer;
         {
@@ -267,16 +232,17 @@ TEST_F(ServiceTrailTest, NoReadingIsWithoutItsEntryWhereMemoryRunsOut) {
         const bool isTold = answer->type() == 2 && answer->getString(0) == "told";
         call("TRAIL_STATUS");  // writes what waits
         EXPECT_TRUE(!isTold || added().size() == 1) << n;
-    }
+    });
 }
 
 TEST_F(ServiceTrailTest, NoChangeIsWithoutItsEntryWhereMemoryRunsOut) {
+    std::string stored = "0";
+    call("SET_SECURE", "scarce", stored);
     (void)added();
-    std::string stored;
-    for (std::uint64_t n = 0; n <= 1 || test::ScarceMemory::hasFailed(); ++n) {
+    test::ScarceMemory::forEach([&](std::uint64_t n) {
         Message answer;
         {
-            const test::ScarceMemory scarce(test::ScarceMemory::Of::Others, n == 0 ? UINT64_MAX : n);
+            const test::ScarceMemory scarce(test::ScarceMemory::Of::Others, n);
             answer = call("SET_SECURE", "scarce", std::to_string(n));
         }
         const std::string before = std::exchange(stored, call("GET_SECURE", "scarce")->getString(0));
@@ -285,8 +251,8 @@ TEST_F(ServiceTrailTest, NoChangeIsWithoutItsEntryWhereMemoryRunsOut) {
         const auto isChange = [](const Entry& entry) { return entry.came == "changed"; };
         EXPECT_EQ(std::count_if(entries.begin(), entries.end(), isChange), stored != before ? 1 : 0) << n;
         EXPECT_TRUE(answer->type() != 2 || answer->getBool(0) == (stored != before)) << n;
-    }
-    EXPECT_EQ(trail::verify(mService->data.path(), digest).problem, "");
+    });
+    EXPECT_EQ(trail::verify(mService.data().path(), digest).problem, "");
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 // The lines that tell of slow operations, on a clock and with a security layer of the test's own: to the nanosecond.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <chrono>
 #include <functional>

@@ -120,17 +120,6 @@ TEST_F(TksTest, AFailedCopyIsTriedAgainAndAClientIdMakesUpForIt) {
     EXPECT_EQ(mLog.count("upgrade failed, get keyList error", 7), 2);
 }
 
-TEST_F(TksTest, WhatIsTooLongCostsNothingElse) {
-    useSince();
-    query("INSERT INTO config(key, value) VALUES('a.huge', hex(zeroblob(8388609)))");
-    SDConfigImplTKS store(mFile);
-    EXPECT_EQ(mLog.count("upgrade failed, key = ", 7), 1);
-    EXPECT_TRUE(mLog.has("upgrade failed, key = a.huge", 7));
-    EXPECT_EQ(mLog.count("upgrade from 1 to 3 failed", 7), 1);
-    EXPECT_EQ(version(), "2");
-    EXPECT_EQ(store.GetSecure_v3("sd.ui.theme") + store.GetSecure_v3("token"), "darktok");
-}
-
 TEST_F(TksTest, AccessorsOfTheEarlierLayout) {
     query("DELETE FROM secure");
     SDConfigImplTKS store(mFile);

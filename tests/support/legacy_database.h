@@ -12,13 +12,6 @@ constexpr char kUsedSince[] =
     "CREATE TABLE secure_v3(id INTEGER PRIMARY KEY AUTOINCREMENT,key TEXT COLLATE NOCASE UNIQUE ON CONFLICT FAIL,"
     "value TEXT ); INSERT INTO secure_v3(key, value) VALUES('sd.ui.theme', '')";
 
-template <std::size_t size>
-std::string hex(const unsigned char (&bytes)[size]) {
-    std::string text;
-    for (const unsigned char byte : bytes) text.append({"0123456789abcdef"[byte >> 4], "0123456789abcdef"[byte & 15]});
-    return text;
-}
-
 // The secure values are enciphered under the key that this build has.
 void makeLegacyDatabase(const std::string& file);
 

@@ -143,6 +143,11 @@ void Process::kill(int signal) const {
     if (mExitCode == kRunning) ::kill(mPid, signal);
 }
 
+int Process::stop(int signal) {
+    kill(signal);
+    return wait();
+}
+
 std::string Process::out() const {
     return contentOf(mOut);
 }

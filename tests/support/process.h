@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <csignal>
 #include <map>
 #include <string>
 #include <vector>
@@ -38,7 +39,8 @@ public:
     bool waitForErr(const std::string& text, int limitMs = kProcessLimitMs);
 
     pid_t pid() const { return mPid; }
-    void kill(int signal) const;  // does nothing after the end was seen
+    void kill(int signal) const;     // does nothing after the end was seen
+    int stop(int signal = SIGTERM);  // and waits for the end as wait() does
 
     // What it printed so far.
     std::string out() const;

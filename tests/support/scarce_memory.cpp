@@ -7,6 +7,8 @@
 namespace {
 
 std::atomic<std::uint64_t> sAsked{0}, sFrom{0}, sTo{0};
+std::uint64_t sStep = 0;
+bool sHasFailedInStep = false;
 std::atomic<bool> sIsScarce{false}, sIsOfOthers{false};
 thread_local bool tIsOwner = false;
 
@@ -43,6 +45,16 @@ ScarceMemory::ScarceMemory(Of whose, std::uint64_t n, bool lasts) {
 ScarceMemory::~ScarceMemory() {
     sIsScarce = false;
     tIsOwner = false;
+    sHasFailedInStep = sHasFailedInStep || (sFrom == sStep && hasFailed());
+}
+
+void ScarceMemory::beginStep(std::uint64_t n) {
+    sStep = n;
+    sHasFailedInStep = false;
+}
+
+bool ScarceMemory::hasFailedInStep() {
+    return sHasFailedInStep;
 }
 
 bool ScarceMemory::hasFailed() {

@@ -18,6 +18,16 @@ public:
 
     static bool hasFailed();  // the latest
 
+    // Runs the step with 1, 2 and so on, of which each is to have memory fail for the n-th time, until one of them has
+    // not done so any more.
+    template <class Step>
+    static void forEach(const Step& step) {
+        for (std::uint64_t n = 1; n == 1 || hasFailedInStep(); ++n) {
+            beginStep(n);
+            step(n);
+        }
+    }
+
     // Whether the task ends without an exception, while the n-th `new` on this thread fails.
     template <class Task>
     static bool passes(std::uint64_t n, bool lasts, const Task& task) {
@@ -32,6 +42,10 @@ public:
 
     // For other allocators: whether this time it fails, which counts as one more.
     static bool isRefused();
+
+private:
+    static void beginStep(std::uint64_t n);
+    static bool hasFailedInStep();
 };
 
 }  // namespace test

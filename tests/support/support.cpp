@@ -1,6 +1,9 @@
 #include "tests/support/support.h"
 
 #include <sqlite3.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -95,10 +98,63 @@ std::string readFile(const std::string& path) {
     return content.str();
 }
 
-void writeFile(const std::string& path, const std::string& content) {
+void writeFile(const std::string& path, const std::string& content, std::optional<unsigned> mode) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out << content;
-    if (!out.flush()) throw std::runtime_error("cannot write " + path);
+    if (!out.flush() || (mode && ::chmod(path.c_str(), *mode) != 0)) throw std::runtime_error("cannot write " + path);
+}
+
+void writeScript(const std::string& path, const std::string& script) {
+    writeFile(path, "#!/bin/sh\n" + script + "\n", 0755);
+}
+
+std::map<std::string, std::string> contentsOf(const std::string& folder) {
+    std::map<std::string, std::string> all;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
+        struct stat status {};
+        ::lstat(entry.path().c_str(), &status);
+        all[entry.path()] = std::to_string(status.st_mode) + (entry.is_regular_file() ? readFile(entry.path()) : "");
+    }
+    return all;
+}
+
+namespace {
+
+sockaddr_un addressOf(const std::string& path) {
+    sockaddr_un address{AF_UNIX, {}};
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    return address;
+}
+
+}  // namespace
+
+int socketAt(const std::string& path, int type) {
+    const sockaddr_un address = addressOf(path);
+    const int made = ::socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+    if (::bind(made, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return made;
+    ::close(made);
+    return -1;
+}
+
+int listenAt(const std::string& path) {
+    const std::filesystem::path folder = std::filesystem::path(path).parent_path();
+    std::filesystem::create_directories(folder);
+    std::filesystem::permissions(folder, std::filesystem::perms::owner_all);
+    const int made = socketAt(path, SOCK_STREAM);
+    if (::listen(made, 100) != 0) throw std::runtime_error("cannot listen at " + path);
+    return made;
+}
+
+bool connectSocket(int socket, const std::string& path) {
+    const sockaddr_un address = addressOf(path);
+    return ::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+}
+
+int connectTo(const std::string& path) {
+    const int made = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (connectSocket(made, path)) return made;
+    ::close(made);
+    return -1;
 }
 
 std::vector<std::vector<std::string>> query(const std::string& database, const std::string& sql) {

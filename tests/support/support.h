@@ -2,8 +2,10 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -104,10 +106,28 @@ struct DeliberateLeak {
 bool inChild(const std::function<bool()>& body);
 
 std::string readFile(const std::string& path);
-void writeFile(const std::string& path, const std::string& content);
+// mode: what the file gets; without one it is as the umask has it.
+void writeFile(const std::string& path, const std::string& content, std::optional<unsigned> mode = std::nullopt);
+void writeScript(const std::string& path, const std::string& script);  // of the shell, which anybody may run
+// Every file below the folder, with its mode and content.
+std::map<std::string, std::string> contentsOf(const std::string& folder);
+
+// Unix sockets with a name in the file system; -1 where that fails.
+int socketAt(const std::string& path, int type);
+int listenAt(const std::string& path);  // in a folder that is made where it is missing, and private; throws
+bool connectSocket(int socket, const std::string& path);
+int connectTo(const std::string& path);
 
 // The rows that another program sees: runs `sql` on the file over a connection of its own. NULL reads as "NULL".
 std::vector<std::vector<std::string>> query(const std::string& database, const std::string& sql);
+
+// In digits, two for a byte.
+template <class Bytes>
+std::string hex(const Bytes& bytes) {
+    std::string text;
+    for (const unsigned char byte : bytes) text.append({"0123456789abcdef"[byte >> 4], "0123456789abcdef"[byte & 15]});
+    return text;
+}
 
 // Waits until `condition` holds, looking every 2 ms; false when `limitMs` passed first.
 bool waitUntil(const std::function<bool()>& condition, int limitMs = 20000);

@@ -1,8 +1,6 @@
 // A trail for tests: keys that come and go, lines as the writer makes them, and what stands in a folder.
 #pragma once
 
-#include <fstream>
-#include <iterator>
 #include <mutex>
 #include <set>
 #include <string>
@@ -45,14 +43,6 @@ inline sd::trail::Entry entryOf(const std::string& what, const std::string& key 
     entry.what = what;
     if (!key.empty()) entry.key = key;
     return entry;
-}
-
-inline std::string contentOf(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-inline void putContent(const std::string& path, const std::string& content) {
-    std::ofstream(path, std::ios::binary) << content;
 }
 
 inline std::vector<sd::trail::Line> linesOf(sd::trail::Reader&& reader) {

@@ -1,10 +1,10 @@
 // The trail: a line and back, reading files of any kind from both ends, and what verifying finds.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <random>
 
@@ -69,7 +69,7 @@ protected:
     const Digest mDigest = mKeys.digest();
 
     std::string path(const std::string& name) const { return mFolder.path() + "/" + name; }
-    void write(const std::string& name, const std::string& text) const { test::putContent(path(name), text); }
+    void write(const std::string& name, const std::string& text) const { test::writeFile(path(name), text); }
     std::vector<std::uint64_t> read(Order order, std::optional<Since> since = std::nullopt) const {
         std::vector<std::uint64_t> found;
         for (const Line& line : test::linesOf({mFolder.path(), order, since}))
@@ -253,35 +253,25 @@ public:
         const std::string line = text.substr(at, size), otherLine = other.substr(otherAt, otherSize);
         const std::size_t byte = below(text.size());
         const std::size_t length = std::min(1 + below(2000), text.size() - byte);
-        switch (kind) {
-            case 0:
-                return flip(text);
-            case 1:
-                return void(text[at + below(size - 1)] = static_cast<char>('0' + below(10)));
-            case 2:
-                return void(text.erase(at, size));
-            case 3:
-                return void(text.insert(at, otherLine));
-            case 4:
+        const std::function<void()> kinds[kKinds] = {
+            [&] { flip(text); },
+            [&] { text[at + below(size - 1)] = static_cast<char>('0' + below(10)); },
+            [&] { text.erase(at, size); },
+            [&] { text.insert(at, otherLine); },
+            [&] {
                 text.replace(at, size, otherLine);
-                return &text == &other ? void() : void(other.replace(otherAt, otherSize, line));
-            case 5:
-                return void(text.erase(byte, length));
-            case 6:
-                return void(text.replace(byte, length, length, '\0'));
-            case 7:
-                return void(files.erase(any(files)));
-            case 8:
-                return std::swap(text, other);
-            case 9:
-                return void(files.emplace("trail-000000000" + std::to_string(100 + below(400)) + ".jsonl", text));
-            case 10:
-                return void(text.erase(at));
-            case 11:
-                return void(text.erase(byte));
-            default:
-                return void(text += text.substr(at));
-        }
+                if (&text != &other) other.replace(otherAt, otherSize, line);
+            },
+            [&] { text.erase(byte, length); },
+            [&] { text.replace(byte, length, length, '\0'); },
+            [&] { files.erase(any(files)); },
+            [&] { std::swap(text, other); },
+            [&] { files.emplace("trail-000000000" + std::to_string(100 + below(400)) + ".jsonl", text); },
+            [&] { text.erase(at); },
+            [&] { text.erase(byte); },
+            [&] { text += text.substr(at); },
+        };
+        kinds[kind]();
     }
     void flip(std::string& bytes) {
         char& byte = bytes[below(bytes.size())];

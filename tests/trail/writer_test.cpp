@@ -1,6 +1,5 @@
 // The trail's writer: what a reader finds after commits, kills, other people's hands, full disks, and rotations.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -74,6 +73,11 @@ protected:
         writer.confirm();
     }
     Opening open(Writer& writer) { return writer.open({mSlots.begin(), mSlots.end()}); }
+    // What a start finds that is all there is of a process.
+    std::vector<std::string> damagesAtAStart() {
+        Writer writer(options());
+        return open(writer).damages;
+    }
 
     test::TempDir mFolder;
     test::Keys mKeys;
@@ -132,58 +136,45 @@ TEST_F(WriterTest, WhatAPowerCutTookFromTheFileComesFromTheSlots) {
         }
         onDisk = writer.status().onDisk;
     }
-    const std::string whole = test::contentOf(path());
+    const std::string whole = test::readFile(path());
     const std::vector<std::string> story = storyOf(mFolder.path());
+    const auto isTornOff = ElementsAre(HasSubstr("are in trail.torn"));
+    // A start that finds so much damage puts back all that a slot has.
+    const auto putBack = [&](std::size_t damageCount) {
+        std::vector<std::string> damages = damagesAtAStart();
+        EXPECT_EQ(damages.size(), damageCount);
+        std::vector<std::string> wanted = story;
+        wanted.insert(wanted.end(), damageCount, "DAMAGE");
+        EXPECT_EQ(storyOf(mFolder.path()), wanted);
+        EXPECT_EQ(problem(), "");
+        return damages;
+    };
     // A slow run is synced on its way: what no slot carries is on the disk then, and no cut takes it.
     const std::size_t first = std::max(whole.size() - 6000, endOfLine(whole, onDisk));
     for (std::size_t size = first; size <= whole.size(); size += 97) {
         const std::string zeros(size % 2 == 0 ? size % 5000 : 0, '\0');
-        test::putContent(path(), whole.substr(0, size) + zeros);
-        const bool isTorn = !zeros.empty() || whole[size - 1] != '\n';
-        Writer writer(options());
-        const Opening opening = open(writer);
-        EXPECT_EQ(opening.damages.size(), isTorn ? 1u : 0u) << size;
-        std::vector<std::string> found = storyOf(mFolder.path());
-        if (isTorn) {
-            EXPECT_EQ(found.back(), "DAMAGE");
-            found.pop_back();
-        }
-        EXPECT_EQ(found, story) << size;
-        EXPECT_EQ(problem(), "") << size;
+        test::writeFile(path(), whole.substr(0, size) + zeros);
+        SCOPED_TRACE(size);
+        putBack(!zeros.empty() || whole[size - 1] != '\n' ? 1 : 0);
     }
     // What was written later may be there without what was written before.
     for (std::size_t at = first; at + 700 < whole.size(); at += 501) {
-        test::putContent(path(), std::string(whole).replace(at, 600, 600, '\0'));
-        Writer writer(options());
-        EXPECT_THAT(open(writer).damages, ElementsAre(HasSubstr("are in trail.torn"))) << at;
-        std::vector<std::string> found = storyOf(mFolder.path());
-        found.pop_back();
-        EXPECT_EQ(found, story) << at;
-        EXPECT_EQ(problem(), "") << at;
+        test::writeFile(path(), std::string(whole).replace(at, 600, 600, '\0'));
+        SCOPED_TRACE(at);
+        EXPECT_THAT(putBack(1), isTornOff);
     }
     // What no commit carried is lost there, with what stands behind it.
-    test::putContent(path(), whole);
+    test::writeFile(path(), whole);
     {
         Writer writer(options());
         open(writer);
         for (int i = 0; i < 3; ++i) (void)writer.append(entryOf("REFUSED"));
     }
-    test::putContent(path(), test::contentOf(path()).replace(whole.size() + 10, 300, 300, '\0'));
-    {
-        Writer writer(options());
-        EXPECT_THAT(open(writer).damages, ElementsAre(HasSubstr("are in trail.torn")));
-        std::vector<std::string> found = storyOf(mFolder.path());
-        EXPECT_EQ(found.back(), "DAMAGE");
-        found.pop_back();
-        EXPECT_EQ(found, story);
-        EXPECT_EQ(problem(), "");
-    }
-    {
-        const Slots own = std::exchange(mSlots, Slots{"no line"});
-        Writer writer(options());
-        EXPECT_THAT(open(writer).damages, ElementsAre(HasSubstr("1 lines in the databases are none of the trail")));
-        mSlots = own;
-    }
+    test::writeFile(path(), test::readFile(path()).replace(whole.size() + 10, 300, 300, '\0'));
+    EXPECT_THAT(putBack(1), isTornOff);
+    const Slots own = std::exchange(mSlots, Slots{"no line"});
+    EXPECT_THAT(damagesAtAStart(), ElementsAre(HasSubstr("1 lines in the databases are none of the trail")));
+    mSlots = own;
     // What is zero before the last start, or while a process has the file, no power cut took: it stays, for verifying.
     {
         Writer writer(options());
@@ -191,21 +182,17 @@ TEST_F(WriterTest, WhatAPowerCutTookFromTheFileComesFromTheSlots) {
         (void)writer.append(entryOf("START"));
         commit(writer, {entryOf("SET_SECURE", "started")});
     }
-    const std::string started = test::contentOf(path());
+    const std::string started = test::readFile(path());
     for (const std::size_t at : {std::size_t{20}, whole.size() - 10}) {
-        test::putContent(path(), std::string(started).replace(at, 1, 1, '\0'));
-        Writer writer(options());
-        EXPECT_THAT(open(writer).damages, testing::IsEmpty()) << at;
-        EXPECT_EQ(test::contentOf(path()).size(), started.size());
+        test::writeFile(path(), std::string(started).replace(at, 1, 1, '\0'));
+        EXPECT_THAT(damagesAtAStart(), testing::IsEmpty()) << at;
+        EXPECT_EQ(test::readFile(path()).size(), started.size());
         EXPECT_THAT(problem(), HasSubstr("not JSON"));
     }
     const std::size_t start = started.rfind('{', started.rfind("START"));
-    test::putContent(path(), std::string(started).replace(start, 9, 9, '\0'));
-    {
-        Writer writer(options());
-        EXPECT_THAT(open(writer).damages, ElementsAre(HasSubstr("are in trail.torn")));
-        EXPECT_EQ(problem(), "");
-    }
+    test::writeFile(path(), std::string(started).replace(start, 9, 9, '\0'));
+    EXPECT_THAT(damagesAtAStart(), isTornOff);
+    EXPECT_EQ(problem(), "");
     // A file that is gone was there all the same.
     fs::remove(path());
     {
@@ -213,9 +200,8 @@ TEST_F(WriterTest, WhatAPowerCutTookFromTheFileComesFromTheSlots) {
         EXPECT_FALSE(open(writer).isNew);
     }
     // More than that no power cut takes: somebody did.
-    test::putContent(path(), whole.substr(0, whole.find('\n') + 1));
-    Writer writer(options());
-    EXPECT_THAT(open(writer).damages, Contains(HasSubstr("are missing")));
+    test::writeFile(path(), whole.substr(0, whole.find('\n') + 1));
+    EXPECT_THAT(damagesAtAStart(), Contains(HasSubstr("are missing")));
     EXPECT_THAT(problem(), HasSubstr("behind entry 1"));
 }
 
@@ -235,8 +221,7 @@ TEST_F(WriterTest, ACommitThatWasToldAsFailedAndWasMadeIsTold) {
         (void)writer.append(entryOf("START"));
     }
     EXPECT_THAT(storyOf(mFolder.path()), ElementsAre("START", "SET_SECURE failed", "DAMAGE a", "START"));
-    Writer writer(options());
-    EXPECT_THAT(open(writer).damages, testing::IsEmpty());  // it was told
+    EXPECT_THAT(damagesAtAStart(), testing::IsEmpty());  // it was told
 }
 
 TEST_F(WriterTest, OtherHandsOnTheFileAreTold) {
@@ -247,12 +232,11 @@ TEST_F(WriterTest, OtherHandsOnTheFileAreTold) {
         const char* told;
         bool isLoss;
     } kHands[] = {
-        {[&] { test::putContent(path(), test::contentOf(path()) + "somebody's line\n"); }, "16 bytes behind the last",
+        {[&] { test::writeFile(path(), test::readFile(path()) + "somebody's line\n"); }, "16 bytes behind the last",
          false},
-        {[&] { test::putContent(path(), test::contentOf(path()) + std::string(1 << 20, '\0')); }, "1048576 bytes",
-         false},
+        {[&] { test::writeFile(path(), test::readFile(path()) + std::string(1 << 20, '\0')); }, "1048576 bytes", false},
         {[&] {
-             EXPECT_THAT(test::contentOf(path(kTornFile)), StartsWith("somebody's line\n")) << "and what came later";
+             EXPECT_THAT(test::readFile(path(kTornFile)), StartsWith("somebody's line\n")) << "and what came later";
              fs::rename(path(), path("away")), ::mkfifo(path().c_str(), 0600);
          },
          "is a pipe; it is trail.torn now", true},
@@ -333,7 +317,7 @@ TEST_F(WriterTest, AFileThatCantBeOpenedYetIsGoneOnWithOnceItCan) {
     EXPECT_EQ(problem(), "");
     fs::rename(path(), path("away"));
     fs::create_directory(path());
-    test::putContent(path(kTornFile), "in its way");
+    test::writeFile(path(kTornFile), "in its way");
     for (int i = 0; i < 3; ++i) (void)writer.append(entryOf("REFUSED"));
     EXPECT_EQ(writer.status().waiting, 3u + 1) << "each try finds the same damage";
 }
@@ -383,8 +367,7 @@ TEST_F(WriterTest, ACommitThatMemoryRunsOutOverIsToldOnceOrNotMade) {
     std::vector<std::string> expected;
     for (int kind = 0; kind < 8; ++kind) {
         const bool lasts = (kind & 1) != 0, isLocked = (kind & 2) != 0, isAtEnd = (kind & 4) != 0;
-        bool hasFailed = true;
-        for (std::uint64_t n = 1; hasFailed; ++n) {
+        ScarceMemory::forEach([&](std::uint64_t n) {
             Writer writer(options());
             (void)writer.open({});
             const std::string key = std::to_string(kind) + "." + std::to_string(n);
@@ -394,14 +377,12 @@ TEST_F(WriterTest, ACommitThatMemoryRunsOutOverIsToldOnceOrNotMade) {
             };
             (void)isDone(true, [&] { (void)writer.append(entryOf("REFUSED")); });
             const bool isMade = isDone(!isAtEnd, [&] { (void)writer.prepare({2, entryOf("SET_SECURE", key)}); });
-            hasFailed = ScarceMemory::hasFailed();
             (void)isDone(isAtEnd, [&] { writer.confirm(); });
-            hasFailed = hasFailed || ScarceMemory::hasFailed();
             mKeys.set({"k1"});
             commit(writer, {entryOf("SET_POLICY", key)});
             if (isMade) expected.insert(expected.end(), 2, "SET_SECURE " + key);
             expected.push_back("SET_POLICY " + key);
-        }
+        });
     }
     std::vector<std::string> story = storyOf(mFolder.path());
     story.erase(std::remove(story.begin(), story.end(), "REFUSED"), story.end());
@@ -413,17 +394,14 @@ TEST_F(WriterTest, ACommitThatMemoryRunsOutOverIsToldOnceOrNotMade) {
 TEST_F(WriterTest, ARotationThatMemoryRunsOutOverIsGoneOnWith) {
     WriterOptions small = options();
     small.bytesMax = 8000;
-    bool hasFailed = true;
-    for (std::uint64_t n = 1; hasFailed; ++n) {
+    ScarceMemory::forEach([&](std::uint64_t n) {
         for (const auto& file : fs::directory_iterator(mFolder.path())) fs::remove(file);
         {
             Writer writer(small);
             (void)writer.open({});
             const ScarceMemory scarce(ScarceMemory::Of::Others, n);
             for (int i = 0; i < 40; ++i) commit(writer, {entryOf("SET_SECURE")});  // so many that the thread hurries
-            const auto isOver = [&] {
-                return (hasFailed = ScarceMemory::hasFailed()) || (!rotated().empty() && isAllPacked());
-            };
+            const auto isOver = [&] { return ScarceMemory::hasFailed() || (!rotated().empty() && isAllPacked()); };
             EXPECT_TRUE(test::waitUntil(isOver, 20000)) << n;
         }
         Writer writer(small);
@@ -433,7 +411,7 @@ TEST_F(WriterTest, ARotationThatMemoryRunsOutOverIsGoneOnWith) {
         EXPECT_EQ(std::count(story.begin(), story.end(), "SET_SECURE"), 41) << n;
         EXPECT_THAT(story, testing::Not(Contains("DAMAGE"))) << n;
         EXPECT_EQ(problem(), "") << n;
-    }
+    });
 }
 
 // Also how to follow a trail: a reader that is asked again.
@@ -462,7 +440,7 @@ TEST_F(WriterTest, RotationsKeepTheChainAndDropTheOldest) {
             const std::uint64_t newest = rotated().back().first;
             for (std::uint64_t i = 1; i <= 4 && round == 7; ++i) {
                 planted.push_back(path(rotatedName(newest + i)));
-                test::putContent(planted.back(), "");
+                test::writeFile(planted.back(), "");
             }
         }
         last = writer.status().head.seq;
@@ -476,8 +454,8 @@ TEST_F(WriterTest, RotationsKeepTheChainAndDropTheOldest) {
     const Verdict verdict = verify(mFolder.path(), mKeys.digest());
     EXPECT_EQ(verdict.problem, "");
     EXPECT_EQ(verdict.head.seq, last);
-    test::putContent(path(rotatedName(UINT64_MAX)), "");
-    test::putContent(path(rotatedName(0)), "what no verification would see\n");
+    test::writeFile(path(rotatedName(UINT64_MAX)), "");
+    test::writeFile(path(rotatedName(0)), "what no verification would see\n");
     EXPECT_GT(verdict.first, 1u);
     EXPECT_EQ(test::linesOf({mFolder.path(), Order::NewestFirst}).size(), verdict.lines);
     fs::remove(path(files.front().name));
