@@ -2,7 +2,6 @@
 #include "descriptions/descriptions.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -115,81 +114,6 @@ TEST(ValueTest, EachTypeHasOneForm) {
     for (const char* const slip : {"drak", "sarl", "drax"})
         EXPECT_THAT(checkValue(theme, slip).remedy, HasSubstr("did you mean \"dark\"?"));
     EXPECT_THAT(checkValue(theme, "fjok").remedy, Not(HasSubstr("did you mean")));
-}
-
-TEST(DescriptionTest, EachMistakeIsNamedWithItsLineAndARemedy) {
-    struct Mistake {
-        const char* description;  // a line of the file
-        const char* what;
-        const char* remedy;
-    };
-    const Mistake mistakes[] = {
-        {R"("a1": {"type": "boolean"})", "\"boolean\" is no type", "did you mean \"bool\""},
-        {R"("a2": {"type": "strng"})", "\"strng\" is no type", "did you mean \"string\""},
-        {R"("a2": {"type": "nit"})", "\"nit\" is no type", "did you mean \"int\""},
-        {R"("a3": {"summary": "x"})", "is missing", "write one of bool"},
-        {R"("a4": {"type": "int", "defualt": 1})", "is no field", "did you mean \"default\""},
-        {R"("a5": {"type": "int", "default": 0, "minimum": 1})", "is less than the smallest, 1", "at least 1"},
-        {R"("a6": {"type": "int", "default": 70000, "maximum": 65535})", "more than the largest", "at most 65535"},
-        {R"("a7": {"type": "int", "default": "4"})", "is a text; it has to be a number", "without quotation marks"},
-        {R"("a8": {"type": "int", "default": 4.5})", "is no whole number", "a whole number"},
-        {R"("a9": {"type": "bool", "default": "true"})", "has to be true or false", "without quotation marks"},
-        {R"("b0": {"type": "color", "pattern": "x"})", "makes no sense of the type color", "delete it"},
-        {R"("b1": {"type": "int", "minimum": 9, "maximum": 3})", "is more than \"maximum\", 3", "exchange"},
-        {R"("b2": {"type": "string", "minimum": 3})", "makes no sense of the type string", "delete it"},
-        {R"("b3": {"type": "duration", "default": "5"})", "has no unit", "put one behind"},
-        {R"("b4": {"type": "duration", "maximum": "5 sec"})", "is no duration", "in w, d, h, m, s or ms"},
-        {R"("b5": {"type": "size", "default": "10 Mbit"})", "is no size", "64KiB"},
-        {R"("b6": {"type": "bool", "unit": "ms"})", "makes no sense of the type bool", "delete it"},
-        {R"("b7": {"type": "enum", "enum": ["dark", "light"], "default": "drak"})", "none of the allowed",
-         "did you mean \"dark\""},
-        {R"("b8": {"type": "enum", "enum": ["dark"], "words": {"drak": "x"}})", "doesn't allow", "\"dark\""},
-        {R"("b9": {"type": "enum"})", "is missing", "list what is allowed"},
-        {R"("c1": {"type": "enum", "enum": ["a", "a"]})", "has \"a\" twice", "keep one"},
-        {R"("c2": {"type": "int", "enum": ["1"]})", "goes with the type enum alone", "\"type\": \"enum\""},
-        {R"("c3": {"type": "string", "pattern": "(a"})", "can't be read", "RE2"},
-        {R"("c4": {"type": "string", "pattern": "a(?=b)c"})", "look-ahead", "RE2"},
-        {R"("c5": {"type": "string", "pattern": "((a{100}){100}){100}"})", "1,000 times", "RE2"},
-        {R"("c6": {"type": "string", "pattern": "^a", "default": "b"})", "does not fit the pattern", "is found"},
-        {R"("c7": {"type": "string", "secret": true, "default": "pw"})", "is a secret that everybody", "delete it"},
-        {R"("c8": {"type": "string", "secret": true, "store": "property"})", "keeps a secret where", "secure"},
-        {R"("c9": {"type": "int", "store": "secret"})", "is no store", "\"property\" or \"secure\""},
-        {R"("d1": {"type": "int", "governable": true})", "no policy governs", "\"store\": \"secure\""},
-        {R"("d2": {"type": "array"})", "is missing", "\"items\""},
-        {R"("d3": {"type": "array", "items": {"type": "array"}})", "an array in an array", "json"},
-        {R"("d4": {"type": "array", "items": {"type": "int"}, "default": [1, "2"]})", "is a text", "write a number"},
-        {R"("d5": {"type": "url", "default": "example.org"})", "has no scheme", "https://"},
-        {R"("d6": {"type": "path", "default": "~/x"})", "a shell alone", "write the folder out"},
-        {R"("d0": {"type": "enum", "enum": ["a"], "default": ""})", "is empty", "delete it"},
-        {R"("d7": {"type": "color", "default": "red"})", "is no color", "#rrggbb"},
-        {R"("d8": {"type": "int", "replacedBy": "a.b"})", "without \"deprecated\"", "\"deprecated\": true"},
-        {R"("d9": {"type": "int", "translations": {"german": {}}})", "is no locale", "\"de\""},
-        {R"("e0": {"type": "int", "translations": {"de.utf8": {}}})", "is no locale", "\"de\""},
-        {R"("e9": {"type": "int", "translations": []})", "it has to be an object", "write an object"},
-        {R"("e1": {"type": "int", "translations": {"de": {"sumary": "x"}}})", "no field", "did you mean \"summary\""},
-        {R"("e2": {"type": "int", "summary": "two\nlines"})", "has several lines", "description"},
-        {R"("e3": {"type": "int", "summary": 4})", "has to be a text", "quotation marks"},
-        {R"("e4": {"type": "int", "since": "1", "since": "2"})", "stands there twice", "keep one"},
-        {R"("e5": 5)", "it has to be an object", "write an object"},
-        {R"("e6": {"type": "int" "default": 4})", "is no JSON", "comma"},
-        {R"("*.e7": {"type": "int"})", "keys of everybody", "a glob as"},
-        {R"("A1": {"type": "int"}, "a1": {"type": "int"})", "already", "keep one"},
-        {R"("": {"type": "int"})", "without a name", "name a key"},
-        {"\"e\xff\": {\"type\": \"int\"}", "no JSON text", "backslash"},
-    };
-    std::string text;
-    for (const Mistake& mistake : mistakes) text += std::string(text.empty() ? "" : ",\n") + mistake.description;
-    const auto found = lint({fileOf(text)});
-    int line = 1;
-    for (const Mistake& mistake : mistakes) {
-        ++line;
-        const bool isNamed = std::any_of(found.begin(), found.end(), [&](const DescriptionLint& one) {
-            return one.isFault && one.fault.line == line && one.fault.what.find(mistake.what) != std::string::npos &&
-                   one.fault.remedy.find(mistake.remedy) != std::string::npos;
-        });
-        EXPECT_TRUE(isNamed) << mistake.description;
-    }
-    EXPECT_EQ(found.size(), std::size(mistakes)) << "and nothing else is told";
 }
 
 TEST(DescriptionTest, ThousandRightFilesHaveNoFinding) {

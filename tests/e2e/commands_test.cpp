@@ -1,9 +1,8 @@
 // What scripted sessions of the command line print, compared with NAME.golden: those who script it know each line, each
 // member of --json and each exit code. Lines "$ COMMAND" are typed into a shell; what stands below is what they print,
 // and behind "!" what they say on standard error. "$ service OPTIONS" starts the service, "$ stop" ends it and shows
-// what it said, "$ kill" kills it; "@" is the session's folder.
+// what it said, "$ kill" kills it; "@" is the session's folder, and $SESSIONS that of the golden files.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,6 +14,7 @@
 #include <sstream>
 
 #include "tests/e2e/sandbox.h"
+#include "tests/support/legacy_database.h"
 
 namespace test {
 namespace {
@@ -30,8 +30,7 @@ protected:
             return "";
         }
         if (command == "stop") {
-            mService->kill(SIGTERM);
-            EXPECT_EQ(mService->wait(), 0) << mService->err();
+            EXPECT_EQ(mService->stop(), 0) << mService->err();
             const std::string said = mService->err();
             mService.reset();
             return alike(said);
@@ -43,6 +42,7 @@ protected:
         Environment typed = environment();
         typed.insert({{"PATH", folderOf(SDCONFIG_CLI) + ":" + folderOf(SDCONFIGD) + ":" + folderOf(SDCONFIG_KEYGEN) +
                                    ":/usr/bin:/bin"},
+                      {"SESSIONS", GOLDEN_SESSIONS},
                       {"TZ", "UTC"},
                       {"LC_ALL", "C.UTF-8"}});
         const Result result = run({"bash", "-c", "cd " + path("") + "; " + command}, typed, "", kLineLimitMs);
@@ -81,6 +81,7 @@ private:
             {std::regex("[^\n]* takes \\d+ ms\n"), ""},
             {std::regex("( bytes, )[0-9a-f]{8}\\]"), "$1DIGEST]"},
             {std::regex("\\d{4}-\\d\\d-\\d\\d[T ]\\d\\d:\\d\\d(:\\d\\d(\\.\\d+)?)?(Z|[+-]\\d\\d:?\\d\\d)?"), "TIME"},
+            {std::regex("\\.\\d{8}T\\d{6}Z(-\\d)?"), ".TIME"},
             {std::regex("\\b[0-9a-f]{16,}\\b"), "HEX"},
             {std::regex("(pid\"?[ :=]+|process |/proc/)\\d+"), "$1PID"},
             {std::regex("(uid\"?[ :=]+)\\d+"), "$1UID"},
@@ -124,6 +125,20 @@ TEST_F(CommandsTest, SetAndApplyPolicies) {
     ::kill(contained, SIGKILL);
     ::waitpid(contained, nullptr, 0);
     ::close(ready[0]);
+}
+
+TEST_F(CommandsTest, CarryEarlierDataOver) {
+    for (const char* file : {"untouched", "used"}) makeLegacyDatabase(path(file));
+    query(path("used"), kUsedSince);
+    expectSession("upgrades");
+}
+
+TEST_F(CommandsTest, FindWhatIsWrongWithAFolder) {
+    expectSession("checks");
+}
+
+TEST_F(CommandsTest, WrapAndOpenRings) {
+    expectSession("rings");
 }
 
 TEST_F(CommandsTest, KnowDescribedKeys) {

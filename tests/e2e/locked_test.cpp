@@ -1,6 +1,5 @@
 // A service and commands whose key ring is wrapped, and that nothing at hand opens.
 #include <gmock/gmock.h>
-#include <sys/stat.h>
 
 #include <filesystem>
 
@@ -74,8 +73,7 @@ TEST_F(LockedTest, IsServedWithoutItsKeysAndLeavesEveryRow) {
     EXPECT_EQ(rows(), before);
 
     const TempDir unit;
-    writeFile(unit / "sdsecurity.passphrase", kWords);
-    ::chmod((unit / "sdsecurity.passphrase").c_str(), 0400);
+    writeFile(unit / "sdsecurity.passphrase", kWords, 0400);
     const ScopedEnv credentials("CREDENTIALS_DIRECTORY", unit.path().c_str());
     const Process service = startService();
     EXPECT_EQ(cli({"secure", "get", "a"}).out, "value\n");
@@ -107,32 +105,6 @@ TEST_F(LockedTest, ARingThatWasHandedOverOpensByWhatIsTyped) {
         EXPECT_THAT(told({"key", by}, std::string(kWords) + "\n"),
                     AllOf(HasSubstr("can't be read here: " + path("data/sdsecurity.keys")),
                           HasSubstr("sdsecurity.passphrase in $CREDENTIALS_DIRECTORY")));
-}
-
-TEST_F(LockedTest, EachCommandSaysLockedAndNoneDamaged) {
-    const std::string data = path("data"), file = path("backup"), copy = path("copy");
-    const auto isLocked = AllOf(HasSubstr("can't be opened now"), HasSubstr("it is locked"), Not(HasSubstr("damaged")));
-    EXPECT_THAT(told({"check", data}), AllOf(isLocked, HasSubstr("secure values 8, policies 1, findings 1")));
-    EXPECT_THAT(told({"list", "--show", "--data-dir", data}), AllOf(isLocked, Not(HasSubstr("restore it"))));
-    EXPECT_THAT(told({"key", "list", "--data-dir", data}), isLocked);
-    EXPECT_THAT(told({"explain", "a", "--data-dir", data}), HasSubstr("can't be opened while the key ring is locked"));
-    EXPECT_THAT(told({"upgrade", "--force", data}), AllOf(isLocked, HasSubstr("sdconfig key recover\n")));
-    const Result backup = cli({"backup", file, data}, "p\np\n");
-    EXPECT_EQ(backup.exitCode, 0) << backup.err;
-    EXPECT_THAT(backup.out, HasSubstr("key ring sealed"));
-    const Result restored = cli({"restore", file, copy}, "p\n");
-    EXPECT_EQ(restored.exitCode, 0) << restored.err;
-    EXPECT_THAT(restored.err, AllOf(HasSubstr("recovery code"), Not(HasSubstr("can't be opened or used"))));
-    EXPECT_EQ(readFile(copy + "/sdsecurity.keys"), readFile(data + "/sdsecurity.keys"));
-
-    sd::SDSecurity& security = *sd::SDSecurity::GetInstance();
-    security.SetKeyRingFolder(copy);
-    std::string key;
-    security.MakeSlotKey(Kind::Passphrase, Use::Standing, kWords, key);
-    EXPECT_EQ(security.Unlock(key).outcome, Outcome::Done);
-    EXPECT_EQ(security.UnprotectAll().outcome, Outcome::Done);
-    EXPECT_EQ(cli({"backup", path("plain"), copy}, "p\np\n").exitCode, 0);
-    EXPECT_THAT(told({"restore", path("plain"), data, "--force"}, "p\n"), HasSubstr("was wrapped, and that of the"));
 }
 
 }  // namespace

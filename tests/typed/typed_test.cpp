@@ -16,7 +16,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using testing::ElementsAre;
-using testing::HasSubstr;
 
 class TypedTest : public test::Sandbox {
 protected:
@@ -100,8 +99,7 @@ TEST_F(TypedTest, AWatchOutlivesRestartsOfTheService) {
     cli({"policy", "set", "exchange.a.string", "grün", "10"});
     EXPECT_TRUE(test::waitUntil([&] { return heard.all().size() == 2; }));
 
-    service->kill(SIGKILL);
-    service->wait();
+    service->stop(SIGKILL);
     service.emplace(startService());  // the property is gone with it
     EXPECT_TRUE(test::waitUntil([&] { return heard.all().size() == 3; }, 20000));
     EXPECT_THAT(heard.all(), ElementsAre("port 1", "string grün", "port 8080"));
@@ -145,35 +143,6 @@ TEST(KeygenTest, ConstantsAreWhatTheFileSays) {
     EXPECT_EQ(exchange::durations("a").defaultValue(), std::vector{std::chrono::milliseconds(1s)});
     EXPECT_EQ(exchange::color.standard, sd::Color{0x336699ff});
     static_assert(std::is_same_v<decltype(exchange::int_), const sd::KeyFamily<std::int64_t>>);
-}
-
-TEST_F(TypedTest, KeygenNamesWhatIsWrongAndWritesNothing) {
-    const auto keygen = [&](const std::string& keys) {
-        test::writeFile(path("bad.keys.json"), "{\"keys\": {\n" + keys + "}}");
-        const test::Result ran = test::run({SDCONFIG_KEYGEN, path("bad.keys.json"), "-o", path("keys.h")});
-        EXPECT_EQ(ran.exitCode, 1) << keys;
-        EXPECT_FALSE(std::filesystem::exists(path("keys.h")));
-        return ran.err;
-    };
-    EXPECT_THAT(keygen(R"("a.b": {"type": "integer"})"), HasSubstr("bad.keys.json, line 2, \"a.b\", \"type\": "));
-    EXPECT_THAT(keygen("\"a.b-c\": {\"type\": \"int\"},\n\"a.b_c\": {\"type\": \"int\"}"),
-                HasSubstr("line 3, \"a.b_c\": would be called a::b_c, as is "));
-    EXPECT_THAT(keygen(R"("a.b": {"type": "enum", "enum": ["x y", "x_y"]})"), HasSubstr("would be called x_y, as is"));
-
-    const test::Result twice = test::run({SDCONFIG_KEYGEN, path("bad.keys.json"), path("none.keys.json")});
-    EXPECT_EQ(twice.exitCode, 1);
-    EXPECT_THAT(twice.err, HasSubstr("none.keys.json"));
-    // What a later C++ takes for itself, and what a program can't use for other things.
-    test::writeFile(path("good.keys.json"), R"({"keys": {"std.sd.main.errno.linux.unix.char8_t.concept.requires)"
-                                            R"(.consteval.constinit.co_await.co_return.co_yield.class": )"
-                                            R"({"type": "string", "default": "??/\u0001\""}}})");
-    const auto good = test::run({SDCONFIG_KEYGEN, path("good.keys.json"), path("good.keys.json"), "--namespace", "x"});
-    EXPECT_THAT(good.err, HasSubstr("is described already in"));
-    const test::Result written = test::run({SDCONFIG_KEYGEN, path("good.keys.json"), "--namespace", "x"});
-    EXPECT_THAT(written.out, HasSubstr("namespace x::std_::sd_::main_::errno_::linux_::unix_::char8_t_::concept_::"
-                                       "requires_::consteval_::constinit_::co_await_::co_return_::co_yield_ {"));
-    EXPECT_THAT(written.out, HasSubstr(R"(co_yield.class", sd::Store::Property, "\?\?/\001\"", {}};)"));
-    EXPECT_EQ(test::run({SDCONFIG_KEYGEN, path("good.keys.json"), "--namespace", "a::"}).exitCode, 2);
 }
 
 }  // namespace
