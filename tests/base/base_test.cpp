@@ -86,6 +86,12 @@ TEST(TextTest, TheLocalesEncodingAsIconvHasIt) {
 TEST(EscapedTest, ShowsCharactersAndTheBytesOfWhatIsNone) {
     const std::string kept = "a \xc3\xa4 \xe2\x82\xac \xf0\x9f\x98\x80 \xf4\x8f\xbf\xbf";
     EXPECT_EQ(escaped(kept), kept);
+    // What acts on a terminal or turns the direction, the first and the last of each kind, and their neighbours.
+    const std::string neighbours = u8" ~\u00a0\u061b\u061d\u200d\u2010\u2029\u202f\u2065\u206a";
+    EXPECT_EQ(escaped(neighbours), neighbours);
+    for (const std::string control : {"\x01", "\x1f", "\x7f", u8"\u0080", u8"\u009f", u8"\u061c", u8"\u200e",
+                                      u8"\u200f", u8"\u202a", u8"\u202e", u8"\u2066", u8"\u2069"})
+        EXPECT_EQ(escaped(control).substr(0, 2), "\\x") << escaped(control);
     // Overlong ones, a surrogate, one beyond Unicode, and what is cut off.
     for (const char* text : {"\xc0\xaf", "\xc1\xbf", "\xe0\x9f\xbf", "\xf0\x8f\xbf\xbf", "\xed\xa0\x80",
                              "\xf4\x90\x80\x80", "\xe2\x82", "\x80", "\xff"}) {

@@ -283,9 +283,12 @@ TEST_F(DaemonTest, RefusesDamageAndLeavesItAsItIs) {
     std::filesystem::remove(socketPath());
     const std::string soundDatabase = readFile(database);
     const std::string soundLog = readFile(log);
-    std::string damaged = soundLog;
-    damaged[100] ^= 1;
-    refuse(log, damaged, "the log " + log + " is damaged at byte 32");
+    std::string damaged;
+    for (const auto& [byte, told] : {std::pair(100, "32"), std::pair(3, "0")}) {
+        damaged = soundLog;
+        damaged[byte] ^= 2;
+        refuse(log, damaged, "the log " + log + " is damaged at byte " + told);
+    }
     writeFile(log, soundLog);
     refuse(database, "", "missing or empty beside its log");
     EXPECT_EQ(readFile(log), soundLog);

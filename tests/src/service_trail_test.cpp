@@ -215,6 +215,7 @@ TEST_F(ServiceTrailTest, GoesOnUnderAnotherKeyWhereItsOwnOpensNothing) {
     EXPECT_EQ(left[1].why, "key " + key + " disabled");
     EXPECT_NE(left[1].ring, key);
     EXPECT_NE(left[2].newDigest, rotated[1].newDigest);
+    EXPECT_EQ(call("TRAIL_STATUS")->getString(3), left.back().ring);
     call("KEY_ENABLE", key, true);
     EXPECT_EQ(trail::verify(mService.data().path(), digest).problem, "");
     EXPECT_FALSE(log.has(key, 7)) << "the layer is not asked for what it can't do";
