@@ -271,7 +271,8 @@ TEST_F(GoldenTest, EveryLineIsWhatItWas) {
         for (const char* sql : {"CREATE TABLE a(x); CREATE TABLE b(x)", "SELECT 1", "nonsense"})
             EXPECT_FALSE(database.executeCommand(sql));
         EXPECT_EQ(query(path("etc/statements.db"), "SELECT name FROM sqlite_master").size(), 0U);
-        EXPECT_EQ(sd::data::SQLiteStatement(database, "SELECT 1").step(), 0) << "it was not prepared";
+        sd::data::SQLiteStatement unprepared(database, "SELECT 1");
+        EXPECT_TRUE(unprepared.step() == 0 && unprepared.getColumnInt(0) == 0);
         const sd::data::TableField misplaced{1, "id", 0, "", "", 0};
         sd::data::SQLiteTable(database, "t").create(&misplaced, 1);
     });

@@ -101,7 +101,8 @@ TEST_F(KeyringSlotTest, OneProgramAnswersAllUntilItFails) {
                                  "[ $word = store ] && answer=" +
                                  kId + " || answer=" + kKeyDigits +
                                  "\n"
-                                 "echo $number done $answer; read number word rest; done; exit 9"),
+                                 "printf '%s do' $number; sleep 0.05; echo ne $answer\n"  // a line in two pieces
+                                 "read number word rest; done; exit 9"),
                          {60s, 1h, 1h});
     const SlotAnswer stored = helper.store(kKey);
     EXPECT_EQ(stored.outcome, Outcome::Done) << stored.reason;

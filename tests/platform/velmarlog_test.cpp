@@ -97,6 +97,7 @@ TEST(StandardErrorTest, LetsNoTextForgeALineOrDriveTheTerminal) {
         {"\x1b[2J\r\x7f\tb", "\\x1b[2J\\x0d\\x7f\tb"},
         {"\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80", "\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80"},
         {"\x9b\x80|\xc2\x9b|\xff|\xc3|\xc0\xaf", "\\x9b\\x80|\\xc2\\x9b|\\xff|\\xc3|\\xc0\\xaf"},
+        {u8"\u00a0\u0800\U00010000", u8"\u00a0\u0800\U00010000"},
         {"\xe0\x80\xaf\xed\xa0\x80|\xe2\x82", "\\xe0\\x80\\xaf\\xed\\xa0\\x80|\\xe2\\x82"},
         {std::string(65536, 'x'), std::string(65536, 'x')},
         {std::string(65537, 'x'), std::string(65536, 'x') + " [cut: 65537 bytes]"},
