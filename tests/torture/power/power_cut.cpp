@@ -36,8 +36,8 @@ namespace fs = std::filesystem;
 using torture::Failed;
 
 // States between two that are looked at as a whole, and between two on which the start is cut, too.
-constexpr int kLookEach = 16;
-constexpr int kCutAgainEach = 32;
+constexpr int kLookEach = 24;
+constexpr int kCutAgainEach = 64;
 constexpr int kCutsAgain = 2;
 constexpr char kWithoutSyncs[] = "--without-syncs";
 
