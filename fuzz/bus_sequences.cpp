@@ -59,10 +59,9 @@ constexpr char kRestart[] = "restart";  // of the service's end of the bus: all 
 
 const std::vector<std::string>& kinds() {
     static const std::vector<std::string> sKinds = [] {
-        std::vector<std::string> all = torture::weightedMethods();
+        std::vector<std::string> all = Model::weightedMethods();
         all.insert(all.end(), kUpkeep.begin(), kUpkeep.end());
-        all.insert(all.end(), {"LISTENERS_LIST", kSubscribe, kSubscribe, kSubscribe, kWait, kWait, kLeave, kHangUp,
-                               kHangUp, kRestart});
+        all.insert(all.end(), {kSubscribe, kSubscribe, kSubscribe, kWait, kWait, kLeave, kHangUp, kHangUp, kRestart});
         return all;
     }();
     return sKinds;

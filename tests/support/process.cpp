@@ -44,7 +44,8 @@ std::string contentOf(int file) {
     return content;
 }
 
-// Everything that the child needs for exec, made before the fork: after it only async-signal-safe calls are allowed.
+// Everything that the child needs for exec, made before the fork: after it only async-signal-safe calls are allowed, and
+// none that changes memory, which may be the parent's.
 class ExecPlan {
 public:
     ExecPlan(const std::vector<std::string>& arguments, const Environment& environment)
@@ -100,20 +101,30 @@ void end(pid_t pid, int exitCode) {
 
 Process Process::start(const std::vector<std::string>& arguments, const Environment& environment,
                        const std::string& input) {
-    const ExecPlan plan(arguments, environment);
     const int in = memoryFile(input);
     Process process;
     process.mOut = memoryFile("");
-    process.mErr = memoryFile("");
-    process.mPid = check(::fork(), "fork");
-    if (process.mPid == 0) {
-        ::dup2(in, STDIN_FILENO);
-        ::dup2(process.mOut, STDOUT_FILENO);
-        ::dup2(process.mErr, STDERR_FILENO);
-        plan.exec();
-    }
+    process.exec(arguments, environment, in, process.mOut);
     ::close(in);
     return process;
+}
+
+Process Process::start(const std::vector<std::string>& arguments, const Environment& environment, int socket) {
+    Process process;
+    process.exec(arguments, environment, socket, socket);
+    return process;
+}
+
+void Process::exec(const std::vector<std::string>& arguments, const Environment& environment, int in, int out) {
+    const ExecPlan plan(arguments, environment);
+    mErr = memoryFile("");
+    // A fork would copy the page tables of a program that has much to replay, thousands of times.
+    mPid = check(::vfork(), "vfork");  // NOLINT(clang-analyzer-security.insecureAPI.vfork)
+    if (mPid != 0) return;
+    ::dup2(in, STDIN_FILENO);
+    ::dup2(out, STDOUT_FILENO);
+    ::dup2(mErr, STDERR_FILENO);
+    plan.exec();
 }
 
 Process::Process(Process&& other) noexcept

@@ -26,6 +26,8 @@ public:
     // Throws std::runtime_error where no process could be made; an absent program ends with code 127.
     static Process start(const std::vector<std::string>& arguments, const Environment& environment = {},
                          const std::string& input = "");
+    // One that is talked with: the socket is its input and its output.
+    static Process start(const std::vector<std::string>& arguments, const Environment& environment, int socket);
 
     Process(Process&& other) noexcept;
     Process& operator=(Process&& other) = delete;
@@ -48,6 +50,7 @@ public:
 
 private:
     Process() = default;
+    void exec(const std::vector<std::string>& arguments, const Environment& environment, int in, int out);
 
     pid_t mPid = 0;
     int mOut = -1;

@@ -26,10 +26,8 @@ extern "C" __attribute__((visibility("default"))) const char* __tsan_default_opt
 
 namespace test {
 
-TempDir::TempDir() {
-    char name[] = "/tmp/sdtest-XXXXXX";
-    if (!::mkdtemp(name)) throw std::runtime_error("mkdtemp failed");
-    mPath = name;
+TempDir::TempDir(const std::string& prefix) : mPath(prefix + "XXXXXX") {
+    if (!::mkdtemp(mPath.data())) throw std::runtime_error("no folder " + mPath + " can be made");
 }
 
 TempDir::~TempDir() {

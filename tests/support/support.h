@@ -15,10 +15,10 @@
 
 namespace test {
 
-// A fresh folder under /tmp, removed with everything in it at the end. Its path is short enough for a socket's name.
+// A fresh folder, removed with everything in it at the end. Its path is short enough for a socket's name.
 class TempDir {
 public:
-    TempDir();
+    explicit TempDir(const std::string& prefix = "/tmp/sdtest-");
     ~TempDir();
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;

@@ -51,27 +51,41 @@ std::string callAtTheEnd(const std::string& text) {
     return beforeTheLibrary.mText = sAfterTheLibrary.mText = text;
 }
 
+[[noreturn]] void giveUp(const char* why) {
+    std::fputs(why, stderr);
+    ::_exit(3);
+}
+
 // No operation of the facades throws, not even for want of memory.
 template <class Operation>
 auto quiet(Operation operation) -> decltype(operation()) {
     try {
         return operation();
     } catch (...) {
-        std::fputs("a facade threw\n", stderr);
-        ::_exit(3);
+        giveUp("a facade threw\n");
     }
 }
 
-// Counts the events; calls the service from inside each, and counts the answers, and the events, that are not its own.
+// A question that has no answer ends as one that finds no memory.
+void expect(bool isAnswered) {
+    if (!isAnswered) throw std::bad_alloc();
+}
+
+// Whether the service gives it back.
+bool isSigned(const std::string& text) {
+    const std::string answer = quiet([&] { return config().SignRequest(text); });
+    if (!answer.empty() && answer != text) giveUp("a call got another one's answer\n");
+    return !answer.empty();
+}
+
+// Counts the events of its key, and calls the service from inside each.
 class Listener : public sd::DMConfig::Listener {
 public:
-    explicit Listener(std::string key = "") : mKey(std::move(key)) {}
+    explicit Listener(std::string key) : mKey(std::move(key)) {}
 
     void onChanged(const std::string& key, const std::string& value, bool /*flag*/) override {
-        const std::string text = "from listener " + value;
-        const std::string answer = quiet([&] { return config().SignRequest(text); });
-        const bool isAnothers = !mKey.empty() && key != mKey;
-        if (isAnothers || (!answer.empty() && answer != text)) ++mWrong;
+        (void)isSigned("from listener " + value);
+        if (key != mKey) giveUp("a listener was told of another one's key\n");
         const std::lock_guard lock(mMutex);
         ++mCount;
         mLast = value;
@@ -79,24 +93,24 @@ public:
     }
     std::string told() {
         const std::lock_guard lock(mMutex);
-        return std::to_string(mCount) + " " + std::to_string(mWrong) + " " + mLast;
+        return std::to_string(mCount) + " " + mLast;
     }
     // The last value, as soon as it is the one that is waited for.
-    std::string heard(const std::string& value, std::chrono::milliseconds most) {
+    std::string heard(const std::string& value) {
+        constexpr std::chrono::seconds kPatience{5};
         std::unique_lock lock(mMutex);
-        mCame.wait_for(lock, most, [&] { return mLast == value; });
-        return mWrong == 0 ? mLast : "what is another's";
+        mCame.wait_for(lock, kPatience, [&] { return mLast == value; });
+        expect(mCount > 0);
+        return mLast;
     }
 
 private:
-    const std::string mKey;  // "" for any
+    const std::string mKey;
     std::mutex mMutex;
     std::condition_variable mCame;
-    std::atomic<int> mWrong{0};
     int mCount = 0;
-    std::string mLast = "-";
+    std::string mLast;
 };
-Listener sListener;
 
 Listener& listenerOf(const std::string& key) {
     static auto& sListeners = *new std::map<std::string, std::unique_ptr<Listener>>;
@@ -120,22 +134,17 @@ std::thread interrupter(pthread_t thread, const std::atomic<bool>& on) {
     });
 }
 
-// Each call asks for a text of its own. Returns how many came back: "right wrong failed". Where there is no thread, or
-// no memory for what is asked, that has failed.
-std::string callFromThreads(int threads, int calls, bool interrupted) {
-    std::atomic<int> right{0}, wrong{0};
-    const auto callOnce = [&](int number, int i) {
-        const std::string text = std::to_string(::getpid()) + "." + std::to_string(number) + "." + std::to_string(i);
-        const std::string answer = quiet([&] { return config().SignRequest(text); });
-        if (!answer.empty()) ++(answer == text ? right : wrong);
-    };
+// Each call asks for a text of its own. Returns how many came back. Where there is no thread, or no memory for what is
+// asked, that has failed.
+int callFromThreads(int threads, int calls, bool interrupted) {
+    std::atomic<int> right{0};
     const auto work = [&](int number) {
         std::atomic<bool> storming{interrupted};
         std::thread storm;
         if (interrupted) storm = interrupter(pthread_self(), storming);
         for (int i = 0; i < calls; ++i) {
             try {
-                callOnce(number, i);
+                right += isSigned(std::to_string(::getpid()) + "." + std::to_string(number) + "." + std::to_string(i));
             } catch (const std::bad_alloc&) {  // of the texts
             }
         }
@@ -143,65 +152,40 @@ std::string callFromThreads(int threads, int calls, bool interrupted) {
         if (storm.joinable()) storm.join();
     };
     std::vector<std::thread> running;
-    running.reserve(static_cast<size_t>(threads));
     try {
         for (int i = 0; i < threads; ++i) running.emplace_back(work, i);
     } catch (const std::exception&) {  // none is left
     }
     for (std::thread& thread : running) thread.join();
-    const int failed = threads * calls - right - wrong;
-    return std::to_string(right) + " " + std::to_string(wrong) + " " + std::to_string(failed);
+    return right;
 }
 
-// In a child: tells its parent. An exception must not lead back into what the parent does.
+// In a child: tells its parent.
 [[noreturn]] void tellFromChild(int pipe) {
     constexpr unsigned kPatience = 15;
     ::alarm(kPatience);
-    try {
-        const std::string told = callFromThreads(4, 5, false);
-        ::_exit(::write(pipe, told.data(), told.size()) == static_cast<ssize_t>(told.size()) ? 0 : 1);
-    } catch (const std::bad_alloc&) {
-        ::_exit(0);
-    }
+    const int right = callFromThreads(4, 5, false);
+    ::_exit(::write(pipe, &right, sizeof right) == static_cast<ssize_t>(sizeof right) ? 0 : 1);
 }
 
-// A child that calls from four threads, while the parent calls too: what both say, "right wrong failed" each.
+// A child calls from four threads, while the parent calls too: how many of both were right.
 std::string callFromChild() {
     int pipe[2];
-    if (::pipe(pipe) != 0) return "";
+    if (::pipe(pipe) != 0) return "0";
     const pid_t child = ::fork();
     if (child == 0) tellFromChild(pipe[1]);
     ::close(pipe[1]);
-    char text[64] = {};
-    int status = 0;
-    const auto awaitChild = [&] {
-        (void)!::read(pipe[0], text, sizeof text - 1);
-        ::close(pipe[0]);
-        if (child > 0) ::waitpid(child, &status, 0);
-    };
-    std::string own;
-    try {
-        own = callFromThreads(2, 5, false);
-    } catch (const std::bad_alloc&) {
-        awaitChild();
-        if (status == 0) throw;
-    }
-    awaitChild();
-    return status == 0 ? own + " " + text : "child ended with " + std::to_string(status);
+    const int own = callFromThreads(2, 5, false);
+    int others = 0, status = 0;
+    (void)!::read(pipe[0], &others, sizeof others);
+    ::close(pipe[0]);
+    if (child > 0) ::waitpid(child, &status, 0);
+    if (status != 0) giveUp("a child ended amid its calls\n");
+    return std::to_string(own + others);
 }
 
 std::string bit(bool value) {
     return value ? "1" : "0";
-}
-
-std::string priorityAndValue(const sd::PolicyMap& policy) {
-    return policy.empty() ? "-" : std::to_string(policy.begin()->second) + " " + policy.begin()->first;
-}
-
-// A restarted service has forgotten who listens.
-std::string listenAgain(const std::string& key) {
-    if (policies().IsAllConfigsAlreadyListened({key})) return "1";
-    return bit(policies().RegisterListenersWithList({{key, &sListener}}, true));
 }
 
 std::string inRing(const std::string& folder, const std::string& text, bool seal) {
@@ -210,10 +194,17 @@ std::string inRing(const std::string& folder, const std::string& text, bool seal
     return seal ? security.FastEncrypt(text) : security.FastDecrypt(text);
 }
 
-// "key=value;" for each; nothing where there is no list.
+// "" for none.
+std::string valueOf(const sd::PolicyMap& policy) {
+    expect(!policy.empty());
+    const std::string& value = policy.begin()->first;
+    return value == "null_value" ? "" : value;
+}
+
+// "key=value;" for each.
 std::string listPolicies() {
     sd::PolicyList list;
-    if (!quiet([&] { return policies().GetAllKeys(&list); })) throw std::bad_alloc();
+    expect(quiet([&] { return policies().GetAllKeys(&list); }));
     std::string text;
     for (const auto& [uri, policy] : list) text += uri + "=" + policy.begin()->first + ";";
     return text;
@@ -223,12 +214,20 @@ std::string getFromList(const std::string& uri) {
     const std::vector<std::string> uris{uri};
     sd::PolicyList list;
     (void)quiet([&] { return policies().GetPoliciesWithUris(uris, &list); });
-    return list.empty() ? "" : list.begin()->second.begin()->first;
+    return valueOf(list[uri]);
 }
 
 std::string countProperties() {
     std::map<std::string, std::string> all;
-    return quiet([&] { return config().GetAllProperties(&all); }) ? std::to_string(all.size()) : "";
+    expect(quiet([&] { return config().GetAllProperties(&all); }));
+    return std::to_string(all.size());
+}
+
+using OnListener = bool (sd::DMConfig::*)(const std::string& key, sd::DMConfig::Listener* listener, bool flag);
+
+std::string askFor(OnListener operation, const std::string& key) {
+    Listener* const listener = &listenerOf(key);
+    return bit(quiet([&] { return (policies().*operation)(key, listener, true); }));
 }
 
 struct Words {
@@ -244,9 +243,9 @@ struct Command {
 
 const Command kCommands[] = {
     {"up", [](const Words&) { return std::string("1"); }},
-    {"set", [](const Words& w) { return bit(quiet([&] { return config().SetSecure(w.a, w.b); })); }},
-    {"get", [](const Words& w) { return quiet([&] { return config().GetSecure(w.a); }); }},
-    {"delete", [](const Words& w) { return bit(quiet([&] { return config().DeleteSecure(w.a); })); }},
+    {"secure.set", [](const Words& w) { return bit(quiet([&] { return config().SetSecure(w.a, w.b); })); }},
+    {"secure.get", [](const Words& w) { return quiet([&] { return config().GetSecure(w.a); }); }},
+    {"secure.delete", [](const Words& w) { return bit(quiet([&] { return config().DeleteSecure(w.a); })); }},
     {"property.set", [](const Words& w) { return bit(quiet([&] { return config().SetProperty(w.a, w.b); })); }},
     {"property.get", [](const Words& w) { return quiet([&] { return config().GetProperty(w.a); }); }},
     {"property.delete", [](const Words& w) { return bit(quiet([&] { return config().DeleteProperty(w.a); })); }},
@@ -261,22 +260,16 @@ const Command kCommands[] = {
          const sd::PolicyList list{{w.a, {{w.b, w.n}}}, {w.a + ".twin", {{w.b, w.n}}}};
          return bit(quiet([&] { return policies().SetPolicyList(list); }));
      }},
-    {"policy.get",
-     [](const Words& w) { return priorityAndValue(quiet([&] { return policies().GetPolicyWithUri(w.a); })); }},
+    {"policy.get", [](const Words& w) { return valueOf(quiet([&] { return policies().GetPolicyWithUri(w.a); })); }},
     {"policy.get.list", [](const Words& w) { return getFromList(w.a); }},
     {"policy.list", [](const Words&) { return listPolicies(); }},
     {"policy.delete", [](const Words& w) { return bit(quiet([&] { return policies().DeletePolicyWithUri(w.a); })); }},
     {"policy.clear", [](const Words&) { return bit(quiet([] { return policies().ClearAllKeys(); })); }},
     {"strong.get", [](const Words& w) { return bit(quiet([&] { return policies().isStrongControl(w.a); })); }},
     {"constant.get", [](const Words& w) { return quiet([&] { return config().GetConst(w.a); }); }},
-    {"sign", [](const Words& w) { return quiet([&] { return config().SignRequest(w.a); }); }},
+    {"sign.get", [](const Words& w) { return quiet([&] { return config().SignRequest(w.a); }); }},
     {"verify.get", [](const Words& w) { return bit(quiet([&] { return config().VerifyRequest(w.a, w.b); })); }},
-    {"listen", [](const Words& w) { return listenAgain(w.a); }},
-    {"listener.set",
-     [](const Words& w) {
-         Listener* const listener = &listenerOf(w.a);
-         return bit(quiet([&] { return policies().RegisterListener(w.a, listener, true); }));
-     }},
+    {"listener.set", [](const Words& w) { return askFor(&sd::DMConfig::RegisterListener, w.a); }},
     {"listener.set.list",
      [](const Words& w) {
          const sd::DMConfig::ListenerList list{{w.a, &listenerOf(w.a)}};
@@ -287,15 +280,12 @@ const Command kCommands[] = {
          const std::vector<std::string> keys{w.a};
          return bit(quiet([&] { return policies().IsAllConfigsAlreadyListened(keys); }));
      }},
-    {"listener.delete",
-     [](const Words& w) {
-         Listener* const listener = &listenerOf(w.a);
-         return bit(quiet([&] { return policies().UnRegisterListener(w.a, listener, true); }));
-     }},
-    {"event.get", [](const Words& w) { return listenerOf(w.a).heard(w.b, std::chrono::milliseconds(w.n)); }},
-    {"events", [](const Words&) { return sListener.told(); }},
-    {"threads", [](const Words& w) { return callFromThreads(std::stoi(w.a), std::stoi(w.b), w.n > 0); }},
-    {"fork", [](const Words&) { return callFromChild(); }},
+    {"listener.delete", [](const Words& w) { return askFor(&sd::DMConfig::UnRegisterListener, w.a); }},
+    {"event.get", [](const Words& w) { return listenerOf(w.a).heard(w.b); }},
+    {"events.get", [](const Words& w) { return listenerOf(w.a).told(); }},
+    {"threads.get",
+     [](const Words& w) { return std::to_string(callFromThreads(std::stoi(w.a), std::stoi(w.b), w.n > 0)); }},
+    {"fork.get", [](const Words&) { return callFromChild(); }},
     {"seal", [](const Words& w) { return inRing(w.a, w.b, true); }},
     {"open", [](const Words& w) { return inRing(w.a, w.b, false); }},
     {"last", [](const Words& w) { return callAtTheEnd(w.a); }},
@@ -327,7 +317,7 @@ int main() {
         try {
             std::puts(answer(line).c_str());
         } catch (const std::bad_alloc&) {
-            std::puts("no memory");
+            std::puts("no answer");
         }
         std::fflush(stdout);
     }

@@ -21,3 +21,10 @@ inline mode_t modeOf(int flags, va_list arguments) {
 }
 
 }  // namespace torture
+
+// Makes `mode` of what stands behind the flags, the last argument that the function names.
+#define TAKE_MODE(mode, flags)                             \
+    va_list arguments;                                     \
+    va_start(arguments, flags);                            \
+    const mode_t mode = torture::modeOf(flags, arguments); \
+    va_end(arguments)

@@ -5,28 +5,18 @@
 //     model SEED HISTORIES STEPS SDCONFIGD
 // A history fails where the two disagree, and where the service doesn't start, doesn't end or sends no events. The
 // first one that fails is cut down until it passes without any single one of its steps, and printed.
-#include <sqlite3.h>
-#include <sys/types.h>
-
 #include <algorithm>
 #include <condition_variable>
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
 #include <deque>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <iostream>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <random>
-#include <sstream>
 
 #include "platform/sdbus/sdbus.h"
-#include "platform/velmarlog/velmarlog.h"
 #include "tests/support/subscribed.h"
 #include "tests/torture/service_life.h"
 #include "tests/torture/service_model.h"
@@ -41,14 +31,10 @@ constexpr std::chrono::seconds kFenceLimit{10};
 constexpr std::chrono::milliseconds kFenceRetry{40};
 
 // What a step may be: a call, or what else happens to the service, to its rows and to the product's files.
-const std::vector<std::string>& happenings() {
-    static const std::vector<std::string> kAll = [] {
-        std::vector<std::string> all = weightedMethods();
-        all.insert(all.end(),
-                   {"LISTENERS_LIST", "stop", "kill", "remove", "spoil", "hollow", "define", "define", "constant"});
-        return all;
-    }();
-    return kAll;
+std::vector<std::string> happenings() {
+    std::vector<std::string> all = Model::weightedMethods();
+    all.insert(all.end(), {"stop", "kill", "remove", "spoil", "hollow", "define", "define", "constant"});
+    return all;
 }
 
 // The lines that the product's files begin with.
@@ -63,17 +49,12 @@ const std::vector<Step>& product() {
 }
 
 // What is asked after each step: who is listened to, all that is stored of the policies, and all of each key.
-const std::vector<Step>& questions() {
-    static const std::vector<Step> kAll = [] {
-        std::vector<Step> all{
-            {"LISTENERS_LIST", 0, {""}, {}, false}, {"LST_PROPERTY", 0, {}, {}, false}, {"DM_LIST", 0, {}, {}, false}};
-        for (const std::string& key : Generator::keys())
-            for (const char* const method :
-                 {"GET_SECURE", "GET_POLICY", "ISSTRONG_CONTROL", "GET_PROPERTY", "GET_CONST"})
-                all.push_back({method, 0, {key}, {}, false});
-        return all;
-    }();
-    return kAll;
+std::vector<Step> questions() {
+    std::vector<Step> all{{"LISTENERS_LIST", 0, {""}}, {"LST_PROPERTY"}, {"DM_LIST"}};
+    for (const std::string& key : Generator::keys())
+        for (const char* const method : {"GET_SECURE", "GET_POLICY", "ISSTRONG_CONTROL", "GET_PROPERTY", "GET_CONST"})
+            all.push_back({method, 0, {key}});
+    return all;
 }
 
 // ---- The real one ----
@@ -128,7 +109,7 @@ private:
 
 class Rehearsal {
 public:
-    Rehearsal(std::string sdconfigd, const std::string& place) : mSdconfigd(std::move(sdconfigd)), mLife(place) {
+    explicit Rehearsal(std::string sdconfigd) : mSdconfigd(std::move(sdconfigd)) {
         fs::create_directories(productFolder());
         fs::create_directories(fs::path(buildProp()).parent_path());
     }
@@ -136,8 +117,7 @@ public:
     // Why the real one disagrees, or "".
     std::string play(const std::vector<Step>& history) {
         fs::remove_all(data());
-        fs::create_directory(data());
-        fs::permissions(data(), fs::perms::owner_all);
+        (void)mLife.makeFolder("data");
         Model model;
         for (const std::string& file : {buildProp(), constants()}) fs::remove(file);
         for (const Step& line : product()) addLine(line, model);
@@ -146,7 +126,7 @@ public:
         try {
             restart(0, model);
             while (step != history.end() && (why = take(*step, model)).empty()) ++step;
-        } catch (const Failed& failure) {
+        } catch (const std::exception& failure) {
             why = failure.what();
         }
         (void)mLife.end(SIGKILL);
@@ -167,7 +147,7 @@ private:
         if (mClients.empty())
             for (int i = 0; i < 2; ++i) mClients.push_back(std::make_unique<Client>());
         model.restart();
-        const Step listen{"REG_LISTENER", 0, {Client::kFence}, {}, false};
+        const Step listen{"REG_LISTENER", 0, {Client::kFence}};
         (void)mClients[0]->call(listen);
         (void)model.answer(listen);
         const auto end = std::chrono::steady_clock::now() + kFenceLimit;
@@ -187,7 +167,7 @@ private:
     std::string fence() const { return std::to_string(mFence); }
     void raiseFence() {
         ++mFence;
-        (void)mClients[0]->call({"SET_PROPERTY", 0, {Client::kFence, fence()}, {}, false});
+        (void)mClients[0]->call({"SET_PROPERTY", 0, {Client::kFence, fence()}});
     }
 
     std::string take(const Step& step, Model& model) {
@@ -209,12 +189,11 @@ private:
     }
 
     std::string compareAnswers(Model& model) {
-        const std::vector<Fields> real = mClients[0]->callAll(questions());
+        const std::vector<Fields> real = mClients[0]->callAll(mQuestions);
         for (std::size_t i = 0; i < real.size(); ++i) {
-            const Step& question = questions()[i];
-            const Fields wanted = model.answer(question);
+            const Fields wanted = model.answer(mQuestions[i]);
             if (real[i] != wanted)
-                return shown(question) + " is then answered " + text(real[i]) + ", not " + text(wanted);
+                return shown(mQuestions[i]) + " is then answered " + text(real[i]) + ", not " + text(wanted);
         }
         return "";
     }
@@ -234,9 +213,11 @@ private:
         for (const std::string& field : fields) all += (all.size() > 1 ? ", " : "") + shown(field);
         return all + ")";
     }
-    static std::string text(const std::vector<Event>& events) {
+    static std::string text(const Event& event) { return event.name + text(event.fields); }
+    template <class One>
+    static std::string text(const std::vector<One>& list) {
         std::string all = "[";
-        for (const Event& event : events) all += (all.size() > 1 ? " " : "") + event.name + text(event.fields);
+        for (const One& one : list) all += (all.size() > 1 ? " " : "") + text(one);
         return all + "]";
     }
 
@@ -249,34 +230,21 @@ private:
     }
 
     struct Table {
-        const char* file;
-        const char* name;
+        std::string file, name;
     };
-    static constexpr Table kSecure{"sdconfig.db", "secure_v3"};
-    static constexpr Table kPolicies{"dmhelper.db", "dmhelperconfig"};
+    static inline const Table kSecure{"sdconfig.db", "secure_v3"};
+    static inline const Table kPolicies{"dmhelper.db", "dmhelperconfig"};
 
-    template <class Take>
-    void query(const Table& table, const std::string& sql, const std::string* key, Take take) const {
-        sqlite3* opened = nullptr;
-        const int result = sqlite3_open((data() + "/" + table.file).c_str(), &opened);
-        const std::unique_ptr<sqlite3, decltype(&sqlite3_close)> database(opened, sqlite3_close);
-        sqlite3_busy_timeout(opened, kCallLimitMs);
-        sqlite3_stmt* prepared = nullptr;
-        if (result != SQLITE_OK || sqlite3_prepare_v2(opened, sql.c_str(), -1, &prepared, nullptr) != SQLITE_OK)
-            throw Failed(std::string("a database can't be read: ") + sqlite3_errmsg(opened));
-        const std::unique_ptr<sqlite3_stmt, decltype(&sqlite3_finalize)> statement(prepared, sqlite3_finalize);
-        if (key) sqlite3_bind_text(prepared, 1, key->c_str(), -1, SQLITE_TRANSIENT);
-        while (sqlite3_step(prepared) == SQLITE_ROW) take(prepared);
+    std::vector<Fields> query(const Table& table, const std::string& sql) const {
+        return test::query(data() + "/" + table.file, sql);
     }
 
     void edit(const Step& step) const {
+        const std::string value = step.method == "spoil" ? "'nothing that opens'" : "''";
         for (const Table& table : {kSecure, kPolicies}) {
-            const std::string name = table.name;
-            const std::string sql = step.method == "remove" ? "DELETE FROM " + name + " WHERE key = ?"
-                                    : step.method == "spoil"
-                                        ? "UPDATE " + name + " SET value = 'nothing that opens' WHERE key = ?"
-                                        : "UPDATE " + name + " SET value = '' WHERE key = ?";
-            query(table, sql, &step.texts[0], [](sqlite3_stmt*) {});
+            const std::string what = step.method == "remove" ? "DELETE FROM " + table.name
+                                                             : "UPDATE " + table.name + " SET value = " + value;
+            (void)query(table, what + " WHERE key = '" + step.texts[0] + "'");
         }
     }
 
@@ -284,22 +252,18 @@ private:
     std::string compareRows(const Model& model) const {
         for (const auto& [table, rows] :
              {std::pair(kSecure, &model.secure()), std::pair(kPolicies, &model.policies())}) {
-            std::map<std::string, bool> real, wanted;
-            query(table, std::string("SELECT key, value = '' FROM ") + table.name, nullptr, [&](sqlite3_stmt* row) {
-                real[reinterpret_cast<const char*>(sqlite3_column_text(row, 0))] = sqlite3_column_int(row, 1) != 0;
-            });
-            for (const auto& [key, row] : *rows) wanted[row.key] = row.text == "";
-            if (real == wanted) continue;
-            std::string why = std::string(table.name) + " has";
-            for (const auto& [key, isEmpty] : real) why += " " + shown(key) + (isEmpty ? " (empty)" : "");
-            why += ", not";
-            for (const auto& [key, isEmpty] : wanted) why += " " + shown(key) + (isEmpty ? " (empty)" : "");
-            return why;
+            const auto real =
+                query(table, "SELECT key, value = '' FROM " + table.name + " ORDER BY key COLLATE BINARY");
+            std::vector<Fields> wanted;
+            for (const auto& [key, row] : *rows) wanted.push_back({row.key, row.text == "" ? "1" : "0"});
+            std::sort(wanted.begin(), wanted.end());
+            if (real != wanted) return table.name + " has " + text(real) + ", not " + text(wanted);
         }
         return "";
     }
 
     const std::string mSdconfigd;
+    const std::vector<Step> mQuestions = questions();
     ServiceLife mLife;
     std::vector<std::unique_ptr<Client>> mClients;
     int mFence = 0;
@@ -330,9 +294,7 @@ std::vector<Step> needed(Rehearsal& rehearsal, std::vector<Step> history) {
 }
 
 int run(std::uint64_t seed, int histories, int steps, const std::string& sdconfigd) {
-    char place[] = "/dev/shm/model-XXXXXX";
-    if (!::mkdtemp(place)) throw Failed("no room in /dev/shm");
-    Rehearsal rehearsal(sdconfigd, place);
+    Rehearsal rehearsal(sdconfigd);
     for (int i = 0; i < histories; ++i) {
         const std::uint64_t own = seed + static_cast<std::uint64_t>(i);
         const std::vector<Step> history = Generator(own, happenings(), 2).history(steps);
@@ -354,12 +316,8 @@ int run(std::uint64_t seed, int histories, int steps, const std::string& sdconfi
 }  // namespace torture
 
 int main(int count, char** words) {
-    velmarLogSetLevel(8);
-    try {
+    return torture::perform("model", [&] {
         if (count != 5) throw torture::Failed("model SEED HISTORIES STEPS SDCONFIGD");
         return torture::run(std::stoull(words[1]), std::stoi(words[2]), std::stoi(words[3]), words[4]);
-    } catch (const std::exception& failure) {
-        std::fprintf(stderr, "model: %s\n", failure.what());
-        return 2;
-    }
+    });
 }

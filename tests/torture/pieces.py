@@ -1,6 +1,10 @@
 """The pieces that the scenarios share: a world of folders, the service in it, clients, and a raw peer."""
+import concurrent.futures
+import contextlib
+import json
 import multiprocessing
 import os
+import pathlib
 import random
 import select
 import shutil
@@ -12,7 +16,7 @@ import tempfile
 import threading
 import time
 
-PROGRAMS = {}  # sdconfigd, sdconfig and torture_client: their paths
+PROGRAMS = {}  # the paths of what was built, by file name
 SLACK = {"factor": 1,  # by which a sanitized build may be slower and larger
          "patience": 1}  # by which the short form may be slower, which runs beside whatever else a machine does
 ANSWER_LIMIT = 12  # seconds; the longest that a call may take, and some more
@@ -33,6 +37,37 @@ def wait_for(condition, what, limit=20):
     while not condition():
         check(time.monotonic() < end, f"{what}: not within {limit} s")
         time.sleep(0.002)
+
+
+def timed(function, *arguments):
+    """What it gives, and how many seconds that took."""
+    begin = time.monotonic()
+    return function(*arguments), time.monotonic() - begin
+
+
+@contextlib.contextmanager
+def beside(*tasks):
+    """Runs each task beside the block, on a thread of its own, and gives it an event that is set when the block ends,
+    if not before. What fails in a task fails here."""
+    over = threading.Event()
+    with concurrent.futures.ThreadPoolExecutor(len(tasks)) as pool:
+        running = [pool.submit(task, over) for task in tasks]
+        try:
+            yield over
+        finally:
+            over.set()
+            for task in running:
+                task.result()
+
+
+def run_beside(commands):
+    """Runs programs at the same time. Returns what each said."""
+    running = [subprocess.Popen(command, text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+               for command in commands]
+    texts = [one.communicate()[0] for one in running]
+    for one, text in zip(running, texts):
+        check(one.returncode == 0, f"{' '.join(one.args[:4])}: {text[-4000:]}")
+    return texts
 
 
 class World:
@@ -73,6 +108,21 @@ class World:
     def client(self):
         return Client(self)
 
+    def command(self, *arguments, text="", **variables):
+        """Has the command line do something. Returns what it printed."""
+        done = subprocess.run([PROGRAMS["sdconfig"], *arguments], env={**self.environment, **variables}, text=True,
+                              input=text, capture_output=True, check=False)
+        check(done.returncode == 0,
+              f"sdconfig {' '.join(arguments)} ended with {done.returncode}: {(done.stdout + done.stderr)[-400:]}")
+        return done.stdout
+
+    def held(self, folder, **variables):
+        """What a data folder holds by its own account, by kind and name."""
+        listing = json.loads(self.command("list", "--data-dir", folder, "--show", "--json", **variables))
+        held = {("secure", row["key"]): row["value"] for row in listing["secure"]}
+        held.update({("policy", row["uri"]): row["value"] for row in listing["policies"]})
+        return held
+
     def mount(self, name, *arguments):
         subprocess.run(["mount", *arguments, self.path(name)], check=True)
         self.mounts.append(self.path(name))
@@ -96,30 +146,25 @@ class World:
     def files(self):
         """The bytes of the files that must not be lost; an empty log is none."""
         names = [name + suffix for name in DATABASES for suffix in ("", "-wal")] + ["sdsecurity.keys"]
-        files = {}
-        for name in names:
-            if os.path.exists(self.path("data/" + name)):
-                with open(self.path("data/" + name), "rb") as file:
-                    files[name] = file.read()
+        paths = [pathlib.Path(self.path("data"), name) for name in names]
+        files = {path.name: path.read_bytes() for path in paths if path.exists()}
         return {name: data for name, data in files.items() if data or not name.endswith("-wal")}
 
 
 class Service:
     def __init__(self, world, options=(), prefix=()):
-        self.log_path = world.path(f"service-{len(world.started)}.log")
-        self.traced = bool(prefix)
+        self.log_path = pathlib.Path(world.path(f"service-{len(world.started)}.log"))
         arguments = [*prefix, PROGRAMS["sdconfigd"], "--data-dir", world.path("data"), "--product-dir",
                      world.path("data"), *options]
         # A process under a tracer can't look for leaks.
         environment = dict(world.environment, ASAN_OPTIONS="detect_leaks=0") if prefix else world.environment
-        with open(self.log_path, "wb") as log:
+        with self.log_path.open("wb") as log:
             self.process = subprocess.Popen(arguments, env=environment, stdin=subprocess.DEVNULL, stdout=log,
                                             stderr=log)
         world.started.append(self)
 
     def log(self):
-        with open(self.log_path, encoding="utf-8", errors="replace") as log:
-            return log.read()
+        return self.log_path.read_text(encoding="utf-8", errors="replace")
 
     def is_ready(self):
         return "sdconfigd: ready on " in self.log()
@@ -165,7 +210,8 @@ class Client:
     """tests/torture/client.cpp in a process: one line asked, one line answered."""
 
     def __init__(self, world):
-        with open(world.path("clients.log"), "ab") as log:
+        self.log_path = pathlib.Path(world.path(f"client-{len(world.started)}.log"))
+        with self.log_path.open("wb") as log:
             self.process = subprocess.Popen([PROGRAMS["torture_client"]], env=world.environment, bufsize=0,
                                             stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=log)
         self.buffer = b""
@@ -180,7 +226,8 @@ class Client:
             ready, _, _ = select.select([self.process.stdout], [], [], max(0, end - time.monotonic()))
             check(ready, f"a client had no answer within {limit} s")
             piece = os.read(self.process.stdout.fileno(), 65536)
-            check(piece, f"a client ended, code {self.process.poll()}")
+            if not piece:
+                raise Failed(f"a client ended, code {self.process.wait(20)}: {self.log_path.read_text()[-500:]}")
             self.buffer += piece
         line, self.buffer = self.buffer.split(b"\n", 1)
         return line.decode()
@@ -188,6 +235,14 @@ class Client:
     def ask(self, *words, limit=ANSWER_LIMIT):
         self.send(*words)
         return self.receive(limit)
+
+    def read(self, kind, key):
+        return self.ask(f"{kind}.get", key)
+
+    def write(self, kind, key, value, priority=9):
+        """A value of "" is deleted. Whether that was acknowledged."""
+        words = (f"{kind}.delete", key) if value == "" else (f"{kind}.set", key, value, priority)
+        return self.ask(*words) == "1"
 
     def finish(self):
         """Ends its input. Returns what it said until its own end."""
@@ -212,8 +267,6 @@ class Writer:
         self.may_hold = {f"{name}.{i}": {""} for i in range(4)}
         self.entries = {key: [0, 0] for key in self.may_hold}  # of the trail, at least and at most
         self.acknowledged = self.in_flight = self.number = 0
-        self.service_dies = threading.Event()
-        self.failure = None
 
     def write_one(self):
         key = self.random.choice(list(self.may_hold))
@@ -221,36 +274,26 @@ class Writer:
         value = f"{key}={self.number}." + "x" * self.random.choice((0, 10, 300, 5000))
         if self.random.random() < 0.2:
             value = ""
-            answer = self.client.ask(*(("delete", key) if self.kind == "secure" else ("policy.delete", key)))
-        elif self.kind == "secure":
-            answer = self.client.ask("set", key, value)
-        else:
-            answer = self.client.ask("policy.set", key, value, 9)
+        is_done = self.client.write(self.kind, key, value)
         self.entries[key][1] += value != "" or self.may_hold[key] != {""}
-        if answer == "1":
+        if is_done:
             self.entries[key][0] += value != "" or "" not in self.may_hold[key]
             self.may_hold[key] = {value}
             self.acknowledged += 1
-            return True
-        self.may_hold[key].add(value)
-        self.in_flight += 1
-        return False
+        else:
+            self.may_hold[key].add(value)
+            self.in_flight += 1
+        return is_done
 
-    def write_until_death(self):
-        try:
-            while self.write_one():
-                pass
-            check(self.service_dies.is_set(), "a write failed though the service lived")
-        except Failed as failure:
-            self.failure = failure
+    def write_until(self, death):
+        while self.write_one():
+            pass
+        check(death.is_set(), "a write failed though the service lived")
 
     def check(self):
         """Every key holds what it may, which is from now on what it must."""
         for key, allowed in self.may_hold.items():
-            if self.kind == "secure":
-                value = self.client.ask("get", key)
-            else:
-                value = self.client.ask("policy.get", key).split(" ")[-1].replace("null_value", "")
+            value = self.client.read(self.kind, key)
             check(value in allowed, f"{key} holds {value[:60]!r}, not one of {[v[:60] for v in allowed]}")
             self.may_hold[key] = {value}
 
@@ -341,11 +384,23 @@ def message(serial, member, signature="", body=b"", flags=0, interface="sdbus.Se
     return head + bytes(-len(head) % 8) + body
 
 
-def strings(*values):
+def packed(signature, *values):
+    """A signature of basic types, and the body of a message with these values."""
     body = Marshal()
-    for value in values:
-        body.put("s", value)
-    return "s" * len(values), bytes(body.bytes)
+    for kind, value in zip(signature, values):
+        body.put(kind, value)
+    return signature, bytes(body.bytes)
+
+
+def strings(*values):
+    return packed("s" * len(values), *values)
+
+
+def text_at(body, at=0):
+    """The string there, and where it ends."""
+    at += -at % 4
+    end = at + 4 + struct.unpack_from("<I", body, at)[0]
+    return body[at + 4:end].decode(), end + 1
 
 
 class Peer:
@@ -395,9 +450,7 @@ class Peer:
                 return body
 
     def call_text(self, member, *values):
-        body = self.call(member, *values)
-        length = struct.unpack_from("<I", body)[0]
-        return body[4:4 + length].decode()
+        return text_at(self.call(member, *values))[0]
 
     def close(self):
         self.socket.close()

@@ -3,13 +3,14 @@ import contextlib
 import fcntl
 import json
 import os
+import pathlib
 import shutil
 import sqlite3
 import struct
 import subprocess
 
 import pieces
-from pieces import Failed, Service, check
+from pieces import Failed, check
 
 EXISTS, MAKE_FOLDER, MARK = 0, 6, 10  # of record.h
 # What a client's first call stores, in that order.
@@ -28,7 +29,7 @@ class Recording:
         self.log_path = world.path(f"{name}.calls")
         os.mkdir(self.root, 0o700)
         open(self.log_path, "wb").close()
-        self.variables = {"LD_PRELOAD": pieces.PROGRAMS["power_recorder"], "POWER_ROOT": self.root,
+        self.variables = {"LD_PRELOAD": pieces.PROGRAMS["libpower_recorder.so"], "POWER_ROOT": self.root,
                           "POWER_LOG": self.log_path}
         self.options = []
         self.is_used = False
@@ -57,14 +58,9 @@ class Recording:
         return "\t".join(map(str, fields)).encode()
 
     def begin_with_what_is_there(self):
-        for folder, folders, names in os.walk(self.root):
-            for name in folders:
-                path = os.path.join(folder, name)
-                self.note(EXISTS, path, b"", os.stat(path).st_ino, 1)
-            for name in names:
-                path = os.path.join(folder, name)
-                with open(path, "rb") as file:
-                    self.note(EXISTS, path, file.read(), os.stat(path).st_ino)
+        for path in pathlib.Path(self.root).rglob("*"):
+            data = b"" if path.is_dir() else path.read_bytes()
+            self.note(EXISTS, str(path), data, path.stat().st_ino, path.is_dir())
 
     def make_folder(self, path):
         """As one does that is killed before it syncs the name."""
@@ -74,8 +70,7 @@ class Recording:
     def start(self):
         own = [option.replace("@", self.root, 1) for option in self.options]
         prefix = ["env", *(f"{name}={value}" for name, value in self.variables.items())]
-        service = Service(self.world, ("--data-dir", self.data, *own), prefix)
-        service.wait_until_ready()
+        service = self.world.start("--data-dir", self.data, *own, prefix=prefix)
         self.mark("ack", "start")
         return service
 
@@ -89,45 +84,35 @@ class Recording:
             fcntl.flock(log, fcntl.LOCK_EX)
             service.kill()
 
-    def command(self, *arguments, text="", recorded=True):
-        environment = {**self.world.environment, **(self.variables if recorded else {})}
-        done = subprocess.run([pieces.PROGRAMS["sdconfig"], *arguments], env=environment, text=True, input=text,
-                              capture_output=True, check=False)
-        check(done.returncode == 0, f"sdconfig {' '.join(arguments)} ended with {done.returncode}: {done.stderr[-400:]}")
-        return done.stdout
+    def command(self, *arguments, text=""):
+        return self.world.command(*arguments, text=text, **self.variables)
 
     def client(self):
         """A client that made its first call."""
         client, is_first = self.world.client(), not self.is_used
         if is_first:
             self.begin_all(POWER_SETTINGS)
-        client.ask("get", "none")
+        client.read("secure", "none")
         if is_first:
             self.ack_all(POWER_SETTINGS)
         self.is_used = True
         return client
 
     def write(self, client, kind, key, value):
-        """One write by a client, with its marks. A policy of "" is deleted."""
-        self.mark("begin", kind, key, value)
-        if value == "":
-            words = ("delete", key) if kind == "secure" else ("policy.delete", key)
-        else:
-            words = ("set", key, value) if kind == "secure" else ("policy.set", key, value, 9)
-        check(client.ask(*words) == "1", f"{words[0]} failed")
-        self.mark("ack", kind, key)
-
-    def held(self):
-        """What the folder holds by its own account."""
-        listing = json.loads(self.command("list", "--data-dir", self.data, "--show", "--json", recorded=False))
-        held = {("secure", row["key"]): row["value"] for row in listing["secure"]}
-        held.update({("policy", row["uri"]): row["value"] for row in listing["policies"]})
-        return held
+        """One write by a client, with its marks. A value of "" is deleted."""
+        with self.marked(kind, key, value):
+            check(client.write(kind, key, value), f"a write of {kind} {key[:60]} failed")
 
     def read_accounted(self, client, key, value):
-        self.mark("begin", "read", key)
-        check(client.ask("get", key) == value, "a key reads as another one")
-        self.mark("ack", "read", key)
+        with self.marked("read", key):
+            check(client.read("secure", key) == value, "a key reads as another one")
+
+    @contextlib.contextmanager
+    def marked(self, kind, name, *more):
+        """What the block does is begun, and at its end acknowledged."""
+        self.mark("begin", kind, name, *more)
+        yield
+        self.mark("ack", kind, name)
 
     def begin_all(self, values, whole=""):
         """whole: the name of what is written with all of them or not at all, and acknowledged with any of them."""
@@ -139,9 +124,8 @@ class Recording:
             self.mark("ack", kind, key)
 
     def power_cut(self, seed, states, *flags):
-        options = ["--", *self.options] if self.options else []
         arguments = [*flags, self.log_path, self.root, str(seed), str(states), pieces.PROGRAMS["sdconfigd"],
-                     pieces.PROGRAMS["sdconfig"], pieces.PROGRAMS["power_recorder"], *options]
+                     pieces.PROGRAMS["sdconfig"], pieces.PROGRAMS["libpower_recorder.so"], *self.options]
         return subprocess.run([pieces.PROGRAMS["power_cut"], *arguments], text=True, capture_output=True, check=False)
 
     def check_syncs_count(self, seed, states):
@@ -169,10 +153,9 @@ def write_some(recording, client, random, count, number):
 
 
 def put_policies(recording, policies):
-    path = recording.world.path("policies.json")
-    with open(path, "w", encoding="ascii") as file:
-        json.dump({key: {"value": value, "priority": 9} for key, value in policies.items()}, file)
-    return path
+    path = pathlib.Path(recording.world.path("policies.json"))
+    path.write_text(json.dumps({key: {"value": value, "priority": 9} for key, value in policies.items()}))
+    return str(path)
 
 
 def apply_list(recording, random, number):
@@ -188,7 +171,7 @@ def apply_list(recording, random, number):
 def rotate_key(recording, is_resealing):
     recording.mark("begin", "key")
     recording.command("key", "rotate", *(["--reseal"] if is_resealing else []))
-    listing = json.loads(recording.command("key", "list", "--data-dir", recording.data, "--json", recorded=False))
+    listing = json.loads(recording.world.command("key", "list", "--data-dir", recording.data, "--json"))
     sealing = next(key["key"] for key in listing["keys"] if key["state"] == "sealing")
     recording.mark("ack", "key", sealing, *(["resealed"] if is_resealing else []))
 
@@ -253,8 +236,8 @@ def upgrade(recording, run):
         database.commit()
     tried = Recording(recording.world, "tried")
     shutil.copytree(recording.data, tried.data)
-    rows = json.loads(tried.command("upgrade", "--force", "--json", tried.data, recorded=False))["rows"]
-    values = tried.held()
+    rows = json.loads(tried.world.command("upgrade", "--force", "--json", tried.data))["rows"]
+    values = tried.world.held(tried.data)
     check(any(values.values()), "nothing was carried over")
     recording.begin_with_what_is_there()
     recording.begin_all(values)
@@ -272,19 +255,19 @@ def upgrade(recording, run):
 
 def backup(recording, run):
     """Backups beside a service, and restores in the place of newer data."""
+    world = recording.world
     os.mkdir(os.path.join(recording.root, "place"))
     recording.begin_with_what_is_there()
     for number in range(2):
         service, client = recording.start(), recording.client()
         write_some(recording, client, run.random, 8, 100 * number)
         file = f"place/{number}.backup"
-        recording.mark("begin", "file", file)
-        recording.command("backup", os.path.join(recording.root, file), recording.data, text="passphrase\n")
-        recording.mark("ack", "file", file)
-        held = recording.held()
+        with recording.marked("file", file):
+            recording.command("backup", os.path.join(recording.root, file), recording.data, text="passphrase\n")
+        held = world.held(recording.data)
         write_some(recording, client, run.random, 8, 100 * number + 50)
         recording.stop(service)
-        values = {key: held.get(key, "") for key in {**recording.held(), **held}}
+        values = {key: held.get(key, "") for key in {**world.held(recording.data), **held}}
         recording.mark("begin", "restore", file)
         recording.begin_all(values, "restore")
         told = json.loads(recording.command("restore", os.path.join(recording.root, file), recording.data, "--force",
@@ -306,9 +289,8 @@ def install(recording, run):
         path = put_policies(recording, policies)
         values = {("machine", key): value for key, value in policies.items()}
         recording.begin_all(values, "install")
-        recording.mark("begin", "file", "machine/policies/50-some.json")
-        recording.command("policy", "install", path, "--name", "50-some", "--policy-dir", folder)
-        recording.mark("ack", "file", "machine/policies/50-some.json")
+        with recording.marked("file", "machine/policies/50-some.json"):
+            recording.command("policy", "install", path, "--name", "50-some", "--policy-dir", folder)
         recording.mark("ack", *next(iter(values)))
     recording.kill(service)
 

@@ -28,6 +28,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
+#include <type_traits>
 
 #include "tests/torture/interposed.h"
 
@@ -43,7 +44,6 @@ void* __libc_memalign(size_t alignment, size_t size);
 
 namespace {
 
-using torture::modeOf;
 using torture::next;
 using torture::Scarcity;
 
@@ -133,9 +133,12 @@ void* memory(const void* caller, Call&& call) {
     return unless<void*>(Scarcity::Memory, caller, ENOMEM, nullptr, call);
 }
 
-template <class Call>
-int descriptor(const void* caller, Call&& call) {
-    return unless(Scarcity::Descriptor, caller, EMFILE, -1, call);
+template <class Result, class Call>
+Result descriptor(const void* caller, Call&& call) {
+    if constexpr (std::is_pointer_v<Result>)
+        return unless<Result>(Scarcity::Descriptor, caller, EMFILE, nullptr, call);
+    else
+        return unless<Result>(Scarcity::Descriptor, caller, EMFILE, -1, call);
 }
 
 }  // namespace
@@ -145,6 +148,14 @@ int descriptor(const void* caller, Call&& call) {
 
 // The names are the C library's own.
 // NOLINTBEGIN(readability-identifier-naming, readability-inconsistent-declaration-parameter-name)
+// A function whose result is a descriptor, or has one.
+// NOLINTBEGIN(bugprone-macro-parentheses): they are lists in parentheses
+#define GIVES_DESCRIPTOR(Result, name, parameters, arguments)                                        \
+    SCARCE Result name parameters {                                                                  \
+        return descriptor<Result>(CALLER, [&] { return next<Result parameters>(#name) arguments; }); \
+    }
+// NOLINTEND(bugprone-macro-parentheses)
+
 SCARCE void* malloc(size_t size) noexcept {
     return memory(CALLER, [&] { return __libc_malloc(size); });
 }
@@ -171,78 +182,34 @@ SCARCE int posix_memalign(void** result, size_t alignment, size_t size) noexcept
 }
 
 SCARCE int open(const char* path, int flags, ...) {
-    va_list arguments;
-    va_start(arguments, flags);
-    const mode_t mode = modeOf(flags, arguments);
-    va_end(arguments);
-    return descriptor(CALLER, [&] { return next<int(const char*, int, ...)>("open")(path, flags, mode); });
+    TAKE_MODE(mode, flags);
+    return descriptor<int>(CALLER, [&] { return next<int(const char*, int, ...)>("open")(path, flags, mode); });
 }
 
 SCARCE int openat(int folder, const char* path, int flags, ...) {
-    va_list arguments;
-    va_start(arguments, flags);
-    const mode_t mode = modeOf(flags, arguments);
-    va_end(arguments);
-    return descriptor(CALLER,
-                      [&] { return next<int(int, const char*, int, ...)>("openat")(folder, path, flags, mode); });
+    TAKE_MODE(mode, flags);
+    return descriptor<int>(CALLER,
+                           [&] { return next<int(int, const char*, int, ...)>("openat")(folder, path, flags, mode); });
 }
 
 SCARCE int open64(const char* path, int flags, ...) __attribute__((alias("open")));
 SCARCE int openat64(int folder, const char* path, int flags, ...) __attribute__((alias("openat")));
 
-SCARCE FILE* fopen(const char* path, const char* mode) {
-    return unless<FILE*>(Scarcity::Descriptor, CALLER, EMFILE, nullptr,
-                         [&] { return next<FILE*(const char*, const char*)>("fopen")(path, mode); });
-}
+GIVES_DESCRIPTOR(FILE*, fopen, (const char* path, const char* mode), (path, mode))
+GIVES_DESCRIPTOR(DIR*, opendir, (const char* path), (path))
+GIVES_DESCRIPTOR(int, socket, (int domain, int type, int protocol) noexcept, (domain, type, protocol))
+GIVES_DESCRIPTOR(int, socketpair, (int domain, int type, int protocol, int* pair) noexcept,
+                 (domain, type, protocol, pair))
+GIVES_DESCRIPTOR(int, accept4, (int fd, sockaddr* address, socklen_t* length, int flags), (fd, address, length, flags))
+GIVES_DESCRIPTOR(int, epoll_create1, (int flags) noexcept, (flags))
+GIVES_DESCRIPTOR(int, eventfd, (unsigned count, int flags) noexcept, (count, flags))
+GIVES_DESCRIPTOR(int, timerfd_create, (clockid_t clock, int flags) noexcept, (clock, flags))
+GIVES_DESCRIPTOR(int, inotify_init1, (int flags) noexcept, (flags))
+GIVES_DESCRIPTOR(int, pipe, (int* pair) noexcept, (pair))
+GIVES_DESCRIPTOR(int, pipe2, (int* pair, int flags) noexcept, (pair, flags))
+GIVES_DESCRIPTOR(int, dup, (int fd) noexcept, (fd))
 
 SCARCE FILE* fopen64(const char* path, const char* mode) __attribute__((alias("fopen")));
-
-SCARCE DIR* opendir(const char* path) {
-    return unless<DIR*>(Scarcity::Descriptor, CALLER, EMFILE, nullptr,
-                        [&] { return next<DIR*(const char*)>("opendir")(path); });
-}
-
-SCARCE int socket(int domain, int type, int protocol) noexcept {
-    return descriptor(CALLER, [&] { return next<int(int, int, int)>("socket")(domain, type, protocol); });
-}
-
-SCARCE int socketpair(int domain, int type, int protocol, int* pair) noexcept {
-    return descriptor(CALLER,
-                      [&] { return next<int(int, int, int, int*)>("socketpair")(domain, type, protocol, pair); });
-}
-
-SCARCE int accept4(int fd, sockaddr* address, socklen_t* length, int flags) {
-    using Accept = int(int, sockaddr*, socklen_t*, int);
-    return descriptor(CALLER, [&] { return next<Accept>("accept4")(fd, address, length, flags); });
-}
-
-SCARCE int epoll_create1(int flags) noexcept {
-    return descriptor(CALLER, [&] { return next<int(int)>("epoll_create1")(flags); });
-}
-
-SCARCE int eventfd(unsigned count, int flags) noexcept {
-    return descriptor(CALLER, [&] { return next<int(unsigned, int)>("eventfd")(count, flags); });
-}
-
-SCARCE int timerfd_create(clockid_t clock, int flags) noexcept {
-    return descriptor(CALLER, [&] { return next<int(clockid_t, int)>("timerfd_create")(clock, flags); });
-}
-
-SCARCE int inotify_init1(int flags) noexcept {
-    return descriptor(CALLER, [&] { return next<int(int)>("inotify_init1")(flags); });
-}
-
-SCARCE int pipe(int* pair) noexcept {
-    return descriptor(CALLER, [&] { return next<int(int*)>("pipe")(pair); });
-}
-
-SCARCE int pipe2(int* pair, int flags) noexcept {
-    return descriptor(CALLER, [&] { return next<int(int*, int)>("pipe2")(pair, flags); });
-}
-
-SCARCE int dup(int fd) noexcept {
-    return descriptor(CALLER, [&] { return next<int(int)>("dup")(fd); });
-}
 
 SCARCE int fcntl(int fd, int command, ...) {
     va_list arguments;
@@ -250,7 +217,7 @@ SCARCE int fcntl(int fd, int command, ...) {
     void* const argument = va_arg(arguments, void*);
     va_end(arguments);
     const auto call = [&] { return next<int(int, int, ...)>("fcntl")(fd, command, argument); };
-    return command == F_DUPFD || command == F_DUPFD_CLOEXEC ? descriptor(CALLER, call) : call();
+    return command == F_DUPFD || command == F_DUPFD_CLOEXEC ? descriptor<int>(CALLER, call) : call();
 }
 
 SCARCE int fcntl64(int fd, int command, ...) __attribute__((alias("fcntl")));

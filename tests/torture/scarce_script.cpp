@@ -4,62 +4,43 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
-#include <condition_variable>
-#include <mutex>
 
+#include "tests/support/subscribed.h"
 #include "tests/torture/service_life.h"
+#include "tests/torture/service_model.h"
 
 namespace torture {
 namespace {
 
 // No answer is how a handler that failed tells; where none may, a busy machine has its time.
 constexpr int kScarceMs = 5000, kPlentyMs = 20000;
-constexpr int kSubscriptions = 5;  // each waits a second to come into force
-constexpr int kLosses = 1;         // for one refusal
+constexpr int kLosses = 1;  // for one refusal
 
-// takes: what is appended; a key, its twin, a value, a priority, a flag, a count. gives: what the answer is.
-struct Method {
-    const char* name;
-    const char* takes;
-    enum { Bool, Text, Count, OnePolicy, Policies } gives;
-};
-
-const std::map<std::string, Method>& methods() {
-    static const std::map<std::string, Method> kMethods{
-        {"secure.set", {"SET_SECURE", "kv", Method::Bool}},
-        {"secure.get", {"GET_SECURE", "k", Method::Text}},
-        {"secure.delete", {"DEL_SECURE", "k", Method::Bool}},
-        {"policy.set", {"SET_POLICY", "kvp", Method::Bool}},
-        {"policy.set.list", {"SET_POLICYLIST", "2kvptvp", Method::Bool}},
-        {"policy.get", {"GET_POLICY", "k", Method::Text}},
-        {"policy.get.list", {"DM_GET_POLICIES", "1k", Method::OnePolicy}},
-        {"policy.list", {"DM_LIST", "", Method::Policies}},
-        {"policy.delete", {"DELETE_POLICY", "k", Method::Bool}},
-        {"policy.clear", {"DM_CLEAR_ALL_KEYS", "", Method::Bool}},
-        {"strong.get", {"ISSTRONG_CONTROL", "k", Method::Bool}},
-        {"property.set", {"SET_PROPERTY", "kv", Method::Bool}},
-        {"property.get", {"GET_PROPERTY", "k", Method::Text}},
-        {"property.delete", {"DEL_PROPERTY", "k", Method::Bool}},
-        {"properties.get", {"LST_PROPERTY", "", Method::Count}},
-        {"listener.set", {"REG_LISTENER", "kf", Method::Bool}},
-        {"listener.set.list", {"DM_REGISTER_LISTERNER", "1kf", Method::Bool}},
-        {"listener.get", {"ISALREADY_LISTHENED", "1k", Method::Bool}},
-        {"listener.delete", {"UNREG_LISTENER", "kf", Method::Bool}},
-        {"constant.get", {"GET_CONST", "k", Method::Text}},
-        {"machine.get", {"GET_POLICY", "k", Method::Text}},
-        {"sign.get", {"SIGN_REQUEST", "k", Method::Text}},
-        {"verify.get", {"VERIFY_SIGN", "kv", Method::Bool}},
-    };
+const std::map<std::string, std::string>& methods() {
+    static const std::map<std::string, std::string> kMethods{{"secure.set", "SET_SECURE"},
+                                                             {"secure.get", "GET_SECURE"},
+                                                             {"secure.delete", "DEL_SECURE"},
+                                                             {"policy.set", "SET_POLICY"},
+                                                             {"policy.set.list", "SET_POLICYLIST"},
+                                                             {"policy.get", "GET_POLICY"},
+                                                             {"policy.get.list", "DM_GET_POLICIES"},
+                                                             {"policy.list", "DM_LIST"},
+                                                             {"policy.delete", "DELETE_POLICY"},
+                                                             {"policy.clear", "DM_CLEAR_ALL_KEYS"},
+                                                             {"strong.get", "ISSTRONG_CONTROL"},
+                                                             {"property.set", "SET_PROPERTY"},
+                                                             {"property.get", "GET_PROPERTY"},
+                                                             {"property.delete", "DEL_PROPERTY"},
+                                                             {"properties.get", "LST_PROPERTY"},
+                                                             {"listener.set", "REG_LISTENER"},
+                                                             {"listener.set.list", "DM_REGISTER_LISTERNER"},
+                                                             {"listener.get", "ISALREADY_LISTHENED"},
+                                                             {"listener.delete", "UNREG_LISTENER"},
+                                                             {"constant.get", "GET_CONST"},
+                                                             {"machine.get", "GET_POLICY"},
+                                                             {"sign.get", "SIGN_REQUEST"},
+                                                             {"verify.get", "VERIFY_SIGN"}};
     return kMethods;
-}
-
-// Whether an answer says that what is there could not be read. Those of the other questions have no room for that: who
-// can't read leaves them without an answer.
-bool tellsOfFailure(const std::string& command, SDBusMessage& answer) {
-    constexpr int kPriorityUnknown = -1;
-    if (command == "secure.get") return answer.signature() == "sb" && answer.getBool(1);
-    return command == "policy.get.list" && answer.getInt(3) == kPriorityUnknown;
 }
 
 std::string kindOf(const ScriptStep& step) {
@@ -68,10 +49,6 @@ std::string kindOf(const ScriptStep& step) {
 
 std::string operationOf(const ScriptStep& step) {
     return step.command.substr(step.command.find('.') + 1);
-}
-
-std::string shown(const std::string& text) {
-    return "\"" + text.substr(0, 40) + "\"";
 }
 
 // A list is of all policies that there are, the machine's too, and of nothing else.
@@ -108,6 +85,34 @@ void weighChange(const ScriptStep& step, const std::string& kind, bool isDone, b
     const bool isOfTwins = step.command == "policy.set.list";
     change(allowed, kind, step.key, step.value, isDone && !(isOfTwins && mayFail));
     if (isOfTwins) change(allowed, kind, step.key + ".twin", step.value, isDone);
+}
+
+Step callOf(const ScriptStep& step) {
+    Step call{methods().at(step.command), 0, {}, {9}, true};
+    const std::string key = prefixOf(step) + step.key;
+    if (!step.key.empty()) call.texts.push_back(key);
+    if (!step.value.empty() && kindOf(step) != "listener") call.texts.push_back(step.value);
+    if (step.command == "policy.set.list") {
+        call.texts.insert(call.texts.end(), {key + ".twin", step.value});
+        call.numbers.push_back(9);
+    }
+    return call;
+}
+
+// What an answer says; nothing where that is that what is there could not be read. Those of the other questions have no
+// room for that: who can't read leaves them without an answer.
+std::optional<std::string> told(const ScriptStep& step, const Fields& fields) {
+    constexpr char kPriorityUnknown[] = "-1";
+    if (step.command == "policy.list") {
+        std::string policies;
+        for (std::size_t i = 1; i < fields.size(); i += 3) policies += fields[i] + "=" + fields.at(i + 1) + ";";
+        return policies;
+    }
+    const bool isOfList = step.command == "policy.get.list";
+    if (isOfList ? fields.at(3) == kPriorityUnknown : step.command == "secure.get" && fields.size() > 1)
+        return std::nullopt;
+    const std::string& first = fields.at(isOfList ? 2 : 0);
+    return first == yes(true) ? "1" : first == yes(false) ? "0" : first;
 }
 
 }  // namespace
@@ -241,7 +246,7 @@ void tell(const ScriptStep& step, const std::optional<std::string>& answer, bool
     if (!isChange(step) || kind == "listener") return;
     const bool isDone = !isFailed(step, answer);
     const auto add = [&](const std::string& key, bool isSure) {
-        Told& told = story[{methods().at(step.command).name, prefixOf(step) + key}];
+        Told& told = story[{methods().at(step.command), prefixOf(step) + key}];
         told.least += isDone && isSure ? 1 : 0;
         ++told.most;
     };
@@ -261,58 +266,31 @@ void tell(const ScriptStep& step, const std::optional<std::string>& answer, bool
     }
 }
 
-struct ServiceCaller::Events {
-    std::mutex mutex;
-    std::condition_variable came;
-    std::map<std::string, std::string> last;  // by key
-};
-
-ServiceCaller::ServiceCaller() : mEvents(std::make_shared<Events>()) {
-    const auto onEvent = [events = mEvents](const std::shared_ptr<SDBusMessage>& event) {
-        const std::lock_guard lock(events->mutex);
-        events->last[event->getString(0)] = event->getString(1);
-        events->came.notify_all();
+ServiceCaller::ServiceCaller()
+    : mProxy(SDBusSerivceManager::initSync(-1)->getServiceProxyInterface("sdconfig", SDBusSameUser, 1)) {
+    const auto onEvent = [this](const std::shared_ptr<SDBusMessage>& event) {
+        const std::lock_guard lock(mMutex);
+        mLast[event->getString(0)] = event->getString(1);
+        mCame.notify_all();
     };
-    bool hears = false;
-    for (int attempt = 0; attempt < kSubscriptions && !hears; ++attempt) {
-        mProxy = SDBusSerivceManager::initSync(-1)->getServiceProxyInterface("sdconfig", SDBusSameUser, 1);
-        hears = mProxy->addEventListener("DM_CHANGED", new SDBusEventCallback(onEvent), SDBusSameUser);
-    }
+    if (!test::isSubscribed(*mProxy, "DM_CHANGED", onEvent)) throw Failed("events can't be asked for");
 }
 
 // The last value that was heard for the key, as soon as it is the one that is waited for.
 std::string ServiceCaller::lastOf(const ScriptStep& step, std::chrono::milliseconds limit) {
-    std::unique_lock lock(mEvents->mutex);
-    const auto hasCome = [&] { return mEvents->last[step.key] == step.value; };
-    if (mIsAnswered) mEvents->came.wait_for(lock, limit, hasCome);
-    return mEvents->last[step.key];
+    std::unique_lock lock(mMutex);
+    if (mIsAnswered) mCame.wait_for(lock, limit, [&] { return mLast[step.key] == step.value; });
+    return mLast[step.key];
 }
 
 std::optional<std::string> ServiceCaller::run(const ScriptStep& step, bool mayFail) {
     const int limitMs = mayFail ? kScarceMs : kPlentyMs;
     if (step.command == "event.get") return lastOf(step, std::chrono::milliseconds(limitMs));
-    const Method& method = methods().at(step.command);
-    const std::string key = prefixOf(step) + step.key;
-    const auto call = mProxy->makeMethodCallMessage(method.name);
-    for (const char* one = method.takes; *one; ++one) {
-        if (*one == 'k') call->appendString(key);
-        if (*one == 't') call->appendString(key + ".twin");
-        if (*one == 'v') call->appendString(step.value);
-        if (*one == 'p') call->appendInt8(9);
-        if (*one == 'f') call->appendBool(true);
-        if (*one == '1' || *one == '2') call->appendInt8(static_cast<int8_t>(*one - '0'));
-    }
+    const auto call = mProxy->makeMethodCallMessage(methods().at(step.command));
+    appendArguments(*call, callOf(step));
     const auto answer = mProxy->callWithReplyBlocking(call, limitMs);
     mIsAnswered = answer->type() == 2;
-    if (!mIsAnswered || tellsOfFailure(step.command, *answer)) return std::nullopt;
-    if (method.gives == Method::Bool) return answer->getBool(0) ? "1" : "0";
-    if (method.gives == Method::Text) return answer->getString(0);
-    if (method.gives == Method::Count) return std::to_string(answer->getInt32(0));
-    if (method.gives == Method::OnePolicy) return answer->getString(2);
-    std::string policies;
-    for (int at = 1; at < 3 * answer->getInt(0); at += 3)
-        policies += answer->getString(at) + "=" + answer->getString(at + 1) + ";";
-    return policies;
+    return mIsAnswered ? told(step, fieldsOf(*answer)) : std::nullopt;
 }
 
 }  // namespace torture

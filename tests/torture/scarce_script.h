@@ -2,8 +2,10 @@
 #pragma once
 
 #include <chrono>
+#include <condition_variable>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -73,6 +75,7 @@ void tell(const ScriptStep& step, const std::optional<std::string>& answer, bool
 // Calls the service of this process's folder, and hears of its events.
 class ServiceCaller {
 public:
+    // Throws Failed where events don't come.
     ServiceCaller();
 
     // "1" and "0" for true and false, "" for no value, "key=value;" for each of a list; nothing without an answer, and
@@ -80,12 +83,13 @@ public:
     std::optional<std::string> run(const ScriptStep& step, bool mayFail = false);
 
 private:
-    struct Events;
     std::string lastOf(const ScriptStep& step, std::chrono::milliseconds limit);
 
-    std::shared_ptr<SDBusProxyInterface> mProxy;
-    std::shared_ptr<Events> mEvents;
-    bool mIsAnswered = true;  // the latest call
+    std::mutex mMutex;
+    std::condition_variable mCame;
+    std::map<std::string, std::string> mLast;     // what was told of a key
+    bool mIsAnswered = true;                      // the latest call
+    std::shared_ptr<SDBusProxyInterface> mProxy;  // goes first, with the thread that calls back
 };
 
 }  // namespace torture

@@ -2,13 +2,15 @@
 // longer than it takes.
 #pragma once
 
-#include <sys/types.h>
-
+#include <functional>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "base/unique_fd.h"
+#include "tests/support/process.h"
+#include "tests/support/support.h"
 
 namespace torture {
 
@@ -16,40 +18,34 @@ struct Failed : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// Runs a program with more variables than this process has. What it says goes to the file, or what it prints to
-// another. Throws Failed.
-pid_t spawn(const std::vector<std::string>& command, const std::vector<std::string>& variables, const std::string& log,
-            const std::string& input = "/dev/null", const std::string& output = "");
-
-std::string textOf(const std::string& path);
+// What a program's main does: its exit code is that of `play`, or 2 where that throws, which is printed.
+int perform(const char* program, const std::function<int()>& play);
 
 class ServiceLife {
 public:
-    // Makes the folder, has what this process and its children call or serve lie in it, and removes it in the end. One
-    // a process, before its first call.
-    explicit ServiceLife(std::string place);
-    ~ServiceLife();
-    ServiceLife(const ServiceLife&) = delete;
-    ServiceLife& operator=(const ServiceLife&) = delete;
+    // Has what this process and its children call or serve lie in a fresh folder. One a process, before its first call.
+    ServiceLife();
 
-    const std::string& place() const { return mPlace; }
+    const std::string& place() const { return mFolder.path(); }
+
+    // A folder in it that is this user's alone. Returns its path.
+    std::string makeFolder(const std::string& name) const;
 
     // True when it says "ready"; false where it ended before. Throws Failed where neither comes about.
-    bool start(const std::vector<std::string>& command, const std::vector<std::string>& variables = {});
+    bool start(const std::vector<std::string>& command, const test::Environment& variables = {});
 
-    // The status of waitpid. signal: 0 where it is to have ended by itself.
+    // Its exit code, or 128 and the number of the signal that ended it. signal: 0 where it is to have ended by itself.
     int end(int signal);
-    bool endsWithin(int milliseconds) const;
+    bool endsWithin(int milliseconds) { return mService->wait(milliseconds) != test::Process::kRunning; }
 
-    // The file with all that it said, and the end of that.
-    std::string log() const { return mPlace + "/log"; }
+    // All that it said, and the end of that.
+    std::string log() const { return mService->err(); }
     std::string said() const;
 
 private:
-    const std::string mPlace;
+    const test::TempDir mFolder{"/dev/shm/torture-"};
     sd::UniqueFd mNotify;
-    sd::UniqueFd mEnded;
-    pid_t mService = 0;
+    std::optional<test::Process> mService;  // the latest
 };
 
 }  // namespace torture

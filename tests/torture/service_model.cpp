@@ -6,8 +6,6 @@
 namespace torture {
 namespace {
 
-constexpr int kLocalPriority = 5;
-
 // Each byte beyond ASCII is kept as the character of that number.
 std::string doubled(const std::string& text) {
     std::string utf8;
@@ -23,6 +21,19 @@ std::string lower(std::string text) {
     for (char& c : text)
         if (c >= 'A' && c <= 'Z') c += 'a' - 'A';
     return text;
+}
+
+bool isReadOnly(const std::string& key) {
+    return key.compare(0, 3, "ro.") == 0;
+}
+
+bool isOfRelease(const std::string& key) {
+    return key == "ro.sd.build.version" || key == "ro.sd.product.channel" || key == "ro.velmar.switch.env";
+}
+
+std::string valueIn(const std::map<std::string, std::string>& values, const std::string& key) {
+    const auto found = values.find(key);
+    return found == values.end() ? "" : found->second;
 }
 
 }  // namespace
@@ -58,39 +69,6 @@ void appendArguments(SDBusMessage& call, const Step& step) {
     }
     if (step.method == "SET_POLICY") call.appendInt8(static_cast<int8_t>(step.numbers[0]));
     if (isListening || step.method == "DM_REGISTER_LISTERNER") call.appendBool(step.flag);
-}
-
-const std::vector<std::string>& weightedMethods() {
-    static const std::vector<std::string> kMethods{"SET_SECURE",
-                                                   "SET_SECURE",
-                                                   "SET_SECURE",
-                                                   "DEL_SECURE",
-                                                   "SET_POLICY",
-                                                   "SET_POLICY",
-                                                   "SET_POLICY",
-                                                   "DELETE_POLICY",
-                                                   "SET_POLICYLIST",
-                                                   "SET_PROPERTY",
-                                                   "DEL_PROPERTY",
-                                                   "GET_PROPERTY",
-                                                   "LST_PROPERTY",
-                                                   "GET_SECURE",
-                                                   "GET_SECURE",
-                                                   "GET_POLICY",
-                                                   "GET_POLICY",
-                                                   "ISSTRONG_CONTROL",
-                                                   "DM_LIST",
-                                                   "DM_GET_POLICIES",
-                                                   "DM_CLEAR_ALL_KEYS",
-                                                   "REG_LISTENER",
-                                                   "REG_LISTENER",
-                                                   "UNREG_LISTENER",
-                                                   "ISALREADY_LISTHENED",
-                                                   "DM_REGISTER_LISTERNER",
-                                                   "GET_CONST",
-                                                   "SIGN_REQUEST",
-                                                   "VERIFY_SIGN"};
-    return kMethods;
 }
 
 std::string productLine(const Step& step) {
@@ -160,32 +138,54 @@ std::string yes(bool value) {
     return value ? "true" : "false";
 }
 
+const std::vector<Model::Method>& Model::methods() {
+    static const std::vector<Method> kMethods{
+        {"SET_SECURE", 3, &Model::setSecure},
+        {"DEL_SECURE", 1, &Model::deleteSecure},
+        {"GET_SECURE", 2, &Model::getSecure},
+        {"SET_POLICY", 3, &Model::setPolicies},
+        {"SET_POLICYLIST", 1, &Model::setPolicies},
+        {"DELETE_POLICY", 1, &Model::deletePolicy},
+        {"GET_POLICY", 2,
+         [](Model& model, const Step& step) {
+             const Weighed now = model.effective(step.texts[0]);
+             return Fields{now.value, std::to_string(now.priority)};
+         }},
+        {"DM_GET_POLICIES", 1, &Model::getPolicies},
+        {"DM_LIST", 1, &Model::listPolicies},
+        {"DM_CLEAR_ALL_KEYS", 1, &Model::clearPolicies},
+        {"ISSTRONG_CONTROL", 1,
+         [](Model& model, const Step& step) { return Fields{yes(model.effective(step.texts[0]).isStrong())}; }},
+        {"SET_PROPERTY", 1, &Model::setProperty},
+        {"DEL_PROPERTY", 1, &Model::deleteProperty},
+        {"GET_PROPERTY", 1, [](Model& model, const Step& step) { return Fields{model.property(step.texts[0])}; }},
+        {"LST_PROPERTY", 1, [](Model&, const Step&) { return Fields{"0"}; }},  // whatever is set
+        {"REG_LISTENER", 2,
+         [](Model& model, const Step& step) {
+             model.listen(step.texts[0], step.flag);
+             return Fields{yes(true)};
+         }},
+        {"DM_REGISTER_LISTERNER", 1, &Model::registerListeners},
+        {"UNREG_LISTENER", 1, &Model::unregisterListener},
+        {"ISALREADY_LISTHENED", 1, &Model::isListened},
+        {"LISTENERS_LIST", 1, &Model::listListeners},
+        {"GET_CONST", 1,
+         [](Model& model, const Step& step) { return Fields{valueIn(model.mConstants, step.texts[0])}; }},
+        {"SIGN_REQUEST", 1, [](Model&, const Step& step) { return Fields{step.texts[0]}; }},
+        {"VERIFY_SIGN", 1, [](Model&, const Step&) { return Fields{yes(true)}; }},
+    };
+    return kMethods;
+}
+
+std::vector<std::string> Model::weightedMethods() {
+    std::vector<std::string> names;
+    for (const Method& method : methods()) names.insert(names.end(), method.weight, method.name);
+    return names;
+}
+
 Fields Model::answer(const Step& step) {
-    using Method = Fields (Model::*)(const Step&);
-    static const std::map<std::string, Method> kMethods{{"SET_SECURE", &Model::setSecure},
-                                                        {"DEL_SECURE", &Model::deleteSecure},
-                                                        {"GET_SECURE", &Model::getSecure},
-                                                        {"SET_POLICY", &Model::setPolicy},
-                                                        {"DELETE_POLICY", &Model::deletePolicy},
-                                                        {"SET_POLICYLIST", &Model::setPolicyList},
-                                                        {"GET_POLICY", &Model::getPolicy},
-                                                        {"DM_GET_POLICIES", &Model::getPolicies},
-                                                        {"DM_LIST", &Model::listPolicies},
-                                                        {"DM_CLEAR_ALL_KEYS", &Model::clearPolicies},
-                                                        {"ISSTRONG_CONTROL", &Model::isStrongControl},
-                                                        {"SET_PROPERTY", &Model::setProperty},
-                                                        {"DEL_PROPERTY", &Model::deleteProperty},
-                                                        {"GET_PROPERTY", &Model::getProperty},
-                                                        {"LST_PROPERTY", &Model::listProperty},
-                                                        {"REG_LISTENER", &Model::registerListener},
-                                                        {"UNREG_LISTENER", &Model::unregisterListener},
-                                                        {"ISALREADY_LISTHENED", &Model::isListened},
-                                                        {"DM_REGISTER_LISTERNER", &Model::registerListeners},
-                                                        {"GET_CONST", &Model::getConst},
-                                                        {"SIGN_REQUEST", &Model::sign},
-                                                        {"VERIFY_SIGN", &Model::verify},
-                                                        {"LISTENERS_LIST", &Model::listListeners}};
-    return (this->*kMethods.at(step.method))(step);
+    const auto isIt = [&](const Method& method) { return method.name == step.method; };
+    return std::find_if(methods().begin(), methods().end(), isIt)->answer(*this, step);
 }
 
 void Model::restart() {
@@ -254,14 +254,10 @@ Model::Weighed Model::effective(const std::string& key) const {
     const std::string local = row == mSecure.end() ? "" : row->second.text.value_or("");
     const bool hidesWeak = row != mSecure.end() && row->second.key == key;
     const auto weighed = policy(key);
-    const bool policyWins = weighed && (weighed->priority > kLocalPriority || (local.empty() && !hidesWeak));
+    const bool policyWins = weighed && (weighed->isStrong() || (local.empty() && !hidesWeak));
     Weighed result = policyWins ? *weighed : Weighed{local, kLocalPriority};
     if (result.value == "null_value") result.value.clear();
     return result;
-}
-
-bool Model::isStrong(const std::string& key) const {
-    return effective(key).priority > kLocalPriority;
 }
 
 // ---- Events ----
@@ -276,7 +272,7 @@ void Model::tellListeners(const std::string& key, const std::string& value, bool
 void Model::tellSecure(const std::string& key, const std::string& old) {
     const Weighed now = effective(key);
     if (now.value == old) return;
-    tellListeners(key, now.value, isStrong(key));
+    tellListeners(key, now.value, now.isStrong());
     mEvents.push_back({".sdconfigChanged", {key, now.value}});
 }
 
@@ -309,35 +305,29 @@ Fields Model::getSecure(const Step& step) {
     const bool isPolicyShut = policyRow != mPolicies.end() && !policyRow->second.text;
     const bool isLocalShut = row != mSecure.end() && row->second.text != "";
     const auto weighed = policy(key);
-    const bool isStrongOne = weighed && weighed->priority > kLocalPriority;
-    if (isPolicyShut || (!isStrongOne && isLocalShut)) fields.push_back(yes(true));
+    const bool isGoverned = weighed && weighed->isStrong();
+    if (isPolicyShut || (!isGoverned && isLocalShut)) fields.push_back(yes(true));
     return fields;
 }
 
 // ---- Policies ----
 
-void Model::writePolicy(const std::string& key, const std::string& value, int priority) {
+void Model::setPolicy(const std::string& key, const std::string& value, int priority) {
     const Weighed before = effective(key);
     mPolicies.erase(key);
     mPolicies[key] = {key, doubled(value + "&&&" + std::to_string(priority))};
     const Weighed now = effective(key);
-    const bool strong = now.priority > kLocalPriority;
     const bool changed = now.value != before.value;
-    const bool flipped = strong != (before.priority > kLocalPriority);
-    if (changed || flipped) mEvents.push_back({".DMChanged", {key, now.value, yes(strong)}});
+    const bool flipped = now.isStrong() != before.isStrong();
+    if (changed || flipped) mEvents.push_back({".DMChanged", {key, now.value, yes(now.isStrong())}});
     const auto listener = mListeners.find(key);
     if (changed || (flipped && listener != mListeners.end() && listener->second.flag))
-        tellListeners(key, now.value, strong);
+        tellListeners(key, now.value, now.isStrong());
 }
 
-Fields Model::setPolicy(const Step& step) {
-    writePolicy(step.texts[0], step.texts[1], step.numbers[0]);
-    return {yes(true)};
-}
-
-Fields Model::setPolicyList(const Step& step) {
+Fields Model::setPolicies(const Step& step) {
     for (std::size_t i = 0; i < step.numbers.size(); ++i)
-        writePolicy(step.texts[2 * i], step.texts[2 * i + 1], step.numbers[i]);
+        setPolicy(step.texts[2 * i], step.texts[2 * i + 1], step.numbers[i]);
     return {yes(!step.numbers.empty())};
 }
 
@@ -352,11 +342,6 @@ Fields Model::clearPolicies(const Step& /*step*/) {
     for (auto row = mPolicies.begin(); row != mPolicies.end();)
         row = row->second.text == "" ? std::next(row) : mPolicies.erase(row);
     return {yes(true)};
-}
-
-Fields Model::getPolicy(const Step& step) {
-    const Weighed now = effective(step.texts[0]);
-    return {now.value, std::to_string(now.priority)};
 }
 
 Fields Model::getPolicies(const Step& step) {
@@ -381,19 +366,7 @@ Fields Model::listPolicies(const Step& /*step*/) {
     return fields;
 }
 
-Fields Model::isStrongControl(const Step& step) {
-    return {yes(isStrong(step.texts[0]))};
-}
-
 // ---- Properties ----
-
-bool Model::isReadOnly(const std::string& key) {
-    return key.compare(0, 3, "ro.") == 0;
-}
-
-bool Model::isOfRelease(const std::string& key) {
-    return key == "ro.sd.build.version" || key == "ro.sd.product.channel" || key == "ro.velmar.switch.env";
-}
 
 // A release's is what the file says first, now. It can be set where the file doesn't tell, but never shows.
 std::string Model::property(const std::string& key) const {
@@ -402,8 +375,7 @@ std::string Model::property(const std::string& key) const {
             if (defined == key) return value;
         return "";
     }
-    const auto found = mProperties.find(key);
-    return found == mProperties.end() ? "" : found->second;
+    return valueIn(mProperties, key);
 }
 
 bool Model::storeProperty(const std::string& key, const std::string& value) {
@@ -425,24 +397,11 @@ Fields Model::deleteProperty(const Step& step) {
     return {yes(true)};
 }
 
-Fields Model::getProperty(const Step& step) {
-    return {property(step.texts[0])};
-}
-
-Fields Model::listProperty(const Step& /*step*/) {
-    return {"0"};  // whatever is set
-}
-
-// ---- Listeners, and the rest ----
+// ---- Listeners ----
 
 void Model::listen(const std::string& key, bool flag) {
     ++mListeners[key].count;
     mListeners[key].flag = flag;
-}
-
-Fields Model::registerListener(const Step& step) {
-    listen(step.texts[0], step.flag);
-    return {yes(true)};
 }
 
 Fields Model::registerListeners(const Step& step) {
@@ -470,19 +429,6 @@ Fields Model::listListeners(const Step& step) {
     Fields fields{yes(false), std::to_string(listed.size() / 2)};
     fields.insert(fields.end(), listed.begin(), listed.end());
     return fields;
-}
-
-Fields Model::getConst(const Step& step) {
-    const auto found = mConstants.find(step.texts[0]);
-    return {found == mConstants.end() ? "" : found->second};
-}
-
-Fields Model::sign(const Step& step) {
-    return {step.texts[0]};
-}
-
-Fields Model::verify(const Step& /*step*/) {
-    return {yes(true)};
 }
 
 }  // namespace torture

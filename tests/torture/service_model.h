@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <random>
@@ -21,8 +22,8 @@ using Fields = std::vector<std::string>;
 struct Step {
     std::string method;  // or what else happens: an end of the service, an edit of rows or of the product's files
     std::size_t client = 0;
-    std::vector<std::string> texts;
-    std::vector<int> numbers;
+    std::vector<std::string> texts{};
+    std::vector<int> numbers{};
     bool flag = false;
 };
 
@@ -34,9 +35,6 @@ bool takesList(const std::string& method);
 
 // Gives the call the arguments of the step.
 void appendArguments(SDBusMessage& call, const Step& step);
-
-// Often what changes something, now and then what only asks.
-const std::vector<std::string>& weightedMethods();
 
 // What is written at the end of one of the product's files: by "define" to build.prop, by "constant" to the constants.
 // With blanks about "=" where the flag is set.
@@ -98,6 +96,9 @@ std::string yes(bool value);
 
 class Model {
 public:
+    // Often what changes something, now and then what only asks.
+    static std::vector<std::string> weightedMethods();
+
     // The fields of the answer. Events go to mEvents.
     Fields answer(const Step& step);
 
@@ -119,22 +120,30 @@ public:
     bool operator==(const Model& other) const;
 
 private:
+    static constexpr int kLocalPriority = 5;
+
     struct Weighed {
         std::string value;  // "" for none
         int priority;
+        bool isStrong() const { return priority > kLocalPriority; }
     };
     struct Registrations {
         int count = 0;
         bool flag = false;
         bool operator==(const Registrations& other) const { return count == other.count && flag == other.flag; }
     };
+    struct Method {
+        std::string name;
+        std::size_t weight;
+        std::function<Fields(Model&, const Step&)> answer;
+    };
+    static const std::vector<Method>& methods();
 
     static std::optional<Weighed> policyOf(const Row& row);
 
     std::optional<Weighed> policy(const std::string& key) const;
 
     Weighed effective(const std::string& key) const;
-    bool isStrong(const std::string& key) const;
 
     // ---- Events ----
 
@@ -149,39 +158,27 @@ private:
 
     // ---- Policies ----
 
-    void writePolicy(const std::string& key, const std::string& value, int priority);
-    Fields setPolicy(const Step& step);
-    Fields setPolicyList(const Step& step);
+    void setPolicy(const std::string& key, const std::string& value, int priority);
+    Fields setPolicies(const Step& step);
     Fields deletePolicy(const Step& step);
     Fields clearPolicies(const Step& step);
-    Fields getPolicy(const Step& step);
     Fields getPolicies(const Step& step);
     Fields listPolicies(const Step& step);
-    Fields isStrongControl(const Step& step);
 
     // ---- Properties ----
 
-    static bool isReadOnly(const std::string& key);
-    static bool isOfRelease(const std::string& key);
     std::string property(const std::string& key) const;
     bool storeProperty(const std::string& key, const std::string& value);
-
     Fields setProperty(const Step& step);
     Fields deleteProperty(const Step& step);
-    Fields getProperty(const Step& step);
-    Fields listProperty(const Step& step);
 
-    // ---- Listeners, and the rest ----
+    // ---- Listeners ----
 
     void listen(const std::string& key, bool flag);
-    Fields registerListener(const Step& step);
     Fields registerListeners(const Step& step);
     Fields unregisterListener(const Step& step);
     Fields isListened(const Step& step);
     Fields listListeners(const Step& step);
-    Fields getConst(const Step& step);
-    Fields sign(const Step& step);
-    Fields verify(const Step& step);
 
     Rows mSecure;
     Rows mPolicies;

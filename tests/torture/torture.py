@@ -4,11 +4,13 @@ import base64
 import collections
 import concurrent.futures
 import contextlib
-import glob
+import functools
 import hashlib
 import json
 import os
+import pathlib
 import random
+import re
 import shutil
 import signal
 import sqlite3
@@ -21,7 +23,8 @@ import traceback
 
 import pieces
 import power_cuts
-from pieces import SLACK, Client, Failed, Honest, Marshal, Peer, Service, World, Writer, check, strings, wait_for
+from pieces import (SLACK, Client, Failed, Honest, Marshal, Peer, Service, World, Writer, beside, check, packed,
+                    strings, text_at, timed, wait_for)
 
 METHODS = ("GET_PROPERTY SET_PROPERTY LST_PROPERTY DEL_PROPERTY GET_SECURE SET_SECURE DEL_SECURE GET_CONST "
            "SIGN_REQUEST VERIFY_SIGN REG_LISTENER UNREG_LISTENER ISALREADY_LISTHENED SET_POLICYLIST SET_POLICY "
@@ -85,23 +88,13 @@ def make_writers(world, run):
 
 def kill_beneath(service, writers, rng):
     """Kills the service at some moment while all of them write."""
-    for writer in writers:
-        writer.service_dies.clear()
-    threads = [threading.Thread(target=writer.write_until_death) for writer in writers]
-    for thread in threads:
-        thread.start()
-    time.sleep(rng.uniform(0, 0.15))
-    for writer in writers:
-        writer.service_dies.set()
-    service.kill()
-    for thread, writer in zip(threads, writers):
-        thread.join()
-        if writer.failure:
-            raise writer.failure
+    with beside(*(writer.write_until for writer in writers)) as death:
+        time.sleep(rng.uniform(0, 0.15))
+        death.set()
+        service.kill()
 
 
 def kill(run):
-    rounds = 0
     with World() as world:
         writers = make_writers(world, run)
         for rounds in run.rounds(40, 1000):
@@ -172,7 +165,6 @@ class Trail:
 
 def trail(run):
     """Kills under writers, and cuts: the trail has what was acknowledged, in its order, and nothing else."""
-    kills = 0
     with World() as world:
         writers = make_writers(world, run)
         told = Trail(world, writers)
@@ -186,9 +178,7 @@ def trail(run):
                 told.cut(run.random)
         world.start("--audit-size", "1024")
         told.check()
-        verified = subprocess.run([pieces.PROGRAMS["sdconfig"], "log", "verify"], env=world.environment, text=True,
-                                  capture_output=True, check=False)
-        check(verified.returncode == 0, f"log verify says {verified.stdout + verified.stderr}")
+        world.command("log", "verify")
     acknowledged = sum(writer.acknowledged for writer in writers)
     return f"{kills + 1} kills, {told.seq} entries, {acknowledged} acknowledged writes"
 
@@ -199,63 +189,37 @@ class Counter:
 
     def __init__(self, world, name):
         self.client = world.client()
-        self.kinds = {f"{name}.s": ("set",), f"{name}.p": ("policy.set", 9)}
-        self.asked = dict.fromkeys(self.kinds, 0)
+        self.asked = {("secure", f"{name}.s"): 0, ("policy", f"{name}.p"): 0}
         self.acknowledged = dict(self.asked)
-        self.over = threading.Event()
-        self.failure = None
-        self.thread = threading.Thread(target=self.count)
-        self.thread.start()
 
-    def count(self):
-        try:
-            while not self.over.is_set():
-                for key, (command, *priority) in self.kinds.items():
-                    self.asked[key] += 1
-                    check(self.client.ask(command, key, self.asked[key], *priority) == "1", f"{command} failed")
-                    self.acknowledged[key] = self.asked[key]
-        except Failed as failure:
-            self.failure = failure
-
-    def finish(self):
-        self.over.set()
-        self.thread.join()
-        if self.failure:
-            raise self.failure
+    def count(self, over):
+        while not over.is_set():
+            for kind, key in self.asked:
+                self.asked[kind, key] += 1
+                check(self.client.write(kind, key, self.asked[kind, key]), f"a write of {key} failed")
+                self.acknowledged[kind, key] = self.asked[kind, key]
 
 
 def backup(run):
     with World() as world:
-        elsewhere = dict(world.environment, XDG_RUNTIME_DIR=world.path("tmp"))  # a restored folder has no service
-
-        def command_line(*arguments):
-            done = subprocess.run([pieces.PROGRAMS["sdconfig"], *arguments], env=elsewhere, text=True,
-                                  input="passphrase\n", capture_output=True, check=False)
-            check(done.returncode == 0, f"sdconfig {arguments[0]} ended with {done.returncode}: {done.stderr[-300:]}")
-            return done.stdout
-
+        elsewhere = {"XDG_RUNTIME_DIR": world.path("tmp")}  # a restored folder has no service
         world.start()
         writers = [Counter(world, f"w{number}") for number in range(8)]
-        wait_for(lambda: all(min(writer.acknowledged.values()) > 0 for writer in writers), "the first writes")
-        try:
+        with beside(*(writer.count for writer in writers)):
+            wait_for(lambda: all(min(writer.acknowledged.values()) > 0 for writer in writers), "the first writes")
             for number in run.rounds(6, 300):
                 file, folder = world.path(f"backup.{number}"), world.path(f"restored.{number}")
                 least = [dict(writer.acknowledged) for writer in writers]
-                command_line("backup", file, world.path("data"))
+                world.command("backup", file, world.path("data"), text="passphrase\n", **elsewhere)
                 most = [dict(writer.asked) for writer in writers]
-                command_line("restore", file, folder)
-                listing = json.loads(command_line("list", "--data-dir", folder, "--show", "--json"))
-                held = {row["key"]: int(row["value"]) for row in listing["secure"]}
-                held.update({row["uri"]: int(row["value"]) for row in listing["policies"]})
+                world.command("restore", file, folder, text="passphrase\n", **elsewhere)
+                held = world.held(folder, **elsewhere)
                 for low, high in zip(least, most):
                     for key in low:
-                        check(low[key] <= held.get(key, -1) <= high[key],
+                        check(low[key] <= int(held.get(key, -1)) <= high[key],
                               f"{key} holds {held.get(key)} in a backup begun at {low[key]} and done at {high[key]}")
                 shutil.rmtree(folder)
                 os.unlink(file)
-        finally:
-            for writer in writers:
-                writer.finish()
     written = sum(sum(writer.acknowledged.values()) for writer in writers)
     return f"{number + 1} backups beneath 8 writers with {written} acknowledged writes, no value missed"
 
@@ -263,47 +227,38 @@ def backup(run):
 def write_steps(client, round_name, results):
     """Writes of each kind. Returns what each key may hold, and what failed."""
     stored, failed = {}, []
-    steps = [("set", "k", f"1{round_name}"), ("set", "k", f"2{round_name}"), ("set", "l", "x" * 9000), ("delete", "l"),
-             ("policy.set", "p", f"3{round_name}", 9)]
-    for command, key, *rest in steps:
-        begin = time.monotonic()
-        answer = client.ask(command, key, *rest)
-        took = time.monotonic() - begin
+    for kind, key, value in (("secure", "k", f"1{round_name}"), ("secure", "k", f"2{round_name}"),
+                             ("secure", "l", "x" * 9000), ("secure", "l", ""), ("policy", "p", f"3{round_name}")):
+        is_done, took = timed(client.write, kind, key, value)
         results["worst"] = max(results["worst"], took)
-        check(took < 6.5, f"{command} took {took:.1f} s")
-        written = rest[0] if rest else ""
-        if answer == "1":
-            stored[key] = {written}
+        check(took < 6.5, f"a write of {kind} {key} took {took:.1f} s")
+        if is_done:
+            stored[kind, key] = {value}
         else:
-            failed.append(command)
-            if key in stored:
-                stored[key].add(written)  # its bytes may stand in the log, and count after a restart
+            failed.append(f"{kind} {key}")
+            if (kind, key) in stored:
+                stored[kind, key].add(value)  # its bytes may stand in the log, and count after a restart
     return stored, failed
 
 
 def read_steps(client, stored, syscall):
-    def read(key):
-        return client.ask("policy.get", key).split(" ")[-1] if key == "p" else client.ask("get", key)
-
-    for key, allowed in stored.items():
+    for (kind, key), allowed in stored.items():
         if key == "l" and syscall == "pread64":
             continue  # what can't be looked up passes for deleted; the log tells of the look-up
-        told = read(key)
-        if told in ("", "null_value"):
-            told = read(key)  # the call that fails may be one of this reading
+        told = client.read(kind, key) or client.read(kind, key)  # the call that fails may be one of this reading
         check(told in allowed, f"{key} holds {told[:40]!r}, not one of {[value[:40] for value in allowed]}")
 
 
 def inject_one(syscall, error, number, results):
     """One life of a service whose n-th such call on its files fails. False when no call was left to fail."""
     with World() as world:
-        trace = world.path("trace")
+        trace = pathlib.Path(world.path("trace"))
         files = ["sdconfig.db", "sdconfig.db-wal", "dmhelper.db", "dmhelper.db-wal", "sdsecurity.keys",
                  "sdsecurity.count", "sdsecurity.keys.new", "sdsecurity.count.new", "sdconfigd.clean",
                  "sdconfigd.clean.new", ""]
         path_options = [option for name in files for option in ("-P", world.path("data/" + name).rstrip("/"))]
         service = Service(world, ("--log-level", "6"),
-                          ["strace", "-D", "-f", "-qq", "-o", trace, "-e", f"trace={syscall}", *path_options,
+                          ["strace", "-D", "-f", "-qq", "-o", str(trace), "-e", f"trace={syscall}", *path_options,
                            "-e", f"inject={syscall}:error={error}:when={number}"])
         stored = {}
         if service.settled():
@@ -324,8 +279,7 @@ def inject_one(syscall, error, number, results):
         else:
             service.refusal()
             results["refused"] += 1
-        with open(trace, encoding="utf-8", errors="replace") as lines:
-            injected = lines.read().count("(INJECTED)")
+        injected = trace.read_bytes().count(b"(INJECTED)")
         world.start()
         read_steps(world.client(), stored, syscall)
         world.check_integrity()
@@ -360,7 +314,7 @@ def disk(run):
         world.mount("data", "-t", "tmpfs", "none", "-o", "size=16m,mode=700")
         service = world.start()
         client = world.client()
-        check(client.ask("set", "kept", "old") == "1", "a set on a disk with room failed")
+        check(client.write("secure", "kept", "old"), "a set on a disk with room failed")
         previous = "old"
         for number in run.rounds(20, 400):
             with open(world.path("data/filler"), "wb", buffering=0) as filler:
@@ -371,8 +325,8 @@ def disk(run):
                     filler.truncate(max(0, filler.tell() - run.random.choice((0, 4, 12, 60, 200)) * PAGE))
             log_before = service.log()
             value = f"{number}." + "y" * run.random.choice((100, 400000, 3000000))
-            stored = client.ask("set", "kept", value) == "1"
-            held = client.ask("get", "kept")
+            stored = client.write("secure", "kept", value)
+            held = client.read("secure", "kept")
             check(held == (value if stored else previous),
                   f"after a set that was {'stored' if stored else 'refused'} the key holds {held[:40]!r}")
             if not stored:
@@ -381,8 +335,8 @@ def disk(run):
             service.check_alive()
             os.unlink(world.path("data/filler"))
             previous = f"free.{number}"
-            check(client.ask("set", "kept", previous) == "1", "a set failed though there is room again")
-            check(client.ask("get", "kept") == previous, "what was set when there was room again is not there")
+            check(client.write("secure", "kept", previous), "a set failed though there is room again")
+            check(client.read("secure", "kept") == previous, "what was set when there was room again is not there")
         check(refused, "no set met the full disk")
         service.kill()
         subprocess.run(["mount", "-o", "remount,ro", world.path("data")], check=True)
@@ -393,7 +347,7 @@ def disk(run):
         check(world.files() == before, "a refused start changed files")
         subprocess.run(["mount", "-o", "remount,rw", world.path("data")], check=True)
         world.start()
-        check(client.ask("get", "kept") == previous, "the value is gone after the disk was read-only")
+        check(client.read("secure", "kept") == previous, "the value is gone after the disk was read-only")
     return f"{number + 1} full disks, {refused} sets refused; read-only: \"{reason[-60:]}\""
 
 
@@ -427,10 +381,10 @@ def make_templates(history):
                 service, client = world.start(), world.client()
                 for i in range(30):
                     value = f"value.{life}.{i}." + "z" * (i * 40)
-                    check(client.ask("set", f"key.{i}", value) == "1", "set failed")
+                    check(client.write("secure", f"key.{i}", value), "a set failed")
                     history.setdefault(f"key.{i}", []).append(value)
                     if i < 8:
-                        check(client.ask("policy.set", f"pol.{i}", f"p.{life}.{i}", 9) == "1", "policy.set failed")
+                        check(client.write("policy", f"pol.{i}", f"p.{life}.{i}"), "a set of a policy failed")
                         history.setdefault(f"pol.{i}", []).append(f"p.{life}.{i}")
                 if end == "ended" or (end == "killed" and life < 2):
                     service.stop()
@@ -499,29 +453,22 @@ def busy(run):
     for seconds in (1, 4, 6) if run.long else (1, 6):
         with World() as world:
             world.start()
-            client, beside = world.client(), world.client()
-            check(client.ask("set", "k", "old") == "1" and beside.ask("get", "k") == "old", "set failed")
+            client, another = world.client(), world.client()
+            check(client.write("secure", "k", "old") and another.read("secure", "k") == "old", "set failed")
             holder = sqlite3.connect(world.path("data/sdconfig.db"), isolation_level=None, check_same_thread=False)
             holder.execute("BEGIN IMMEDIATE")
-            begin = time.monotonic()
             timer = threading.Timer(seconds, holder.rollback)
             timer.start()
-            answer = client.ask("set", "k", "new")
-            took = time.monotonic() - begin
+            is_stored, took = timed(client.write, "secure", "k", "new")
             timer.join()
             holder.close()
-            if seconds < 5:
-                check(answer == "1" and took >= seconds - 0.1, f"held {seconds} s: {answer} after {took:.1f} s")
-            else:
-                check(answer == "0" and 4.9 < took < 4.5 + SLACK["patience"],
-                      f"held {seconds} s: {answer} after {took:.1f} s")
-            begin = time.monotonic()
-            held = beside.ask("get", "k")
-            waited = time.monotonic() - begin
-            check(held in ("new", "old" if answer == "0" else "new") and waited < 0.5 + SLACK["patience"],
+            right = (took >= seconds - 0.1) if is_stored else (4.9 < took < 4.5 + SLACK["patience"])
+            check(right and is_stored == (seconds < 5), f"held {seconds} s: {is_stored} after {took:.1f} s")
+            held, waited = timed(another.read, "secure", "k")
+            check(held in (("new",) if is_stored else ("new", "old")) and waited < 0.5 + SLACK["patience"],
                   f"then {held!r}, {waited:.1f} s")
-            check(beside.ask("set", "k", "next") == "1" and client.ask("get", "k") == "next", "not usable afterwards")
-            told.append(f"{seconds} s: {'stored' if answer == '1' else 'failed'} after {took:.1f} s")
+            check(another.write("secure", "k", "last") and client.read("secure", "k") == "last", "not usable then")
+            told.append(f"{seconds} s: {'stored' if is_stored else 'failed'} after {took:.1f} s")
     return "; ".join(told)
 
 
@@ -580,9 +527,7 @@ def hostile(run):
         for _ in run.rounds(200, 3000):
             with contextlib.suppress(OSError):  # to cut it off is the service's right, here and below
                 send_garbage(world, run.random)
-        half_open = []
-        for _ in range(200):
-            half_open.append(Peer(world, handshake=False))
+        half_open = [Peer(world, handshake=False) for _ in range(200)]
         connects = run.count(1000, 10000)
         for _ in range(connects):
             with contextlib.suppress(OSError):
@@ -603,14 +548,14 @@ def hostile(run):
                 peer.close()
                 arrays += 1
         service.check_alive()
-        beside = honest.finish()
-        check(world.client().ask("sign", "new") == "new", "a new client is not served afterwards")
+        told = honest.finish()
+        check(world.client().ask("sign.get", "new") == "new", "a new client is not served afterwards")
         peak = service.peak_mib()
         check(at_calls < (at_start + 100) * SLACK["factor"], f"calls made it hold {at_calls} MiB")
         check(peak < 900 * SLACK["factor"], f"peak memory {peak} MiB")
         lines = service.log().count("\n")
         check(lines < 100000, f"{lines} lines logged")
-    return (f"{connects} connects, {calls} random calls, {arrays} arrays of 64 MiB; {beside}; peak {at_calls} MiB "
+    return (f"{connects} connects, {calls} random calls, {arrays} arrays of 64 MiB; {told}; peak {at_calls} MiB "
             f"before the arrays, {peak} MiB in all")
 
 
@@ -648,25 +593,24 @@ def user(run):
         "linked ring": lambda w: os.symlink(w.path("victim/ring"), w.path("data/sdsecurity.keys")),
         "linked lock": lambda w: os.symlink(w.path("victim/lock"), w.path("data/sdconfigd.lock")),
     }
-    for name, plant in plants.items():
+    inside = {  # its own folder: taken away or refused, never followed
+        name: lambda w, name=name: (os.mkdir(w.path("run/sdbus"), 0o700),
+                                    os.symlink(w.path("victim/file"), w.path("run/sdbus/" + name)))
+        for name in ("sdconfig", "sdconfig.lock")
+    }
+    for name, plant in (plants | inside).items():
         with World() as world:
             os.mkdir(world.path("victim"), 0o700)
+            file = pathlib.Path(world.path("victim/file"))
+            file.write_text("mine")
             plant(world)
             service = Service(world)
-            check(not service.settled(), f"{name}: the service started")
-            service.refusal()
-            check(not os.listdir(world.path("victim")), f"{name}: it was followed")
-            check(not os.path.exists(world.socket_path), f"{name}: a socket was made")
-    for name in ("sdconfig", "sdconfig.lock"):  # in its own folder: taken away or refused, never followed
-        with World() as world:
-            os.mkdir(world.path("victim"), 0o700)
-            os.mkdir(world.path("run/sdbus"), 0o700)
-            with open(world.path("victim/file"), "w", encoding="ascii") as file:
-                file.write("mine")
-            os.symlink(world.path("victim/file"), world.path("run/sdbus/" + name))
-            Service(world).settled()
-            check(os.listdir(world.path("victim")) == ["file"] and open(world.path("victim/file")).read() == "mine",
-                  f"a link in place of {name} was followed")
+            is_started = service.settled()
+            if name in plants:
+                check(not is_started, f"{name}: the service started")
+                service.refusal()
+                check(not os.path.exists(world.socket_path), f"{name}: a socket was made")
+            check(list(file.parent.iterdir()) == [file] and file.read_text() == "mine", f"{name}: it was followed")
     with World() as world:  # a service of another user, where a client looks
         os.mkdir(world.path("run/sdbus"), 0o700)
         for folder in ("", "run", "run/sdbus"):
@@ -675,8 +619,8 @@ def user(run):
         planted = subprocess.Popen([*other, "python3", "-c", serve, world.socket_path], text=True,
                                    stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
         wait_for(lambda: os.path.exists(world.socket_path), "the planted socket")
-        answer = world.client().ask("set", "k", "secret")
-        check(answer == "0" and planted.communicate(timeout=20)[0] in ("", "b''\n"),
+        is_done = world.client().write("secure", "k", "secret")
+        check(not is_done and planted.communicate(timeout=20)[0] in ("", "b''\n"),
               "a client spoke to a service of another user")
     return f"refused before dispatch; {len(plants) + 3} plants, nothing followed"
 
@@ -691,37 +635,22 @@ def silent(run):
             peer.send("Subscribe", *strings("DM_CHANGED"), interface="sdbus.Control")
         for reader in readers:
             reader.next()
-        body = Marshal()
-        body.put("s", "told")
-        body.put("b", 0)
-        writer.send("REG_LISTENER", "sb", bytes(body.bytes))
+        writer.send("REG_LISTENER", *packed("sb", "told", 0))
         writer.next()
         seen = [0, 0]
-        wrong = []
 
-        def read(which):
-            try:
-                while seen[which] < events:
-                    _, _, told = readers[which].next()
-                    number = int(told[16:24])
-                    check(number == seen[which], f"event {number} came instead of {seen[which]}")
-                    seen[which] += 1
-            except (Failed, OSError, ValueError) as error:
-                wrong.append(f"a reader at event {seen[which]}: {error}")
+        def read(which, _):
+            while seen[which] < events:
+                number = int(readers[which].next()[2][16:24])
+                check(number == seen[which], f"event {number} came instead of {seen[which]}")
+                seen[which] += 1
 
-        threads = [threading.Thread(target=read, args=(which,)) for which in range(2)]
-        for thread in threads:
-            thread.start()
-        for at in range(0, events, 500):
-            calls = bytearray()
-            for number in range(at, min(at + 500, events)):
-                calls += pieces.message(number + 10, "SET_PROPERTY", *strings("told", f"{number:08}"), flags=1)
-            writer.socket.sendall(calls)
-            wait_for(lambda: wrong or min(seen) > at - 4000, "the readers", 60)
-            check(not wrong, wrong)
-        for thread in threads:
-            thread.join()
-        check(not wrong, wrong)
+        with beside(*(functools.partial(read, which) for which in range(2))):
+            for at in range(0, events, 500):
+                writer.socket.sendall(b"".join(
+                    pieces.message(number + 10, "SET_PROPERTY", *strings("told", f"{number:08}"), flags=1)
+                    for number in range(at, min(at + 500, events))))
+                wait_for(lambda: min(seen) > at - 4000, "the readers", 60)
         got = 0
         with contextlib.suppress(ConnectionError):
             while mute.next():
@@ -739,51 +668,44 @@ def restarts(run):
     with World() as world:
         service = world.start()
         crowd = [world.client() for _ in range(clients)]
-        over = threading.Event()
-        wrong = []
 
-        def use(number):
-            client = crowd[number]
-            try:
-                client.ask("listen", f"key.{number}")
-                while not over.is_set():
-                    text = f"{number}.{calls[number]}"
-                    answer = client.ask("sign", text)
-                    check(answer in (text, ""), f"client {number} was answered {answer!r} to {text!r}")
-                    failures[number] += answer == ""
-                    calls[number] += 1
-                    if calls[number] % 10 == 0:
-                        value = client.ask("property.get", f"key.{number}")
-                        check(value == "" or value.startswith(f"{number}."), f"client {number} read {value!r}")
-                        client.ask("property.set", f"key.{number}", text)
-            except Failed as failure:
-                wrong.append(f"client {number}: {failure}")
+        def listen(number):  # the recipe after a restart: ask, and register anew where need be
+            return any(crowd[number].ask(command, f"key.{number}") == "1"
+                       for command in ("listener.get", "listener.set.list"))
 
-        threads = [threading.Thread(target=use, args=(number,)) for number in range(clients)]
-        for thread in threads:
-            thread.start()
-        done = 0
-        for done in run.rounds(rounds, rounds):
-            time.sleep(run.random.uniform(0.02, 0.3))
-            service.kill() if run.random.random() < 0.5 else service.stop()
-            service = world.start()
-        over.set()
-        for thread in threads:
-            thread.join()
-        check(not wrong, wrong[:3])
-        for number, client in enumerate(crowd):  # the recipe after a restart: ask, and register anew where need be
-            check(client.ask("listen", f"key.{number}") == "1", f"client {number} can't listen again")
+        def use(number, over):
+            client, key = crowd[number], f"key.{number}"
+            listen(number)
+            while not over.is_set():
+                text = f"{number}.{calls[number]}"
+                answer = client.ask("sign.get", text)
+                check(answer in (text, ""), f"client {number} was answered {answer!r} to {text!r}")
+                failures[number] += answer == ""
+                calls[number] += 1
+                if calls[number] % 10 == 0:
+                    value = client.read("property", key)
+                    check(value == "" or value.startswith(f"{number}."), f"client {number} read {value!r}")
+                    client.write("property", key, text)
+
+        with beside(*(functools.partial(use, number) for number in range(clients))):
+            for done in run.rounds(rounds, rounds):
+                time.sleep(run.random.uniform(0.02, 0.3))
+                service.kill() if run.random.random() < 0.5 else service.stop()
+                service = world.start()
+        for number in range(clients):
+            check(listen(number), f"client {number} can't listen again")
         for number, client in enumerate(crowd):
-            before = int(client.ask("events").split()[0])
+            key = f"key.{number}"
+            before = int(client.ask("events.get", key).split()[0])
             attempts = iter(range(10000))
 
             def hears():
-                client.ask("property.set", f"key.{number}", f"{number}.again.{next(attempts)}")
-                return int(client.ask("events").split()[0]) > before
+                client.write("property", key, f"{number}.again.{next(attempts)}")
+                return int(client.ask("events.get", key).split()[0]) > before
 
             wait_for(hears, f"client {number} hears of changes again", 10)
-            told = client.ask("events").split()
-            check(told[1] == "0" and told[2].startswith(f"{number}."), f"client {number} was told {told}")
+            told = client.ask("events.get", key).split()[1]
+            check(told.startswith(f"{number}."), f"client {number} was told {told}")
     return f"{clients} clients, {done + 1} restarts, {sum(calls)} calls, {sum(failures)} of them failed"
 
 
@@ -791,26 +713,17 @@ def threads(run):
     with World() as world:
         world.start()
         client = world.client()
-        right = 0
-
-        def all_right(answer):
-            numbers = [int(number) for number in answer.split()]
-            check(not any(numbers[1::3] + numbers[2::3]), f"wrong or failed: {answer}")
-            return sum(numbers[0::3])
-
         for number in run.rounds(3, 60):
-            right += all_right(client.ask("threads", 64, 50, 0, limit=60))
-            right += all_right(client.ask("threads", 16, 50, 1, limit=60))
-            forked = client.ask("fork", limit=60)
-            check(len(forked.split()) == 6, f"a forked child said nothing: {forked}")
-            right += all_right(forked)
-            client.ask("listen", f"k{number}")
-            client.ask("property.set", f"k{number}", f"v{number}")
-            wait_for(lambda: client.ask("events").split()[2] == f"v{number}", "an event")
-            check(client.ask("events").split()[1] == "0", "a call from a listener got another's answer")
+            for command, right in (("threads.get 64 50 0", 3200), ("threads.get 16 50 1", 800), ("fork.get", 30)):
+                answer = client.ask(command, limit=60)
+                check(answer == str(right), f"{command}: {answer} of {right} calls were answered")
+            key = f"k{number}"
+            client.ask("listener.set.list", key)
+            client.write("property", key, "told")
+            wait_for(lambda: client.ask("events.get", key).endswith(" told"), "an event")
         client.ask("last", "goodbye")
         check(client.finish() == "goodbye\n\n", "static destructors are answered wrongly")
-    return f"{right} calls from threads, children, interrupted threads, each with its own answer; {number + 1} rounds"
+    return f"{4030 * (number + 1)} calls from threads, children, interrupted threads, each with its own answer"
 
 
 # ---- Secrets ----
@@ -824,13 +737,11 @@ def secrets(run):
         client = world.client()
 
         def scan_processes():
-            for path in glob.glob("/proc/[0-9]*/cmdline") + glob.glob("/proc/[0-9]*/environ"):
-                try:
-                    with open(path, "rb") as file:
-                        text = file.read()
+            proc = pathlib.Path("/proc")
+            for path in (*proc.glob("[0-9]*/cmdline"), *proc.glob("[0-9]*/environ")):
+                with contextlib.suppress(OSError):
+                    text = path.read_bytes()
                     check(not any(form in text for form in forms), f"the secret stands in {path}")
-                except OSError:
-                    pass
 
         def command_line(*arguments, text=""):
             process = subprocess.Popen([pieces.PROGRAMS["sdconfig"], *arguments], env=world.environment, text=True,
@@ -845,57 +756,52 @@ def secrets(run):
         for _ in run.rounds(2, 50):
             command_line("secure", "set", "k", text=canary)
             check(canary in command_line("secure", "get", "k"), "the secret did not come back")
-            check(client.ask("set", "k", canary) == "1", "set failed")
-            check(client.ask("get", "k") == canary, "the secret did not come back")
-            check(client.ask("set", "ro.sd.uuid", identity) == "1", "set failed")
+            check(client.write("secure", "k", canary), "a set failed")
+            check(client.read("secure", "k") == canary, "the secret did not come back")
+            check(client.write("secure", "ro.sd.uuid", identity), "a set failed")
             for key, priority in (("k", 9), ("k", 1), ("other", 9)):
-                check(client.ask("policy.set", key, canary, priority) == "1", "policy.set failed")
-                client.ask("policy.get", key)
-            client.ask("delete", "k")
-            client.ask("set", "alone", canary)
-            client.ask("property.set", "ro.read.only", shown)
-            check(client.ask("property.set", "ro.read.only", shown) == "0", "a read-only property was set")
+                check(client.write("policy", key, canary, priority), "a set of a policy failed")
+                client.read("policy", key)
+            client.write("secure", "k", "")
+            client.write("secure", "alone", canary)
+            client.write("property", "ro.read.only", shown)
+            check(not client.write("property", "ro.read.only", shown), "a read-only property was set")
             peer = Peer(world)
             for method in METHODS:  # the secret where it does not belong
                 if method not in ("DEL_SECURE", "DELETE_POLICY", "DM_CLEAR_ALL_KEYS", "SET_PROPERTY", "REG_LISTENER",
                                   "DM_REGISTER_LISTERNER"):
-                    peer.send(method, "isy", struct.pack("<iI", 1, len(canary)) + canary.encode() + b"\0\1", flags=1)
+                    peer.send(method, *packed("isy", 1, canary, 1), flags=1)
             peer.call("GET_SECURE", "k")
             peer.close()
             # Error paths: a store that refuses, a value that doesn't open.
             db = sqlite3.connect(world.path("data/sdconfig.db"))
             db.execute("CREATE TRIGGER full BEFORE INSERT ON secure_v3 BEGIN SELECT RAISE(ABORT, 'full'); END")
-            check(client.ask("set", "k", canary) == "0", "a refused write succeeded")
+            check(not client.write("secure", "k", canary), "a refused write succeeded")
             command_line("secure", "set", "k", text=canary)
             db.execute("DROP TRIGGER full")
             db.execute("UPDATE secure_v3 SET value = substr(value, 1, length(value) - 9) WHERE key = 'alone'")
             db.commit()
             db.close()
-            check(client.ask("get", "alone") == "", "a damaged value was opened")
+            check(client.read("secure", "alone") == "", "a damaged value was opened")
             command_line("report", "-o", world.path("page.html"))
             service.kill()
-            for operation in ("set", "property.set"):
-                check(client.ask(operation, "k", canary) == "0", "a set without a service succeeded")
-            check(client.ask("sign", canary) == "", "a text was signed without a service")
+            for kind in ("secure", "property"):
+                check(not client.write(kind, "k", canary), "a set without a service succeeded")
+            check(client.ask("sign.get", canary) == "", "a text was signed without a service")
             command_line("secure", "set", "k", text=canary)
             service = world.start("--log-level", "5", "--audit-reads", "*")
         trail = command_line("log", "--json").encode()  # of packed files, too
         check(not any(form in trail for form in [*forms, identity.encode()]), "the secret stands in the trail")
         check(b'"what":"GET_SECURE"' in trail and b'"new":"' in trail, "the trail has no reading, or no digest")
         places, hidden = 0, 0
-        for folder, _, names in os.walk(world.folder):
-            for name in names:
-                path = os.path.join(folder, name)
-                if not os.path.isfile(path):
-                    continue
-                with open(path, "rb") as file:
-                    data = file.read()
-                hits = [form for form in [*forms, identity.encode(), shown.encode()] if form in data]
-                if name == "page.html":  # which shows properties, as anybody may ask for them
-                    hits = [form for form in hits if form != shown.encode()]
-                check(not hits, f"the secret stands in {name}")
-                hidden += data.count(f"[{len(canary)} bytes, ".encode())
-                places += 1
+        for path in filter(pathlib.Path.is_file, pathlib.Path(world.folder).rglob("*")):
+            data = path.read_bytes()
+            hits = [form for form in [*forms, identity.encode(), shown.encode()] if form in data]
+            if path.name == "page.html":  # which shows properties, as anybody may ask for them
+                hits = [form for form in hits if form != shown.encode()]
+            check(not hits, f"the secret stands in {path.name}")
+            hidden += data.count(f"[{len(canary)} bytes, ".encode())
+            places += 1
         check(hidden, "the lines that name the secret were not met")
     return f"0 hits in {places} files, command lines and environments; {hidden} lines that hide it"
 
@@ -906,14 +812,13 @@ def ring(run):
         with World() as world:
             crowd = [Client(world) for _ in range(32)]
             for client in crowd:
-                client.ask("events")  # it is up
+                client.ask("up")
             for number, client in enumerate(crowd):
                 client.send("seal", world.path("data"), f"text.{number}")
             sealed = [client.receive() for client in crowd]
             for number, client in enumerate(crowd):  # who waited too long for the one that made it asks again
                 sealed[number] = sealed[number] or client.ask("seal", world.path("data"), f"text.{number}")
-            with open(world.path("data/sdsecurity.keys"), encoding="ascii") as file:
-                lines = file.read().splitlines()
+            lines = pathlib.Path(world.path("data/sdsecurity.keys")).read_text().splitlines()
             check(len(lines) == 4 and " sealing " in lines[2], "more than one key was made")
             for number, envelope in enumerate(sealed):
                 for client in (crowd[(number + 7) % 32], crowd[(number + 20) % 32]):
@@ -934,26 +839,19 @@ class Ring:
     def set(self, key):
         self.number += 1
         value = f"{self.number}." + "x" * self.random.choice((100, 30000, 60000))
-        command = ("set", key, value) if key.startswith("secure") else ("policy.set", key, value, 9)
-        self.may_hold[key].add(value)
-        if self.client.ask(*command) == "1":
-            self.may_hold[key] = {value}
+        is_done = self.client.write(key.split(".")[0], key, value)
+        self.may_hold[key] = {value} if is_done else self.may_hold[key] | {value}
 
     def check(self, keys):
         for key in keys:
-            told = self.client.ask("get", key)
+            told = self.client.read("secure", key)
             check(told in self.may_hold[key], f"{key} holds {told[:40]!r}")
             self.may_hold[key] = {told}
 
-    def key_command(self, *arguments):
-        return subprocess.Popen([pieces.PROGRAMS["sdconfig"], "key", *arguments, "--json"], text=True,
-                                env=self.world.environment, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-
-    def finish(self, *arguments):
-        command = self.key_command(*arguments)
-        out, err = command.communicate(timeout=60)
-        check(command.returncode == 0, f"key {arguments[0]} ended with {command.returncode}: {err[-300:]}")
-        return json.loads(out)
+    def shrink(self):
+        """To the last key alone."""
+        self.world.command("key", "rotate", "--reseal")
+        self.world.command("key", "prune", "--yes")
 
 
 def reseal(run):
@@ -963,7 +861,8 @@ def reseal(run):
         ring = Ring(world, run)
         keys = list(ring.may_hold)
         for number in run.rounds(30, 1000):
-            command = ring.key_command("rotate", "--reseal")
+            command = subprocess.Popen([pieces.PROGRAMS["sdconfig"], "key", "rotate", "--reseal"], text=True,
+                                       env=world.environment, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
             for key in run.random.sample(keys, 3):
                 ring.set(key)
             time.sleep(run.random.uniform(0, 0.2))
@@ -979,12 +878,10 @@ def reseal(run):
                 service = world.start()
             ring.check(run.random.sample(keys, 20))
             if number % 10 == 9:  # a ring holds 199 keys
-                ring.finish("rotate", "--reseal")
-                ring.finish("prune", "--yes")
+                ring.shrink()
                 ring.check(keys)
-        ring.finish("rotate", "--reseal")
-        ring.finish("prune", "--yes")
-        listing = ring.finish("list")
+        ring.shrink()
+        listing = json.loads(world.command("key", "list", "--json"))
         check([key["state"] for key in listing["keys"]] == ["sealing"] and listing["bound_only"],
               f"what is left in the end: {listing}")
         check(listing["keys"][0]["policies"] == 100, f"not every policy is under the last key: {listing}")
@@ -1008,11 +905,10 @@ def slots(run):
                                     stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
 
         def is_wrapped():
-            with open(world.path("data/sdsecurity.keys"), encoding="ascii") as file:
-                return file.read().startswith("sdsecurity-wrapped-keys ")
+            return pathlib.Path(world.path("data/sdsecurity.keys")).read_text().startswith("sdsecurity-wrapped-keys ")
 
         for number in range(20):
-            check(client.ask("set", f"k.{number}", f"v.{number}") == "1", "a set was refused")
+            check(client.write("secure", f"k.{number}", f"v.{number}"), "a set was refused")
         for number in run.rounds(20, 1000):
             was_wrapped = is_wrapped()
             change = call("KEY_UNPROTECT", "yss", "255", "", "") if was_wrapped else \
@@ -1025,22 +921,15 @@ def slots(run):
             left += is_wrapped() == was_wrapped
             service = world.start()
             if is_wrapped():
-                check(client.ask("get", "k.0") == "", "a locked ring opens a value")
+                check(client.read("secure", "k.0") == "", "a locked ring opens a value")
                 opened = call(*run.random.choice((("KEY_UNLOCK", "s", key("b")), ("KEY_RECOVER", "s", key("a")))))
                 check(opened.communicate()[0] == 'ys 0 ""\n', "the wrapped ring does not open")
             for one in run.random.sample(range(20), 3):
-                check(client.ask("get", f"k.{one}") == f"v.{one}", "a value is gone")
+                check(client.read("secure", f"k.{one}") == f"v.{one}", "a value is gone")
     return f"{number + 1} kills: {made} changes of the wrap were made whole, {left} not at all; each value there"
 
 
 # ---- Policies of the machine ----
-
-def text_at(body, at):
-    """The string there, and where it ends."""
-    at += -at % 4
-    end = at + 4 + struct.unpack_from("<I", body, at)[0]
-    return body[at + 4:end].decode(), end + 1
-
 
 class Machine:
     """Folders of policies, and what should come of them, written down without a look at how the service does it."""
@@ -1094,8 +983,7 @@ class Machine:
                            for uri, (value, priority) in policies.items()}, indent=1)
 
     def put(self, path, text):
-        with open(self.world.path("new/file"), "w", encoding="ascii") as file:
-            file.write(text)
+        pathlib.Path(self.world.path("new/file")).write_text(text)
         os.rename(self.world.path("new/file"), self.world.path(path))
 
     def write_slowly(self, path, text):
@@ -1164,15 +1052,15 @@ class Machine:
     def call(self):
         uri, value, priority = self.random.choice(self.uris), f"v{self.random.randrange(3)}", self.random.choice((4, 9))
         if self.random.random() < 0.5:
-            check(self.client.ask("set", uri, value) == "1", "a set failed")
+            check(self.client.write("secure", uri, value), "a set failed")
             self.local[uri] = value
         else:
             is_free = not self.machine(uri)
             with self.change():
                 if is_free:
                     self.stored[uri] = value, priority
-                told = self.client.ask("policy.set", uri, value, priority)
-            check(told == "01"[is_free], f"a set of a policy that is {'free' if is_free else 'governed'} gave {told}")
+                is_done = self.client.write("policy", uri, value, priority)
+            check(is_done == is_free, f"a set of a policy that is {'free' if is_free else 'governed'} gave {is_done}")
 
     def events(self):
         """What was told up to now: up to a policy that is put last, and comes last by its name."""
@@ -1193,47 +1081,41 @@ class Machine:
         told = self.events()
         check(told == self.expected, f"told was {told}, not {self.expected}, after {dict(self.done)}")
         for uri in self.uris:
-            value = self.client.ask("policy.get", uri).split(" ")[-1].replace("null_value", "")
+            value = self.client.read("policy", uri)
             check(value == self.effective(uri)[0], f"{uri} is {value!r}, not {self.effective(uri)[0]!r}")
         self.expected = []
         return len(told)
 
     def storm(self, seconds):
         """Two policies of one file, swapped as fast as can be, are never from two versions of it."""
-        over = threading.Event()
-        versions = []
+        versions, pair = [], ("pair.a", "pair.b")
 
-        def swap():
+        def put(version):
+            self.put("vendor/pair.json", self.text({uri: (version, 9) for uri in pair}))
+
+        def swap(over):
             while not over.is_set():
                 versions.append(str(len(versions)))
-                self.put("vendor/pair.json", self.text({uri: (versions[-1], 9) for uri in ("pair.a", "pair.b")}))
+                put(versions[-1])
 
-        self.put("vendor/pair.json", self.text({uri: ("first", 9) for uri in ("pair.a", "pair.b")}))
+        put("first")
         self.events()
-        thread = threading.Thread(target=swap)
-        thread.start()
-        question = Marshal()
-        question.put("y", 2)
-        question.put("s", "pair.a")
-        question.put("s", "pair.b")
         peer, looks, ends = Peer(self.world), 0, time.monotonic() + seconds
-        try:
+        with beside(swap):
             while time.monotonic() < ends:
-                peer.send("DM_GET_POLICIES", "yss", bytes(question.bytes))
+                peer.send("DM_GET_POLICIES", *packed("yss", 2, *pair))
                 body = peer.next()[2]
-                pair, at = [], 1
-                for _ in range(2):
+                values, at = [], 1
+                for _ in pair:
                     _, at = text_at(body, at)
                     value, at = text_at(body, at)
-                    pair, at, looks = [*pair, value], at + 1, looks + 1
-                check(pair[0] == pair[1] != "", f"one file's policies are {pair} at one time")
+                    values, at = [*values, value], at + 1
+                check(values[0] == values[1] != "", f"one file's policies are {values} at one time")
+                looks += 2
                 time.sleep(0.0005)  # so that the other thread comes to swap
-        finally:
-            over.set()
-            thread.join()
-            peer.close()
+        peer.close()
         told = self.events()
-        for uri in ("pair.a", "pair.b"):
+        for uri in pair:
             numbers = [int(value) for one, value, _ in told if one == uri]
             check(numbers == sorted(set(numbers)) and numbers[-1:] == [len(versions) - 1],
                   f"{uri} was told as {numbers[-9:]} of {len(versions)}")
@@ -1271,21 +1153,12 @@ def live(run, whose, kind, lives):
     """So many lives, or each, in several processes: they wait for ends and limits more than they compute."""
     crews = 3 * os.cpu_count()
     shares = [f"{crew + 1}/{crews}" for crew in range(crews)] if run.long or lives == 0 else [str(lives)]
-    programs = [pieces.PROGRAMS[name] for name in ("scarcity", "scarce", "sdconfigd", "torture_client", "sdconfig_data")]
+    programs = [pieces.PROGRAMS[name] for name in ("libscarce.so", "sdconfigd", "torture_client", "sdconfig-data")]
     seed = str(run.random.getrandbits(32))
-    crew = [subprocess.Popen([programs[0], whose, kind, seed, share, *programs[1:]], text=True,
-                             stdout=subprocess.PIPE, stderr=subprocess.STDOUT) for share in shares]
-    texts = [one.communicate()[0] for one in crew]
-    total, asked, refused = 0, "", collections.Counter()
-    for one, text in zip(crew, texts):
-        check(one.returncode == 0, f"{whose}, {kind}: {text[-1800:]}")
-        first, *lines = text.splitlines()
-        count, asked = first.split(" ", 1)
-        total += int(count)
-        for line in lines:
-            count, what = line.split(" ", 1)
-            refused[what] += int(count)
-    return f"{whose}, {kind}: {total} {asked} ({', '.join(f'{what} {count}' for what, count in sorted(refused.items()))})"
+    texts = pieces.run_beside([pieces.PROGRAMS["scarcity"], whose, kind, seed, share, *programs] for share in shares)
+    counts = [[int(number) for number in re.findall(r"\d+", text)] for text in texts]
+    return (f"{whose}, {kind}: {sum(lives for lives, _, _ in counts)} lives, each without another one of "
+            f"{counts[0][1]}, {sum(ended for _, _, ended in counts)} ended in a library's own setting up")
 
 
 def scarcity(run):
@@ -1302,13 +1175,8 @@ def model(run):
     """Histories wait for ends and starts of services more than they compute."""
     total, first, crews = run.count(200, 10000), run.random.getrandbits(32), 3 * os.cpu_count()
     bounds = [first + total * crew // crews for crew in range(crews + 1)]
-    rehearsals = [subprocess.Popen([pieces.PROGRAMS["model"], str(begin), str(end - begin), "50",
-                                    pieces.PROGRAMS["sdconfigd"]],
-                                   text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-                  for begin, end in zip(bounds, bounds[1:])]
-    told = [rehearsal.communicate()[0] for rehearsal in rehearsals]
-    for rehearsal, text in zip(rehearsals, told):
-        check(rehearsal.returncode == 0, text)
+    pieces.run_beside([pieces.PROGRAMS["model"], str(begin), str(end - begin), "50", pieces.PROGRAMS["sdconfigd"]]
+                      for begin, end in zip(bounds, bounds[1:]))
     return f"{total} histories of 50 steps from seed {first} on, each as foretold"
 
 
@@ -1344,13 +1212,10 @@ def main():
     if unknown:
         parser.error("no scenario " + ", ".join(unknown))
     build = os.path.abspath(arguments.build)
-    pieces.PROGRAMS.update(sdconfigd=f"{build}/apps/sdconfigd/sdconfigd", sdconfig=f"{build}/apps/sdconfig/sdconfig",
-                           sdconfig_data=f"{build}/apps/sdconfig/sdconfig-data",
-                           torture_client=f"{build}/tests/torture/torture_client",
-                           power_recorder=f"{build}/tests/torture/libpower_recorder.so",
-                           power_cut=f"{build}/tests/torture/power_cut",
-                           scarce=f"{build}/tests/torture/libscarce.so", scarcity=f"{build}/tests/torture/scarcity",
-                           model=f"{build}/tests/torture/model")
+    for path in ("apps/sdconfigd/sdconfigd", "apps/sdconfig/sdconfig", "apps/sdconfig/sdconfig-data",
+                 *(f"tests/torture/{name}" for name in ("torture_client", "libpower_recorder.so", "power_cut",
+                                                        "libscarce.so", "scarcity", "model"))):
+        pieces.PROGRAMS[os.path.basename(path)] = f"{build}/{path}"
     SLACK["factor"] = 6 if build.endswith("asan") else 1
     SLACK["patience"] = 4 if arguments.short else 1
     print(f"seed {arguments.seed}", flush=True)

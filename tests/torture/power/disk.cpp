@@ -6,11 +6,11 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <set>
 #include <stdexcept>
 
 #include "base/unique_fd.h"
+#include "tests/support/support.h"
 
 namespace power {
 namespace {
@@ -34,18 +34,10 @@ bool isIndex(const std::string& path) {
     return endsWith(path, "-shm");
 }
 
-std::string contentOf(const std::string& path) {
-    std::string content(std::filesystem::file_size(path), '\0');
-    std::ifstream file(path, std::ios::binary);
-    file.read(content.data(), static_cast<std::streamsize>(content.size()));
-    content.resize(static_cast<std::size_t>(file.gcount()));
-    return content;
-}
-
 }  // namespace
 
 std::vector<Entry> readLog(const std::string& path) {
-    const std::string bytes = contentOf(path);
+    const std::string bytes = test::readFile(path);
     std::vector<Entry> entries;
     for (std::size_t at = 0; at < bytes.size();) {
         Record record{};
@@ -78,7 +70,7 @@ Files filesIn(const std::string& root) {
         if (entry.is_directory())
             files[path + "/"];
         else
-            files[path] = contentOf(entry.path());
+            files[path] = test::readFile(entry.path());
     }
     return files;
 }

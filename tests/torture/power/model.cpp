@@ -4,8 +4,8 @@
 #include <array>
 #include <cstddef>
 #include <iterator>
+#include <regex>
 #include <sstream>
-#include <string_view>
 
 #include "tests/torture/service_life.h"
 
@@ -51,15 +51,10 @@ Content contentIn(const Files& files, const std::string& path) {
 }
 
 std::vector<std::string> replacedFolders(const Files& files) {
-    constexpr std::string_view kBegin = "data.", kEnd = ".old/";
+    static const std::regex kReplaced(R"(data\.[^/]+\.old/)");
     std::vector<std::string> folders;
-    for (auto at = files.lower_bound(std::string(kBegin)); at != files.end(); ++at) {
-        const std::string& path = at->first;
-        if (path.compare(0, kBegin.size(), kBegin) != 0) break;
-        const bool isOne = path.find('/') == path.size() - 1 && path.size() > kBegin.size() + kEnd.size() &&
-                           path.compare(path.size() - kEnd.size(), kEnd.size(), kEnd) == 0;
-        if (isOne) folders.push_back(path.substr(0, path.size() - 1));
-    }
+    for (const auto& [path, content] : files)
+        if (std::regex_match(path, kReplaced)) folders.push_back(path.substr(0, path.size() - 1));
     return folders;
 }
 

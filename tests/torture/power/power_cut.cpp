@@ -1,12 +1,12 @@
 // Replays what power_recorder noted, cuts the power at places of its choice, starts the real service on each disk that
 // may be left, and compares what it answers with what was acknowledged.
-//     power_cut [--without-syncs] LOG ROOT SEED STATES SDCONFIGD SDCONFIG RECORDER [--only NUMBER FOLDER [NEXT ROOT]]
-//               [-- OPTION...]
+//     power_cut [--without-syncs] [--only NUMBER FOLDER] [--next LOG ROOT]
+//               LOG ROOT SEED STATES SDCONFIGD SDCONFIG RECORDER [OPTION...]
 //     power_cut --legacy FILE        makes a database of an earlier version
 // ROOT: what was recorded below; its "data" is the data folder. SEED and NUMBER make one state of a log, which --only
-// leaves in FOLDER. On some states the start is recorded with RECORDER, and cut itself; NEXT and ROOT: what was
-// recorded of it before. --without-syncs plays the log as if nothing had been synced, which has to fail. OPTION: of the
-// service, with ROOT written as @. The marks of the log: see model.h.
+// leaves in FOLDER. On some states the start is recorded with RECORDER, and cut itself; --next: what was recorded of it
+// before. --without-syncs plays the log as if nothing had been synced, which has to fail. OPTION: of the service, with
+// ROOT written as @. The marks of the log: see model.h.
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,15 +16,12 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <random>
-#include <stdexcept>
 #include <thread>
 #include <utility>
 
-#include "platform/velmarlog/velmarlog.h"
 #include "tests/support/legacy_database.h"
 #include "tests/torture/power/replay.h"
 #include "tests/torture/power/worker.h"
@@ -42,14 +39,14 @@ constexpr int kCutsAgain = 2;
 constexpr char kWithoutSyncs[] = "--without-syncs";
 
 struct Arguments {
-    std::string program;
-    bool isSynced;
+    std::string program, others;  // as they were given, the latter without flags
+    bool isSynced = true;
+    long only = -1;
+    std::string folder, next, nextRoot;
     std::string log, root;
     std::uint64_t seed = 0;
     long states = 0;
     Programs programs;
-    long only = -1;
-    std::string folder{}, next{}, nextRoot{};
 };
 
 // What all workers have done, in memory that they share.
@@ -108,19 +105,9 @@ std::size_t digestOf(std::size_t model, const Files& files) {
 }
 
 // Plays a state again.
-std::string commandOf(const Arguments& arguments, long number, const std::string& next) {
-    const Programs& programs = arguments.programs;
-    std::string text = arguments.program;
-    if (!arguments.isSynced) text += std::string(" ") + kWithoutSyncs;
-    for (const std::string& word :
-         {arguments.log, arguments.root, std::to_string(arguments.seed), std::to_string(arguments.states),
-          programs.sdconfigd, programs.sdconfig, programs.recorder, std::string("--only"), std::to_string(number),
-          "/tmp/state-" + std::to_string(number)})
-        text += " " + word;
-    if (!next.empty()) text += " " + next;
-    if (!programs.options.empty()) text += " --";
-    for (const std::string& option : programs.options) text += " " + option;
-    return text;
+std::string commandOf(const Arguments& arguments, const std::string& number, const std::string& next) {
+    return arguments.program + (arguments.isSynced ? "" : std::string(" ") + kWithoutSyncs) + " --only " + number +
+           " /tmp/state-" + number + next + arguments.others;
 }
 
 // Where --only wants the state.
@@ -137,7 +124,7 @@ void cutAgain(const Arguments& arguments, Model model, const Files& files, std::
     const std::string root = isGiven ? arguments.nextRoot : worker.disk();
     const std::string kept = "/tmp/power.next." + std::to_string(::getpid());
     fs::copy_file(isGiven ? arguments.next : worker.recording(), kept, fs::copy_options::overwrite_existing);
-    next = kept + " " + root;
+    next = " --next " + kept + " " + root;
     for (int i = 0; i < kCutsAgain; ++i) {
         Replay replay(root, log, model);
         // Behind the files that were there.
@@ -175,7 +162,7 @@ void tryState(const Arguments& arguments, long number, const Replay& replay, std
         told.failed = true;
         std::cout << "state " << number << " of seed " << arguments.seed << ", cut after call " << calls
                   << (next.empty() ? ": " : ", and then in the start: ") << failure.what()
-                  << "\nagain: " << commandOf(arguments, number, next) << std::endl;
+                  << "\nagain: " << commandOf(arguments, std::to_string(number), next) << std::endl;
     }
 }
 
@@ -192,23 +179,32 @@ void work(const Arguments& arguments, const std::vector<Entry>& log,
     }
 }
 
-Arguments parsed(int count, char** words) {
-    std::vector<std::string> all(words, words + count);
-    const bool isSynced = all.size() < 2 || all[1] != kWithoutSyncs;
-    if (!isSynced) all.erase(all.begin() + 1);
-    const auto optionsAt = std::find(all.begin(), all.end(), "--");
-    const auto given = optionsAt - all.begin();
-    if (given != 8 && given != 11 && given != 13)
+Arguments parsed(const std::vector<std::string>& words) {
+    Arguments arguments;
+    arguments.program = words[0];
+    std::size_t at = 1;
+    for (; at + 2 < words.size() && words[at].compare(0, 2, "--") == 0; ++at) {
+        if (words[at] == kWithoutSyncs) {
+            arguments.isSynced = false;
+        } else if (words[at] == "--only") {
+            arguments.only = std::stol(words[++at]);
+            arguments.folder = words[++at];
+        } else {  // --next
+            arguments.next = words[++at];
+            arguments.nextRoot = words[++at];
+        }
+    }
+    if (words.size() < at + 7)
         throw Failed(
-            "power_cut [--without-syncs] LOG ROOT SEED STATES SDCONFIGD SDCONFIG RECORDER "
-            "[--only NUMBER FOLDER [NEXT ROOT]] [-- OPTION...]");
-    Arguments arguments{
-        all[0], isSynced, all[1], all[2], std::stoull(all[3]), std::stol(all[4]), {all[5], all[6], all[7], {}}};
-    if (given > 8) arguments.only = std::stol(all[9]);
-    if (given > 8) arguments.folder = all[10];
-    if (given > 11) arguments.next = all[11];
-    if (given > 11) arguments.nextRoot = all[12];
-    if (optionsAt != all.end()) arguments.programs.options.assign(optionsAt + 1, all.end());
+            "power_cut [--without-syncs] [--only NUMBER FOLDER] [--next LOG ROOT] "
+            "LOG ROOT SEED STATES SDCONFIGD SDCONFIG RECORDER [OPTION...]");
+    for (std::size_t i = at; i < words.size(); ++i) arguments.others += " " + words[i];
+    const auto word = words.begin() + static_cast<std::ptrdiff_t>(at);
+    arguments.log = word[0];
+    arguments.root = word[1];
+    arguments.seed = std::stoull(word[2]);
+    arguments.states = std::stol(word[3]);
+    arguments.programs = {word[4], word[5], word[6], {word + 7, words.end()}};
     return arguments;
 }
 
@@ -218,8 +214,6 @@ int run(const Arguments& arguments) {
     if (!arguments.isSynced) log.erase(std::remove_if(log.begin(), log.end(), isSync), log.end());
     if (log.empty()) throw Failed("nothing was recorded");
     if (fs::exists(arguments.root)) checkRecording(log, arguments.root);  // a log that was kept has it no more
-    char place[] = "/dev/shm/power-XXXXXX";
-    if (!::mkdtemp(place)) throw Failed("no room in /dev/shm");
     void* const shared = ::mmap(nullptr, sizeof(Told), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     Told& told = *new (shared) Told;
     const std::vector<std::pair<std::size_t, long>> states = cuts(arguments, log.size());
@@ -231,7 +225,7 @@ int run(const Arguments& arguments) {
         processes.push_back(::fork());
         if (processes.back() != 0) continue;
         try {
-            Worker worker(arguments.programs, std::string(place) + "/" + std::to_string(i));
+            Worker worker(arguments.programs);
             work(arguments, log, states, worker, told);
         } catch (const std::exception& failure) {
             told.failed = true;
@@ -246,7 +240,6 @@ int run(const Arguments& arguments) {
         std::cout << (process > 0 ? "a worker ended with " + std::to_string(status) : "a worker could not begin")
                   << std::endl;
     }
-    fs::remove_all(place);
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
     std::printf(
         "%ld states, %ld of them distinct, %ld looked at as a whole, %ld cut once more, of %zu calls, in %.0f s\n",
@@ -260,15 +253,9 @@ int run(const Arguments& arguments) {
 }  // namespace power
 
 int main(int count, char** words) {
-    velmarLogSetLevel(7);
-    try {
-        if (count == 3 && std::string(words[1]) == "--legacy") {
-            test::makeLegacyDatabase(words[2]);
-            return 0;
-        }
-        return power::run(power::parsed(count, words));
-    } catch (const std::exception& failure) {
-        std::fprintf(stderr, "power_cut: %s\n", failure.what());
-        return 2;
-    }
+    return torture::perform("power_cut", [&] {
+        if (count != 3 || std::string(words[1]) != "--legacy") return power::run(power::parsed({words, words + count}));
+        test::makeLegacyDatabase(words[2]);
+        return 0;
+    });
 }

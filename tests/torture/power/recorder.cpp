@@ -8,7 +8,6 @@
 
 #include <cerrno>
 #include <climits>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
@@ -21,7 +20,6 @@
 namespace {
 
 using power::Kind;
-using torture::modeOf;
 using torture::next;
 
 // Stays, as what a process does to its files while it exits is to be noted, too.
@@ -56,24 +54,16 @@ std::string pathOf(int folder, const char* name) {
     return path;
 }
 
-std::uint64_t fileOf(int fd) {
-    struct stat file {};
-    return ::fstat(fd, &file) == 0 ? file.st_ino : 0;
+struct stat statusOf(int fd) {
+    struct stat status {};
+    (void)::fstat(fd, &status);
+    return status;
 }
 
-std::uint64_t fileOf(const std::string& path) {
-    struct stat file {};
-    return ::lstat(path.c_str(), &file) == 0 ? file.st_ino : 0;
-}
-
-bool isFolder(int fd) {
-    struct stat file {};
-    return ::fstat(fd, &file) == 0 && S_ISDIR(file.st_mode);
-}
-
-bool isRegular(int fd) {
-    struct stat file {};
-    return ::fstat(fd, &file) == 0 && S_ISREG(file.st_mode);
+struct stat statusOf(const std::string& path) {
+    struct stat status {};
+    (void)::lstat(path.c_str(), &status);
+    return status;
 }
 
 // Held from before a call until its record is written.
@@ -126,43 +116,21 @@ int opened(int flags, Call&& call) {
     Step step;
     const int fd = call();
     if (fd < 0) return fd;
-    if (const std::string path = pathOf(fd); isWatched(path) && isRegular(fd))
-        step.note(Kind::Open, fileOf(fd), (flags & O_TRUNC) != 0, path);
+    if (const std::string path = pathOf(fd); isWatched(path) && S_ISREG(statusOf(fd).st_mode))
+        step.note(Kind::Open, statusOf(fd).st_ino, (flags & O_TRUNC) != 0, path);
     return fd;
 }
 
 ssize_t written(int fd, const std::string& path, ssize_t result, off_t at, std::string_view data, Step& step) {
-    if (result > 0) step.note(Kind::Write, fileOf(fd), at, path, data.substr(0, static_cast<std::size_t>(result)));
-    return result;
-}
-
-// What a call that renames leaves, by either of its names.
-int renamed(int fromFolder, const char* from, int toFolder, const char* to, unsigned flags) {
-    static auto* const sRename = next<int(int, const char*, int, const char*, unsigned)>("renameat2");
-    const std::string source = pathOf(fromFolder, from);
-    const std::string target = pathOf(toFolder, to);
-    Step step;
-    const std::uint64_t file = fileOf(source);
-    const int result = sRename(fromFolder, from, toFolder, to, flags);
-    if (result == 0 && (isWatched(source) || isWatched(target)))
-        step.note(Kind::Rename, file, (flags & RENAME_EXCHANGE) != 0, source, target);
-    return result;
-}
-
-int removed(int folder, const char* name, int flags) {
-    static auto* const sUnlink = next<int(int, const char*, int)>("unlinkat");
-    const std::string path = pathOf(folder, name);
-    Step step;
-    const std::uint64_t file = fileOf(path);
-    const int result = sUnlink(folder, name, flags);
-    if (result == 0 && isWatched(path)) step.note(Kind::Remove, file, 0, path);
+    if (result > 0)
+        step.note(Kind::Write, statusOf(fd).st_ino, at, path, data.substr(0, static_cast<std::size_t>(result)));
     return result;
 }
 
 void noteFolder(Step& step, int folder, const char* name) {
     const int error = errno;
     if (const std::string path = pathOf(folder, name); isWatched(path))
-        step.note(Kind::MakeFolder, fileOf(path), 0, path);
+        step.note(Kind::MakeFolder, statusOf(path).st_ino, 0, path);
     errno = error;
 }
 
@@ -170,7 +138,7 @@ int synced(int fd, const char* call) {
     Step step;
     const int result = next<int(int)>(call)(fd);
     if (const std::string path = pathOf(fd); result == 0 && (isWatched(path) || path == root()))
-        step.note(isFolder(fd) ? Kind::SyncFolder : Kind::Sync, fileOf(fd), 0, path);
+        step.note(S_ISDIR(statusOf(fd).st_mode) ? Kind::SyncFolder : Kind::Sync, statusOf(fd).st_ino, 0, path);
     return result;
 }
 
@@ -181,18 +149,12 @@ int synced(int fd, const char* call) {
 // The names are the C library's own.
 // NOLINTBEGIN(readability-identifier-naming, cert-dcl50-cpp)
 RECORDED int open(const char* path, int flags, ...) {
-    va_list arguments;
-    va_start(arguments, flags);
-    const mode_t mode = modeOf(flags, arguments);
-    va_end(arguments);
+    TAKE_MODE(mode, flags);
     return opened(flags, [&] { return next<int(const char*, int, ...)>("open")(path, flags, mode); });
 }
 
 RECORDED int openat(int folder, const char* path, int flags, ...) {
-    va_list arguments;
-    va_start(arguments, flags);
-    const mode_t mode = modeOf(flags, arguments);
-    va_end(arguments);
+    TAKE_MODE(mode, flags);
     return opened(flags, [&] { return next<int(int, const char*, int, ...)>("openat")(folder, path, flags, mode); });
 }
 
@@ -235,7 +197,7 @@ RECORDED int ftruncate(int fd, off_t size) {
     if (!isWatched(path)) return sTruncate(fd, size);
     Step step;
     const int result = sTruncate(fd, size);
-    if (result == 0) step.note(Kind::Truncate, fileOf(fd), size, path);
+    if (result == 0) step.note(Kind::Truncate, statusOf(fd).st_ino, size, path);
     return result;
 }
 
@@ -249,16 +211,24 @@ RECORDED int fdatasync(int fd) {
     return synced(fd, "fdatasync");
 }
 
-RECORDED int rename(const char* from, const char* to) {
-    return renamed(AT_FDCWD, from, AT_FDCWD, to, 0);
+RECORDED int renameat2(int fromFolder, const char* from, int toFolder, const char* to, unsigned flags) {
+    static auto* const sRename = next<int(int, const char*, int, const char*, unsigned)>("renameat2");
+    const std::string source = pathOf(fromFolder, from);
+    const std::string target = pathOf(toFolder, to);
+    Step step;
+    const std::uint64_t file = statusOf(source).st_ino;
+    const int result = sRename(fromFolder, from, toFolder, to, flags);
+    if (result == 0 && (isWatched(source) || isWatched(target)))
+        step.note(Kind::Rename, file, (flags & RENAME_EXCHANGE) != 0, source, target);
+    return result;
 }
 
 RECORDED int renameat(int fromFolder, const char* from, int toFolder, const char* to) {
-    return renamed(fromFolder, from, toFolder, to, 0);
+    return renameat2(fromFolder, from, toFolder, to, 0);
 }
 
-RECORDED int renameat2(int fromFolder, const char* from, int toFolder, const char* to, unsigned flags) {
-    return renamed(fromFolder, from, toFolder, to, flags);
+RECORDED int rename(const char* from, const char* to) {
+    return renameat2(AT_FDCWD, from, AT_FDCWD, to, 0);
 }
 
 RECORDED int linkat(int fromFolder, const char* from, int toFolder, const char* to, int flags) {
@@ -266,7 +236,7 @@ RECORDED int linkat(int fromFolder, const char* from, int toFolder, const char* 
     const std::string target = pathOf(toFolder, to);
     Step step;
     const int result = sLink(fromFolder, from, toFolder, to, flags);
-    if (result == 0 && isWatched(target)) step.note(Kind::Link, fileOf(target), 0, target);
+    if (result == 0 && isWatched(target)) step.note(Kind::Link, statusOf(target).st_ino, 0, target);
     return result;
 }
 
@@ -274,22 +244,26 @@ RECORDED int link(const char* from, const char* to) {
     return linkat(AT_FDCWD, from, AT_FDCWD, to, 0);
 }
 
-RECORDED int unlink(const char* path) {
-    return removed(AT_FDCWD, path, 0);
+RECORDED int unlinkat(int folder, const char* name, int flags) {
+    static auto* const sUnlink = next<int(int, const char*, int)>("unlinkat");
+    const std::string path = pathOf(folder, name);
+    Step step;
+    const std::uint64_t file = statusOf(path).st_ino;
+    const int result = sUnlink(folder, name, flags);
+    if (result == 0 && isWatched(path)) step.note(Kind::Remove, file, 0, path);
+    return result;
 }
 
-RECORDED int unlinkat(int folder, const char* path, int flags) {
-    return removed(folder, path, flags);
+RECORDED int unlink(const char* path) {
+    return unlinkat(AT_FDCWD, path, 0);
 }
 
 RECORDED int rmdir(const char* path) {
-    return removed(AT_FDCWD, path, AT_REMOVEDIR);
+    return unlinkat(AT_FDCWD, path, AT_REMOVEDIR);
 }
 
 RECORDED int remove(const char* path) {
-    struct stat file {};
-    const bool isDir = ::lstat(path, &file) == 0 && S_ISDIR(file.st_mode);
-    return removed(AT_FDCWD, path, isDir ? AT_REMOVEDIR : 0);
+    return unlinkat(AT_FDCWD, path, S_ISDIR(statusOf(path).st_mode) ? AT_REMOVEDIR : 0);
 }
 
 RECORDED int mkdirat(int folder, const char* path, mode_t mode) {

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -16,6 +15,7 @@
 #include <nlohmann/json.hpp>
 
 #include "base/unique_fd.h"
+#include "tests/support/arguments.h"
 
 namespace power {
 namespace {
@@ -25,11 +25,6 @@ using Json = nlohmann::json;
 using torture::Failed;
 
 constexpr int kCallLimitMs = 10000;
-
-void makeFolder(const std::string& path) {
-    fs::create_directory(path);
-    fs::permissions(path, fs::perms::owner_all);
-}
 
 TrailRead readTrail(const std::string& text) {
     static const std::map<std::string, std::string> kKinds{{"GET_SECURE", "read"},       {"SET_SECURE", "secure"},
@@ -63,13 +58,17 @@ RingRead readRing(const std::string& text) {
 
 }  // namespace
 
+Worker::Worker(const Programs& programs)
+    : mPrograms(programs),
+      mProxy(SDBusSerivceManager::initSync(-1)->getServiceProxyInterface("sdconfig", SDBusSameUser, 1)) {}
+
 void Worker::put(const Files& files) const {
     fs::remove_all(disk());
-    makeFolder(disk());
+    (void)mLife.makeFolder("disk");
     for (const auto& [path, content] : files) {  // a folder comes before what is in it
         const std::string target = disk() + "/" + path;
         if (path.back() == '/') {
-            makeFolder(target);
+            (void)mLife.makeFolder("disk/" + path);
             continue;
         }
         const sd::UniqueFd file(::open(target.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
@@ -95,9 +94,10 @@ void Worker::checkStart(const Model& model, const Files& files, Look look, bool 
     try {
         const Values found = ask(model);
         model.checkValues(found);
-        if (isSound) checkNoDamageIsTold();
-        const int status = mLife.end(isWhole ? SIGTERM : SIGKILL);
-        if (isWhole && status != 0) throw Failed("the service ends with " + std::to_string(status));
+        if (isSound && mLife.log().find(" E ") != std::string::npos)
+            throw Failed("sdconfig check found nothing before the start, which does");
+        const int code = mLife.end(isWhole ? SIGTERM : SIGKILL);
+        if (isWhole && code != 0) throw Failed("the service ends with " + std::to_string(code));
         if (isWhole) lookAt(model, files, found);
     } catch (const std::exception& failure) {
         throw Failed(failure.what() + ("; the service said: " + mLife.said()));
@@ -109,7 +109,7 @@ std::vector<Entry> Worker::record(Model& model, const Files& files, bool isKille
     (void)std::ofstream(recording());  // empty, and there where there are no files
     put(files);
     for (const auto& [path, content] : files) noteExisting(path, content);
-    const Words variables{"LD_PRELOAD=" + mPrograms.recorder, "POWER_ROOT=" + disk(), "POWER_LOG=" + recording()};
+    const Variables variables{{"LD_PRELOAD", mPrograms.recorder}, {"POWER_ROOT", disk()}, {"POWER_LOG", recording()}};
     const bool isUpgrade = !model.upgrade().empty();
     if (isUpgrade) {
         upgradeAgain(model, variables);
@@ -161,7 +161,7 @@ void Worker::mark(const std::string& text) const {
     appendToLog(recording(), {Kind::Mark, 0, 0, "", text});
 }
 
-void Worker::start(const Words& variables) {
+void Worker::start(const Variables& variables) {
     Words words{mPrograms.sdconfigd, "--data-dir", disk() + "/data"};
     for (std::string option : mPrograms.options) {
         if (option[0] == '@') option.replace(0, 1, disk());
@@ -170,18 +170,13 @@ void Worker::start(const Words& variables) {
     if (!mLife.start(words, variables)) throw Failed("the service doesn't start: " + mLife.said());
 }
 
-SDBusProxyInterface& Worker::proxy() {
-    if (!mProxy) mProxy = SDBusSerivceManager::initSync(-1)->getServiceProxyInterface("sdconfig", SDBusSameUser, 1);
-    return *mProxy;
-}
-
 Values Worker::ask(const Model& model) {
     std::vector<std::shared_ptr<SDBusMessage>> calls;
     for (const auto& [kind, name] : model.keys()) {
-        calls.push_back(proxy().makeMethodCallMessage(kind == "secure" ? "GET_SECURE" : "GET_POLICY"));
+        calls.push_back(mProxy->makeMethodCallMessage(kind == "secure" ? "GET_SECURE" : "GET_POLICY"));
         calls.back()->appendString(name);
     }
-    const auto answers = proxy().callsWithRepliesBlocking(calls, kCallLimitMs);
+    const auto answers = mProxy->callsWithRepliesBlocking(calls, kCallLimitMs);
     Values found;
     auto answer = answers.begin();
     for (const Key& key : model.keys()) {
@@ -192,51 +187,40 @@ Values Worker::ask(const Model& model) {
 }
 
 void Worker::set(const std::string& key, const std::string& value) {
-    auto call = proxy().makeMethodCallMessage("SET_SECURE");
-    call->appendString(key);
-    call->appendString(value);
-    const auto answer = proxy().callWithReplyBlocking(std::move(call), kCallLimitMs);
+    auto call = mProxy->makeMethodCallMessage("SET_SECURE");
+    test::appendAll(*call, key, value);
+    const auto answer = mProxy->callWithReplyBlocking(std::move(call), kCallLimitMs);
     if (answer->type() != 2 || !answer->getBool(0)) throw Failed(key + " can't be set: " + mLife.said());
 }
 
-Worker::Ran Worker::run(Words words, const Words& variables) const {
+test::Result Worker::run(Words words, const Variables& variables) const {
     words.insert(words.begin(), mPrograms.sdconfig);
-    const std::string output = mLife.place() + "/output", log = mLife.place() + "/said";
-    const pid_t process = torture::spawn(words, variables, log, "/dev/null", output);
-    int status = 0;
-    ::waitpid(process, &status, 0);
-    if (!WIFEXITED(status)) throw Failed("sdconfig " + words[1] + " ends with " + std::to_string(status));
-    return {WEXITSTATUS(status), torture::textOf(output), torture::textOf(log)};
+    return test::run(words, variables);
 }
 
-std::string Worker::ran(const Words& words, const Words& variables) const {
-    const Ran told = run(words, variables);
-    if (told.code != 0)
-        throw Failed("sdconfig " + words[0] + " ends with " + std::to_string(told.code) + ": " + told.text + told.said);
-    return told.text;
+std::string Worker::ran(const Words& words, const Variables& variables) const {
+    const test::Result told = run(words, variables);
+    if (told.exitCode != 0)
+        throw Failed("sdconfig " + words[0] + " ends with " + std::to_string(told.exitCode) + ": " + told.out +
+                     told.err);
+    return told.out;
 }
 
 // Whatever a cut left, a look at it ends well, says what it finds, and leaves all as it is; the rest is the next
 // start's to mend.
 bool Worker::isFoundSound(const Files& files) const {
-    const Ran told = run({"check", disk() + "/data"});
+    const test::Result told = run({"check", disk() + "/data"});
     constexpr int kWrongUse = 2;  // as where the folder is not there yet
-    const bool isSaid = told.code != 1 || told.text.find("finding: ") != std::string::npos;
-    if (told.code > kWrongUse || !isSaid)
-        throw Failed("sdconfig check, before the start, ends with " + std::to_string(told.code) + ": " + told.text +
-                     told.said);
+    const bool isSaid = told.exitCode != 1 || told.out.find("finding: ") != std::string::npos;
+    if (told.exitCode < 0 || told.exitCode > kWrongUse || !isSaid)
+        throw Failed("sdconfig check, before the start, ends with " + std::to_string(told.exitCode) + ": " + told.out +
+                     told.err);
     if (filesIn(disk()) != files) throw Failed("sdconfig check changes what it looks at");
-    return told.code == 0;
-}
-
-void Worker::checkNoDamageIsTold() const {
-    const std::string said = mLife.said();
-    if (said.find(" E ") != std::string::npos)
-        throw Failed("sdconfig check found nothing before the start, which does");
+    return told.exitCode == 0;
 }
 
 // One that was cut finds all again, and carries it over.
-void Worker::upgradeAgain(const Model& model, const Words& variables) const {
+void Worker::upgradeAgain(const Model& model, const Variables& variables) const {
     const Json rows = Json::parse(ran({"upgrade", "--force", "--json", disk() + "/data"}, variables)).at("rows");
     const std::string found = rows.at("config").dump() + " " + rows.at("secure").dump();
     if (found != model.upgrade()) throw Failed("an earlier version's tables have " + found + " rows");

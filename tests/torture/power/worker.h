@@ -23,7 +23,7 @@ enum class Look { Short, Whole };
 // A folder of its own, and the service on each state in it.
 class Worker {
 public:
-    Worker(const Programs& programs, const std::string& place) : mPrograms(programs), mLife(place) {}
+    explicit Worker(const Programs& programs);
 
     std::string disk() const { return mLife.place() + "/disk"; }
     void put(const Files& files) const;
@@ -38,33 +38,27 @@ public:
     std::string recording() const { return mLife.place() + "/calls"; }
 
 private:
-    struct Ran {
-        int code;
-        std::string text;  // what it printed
-        std::string said;  // and what else
-    };
     using Words = std::vector<std::string>;
+    using Variables = test::Environment;
 
     void settle(Model& model, const Files& files);
     void noteExisting(const std::string& path, const std::string& content) const;
     void mark(const std::string& text) const;
-    void start(const Words& variables = {});
-    SDBusProxyInterface& proxy();
+    void start(const Variables& variables = {});
     Values ask(const Model& model);
     void set(const std::string& key, const std::string& value);
     void checkStart(const Model& model, const Files& files, Look look, bool isSound);
-    Ran run(Words words, const Words& variables = {}) const;
-    std::string ran(const Words& words, const Words& variables = {}) const;
+    test::Result run(Words words, const Variables& variables = {}) const;
+    std::string ran(const Words& words, const Variables& variables = {}) const;
     bool isFoundSound(const Files& files) const;
-    void checkNoDamageIsTold() const;
-    void upgradeAgain(const Model& model, const Words& variables = {}) const;
+    void upgradeAgain(const Model& model, const Variables& variables = {}) const;
     TrailRead trail() const;
     Values storedIn(const std::string& folder) const;
     void lookAt(const Model& model, const Files& files, const Values& found) const;
 
     const Programs& mPrograms;
     torture::ServiceLife mLife;
-    std::shared_ptr<SDBusProxyInterface> mProxy;
+    const std::shared_ptr<SDBusProxyInterface> mProxy;
 };
 
 }  // namespace power
