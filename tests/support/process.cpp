@@ -44,8 +44,8 @@ std::string contentOf(int file) {
     return content;
 }
 
-// Everything that the child needs for exec, made before the fork: after it only async-signal-safe calls are allowed, and
-// none that changes memory, which may be the parent's.
+// Everything that the child needs for exec, made before the fork: after it only async-signal-safe calls are allowed,
+// and none that changes memory, which may be the parent's.
 class ExecPlan {
 public:
     ExecPlan(const std::vector<std::string>& arguments, const Environment& environment)
