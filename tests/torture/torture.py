@@ -1150,8 +1150,8 @@ def policies(run):
 # ---- What runs out ----
 
 def live(run, whose, kind, lives):
-    """So many lives, or each, in several processes: they wait for ends and limits more than they compute."""
-    crews = 12 * os.cpu_count()
+    """So many lives, or each, 0 of few, in several processes: they wait for ends and limits more than they compute."""
+    crews = (12 if lives > 0 else 3) * os.cpu_count()
     shares = [f"{crew + 1}/{crews}" for crew in range(crews)] if run.long or lives == 0 else [str(lives)]
     programs = [pieces.PROGRAMS[name] for name in ("libscarce.so", "sdconfigd", "torture_client", "sdconfig-data")]
     seed = str(run.random.getrandbits(32))
