@@ -1,7 +1,7 @@
 // What scripted sessions of the command line print, compared with NAME.golden: those who script it know each line, each
 // member of --json and each exit code. Lines "$ COMMAND" are typed into a shell; what stands below is what they print,
 // and behind "!" what they say on standard error. "$ service OPTIONS" starts the service, "$ stop" ends it and shows
-// what it said, "$ kill" kills it; "@" is the session's folder, and $SESSIONS that of the golden files.
+// what it said, "$ end" just ends it; "@" is the session's folder, and $SESSIONS that of the golden files.
 #include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -35,8 +35,8 @@ protected:
             mService.reset();
             return alike(said);
         }
-        if (command == "kill") {
-            mService.reset();
+        if (command == "end") {
+            EXPECT_EQ(mService->stop(), 0) << mService->err();
             return "";
         }
         Environment typed = environment();

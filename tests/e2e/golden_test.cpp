@@ -136,10 +136,12 @@ TEST_F(GoldenTest, EveryLineIsWhatItWas) {
          }},
         {"secure values of an identity key",
          [&] {
-             config.SetSecure("ro.sd.uuid", "one");
-             config.GetSecure("ro.sd.uuid");
-             config.DeleteSecure("ro.sd.uuid");
-             config.DeleteSecure("ro.sd.uuid");
+             for (const char* key : {"ro.sd.uuid", "ro.sd.client.id"}) {
+                 config.SetSecure(key, "one");
+                 config.GetSecure(key);
+                 config.DeleteSecure(key);
+                 config.DeleteSecure(key);
+             }
          }},
         {"policies",
          [&] {

@@ -1,6 +1,7 @@
 // sdconfig-seal as systemd starts it: a process for each connection.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -38,6 +39,7 @@ public:
     // What comes back for these bytes, when no more follow.
     std::string answerTo(const std::string& bytes) const {
         const sd::UniqueFd socket(connectTo(path()));
+        EXPECT_TRUE(socket) << path();
         (void)::send(socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
         ::shutdown(socket.get(), SHUT_WR);
         return readToEnd(socket.get());

@@ -39,8 +39,12 @@ protected:
             test::writeFile(data / "low/10.json", textOf({{"At.Start", {"strong", 9}}, {"weak", {"d\xc3\xa9", 5}}}));
             SDConfigDmHelper::SetMachinePolicyFolders({data / "low/", data / "high"});
         });
-        SDBusSerivceManager::initSync(-1)->unregisterServiceInterface("sdconfig");
-        SDConfigService::GetInstance()->Start();  // again, as a host may
+        static const bool sIsStartedAgain = [] {  // as a host may
+            SDBusSerivceManager::initSync(-1)->unregisterServiceInterface("sdconfig");
+            SDConfigService::GetInstance()->Start();
+            return true;
+        }();
+        (void)sIsStartedAgain;
         return service;
     }
 

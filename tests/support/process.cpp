@@ -119,12 +119,14 @@ void Process::exec(const std::vector<std::string>& arguments, const Environment&
     const ExecPlan plan(arguments, environment);
     mErr = memoryFile("");
     // A fork would copy the page tables of a program that has much to replay, thousands of times.
-    mPid = check(::vfork(), "vfork");  // NOLINT(clang-analyzer-security.insecureAPI.vfork)
-    if (mPid != 0) return;
-    ::dup2(in, STDIN_FILENO);
-    ::dup2(out, STDOUT_FILENO);
-    ::dup2(mErr, STDERR_FILENO);
-    plan.exec();
+    const pid_t pid = ::vfork();  // NOLINT(clang-analyzer-security.insecureAPI.vfork)
+    if (pid == 0) {
+        ::dup2(in, STDIN_FILENO);
+        ::dup2(out, STDOUT_FILENO);
+        ::dup2(mErr, STDERR_FILENO);
+        plan.exec();
+    }
+    mPid = check(pid, "vfork");
 }
 
 Process::Process(Process&& other) noexcept

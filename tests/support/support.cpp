@@ -131,7 +131,7 @@ int socketAt(const std::string& path, int type) {
     const int made = ::socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
     if (::bind(made, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return made;
     ::close(made);
-    return -1;
+    throw std::runtime_error("no socket can be made at " + path);
 }
 
 int listenAt(const std::string& path) {

@@ -112,7 +112,7 @@ void writeScript(const std::string& path, const std::string& script);  // of the
 // Every file below the folder, with its mode and content.
 std::map<std::string, std::string> contentsOf(const std::string& folder);
 
-// Unix sockets with a name in the file system; -1 where that fails.
+// Unix sockets with a name in the file system. Who makes one throws where that fails; who connects to one gets -1.
 int socketAt(const std::string& path, int type);
 int listenAt(const std::string& path);  // in a folder that is made where it is missing, and private; throws
 bool connectSocket(int socket, const std::string& path);

@@ -391,7 +391,8 @@ std::vector<std::uint64_t> numbers(std::uint64_t all, std::uint64_t ready, const
     std::vector<std::uint64_t> chosen;
     if (const std::size_t slash = lives.find('/'); slash != std::string::npos) {
         const std::uint64_t step = std::stoull(lives.substr(slash + 1));
-        for (std::uint64_t n = std::stoull(lives); n <= all; n += step) chosen.push_back(n);
+        for (std::uint64_t n = std::min<std::uint64_t>(std::stoull(lives), all); n <= all; n += step)
+            chosen.push_back(n);
         return chosen;
     }
     std::mt19937_64 random(seed);
@@ -432,7 +433,8 @@ int liveAll(const Arguments& arguments, Lives&& lives) {
             std::cout << "the service: " << lives.said() << "\nnumber " << at << " of " << all << ", asked by "
                       << lives.watched().refusedTo() << ": " << failure.what() << "\nagain: scarcity "
                       << arguments.whose << " " << arguments.what << " " << arguments.seed << " " << at << "/" << all
-                      << std::endl;
+                      << " " << arguments.library << " " << arguments.sdconfigd << " " << arguments.client << " "
+                      << arguments.sdconfigData << std::endl;
         }
     }
     std::cout << chosen.size() << " lives, each without another one of " << all << ", " << lives.endedInSettingUp()
