@@ -284,7 +284,7 @@ TEST_F(DaemonTest, RefusesDamageAndLeavesItAsItIs) {
     const std::string soundDatabase = readFile(database);
     const std::string soundLog = readFile(log);
     std::string damaged;
-    for (const auto& [byte, told] : {std::pair(100, "32"), std::pair(3, "0")}) {
+    for (const auto& [byte, told] : {std::pair<std::size_t, const char*>(100, "32"), {3, "0"}}) {
         damaged = soundLog;
         damaged[byte] ^= 2;
         refuse(log, damaged, "the log " + log + " is damaged at byte " + told);

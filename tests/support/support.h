@@ -125,7 +125,10 @@ std::vector<std::vector<std::string>> query(const std::string& database, const s
 template <class Bytes>
 std::string hex(const Bytes& bytes) {
     std::string text;
-    for (const unsigned char byte : bytes) text.append({"0123456789abcdef"[byte >> 4], "0123456789abcdef"[byte & 15]});
+    for (const auto one : bytes) {
+        const auto byte = static_cast<unsigned char>(one);
+        text.append({"0123456789abcdef"[byte >> 4], "0123456789abcdef"[byte & 15]});
+    }
     return text;
 }
 

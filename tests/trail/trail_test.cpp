@@ -248,9 +248,9 @@ public:
 
     void tamper(Files& files, int kind) {
         std::string &text = any(files)->second, &other = any(files)->second;
-        const auto [at, size] = lineIn(text);
-        const auto [otherAt, otherSize] = lineIn(other);
-        const std::string line = text.substr(at, size), otherLine = other.substr(otherAt, otherSize);
+        const std::pair<std::size_t, std::size_t> one = lineIn(text), another = lineIn(other);
+        const std::size_t at = one.first, size = one.second;
+        const std::string line = text.substr(at, size), otherLine = other.substr(another.first, another.second);
         const std::size_t byte = below(text.size());
         const std::size_t length = std::min(1 + below(2000), text.size() - byte);
         const std::function<void()> kinds[kKinds] = {
@@ -260,7 +260,7 @@ public:
             [&] { text.insert(at, otherLine); },
             [&] {
                 text.replace(at, size, otherLine);
-                if (&text != &other) other.replace(otherAt, otherSize, line);
+                if (&text != &other) other.replace(another.first, another.second, line);
             },
             [&] { text.erase(byte, length); },
             [&] { text.replace(byte, length, length, '\0'); },
